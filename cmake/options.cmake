@@ -1,0 +1,47 @@
+# What holds for every target: language, warnings, floating point, vector backend, sanitizers, places of the output.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+# Fused means an explicit fused operation, and not fused means none.
+add_compile_options(-ffp-contract=off)
+include_directories("${PROJECT_SOURCE_DIR}")
+
+option(MORUN_SANITIZE "address and undefined-behaviour sanitizers" OFF)
+if(MORUN_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# The vector backend (source/simd): one for the whole build.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+  set(default_simd neon)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
+  set(default_simd avx2)
+else()
+  set(default_simd portable)
+endif()
+set(MORUN_SIMD "${default_simd}" CACHE STRING "vector backend: neon, avx2, portable")
+set_property(CACHE MORUN_SIMD PROPERTY STRINGS neon avx2 portable)
+if(MORUN_SIMD STREQUAL "neon")
+  add_compile_options(-march=armv8.2-a+fp16)
+  add_compile_definitions(MORUN_SIMD_NEON)
+elseif(MORUN_SIMD STREQUAL "avx2")
+  add_compile_options(-march=x86-64-v3)
+  add_compile_definitions(MORUN_SIMD_AVX2)
+elseif(MORUN_SIMD STREQUAL "portable")
+  add_compile_definitions(MORUN_SIMD_PORTABLE)
+else()
+  message(FATAL_ERROR "MORUN_SIMD is \"${MORUN_SIMD}\"; it takes neon, avx2 or portable")
+endif()
