@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "source/simd/scalar.h"
+
 namespace morun::simd {
 
 struct f32x8 {
@@ -117,7 +119,8 @@ inline void transpose_words(const std::byte* source, size_t source_pitch, std::b
 }
 inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, std::byte* destination,
                                   size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch, zip_nibbles);
+  transpose_words_with(source, source_pitch, destination, destination_pitch,
+                       [](__m256i words) { return zip_nibbles(words); });
 }
 
 }  // namespace morun::simd

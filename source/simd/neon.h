@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "source/simd/scalar.h"
+
 namespace morun::simd {
 
 struct f32x8 {

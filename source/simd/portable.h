@@ -1,10 +1,11 @@
 // The vector vocabulary in plain C++, for processors without a backend of their own and for runs under sanitizers.
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+
+#include "source/simd/scalar.h"
 
 namespace morun::simd {
 
@@ -56,33 +57,6 @@ inline f32x8 multiply_add(f32x8 a, f32x8 b, f32x8 c) {
   return c;
 }
 
-inline uint16_t narrow_bits(float x) {
-  const uint32_t bits = std::bit_cast<uint32_t>(x);
-  const uint32_t sign = (bits >> 16) & 0x8000u;
-  const uint32_t magnitude = bits & 0x7fffffffu;
-  if (magnitude > 0x7f800000u) return static_cast<uint16_t>(sign | 0x7e00u | ((magnitude >> 13) & 0x1ffu));
-  if (magnitude >= 0x477ff000u) return static_cast<uint16_t>(sign | 0x7c00u);  // 65520 and beyond
-  if (magnitude < 0x33000000u) return static_cast<uint16_t>(sign);             // below 2^-25
-  const uint32_t exponent = magnitude >> 23;
-  const uint32_t significand = (magnitude & 0x7fffffu) | 0x800000u;
-  const bool normal = exponent >= 113;  // 2^-14 and beyond
-  const uint32_t shift = normal ? 13 : 126 - exponent;
-  const uint32_t kept = significand >> shift;
-  const uint32_t dropped = significand & ((1u << shift) - 1);
-  const uint32_t half = 1u << (shift - 1);
-  const uint32_t round_up = dropped > half || (dropped == half && (kept & 1));
-  const uint32_t exponent_field = normal ? (exponent - 113) << 10 : 0;  // the significand's leading bit adds the last 1
-  return static_cast<uint16_t>(sign | (exponent_field + kept + round_up));
-}
-inline float widen_bits(uint16_t half) {
-  const uint32_t sign = (half & 0x8000u) << 16;
-  const uint32_t exponent = (half >> 10) & 0x1fu;
-  const uint32_t fraction = half & 0x3ffu;
-  if (exponent == 0x1f) return std::bit_cast<float>(sign | 0x7f800000u | (fraction ? 0x400000u | fraction << 13 : 0));
-  if (exponent != 0) return std::bit_cast<float>(sign | (exponent + 112) << 23 | fraction << 13);
-  const float magnitude = static_cast<float>(fraction) * 0x1p-24f;
-  return std::bit_cast<float>(sign | std::bit_cast<uint32_t>(magnitude));
-}
 inline f16x8 narrow(f32x8 v) {
   f16x8 r;
   for (int i = 0; i < 8; ++i) r.lane[i] = narrow_bits(v.lane[i]);
@@ -107,11 +81,6 @@ inline f16x8 unzip_odd(f16x8 a, f16x8 b) {
   return {{a.lane[1], a.lane[3], a.lane[5], a.lane[7], b.lane[1], b.lane[3], b.lane[5], b.lane[7]}};
 }
 
-inline uint32_t zip_nibbles(uint32_t word) {
-  word = (word & 0xff0000ffu) | (word & 0x00ff0000u) >> 8 | (word & 0x0000ff00u) << 8;
-  const uint32_t differing = (word ^ word >> 4) & 0x00f000f0u;
-  return word ^ differing ^ differing << 4;
-}
 template <class Map>
 inline void transpose_words_with(const std::byte* source, size_t source_pitch, std::byte* destination,
                                  size_t destination_pitch, Map map) {
@@ -130,7 +99,8 @@ inline void transpose_words(const std::byte* source, size_t source_pitch, std::b
 }
 inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, std::byte* destination,
                                   size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch, zip_nibbles);
+  transpose_words_with(source, source_pitch, destination, destination_pitch,
+                       [](uint32_t word) { return zip_nibbles(word); });
 }
 
 }  // namespace morun::simd

@@ -1,0 +1,105 @@
+// Client stub of the remote interface: packs each method's arguments into one invocation, as the table of methods says.
+#include <cerrno>
+
+#include "build/tavik_methods.h"
+#include "include/tavik_remote.h"
+
+namespace tavik::remote {
+namespace {
+
+// The marshalling routine that a failure is logged under. Methods with the same number of scalars share one.
+struct Routine {
+  const char* name;
+  int line;
+};
+
+constexpr Routine routine_of(const Method& method) {
+  if (method.count(Kind::text_out) != 0) return {"_stub_method_7", 521};
+  switch (method.n_parameters()) {
+    case 0:
+      return {"_stub_method", 300};
+    case 4:
+      return {"_stub_method_1", 320};
+    case 9:
+      return {"_stub_method_2", 365};
+    case 5:
+      return {"_stub_method_3", 386};
+    case 7:
+      return {"_stub_method_4", 409};
+    case 10:
+      return {"_stub_method_5", 435};
+    case 2:
+      return {"_stub_method_6", 453};
+  }
+  return {};
+}
+
+// A failure reaches the platform's debug log where that is present, which takes both of its entries.
+void log_failure(const Method& method, uint64_t handle, int status) {
+  if (platform_debug_log == nullptr || platform_debug_log_configure == nullptr) return;
+  constexpr int error_level = 3;
+  const Routine routine = routine_of(method);
+  const int error_number = errno;  // callers report it next
+  platform_debug_log(error_level, "build/tavik_stub", routine.line,
+                     "ERROR 0x%x: handle=0x%lx, scalar=0x%x, method ID=%d: %s failed\n", static_cast<unsigned>(status),
+                     static_cast<unsigned long>(handle), method.scalars(), static_cast<int>(method.number),
+                     routine.name);
+  errno = error_number;
+}
+
+int invoke(const Method& method, uint64_t handle, parlo_argument* arguments) {
+  const int status = parlo_handle_invoke(handle, method.scalars(), arguments);
+  if (status != KESO_SUCCESS) log_failure(method, handle, status);
+  return status;
+}
+
+template <class Arguments>
+int invoke_scalar_method(uint64_t handle, Arguments arguments) {
+  constexpr const Method& method = methods[Arguments::method];
+  if constexpr (method.primitive_in_bytes() == 0) {
+    return invoke(method, handle, nullptr);
+  } else {
+    static_assert(sizeof arguments == method.primitive_in_bytes());
+    parlo_argument primitive_in = {&arguments, sizeof arguments};
+    return invoke(method, handle, &primitive_in);
+  }
+}
+
+}  // namespace
+}  // namespace tavik::remote
+
+int tavik_open(const char* uri, uint64_t* handle) {
+  return parlo_handle_open(uri, handle);
+}
+
+int tavik_close(uint64_t handle) {
+  return parlo_handle_close(handle);
+}
+
+#define TAVIK_STUB_PARAMETER(name) , uint32_t name
+#define TAVIK_STUB_ARGUMENT(name) name,
+#define TAVIK_STUB(number, name, ...)                                                                                \
+  int tavik_##name(uint64_t handle TAVIK_FOR_EACH(TAVIK_STUB_PARAMETER, __VA_ARGS__)) {                              \
+    using Arguments = tavik::remote::name##_arguments;                                                               \
+    return tavik::remote::invoke_scalar_method(handle, Arguments{TAVIK_FOR_EACH(TAVIK_STUB_ARGUMENT, __VA_ARGS__)}); \
+  }
+TAVIK_SCALAR_METHODS(TAVIK_STUB)
+#undef TAVIK_STUB
+#undef TAVIK_STUB_ARGUMENT
+#undef TAVIK_STUB_PARAMETER
+
+int tavik_veyra_get_version(uint64_t handle, uint32_t* major, uint32_t* minor, uint32_t* patch, char* version_prerel,
+                            uint32_t version_prerel_length, uint32_t* veyra_version) {
+  uint32_t numbers[4] = {};
+  parlo_argument arguments[] = {{&version_prerel_length, sizeof version_prerel_length},
+                                {numbers, sizeof numbers},
+                                {version_prerel, version_prerel_length}};
+  const int status = tavik::remote::invoke(tavik::remote::methods[22], handle, arguments);
+  if (status != KESO_SUCCESS) return status;
+  *major = numbers[0];
+  *minor = numbers[1];
+  *patch = numbers[2];
+  if (version_prerel_length != 0) version_prerel[version_prerel_length - 1] = '\0';
+  *veyra_version = numbers[3];
+  return status;
+}

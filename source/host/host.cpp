@@ -1,0 +1,158 @@
+#include <cstdlib>
+#include <initializer_list>
+
+#include "source/host/context.h"
+#include "source/host/error.h"
+
+namespace {
+
+constexpr char reporting_file[] = "source/host/host";
+
+// Undoes what tavik_init has done so far, unless it is finished.
+class Initialisation {
+ public:
+  ~Initialisation() {
+    if (context == nullptr) return;
+    for (void** buffer : {&context->A0, &context->A1, &context->A2, &context->X}) {
+      tavik_rpcmem_free(*buffer);
+      *buffer = nullptr;  // tavik_context_free releases them too
+    }
+    // Kept: the warnings have no line end, and the first its spelling.
+    if (has_resources && tavik_veyra_ressource_release(context->session_handle[0]) != KESO_SUCCESS)
+      fprintf(stderr, "[Tavik] warning: failed to release session ressources");
+    if (context->n_sessions > 0 && tavik_close(context->session_handle[0]) != KESO_SUCCESS)
+      fprintf(stderr, "[Tavik] warning: failed to close session properly");
+    tavik_context_free(context);
+  }
+  tavik_context* finish() {
+    tavik_context* const finished = context;
+    context = nullptr;
+    return finished;
+  }
+
+  tavik_context* context = nullptr;
+  bool has_resources = false;
+};
+
+// Bytes of A0, A1, A2 and of X. X holds an activation in f16, or one in u8 with a scale and a sum for each row behind
+// it.
+struct CrossSessionSizes {
+  uint64_t A, X;
+};
+
+// False where a size is beyond what one shared buffer can have, 2^31 - 1 bytes.
+bool cross_session_sizes(const tavik_options& options, CrossSessionSizes* sizes) {
+  constexpr uint64_t limit = INT32_MAX;
+  if (options.output_matrix_size_max > limit || options.input_matrix_size_max > limit || options.n_row_max > limit)
+    return false;
+  sizes->A = 4 * options.output_matrix_size_max;
+  sizes->X = tavik_apply_padding(4 * options.n_row_max) + 2 * tavik_apply_padding(options.input_matrix_size_max) +
+             4 * options.n_row_max;
+  return sizes->A <= limit && sizes->X <= limit;
+}
+
+[[noreturn]] void end_process(int line, const char* failed_call) {
+  tavik_error_print(tavik_error_get_last());
+  fprintf(stderr, "[Tavik] error (%s, %s, line %d): %s\n", "tavik_hello_veyra", reporting_file, line, failed_call);
+  exit(1);
+}
+
+}  // namespace
+
+int32_t tavik_init(const tavik_options* options, tavik_context** output) {
+  Initialisation initialisation;
+  TAVIK_TRY(tavik_context_alloc(&initialisation.context));
+  tavik_context* const context = initialisation.context;
+  TAVIK_TRY(tavik_context_open_session(context));
+  TAVIK_TRY(TAVIK_REMOTE(30, tavik_veyra_ressource_acquire(context->session_handle[0])));
+  initialisation.has_resources = true;
+  context->active_session = 0;
+  context->tessel_locked = false;
+
+  CrossSessionSizes sizes = {};
+  if (!cross_session_sizes(*options, &sizes))
+    return TAVIK_FAIL(TAVIK_ERROR_MEMORY, 36, "options ask for a shared buffer of more than %d bytes", INT32_MAX);
+  context->A_size = sizes.A;
+  context->X_size = sizes.X;
+  context->output_matrix_size_max = options->output_matrix_size_max;
+  context->input_matrix_size_max = options->input_matrix_size_max;
+  context->n_row_max = options->n_row_max;
+
+  TAVIK_TRY(tavik_rpcmem_alloc(&context->A0, context->A_size));
+  TAVIK_TRY(tavik_rpcmem_alloc(&context->A1, context->A_size));
+  TAVIK_TRY(tavik_rpcmem_alloc(&context->A2, context->A_size));
+  TAVIK_TRY(tavik_rpcmem_alloc(&context->X, context->X_size));
+  TAVIK_TRY(tavik_rpcmem_to_fd(&context->A0_fd, context->A0));
+  TAVIK_TRY(tavik_rpcmem_to_fd(&context->A1_fd, context->A1));
+  TAVIK_TRY(tavik_rpcmem_to_fd(&context->A2_fd, context->A2));
+  TAVIK_TRY(tavik_rpcmem_to_fd(&context->X_fd, context->X));
+  const int32_t descriptors[] = {context->A0_fd, context->A1_fd, context->A2_fd, context->X_fd};
+  for (const int32_t fd : descriptors)
+    if (!tavik::is_in_descriptor_table(fd))
+      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 60, "descriptor %d too high for fd_to_session table (max: %d)", fd,
+                        TAVIK_MAX_DESCRIPTOR);
+  TAVIK_TRY(tavik_context_mmap_cross_session_buffers(context, 0));
+  for (const int32_t fd : descriptors) context->fd_to_session[fd] = 0;
+  *output = initialisation.finish();
+  return TAVIK_SUCCESS;
+}
+
+int32_t tavik_cleanup(tavik_context* context) {
+  if (!tavik::has_active_session(context)) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 86, tavik::not_initialised);
+  const uint64_t active_handle = context->session_handle[context->active_session];
+  if (context->tessel_locked && tavik_veyra_unlock_tessel(active_handle) != KESO_SUCCESS)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 93, "Failed to unlock compute resource");
+  context->tessel_locked = false;
+  if (tavik_veyra_ressource_release(active_handle) != KESO_SUCCESS)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 101, "Failed to release ressources");
+  for (uint64_t session = 0; session < context->n_sessions; ++session) {
+    TAVIK_TRY(tavik_context_munmap_cross_session_buffers(context, session));
+    if (tavik_close(context->session_handle[session]) != KESO_SUCCESS)
+      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 114, "Failed to close the handle");
+  }
+  tavik_context_free(context);
+  return TAVIK_SUCCESS;
+}
+
+int32_t tavik_lock_compute_device(tavik_context* context) {
+  if (!tavik::has_active_session(context)) return TAVIK_ERROR_FAILURE;
+  if (context->tessel_locked) return TAVIK_SUCCESS;
+  const int status = tavik_veyra_lock_tessel(context->session_handle[context->active_session]);
+  context->tessel_locked = status == KESO_SUCCESS;
+  return status;
+}
+
+int32_t tavik_unlock_compute_device(tavik_context* context) {
+  if (!tavik::has_active_session(context)) return TAVIK_ERROR_FAILURE;
+  if (!context->tessel_locked) return TAVIK_SUCCESS;
+  const int status = tavik_veyra_unlock_tessel(context->session_handle[context->active_session]);
+  context->tessel_locked = status != KESO_SUCCESS;
+  return status;
+}
+
+int32_t tavik_hello_host() {
+  fprintf(stderr, "Hello Tavik [host says answer to life, universe and everything is %d]\n", 42);
+  return TAVIK_SUCCESS;
+}
+
+int32_t tavik_hello_veyra() {
+  tavik_options* options = nullptr;
+  if (tavik_options_alloc(&options) != TAVIK_SUCCESS) end_process(172, "tavik_options_alloc(&options)");
+  tavik_context* context = nullptr;
+  if (tavik_init(options, &context) != TAVIK_SUCCESS) end_process(173, "tavik_init(options, &context)");
+
+  void* buffer = nullptr;
+  int32_t fd = -1;
+  int32_t status = tavik_buffer_alloc(context, 1, &buffer, &fd);
+  if (status == TAVIK_SUCCESS) {
+    auto* const byte = static_cast<uint8_t*>(buffer);
+    *byte = 41;
+    status = static_cast<int32_t>(tavik_npu_test(context, 1, static_cast<uint32_t>(fd)));
+    if (status == TAVIK_SUCCESS)
+      fprintf(stderr, "Hello Tavik [veyra says answer to life, universe and everything is %d]\n", *byte);
+  }
+  tavik_options_free(options);
+  tavik_buffer_free(context, fd);  // of the -1 that a failed allocation leaves, it just fails
+  tavik_cleanup(context);
+  return status;
+}

@@ -1,0 +1,30 @@
+#include "source/host/kernels/size_check.h"
+
+#include "source/host/error.h"
+
+namespace tavik {
+namespace {
+
+constexpr char reporting_file[] = "source/host/kernels";
+constexpr char too_large[] = "Dimension(s) too large (see tavik_options to adapt)";
+
+}  // namespace
+
+int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
+  if (n_col % tile_cols != 0)
+    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Column dimension not multiple of %zu", size_t{tile_cols});
+  if (n_inner % tile_cols != 0)
+    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Inner dimension not multiple of %zu", size_t{tile_cols});
+  if (n_row * n_col > context->output_matrix_size_max || n_row * n_inner > context->input_matrix_size_max ||
+      n_row > context->n_row_max)
+    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, too_large);
+  return TAVIK_SUCCESS;
+}
+
+int32_t cross_session_size_check(const tavik_context* context, uint64_t activation_bytes, uint64_t result_bytes) {
+  if (activation_bytes <= context->X_size && result_bytes <= context->A_size) return TAVIK_SUCCESS;
+  tavik_set_error(TAVIK_ERROR_BAD_DIMENSION, "mm_size_check", reporting_file, __LINE__, too_large);
+  return TAVIK_ERROR_BAD_DIMENSION;
+}
+
+}  // namespace tavik

@@ -1,0 +1,149 @@
+#include "source/host/util/blocks.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "source/host/util/scratch.h"
+
+namespace tavik {
+namespace {
+
+// A permutation of the places 0 to size - 1: place `to` of the transpose of an n_row x n_col matrix takes from
+// source_of(to).
+struct Transposition {
+  uint64_t n_row, n_col;
+  uint64_t size() const { return n_row * n_col; }
+  uint64_t source_of(uint64_t to) const { return to % n_row * n_col + to / n_row; }
+};
+
+// Each cycle is walked from its lowest place alone, which is found by walking: slower than with a note of the places
+// done, but without memory.
+bool is_lowest_of_its_cycle(const Transposition& transposition, uint64_t place) {
+  uint64_t other = transposition.source_of(place);
+  while (other > place) other = transposition.source_of(other);
+  return other == place;
+}
+
+// Moves bytes [offset, offset + length) of every unit.
+void follow_cycles(const Transposition& transposition, size_t unit, size_t offset, size_t length, std::byte* data) {
+  std::byte held[64];
+  const auto slice = [&](uint64_t place) { return data + place * unit + offset; };
+  for (uint64_t first = 0; first < transposition.size(); ++first) {
+    if (!is_lowest_of_its_cycle(transposition, first)) continue;
+    memcpy(held, slice(first), length);
+    uint64_t to = first;
+    for (uint64_t from = transposition.source_of(to); from != first; from = transposition.source_of(to)) {
+      memcpy(slice(to), slice(from), length);
+      to = from;
+    }
+    memcpy(slice(to), held, length);
+  }
+}
+
+// The four widths of elements as constants, so that a unit's copy is one instruction where it can be.
+template <class Body>
+void with_constant_size(size_t size, Body body) {
+  switch (size) {
+    case 1:
+      return body([] { return size_t{1}; });
+    case 2:
+      return body([] { return size_t{2}; });
+    case 4:
+      return body([] { return size_t{4}; });
+    default:
+      return body([size] { return size; });
+  }
+}
+
+uint64_t divide_up(uint64_t value, uint64_t divisor) {
+  return value / divisor + (value % divisor != 0);
+}
+
+// Copies block after block of one band of rows into place: `rows` rows at a pitch of `pitch` elements, from blocks of
+// which the last may have its right part outside.
+void copy_band_out_of_blocks(uint64_t rows, uint64_t pitch, uint64_t block_rows, uint64_t block_cols, size_t width,
+                             const std::byte* blocks, std::byte* band) {
+  for (uint64_t column = 0; column < pitch; column += block_cols) {
+    const size_t length = std::min(block_cols, pitch - column) * width;
+    for (uint64_t row = 0; row < rows; ++row)
+      memcpy(band + (row * pitch + column) * width, blocks + row * block_cols * width, length);
+    blocks += block_rows * block_cols * width;
+  }
+}
+
+}  // namespace
+
+void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
+  if (n_row < 2 || n_col < 2) return;
+  const Scratch scratch(n_row * n_col * unit);
+  if (!scratch) {
+    const Transposition transposition{n_row, n_col};
+    for (size_t offset = 0; offset < unit; offset += 64)
+      follow_cycles(transposition, unit, offset, std::min<size_t>(64, unit - offset), data);
+    return;
+  }
+  with_constant_size(unit, [&](auto size) {
+    std::byte* to = scratch.bytes();
+    for (uint64_t column = 0; column < n_col; ++column) {
+      for (uint64_t row = 0; row < n_row; ++row) {
+        memcpy(to, data + (row * n_col + column) * size(), size());
+        to += size();
+      }
+    }
+  });
+  memcpy(data, scratch.bytes(), n_row * n_col * unit);
+}
+
+// A band of block_rows rows and the same band of blocks occupy the same bytes: the band's rows, cut into pieces of
+// block_cols elements, are transposed.
+void block_linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, size_t width,
+                     std::byte* data) {
+  if (block_rows == 0 || block_cols == 0) return;
+  const uint64_t n_block_cols = n_col / block_cols;
+  const size_t piece = block_cols * width;
+  const size_t band_bytes = block_rows * n_block_cols * piece;
+  for (uint64_t band = 0; band < n_row / block_rows; ++band)
+    transpose_units(block_rows, n_block_cols, piece, data + band * band_bytes);
+
+  // The rows left over keep the places of a whole band, as far as those lie inside the array.
+  const uint64_t rows_left = n_row % block_rows;
+  if (rows_left == 0 || n_block_cols == 0) return;
+  std::byte* const rest = data + n_row / block_rows * band_bytes;
+  const size_t rest_bytes = n_row * n_col * width - n_row / block_rows * band_bytes;
+  const Scratch scratch(rest_bytes);
+  if (!scratch) return;
+  memcpy(scratch.bytes(), rest, rest_bytes);
+  for (uint64_t row = 0; row < rows_left; ++row) {
+    for (uint64_t column = 0; column < n_block_cols; ++column) {
+      const size_t place = (column * block_rows + row) * piece;
+      if (place >= rest_bytes) break;
+      memcpy(rest + place, scratch.bytes() + (row * n_block_cols + column) * piece,
+             std::min(piece, rest_bytes - place));
+    }
+  }
+}
+
+void block_unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, size_t width,
+                       std::byte* data) {
+  if (block_rows == 0 || block_cols == 0 || n_row == 0 || n_col == 0) return;
+  const uint64_t n_block_cols = divide_up(n_col, block_cols);
+  const size_t blocks_bytes = block_rows * n_block_cols * block_cols * width;
+  const size_t band_bytes = block_rows * n_col * width;
+  const Scratch scratch(std::min(block_rows, n_row) * n_col * width);
+  for (uint64_t first_row = 0, band = 0; first_row < n_row; first_row += block_rows, ++band) {
+    const uint64_t rows = std::min(block_rows, n_row - first_row);
+    std::byte* const blocks = data + band * blocks_bytes;
+    std::byte* const to = data + band * band_bytes;
+    if (scratch) {
+      copy_band_out_of_blocks(rows, n_col, block_rows, block_cols, width, blocks, scratch.bytes());
+      memcpy(to, scratch.bytes(), rows * n_col * width);
+      continue;
+    }
+    // Padding and all, then the rows close up; the padding of the blocks is not kept.
+    transpose_units(n_block_cols, block_rows, block_cols * width, blocks);
+    for (uint64_t row = 0; row < rows; ++row)
+      memmove(to + row * n_col * width, blocks + row * n_block_cols * block_cols * width, n_col * width);
+  }
+}
+
+}  // namespace tavik

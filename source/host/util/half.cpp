@@ -1,0 +1,96 @@
+#include "include/tavik.h"
+#include "source/simd/simd.h"
+
+namespace {
+
+namespace simd = morun::simd;
+
+constexpr size_t tile_side = 32;
+constexpr size_t tile_elements = tile_side * tile_side;
+// Writing past the caches pays once source and destination no longer fit them, and costs before.
+constexpr uint64_t streaming_bytes = 24u << 20;
+
+bool should_stream(uint64_t n_row, uint64_t n_col, const void* dst) {
+  return 6 * n_row * n_col >= streaming_bytes && reinterpret_cast<uintptr_t>(dst) % 32 == 0 && n_col % 8 == 0;
+}
+
+// Calls body(row, tile, is_pair) for each pair of rows of each whole tile, one pair of rows after the other, so that
+// the rows are read or written in their order; is_pair is false for an odd last row.
+template <class Body>
+void for_each_row_pair(uint64_t n_row, uint64_t n_col, Body body) {
+  for (uint64_t row = 0; row < n_row; row += 2)
+    for (uint64_t tile = 0; tile < n_col / tile_side; ++tile) body(row, tile, row + 1 < n_row);
+}
+
+// Where the interleaved values of a row pair start in the tiles.
+uint64_t place_of_pair(uint64_t row, uint64_t tile, uint64_t n_col) {
+  return (row / tile_side * (n_col / tile_side) + tile) * tile_elements + row % tile_side * tile_side;
+}
+
+template <bool streaming>
+void put(uint16_t* p, simd::f16x8 v) {
+  if constexpr (streaming) return simd::store_streaming(p, v);
+  simd::store(p, v);
+}
+template <bool streaming>
+void put(float* p, simd::f32x8 v) {
+  if constexpr (streaming) return simd::store_streaming(p, v);
+  simd::store(p, v);
+}
+
+template <bool streaming>
+void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* dst) {
+  static constexpr float zeros[tile_side] = {};
+  for_each_row_pair(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
+    const float* const even = src + row * n_col + tile * tile_side;
+    const float* const odd = is_pair ? even + n_col : zeros;
+    uint16_t* const pair = dst + place_of_pair(row, tile, n_col);
+    for (size_t i = 0; i < tile_side; i += 8) {
+      const simd::f16x8 a = simd::narrow(simd::load(even + i)), b = simd::narrow(simd::load(odd + i));
+      put<streaming>(pair + 2 * i, simd::zip_low(a, b));
+      put<streaming>(pair + 2 * i + 8, simd::zip_high(a, b));
+    }
+  });
+  if constexpr (streaming) simd::fence_streaming();
+}
+
+template <bool streaming>
+void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst) {
+  for_each_row_pair(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
+    const uint16_t* const pair = src + place_of_pair(row, tile, n_col);
+    float* const even = dst + row * n_col + tile * tile_side;
+    // Whole cache lines of one row, then of the other.
+    for (size_t i = 0; i < tile_side; i += 16) {
+      const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
+      const simd::f16x8 c = simd::load(pair + 2 * i + 16), d = simd::load(pair + 2 * i + 24);
+      put<streaming>(even + i, simd::widen(simd::unzip_even(a, b)));
+      put<streaming>(even + i + 8, simd::widen(simd::unzip_even(c, d)));
+      if (!is_pair) continue;
+      put<streaming>(even + n_col + i, simd::widen(simd::unzip_odd(a, b)));
+      put<streaming>(even + n_col + i + 8, simd::widen(simd::unzip_odd(c, d)));
+    }
+  });
+  if constexpr (streaming) simd::fence_streaming();
+}
+
+}  // namespace
+
+void tavik_f32_to_f16(uint64_t count, const float* src, uint16_t* dst) {
+  uint64_t i = 0;
+  for (; i + 8 <= count; i += 8) simd::store(dst + i, simd::narrow(simd::load(src + i)));
+  for (; i < count / 4 * 4; ++i) dst[i] = simd::narrow_bits(src[i]);
+}
+
+void tavik_f16_to_f32(uint64_t count, const uint16_t* src, float* dst) {
+  for (uint64_t i = 0; i + 8 <= count; i += 8) simd::store(dst + i, simd::widen(simd::load(src + i)));
+}
+
+void tavik_f32_rm_to_f16_ah(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* dst) {
+  if (should_stream(n_row, n_col, dst)) return rows_to_tiles<true>(n_row, n_col, src, dst);
+  rows_to_tiles<false>(n_row, n_col, src, dst);
+}
+
+void tavik_f16_ah_to_f32_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst) {
+  if (should_stream(n_row, n_col, dst)) return tiles_to_rows<true>(n_row, n_col, src, dst);
+  tiles_to_rows<false>(n_row, n_col, src, dst);
+}

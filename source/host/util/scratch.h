@@ -1,0 +1,26 @@
+// Working memory for one call of a conversion; conversions report nothing, so they ask whether they got it.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace tavik {
+
+class Scratch {
+ public:
+  explicit Scratch(size_t size)
+      : bytes_(static_cast<std::byte*>(aligned_alloc(line, (size + line - 1) / line * line))) {}
+  ~Scratch() { free(bytes_); }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+
+  std::byte* bytes() const { return bytes_; }
+  explicit operator bool() const { return bytes_ != nullptr; }
+
+  static constexpr size_t line = 64;  // a line of the caches
+
+ private:
+  std::byte* bytes_;
+};
+
+}  // namespace tavik
