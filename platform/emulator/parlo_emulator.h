@@ -42,7 +42,7 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_DSP_MISALIGNED = 0x403,    /* an offset is not a multiple of the element size */
   PARLO_EMULATOR_DSP_BAD_DIMENSION = 0x404, /* a dimension is not a multiple of the tile */
   PARLO_EMULATOR_DSP_NO_AX = 0x405,         /* the cross-session buffers are not handed over, or handed over twice */
-  PARLO_EMULATOR_DSP_NO_RESOURCE = 0x406,   /* resources not acquired, or acquired twice */
+  PARLO_EMULATOR_DSP_NO_RESOURCE = 0x406,   /* resources not acquired */
   PARLO_EMULATOR_DSP_NOT_LOCKED = 0x407,    /* the session does not hold the matrix unit */
   PARLO_EMULATOR_DSP_BUSY = 0x408           /* another session holds the matrix unit */
 } parlo_emulator_status;
@@ -88,7 +88,8 @@ typedef enum parlo_emulator_operation {
   PARLO_EMULATOR_HANDLE_INVOKE,   /* handle, scalars word, then the words of the primitive input buffer */
   PARLO_EMULATOR_HANDLE_CLOSE,    /* handle */
   PARLO_EMULATOR_HANDLE_CONTROL,  /* request, domain, attribute, capability answered */
-  PARLO_EMULATOR_SESSION_CONTROL, /* request, session id or domain id, its answer or the enable flag; text: name */
+  PARLO_EMULATOR_SESSION_CONTROL, /* request, session id or domain id, its answer or the enable flag; text: the
+                                      name given, or the URI answered */
   PARLO_EMULATOR_SYSTEM_REQUEST,  /* type, capacity, count answered */
   PARLO_EMULATOR_MEM_ALLOC,       /* heap id, flags, size, address */
   PARLO_EMULATOR_MEM_ALLOC2,      /* heap id, flags, size, address */
@@ -102,6 +103,7 @@ typedef enum parlo_emulator_operation {
 } parlo_emulator_operation;
 
 #define PARLO_EMULATOR_MAX_ARGUMENTS 12
+#define PARLO_EMULATOR_TRACE_CAPACITY 65536 /* older calls are counted but no longer there to be read */
 
 typedef struct parlo_emulator_call {
   int32_t operation;    /* parlo_emulator_operation */

@@ -1,0 +1,69 @@
+// parlo_emulator_*: limits, usage, trace, faults.
+#include "platform/emulator/client/platform.h"
+
+using namespace parlo::client;
+
+void parlo_emulator_get_config(parlo_emulator_config* config) {
+  const PlatformLock lock(platform().mutex);
+  *config = platform().config;
+}
+
+void parlo_emulator_set_config(const parlo_emulator_config* config) {
+  const PlatformLock lock(platform().mutex);
+  platform().config = *config;
+}
+
+void parlo_emulator_get_usage(parlo_emulator_usage* usage) {
+  const Platform& p = platform();
+  const PlatformLock lock(platform().mutex);
+  *usage = {.n_allocations = p.memory.n_allocations(),
+            .n_bytes = p.memory.n_bytes(),
+            .n_sessions = p.sessions.n_sessions(),
+            .n_handles = p.sessions.n_handles(),
+            .n_mappings = p.sessions.n_mappings()};
+}
+
+size_t parlo_emulator_trace_length(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().trace.length();
+}
+
+int parlo_emulator_trace_get(size_t index, parlo_emulator_call* call) {
+  const PlatformLock lock(platform().mutex);
+  const parlo_emulator_call* recorded = platform().trace.at(index);
+  if (!recorded) return -1;
+  *call = *recorded;
+  return 0;
+}
+
+void parlo_emulator_trace_clear(void) {
+  const PlatformLock lock(platform().mutex);
+  platform().trace.clear();
+}
+
+void parlo_emulator_fail(int32_t operation, int32_t method, uint32_t nth, int32_t status, int32_t error_number) {
+  const PlatformLock lock(platform().mutex);
+  platform().fault.arm(operation, method, nth, {status, error_number});
+}
+
+uint32_t parlo_emulator_faults_fired(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().fault.n_fired();
+}
+
+void parlo_emulator_clear_fault(void) {
+  const PlatformLock lock(platform().mutex);
+  platform().fault.clear();
+}
+
+void parlo_emulator_reset(void) {
+  Platform& p = platform();
+  const PlatformLock lock(p.mutex);
+  p.sessions.end_all();
+  p.memory.release_all();
+  p.trace.clear();
+  p.trace.choose_output();
+  p.fault = Fault();
+  p.log_filter = LogFilter();
+  p.config = default_config();
+}

@@ -1,0 +1,57 @@
+#include "platform/emulator/client/status.h"
+
+#include <cerrno>
+
+#include "platform/emulator/parlo_emulator.h"
+
+namespace parlo::client {
+namespace {
+
+int error_of(int32_t status) {
+  switch (status) {
+    case 0:
+      return 0;
+    case PARLO_EMULATOR_UNSUPPORTED_DOMAIN:
+      return ENODEV;
+    case PARLO_EMULATOR_NO_SUCH_MODULE:
+    case PARLO_EMULATOR_NOT_MAPPED:
+      return ENOENT;
+    case PARLO_EMULATOR_NO_SUCH_SESSION:
+      return ESRCH;
+    case PARLO_EMULATOR_SESSION_OPEN:
+    case PARLO_EMULATOR_DSP_BUSY:
+      return EBUSY;
+    case PARLO_EMULATOR_NO_MORE_SESSIONS:
+      return EAGAIN;
+    case PARLO_EMULATOR_UNSIGNED_REFUSED:
+      return EACCES;
+    case PARLO_EMULATOR_BAD_HANDLE:
+    case PARLO_EMULATOR_UNKNOWN_DESCRIPTOR:
+      return EBADF;
+    case PARLO_EMULATOR_NOT_IMPLEMENTED:
+      return ENOSYS;
+    case PARLO_EMULATOR_ALREADY_MAPPED:
+      return EEXIST;
+    case PARLO_EMULATOR_ADDRESS_SPACE_FULL:
+      return ENOMEM;
+    case PARLO_EMULATOR_DSP_NOT_MAPPED:
+      return EFAULT;
+    case PARLO_EMULATOR_DSP_OUT_OF_RANGE:
+      return ERANGE;
+    case PARLO_EMULATOR_DSP_NO_AX:
+    case PARLO_EMULATOR_DSP_NO_RESOURCE:
+      return ENXIO;
+    case PARLO_EMULATOR_DSP_NOT_LOCKED:
+      return EPERM;
+    default:
+      return EINVAL;
+  }
+}
+
+}  // namespace
+
+Outcome outcome_of(int32_t status) {
+  return {status, error_of(status)};
+}
+
+}  // namespace parlo::client

@@ -1,0 +1,17 @@
+// URIs of the DSP module: "file:///libtavik_skel.so?tavik_skel_handle_invoke&_modver=1.0&_dom=cdsp&_session=1". The
+// last option is left out for session 0.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace parlo::client {
+
+// `module_uri` completed with the compute domain and a session.
+std::string session_uri(std::string_view module_uri, uint32_t session_id);
+
+// Finds the session that a URI opens the module in; returns a status.
+int32_t parse_uri(std::string_view uri, uint32_t& session_id);
+
+}  // namespace parlo::client

@@ -1,0 +1,45 @@
+// The seam between the client half and the DSP half: one module instance a session, known by its handle.
+//
+// Only plain data and descriptors cross it, so that the DSP half could live in a process of its own. Every function may
+// be called from any thread and returns a status of parlo_emulator.h; none but invoke takes longer than a mapping.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/parlo.h"
+
+namespace parlo::dsp {
+
+struct Module {
+  uint64_t address_space_bytes;
+  uint32_t major, minor, patch;
+  uint32_t architecture;
+  char label[32];
+};
+
+// Shared memory as its session knows it. Descriptor and address may come back for other memory after a free; `memory`
+// never does.
+struct SharedBuffer {
+  uint64_t memory;
+  int32_t descriptor;
+  uint64_t address;  // on the host: a name here, never followed
+  uint64_t length;
+};
+
+void open(uint64_t handle, const Module& module);
+
+// Ends the session with its mappings, resources and reservation; what a call that still runs works on, goes when that
+// call has returned.
+void close(uint64_t handle);
+
+// The session makes a view of its own, which outlives the memory's release on the host.
+int32_t map(uint64_t handle, const SharedBuffer& buffer);
+
+// Takes back the youngest mapping with this descriptor and address: of memory that is still there, if it is mapped,
+// else of released memory.
+int32_t unmap(uint64_t handle, int32_t descriptor, uint64_t address, uint64_t length);
+
+// Runs one method and blocks until it has returned.
+int32_t invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments);
+
+}  // namespace parlo::dsp

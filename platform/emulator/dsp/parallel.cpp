@@ -1,0 +1,28 @@
+#include "platform/emulator/dsp/parallel.h"
+
+#include <sched.h>
+
+#include <algorithm>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace parlo::dsp {
+
+size_t n_processors() {
+  cpu_set_t mask;
+  if (sched_getaffinity(0, sizeof mask, &mask) != 0) return std::max(1u, std::thread::hardware_concurrency());
+  return static_cast<size_t>(std::max(1, CPU_COUNT(&mask)));
+}
+
+void run_on_threads(size_t n_thread, const std::function<void()>& worker) {
+  std::vector<std::jthread> threads;
+  threads.reserve(n_thread);
+  try {
+    while (threads.size() + 1 < n_thread) threads.emplace_back(worker);
+  } catch (const std::system_error&) {  // no more threads to be had: those at hand do it all
+  }
+  worker();
+}
+
+}  // namespace parlo::dsp

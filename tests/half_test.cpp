@@ -1,0 +1,132 @@
+// Half precision: the conversions of single values by classes, and the fused converters against their definitions.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+#include "include/tavik.h"
+#include "tests/data.h"
+
+namespace {
+
+uint16_t narrow(float value) {
+  const float in[4] = {value, value, value, value};
+  uint16_t out[4];
+  tavik_f32_to_f16(4, in, out);
+  return out[3];
+}
+float widen(uint16_t half) {
+  const uint16_t in[8] = {half, half, half, half, half, half, half, half};
+  float out[8];
+  tavik_f16_to_f32(8, in, out);
+  return out[7];
+}
+// By the format's definition: sign, 5 bits of exponent with bias 15, 10 bits of fraction.
+double value_of(uint16_t half) {
+  const int exponent = half >> 10 & 31, fraction = half & 1023;
+  const double magnitude = exponent == 0 ? std::ldexp(fraction, -24) : std::ldexp(1024 + fraction, exponent - 25);
+  return half & 0x8000 ? -magnitude : magnitude;
+}
+
+TEST(Half, EveryPatternWidensExactly) {
+  for (uint32_t pattern = 0; pattern <= 0xffff; ++pattern) {
+    const auto half = static_cast<uint16_t>(pattern);
+    const float wide = widen(half);
+    if ((half & 0x7fff) > 0x7c00) {  // NaN: sign and payload stay, the quiet bit is set
+      ASSERT_EQ(std::bit_cast<uint32_t>(wide), (half & 0x8000u) << 16 | 0x7fc00000u | (half & 0x3ffu) << 13);
+      ASSERT_EQ(narrow(wide), half | 0x200);
+      continue;
+    }
+    if ((half & 0x7fff) == 0x7c00)
+      ASSERT_EQ(std::isinf(wide), true);
+    else
+      ASSERT_EQ(wide, value_of(half));
+    ASSERT_EQ(std::signbit(wide), (half & 0x8000) != 0);
+    ASSERT_EQ(narrow(wide), half);
+  }
+}
+
+// Every point half-way between two neighbours, subnormals and the step to infinity included, and the floats next to it.
+TEST(Half, NarrowingRoundsToNearestEven) {
+  for (uint16_t lower = 0; lower < 0x7c00; ++lower) {
+    const auto upper = static_cast<uint16_t>(lower + 1);
+    const auto middle = static_cast<float>(0.5 * (value_of(lower) + (upper == 0x7c00 ? 65536.0 : value_of(upper))));
+    for (const int sign : {0, 0x8000}) {
+      const float tie = sign ? -middle : middle;
+      ASSERT_EQ(narrow(tie), sign | (lower % 2 == 0 ? lower : upper));
+      ASSERT_EQ(narrow(std::nextafterf(tie, 0)), sign | lower);
+      ASSERT_EQ(narrow(std::nextafterf(tie, tie * 2)), sign | upper);
+    }
+  }
+  EXPECT_EQ(narrow(3e38f), 0x7c00);
+  EXPECT_EQ(narrow(1e-45f), 0);
+  EXPECT_EQ(narrow(std::bit_cast<float>(0xff800001u)), 0xfe00);  // signalling NaN
+}
+
+TEST(Half, CountsAreTakenInWholeGroups) {
+  const std::vector<float> floats(40, 1.0f);
+  const std::vector<uint16_t> halves(40, 0x3c00);
+  for (uint64_t count = 0; count <= 40; ++count) {
+    std::vector<uint16_t> narrowed(40, 7);
+    std::vector<float> widened(40, 7);
+    tavik_f32_to_f16(count, floats.data(), narrowed.data());
+    tavik_f16_to_f32(count, halves.data(), widened.data());
+    for (uint64_t i = 0; i < 40; ++i) {
+      ASSERT_EQ(narrowed[i], i < count / 4 * 4 ? 0x3c00 : 7) << count;
+      ASSERT_EQ(widened[i], i < count / 8 * 8 ? 1.0f : 7.0f) << count;
+    }
+  }
+}
+
+uint64_t place(uint64_t r, uint64_t c, uint64_t n_col) {
+  return (r / 32 * (n_col / 32) + c / 32) * 1024 + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
+}
+
+// Small and odd shapes, and one large enough to be written past the caches.
+TEST(FusedConverters, TileWholeColumnsAndPairAnOddRowWithZeros) {
+  test::Random random(5);
+  const std::pair<uint64_t, uint64_t> shapes[] = {{0, 32},  {1, 32},  {2, 32}, {31, 64},  {32, 96},    {33, 32},
+                                                  {64, 64}, {97, 48}, {5, 31}, {3, 1056}, {1500, 2816}};
+  for (const auto& [n_row, n_col] : shapes) {
+    SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
+    const uint64_t whole = n_col / 32 * 32, tiles = (n_row + 31) / 32 * (n_col / 32) * 1024;
+    const std::vector<float> matrix = random.values(n_row * n_col);
+    std::vector<uint16_t> expected(tiles + 64, 0xeeee), converted = expected;
+    for (uint64_t r = 0; r < n_row; ++r)
+      for (uint64_t c = 0; c < whole; ++c) {
+        expected[place(r, c, n_col)] = narrow(matrix[r * n_col + c]);
+        if (r + 1 == n_row && r % 2 == 0) expected[place(r, c, n_col) + 1] = 0;
+      }
+    tavik_f32_rm_to_f16_ah(n_row, n_col, matrix.data(), converted.data());
+    EXPECT_TRUE(converted == expected);
+
+    std::vector<float> back(n_row * n_col + 64, -7), expected_back = back;
+    for (uint64_t r = 0; r < n_row; ++r)
+      for (uint64_t c = 0; c < whole; ++c) expected_back[r * n_col + c] = widen(expected[place(r, c, n_col)]);
+    tavik_f16_ah_to_f32_rm(n_row, n_col, converted.data(), back.data());
+    EXPECT_TRUE(back == expected_back);
+  }
+}
+
+// One digest over large inputs of every class for every conversion; the same on every platform and vector backend.
+TEST(HalfDigest, IsTheSameEverywhere) {
+  test::Random random(6);
+  const uint64_t n_row = 255, n_col = 1024;
+  std::vector<uint16_t> halves = random.any<uint16_t>(256 * n_col);
+  std::vector<float> floats = random.any<float>(n_row * n_col);  // mostly far outside the range of halves
+  for (size_t i = 0; i < floats.size(); i += 2)
+    floats[i] = std::ldexp(random.value(), static_cast<int>(i / 2 % 48) - 30);
+  std::vector<float> widened(n_row * n_col);
+  tavik_f16_to_f32(widened.size(), halves.data(), widened.data());
+  uint64_t digest = test::digest(widened);
+  tavik_f16_ah_to_f32_rm(n_row, n_col, halves.data(), widened.data());
+  digest = test::digest(widened, digest);
+  tavik_f32_to_f16(floats.size(), floats.data(), halves.data());
+  digest = test::digest(halves, digest);
+  tavik_f32_rm_to_f16_ah(n_row, n_col, floats.data(), halves.data());
+  digest = test::digest(halves, digest);
+  RecordProperty("digest", std::to_string(digest));
+  EXPECT_EQ(digest, 7869082167231399355u);
+}
+
+}  // namespace

@@ -1,0 +1,313 @@
+// Block rearrangements and tiled layouts against their definitions, with scratch memory and without.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+#include "include/tavik.h"
+#include "tests/data.h"
+
+namespace {
+
+bool memory_is_short = false;
+
+}  // namespace
+
+// Stands before the C library's for this program and the libraries it loads.
+extern "C" void* aligned_alloc(size_t alignment, size_t size) {
+  void* block = nullptr;
+  if (memory_is_short || posix_memalign(&block, alignment, size) != 0) return nullptr;
+  return block;
+}
+
+namespace {
+
+using Size = uint64_t;
+
+// A matrix whose elements may be undefined.
+template <class T>
+struct Element {
+  T value;
+  bool is_defined;
+};
+template <class T>
+using Elements = std::vector<Element<T>>;
+
+template <class T>
+Elements<T> defined(const std::vector<T>& values) {
+  Elements<T> elements;
+  for (const T v : values) elements.push_back({v, true});
+  return elements;
+}
+
+template <class T>
+void expect_elements(const Elements<T>& expected, const std::vector<T>& values) {
+  size_t wrong = 0;
+  for (size_t i = 0; i < expected.size(); ++i)
+    wrong += expected[i].is_defined && memcmp(&expected[i].value, &values[i], sizeof(T)) != 0;
+  EXPECT_EQ(wrong, 0u);
+}
+
+// The definitions, element by element. What lies outside the array is dropped, what nothing defines is left undefined.
+template <class T>
+void linearize(Size n_row, Size n_col, Size block_rows, Size block_cols, Elements<T>& data) {
+  Elements<T> out(n_row * n_col, {T{}, false});
+  const Size nb = n_col / block_cols;
+  for (Size r = 0; r < n_row; ++r)
+    for (Size j = 0; j < nb; ++j)
+      for (Size k = 0; k < block_cols; ++k) {
+        const Size to = ((r / block_rows * nb + j) * block_rows + r % block_rows) * block_cols + k;
+        if (to < out.size()) out[to] = data[r * nb * block_cols + j * block_cols + k];
+      }
+  std::copy(out.begin(), out.end(), data.begin());
+}
+template <class T>
+void unlinearize(Size n_row, Size n_col, Size block_rows, Size block_cols, Elements<T>& data) {
+  Elements<T> out(n_row * n_col);
+  const Size nbc = (n_col + block_cols - 1) / block_cols;
+  for (Size r = 0; r < n_row; ++r)
+    for (Size c = 0; c < n_col; ++c)
+      out[r * n_col + c] =
+          data[((r / block_rows * nbc + c / block_cols) * block_rows + r % block_rows) * block_cols + c % block_cols];
+  std::copy(out.begin(), out.end(), data.begin());
+}
+template <class T>
+void transpose(Size n_row, Size n_col, Elements<T>& data) {
+  const Elements<T> in = data;
+  for (Size r = 0; r < n_row; ++r)
+    for (Size c = 0; c < n_col; ++c) data[c * n_row + r] = in[r * n_col + c];
+}
+
+class Layouts : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override { memory_is_short = GetParam(); }
+  void TearDown() override { memory_is_short = false; }
+  test::Random random_{1};
+};
+INSTANTIATE_TEST_SUITE_P(, Layouts, testing::Bool(), [](const auto& variant) {
+  return std::string(variant.param ? "WithoutScratch" : "WithScratch");
+});
+
+struct Blocks {
+  Size n_row, n_col, block_rows, block_cols;
+};
+
+template <class T>
+void check_family(test::Random& random, void (*linearize_member)(Size, Size, Size, Size, T*),
+                  void (*unlinearize_member)(Size, Size, Size, Size, T*), void (*transpose_member)(Size, Size, T*)) {
+  const Blocks cases[] = {{64, 96, 32, 32}, {12, 20, 4, 5}, {7, 9, 7, 9},  {30, 30, 1, 30},   {30, 30, 30, 1},
+                          {0, 8, 2, 2},     {8, 0, 2, 2},   {8, 22, 2, 4}, {64, 300, 16, 100}};
+  for (const Blocks& b : cases) {
+    SCOPED_TRACE(testing::Message() << b.n_row << " x " << b.n_col << " in " << b.block_rows << " x " << b.block_cols);
+    std::vector<T> data = random.any<T>(b.n_row * b.n_col);
+    Elements<T> expected = defined(data);
+    linearize(b.n_row, b.n_col, b.block_rows, b.block_cols, expected);
+    linearize_member(b.n_row, b.n_col, b.block_rows, b.block_cols, data.data());
+    expect_elements(expected, data);
+
+    expected = defined(data);
+    transpose(b.n_row, b.n_col, expected);
+    transpose_member(b.n_row, b.n_col, data.data());
+    expect_elements(expected, data);
+  }
+  // Edge blocks are whole in the source and cut in the result; what lies past the result stays while scratch can be
+  // had.
+  const Blocks edges[] = {{64, 96, 32, 32}, {7, 9, 4, 4},     {8, 9, 4, 4}, {7, 8, 4, 4},
+                          {3, 3, 5, 5},     {33, 70, 16, 64}, {0, 4, 2, 2}};
+  for (const Blocks& b : edges) {
+    SCOPED_TRACE(testing::Message() << b.n_row << " x " << b.n_col << " from " << b.block_rows << " x "
+                                    << b.block_cols);
+    const Size blocks_down = (b.n_row + b.block_rows - 1) / b.block_rows;
+    const Size blocks_across = (b.n_col + b.block_cols - 1) / b.block_cols;
+    std::vector<T> data = random.any<T>(blocks_down * blocks_across * b.block_rows * b.block_cols);
+    Elements<T> expected = defined(data);
+    unlinearize(b.n_row, b.n_col, b.block_rows, b.block_cols, expected);
+    unlinearize_member(b.n_row, b.n_col, b.block_rows, b.block_cols, data.data());
+    if (memory_is_short) expected.resize(b.n_row * b.n_col);
+    expect_elements(expected, data);
+  }
+}
+
+TEST_P(Layouts, BlockFamiliesFollowTheirDefinitions) {
+#define CHECK_FAMILY(suffix)                                                                            \
+  check_family(random_, tavik_matrix_block_linearize_##suffix, tavik_matrix_block_unlinearize_##suffix, \
+               tavik_matrix_transpose_##suffix)
+  CHECK_FAMILY(i8);
+  CHECK_FAMILY(u8);
+  CHECK_FAMILY(f16);
+  CHECK_FAMILY(i32);
+  CHECK_FAMILY(u32);
+  CHECK_FAMILY(f32);
+}
+
+TEST(Blocks, DropWhatFallsOutsideTheArray) {
+  test::Random random(2);
+  for (const Blocks& b :
+       {Blocks{3, 4, 2, 1}, Blocks{33, 20, 16, 3}, Blocks{5, 7, 8, 2}, Blocks{3, 4, 0, 1}, Blocks{3, 4, 1, 0}}) {
+    const size_t size = b.n_row * b.n_col;
+    std::vector<uint16_t> data = random.any<uint16_t>(size + 64);
+    const std::vector<uint16_t> before = data;
+    Elements<uint16_t> expected = defined(std::vector<uint16_t>(data.begin(), data.begin() + static_cast<long>(size)));
+    if (b.block_rows != 0 && b.block_cols != 0) linearize(b.n_row, b.n_col, b.block_rows, b.block_cols, expected);
+    tavik_matrix_block_linearize_f16(b.n_row, b.n_col, b.block_rows, b.block_cols, data.data());
+    expect_elements(expected, data);
+    EXPECT_TRUE(
+        std::equal(before.begin() + static_cast<long>(size), before.end(), data.begin() + static_cast<long>(size)));
+  }
+}
+
+// Each tiled layout: its converter, where element (r, c) of an R x C matrix goes, and the steps that it is made of
+// elsewhere.
+template <class T>
+struct Layout {
+  const char* name;
+  void (*converter)(Size, Size, T*);
+  Size (*place)(Size r, Size c, Size n_col);
+  void (*steps)(Size, Size, Elements<T>&);
+  Size column_multiple;
+};
+
+template <class T>
+void check_layout(test::Random& random, const Layout<T>& layout) {
+  SCOPED_TRACE(layout.name);
+  const Size rows[] = {0, 32, 64, 96, 33, 31, 48, 2};
+  const Size columns[] = {32, 64, 96, 416, 34, 36, 33, 2, 1056};
+  for (const Size n_row : rows) {
+    for (const Size n_col : columns) {
+      SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
+      std::vector<T> data = random.any<T>(n_row * n_col);
+      Elements<T> expected = defined(data);
+      const bool is_regular = n_row % 32 == 0 && n_col % layout.column_multiple == 0;
+      if (is_regular)
+        for (Size i = 0; i < data.size(); ++i) expected[layout.place(i / n_col, i % n_col, n_col)] = {data[i], true};
+      else if (memory_is_short)
+        continue;  // what the steps leave undefined may differ there
+      else
+        layout.steps(n_row, n_col, expected);
+      layout.converter(n_row, n_col, data.data());
+      expect_elements(expected, data);
+    }
+  }
+}
+
+// The start of the band and tile, then the place inside: of ah, whose tiles take whole 32 columns, and of the wh forms,
+// in which a group of columns is 32 * group contiguous elements.
+Size place_in_ah(Size r, Size c, Size n_col) {
+  return (r / 32 * (n_col / 32) + c / 32) * 1024 + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
+}
+template <Size group>
+Size place_in_wh(Size r, Size c, Size n_col) {
+  return r / 32 * 32 * n_col + c / group * group * 32 + r % 32 * group + c % group;
+}
+
+const Layout<uint16_t> ah = {"ah", tavik_f16_rm_to_f16_ah_inplace, place_in_ah,
+                             [](Size n_row, Size n_col, Elements<uint16_t>& data) {
+                               linearize(n_row, n_col, 2, 1, data);
+                               Elements<uint16_t> pairs(data.begin(),
+                                                        data.begin() + static_cast<long>(n_row / 2 * 2 * n_col));
+                               linearize(n_row / 2, 2 * n_col, 16, 64, pairs);
+                               std::copy(pairs.begin(), pairs.end(), data.begin());
+                             },
+                             32};
+
+TEST_P(Layouts, TilesAreWhereTheirFormulasSay) {
+  check_layout(random_, ah);
+  const auto wh_steps = [](Size group, Size n_row, Size n_col, auto& data) {
+    transpose(n_row, n_col, data);
+    linearize(n_col, n_row, group, 1, data);
+    auto groups = data;
+    groups.resize(n_col / group * group * n_row);
+    if (!groups.empty()) linearize(n_col / group, group * n_row, n_col / group, 32 * group, groups);
+    std::copy(groups.begin(), groups.end(), data.begin());
+  };
+  static const auto steps = wh_steps;
+  check_layout(random_, Layout<uint16_t>{"wh f16", tavik_f16_rm_to_f16_wh_inplace, place_in_wh<2>,
+                                         [](Size r, Size c, Elements<uint16_t>& data) { steps(2, r, c, data); }, 2});
+  check_layout(random_, Layout<int8_t>{"wh i8", tavik_i8_rm_to_i8_wh_inplace, place_in_wh<4>,
+                                       [](Size r, Size c, Elements<int8_t>& data) { steps(4, r, c, data); }, 4});
+}
+
+TEST_P(Layouts, ActivationTilesConvertBack) {
+  for (const auto& [n_row, n_col] : {std::pair<Size, Size>{32, 32}, {96, 1056}, {64, 64}}) {
+    const std::vector<uint16_t> matrix = random_.any<uint16_t>(n_row * n_col);
+    std::vector<uint16_t> data = matrix;
+    tavik_f16_rm_to_f16_ah_inplace(n_row, n_col, data.data());
+    EXPECT_NE(data, matrix);
+    tavik_f16_ah_to_f16_rm_inplace(n_row, n_col, data.data());
+    EXPECT_EQ(data, matrix);
+  }
+  // A partial band and a partial column of tiles: the inverses of the steps.
+  const Size n_row = 40, n_col = 48;
+  std::vector<uint16_t> data = random_.any<uint16_t>(64 * 64);
+  Elements<uint16_t> expected = defined(data);
+  unlinearize(n_row / 2, 2 * n_col, 16, 64, expected);
+  unlinearize(n_row, n_col, 2, 1, expected);
+  expected.resize(n_row * n_col);
+  tavik_f16_ah_to_f16_rm_inplace(n_row, n_col, data.data());
+  expect_elements(expected, data);
+}
+
+TEST_P(Layouts, FourBitTilesArePackedAndPadded) {
+  for (const auto& [n_row, n_col] : {std::pair<Size, Size>{32, 32}, {64, 96}, {1, 8}, {33, 40}, {70, 1056}, {31, 64}}) {
+    SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
+    const Size tiles_down = (n_row + 31) / 32, tiles_across = (n_col + 31) / 32;
+    std::vector<uint32_t> data = random_.any<uint32_t>(tiles_down * tiles_across * 128);  // the room behind is not zero
+    std::vector<uint8_t> expected(tiles_down * tiles_across * 512), transposed(n_row * n_col);
+    for (Size r = 0; r < n_row; ++r)
+      for (Size c = 0; c < n_col; ++c) {
+        const uint32_t nibble = data[(r * n_col + c) / 8] >> 4 * (c % 8) & 15u;
+        const Size byte = (r / 32 * tiles_across + c / 32) * 512 + c % 32 / 8 * 128 + r % 32 * 4 + c % 4;
+        expected[byte] = static_cast<uint8_t>(expected[byte] | nibble << (c % 8 < 4 ? 0 : 4));
+        transposed[c * n_row + r] = static_cast<uint8_t>(nibble | 0xa0u);  // upper bits are not looked at
+      }
+    std::vector<uint8_t> tiles(expected.size(), 0xee);
+    tavik_host_layout_w4_flat_to_weight(tiles.data(), transposed.data(), n_col, n_row);
+    EXPECT_EQ(tiles, expected);
+    tavik_i4_rm_to_i4_wh_inplace(n_row, n_col, data.data());
+    EXPECT_EQ(memcmp(data.data(), expected.data(), expected.size()), 0);
+  }
+}
+
+TEST(Blocks, OfFourByEight) {
+  test::Random random(3);
+  std::vector<uint16_t> data = random.any<uint16_t>(12 * 24);
+  Elements<uint16_t> expected = defined(data);
+  linearize(12, 24, 4, 8, expected);
+  tavik_f16_cm_to_f16_zb_inplace(12, 24, data.data());
+  expect_elements(expected, data);
+}
+
+TEST(Sizes, RoundUp) {
+  struct Case {
+    Size value, alignment, result;
+  };
+  for (const Case& c : {Case{0, 64, 0}, {65, 64, 128}, {64, 64, 64}, {7, 0, 0}, {7, 3, 9}})
+    EXPECT_EQ(tavik_align_offset(c.value, c.alignment), c.result);
+  for (const auto& [size, padded] : {std::pair<Size, Size>{0, 0}, {1, 2048}, {2048, 2048}, {2049, 4096}})
+    EXPECT_EQ(tavik_apply_padding(size), padded);
+}
+
+// One digest over large random inputs for every layout conversion; the same on every platform and vector backend.
+TEST(LayoutDigest, IsTheSameEverywhere) {
+  test::Random random(4);
+  const Size n_row = 256, n_col = 1024;
+  std::vector<uint16_t> halves = random.any<uint16_t>(n_row * n_col);
+  std::vector<int8_t> bytes = random.any<int8_t>(n_row * n_col);
+  std::vector<uint32_t> nibbles = random.any<uint32_t>(n_row * n_col / 8);
+  uint64_t digest = test::digest(halves);
+  const auto add = [&](const auto& values) { digest = test::digest(values, digest); };
+  for (const auto convert : {tavik_f16_rm_to_f16_ah_inplace, tavik_f16_rm_to_f16_wh_inplace,
+                             tavik_f16_ah_to_f16_rm_inplace, tavik_f16_cm_to_f16_zb_inplace}) {
+    convert(n_row, n_col, halves.data());
+    add(halves);
+  }
+  tavik_i8_rm_to_i8_wh_inplace(n_row, n_col, bytes.data());
+  add(bytes);
+  tavik_i4_rm_to_i4_wh_inplace(n_row, n_col, nibbles.data());
+  add(nibbles);
+  RecordProperty("digest", std::to_string(digest));
+  EXPECT_EQ(digest, 12137786945476436927u);
+}
+
+}  // namespace

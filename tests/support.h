@@ -1,0 +1,114 @@
+// What the tests of the runtime share: a fresh platform for each test, and the check that each gives everything back.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "include/tavik.h"
+#include "platform/emulator/parlo_emulator.h"
+
+namespace test {
+
+inline size_t open_descriptors() {
+  const std::filesystem::directory_iterator entries("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+inline parlo_emulator_usage usage() {
+  parlo_emulator_usage usage;
+  parlo_emulator_get_usage(&usage);
+  return usage;
+}
+
+inline void configure(auto change) {
+  parlo_emulator_config config;
+  parlo_emulator_get_config(&config);
+  change(config);
+  parlo_emulator_set_config(&config);
+}
+
+// The trace since the last reset or clear without lines logged; invocations as the number of their method, other calls
+// by name.
+inline std::vector<std::string> trace() {
+  std::vector<std::string> names;
+  parlo_emulator_call call;
+  for (size_t i = 0; parlo_emulator_trace_get(i, &call) == 0; ++i) {
+    if (call.operation == PARLO_EMULATOR_DEBUG_LOG) continue;
+    names.push_back(call.method >= 0 ? std::to_string(call.method) : parlo_emulator_operation_name(call.operation));
+  }
+  return names;
+}
+
+// The arguments of the last invocation behind handle and scalars word.
+inline std::vector<uint64_t> last_invocation() {
+  std::vector<uint64_t> arguments;
+  parlo_emulator_call call;
+  for (size_t i = 0; parlo_emulator_trace_get(i, &call) == 0; ++i)
+    if (call.operation == PARLO_EMULATOR_HANDLE_INVOKE)
+      arguments.assign(call.arguments + 2, call.arguments + call.n_arguments);
+  return arguments;
+}
+
+// The last error as "code function file line: message"; line 0 stands for any.
+inline std::string last_error(bool with_line = true) {
+  const tavik_error& error = *tavik_error_get_last();
+  return std::to_string(error.code) + " " + error.function + " " + error.file + " " +
+         std::to_string(with_line ? error.line : 0) + ": " + error.message;
+}
+
+inline std::string printed_by(auto print) {
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* const stream = open_memstream(&text, &size);
+  print(stream);
+  fclose(stream);
+  const std::string printed(text, size);
+  free(text);
+  return printed;
+}
+
+class PlatformTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    parlo_emulator_reset();
+    descriptors_ = open_descriptors();
+  }
+  void TearDown() override {
+    const parlo_emulator_usage left = usage();
+    EXPECT_EQ(left.n_allocations, 0u);
+    EXPECT_EQ(left.n_mappings, 0u);
+    EXPECT_EQ(left.n_handles, 0u);
+    EXPECT_EQ(left.n_sessions, 0u);
+    EXPECT_EQ(open_descriptors(), descriptors_);
+    parlo_emulator_reset();
+  }
+
+  static tavik_options small_options() {
+    return {.output_matrix_size_max = 1 << 16, .n_row_max = 256, .input_matrix_size_max = 1 << 16, .reserved = 0};
+  }
+  static tavik_context* initialise(const tavik_options& options = small_options()) {
+    tavik_context* context = nullptr;
+    EXPECT_EQ(tavik_init(&options, &context), TAVIK_SUCCESS) << last_error();
+    return context;
+  }
+  static void clean_up(tavik_context* context) { EXPECT_EQ(tavik_cleanup(context), TAVIK_SUCCESS) << last_error(); }
+
+  static int32_t allocate(tavik_context* context, uint64_t size, void** pointer = nullptr) {
+    int32_t fd = -1;
+    EXPECT_EQ(tavik_buffer_alloc(context, size, pointer, &fd), TAVIK_SUCCESS) << last_error();
+    return fd;
+  }
+  static void release(tavik_context* context, int32_t fd) {
+    EXPECT_EQ(tavik_buffer_free(context, fd), TAVIK_SUCCESS) << last_error();
+  }
+
+ private:
+  size_t descriptors_ = 0;
+};
+
+}  // namespace test
