@@ -43,8 +43,7 @@
 extern "C" {
 #endif
 
-/* ---- Error record ---------------------------------------------------------------------------------------------------
- */
+/* ---- Error record ---- */
 
 enum {
   TAVIK_SUCCESS = 0,
@@ -74,8 +73,7 @@ const tavik_error* tavik_error_get_last(void);
  * standard error. Returns what fprintf does. */
 int tavik_error_print(const tavik_error* error);
 
-/* ---- Options
- * --------------------------------------------------------------------------------------------------------- */
+/* ---- Options ---- */
 
 /* The largest matrices that a context will ever hand to the DSP; tavik_init sizes its buffers by them. In elements. */
 typedef struct tavik_options {
@@ -93,8 +91,7 @@ void tavik_options_print(FILE* stream, const tavik_options* options);
 /* NULL is allowed. The record may be freed right after tavik_init. */
 void tavik_options_free(tavik_options* options);
 
-/* ---- Context
- * ---------------------------------------------------------------------------------------------------------- */
+/* ---- Context ---- */
 
 enum { TAVIK_MAX_SESSIONS = 4, TAVIK_MAX_BUFFERS = 32, TAVIK_MAX_DESCRIPTOR = 1023, TAVIK_SESSION_NAME_SIZE = 256 };
 
@@ -179,8 +176,7 @@ int32_t tavik_context_get_session_from_fd(tavik_context* context, int32_t fd, ui
  * tavik_init. */
 int32_t tavik_context_get_handle_from_fd(tavik_context* context, int32_t fd, uint64_t* handle);
 
-/* ---- Shared buffers
- * ----------------------------------------------------------------------------------------------------- */
+/* ---- Shared buffers ---- */
 
 /* Allocates `size` bytes that the DSP sees too and maps them into the first session that has room, opening one more
  * when none has. `pointer` receives the address and `fd` the descriptor by which the products know the buffer; either
@@ -192,8 +188,7 @@ int32_t tavik_buffer_alloc(tavik_context* context, uint64_t size, void** pointer
 /* Unmaps and frees it. Status 1 when `fd` is not such a buffer, or when the DSP refuses; the buffer then stays. */
 int32_t tavik_buffer_free(tavik_context* context, int32_t fd);
 
-/* ---- Memory
- * --------------------------------------------------------------------------------------------------------------- */
+/* ---- Memory ---- */
 
 /* Heap memory of `size` bytes, stored in `*pointer`; size 0 stores NULL. Status 1 for a NULL location, 3 without
  * memory. */
@@ -216,8 +211,7 @@ int32_t tavik_rpcmem_to_fd(int32_t* fd, const void* pointer);
 int32_t tavik_rpcmem_mmap(int32_t fd, void* pointer, uint64_t size);
 int32_t tavik_rpcmem_munmap(int32_t fd, void* pointer, uint64_t size);
 
-/* ---- Layouts
- * ---------------------------------------------------------------------------------------------------------------- */
+/* ---- Layouts ---- */
 
 /* The conversions below check nothing, report nothing and cannot fail: where scratch memory cannot be had they work
  * without, slower. */
@@ -290,8 +284,7 @@ void tavik_host_layout_flat_to_w4_tile32x32(uint8_t* dst, const uint8_t* src);
  * tiles, the index of the row of tiles running fastest; edge tiles are padded with zero. */
 void tavik_host_layout_w4_flat_to_weight(uint8_t* dst, const uint8_t* src, uint64_t n_row, uint64_t n_col);
 
-/* ---- Half precision
- * ----------------------------------------------------------------------------------------------------------- */
+/* ---- Half precision ---- */
 
 /* IEEE 754 binary32 to binary16: round to nearest, ties to even; overflow to infinity; subnormals kept; NaN stays NaN,
  * quiet. Whole groups of four are converted, the last count % 4 elements of `dst` are left alone. */
@@ -306,9 +299,7 @@ void tavik_f32_rm_to_f16_ah(uint64_t n_row, uint64_t n_col, const float* src, ui
 /* The inverse, for results: n_row rows at a pitch of n_col; columns past the last whole tile are not written. */
 void tavik_f16_ah_to_f32_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst);
 
-/* ---- Products
- * -------------------------------------------------------------------------------------------------------------------
- */
+/* ---- Products ---- */
 
 /* C = X * W, X being n_row x n_inner and W n_inner x n_col. n_col and n_inner are multiples of 32; n_row is any number
  * up to the options' n_row_max. A name gives type and layout of the result, the activation and the weights, in this

@@ -87,8 +87,7 @@ int tavik_veyra_test(uint64_t handle, uint32_t size, uint32_t v_fd);
 int tavik_veyra_get_version(uint64_t handle, uint32_t* major, uint32_t* minor, uint32_t* patch, char* version_prerel,
                             uint32_t version_prerel_length, uint32_t* veyra_version);
 
-/* ---- Description of the interface, for tools; the library itself does not read it ----------------------------------
- */
+/* ---- Description of the interface, for tools; the library itself does not read it ---- */
 
 typedef enum tavik_slim_type {
   TAVIK_SLIM_STRING = 0, /* address and length of a NUL-terminated text */

@@ -28,7 +28,7 @@ extern "C" {
 
 #define KESO_SUCCESS 0
 
-/* ---- Modules on the DSP ------------------------------------------------------------------------------------------ */
+/* ---- Modules on the DSP ---- */
 
 /* One buffer of a remote call: address and length in bytes. Input buffers come first in the array, then outputs. */
 typedef struct parlo_argument {
@@ -55,7 +55,7 @@ int parlo_handle_invoke(uint64_t handle, uint32_t scalars, parlo_argument* argum
  * reservation of the matrix unit go with it. */
 int parlo_handle_close(uint64_t handle);
 
-/* ---- Sessions ---------------------------------------------------------------------------------------------------- */
+/* ---- Sessions ---- */
 
 /* `record` is one of the records below, of exactly `size` bytes. */
 int parlo_session_control(uint32_t request, void* record, uint32_t size);
@@ -99,7 +99,7 @@ typedef struct parlo_session_effective_domain {
   uint32_t effective_domain_id; /* out */
 } parlo_session_effective_domain;
 
-/* ---- Queries ----------------------------------------------------------------------------------------------------- */
+/* ---- Queries ---- */
 
 /* `record` is the record of `request`, of exactly `size` bytes. */
 PARLO_OPTIONAL int parlo_handle_control(uint32_t request, void* record, uint32_t size);
@@ -157,7 +157,7 @@ typedef struct parlo_system_domains {
 
 PARLO_OPTIONAL int parlo_system_request(parlo_system_domains* record);
 
-/* ---- Shared memory ----------------------------------------------------------------------------------------------- */
+/* ---- Shared memory ---- */
 
 /* Memory that host and DSP both can map; NULL on failure. `size` is in bytes. */
 void* parlo_mem_alloc(int heap_id, uint32_t flags, int32_t size);
@@ -175,7 +175,7 @@ int parlo_mmap(int domain, int fd, void* address, int offset, uint64_t length, i
 /* Undoes it; `address` and `length` are those of the mapping. */
 int parlo_munmap(int domain, int fd, void* address, uint64_t length);
 
-/* ---- Runtime debug log ------------------------------------------------------------------------------------------- */
+/* ---- Runtime debug log ---- */
 
 /* Writes one line to the platform's log. The facility counts as present only where both of its entries are. */
 PARLO_OPTIONAL void platform_debug_log(int level, const char* file, int line, const char* format, ...)

@@ -15,8 +15,7 @@
 extern "C" {
 #endif
 
-/* ---- Statuses of the emulator's own refusals, one for each cause ---------------------------------------------------
- */
+/* ---- Statuses of the emulator's own refusals, one for each cause ---- */
 
 typedef enum parlo_emulator_status {
   PARLO_EMULATOR_BAD_ARGUMENT = 0x0e,       /* a NULL pointer, a record of the wrong size, an unknown request */
@@ -47,8 +46,7 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_DSP_BUSY = 0x408           /* another session holds the matrix unit */
 } parlo_emulator_status;
 
-/* ---- Limits and answers --------------------------------------------------------------------------------------------
- */
+/* ---- Limits and answers ---- */
 
 typedef struct parlo_emulator_config {
   uint64_t session_bytes;    /* address space of one session; default 3 GiB */
@@ -67,8 +65,7 @@ void parlo_emulator_get_config(parlo_emulator_config* config);
 /* Counts for whatever is opened, mapped or allocated from now on. */
 void parlo_emulator_set_config(const parlo_emulator_config* config);
 
-/* ---- What is alive -------------------------------------------------------------------------------------------------
- */
+/* ---- What is alive ---- */
 
 typedef struct parlo_emulator_usage {
   uint64_t n_allocations; /* shared buffers not freed */
@@ -80,8 +77,7 @@ typedef struct parlo_emulator_usage {
 
 void parlo_emulator_get_usage(parlo_emulator_usage* usage);
 
-/* ---- Trace ---------------------------------------------------------------------------------------------------------
- */
+/* ---- Trace ---- */
 
 typedef enum parlo_emulator_operation {
   PARLO_EMULATOR_HANDLE_OPEN,     /* arguments: none; text: URI; a success stores the handle as argument 0 */
@@ -122,8 +118,7 @@ void parlo_emulator_trace_clear(void);
 /* The name of an operation as its function is called, such as "parlo_mmap". */
 const char* parlo_emulator_operation_name(int32_t operation);
 
-/* ---- Faults --------------------------------------------------------------------------------------------------------
- */
+/* ---- Faults ---- */
 
 /* Makes the nth call (1 is the next one; 0: every call) of `operation` fail: it does nothing, sets errno to
  * `error_number` and returns `status`, or NULL or -1 where it returns no status. `method` narrows an invoke to one
