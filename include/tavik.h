@@ -19,10 +19,12 @@
  *   wh, f16   weights: 32 x 32 tiles in the same order; in a tile each pair of columns is interleaved row by row:
  *             ((c % 32) / 2) * 64 + (r % 32) * 2 + c % 2
  *   wh, i8    the same with groups of four columns: ((c % 32) / 4) * 128 + (r % 32) * 4 + c % 4
- *   wh, i4    32 x 32 tiles of 512 bytes in the same order; element (r, c) is in byte ((c % 32) / 8) * 128 + (r % 32) *
- * 4 + c % 4 of its tile, in the low nibble when c % 8 < 4, else in the high one; edge tiles are padded with zero ah,
- * 8-bit and 32-bit 64 x 32 tiles, row-major inside, row of tiles after row of tiles zb        4 x 8 blocks, row-major
- * inside, row of blocks after row of blocks
+ *   wh, i4    32 x 32 tiles of 512 bytes in the same order; element (r, c) is in byte
+ *             ((c % 32) / 8) * 128 + (r % 32) * 4 + c % 4 of its tile, in the low nibble when c % 8 < 4, else in the
+ *             high one; edge tiles are padded with zero
+ *   ah, 8-bit and 32-bit
+ *             64 x 32 tiles, row-major inside, row of tiles after row of tiles
+ *   zb        4 x 8 blocks, row-major inside, row of blocks after row of blocks
  *
  * f16 is IEEE 754 binary16, held as its 16-bit pattern in a uint16_t. i4 in row-major order stands eight to a 32-bit
  * little-endian word, the first in the least significant nibble.
@@ -261,11 +263,12 @@ void tavik_matrix_transpose_u32(uint64_t n_row, uint64_t n_col, uint32_t* data);
 void tavik_matrix_transpose_f32(uint64_t n_row, uint64_t n_col, float* data);
 
 /* In place between row-major and the tiled layouts. n_row and n_col are multiples of 32 (wh: n_col of 2 for f16, of 4
- * for i8); other shapes give what the generic calls of which the layout is made give: ah         block linearize
- * (n_row, n_col, 2, 1), then (n_row / 2, 2 * n_col, 16, 64); back: the inverses in reverse order wh, f16    transpose;
- * block linearize (n_col, n_row, 2, 1), then (n_col / 2, 2 * n_row, n_col / 2, 64) wh, i8     transpose; block
- * linearize (n_col, n_row, 4, 1), then (n_col / 4, 4 * n_row, n_col / 4, 128) zb         block linearize (n_row, n_col,
- * 4, 8), of the array as stored */
+ * for i8); other shapes give what the generic calls of which the layout is made give:
+ *   ah       block linearize (n_row, n_col, 2, 1), then (n_row / 2, 2 * n_col, 16, 64);
+ *            back: the inverses in reverse order
+ *   wh, f16  transpose; block linearize (n_col, n_row, 2, 1), then (n_col / 2, 2 * n_row, n_col / 2, 64)
+ *   wh, i8   transpose; block linearize (n_col, n_row, 4, 1), then (n_col / 4, 4 * n_row, n_col / 4, 128)
+ *   zb       block linearize (n_row, n_col, 4, 8), of the array as stored */
 void tavik_f16_rm_to_f16_ah_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data);
 void tavik_f16_ah_to_f16_rm_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data);
 void tavik_f16_rm_to_f16_wh_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data);

@@ -7,10 +7,11 @@
 // F16C, and plain C++. The build defines exactly one of MORUN_SIMD_NEON, MORUN_SIMD_AVX2 and MORUN_SIMD_PORTABLE.
 //
 //   load, store               unaligned
-//   store_streaming           past the caches; the address is a multiple of the vector's size; fence_streaming() at the
-//   end broadcast, add, multiply  one rounding each multiply_add(a, b, c)     a * b + c for products that are exact in
-//   f32 (those of two halves are), so that it makes no
-//                             difference whether a backend fuses
+//   store_streaming           past the caches; the address is a multiple of the vector's size; fence_streaming() at
+//                             the end
+//   broadcast, add, multiply  one rounding each
+//   multiply_add(a, b, c)     a * b + c for products that are exact in f32 (those of two halves are), so that it makes
+//                             no difference whether a backend fuses
 //   narrow                    f32 to f16, nearest even; overflow to infinity; subnormals kept; NaN quieted, its upper
 //                             payload bits kept
 //   widen                     f16 to f32, exact; a signalling NaN is quieted
