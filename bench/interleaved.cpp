@@ -1,0 +1,65 @@
+#include "bench/interleaved.h"
+
+#include <benchmark/benchmark.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace bench {
+namespace {
+
+constexpr double least_seconds = 0.010;
+
+double thread_seconds() {
+  timespec time;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+}
+
+// Between the values around it where the place is not a whole one. `sorted` is not empty.
+double quantile(const std::vector<double>& sorted, double fraction) {
+  const double place = fraction * static_cast<double>(sorted.size() - 1);
+  const auto below = static_cast<size_t>(place);
+  const size_t above = std::min(below + 1, sorted.size() - 1);
+  return std::lerp(sorted[below], sorted[above], place - static_cast<double>(below));
+}
+
+}  // namespace
+
+Interleaved::Interleaved(Work work)
+    : operation_(calls_for(std::move(work.operation))), yardstick_(calls_for(std::move(work.yardstick.run))) {}
+
+Round Interleaved::next_round() const {
+  if (!yardstick_.call) return {seconds_per_call(operation_), 0};
+  const double before = seconds_per_call(yardstick_);
+  const double operation = seconds_per_call(operation_);
+  const double after = seconds_per_call(yardstick_);
+  return {operation, (before + after) / 2};
+}
+
+Interleaved::Calls Interleaved::calls_for(std::function<void()> call) {
+  if (!call) return {};
+  Calls calls{std::move(call), 1};
+  double fastest = seconds_per_call(calls);
+  for (int again = 0; again < 3; ++again) fastest = std::min(fastest, seconds_per_call(calls));
+  calls.count = static_cast<size_t>(std::ceil(least_seconds / std::max(fastest, 1e-8)));
+  return calls;
+}
+
+double Interleaved::seconds_per_call(const Calls& calls) {
+  const double start = thread_seconds();
+  for (size_t i = 0; i < calls.count; ++i) {
+    calls.call();
+    benchmark::ClobberMemory();
+  }
+  return (thread_seconds() - start) / static_cast<double>(calls.count);
+}
+
+Quartiles quartiles(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return {quantile(values, 0.25), quantile(values, 0.5), quantile(values, 0.75)};
+}
+
+}  // namespace bench

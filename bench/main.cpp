@@ -1,0 +1,134 @@
+// morun_bench: one table of the library's operations, each as a ratio to a yardstick.
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <sched.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <fstream>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "bench/row.h"
+#include "bench/table.h"
+#include "bench/yardsticks.h"
+
+namespace {
+
+struct Arguments {
+  std::string filter;
+  std::string json;
+  int n_round = 9;
+};
+
+std::string regex_error_text(const std::string& pattern) try {
+  const std::regex regex(pattern);
+  return {};
+} catch (const std::regex_error& error) {
+  return error.what();
+}
+
+void add_arguments(CLI::App& app, Arguments& arguments) {
+  app.add_option("--filter", arguments.filter, "measure only the rows in whose names this regular expression occurs")
+      ->type_name("REGEX")
+      ->check(CLI::Validator(regex_error_text, ""));
+  app.add_option("--rounds", arguments.n_round, "rounds a row, 9 or more")
+      ->type_name("N")
+      ->check(CLI::Range(9, 10000))
+      ->capture_default_str();
+  app.add_option("--json", arguments.json, "write the measurements there too, in Google Benchmark's format")
+      ->type_name("FILE");
+}
+
+std::vector<bench::Row> chosen_rows(const std::string& filter) {
+  std::vector<bench::Row> rows;
+  for (const auto& group : {bench::conversion_rows(), bench::product_rows(), bench::lifecycle_rows()})
+    rows.insert(rows.end(), group.begin(), group.end());
+  const std::regex regex(filter);
+  std::erase_if(rows, [&](const bench::Row& row) { return !std::regex_search(row.name, regex); });
+  return rows;
+}
+
+// Pins the process to the processor it is on, and returns that.
+int pin() {
+  const int processor = sched_getcpu();
+  cpu_set_t mask;
+  CPU_ZERO(&mask);
+  CPU_SET(processor, &mask);
+  if (sched_setaffinity(0, sizeof mask, &mask) != 0)
+    throw std::system_error(errno, std::generic_category(), "sched_setaffinity");
+  return processor;
+}
+
+std::string processor_name() {
+  std::ifstream file("/proc/cpuinfo");
+  for (std::string line; std::getline(file, line);)
+    if (line.starts_with("model name")) return line.substr(line.find(':') + 2);
+  return "of unknown name";
+}
+
+void describe(const std::string& key, const std::string& value) {
+  fmt::print("{:<10} {}\n", key, value);
+  benchmark::AddCustomContext(key, value);
+}
+
+// `flags` must live until the end: Google Benchmark keeps a pointer to the first.
+void start_google_benchmark(std::vector<std::string>& flags) {
+  std::vector<char*> pointers;
+  for (std::string& flag : flags) pointers.push_back(flag.data());
+  int n_flag = static_cast<int>(pointers.size());
+  benchmark::Initialize(&n_flag, pointers.data());
+}
+
+// Rows that were registered are measured and printed; false when one of them failed.
+bool print_table(size_t name_width) {
+  bench::Table table(name_width);
+  benchmark::RunSpecifiedBenchmarks(&table);
+  return !table.any_error();
+}
+
+int run(const Arguments& arguments) {
+  const std::vector<bench::Row> rows = chosen_rows(arguments.filter);
+  if (rows.empty()) throw std::runtime_error("no row matches the filter");
+
+  std::vector<std::string> flags = {"morun_bench"};
+  if (!arguments.json.empty()) flags.push_back("--benchmark_out=" + arguments.json);
+  start_google_benchmark(flags);
+
+  const int processor = pin();
+  describe("processor",
+           fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, MORUN_SIMD_NAME));
+  describe("sgemm", bench::openblas_description());
+  describe("ratio", fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds",
+                                arguments.n_round));
+  fmt::print("\n");
+
+  size_t name_width = 0;
+  for (const bench::Row& row : rows) {
+    name_width = std::max(name_width, row.name.size());
+    benchmark::RegisterBenchmark(row.name.c_str(), [&row](benchmark::State& state) { bench::measure(row, state); })
+        ->Iterations(arguments.n_round)
+        ->UseManualTime();
+  }
+  return print_table(name_width) ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int n_argument, char** argument) {
+  CLI::App app{"Times the library's operations against yardsticks, on one thread", "bench"};
+  Arguments arguments;
+  add_arguments(app, arguments);
+  CLI11_PARSE(app, n_argument, argument);
+  try {
+    return run(arguments);
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "bench: {}\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,27 @@
+#include "bench/memory.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+namespace bench {
+
+void fill(void* data, size_t n_byte) {
+  auto* const halves = static_cast<uint16_t*>(data);
+  uint32_t state = 1;
+  for (size_t i = 0; i < n_byte / sizeof(uint16_t); ++i) {
+    state = state * 1664525 + 1013904223;
+    halves[i] = static_cast<uint16_t>(0x3c00 | (state >> 16 & 0x83ff));
+  }
+}
+
+std::shared_ptr<std::byte> filled_memory(size_t n_byte) {
+  constexpr size_t page = 4096;
+  const size_t whole_pages = (n_byte + page - 1) / page * page;
+  std::shared_ptr<std::byte> memory(static_cast<std::byte*>(std::aligned_alloc(page, whole_pages)), std::free);
+  if (!memory) throw std::bad_alloc();
+  fill(memory.get(), whole_pages);
+  return memory;
+}
+
+}  // namespace bench

@@ -1,0 +1,33 @@
+// The measurements of a row as Google Benchmark's counters, and the table that they are printed in.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "bench/interleaved.h"
+#include "bench/row.h"
+
+namespace bench {
+
+// Measures in rounds, an iteration each. A failing operation becomes an error of the run.
+void measure(const Row& row, benchmark::State& state);
+
+// Prints a line a row as it is done.
+class Table : public benchmark::BenchmarkReporter {
+ public:
+  explicit Table(size_t name_width) : name_width_(name_width) {}
+
+  bool ReportContext(const Context& context) override;
+  void ReportRuns(const std::vector<Run>& runs) override;
+
+  bool any_error() const { return any_error_; }
+
+ private:
+  void print(const Run& run);
+
+  size_t name_width_;
+  bool any_error_ = false;
+};
+
+}  // namespace bench
