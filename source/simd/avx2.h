@@ -62,11 +62,87 @@ inline f32x8 widen(f16x8 a) {
   return {_mm256_cvtph_ps(a.v)};
 }
 
+// A sum and a product of halves rounded to f32 and then to f16 are those rounded once.
+inline f16x8 add(f16x8 a, f16x8 b) {
+  return narrow(add(widen(a), widen(b)));
+}
+inline f16x8 multiply(f16x8 a, f16x8 b) {
+  return narrow(multiply(widen(a), widen(b)));
+}
+// The vector form of add_to_odd.
+inline f16x8 multiply_add(f16x8 a, f16x8 b, f16x8 c) {
+  const __m256 product = _mm256_mul_ps(widen(a).v, widen(b).v), addend = widen(c).v;  // the product is exact
+  const __m256 sum = _mm256_add_ps(product, addend);
+  const __m256 of_addend = _mm256_sub_ps(sum, product), of_product = _mm256_sub_ps(sum, of_addend);
+  const __m256 rest = _mm256_add_ps(_mm256_sub_ps(product, of_product), _mm256_sub_ps(addend, of_addend));
+  const __m256i inexact = _mm256_castps_si256(_mm256_cmp_ps(rest, _mm256_setzero_ps(), _CMP_NEQ_OQ));
+  const __m256i past = _mm256_and_si256(inexact, _mm256_srai_epi32(_mm256_castps_si256(_mm256_xor_ps(sum, rest)), 31));
+  const __m256i truncated = _mm256_add_epi32(_mm256_castps_si256(sum), past);
+  return narrow({_mm256_castsi256_ps(_mm256_or_si256(truncated, _mm256_srli_epi32(inexact, 31)))});
+}
+
+// Half arithmetic in f32 registers, five operations a step. The rounding mode is toward zero meanwhile.
+struct half8 {
+  __m256 v;
+};
+
+inline half8 load_half8(const uint16_t* p) {
+  return {widen(load(p)).v};
+}
+inline void store(uint16_t* p, half8 a) {
+  store(p, narrow({a.v}));
+}
+inline void store(float* p, half8 a) {
+  _mm256_storeu_ps(p, a.v);
+}
+inline half8 accumulate(half8 sum, half8 a, half8 b) {
+  const __m256 truncated = _mm256_fmadd_ps(a.v, b.v, sum.v);
+  const __m256 difference = _mm256_fnmadd_ps(a.v, b.v, truncated);  // the sum again, unless something was cut off
+  const __m256 inexact = _mm256_cmp_ps(difference, sum.v, _CMP_NEQ_OQ);
+  const __m256 odd = _mm256_or_ps(truncated, _mm256_and_ps(inexact, _mm256_castsi256_ps(_mm256_set1_epi32(1))));
+  return {widen(narrow({odd})).v};
+}
+
+class RoundingTowardZero {
+ public:
+  RoundingTowardZero() : previous_(_mm_getcsr()) { set(previous_ | _MM_ROUND_TOWARD_ZERO); }
+  ~RoundingTowardZero() { set(previous_); }
+  RoundingTowardZero(const RoundingTowardZero&) = delete;
+  RoundingTowardZero& operator=(const RoundingTowardZero&) = delete;
+
+ private:
+  static void set(unsigned mode) { asm volatile("ldmxcsr %0" : : "m"(mode) : "memory"); }
+  unsigned previous_;
+};
+// Compilers move arithmetic across a change of the rounding mode, for to them it depends on its operands alone. They
+// leave it in its function when they cannot see which function is called. So the mode changes in a function without
+// arithmetic: on one side of it what the caller computes, on the other the body.
+template <class Body>
+inline void call_unseen(const Body& body) {
+  void (*call)(const Body&) = [](const Body& unseen) { unseen(); };
+  asm volatile("" : "+r"(call));
+  call(body);
+}
+template <class Body>
+inline void in_half_arithmetic(const Body& body) {
+  call_unseen([&] {
+    const RoundingTowardZero mode;
+    call_unseen(body);
+  });
+}
+
 inline f16x8 zip_low(f16x8 a, f16x8 b) {
   return {_mm_unpacklo_epi16(a.v, b.v)};
 }
 inline f16x8 zip_high(f16x8 a, f16x8 b) {
   return {_mm_unpackhi_epi16(a.v, b.v)};
+}
+
+inline f16x8 lower_fours(f16x8 a, f16x8 b) {
+  return {_mm_unpacklo_epi64(a.v, b.v)};
+}
+inline f16x8 upper_fours(f16x8 a, f16x8 b) {
+  return {_mm_unpackhi_epi64(a.v, b.v)};
 }
 
 // Even lanes to the lower half, odd lanes to the upper half.
@@ -121,6 +197,148 @@ inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, 
                                   size_t destination_pitch) {
   transpose_words_with(source, source_pitch, destination, destination_pitch,
                        [](__m256i words) { return zip_nibbles(words); });
+}
+
+// Quantisation.
+
+struct i32x8 {
+  __m256i v;
+};
+struct u8x32 {
+  __m256i v;
+};
+
+inline i32x8 load(const int32_t* p) {
+  return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+}
+inline i32x8 load_i8(const int8_t* p) {
+  return {_mm256_cvtepi8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)))};
+}
+inline i32x8 load_i4(const uint32_t* p) {
+  const __m256i word = _mm256_broadcastd_epi32(_mm_loadu_si32(p));
+  const __m256i at_top = _mm256_sllv_epi32(word, _mm256_setr_epi32(28, 24, 20, 16, 12, 8, 4, 0));
+  return {_mm256_srai_epi32(at_top, 28)};
+}
+inline void store(int32_t* p, i32x8 a) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+inline void store_streaming(int32_t* p, i32x8 a) {
+  _mm256_stream_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+inline void store(uint8_t* p, u8x32 a) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+inline void store_streaming(uint8_t* p, u8x32 a) {
+  _mm256_stream_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+
+inline f32x8 fused_multiply_add(f32x8 a, f32x8 b, f32x8 c) {
+  return {_mm256_fmadd_ps(a.v, b.v, c.v)};
+}
+inline f32x8 greater(f32x8 a, f32x8 b) {
+  return {_mm256_max_ps(a.v, b.v)};
+}
+inline f32x8 lesser(f32x8 a, f32x8 b) {
+  return {_mm256_min_ps(a.v, b.v)};
+}
+inline f32x8 number_or_zero(f32x8 a) {
+  return {_mm256_and_ps(a.v, _mm256_cmp_ps(a.v, a.v, _CMP_ORD_Q))};
+}
+inline f32x8 settle_nan(f32x8 a) {
+  const __m256 nan = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fc00000));
+  return {_mm256_blendv_ps(a.v, nan, _mm256_cmp_ps(a.v, a.v, _CMP_UNORD_Q))};
+}
+inline i32x8 to_nearest(f32x8 a) {
+  // The largest float below one half: it lifts halves, and nothing below them, to the next whole number.
+  const __m256 half = _mm256_set1_ps(0x0.ffffffp-1f);
+  const __m256 signed_half = _mm256_blendv_ps(half, _mm256_sub_ps(_mm256_setzero_ps(), half), a.v);
+  return {_mm256_cvttps_epi32(_mm256_add_ps(a.v, signed_half))};
+}
+inline f32x8 to_float(i32x8 a) {
+  return {_mm256_cvtepi32_ps(a.v)};
+}
+
+inline i32x8 load_magnitude_bits(const float* p) {
+  const __m256i bits = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+  return {_mm256_and_si256(bits, _mm256_set1_epi32(0x7fffffff))};
+}
+inline i32x8 greater(i32x8 a, i32x8 b) {
+  return {_mm256_max_epi32(a.v, b.v)};
+}
+inline i32x8 add(i32x8 a, i32x8 b) {
+  return {_mm256_add_epi32(a.v, b.v)};
+}
+inline int32_t greatest(i32x8 a) {
+  const __m128i four = _mm_max_epi32(_mm256_castsi256_si128(a.v), _mm256_extracti128_si256(a.v, 1));
+  const __m128i two = _mm_max_epi32(four, _mm_shuffle_epi32(four, 0x4e));
+  return _mm_cvtsi128_si32(_mm_max_epi32(two, _mm_shuffle_epi32(two, 0xb1)));
+}
+inline uint32_t sum(i32x8 a) {
+  const __m128i four = _mm_add_epi32(_mm256_castsi256_si128(a.v), _mm256_extracti128_si256(a.v, 1));
+  const __m128i two = _mm_add_epi32(four, _mm_shuffle_epi32(four, 0x4e));
+  return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_add_epi32(two, _mm_shuffle_epi32(two, 0xb1))));
+}
+
+// Packing works on each half of a register apart and leaves the groups of four bytes in the order 0 2 4 6 1 3 5 7.
+inline u8x32 order_groups(__m256i packed) {
+  return {_mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7))};
+}
+inline u8x32 pack_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return order_groups(_mm256_packs_epi16(_mm256_packs_epi32(a.v, b.v), _mm256_packs_epi32(c.v, d.v)));
+}
+inline u8x32 pack_low_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  const __m256i low = _mm256_set1_epi16(0xff);
+  return order_groups(_mm256_packus_epi16(_mm256_and_si256(_mm256_packs_epi32(a.v, b.v), low),
+                                          _mm256_and_si256(_mm256_packs_epi32(c.v, d.v), low)));
+}
+inline u8x32 pack_high_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return order_groups(_mm256_packs_epi16(_mm256_srai_epi16(_mm256_packs_epi32(a.v, b.v), 8),
+                                         _mm256_srai_epi16(_mm256_packs_epi32(c.v, d.v), 8)));
+}
+inline u8x32 flip_top_bits(u8x32 a) {
+  return {_mm256_xor_si256(a.v, _mm256_set1_epi8(-128))};
+}
+inline i32x8 add_bytes(i32x8 sums, u8x32 a) {
+  return {_mm256_add_epi32(sums.v, _mm256_sad_epu8(a.v, _mm256_setzero_si256()))};
+}
+inline void store_nibbles(uint32_t* p, u8x32 a) {
+  const __m256i nibbles = _mm256_and_si256(a.v, _mm256_set1_epi8(15));
+  const __m256i pairs = _mm256_maddubs_epi16(nibbles, _mm256_set1_epi16(0x1001));  // even + 16 * odd
+  const __m128i bytes = _mm_packus_epi16(_mm256_castsi256_si128(pairs), _mm256_extracti128_si256(pairs, 1));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
+}
+
+// Exact products of small integers.
+
+struct pairs8 {
+  __m256i v;
+};
+
+inline pairs8 load_pairs(const int16_t* p) {
+  return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+}
+using same_pair8 = pairs8;
+inline same_pair8 broadcast_pair(const int16_t* p) {
+  return {_mm256_broadcastd_epi32(_mm_loadu_si32(p))};
+}
+inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
+  return {_mm256_add_epi32(sum.v, _mm256_madd_epi16(a.v, b.v))};
+}
+inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
+  const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(even), _mm256_and_si256(bytes, _mm256_set1_epi16(0xff)));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(odd), _mm256_srli_epi16(bytes, 8));
+}
+template <int bit, int n_bit>
+inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
+  const __m256i transpose = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,  //
+                                             0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m256i columns =  // each half: four rows of column 0, of column 1, ...
+      _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(source)), transpose);
+  const __m256i even = _mm256_srai_epi16(_mm256_slli_epi16(columns, 16 - bit - n_bit), 16 - n_bit);
+  const __m256i odd = _mm256_srai_epi16(_mm256_slli_epi16(columns, 8 - bit - n_bit), 16 - n_bit);
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(left), _mm256_unpacklo_epi64(even, odd));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(right), _mm256_unpackhi_epi64(even, odd));
 }
 
 }  // namespace morun::simd

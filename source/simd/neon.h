@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "source/simd/scalar.h"
 
@@ -62,6 +63,44 @@ inline f32x8 widen(f16x8 a) {
   return {vcvt_f32_f16(vget_low_f16(halves)), vcvt_high_f32_f16(halves)};
 }
 
+inline f16x8 add(f16x8 a, f16x8 b) {
+  return {vreinterpretq_u16_f16(vaddq_f16(vreinterpretq_f16_u16(a.v), vreinterpretq_f16_u16(b.v)))};
+}
+inline f16x8 multiply(f16x8 a, f16x8 b) {
+  return {vreinterpretq_u16_f16(vmulq_f16(vreinterpretq_f16_u16(a.v), vreinterpretq_f16_u16(b.v)))};
+}
+inline f16x8 multiply_add(f16x8 a, f16x8 b, f16x8 c) {
+  return {vreinterpretq_u16_f16(
+      vfmaq_f16(vreinterpretq_f16_u16(c.v), vreinterpretq_f16_u16(a.v), vreinterpretq_f16_u16(b.v)))};
+}
+
+struct half8 {
+  float16x8_t v;
+};
+
+inline half8 load_half8(const uint16_t* p) {
+  return {vreinterpretq_f16_u16(vld1q_u16(p))};
+}
+inline void store(uint16_t* p, half8 a) {
+  vst1q_u16(p, vreinterpretq_u16_f16(a.v));
+}
+inline void store(float* p, half8 a) {
+  store(p, widen(f16x8{vreinterpretq_u16_f16(a.v)}));
+}
+inline half8 accumulate(half8 sum, half8 a, half8 b) {
+  return {vfmaq_f16(sum.v, a.v, b.v)};
+}
+template <class Body>
+inline void in_half_arithmetic(const Body& body) {
+  body();
+}
+
+inline f16x8 lower_fours(f16x8 a, f16x8 b) {
+  return {vreinterpretq_u16_u64(vzip1q_u64(vreinterpretq_u64_u16(a.v), vreinterpretq_u64_u16(b.v)))};
+}
+inline f16x8 upper_fours(f16x8 a, f16x8 b) {
+  return {vreinterpretq_u16_u64(vzip2q_u64(vreinterpretq_u64_u16(a.v), vreinterpretq_u64_u16(b.v)))};
+}
 inline f16x8 zip_low(f16x8 a, f16x8 b) {
   return {vzip1q_u16(a.v, b.v)};
 }
@@ -116,6 +155,155 @@ inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, 
                                   size_t destination_pitch) {
   transpose_words_with(source, source_pitch, destination, destination_pitch,
                        [](uint32x4_t words) { return zip_nibbles(words); });
+}
+
+// Quantisation.
+
+struct i32x8 {
+  int32x4_t low, high;
+};
+struct u8x32 {
+  uint8x16_t low, high;
+};
+
+inline i32x8 load(const int32_t* p) {
+  return {vld1q_s32(p), vld1q_s32(p + 4)};
+}
+inline i32x8 load_i8(const int8_t* p) {
+  const int16x8_t wide = vmovl_s8(vld1_s8(p));
+  return {vmovl_s16(vget_low_s16(wide)), vmovl_high_s16(wide)};
+}
+inline i32x8 load_i4(const uint32_t* p) {
+  static constexpr int32_t places[8] = {28, 24, 20, 16, 12, 8, 4, 0};
+  const int32x4_t word = vreinterpretq_s32_u32(vld1q_dup_u32(p));
+  return {vshrq_n_s32(vshlq_s32(word, vld1q_s32(places)), 28), vshrq_n_s32(vshlq_s32(word, vld1q_s32(places + 4)), 28)};
+}
+inline void store(int32_t* p, i32x8 a) {
+  vst1q_s32(p, a.low);
+  vst1q_s32(p + 4, a.high);
+}
+inline void store_streaming(int32_t* p, i32x8 a) {
+  store(p, a);
+}
+inline void store(uint8_t* p, u8x32 a) {
+  vst1q_u8(p, a.low);
+  vst1q_u8(p + 16, a.high);
+}
+inline void store_streaming(uint8_t* p, u8x32 a) {
+  store(p, a);
+}
+
+inline f32x8 fused_multiply_add(f32x8 a, f32x8 b, f32x8 c) {
+  return {vfmaq_f32(c.low, a.low, b.low), vfmaq_f32(c.high, a.high, b.high)};
+}
+// Not the processor's maximum: that lets a NaN win, or, in its other form, a signalling one.
+inline f32x8 greater(f32x8 a, f32x8 b) {
+  return {vbslq_f32(vcgtq_f32(a.low, b.low), a.low, b.low), vbslq_f32(vcgtq_f32(a.high, b.high), a.high, b.high)};
+}
+inline f32x8 lesser(f32x8 a, f32x8 b) {
+  return {vbslq_f32(vcltq_f32(a.low, b.low), a.low, b.low), vbslq_f32(vcltq_f32(a.high, b.high), a.high, b.high)};
+}
+inline f32x8 number_or_zero(f32x8 a) {
+  const float32x4_t zero = vdupq_n_f32(0);
+  return {vbslq_f32(vceqq_f32(a.low, a.low), a.low, zero), vbslq_f32(vceqq_f32(a.high, a.high), a.high, zero)};
+}
+inline f32x8 settle_nan(f32x8 a) {
+  const float32x4_t nan = vreinterpretq_f32_u32(vdupq_n_u32(0x7fc00000));
+  return {vbslq_f32(vceqq_f32(a.low, a.low), a.low, nan), vbslq_f32(vceqq_f32(a.high, a.high), a.high, nan)};
+}
+inline i32x8 to_nearest(f32x8 a) {
+  return {vcvtaq_s32_f32(a.low), vcvtaq_s32_f32(a.high)};
+}
+inline f32x8 to_float(i32x8 a) {
+  return {vcvtq_f32_s32(a.low), vcvtq_f32_s32(a.high)};
+}
+
+inline i32x8 load_magnitude_bits(const float* p) {
+  return {vreinterpretq_s32_f32(vabsq_f32(vld1q_f32(p))), vreinterpretq_s32_f32(vabsq_f32(vld1q_f32(p + 4)))};
+}
+inline i32x8 greater(i32x8 a, i32x8 b) {
+  return {vmaxq_s32(a.low, b.low), vmaxq_s32(a.high, b.high)};
+}
+inline i32x8 add(i32x8 a, i32x8 b) {
+  return {vaddq_s32(a.low, b.low), vaddq_s32(a.high, b.high)};
+}
+inline int32_t greatest(i32x8 a) {
+  return vmaxvq_s32(vmaxq_s32(a.low, a.high));
+}
+inline uint32_t sum(i32x8 a) {
+  return static_cast<uint32_t>(vaddvq_s32(vaddq_s32(a.low, a.high)));
+}
+
+inline int16x8_t low_halves(i32x8 a) {
+  return vuzp1q_s16(vreinterpretq_s16_s32(a.low), vreinterpretq_s16_s32(a.high));
+}
+inline u8x32 pack_low_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return {vuzp1q_u8(vreinterpretq_u8_s16(low_halves(a)), vreinterpretq_u8_s16(low_halves(b))),
+          vuzp1q_u8(vreinterpretq_u8_s16(low_halves(c)), vreinterpretq_u8_s16(low_halves(d)))};
+}
+inline u8x32 pack_high_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return {vuzp2q_u8(vreinterpretq_u8_s16(low_halves(a)), vreinterpretq_u8_s16(low_halves(b))),
+          vuzp2q_u8(vreinterpretq_u8_s16(low_halves(c)), vreinterpretq_u8_s16(low_halves(d)))};
+}
+inline u8x32 pack_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return pack_low_bytes(a, b, c, d);
+}
+inline u8x32 flip_top_bits(u8x32 a) {
+  return {veorq_u8(a.low, vdupq_n_u8(128)), veorq_u8(a.high, vdupq_n_u8(128))};
+}
+inline i32x8 add_bytes(i32x8 sums, u8x32 a) {
+  return {vreinterpretq_s32_u32(vpadalq_u16(vreinterpretq_u32_s32(sums.low), vpaddlq_u8(a.low))),
+          vreinterpretq_s32_u32(vpadalq_u16(vreinterpretq_u32_s32(sums.high), vpaddlq_u8(a.high)))};
+}
+inline void store_nibbles(uint32_t* p, u8x32 a) {
+  const uint8x16_t even = vuzp1q_u8(a.low, a.high), odd = vuzp2q_u8(a.low, a.high);
+  vst1q_u32(p, vreinterpretq_u32_u8(vsliq_n_u8(vandq_u8(even, vdupq_n_u8(15)), odd, 4)));
+}
+
+// Exact products of small integers.
+
+struct pairs8 {
+  int16x8_t first, second;
+};
+
+inline pairs8 load_pairs(const int16_t* p) {
+  const int16x8x2_t pairs = vld2q_s16(p);
+  return {pairs.val[0], pairs.val[1]};
+}
+// Multiplied lane by lane out of the lower half of a register: takes fewer of them than two broadcasts.
+struct same_pair8 {
+  int16x4_t v;
+};
+inline same_pair8 broadcast_pair(const int16_t* p) {
+  uint32_t pair;
+  std::memcpy(&pair, p, sizeof pair);
+  return {vcreate_s16(pair)};
+}
+inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
+  sum.low = vmlal_lane_s16(sum.low, vget_low_s16(a.first), b.v, 0);
+  sum.high = vmlal_high_lane_s16(sum.high, a.first, b.v, 0);
+  sum.low = vmlal_lane_s16(sum.low, vget_low_s16(a.second), b.v, 1);
+  sum.high = vmlal_high_lane_s16(sum.high, a.second, b.v, 1);
+  return sum;
+}
+inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
+  for (size_t i = 0; i < 16; i += 8) {
+    const uint16x8_t bytes = vreinterpretq_u16_u8(vld1q_u8(source + 2 * i));
+    vst1q_s16(even + i, vreinterpretq_s16_u16(vandq_u16(bytes, vdupq_n_u16(0xff))));
+    vst1q_s16(odd + i, vreinterpretq_s16_u16(vshrq_n_u16(bytes, 8)));
+  }
+}
+template <int bit, int n_bit>
+inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
+  static constexpr uint8_t transpose[16] = {0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15};
+  for (size_t half = 0; half < 2; ++half) {
+    // Four rows of column 0, of column 1, ...
+    const int16x8_t columns = vreinterpretq_s16_u8(vqtbl1q_u8(vld1q_u8(source + 16 * half), vld1q_u8(transpose)));
+    const int64x2_t even = vreinterpretq_s64_s16(vshrq_n_s16(vshlq_n_s16(columns, 16 - bit - n_bit), 16 - n_bit));
+    const int64x2_t odd = vreinterpretq_s64_s16(vshrq_n_s16(vshlq_n_s16(columns, 8 - bit - n_bit), 16 - n_bit));
+    vst1q_s16(left + 8 * half, vreinterpretq_s16_s64(vzip1q_s64(even, odd)));
+    vst1q_s16(right + 8 * half, vreinterpretq_s16_s64(vzip2q_s64(even, odd)));
+  }
 }
 
 }  // namespace morun::simd

@@ -1,6 +1,7 @@
 // The vector vocabulary in plain C++, for processors without a backend of their own and for runs under sanitizers.
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -68,6 +69,47 @@ inline f32x8 widen(f16x8 v) {
   return r;
 }
 
+inline f16x8 add(f16x8 a, f16x8 b) {
+  return narrow(add(widen(a), widen(b)));
+}
+inline f16x8 multiply(f16x8 a, f16x8 b) {
+  return narrow(multiply(widen(a), widen(b)));
+}
+inline f16x8 multiply_add(f16x8 a, f16x8 b, f16x8 c) {
+  for (int i = 0; i < 8; ++i) c.lane[i] = half_fma(a.lane[i], b.lane[i], c.lane[i]);
+  return c;
+}
+
+struct half8 {
+  float lane[8];
+};
+
+inline half8 load_half8(const uint16_t* p) {
+  half8 v;
+  for (int i = 0; i < 8; ++i) v.lane[i] = widen_bits(p[i]);
+  return v;
+}
+inline void store(uint16_t* p, half8 v) {
+  for (int i = 0; i < 8; ++i) p[i] = narrow_bits(v.lane[i]);
+}
+inline void store(float* p, half8 v) {
+  std::memcpy(p, v.lane, sizeof v.lane);
+}
+inline half8 accumulate(half8 sum, half8 a, half8 b) {
+  for (int i = 0; i < 8; ++i) sum.lane[i] = widen_bits(narrow_bits(add_to_odd(a.lane[i] * b.lane[i], sum.lane[i])));
+  return sum;
+}
+template <class Body>
+inline void in_half_arithmetic(const Body& body) {
+  body();
+}
+
+inline f16x8 lower_fours(f16x8 a, f16x8 b) {
+  return {{a.lane[0], a.lane[1], a.lane[2], a.lane[3], b.lane[0], b.lane[1], b.lane[2], b.lane[3]}};
+}
+inline f16x8 upper_fours(f16x8 a, f16x8 b) {
+  return {{a.lane[4], a.lane[5], a.lane[6], a.lane[7], b.lane[4], b.lane[5], b.lane[6], b.lane[7]}};
+}
 inline f16x8 zip_low(f16x8 a, f16x8 b) {
   return {{a.lane[0], b.lane[0], a.lane[1], b.lane[1], a.lane[2], b.lane[2], a.lane[3], b.lane[3]}};
 }
@@ -101,6 +143,175 @@ inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, 
                                   size_t destination_pitch) {
   transpose_words_with(source, source_pitch, destination, destination_pitch,
                        [](uint32_t word) { return zip_nibbles(word); });
+}
+
+// Quantisation.
+
+struct i32x8 {
+  int32_t lane[8];
+};
+struct u8x32 {
+  uint8_t lane[32];
+};
+
+inline i32x8 load(const int32_t* p) {
+  i32x8 v;
+  std::memcpy(v.lane, p, sizeof v.lane);
+  return v;
+}
+inline i32x8 load_i8(const int8_t* p) {
+  i32x8 v;
+  for (int i = 0; i < 8; ++i) v.lane[i] = p[i];
+  return v;
+}
+inline i32x8 load_i4(const uint32_t* p) {
+  uint32_t word;
+  std::memcpy(&word, p, sizeof word);
+  i32x8 v;
+  for (int i = 0; i < 8; ++i) v.lane[i] = static_cast<int32_t>(word << (28 - 4 * i)) >> 28;
+  return v;
+}
+inline void store(int32_t* p, i32x8 v) {
+  std::memcpy(p, v.lane, sizeof v.lane);
+}
+inline void store_streaming(int32_t* p, i32x8 v) {
+  store(p, v);
+}
+inline void store(uint8_t* p, u8x32 v) {
+  std::memcpy(p, v.lane, sizeof v.lane);
+}
+inline void store_streaming(uint8_t* p, u8x32 v) {
+  store(p, v);
+}
+
+inline f32x8 fused_multiply_add(f32x8 a, f32x8 b, f32x8 c) {
+  for (int i = 0; i < 8; ++i) c.lane[i] = std::fma(a.lane[i], b.lane[i], c.lane[i]);
+  return c;
+}
+inline f32x8 greater(f32x8 a, f32x8 b) {
+  for (int i = 0; i < 8; ++i) b.lane[i] = a.lane[i] > b.lane[i] ? a.lane[i] : b.lane[i];
+  return b;
+}
+inline f32x8 lesser(f32x8 a, f32x8 b) {
+  for (int i = 0; i < 8; ++i) b.lane[i] = a.lane[i] < b.lane[i] ? a.lane[i] : b.lane[i];
+  return b;
+}
+inline f32x8 number_or_zero(f32x8 v) {
+  for (float& x : v.lane) x = x == x ? x : 0;
+  return v;
+}
+inline f32x8 settle_nan(f32x8 v) {
+  for (float& x : v.lane) x = x == x ? x : std::bit_cast<float>(0x7fc00000u);
+  return v;
+}
+inline i32x8 to_nearest(f32x8 v) {
+  i32x8 r;
+  for (int i = 0; i < 8; ++i) r.lane[i] = static_cast<int32_t>(std::round(v.lane[i]));
+  return r;
+}
+inline f32x8 to_float(i32x8 v) {
+  f32x8 r;
+  for (int i = 0; i < 8; ++i) r.lane[i] = static_cast<float>(v.lane[i]);
+  return r;
+}
+
+inline i32x8 load_magnitude_bits(const float* p) {
+  i32x8 v;
+  std::memcpy(v.lane, p, sizeof v.lane);
+  for (int32_t& x : v.lane) x &= 0x7fffffff;
+  return v;
+}
+inline i32x8 greater(i32x8 a, i32x8 b) {
+  for (int i = 0; i < 8; ++i) b.lane[i] = a.lane[i] > b.lane[i] ? a.lane[i] : b.lane[i];
+  return b;
+}
+inline int32_t wrapping_sum(int32_t a, uint32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + b);
+}
+inline i32x8 add(i32x8 a, i32x8 b) {
+  for (int i = 0; i < 8; ++i) b.lane[i] = wrapping_sum(b.lane[i], static_cast<uint32_t>(a.lane[i]));
+  return b;
+}
+inline int32_t greatest(i32x8 v) {
+  int32_t greatest = v.lane[0];
+  for (const int32_t x : v.lane) greatest = x > greatest ? x : greatest;
+  return greatest;
+}
+inline uint32_t sum(i32x8 v) {
+  uint32_t sum = 0;
+  for (const int32_t x : v.lane) sum += static_cast<uint32_t>(x);
+  return sum;
+}
+
+inline u8x32 pack_low_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  u8x32 r;
+  const i32x8* const quarters[4] = {&a, &b, &c, &d};
+  for (int i = 0; i < 32; ++i) r.lane[i] = static_cast<uint8_t>(quarters[i / 8]->lane[i % 8]);
+  return r;
+}
+inline u8x32 pack_high_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  u8x32 r;
+  const i32x8* const quarters[4] = {&a, &b, &c, &d};
+  for (int i = 0; i < 32; ++i) r.lane[i] = static_cast<uint8_t>(quarters[i / 8]->lane[i % 8] >> 8);
+  return r;
+}
+inline u8x32 pack_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return pack_low_bytes(a, b, c, d);
+}
+inline u8x32 flip_top_bits(u8x32 v) {
+  for (uint8_t& x : v.lane) x ^= 128;
+  return v;
+}
+inline i32x8 add_bytes(i32x8 sums, u8x32 v) {
+  for (int i = 0; i < 32; ++i) sums.lane[i / 4] = wrapping_sum(sums.lane[i / 4], v.lane[i]);
+  return sums;
+}
+inline void store_nibbles(uint32_t* p, u8x32 v) {
+  uint8_t bytes[16];
+  for (int i = 0; i < 16; ++i) bytes[i] = static_cast<uint8_t>((v.lane[2 * i] & 15) | (v.lane[2 * i + 1] & 15) << 4);
+  std::memcpy(p, bytes, sizeof bytes);
+}
+
+// Exact products of small integers.
+
+struct pairs8 {
+  int16_t lane[16];
+};
+
+inline pairs8 load_pairs(const int16_t* p) {
+  pairs8 v;
+  std::memcpy(v.lane, p, sizeof v.lane);
+  return v;
+}
+using same_pair8 = pairs8;
+inline same_pair8 broadcast_pair(const int16_t* p) {
+  pairs8 v;
+  for (int i = 0; i < 16; ++i) v.lane[i] = p[i % 2];
+  return v;
+}
+inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
+  for (int i = 0; i < 8; ++i) {
+    const int32_t product = a.lane[2 * i] * b.lane[2 * i] + a.lane[2 * i + 1] * b.lane[2 * i + 1];
+    sum.lane[i] = wrapping_sum(sum.lane[i], static_cast<uint32_t>(product));
+  }
+  return sum;
+}
+inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
+  for (int i = 0; i < 16; ++i) {
+    even[i] = source[2 * i];
+    odd[i] = source[2 * i + 1];
+  }
+}
+template <int bit, int n_bit>
+inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
+  for (int row = 0; row < 8; ++row) {
+    const int pair = row / 4 * 2 + row % 2, member = row % 4 / 2;
+    for (int column = 0; column < 4; ++column) {
+      const int at_top = source[4 * row + column] << (16 - bit - n_bit);
+      int16_t* const pairs = column < 2 ? left : right;
+      pairs[4 * pair + column % 2 * 2 + member] = static_cast<int16_t>(static_cast<int16_t>(at_top) >> (16 - n_bit));
+    }
+  }
 }
 
 }  // namespace morun::simd

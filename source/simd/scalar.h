@@ -37,6 +37,23 @@ inline float widen_bits(uint16_t half) {
   return std::bit_cast<float>(sign | std::bit_cast<uint32_t>(magnitude));
 }
 
+// a + b in f32, rounded to odd: where it is inexact, to the neighbour whose last bit is set. Rounding that once more,
+// to a half, gives what one rounding of the exact sum would give, for 24 bits are more than 11 + 2.
+inline float add_to_odd(float a, float b) {
+  const float sum = a + b;
+  const float of_b = sum - a, of_a = sum - of_b;
+  const float rest = (a - of_a) + (b - of_b);  // a + b - sum, exact
+  const uint32_t bits = std::bit_cast<uint32_t>(sum);
+  if (rest == 0 || rest != rest || (bits & 1)) return sum;
+  const bool past = (bits ^ std::bit_cast<uint32_t>(rest)) >> 31;
+  return std::bit_cast<float>(past ? bits - 1 : bits + 1);
+}
+
+// a * b + c of halves, rounded once. Which NaN a NaN result is, is not told.
+inline uint16_t half_fma(uint16_t a, uint16_t b, uint16_t c) {
+  return narrow_bits(add_to_odd(widen_bits(a) * widen_bits(b), widen_bits(c)));
+}
+
 // Nibbles 0 1 2 3 4 5 6 7 become 0 4 1 5 2 6 3 7, least significant first.
 inline uint32_t zip_nibbles(uint32_t word) {
   word = (word & 0xff0000ffu) | (word & 0x00ff0000u) >> 8 | (word & 0x0000ff00u) << 8;
