@@ -302,6 +302,88 @@ void tavik_f32_rm_to_f16_ah(uint64_t n_row, uint64_t n_col, const float* src, ui
 /* The inverse, for results: n_row rows at a pitch of n_col; columns past the last whole tile are not written. */
 void tavik_f16_ah_to_f32_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst);
 
+/* ---- Quantisation ---- */
+
+/* A quantised value q stands for the real (q - zero point) * scale; scale and zero point are those of its row. Each
+ * quantiser also stores the sum of a row's values q, modulo 2^32. Rounding is half away from zero.
+ *
+ * Values that are not finite. The largest and smallest value of a row are found by comparisons, which a NaN never wins;
+ * it is one only where the search starts from it. Where a real becomes an integer, NaN becomes 0, and what is out of
+ * range (of i32 for activations, of the clamp for weights) the nearest bound. The same on every platform. */
+
+/* f32 activations to u8, symmetric. For each row: m = largest |x|, 0 at first; scale = m / 127; inv = 1 / scale, or
+ * 0 for scale 0; v = round(x * inv), each step one f32 rounding; q = v + 128, its low 8 bits. A finite row with m of
+ * 2^-121 and beyond gives 1 to 255. `scales` and `sums` have n_row elements; the sums add v + 128. Any n_row and
+ * n_col. */
+void tavik_f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
+                           uint32_t* sums);
+/* The same values in 64 x 32 tiles, of which a row has ceil(n_col / 32): q of (r, c) goes to byte ((r / 64) *
+ * ceil(n_col / 32) + c / 32) * 2048 + (r % 64) * 32 + c % 32. `dst` has whole tiles; bytes of no element are left
+ * alone. */
+void tavik_f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
+                           uint32_t* sums);
+/* f32 activations to 16 bits: as above with scale = m / 32767 and q = v + 32768, of which bits 8 to 15 go to `high`
+ * and bits 0 to 7 to `low`, both row-major. */
+void tavik_f32_rm_to_u16_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* high, uint8_t* low,
+                            float* scales, uint32_t* sums);
+
+/* f16 weights to i8, asymmetric, a row for each output column. For each row, in f16 arithmetic, one rounding a step:
+ * max and min over the row, both its first element at first; scale = (max - min) / 255; inv = 1 / scale, computed in
+ * f32 and then narrowed, or 0 for scale 0 (infinite for a scale of 2^-16 or less); zero point = round(-128 - inv *
+ * min) and q = round(x * inv + zero point), the product and the sum fused, both clamped to -128 to 127. A NaN scale is
+ * stored as 0x7e00; a NaN zero point is stored as 0 and makes every q of its row 0. Rows of no elements get scale 0,
+ * zero point -128 and sum 0. */
+void tavik_f16_rm_to_i8_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, int8_t* dst, int8_t* zero_points,
+                           uint16_t* scales, int32_t* sums);
+/* f16 weights to i4: as above with 15 for 255, -8 for -128 and the bounds -8 and 7. A row gives n_col / 8 words of
+ * eight values; its last n_col % 8 elements count for max and min alone. Kept: zero points are packed for whole
+ * groups of eight rows only, and ORed into `zero_points`, n_row / 8 words that the caller has cleared. */
+void tavik_f16_rm_to_i4_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, uint32_t* dst, uint32_t* zero_points,
+                           uint16_t* scales, int32_t* sums);
+
+/* The low four bits of a byte as a signed value, -8 to 7. */
+int8_t int4_to_int8(uint8_t byte);
+
+/* Sums of a quantised product back to reals, in f32, in this order:
+ *   t = acc - 128 * weight_sum; t = t - zero_point * activation_sum; t = t + (128 * zero_point) * n_inner, each fused;
+ *   dst = (t * activation_scale) * weight_scale
+ * This is the sum over k of (a - 128) * (w - zero_point), times both scales. `acc` is n_row x n_col i32 in 64 x 32
+ * tiles, n_col / 32 to a row; columns past the last whole tile are not written. `dst` is row-major, n_row x n_col.
+ * Activation scales and sums are those of the n_row rows, zero points, weight scales (f16) and weight sums those of
+ * the n_col columns. A NaN is stored as 0x7fc00000. Nothing is done for dimensions below 1. */
+void tavik_a8w8_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                                 const float* activation_scales, const int32_t* activation_sums,
+                                 const int8_t* zero_points, const uint16_t* weight_scales, const int32_t* weight_sums);
+/* The same with i4 zero points, eight to a word. */
+void tavik_a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                                 const float* activation_scales, const int32_t* activation_sums,
+                                 const uint32_t* zero_points, const uint16_t* weight_scales,
+                                 const int32_t* weight_sums);
+
+/* ---- Diagnostics ---- */
+
+/* Prints a label, the first and last `edge` elements (all, if there are fewer than 2 * edge), and min, max, mean and
+ * sum of all, computed in f64, in one line. count is at least 1: the first element is read in any case. Returns what
+ * the last fprintf does. */
+int tavik_vector_print_i8(FILE* stream, uint64_t count, const int8_t* data, const char* label, uint64_t edge);
+int tavik_vector_print_u8(FILE* stream, uint64_t count, const uint8_t* data, const char* label, uint64_t edge);
+int tavik_vector_print_f16(FILE* stream, uint64_t count, const uint16_t* data, const char* label, uint64_t edge);
+int tavik_vector_print_i32(FILE* stream, uint64_t count, const int32_t* data, const char* label, uint64_t edge);
+int tavik_vector_print_u32(FILE* stream, uint64_t count, const uint32_t* data, const char* label, uint64_t edge);
+int tavik_vector_print_f32(FILE* stream, uint64_t count, const float* data, const char* label, uint64_t edge);
+
+/* Compares a vector, converted to f32, with a reference and prints the largest |reference - data|, computed in f32,
+ * in one line. Returns 1, or 0 when one is greater than 2000. A NaN counts as no deviation. */
+int tavik_vector_check_i8(FILE* stream, uint64_t count, const float* reference, const int8_t* data, const char* label);
+int tavik_vector_check_u8(FILE* stream, uint64_t count, const float* reference, const uint8_t* data, const char* label);
+int tavik_vector_check_f16(FILE* stream, uint64_t count, const float* reference, const uint16_t* data,
+                           const char* label);
+int tavik_vector_check_i32(FILE* stream, uint64_t count, const float* reference, const int32_t* data,
+                           const char* label);
+int tavik_vector_check_u32(FILE* stream, uint64_t count, const float* reference, const uint32_t* data,
+                           const char* label);
+int tavik_vector_check_f32(FILE* stream, uint64_t count, const float* reference, const float* data, const char* label);
+
 /* ---- Products ---- */
 
 /* C = X * W, X being n_row x n_inner and W n_inner x n_col. n_col and n_inner are multiples of 32; n_row is any number
@@ -325,8 +407,122 @@ uint32_t tavik_npu_mm_f16_ah_f16_ah_f16_wh(tavik_context* context, int32_t n_row
 uint32_t tavik_npu_mm_f32_rm_f32_rm_f16_wh(tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner,
                                            float* A, const float* X, uint32_t W_fd, uint32_t W_offset);
 
+/* Fused: two products of one activation, A_U = X * UW and A_F = X * FW, in one remote call where both weights are
+ * mapped in the same session, otherwise one after the other. Results are n_row x n_col. A failure on the second path
+ * leaves the results already brought back. */
+uint32_t tavik_npu_2mm_f32_rm_f32_rm_f16_wh(tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner,
+                                            float* A_U, float* A_F, const float* X, uint32_t UW_fd, uint32_t FW_fd,
+                                            uint32_t UW_offset, uint32_t FW_offset);
+
+/* Fused: three products of one activation, A_Q = X * QW (n_row x n_col_q), A_K = X * KW and A_V = X * VW
+ * (n_row x n_col_kv each). Kept: where the weights are in several sessions, the product of VW runs in the session of
+ * KW, and fails when that does not map VW. */
+uint32_t tavik_npu_3mm_f32_rm_f32_rm_f16_wh(tavik_context* context, int32_t n_row, int32_t n_col_q, int32_t n_col_kv,
+                                            int32_t n_inner, float* A_Q, float* A_K, float* A_V, const float* X,
+                                            uint32_t QW_fd, uint32_t KW_fd, uint32_t VW_fd, uint32_t QW_offset,
+                                            uint32_t KW_offset, uint32_t VW_offset);
+
+/* Products with quantised weights, a8w8 (i8) and a8w4 (i4). The activation is quantised to 8 bits a row on its way
+ * (tavik_f32_rm_to_u8_ah), the sums are computed exactly in i32 and brought back to f32 (tavik_a8w8_output_to_f32_rm,
+ * tavik_a8w4_output_to_f32_rm). A weight matrix stands in one shared buffer as four arrays, each at a byte offset of
+ * its own:
+ *   ..q_offset    the values, n_inner x n_col, i8 wh or i4 wh
+ *   ..z_offset    zero points of the columns: n_col i8, or n_col i4, eight to a 32-bit word
+ *   ..s_offset    scales of the columns: n_col f16
+ *   ..sum_offset  sums of the quantised values of the columns: n_col i32
+ * Status 1 too when one of the last three reaches past the end of the buffer; the product is then not brought back.
+ *
+ * Kept: where the weights of a 2mm or 3mm are in several sessions, each product is computed alone and leaves its sums
+ * in A0; a8w8 nonetheless reads the second result from A1 and the third from A2, and so returns what an earlier call
+ * left there; a8w4 reads A0. The product of VW runs in the session of KW. The single a8w4 product runs on session 0 as
+ * it is: that must map the weights, be active and hold the matrix unit (tavik_lock_compute_device). */
+uint32_t tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh(tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner,
+                                                  float* A, const float* X, uint32_t W_fd, uint32_t Wq_offset,
+                                                  uint64_t Wz_offset, uint64_t Ws_offset, uint64_t Wsum_offset);
+uint32_t tavik_npu_2mm_a8w8_f32_rm_f32_rm_i8f16_wh(tavik_context* context, int32_t n_row, int32_t n_col,
+                                                   int32_t n_inner, float* A_U, float* A_F, const float* X,
+                                                   uint32_t UW_fd, uint32_t FW_fd, uint32_t UWq_offset,
+                                                   uint64_t UWz_offset, uint64_t UWs_offset, uint64_t UWsum_offset,
+                                                   uint32_t FWq_offset, uint64_t FWz_offset, uint64_t FWs_offset,
+                                                   uint64_t FWsum_offset);
+uint32_t tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh(tavik_context* context, int32_t n_row, int32_t n_col_q,
+                                                   int32_t n_col_kv, int32_t n_inner, float* A_Q, float* A_K,
+                                                   float* A_V, const float* X, uint32_t QW_fd, uint32_t KW_fd,
+                                                   uint32_t VW_fd, uint32_t QWq_offset, uint64_t QWz_offset,
+                                                   uint64_t QWs_offset, uint64_t QWsum_offset, uint32_t KWq_offset,
+                                                   uint64_t KWz_offset, uint64_t KWs_offset, uint64_t KWsum_offset,
+                                                   uint32_t VWq_offset, uint64_t VWz_offset, uint64_t VWs_offset,
+                                                   uint64_t VWsum_offset);
+uint32_t tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh(tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner,
+                                                  float* A, const float* X, uint32_t W_fd, uint32_t Wq_offset,
+                                                  uint64_t Wz_offset, uint64_t Ws_offset, uint64_t Wsum_offset);
+uint32_t tavik_npu_2mm_a8w4_f32_rm_f32_rm_i4f16_wh(tavik_context* context, int32_t n_row, int32_t n_col,
+                                                   int32_t n_inner, float* A_U, float* A_F, const float* X,
+                                                   uint32_t UW_fd, uint32_t FW_fd, uint32_t UWq_offset,
+                                                   uint64_t UWz_offset, uint64_t UWs_offset, uint64_t UWsum_offset,
+                                                   uint32_t FWq_offset, uint64_t FWz_offset, uint64_t FWs_offset,
+                                                   uint64_t FWsum_offset);
+uint32_t tavik_npu_3mm_a8w4_f32_rm_f32_rm_i4f16_wh(tavik_context* context, int32_t n_row, int32_t n_col_q,
+                                                   int32_t n_col_kv, int32_t n_inner, float* A_Q, float* A_K,
+                                                   float* A_V, const float* X, uint32_t QW_fd, uint32_t KW_fd,
+                                                   uint32_t VW_fd, uint32_t QWq_offset, uint64_t QWz_offset,
+                                                   uint64_t QWs_offset, uint64_t QWsum_offset, uint32_t KWq_offset,
+                                                   uint64_t KWz_offset, uint64_t KWs_offset, uint64_t KWsum_offset,
+                                                   uint32_t VWq_offset, uint64_t VWz_offset, uint64_t VWs_offset,
+                                                   uint64_t VWsum_offset);
+
+/* Integer products on the cross-session buffers: A0 = X * W in exact i32 sums, 64 x 32 tiles, of the u8 activation that
+ * the caller has put into X in 64 x 32 tiles. W is i8 wh (ui8i8) or i4 wh (ui8i4). n_row is passed on as it is: the
+ * rows asked for must lie inside X and A0. A_fd, X_fd, A_offset and X_offset are not used. Statuses as above. */
+uint32_t tavik_veyra_1mm_ui8i8_i32_tessel(tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner,
+                                          uint32_t A_fd, uint32_t X_fd, uint32_t W_fd, uint32_t A_offset,
+                                          uint32_t X_offset, uint32_t W_offset);
+uint32_t tavik_veyra_1mm_ui8i4_i32_tessel(tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner,
+                                          uint32_t A_fd, uint32_t X_fd, uint32_t W_fd, uint32_t A_offset,
+                                          uint32_t X_offset, uint32_t W_offset);
+
 /* The module's self-test on the first `size` bytes of a shared buffer: each has 1 added. Status 1 as above. */
 uint32_t tavik_npu_test(tavik_context* context, int32_t size, uint32_t v_fd);
+
+/* ---- Reference products ---- */
+
+/* C = A * W on the host, to compare the DSP's results with: A is n_row x n_inner and row-major, C row-major f32 and
+ * overwritten, W f16 in zb blocks as tavik_f16_cm_to_f16_zb_inplace(n_col, n_inner, W) makes them of the weights stored
+ * column by column: element (k, c) stands at (c / 4) * 4 * n_inner + (k / 8) * 32 + (c % 4) * 8 + k % 8.
+ *
+ * Every operation on f16 is rounded to f16, nearest even, and a multiply-add once; the sums are formed in the order
+ * told, so that results are the same to the last bit on every processor. A result that is NaN is the NaN 0x7fc00000.
+ *
+ * C, A and W are aligned as their elements are, and no more. Nothing is read past the n_inner values of a row or column. */
+
+/* Rows in blocks of four by qmmbp_HxD, the last n_row % 4 rows by qdotxH. n_row = 0 leaves C untouched. Of the context
+ * the limits alone are used. Status 2 as the products', without a look at the cross-session buffers. */
+uint32_t tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(const tavik_context* context, uint64_t n_row, uint64_t n_col,
+                                              uint64_t n_inner, float* C, const uint16_t* A, const uint16_t* W);
+/* The same for an f32 activation, rounded to f16 into the start of the cross-session buffer X. Status 2 also when it
+ * does not fit there; nothing is written then. */
+uint32_t tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(tavik_context* context, uint64_t n_row, uint64_t n_col, uint64_t n_inner,
+                                              float* C, const float* A, const uint16_t* W);
+
+/* The steps of which they are made. They check nothing. */
+
+/* Rows 4p to 4p + 3 and columns 4q to 4q + 3 of the result, as far as it has them; C, A and W are the whole matrices. A
+ * whole block by qmmbp_HxD; fewer rows one by one by qdotxH; fewer columns by f32 sums in ascending order of products
+ * rounded to f16. Kept: in such columns W is taken to hold the n_inner values of column c from c * n_inner on. */
+void dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint64_t p, uint64_t q, float* C,
+                           const uint16_t* A, const uint16_t* W);
+
+/* One block of 4 x 4: C is its first element, ldc the pitch of C's rows, Wb the block's four columns of W, Ab its first
+ * row of A. Each result has eight f16 sums, sum l over the inner indices l, l + 8, l + 16, ... in ascending order by
+ * fused multiply-add; they are added up in f32 as ((l0 + l4) + (l1 + l5)) + ((l2 + l6) + (l3 + l7)). The last
+ * n_inner % 8 indices are left out. Past 65504 a sum is infinite. */
+void qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab);
+/* The same with four f32 sums each, sum l over the indices l, l + 4, l + 8, ..., added up as (l0 + l1) + (l2 + l3). */
+void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab);
+/* One row of a block: Crow is its four results, Arow the row of A. Each result has sixteen f16 sums, sum l over the
+ * indices l, l + 16, ...; they are added up in f16: v[i] = l[i] + l[i + 8], u[i] = v[i] + v[i + 4], then (u0 + u1) +
+ * (u2 + u3). The last n_inner % 16 indices are left out. Kept: the last bits can differ from qmmbp_HxD's. */
+void qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* Arow);
 
 #ifdef __cplusplus
 }

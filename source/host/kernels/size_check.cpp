@@ -8,6 +8,12 @@ namespace {
 constexpr char reporting_file[] = "source/host/kernels";
 constexpr char too_large[] = "Dimension(s) too large (see tavik_options to adapt)";
 
+// A product past 64 bits exceeds every limit.
+bool exceeds(uint64_t a, uint64_t b, uint64_t limit) {
+  uint64_t product;
+  return __builtin_mul_overflow(a, b, &product) || product > limit;
+}
+
 }  // namespace
 
 int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
@@ -15,8 +21,8 @@ int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_c
     return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Column dimension not multiple of %zu", size_t{tile_cols});
   if (n_inner % tile_cols != 0)
     return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Inner dimension not multiple of %zu", size_t{tile_cols});
-  if (n_row * n_col > context->output_matrix_size_max || n_row * n_inner > context->input_matrix_size_max ||
-      n_row > context->n_row_max)
+  if (exceeds(n_row, n_col, context->output_matrix_size_max) ||
+      exceeds(n_row, n_inner, context->input_matrix_size_max) || n_row > context->n_row_max)
     return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, too_large);
   return TAVIK_SUCCESS;
 }

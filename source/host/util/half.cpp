@@ -1,4 +1,5 @@
 #include "include/tavik.h"
+#include "source/host/util/streaming.h"
 #include "source/simd/simd.h"
 
 namespace {
@@ -7,11 +8,9 @@ namespace simd = morun::simd;
 
 constexpr size_t tile_side = 32;
 constexpr size_t tile_elements = tile_side * tile_side;
-// Writing past the caches pays once source and destination no longer fit them, and costs before.
-constexpr uint64_t streaming_bytes = 24u << 20;
 
 bool should_stream(uint64_t n_row, uint64_t n_col, const void* dst) {
-  return 6 * n_row * n_col >= streaming_bytes && reinterpret_cast<uintptr_t>(dst) % 32 == 0 && n_col % 8 == 0;
+  return tavik::should_stream(6 * n_row * n_col, dst) && n_col % 8 == 0;
 }
 
 // Calls body(row, tile, is_pair) for each pair of rows of each whole tile, one pair of rows after the other, so that
@@ -28,17 +27,6 @@ uint64_t place_of_pair(uint64_t row, uint64_t tile, uint64_t n_col) {
 }
 
 template <bool streaming>
-void put(uint16_t* p, simd::f16x8 v) {
-  if constexpr (streaming) return simd::store_streaming(p, v);
-  simd::store(p, v);
-}
-template <bool streaming>
-void put(float* p, simd::f32x8 v) {
-  if constexpr (streaming) return simd::store_streaming(p, v);
-  simd::store(p, v);
-}
-
-template <bool streaming>
 void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* dst) {
   static constexpr float zeros[tile_side] = {};
   for_each_row_pair(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
@@ -47,8 +35,8 @@ void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* d
     uint16_t* const pair = dst + place_of_pair(row, tile, n_col);
     for (size_t i = 0; i < tile_side; i += 8) {
       const simd::f16x8 a = simd::narrow(simd::load(even + i)), b = simd::narrow(simd::load(odd + i));
-      put<streaming>(pair + 2 * i, simd::zip_low(a, b));
-      put<streaming>(pair + 2 * i + 8, simd::zip_high(a, b));
+      tavik::put<streaming>(pair + 2 * i, simd::zip_low(a, b));
+      tavik::put<streaming>(pair + 2 * i + 8, simd::zip_high(a, b));
     }
   });
   if constexpr (streaming) simd::fence_streaming();
@@ -63,11 +51,11 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
     for (size_t i = 0; i < tile_side; i += 16) {
       const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
       const simd::f16x8 c = simd::load(pair + 2 * i + 16), d = simd::load(pair + 2 * i + 24);
-      put<streaming>(even + i, simd::widen(simd::unzip_even(a, b)));
-      put<streaming>(even + i + 8, simd::widen(simd::unzip_even(c, d)));
+      tavik::put<streaming>(even + i, simd::widen(simd::unzip_even(a, b)));
+      tavik::put<streaming>(even + i + 8, simd::widen(simd::unzip_even(c, d)));
       if (!is_pair) continue;
-      put<streaming>(even + n_col + i, simd::widen(simd::unzip_odd(a, b)));
-      put<streaming>(even + n_col + i + 8, simd::widen(simd::unzip_odd(c, d)));
+      tavik::put<streaming>(even + n_col + i, simd::widen(simd::unzip_odd(a, b)));
+      tavik::put<streaming>(even + n_col + i + 8, simd::widen(simd::unzip_odd(c, d)));
     }
   });
   if constexpr (streaming) simd::fence_streaming();

@@ -1,0 +1,142 @@
+#include <algorithm>
+#include <cstdio>
+
+#include "include/morun.h"
+#include "include/tavik.h"
+#include "source/host/util/quantise.h"
+
+namespace {
+
+namespace simd = morun::simd;
+using namespace tavik;
+
+struct ResultRows {
+  const float* scales;
+  const int32_t* sums;
+};
+template <class ZeroPoint>
+struct ResultColumns {
+  const ZeroPoint* zero_points;
+  const uint16_t* scales;
+  const int32_t* sums;
+};
+
+simd::i32x8 load_zero_points(const int8_t* zero_points, uint64_t column) {
+  return simd::load_i8(zero_points + column);
+}
+simd::i32x8 load_zero_points(const uint32_t* zero_points, uint64_t column) {
+  return simd::load_i4(zero_points + column / 8);
+}
+
+// What the eight columns of a vector have in common in every row.
+struct ColumnTerms {
+  simd::f32x8 sum, negative_zero_point, zero_point_128, scale;
+};
+template <class ZeroPoint>
+ColumnTerms load_columns(const ResultColumns<ZeroPoint>& columns, uint64_t column) {
+  const simd::f32x8 zero_point = simd::to_float(load_zero_points(columns.zero_points, column));
+  return {simd::to_float(simd::load(columns.sums + column)), simd::multiply(zero_point, simd::broadcast(-1)),
+          simd::multiply(simd::broadcast(128), zero_point), simd::widen(simd::load(columns.scales + column))};
+}
+
+// Some rows of a 64 x 32 tile: the first of them and their number, the tile's first column, and where they stand.
+struct TileGroup {
+  uint64_t row, n_row, column, place;
+};
+
+// Calls body for all rows of all whole tiles. When streaming, a tile after the other; in the caches the lines of all
+// rows of a tile would fight for the same sets, so there few rows at a time.
+template <bool streaming, class Body>
+void for_each_tile_group(uint64_t n_row, uint64_t n_col, Body body) {
+  constexpr uint64_t group_rows = streaming ? int_tile_rows : 8;
+  const uint64_t n_tiles = n_col / int_tile_cols;
+  for (uint64_t row = 0; row < n_row; row += group_rows) {
+    const uint64_t first_place =
+        row / int_tile_rows * n_tiles * int_tile_elements + row % int_tile_rows * int_tile_cols;
+    for (uint64_t tile = 0; tile < n_tiles; ++tile)
+      body(TileGroup{row, std::min(group_rows, n_row - row), tile * int_tile_cols,
+                     first_place + tile * int_tile_elements});
+  }
+}
+
+template <bool streaming, class ZeroPoint>
+void dequantise(uint64_t n_row, uint64_t n_col, float n_inner, float* dst, const int32_t* acc, const ResultRows& rows,
+                const ResultColumns<ZeroPoint>& columns) {
+  for_each_tile_group<streaming>(n_row, n_col, [&](const TileGroup& group) {
+    ColumnTerms terms[4];
+    for (size_t i = 0; i < 4; ++i) terms[i] = load_columns(columns, group.column + 8 * i);
+    for (uint64_t r = 0; r < group.n_row; ++r) {
+      const uint64_t row = group.row + r;
+      const int32_t* const from = acc + group.place + r * int_tile_cols;
+      float* const to = dst + row * n_col + group.column;
+      const simd::f32x8 row_sum = simd::broadcast(static_cast<float>(rows.sums[row]));
+      const simd::f32x8 row_scale = simd::broadcast(rows.scales[row]);
+      for (size_t i = 0; i < 4; ++i) {
+        simd::f32x8 t = simd::to_float(simd::load(from + 8 * i));
+        t = simd::fused_multiply_add(simd::broadcast(-128), terms[i].sum, t);
+        t = simd::fused_multiply_add(terms[i].negative_zero_point, row_sum, t);
+        t = simd::fused_multiply_add(terms[i].zero_point_128, simd::broadcast(n_inner), t);
+        t = simd::multiply(simd::multiply(t, row_scale), terms[i].scale);
+        put<streaming>(to + 8 * i, simd::settle_nan(t));
+      }
+    }
+  });
+}
+
+template <class ZeroPoint>
+void output_to_f32(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                   const ResultRows& rows, const ResultColumns<ZeroPoint>& columns) {
+  if (n_row <= 0 || n_col <= 0) return;
+  const auto height = static_cast<uint64_t>(n_row), width = static_cast<uint64_t>(n_col);
+  const auto inner = static_cast<float>(n_inner);
+  if (!should_stream(8 * height * width, dst) || width % 8 != 0)
+    return dequantise<false>(height, width, inner, dst, acc, rows, columns);
+  dequantise<true>(height, width, inner, dst, acc, rows, columns);
+  simd::fence_streaming();
+}
+
+template <bool streaming>
+void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
+  for_each_tile_group<streaming>(n_row, n_col, [&](const TileGroup& group) {
+    for (uint64_t r = 0; r < group.n_row; ++r) {
+      int32_t* const to = dst + (group.row + r) * n_col + group.column;
+      for (size_t i = 0; i < int_tile_cols; i += 8)
+        put<streaming>(to + i, simd::load(src + group.place + r * int_tile_cols + i));
+    }
+  });
+}
+
+}  // namespace
+
+void tavik::i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
+  if (!should_stream(8 * n_row * n_col, dst) || n_col % 8 != 0)
+    return copy_tiles_to_rows<false>(n_row, n_col, src, dst);
+  copy_tiles_to_rows<true>(n_row, n_col, src, dst);
+  simd::fence_streaming();
+}
+
+void tavik_a8w8_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                                 const float* activation_scales, const int32_t* activation_sums,
+                                 const int8_t* zero_points, const uint16_t* weight_scales, const int32_t* weight_sums) {
+  output_to_f32(n_row, n_col, n_inner, dst, acc, {activation_scales, activation_sums},
+                ResultColumns<int8_t>{zero_points, weight_scales, weight_sums});
+}
+
+void tavik_a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                                 const float* activation_scales, const int32_t* activation_sums,
+                                 const uint32_t* zero_points, const uint16_t* weight_scales,
+                                 const int32_t* weight_sums) {
+  output_to_f32(n_row, n_col, n_inner, dst, acc, {activation_scales, activation_sums},
+                ResultColumns<uint32_t>{zero_points, weight_scales, weight_sums});
+}
+
+uint32_t morun_cpu_ui8i8_ah_to_i32_rm(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
+  if (src == nullptr || dst == nullptr) {
+    fprintf(stderr, "[MORUN][ERROR] file = %s, func = %s, line = %d: NULL ptr provided\n", "source/host/util.c",
+            __func__, __LINE__);
+    fflush(stderr);
+    return 10;
+  }
+  tavik::i32_tiles_to_rows(n_row, n_col, src, dst);
+  return 0;
+}

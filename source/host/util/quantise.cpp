@@ -1,0 +1,223 @@
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+
+#include "include/tavik.h"
+#include "source/host/util/quantise.h"
+
+namespace {
+
+namespace simd = morun::simd;
+using namespace tavik;
+
+constexpr int32_t infinity_bits = 0x7f800000;
+
+int32_t magnitude_bits(float x) {
+  return static_cast<int32_t>(std::bit_cast<uint32_t>(x) & 0x7fffffffu);
+}
+
+// The bit pattern of the largest magnitude, a NaN being larger than any.
+int32_t largest_magnitude_bits(const float* row, uint64_t n_col) {
+  simd::i32x8 largest[4] = {};
+  uint64_t c = 0;
+  for (; c + segment_cols <= n_col; c += segment_cols)
+    for (size_t i = 0; i < 4; ++i) largest[i] = simd::greater(simd::load_magnitude_bits(row + c + 8 * i), largest[i]);
+  int32_t bits = simd::greatest(simd::greater(simd::greater(largest[0], largest[1]),  //
+                                              simd::greater(largest[2], largest[3])));
+  for (; c < n_col; ++c) bits = std::max(bits, magnitude_bits(row[c]));
+  return bits;
+}
+
+// Of the elements that are numbers; 0 where none is.
+float largest_number(const float* row, uint64_t n_col) {
+  float largest = 0;
+  for (uint64_t c = 0; c < n_col; ++c)
+    if (std::fabs(row[c]) > largest) largest = std::fabs(row[c]);
+  return largest;
+}
+
+struct Step {
+  float scale;
+  float inverse;
+  // No element is NaN or infinite and neither is the inverse: every quotient stays within the divisor's magnitude.
+  bool is_ordinary;
+};
+
+Step step_of(const float* row, uint64_t n_col, float divisor) {
+  const int32_t bits = largest_magnitude_bits(row, n_col);
+  const float largest = bits > infinity_bits ? largest_number(row, n_col) : std::bit_cast<float>(bits);
+  const float scale = largest / divisor;
+  const float inverse = scale != 0 ? 1 / scale : 0;
+  return {scale, inverse, bits < infinity_bits && std::isfinite(inverse)};
+}
+
+// Rounded half away from zero; NaN to 0, what is out of range to the nearest bound.
+int32_t nearest_integer(float x) {
+  const float rounded = std::round(x);
+  if (rounded >= 0x1p31f) return INT32_MAX;
+  if (rounded < -0x1p31f) return INT32_MIN;
+  return rounded == rounded ? static_cast<int32_t>(rounded) : 0;
+}
+
+// Where the bytes of a row go: a segment every `pitch` bytes from the place of its first.
+struct RowMajor {
+  static constexpr uint64_t pitch = segment_cols;
+  uint8_t* dst;
+  uint64_t n_col;
+
+  uint8_t* row(uint64_t index) const { return dst + index * n_col; }
+};
+struct Tiles {
+  static constexpr uint64_t pitch = int_tile_elements;
+  uint8_t* dst;
+  uint64_t tiles_per_row;
+
+  uint8_t* row(uint64_t index) const {
+    return dst + index / int_tile_rows * tiles_per_row * int_tile_elements + index % int_tile_rows * segment_cols;
+  }
+};
+
+// The destination of a row takes whole segments, adding them to sums kept in a vector, whose total is asked for in the
+// end, and single values.
+
+// 8 bits, offset 128, in a layout of rows.
+template <class Layout, bool streaming>
+class To8Bits {
+ public:
+  static constexpr float divisor = 127;
+
+  To8Bits(const Layout& layout, uint64_t row) : row_(layout.row(row)) {}
+  simd::i32x8 put_segment(uint64_t column, const Segment& v, simd::i32x8 sums) const {
+    const simd::u8x32 bytes = simd::flip_top_bits(simd::pack_bytes(v[0], v[1], v[2], v[3]));
+    put<streaming>(segment(column), bytes);
+    return simd::add_bytes(sums, bytes);
+  }
+  static uint32_t total(simd::i32x8 sums, uint64_t) { return simd::sum(sums); }
+  uint32_t put_one(uint64_t column, int32_t v) const {
+    const uint32_t q = static_cast<uint32_t>(v) + 128;
+    segment(column)[column % segment_cols] = static_cast<uint8_t>(q);
+    return q;
+  }
+
+ private:
+  uint8_t* segment(uint64_t column) const { return row_ + column / segment_cols * Layout::pitch; }
+  uint8_t* row_;
+};
+
+struct Planes {
+  RowMajor high, low;
+};
+
+// 16 bits, offset 32768, as two planes of bytes.
+class To16Bits {
+ public:
+  static constexpr float divisor = 32767;
+
+  To16Bits(const Planes& planes, uint64_t row) : high_(planes.high.row(row)), low_(planes.low.row(row)) {}
+  simd::i32x8 put_segment(uint64_t column, const Segment& v, simd::i32x8 sums) const {
+    simd::store(high_ + column, simd::flip_top_bits(simd::pack_high_bytes(v[0], v[1], v[2], v[3])));
+    simd::store(low_ + column, simd::pack_low_bytes(v[0], v[1], v[2], v[3]));
+    return simd::add(sums, simd::add(simd::add(v[0], v[1]), simd::add(v[2], v[3])));
+  }
+  static uint32_t total(simd::i32x8 sums, uint64_t n_segments) {
+    return simd::sum(sums) + static_cast<uint32_t>(n_segments * segment_cols) * offset;
+  }
+  uint32_t put_one(uint64_t column, int32_t v) const {
+    const uint32_t q = static_cast<uint32_t>(v) + offset;
+    high_[column] = static_cast<uint8_t>(q >> 8);
+    low_[column] = static_cast<uint8_t>(q);
+    return q;
+  }
+
+ private:
+  static constexpr uint32_t offset = 32768;
+  uint8_t* high_;
+  uint8_t* low_;
+};
+
+template <class Row>
+uint32_t quantise_singly(const float* src, uint64_t begin, uint64_t end, float inverse, const Row& row) {
+  uint32_t sum = 0;
+  for (uint64_t c = begin; c < end; ++c) sum += row.put_one(c, nearest_integer(src[c] * inverse));
+  return sum;
+}
+
+// Consecutive ordinary rows side by side, while the caches fetch the ones that follow.
+template <size_t count, class Row>
+void quantise_ordinary(const float* src, const float* end, uint64_t n_col, const Step* steps,
+                       std::array<Row, count> rows, uint32_t* sums) {
+  const uint64_t ahead = static_cast<uint64_t>(end - src) >= 2 * count * n_col ? count * n_col : 0;
+  simd::f32x8 inverses[count];
+  for (size_t r = 0; r < count; ++r) inverses[r] = simd::broadcast(steps[r].inverse);
+  simd::i32x8 segment_sums[count] = {};
+  uint64_t c = 0;
+  for (; c + segment_cols <= n_col; c += segment_cols) {
+    for (size_t r = 0; r < count; ++r) {
+      simd::prefetch(src + ahead + r * n_col + c);
+      simd::prefetch(src + ahead + r * n_col + c + segment_cols / 2);
+    }
+    for (size_t r = 0; r < count; ++r) {
+      const float* const from = src + r * n_col + c;
+      Segment v;
+      for (size_t i = 0; i < 4; ++i) v[i] = simd::to_nearest(simd::multiply(simd::load(from + 8 * i), inverses[r]));
+      segment_sums[r] = rows[r].put_segment(c, v, segment_sums[r]);
+    }
+  }
+  for (size_t r = 0; r < count; ++r)
+    sums[r] = Row::total(segment_sums[r], n_col / segment_cols) +
+              quantise_singly(src + r * n_col, c, n_col, steps[r].inverse, rows[r]);
+}
+
+template <class Row, class Destination>
+void quantise_activation(uint64_t n_row, uint64_t n_col, const float* src, const Destination& dst, float* scales,
+                         uint32_t* sums) {
+  const float* const end = src + n_row * n_col;
+  uint64_t r = 0;
+  while (r < n_row) {
+    const float* const from = src + r * n_col;
+    const size_t count = std::min<uint64_t>(2, n_row - r);  // the two rows of a tile that share cache lines
+    Step steps[2] = {};
+    for (size_t i = 0; i < count; ++i) steps[i] = step_of(from + i * n_col, n_col, Row::divisor);
+    if (count == 2 && steps[0].is_ordinary && steps[1].is_ordinary) {
+      quantise_ordinary<2, Row>(from, end, n_col, steps, {Row(dst, r), Row(dst, r + 1)}, sums + r);
+    } else {
+      for (size_t i = 0; i < count; ++i) {
+        const float* const row = from + i * n_col;
+        if (steps[i].is_ordinary)
+          quantise_ordinary<1, Row>(row, end, n_col, steps + i, {Row(dst, r + i)}, sums + r + i);
+        else
+          sums[r + i] = quantise_singly(row, 0, n_col, steps[i].inverse, Row(dst, r + i));
+      }
+    }
+    for (size_t i = 0; i < count; ++i) scales[r + i] = steps[i].scale;
+    r += count;
+  }
+}
+
+template <class Layout>
+void quantise_to_u8(uint64_t n_row, uint64_t n_col, const float* src, const Layout& layout, float* scales,
+                    uint32_t* sums, bool streaming) {
+  if (!streaming) return quantise_activation<To8Bits<Layout, false>>(n_row, n_col, src, layout, scales, sums);
+  quantise_activation<To8Bits<Layout, true>>(n_row, n_col, src, layout, scales, sums);
+  simd::fence_streaming();
+}
+
+}  // namespace
+
+void tavik_f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
+                           uint32_t* sums) {
+  const bool streaming = should_stream(5 * n_row * n_col, dst) && n_col % segment_cols == 0;
+  quantise_to_u8(n_row, n_col, src, RowMajor{dst, n_col}, scales, sums, streaming);
+}
+
+void tavik_f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
+                           uint32_t* sums) {
+  const Tiles tiles = {dst, (n_col + int_tile_cols - 1) / int_tile_cols};
+  quantise_to_u8(n_row, n_col, src, tiles, scales, sums, should_stream(5 * n_row * n_col, dst));
+}
+
+void tavik_f32_rm_to_u16_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* high, uint8_t* low,
+                            float* scales, uint32_t* sums) {
+  quantise_activation<To16Bits>(n_row, n_col, src, Planes{{high, n_col}, {low, n_col}}, scales, sums);
+}
