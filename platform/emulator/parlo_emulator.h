@@ -28,7 +28,6 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_UNSIGNED_REFUSED = 0x206,  /* open: unsigned modules are not enabled in the session */
   PARLO_EMULATOR_BAD_HANDLE = 0x207,        /* not an open handle */
   PARLO_EMULATOR_BAD_SCALARS = 0x208,       /* invoke: no such method, or buffers of the wrong number or size */
-  PARLO_EMULATOR_NOT_IMPLEMENTED = 0x209,   /* invoke: a method that the software DSP does not compute yet */
 
   PARLO_EMULATOR_UNKNOWN_DESCRIPTOR = 0x301, /* map, unmap: no shared memory has this descriptor and address */
   PARLO_EMULATOR_WRONG_SIZE = 0x302,         /* map: not the size of the memory; unmap: not that of the mapping */

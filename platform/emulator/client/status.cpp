@@ -28,8 +28,6 @@ int error_of(int32_t status) {
     case PARLO_EMULATOR_BAD_HANDLE:
     case PARLO_EMULATOR_UNKNOWN_DESCRIPTOR:
       return EBADF;
-    case PARLO_EMULATOR_NOT_IMPLEMENTED:
-      return ENOSYS;
     case PARLO_EMULATOR_ALREADY_MAPPED:
       return EEXIST;
     case PARLO_EMULATOR_ADDRESS_SPACE_FULL:

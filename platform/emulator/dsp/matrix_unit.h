@@ -1,4 +1,4 @@
-// The software matrix unit: products of matrices that lie in tiles of 32 x 32 elements.
+// The software matrix unit: products of matrices that lie in tiles.
 #pragma once
 
 #include <cstddef>
@@ -6,15 +6,35 @@
 
 namespace parlo::dsp {
 
-inline constexpr size_t tile_size = 32;
+inline constexpr size_t tile_size = 32;  // columns of every tile, and inner elements
 
-// A = X * W in halves, all dimensions multiples of 32. X (n_row x n_inner) and A (n_row x n_col) are in activation
-// tiles: tile after tile along a band of 32 rows, inside a tile row pair after row pair, in a pair column after column.
-// W (n_inner x n_col) is in weight tiles: the same with column pairs.
-//
-// Each sum is kept in one f32 and taken in ascending order of the inner index, then rounded once to the nearest half,
-// so the bits depend neither on blocking nor on the number of threads. A result that is no number is some NaN. A must
-// not overlap X or W.
-void multiply_f16(size_t n_row, size_t n_col, size_t n_inner, const uint16_t* X, const uint16_t* W, uint16_t* A);
+struct Shape {
+  size_t n_row, n_col, n_inner;
+};
+
+// A kind of product A = X * W by the elements of its matrices. X (n_row x n_inner) and A (n_row x n_col) are in tiles of
+// tile_rows x 32, W (n_inner x n_col) in tiles of 32 x 32, tile after tile along a band of tiles.
+struct Kind {
+  size_t tile_rows;
+  bool whole_bands;  // takes multiples of tile_rows only
+  size_t activation_bytes, result_bytes;
+  size_t weight_bits;
+  // All dimensions in whole tiles. A must not overlap X or W. The bits depend neither on blocking nor on the number of
+  // threads.
+  void (*multiply)(const Shape& shape, const std::byte* X, const std::byte* W, std::byte* A);
+};
+
+// Halves. Inside a tile of X and A lies row pair after row pair, in a pair column after column; in W column pairs the
+// same way. Each sum is kept in one f32 and taken in ascending order of the inner index, then rounded once to the
+// nearest half. A result that is no number is some NaN.
+extern const Kind f16;
+
+// Unsigned bytes times signed bytes to i32, exact modulo 2^32. Tiles of X and A are row-major; in those of W lie groups
+// of four columns, in a group row after row.
+extern const Kind a8w8;
+
+// The same with signed weights of four bits: in a tile of W a group of eight columns is like one of four of the above,
+// its first four columns in the lower halves of the bytes.
+extern const Kind a8w4;
 
 }  // namespace parlo::dsp

@@ -1,11 +1,12 @@
 #include "platform/emulator/dsp/methods.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
-#include <memory>
 
 #include "build/tavik_methods.h"
 #include "platform/emulator/dsp/matrix_unit.h"
+#include "platform/emulator/dsp/products.h"
 #include "platform/emulator/parlo_emulator.h"
 
 namespace parlo::dsp {
@@ -13,68 +14,10 @@ namespace {
 
 namespace remote = tavik::remote;
 
-// ---- Operands in shared memory -----------------------------------------------------------------------------------
-
-// A matrix of halves somewhere in a view; the view stays as long as the operand does.
-struct Operand {
-  ViewPointer view;
-  uint64_t offset;  // bytes
-  uint64_t n_element;
-
-  uint16_t* elements() const { return reinterpret_cast<uint16_t*>(view->bytes() + offset); }
-  uint64_t end() const { return offset + n_element * sizeof(uint16_t); }
-
-  int32_t check() const {
-    if (!view) return PARLO_EMULATOR_DSP_NOT_MAPPED;
-    if (offset % sizeof(uint16_t) != 0) return PARLO_EMULATOR_DSP_MISALIGNED;
-    const bool fits = offset <= view->length() && n_element <= (view->length() - offset) / sizeof(uint16_t);
-    return fits ? KESO_SUCCESS : PARLO_EMULATOR_DSP_OUT_OF_RANGE;
-  }
-  bool overlaps(const Operand& other) const {
-    return view == other.view && offset < other.end() && other.offset < end();
-  }
-};
-
-struct Shape {
-  uint64_t n_row, n_col, n_inner;  // each below 2^32, so that products of two fit
-
-  bool in_tiles() const { return (n_row | n_col | n_inner) % tile_size == 0; }
-};
-
-struct Place {
-  ViewPointer view;
-  uint64_t offset;
-};
-
-// Nothing is written unless every check passes. A result that overlaps an operand is computed aside first.
-int32_t multiply(const Shape& shape, Place A_place, Place X_place, Place W_place) {
-  if (!shape.in_tiles()) return PARLO_EMULATOR_DSP_BAD_DIMENSION;
-  const Operand A{std::move(A_place.view), A_place.offset, shape.n_row * shape.n_col};
-  const Operand X{std::move(X_place.view), X_place.offset, shape.n_row * shape.n_inner};
-  const Operand W{std::move(W_place.view), W_place.offset, shape.n_inner * shape.n_col};
-  for (const Operand* operand : {&A, &X, &W})
-    if (const int32_t status = operand->check(); status != KESO_SUCCESS) return status;
-
-  if (!A.overlaps(X) && !A.overlaps(W)) {
-    multiply_f16(shape.n_row, shape.n_col, shape.n_inner, X.elements(), W.elements(), A.elements());
-    return KESO_SUCCESS;
-  }
-  const auto result = std::make_unique_for_overwrite<uint16_t[]>(A.n_element);
-  multiply_f16(shape.n_row, shape.n_col, shape.n_inner, X.elements(), W.elements(), result.get());
-  std::copy_n(result.get(), A.n_element, A.elements());
-  return KESO_SUCCESS;
-}
-
 // ---- Methods, each by its arguments ------------------------------------------------------------------------------
 
 ViewPointer view(Session& session, uint32_t descriptor) {
   return session.view(static_cast<int32_t>(descriptor));
-}
-
-// Methods that are not computed yet.
-template <class Arguments>
-int32_t run(Session&, const Arguments&) {
-  return PARLO_EMULATOR_NOT_IMPLEMENTED;
 }
 
 // Host and DSP share coherent memory here.
@@ -107,17 +50,76 @@ int32_t run(Session& session, const remote::veyra_unlock_tessel_arguments&) {
   return session.unlock_matrix_unit();
 }
 
-int32_t run(Session& session, const remote::veyra_mm_f16_arguments& a) {
-  if (const int32_t status = session.may_multiply(); status != KESO_SUCCESS) return status;
-  return multiply({a.n_row, a.n_col, a.n_inner}, {view(session, a.A_fd), a.A_offset},
-                  {view(session, a.X_fd), a.X_offset}, {view(session, a.W_fd), a.W_offset});
+// ---- Products, each by the fields of its arguments, which are the same for all kinds ------------------------------
+
+template <class Arguments>
+concept OnOwnBuffers = requires(Arguments a) {
+  a.A_fd;
+};
+template <class Arguments>
+concept Single = !OnOwnBuffers<Arguments> && requires(Arguments a) {
+  a.W_fd;
+};
+template <class Arguments>
+concept Double = requires(Arguments a) {
+  a.UW_fd;
+};
+template <class Arguments>
+concept Triple = requires(Arguments a) {
+  a.QW_fd;
+};
+
+constexpr const Kind& kind_of(uint32_t method) {
+  if (method <= remote::veyra_3mm_f16_arguments::method) return f16;
+  return method <= remote::veyra_3mm_a8w8_arguments::method ? a8w8 : a8w4;
 }
 
-int32_t run(Session& session, const remote::veyra_1mm_f16_arguments& a) {
+// compute(A0, A1, A2, X): the operands of the products of an activation in X.
+template <class Compute>
+int32_t run_with_AX(Session& session, Compute compute) {
   if (const int32_t status = session.may_multiply(); status != KESO_SUCCESS) return status;
-  ViewPointer A0, X;
-  if (const int32_t status = session.find_AX(A0, X); status != KESO_SUCCESS) return status;
-  return multiply({a.n_row, a.n_col, a.n_inner}, {A0, 0}, {X, 0}, {view(session, a.W_fd), a.W_offset});
+  std::array<ViewPointer, 4> AX;
+  if (const int32_t status = session.find_AX(AX); status != KESO_SUCCESS) return status;
+  return compute(Place{AX[0]}, Place{AX[1]}, Place{AX[2]}, Place{AX[3]});
+}
+
+template <OnOwnBuffers Arguments>
+int32_t run(Session& session, const Arguments& a) {
+  if (const int32_t status = session.may_multiply(); status != KESO_SUCCESS) return status;
+  return multiply(kind_of(a.method), {{a.n_row,
+                                       a.n_col,
+                                       a.n_inner,
+                                       {view(session, a.A_fd), a.A_offset},
+                                       {view(session, a.X_fd), a.X_offset},
+                                       {view(session, a.W_fd), a.W_offset}}});
+}
+
+template <Single Arguments>
+int32_t run(Session& session, const Arguments& a) {
+  const Place W{view(session, a.W_fd), a.W_offset};
+  return run_with_AX(session, [&](const Place& A0, const Place&, const Place&, const Place& X) {
+    return multiply(kind_of(a.method), {{a.n_row, a.n_col, a.n_inner, A0, X, W}});
+  });
+}
+
+template <Double Arguments>
+int32_t run(Session& session, const Arguments& a) {
+  const Place UW{view(session, a.UW_fd), a.UW_offset}, FW{view(session, a.FW_fd), a.FW_offset};
+  return run_with_AX(session, [&](const Place& A0, const Place& A1, const Place&, const Place& X) {
+    return multiply(kind_of(a.method),
+                    {{a.n_row, a.n_col, a.n_inner, A0, X, UW}, {a.n_row, a.n_col, a.n_inner, A1, X, FW}});
+  });
+}
+
+template <Triple Arguments>
+int32_t run(Session& session, const Arguments& a) {
+  const Place QW{view(session, a.QW_fd), a.QW_offset}, KW{view(session, a.KW_fd), a.KW_offset},
+      VW{view(session, a.VW_fd), a.VW_offset};
+  return run_with_AX(session, [&](const Place& A0, const Place& A1, const Place& A2, const Place& X) {
+    return multiply(kind_of(a.method), {{a.n_row, a.n_col_q, a.n_inner, A0, X, QW},
+                                        {a.n_row, a.n_col_kv, a.n_inner, A1, X, KW},
+                                        {a.n_row, a.n_col_kv, a.n_inner, A2, X, VW}});
+  });
 }
 
 // The self-test adds one to every byte.

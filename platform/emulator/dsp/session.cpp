@@ -85,12 +85,11 @@ int32_t Session::put_AX() {
   return KESO_SUCCESS;
 }
 
-int32_t Session::find_AX(ViewPointer& A0, ViewPointer& X) {
+int32_t Session::find_AX(std::array<ViewPointer, 4>& views) {
   const std::lock_guard lock(mutex_);
   if (AX_.empty()) return PARLO_EMULATOR_DSP_NO_AX;
-  A0 = AX_.front().lock();
-  X = AX_.back().lock();
-  return A0 && X ? KESO_SUCCESS : PARLO_EMULATOR_DSP_NOT_MAPPED;
+  std::transform(AX_.begin(), AX_.end(), views.begin(), [](const auto& view) { return view.lock(); });
+  return KESO_SUCCESS;
 }
 
 int32_t Session::acquire_resources() {

@@ -45,10 +45,10 @@ class Session {
   // The youngest mapping of that descriptor; nullptr where there is none.
   ViewPointer view(int32_t descriptor);
 
-  // The cross-session buffers A0, A1, A2 and X.
+  // The cross-session buffers A0, A1, A2 and X, in this order; found as nullptr once unmapped.
   int32_t get_AX(const std::array<int32_t, 4>& descriptors);
   int32_t put_AX();
-  int32_t find_AX(ViewPointer& A0, ViewPointer& X);
+  int32_t find_AX(std::array<ViewPointer, 4>& views);
 
   // Doing either twice is no change: a switch of sessions that failed half-way is tried again from its start. A release
   // leaves the matrix unit locked, which is unlocked afterwards.
