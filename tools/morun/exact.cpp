@@ -51,6 +51,8 @@ void add_element(Deviation& deviation, double exact, double result) {
   const double error = std::isfinite(result) ? std::abs(result - exact) : std::numeric_limits<double>::infinity();
   deviation.largest_error = std::max(deviation.largest_error, error);
   deviation.largest_exact = std::max(deviation.largest_exact, std::abs(exact));
+  deviation.squared_error += error * error;
+  deviation.squared_exact += exact * exact;
 }
 
 void add_piece(Deviation& deviation, const Piece& piece, const Matrix& y) {
@@ -68,6 +70,10 @@ size_t pieces(size_t extent, size_t piece_extent) {
 
 double Deviation::relative() const {
   return largest_error == 0 ? 0 : largest_error / largest_exact;
+}
+
+double Deviation::relative_frobenius() const {
+  return squared_error == 0 ? 0 : std::sqrt(squared_error / squared_exact);
 }
 
 Deviation deviation_from_exact(const Matrix& x, const Matrix& w, const Matrix& y) {
@@ -99,6 +105,8 @@ Deviation deviation_from_exact(const Matrix& x, const Matrix& w, const Matrix& y
   for (const Deviation& deviation : deviations) {
     total.largest_error = std::max(total.largest_error, deviation.largest_error);
     total.largest_exact = std::max(total.largest_exact, deviation.largest_exact);
+    total.squared_error += deviation.squared_error;
+    total.squared_exact += deviation.squared_exact;
     total.n_left_out += deviation.n_left_out;
   }
   return total;

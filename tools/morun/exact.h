@@ -12,9 +12,12 @@ namespace tool {
 struct Deviation {
   double largest_error = 0;  // of all elements: |result - exact|
   double largest_exact = 0;  // |exact|
+  double squared_error = 0;  // added up
+  double squared_exact = 0;
   size_t n_left_out = 0;
 
-  double relative() const;  // largest_error / largest_exact
+  double relative() const;            // largest_error / largest_exact
+  double relative_frobenius() const;  // of the difference's and the exact product's norms
 };
 
 // Compares y with x * w. Uses all cores.

@@ -27,6 +27,11 @@ Context open_context(const tavik_options& options) {
   return Context(context);
 }
 
+void lock_matrix_unit(tavik_context* context) {
+  const int32_t status = tavik_lock_compute_device(context);
+  if (status != TAVIK_SUCCESS) throw Error("the matrix unit cannot be locked: status {}", status);
+}
+
 SharedBuffer::SharedBuffer(tavik_context* context, uint64_t size) : context_(context) {
   const uint64_t padded_size = tavik_apply_padding(size);
   require(tavik_buffer_alloc(context, padded_size, &data_, &fd_),

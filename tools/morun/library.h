@@ -21,6 +21,9 @@ using Context = std::unique_ptr<tavik_context, ContextRelease>;
 
 Context open_context(const tavik_options& options);
 
+// Reserves the matrix unit for the active session. Most products do that themselves.
+void lock_matrix_unit(tavik_context* context);
+
 // Memory that the DSP sees too. It ends before its context does.
 class SharedBuffer {
  public:

@@ -7,18 +7,37 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "tools/morun/commands.h"
+#include "tools/morun/error.h"
+#include "tools/morun/kernels.h"
 
 namespace {
 
 std::string failure_line(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   return fmt::format("morun: {}\n", text);
+}
+
+std::string kernel_list() {
+  std::string list = "Kernels:";
+  for (const tool::Kernel& kernel : tool::kernels()) list += fmt::format("\n  {}", kernel.name);
+  return list;
+}
+
+void read_shape(const std::string& text, tool::BenchArguments& arguments) {
+  int end = 0;
+  const int n_read =
+      std::sscanf(text.c_str(), "%9ux%9ux%9u%n", &arguments.n_row, &arguments.n_col, &arguments.n_inner, &end);
+  if (n_read != 3 || static_cast<size_t>(end) != text.size()) {
+    throw tool::Error("--shape: {} is not three numbers as in 64x1024x1024", text);
+  }
 }
 
 void add_info(CLI::App& app) {
@@ -34,23 +53,106 @@ void add_hello(CLI::App& app) {
   command->callback([] { tool::hello(); });
 }
 
+// The weights of one, two or three products, each form by an option of its own.
+struct WeightOptions {
+  std::vector<std::filesystem::path> single, pair, qkv;
+
+  std::vector<std::filesystem::path> given() const { return !single.empty() ? single : !pair.empty() ? pair : qkv; }
+};
+
 void add_mm(CLI::App& app) {
-  auto* const command = app.add_subcommand("mm", "Multiply two matrices on the NPU: Y = X * W");
+  auto* const command = app.add_subcommand("mm", "Multiply on the NPU: Y = X * W, for up to three W at a time");
   auto arguments = std::make_shared<tool::MmArguments>();
+  auto weights = std::make_shared<WeightOptions>();
   command->add_option("X", arguments->x, "n_row x n_inner activation, .npy")->required();
-  command->add_option("W", arguments->w, "n_inner x n_col weights, .npy")->required();
-  command->add_option("-o,--output", arguments->y, "n_row x n_col result, .npy")->required();
+  auto* const single = command->add_option("W", weights->single, "n_inner x n_col weights, .npy")->expected(1);
+  auto* const pair = command->add_option("--pair", weights->pair, "two weights instead, of equally many columns");
+  pair->type_name("U F")->expected(2)->excludes(single);
+  auto* const qkv =
+      command->add_option("--qkv", weights->qkv, "three weights instead, K and V of equally many columns");
+  qkv->type_name("Q K V")->expected(3)->excludes(single)->excludes(pair);
+  command->add_option("-o,--output", arguments->y, "n_row x n_col result, .npy; with --pair and --qkv one for each")
+      ->required()
+      ->type_name("Y...")
+      ->expected(1, 3);
+  auto kind = std::make_shared<std::string>("f16");
+  command->add_option("--weights", *kind, "what the NPU takes weights as")
+      ->check(CLI::IsMember({"f16", "a8w8", "a8w4"}))
+      ->capture_default_str();
   command->add_flag("--check", arguments->check, "compare with a product in double precision on the host");
   command->add_option("--repeat", arguments->n_repeat, "compute the product this often; times are best and mean")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
   command->footer(R"(
-X and W hold f32 or f16 values and are of any shape. The NPU takes them rounded to f16; Y is written as f32.
+  morun mm X.npy W.npy -o Y.npy
+  morun mm X.npy --pair U.npy F.npy -o YU.npy YF.npy
+  morun mm X.npy --qkv Q.npy K.npy V.npy -o YQ.npy YK.npy YV.npy --weights a8w8 --check
 
---check multiplies the values as given and prints the largest |error| of all elements, as it is and relative to the
-largest |exact value|. Elements whose exact value is infinite or not a number are left out and counted; a result that
-is so where the exact value is finite deviates infinitely.)");
-  command->callback([arguments] { tool::mm(*arguments); });
+-o comes behind the matrices. The matrices hold f32 or f16 values and are of any shape; results are written as f32.
+--pair and --qkv run one fused kernel, which takes the activation to the NPU once.
+
+--weights f16: activation, weights and results are rounded to f16. a8w8 and a8w4: the weights are quantised to 8 or 4
+bits a value with a scale and a zero point for each column, the activation to 8 bits with a scale for each row, and the
+sums are exact. Zero points are cut to the range of the values: a column without values of both signs loses accuracy,
+and one of a single value becomes 0.
+
+--check multiplies the values as given and prints for each result the largest |error| of all elements, as it is and
+relative to the largest |exact value|, and the Frobenius norm of the error relative to that of the exact product.
+Elements whose exact value is infinite or not a number are left out and counted; a result that is so where the exact
+value is finite deviates infinitely.)");
+  command->callback([arguments, weights, kind] {
+    using enum tool::WeightKind;
+    arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
+    arguments->w = weights->given();
+    if (arguments->w.empty()) throw tool::Error("one of W, --pair and --qkv is required");
+    if (arguments->w.size() != arguments->y.size()) {
+      throw tool::Error("{} weights give as many results, and --output names {}", arguments->w.size(),
+                        arguments->y.size());
+    }
+    tool::mm(*arguments);
+  });
+}
+
+void add_verify(CLI::App& app) {
+  auto* const command = app.add_subcommand("verify", "Compare every kernel with an independent product on the host");
+  auto arguments = std::make_shared<tool::VerifyArguments>();
+  command->add_flag("--quick", arguments->quick, "small shapes, for slow machines");
+  command->add_option("--kernel", arguments->kernel, "kernels that have this in their names; all otherwise");
+  command->add_option("--seed", arguments->seed, "equal seeds give equal values")->capture_default_str();
+  command->add_flag("--one-session", arguments->one_session,
+                    "leave out weights in several sessions, for which some 6 GiB of shared memory are reserved");
+  command->footer(
+      R"(
+One line a call: shape as rows x columns x inner dimension, the values, the session of each weight matrix, the element
+that takes most of its bound (its deviation and that bound), the time of the call, and the verdict. Bounds follow from
+the roundings that the kernel has to make; where it has none to make, the bound is 0. "by design" marks calls that the
+library defines to give something else than the product, or to fail, where weights are in several sessions; they are
+held to exactly that. Fails when one call does.
+
+)" + kernel_list());
+  command->callback([arguments] { tool::verify(*arguments); });
+}
+
+void add_bench(CLI::App& app) {
+  auto* const command = app.add_subcommand("bench", "Time the kernels and their parts");
+  auto arguments = std::make_shared<tool::BenchArguments>();
+  auto shape =
+      std::make_shared<std::string>(fmt::format("{}x{}x{}", arguments->n_row, arguments->n_col, arguments->n_inner));
+  command->add_option("--kernel", arguments->kernel, "kernels that have this in their names; all otherwise");
+  command->add_option("--shape", *shape, "rows, columns of each result, inner dimension")
+      ->type_name("RxCxI")
+      ->capture_default_str();
+  command->add_option("--json", arguments->json, "also write the times as Google Benchmark does")->type_name("FILE");
+  command->footer(
+      R"(
+Times are the best of half a second. A call is the kernel as called; "convert" its conversions alone, on the same data;
+"remote" its remote method alone, called directly. What they leave of a call is checks.
+
+)" + kernel_list());
+  command->callback([arguments, shape] {
+    read_shape(*shape, *arguments);
+    tool::bench(*arguments);
+  });
 }
 
 void add_make(CLI::App& app) {
@@ -74,6 +176,8 @@ int main(int n_argument, char** arguments) {
   add_info(app);
   add_hello(app);
   add_mm(app);
+  add_verify(app);
+  add_bench(app);
   add_make(app);
 
   try {

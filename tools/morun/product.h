@@ -5,45 +5,53 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
+#include "tools/morun/kernels.h"
 #include "tools/morun/library.h"
 #include "tools/morun/matrix.h"
 
 namespace tool {
 
-// Y = X * W: X is n_row x n_inner, W n_inner x n_col.
+// Y = X * W for each of one to three W: X is n_row x n_inner, each W n_inner x a number of columns of its own.
 struct ProductShape {
   size_t n_row;
   size_t n_inner;
-  size_t n_col;
+  std::vector<size_t> n_col;
 };
 
 struct ProductPlan {
+  const Kernel* kernel;
   size_t n_row;
-  size_t n_inner;         // padded
-  size_t n_col;           // padded
-  size_t n_row_band;      // rows of all bands but the last
-  tavik_options options;  // the defaults, raised where a single tile's height of rows would not fit
+  size_t n_inner;                     // padded
+  std::vector<size_t> n_col;          // padded
+  size_t n_row_band;                  // rows of all bands but the last
+  tavik_options options;              // the defaults, raised where a single tile's height of rows would not fit
+  std::vector<WeightArrays> weights;  // in one buffer, whose descriptor is yet to be filled in
+  uint64_t weight_bytes;
 
   size_t n_band() const { return (n_row + n_row_band - 1) / n_row_band; }
 };
 
 // Throws an Error for weights that the DSP cannot address.
-ProductPlan plan_product(const ProductShape& shape);
+ProductPlan plan_product(WeightKind kind, const ProductShape& shape);
 
-// Weights as the matrix unit reads them, in a shared buffer.
-class F16Weights {
+// All weights of a product as the matrix unit reads them, in one shared buffer and so in one session. Quantised ones
+// are quantised column by column.
+class Weights {
  public:
-  F16Weights(tavik_context* context, const ProductPlan& plan, const Matrix& w);
-  uint32_t fd() const { return buffer_.fd(); }
+  Weights(tavik_context* context, const ProductPlan& plan, const std::vector<Matrix>& matrices);
+
+  const WeightArrays& operator[](size_t index) const { return arrays_[index]; }
 
  private:
   SharedBuffer buffer_;
+  std::vector<WeightArrays> arrays_;
 };
 
-// Computes y, n_row x padded n_col, from x, n_row x padded n_inner. `on_band` is told how many rows are done after each
-// band.
-void multiply(tavik_context* context, const ProductPlan& plan, const Matrix& x, const F16Weights& w, Matrix& y,
-              const std::function<void(size_t n_row_done)>& on_band);
+// Computes each y, n_row x padded n_col, from x, n_row x padded n_inner. `on_band` is told how many rows are done after
+// each band.
+void multiply(tavik_context* context, const ProductPlan& plan, const Matrix& x, const Weights& weights,
+              std::vector<Matrix>& y, const std::function<void(size_t n_row_done)>& on_band);
 
 }  // namespace tool

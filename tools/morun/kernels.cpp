@@ -1,0 +1,185 @@
+#include "tools/morun/kernels.h"
+
+#include <algorithm>
+
+#include "tools/morun/error.h"
+
+namespace tool {
+namespace {
+
+// ---- Single kernels ------------------------------------------------------------------------------------------------
+
+uint32_t run_on_own_buffers(const Call& c) {
+  const auto& [n_col, w, host_weights, result] = c.products[0];
+  return tavik_npu_mm_f16_ah_f16_ah_f16_wh(c.context, c.n_row, n_col, c.n_inner, w.fd, w.fd, w.fd, c.a_offset,
+                                           c.x_offset, w.values);
+}
+
+// The descriptors of A and X are not used.
+template <auto kernel>
+uint32_t run_on_cross_session_buffers(const Call& c) {
+  const auto& [n_col, w, host_weights, result] = c.products[0];
+  return kernel(c.context, c.n_row, n_col, c.n_inner, ~0u, ~0u, w.fd, 0, 0, w.values);
+}
+
+template <auto kernel, typename Element>
+uint32_t run_on_host(const Call& c) {
+  const auto& [n_col, w, host_weights, result] = c.products[0];
+  return kernel(c.context, static_cast<uint64_t>(c.n_row), static_cast<uint64_t>(n_col),
+                static_cast<uint64_t>(c.n_inner), result, static_cast<const Element*>(c.x), host_weights);
+}
+
+uint32_t run_test(const Call& c) {
+  return tavik_npu_test(c.context, c.n_row, c.products[0].weights.fd);
+}
+
+// ---- One to three products of a converted activation ---------------------------------------------------------------
+
+const float* activation(const Call& c) {
+  return static_cast<const float*>(c.x);
+}
+
+uint32_t run_f16_1(const Call& c) {
+  const Product& p = c.products[0];
+  return tavik_npu_mm_f32_rm_f32_rm_f16_wh(c.context, c.n_row, p.n_col, c.n_inner, p.result, activation(c),
+                                           p.weights.fd, p.weights.values);
+}
+
+uint32_t run_f16_2(const Call& c) {
+  const auto& [p, q, unused] = c.products;
+  return tavik_npu_2mm_f32_rm_f32_rm_f16_wh(c.context, c.n_row, p.n_col, c.n_inner, p.result, q.result, activation(c),
+                                            p.weights.fd, q.weights.fd, p.weights.values, q.weights.values);
+}
+
+uint32_t run_f16_3(const Call& c) {
+  const auto& [p, q, r] = c.products;
+  return tavik_npu_3mm_f32_rm_f32_rm_f16_wh(c.context, c.n_row, p.n_col, q.n_col, c.n_inner, p.result, q.result,
+                                            r.result, activation(c), p.weights.fd, q.weights.fd, r.weights.fd,
+                                            p.weights.values, q.weights.values, r.weights.values);
+}
+
+template <auto kernel>
+uint32_t run_quantised_1(const Call& c) {
+  const auto& p = c.products[0];
+  const WeightArrays& w = p.weights;
+  return kernel(c.context, c.n_row, p.n_col, c.n_inner, p.result, activation(c), w.fd, w.values, w.zero_points,
+                w.scales, w.sums);
+}
+
+template <auto kernel>
+uint32_t run_quantised_2(const Call& c) {
+  const auto& [p, q, unused] = c.products;
+  const WeightArrays &u = p.weights, &f = q.weights;
+  return kernel(c.context, c.n_row, p.n_col, c.n_inner, p.result, q.result, activation(c), u.fd, f.fd, u.values,
+                u.zero_points, u.scales, u.sums, f.values, f.zero_points, f.scales, f.sums);
+}
+
+template <auto kernel>
+uint32_t run_quantised_3(const Call& c) {
+  const auto& [p, q, r] = c.products;
+  const WeightArrays &a = p.weights, &k = q.weights, &v = r.weights;
+  return kernel(c.context, c.n_row, p.n_col, q.n_col, c.n_inner, p.result, q.result, r.result, activation(c), a.fd,
+                k.fd, v.fd, a.values, a.zero_points, a.scales, a.sums, k.values, k.zero_points, k.scales, k.sums,
+                v.values, v.zero_points, v.scales, v.sums);
+}
+
+// ---- Remote methods ------------------------------------------------------------------------------------------------
+
+// Rows as the method takes them, in tiles of `tile_rows`.
+template <uint32_t tile_rows>
+uint32_t rows(const Call& c) {
+  return (static_cast<uint32_t>(c.n_row) + tile_rows - 1) / tile_rows * tile_rows;
+}
+uint32_t columns(const Product& product) {
+  return static_cast<uint32_t>(product.n_col);
+}
+uint32_t inner(const Call& c) {
+  return static_cast<uint32_t>(c.n_inner);
+}
+
+int remote_on_own_buffers(uint64_t handle, const Call& c) {
+  const Product& p = c.products[0];
+  const WeightArrays& w = p.weights;
+  return tavik_veyra_mm_f16(handle, rows<32>(c), columns(p), inner(c), w.fd, w.fd, w.fd, c.a_offset, c.x_offset,
+                            w.values);
+}
+
+template <auto method, uint32_t tile_rows>
+int remote_1(uint64_t handle, const Call& c) {
+  const Product& p = c.products[0];
+  return method(handle, rows<tile_rows>(c), columns(p), inner(c), p.weights.fd, p.weights.values);
+}
+
+template <auto method, uint32_t tile_rows>
+int remote_2(uint64_t handle, const Call& c) {
+  const auto& [p, q, unused] = c.products;
+  return method(handle, rows<tile_rows>(c), columns(p), inner(c), p.weights.fd, q.weights.fd, p.weights.values,
+                q.weights.values);
+}
+
+template <auto method, uint32_t tile_rows>
+int remote_3(uint64_t handle, const Call& c) {
+  const auto& [p, q, r] = c.products;
+  return method(handle, rows<tile_rows>(c), columns(p), columns(q), inner(c), p.weights.fd, q.weights.fd, r.weights.fd,
+                p.weights.values, q.weights.values, r.weights.values);
+}
+
+int remote_test(uint64_t handle, const Call& c) {
+  return tavik_veyra_test(handle, static_cast<uint32_t>(c.n_row), c.products[0].weights.fd);
+}
+
+// ---- Table ---------------------------------------------------------------------------------------------------------
+
+using enum Operands;
+using enum WeightKind;
+
+constexpr Kernel table[] = {
+    {"tavik_npu_test", bytes, f16, 1, run_test, remote_test},
+    {"tavik_npu_mm_f16_ah_f16_ah_f16_wh", own_buffers, f16, 1, run_on_own_buffers, remote_on_own_buffers},
+    {"tavik_npu_mm_f32_rm_f32_rm_f16_wh", converted, f16, 1, run_f16_1, remote_1<tavik_veyra_1mm_f16, 32>},
+    {"tavik_npu_2mm_f32_rm_f32_rm_f16_wh", converted, f16, 2, run_f16_2, remote_2<tavik_veyra_2mm_f16, 32>},
+    {"tavik_npu_3mm_f32_rm_f32_rm_f16_wh", converted, f16, 3, run_f16_3, remote_3<tavik_veyra_3mm_f16, 32>},
+    {"tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh", converted, a8w8, 1,
+     run_quantised_1<tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh>, remote_1<tavik_veyra_1mm_a8w8, 64>},
+    {"tavik_npu_2mm_a8w8_f32_rm_f32_rm_i8f16_wh", converted, a8w8, 2,
+     run_quantised_2<tavik_npu_2mm_a8w8_f32_rm_f32_rm_i8f16_wh>, remote_2<tavik_veyra_2mm_a8w8, 64>},
+    {"tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh", converted, a8w8, 3,
+     run_quantised_3<tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh>, remote_3<tavik_veyra_3mm_a8w8, 64>},
+    {"tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh", converted, a8w4, 1,
+     run_quantised_1<tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh>, remote_1<tavik_veyra_1mm_a8w4, 64>},
+    {"tavik_npu_2mm_a8w4_f32_rm_f32_rm_i4f16_wh", converted, a8w4, 2,
+     run_quantised_2<tavik_npu_2mm_a8w4_f32_rm_f32_rm_i4f16_wh>, remote_2<tavik_veyra_2mm_a8w4, 64>},
+    {"tavik_npu_3mm_a8w4_f32_rm_f32_rm_i4f16_wh", converted, a8w4, 3,
+     run_quantised_3<tavik_npu_3mm_a8w4_f32_rm_f32_rm_i4f16_wh>, remote_3<tavik_veyra_3mm_a8w4, 64>},
+    {"tavik_veyra_1mm_ui8i8_i32_tessel", cross_session, a8w8, 1,
+     run_on_cross_session_buffers<tavik_veyra_1mm_ui8i8_i32_tessel>, remote_1<tavik_veyra_1mm_a8w8, 1>},
+    {"tavik_veyra_1mm_ui8i4_i32_tessel", cross_session, a8w4, 1,
+     run_on_cross_session_buffers<tavik_veyra_1mm_ui8i4_i32_tessel>, remote_1<tavik_veyra_1mm_a8w4, 1>},
+    {"tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb", host_f16, f16, 1,
+     run_on_host<tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb, uint16_t>, nullptr},
+    {"tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb", host_f32, f16, 1, run_on_host<tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb, float>,
+     nullptr},
+};
+
+}  // namespace
+
+std::span<const Kernel> kernels() {
+  return table;
+}
+
+const Kernel& kernel_for(WeightKind weights, size_t n_weights) {
+  return *std::find_if(std::begin(table), std::end(table), [&](const Kernel& kernel) {
+    return kernel.operands == converted && kernel.weights == weights && kernel.n_weights == n_weights;
+  });
+}
+
+std::vector<const Kernel*> kernels_named(std::string_view part) {
+  std::vector<const Kernel*> found;
+  for (const Kernel& kernel : table) {
+    if (std::string_view(kernel.name).find(part) != std::string_view::npos) found.push_back(&kernel);
+  }
+  if (found.empty()) throw Error("no kernel has {} in its name; the --help lists them", part);
+  return found;
+}
+
+}  // namespace tool

@@ -1,0 +1,93 @@
+// Operands to verify or to time a kernel with: made of random or extreme values, and written into their layouts element
+// by element, by the layouts' definitions alone.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "tools/morun/kernels.h"
+#include "tools/morun/library.h"
+#include "tools/morun/matrix.h"
+#include "tools/morun/product.h"
+
+namespace tool {
+
+enum class Values { random, whole, extreme };
+
+struct WeightOperand {
+  Matrix values;  // as they are stored: reals that binary16 holds, or integers
+  // Of the columns of quantised weights.
+  std::vector<int> zero_points;
+  std::vector<double> scales;  // that binary16 holds
+  std::vector<int64_t> sums;
+};
+
+struct OperandSet {
+  Matrix x;
+  std::vector<WeightOperand> weights;
+};
+
+// The same for the same seed.
+OperandSet make_operands(const Kernel& kernel, const ProductShape& shape, Values values, uint64_t seed);
+
+// A shared buffer that is filled from its start.
+class Region {
+ public:
+  Region(tavik_context* context, uint64_t size) : buffer_(context, size), size_(size) {}
+
+  uint32_t fd() const { return buffer_.fd(); }
+  void clear() { used_ = 0; }
+  // The offset of `n_byte` more bytes, a multiple of 2048.
+  uint32_t take(uint64_t n_byte);
+
+  template <typename Element>
+  Element* at(uint64_t offset) const {
+    return reinterpret_cast<Element*>(static_cast<std::byte*>(buffer_.data()) + offset);
+  }
+
+ private:
+  SharedBuffer buffer_;
+  uint64_t size_;
+  uint64_t used_ = 0;
+};
+
+// Bytes of a region for all operands of any kernel of this shape.
+uint64_t region_bytes(const ProductShape& shape);
+
+// Limits under which every kernel takes this shape.
+tavik_options options_for(const ProductShape& shape);
+
+// A call that is ready to be run, and the memory that it works on.
+class PreparedCall {
+ public:
+  // Weight matrix i goes into regions[i].
+  PreparedCall(tavik_context* context, const Kernel& kernel, const OperandSet& operands,
+               const std::vector<Region*>& regions);
+  PreparedCall(const PreparedCall&) = delete;
+  PreparedCall& operator=(const PreparedCall&) = delete;
+
+  const Call& call() const { return call_; }
+  // Element (r, c) of result i.
+  double result(size_t i, size_t r, size_t c) const;
+
+  // What results in ordinary memory hold before the call.
+  static constexpr float untouched = -0x1.234p100f;
+  // What element (r, c) of cross-session result buffer i holds as a sum before the call.
+  static int32_t earlier_sum(size_t i, size_t r, size_t c);
+
+ private:
+  void write_activation(const Matrix& x, Region& region);
+  void write_weights(const WeightOperand& weights, Region& region, Product& product);
+  void prepare_result(size_t i, Region& region);
+
+  const Kernel& kernel_;
+  Call call_;
+  std::vector<float> x_;
+  std::vector<uint16_t> x_halves_;
+  std::vector<uint16_t> host_weights_;
+  std::vector<std::vector<float>> results_;
+  uint16_t* own_result_ = nullptr;  // own_buffers
+};
+
+}  // namespace tool
