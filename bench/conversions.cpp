@@ -1,13 +1,15 @@
-// Changes of layout and of precision, on the host.
+// Changes of layout and of precision, and quantisation, on the host.
 #include <fmt/format.h>
 
 #include <array>
-#include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "bench/memory.h"
 #include "bench/row.h"
 #include "bench/yardsticks.h"
+#include "include/morun.h"
 #include "include/tavik.h"
 
 namespace bench {
@@ -18,31 +20,81 @@ struct Shape {
 };
 constexpr std::array<Shape, 3> shapes = {{{128, 2048}, {1024, 4096}, {4096, 4096}}};
 
-// What works in place leaves `source` alone.
-using Convert = std::function<void(Shape, const void* source, void* target)>;
+// Filled, of the type that it is passed as.
+struct Memory {
+  std::shared_ptr<std::byte> bytes;
+  template <class T>
+  operator T*() const {
+    return reinterpret_cast<T*>(bytes.get());
+  }
+};
 
-template <class T>
-Convert in_place(void (*convert)(uint64_t, uint64_t, T*)) {
-  return [convert](Shape s, const void*, void* data) { convert(s.n_row, s.n_col, static_cast<T*>(data)); };
+// What quantisation keeps of each row or each column, at most 4 bytes of each.
+struct Vectors {
+  Memory scales, sums, zero_points;
+};
+
+// A conversion leaves alone what it has no use for.
+struct Operands {
+  Shape shape;
+  Memory source, target;
+  Vectors rows, columns;
+};
+
+using Convert = std::function<void(const Operands&)>;
+
+template <class Function>
+Convert in_place(Function convert) {
+  return [convert](const Operands& o) { convert(o.shape.n_row, o.shape.n_col, o.target); };
 }
 
-template <class From, class To>
-Convert matrix(void (*convert)(uint64_t, uint64_t, const From*, To*)) {
-  return [convert](Shape s, const void* source, void* target) {
-    convert(s.n_row, s.n_col, static_cast<const From*>(source), static_cast<To*>(target));
+template <class Function>
+Convert matrix(Function convert) {
+  return [convert](const Operands& o) { convert(o.shape.n_row, o.shape.n_col, o.source, o.target); };
+}
+
+template <class Function>
+Convert elements(Function convert) {
+  return [convert](const Operands& o) { convert(o.shape.n_row * o.shape.n_col, o.source, o.target); };
+}
+
+template <class Function>
+Convert activation(Function quantise) {
+  return [quantise](const Operands& o) {
+    quantise(o.shape.n_row, o.shape.n_col, o.source, o.target, o.rows.scales, o.rows.sums);
   };
 }
 
-template <class From, class To>
-Convert elements(void (*convert)(uint64_t, const From*, To*)) {
-  return [convert](Shape s, const void* source, void* target) {
-    convert(s.n_row * s.n_col, static_cast<const From*>(source), static_cast<To*>(target));
+// To high bytes, then low bytes.
+template <class Function>
+Convert activation_in_two(Function quantise) {
+  return [quantise](const Operands& o) {
+    uint8_t* const high = o.target;
+    quantise(o.shape.n_row, o.shape.n_col, o.source, high, high + o.shape.n_row * o.shape.n_col, o.rows.scales,
+             o.rows.sums);
+  };
+}
+
+template <class Function>
+Convert weights(Function quantise) {
+  return [quantise](const Operands& o) {
+    quantise(o.shape.n_row, o.shape.n_col, o.source, o.target, o.rows.zero_points, o.rows.scales, o.rows.sums);
+  };
+}
+
+template <class Function>
+Convert output(Function dequantise) {
+  return [dequantise](const Operands& o) {
+    const auto n_row = static_cast<int32_t>(o.shape.n_row), n_col = static_cast<int32_t>(o.shape.n_col);
+    const int32_t n_inner = 2048;  // any would do
+    dequantise(n_row, n_col, n_inner, o.target, o.source, o.rows.scales, o.rows.sums, o.columns.zero_points,
+               o.columns.scales, o.columns.sums);
   };
 }
 
 struct Conversion {
   const char* name;
-  double bytes_read, bytes_written;          // of an element
+  double bytes_read, bytes_written;          // of an element; vectors do not count
   std::array<double, shapes.size()> wanted;  // ratio for each shape; 0: for information
   Convert convert;
 };
@@ -57,14 +109,31 @@ const Conversion conversions[] = {
     {"f16_ah_to_f32_rm", 2, 4, {0.75, 0.90, 1.00}, matrix(tavik_f16_ah_to_f32_rm)},
     {"f32_to_f16", 4, 2, {}, elements(tavik_f32_to_f16)},
     {"f16_to_f32", 2, 4, {}, elements(tavik_f16_to_f32)},
+    {"f32_rm_to_u8_ah", 4, 1, {0.45, 0.60, 0.60}, activation(tavik_f32_rm_to_u8_ah)},
+    {"f32_rm_to_u8_rm", 4, 1, {}, activation(tavik_f32_rm_to_u8_rm)},
+    {"f32_rm_to_u16_rm", 4, 2, {}, activation_in_two(tavik_f32_rm_to_u16_rm)},
+    {"f16_rm_to_i8_rm", 2, 1, {}, weights(tavik_f16_rm_to_i8_rm)},
+    {"f16_rm_to_i4_rm", 2, 0.5, {}, weights(tavik_f16_rm_to_i4_rm)},
+    {"a8w8_output_to_f32_rm", 4, 4, {0.50, 0.85, 0.95}, output(tavik_a8w8_output_to_f32_rm)},
+    {"a8w4_output_to_f32_rm", 4, 4, {0.50, 0.85, 0.95}, output(tavik_a8w4_output_to_f32_rm)},
+    {"ui8i8_ah_to_i32_rm", 4, 4, {}, matrix(morun_cpu_ui8i8_ah_to_i32_rm)},
 };
+
+Vectors vectors(uint64_t n_element) {
+  const auto memory = [n_element] { return Memory{filled_memory(4 * n_element)}; };
+  return {memory(), memory(), memory()};
+}
 
 Work prepare(const Conversion& conversion, Shape shape) {
   const auto bytes = [shape](double bytes_of_element) {
     return static_cast<size_t>(bytes_of_element * static_cast<double>(shape.n_row * shape.n_col));
   };
-  return {[convert = conversion.convert, shape, source = filled_memory(bytes(conversion.bytes_read)),
-           target = filled_memory(bytes(conversion.bytes_written))] { convert(shape, source.get(), target.get()); },
+  const Operands operands = {shape,
+                             {filled_memory(bytes(conversion.bytes_read))},
+                             {filled_memory(bytes(conversion.bytes_written))},
+                             vectors(shape.n_row),
+                             vectors(shape.n_col)};
+  return {[convert = conversion.convert, operands] { convert(operands); },
           memcpy_yardstick(bytes(conversion.bytes_read + conversion.bytes_written))};
 }
 

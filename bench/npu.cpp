@@ -1,5 +1,7 @@
 #include "bench/npu.h"
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <stdexcept>
 
@@ -9,6 +11,10 @@ namespace bench {
 
 void require(uint32_t status) {
   if (status != TAVIK_SUCCESS) throw std::runtime_error(tavik_error_get_last()->message);
+}
+
+void require_remote(int status) {
+  if (status != 0) throw std::runtime_error(fmt::format("the remote call returned {:#x}", status));
 }
 
 Npu::Npu() {
@@ -23,12 +29,18 @@ Npu::~Npu() {
   tavik_cleanup(context_);
 }
 
-uint32_t Npu::filled_buffer(uint64_t n_byte) {
+SharedBuffer Npu::filled_buffer(uint64_t n_byte) {
   void* data = nullptr;
   int32_t fd = -1;
   require(static_cast<uint32_t>(tavik_buffer_alloc(context_, n_byte, &data, &fd)));
   fill(data, n_byte);
-  return static_cast<uint32_t>(fd);
+  return {static_cast<uint32_t>(fd), data};
+}
+
+uint64_t Npu::handle(const SharedBuffer& buffer) const {
+  uint64_t handle = 0;
+  require(static_cast<uint32_t>(tavik_context_get_handle_from_fd(context_, static_cast<int32_t>(buffer.fd), &handle)));
+  return handle;
 }
 
 }  // namespace bench

@@ -9,6 +9,13 @@ namespace bench {
 
 // Throws with the library's last message where `status` tells of a failure.
 void require(uint32_t status);
+// Throws with the status itself, which is all that a remote call leaves.
+void require_remote(int status);
+
+struct SharedBuffer {
+  uint32_t fd;
+  void* data;
+};
 
 class Npu {
  public:
@@ -18,8 +25,10 @@ class Npu {
   Npu& operator=(const Npu&) = delete;
 
   tavik_context* context() const { return context_; }
-  // The descriptor of a new shared buffer, filled; it lives as long as this.
-  uint32_t filled_buffer(uint64_t n_byte);
+  // A new shared buffer, filled; it lives as long as this.
+  SharedBuffer filled_buffer(uint64_t n_byte);
+  // The handle of the session that maps the buffer, ready to multiply.
+  uint64_t handle(const SharedBuffer& buffer) const;
 
  private:
   tavik_context* context_ = nullptr;

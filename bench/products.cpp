@@ -1,5 +1,6 @@
-// Products on the software matrix unit, matrices in shared buffers in the layouts it takes: the remote call and the
-// unit, nothing else. The unit uses as many threads as the process may use processors, here one.
+// Products of matrices in shared buffers, in the layouts that the products take: on the software matrix unit, by the
+// remote call alone or with the conversions around it, and on the host. The unit uses as many threads as the process
+// may use processors, here one.
 #include <fmt/format.h>
 
 #include <cstdint>
@@ -16,41 +17,68 @@ struct Shape {
   uint32_t n_row, n_col, n_inner;  // rows in whole tiles
 };
 
-struct Descriptors {
-  uint32_t A, X, W;
+// Several weights of one activation follow one another in W, and so do their results in A.
+struct Operands {
+  SharedBuffer A, X, W;
 };
 
-using Multiply = void (*)(const Npu& npu, const Shape& shape, const Descriptors& fd);
+using Multiply = void (*)(const Npu& npu, const Shape& shape, const Operands& operands);
 
-void mm_f16(const Npu& npu, const Shape& s, const Descriptors& fd) {
+void npu_mm_f16(const Npu& npu, const Shape& s, const Operands& o) {
   require(tavik_npu_mm_f16_ah_f16_ah_f16_wh(npu.context(), static_cast<int32_t>(s.n_row), static_cast<int32_t>(s.n_col),
-                                            static_cast<int32_t>(s.n_inner), fd.A, fd.X, fd.W, 0, 0, 0));
+                                            static_cast<int32_t>(s.n_inner), o.A.fd, o.X.fd, o.W.fd, 0, 0, 0));
+}
+
+template <auto remote_call>
+void veyra_mm(const Npu& npu, const Shape& s, const Operands& o) {
+  require_remote(remote_call(npu.handle(o.W), s.n_row, s.n_col, s.n_inner, o.A.fd, o.X.fd, o.W.fd, 0, 0, 0));
+}
+
+void npu_3mm_f16(const Npu& npu, const Shape& s, const Operands& o) {
+  const auto n_row = static_cast<int32_t>(s.n_row), n_col = static_cast<int32_t>(s.n_col);
+  auto* const A = static_cast<float*>(o.A.data);
+  const uint64_t A_size = uint64_t{s.n_row} * s.n_col;  // elements of one result
+  const uint32_t W_size = 2 * s.n_inner * s.n_col;      // bytes of one weight
+  require(tavik_npu_3mm_f32_rm_f32_rm_f16_wh(npu.context(), n_row, n_col, n_col, static_cast<int32_t>(s.n_inner), A,
+                                             A + A_size, A + 2 * A_size, static_cast<const float*>(o.X.data), o.W.fd,
+                                             o.W.fd, o.W.fd, 0, W_size, 2 * W_size));
+}
+
+void cpu_mm_f16(const Npu& npu, const Shape& s, const Operands& o) {
+  require(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(npu.context(), s.n_row, s.n_col, s.n_inner,
+                                               static_cast<float*>(o.A.data), static_cast<const uint16_t*>(o.X.data),
+                                               static_cast<const uint16_t*>(o.W.data)));
 }
 
 struct Product {
   const char* name;
-  Shape shape;
-  double wanted;
-  uint64_t A_bytes, X_bytes, W_bytes;  // of an element
+  double A_bytes, X_bytes, W_bytes;  // of an element
+  uint32_t n_weights;                // of one activation
+  std::vector<Shape> shapes;
+  double wanted;  // ratio for each shape; 0: for information
   Multiply multiply;
 };
 
+const std::vector<Shape> large = {{128, 2048, 2048}, {1024, 1024, 4096}, {64, 4096, 4096}};
+
 const Product products[] = {
-    {"npu_mm_f16_ah_f16_ah_f16_wh", {128, 2048, 2048}, 0.80, 2, 2, 2, mm_f16},
-    {"npu_mm_f16_ah_f16_ah_f16_wh", {1024, 1024, 4096}, 0.80, 2, 2, 2, mm_f16},
-    {"npu_mm_f16_ah_f16_ah_f16_wh", {64, 4096, 4096}, 0.80, 2, 2, 2, mm_f16},
+    {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, 1, large, 0.80, npu_mm_f16},
+    {"npu_3mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 3, {{128, 2048, 2048}}, 0, npu_3mm_f16},
+    {"veyra_mm_a8w8", 4, 1, 1, 1, large, 1.3, veyra_mm<tavik_veyra_mm_a8w8>},
+    {"veyra_mm_a8w4", 4, 1, 0.5, 1, large, 1.0, veyra_mm<tavik_veyra_mm_a8w4>},
+    {"cpu_mm_fp32_rm_fp16_rm_fp16_zb", 4, 2, 2, 1, {{128, 2048, 2048}, {256, 1024, 1024}}, 0.15, cpu_mm_f16},
 };
 
-Work prepare(const Product& product) {
-  const Shape s = product.shape;
+Work prepare(const Product& product, const Shape& s) {
   const auto npu = std::make_shared<Npu>();
-  const auto buffer = [&npu](uint64_t n_row, uint64_t n_col, uint64_t n_byte) {
-    return npu->filled_buffer(n_row * n_col * n_byte);
+  const auto buffer = [&npu](uint32_t n_row, uint32_t n_col, double bytes_of_element) {
+    return npu->filled_buffer(static_cast<uint64_t>(bytes_of_element * n_row * n_col));
   };
-  const Descriptors fd = {buffer(s.n_row, s.n_col, product.A_bytes), buffer(s.n_row, s.n_inner, product.X_bytes),
-                          buffer(s.n_inner, s.n_col, product.W_bytes)};
-  return {[npu, s, fd, multiply = product.multiply] { multiply(*npu, s, fd); },
-          sgemm_nn_yardstick(s.n_row, s.n_col, s.n_inner)};
+  const uint32_t n_col = product.n_weights * s.n_col;
+  const Operands operands = {buffer(s.n_row, n_col, product.A_bytes), buffer(s.n_row, s.n_inner, product.X_bytes),
+                             buffer(s.n_inner, n_col, product.W_bytes)};
+  return {[npu, s, operands, multiply = product.multiply] { multiply(*npu, s, operands); },
+          sgemm_nn_yardstick(s.n_row, n_col, s.n_inner)};
 }
 
 }  // namespace
@@ -58,9 +86,10 @@ Work prepare(const Product& product) {
 std::vector<Row> product_rows() {
   std::vector<Row> rows;
   for (const Product& product : products) {
-    const Shape& s = product.shape;
-    rows.push_back({fmt::format("{}/{}x{}x{}", product.name, s.n_row, s.n_col, s.n_inner), product.wanted,
-                    [&product] { return prepare(product); }});
+    for (const Shape& shape : product.shapes) {
+      rows.push_back({fmt::format("{}/{}x{}x{}", product.name, shape.n_row, shape.n_col, shape.n_inner), product.wanted,
+                      [&product, &shape] { return prepare(product, shape); }});
+    }
   }
   return rows;
 }
