@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <vector>
 
 namespace test {
@@ -39,9 +40,23 @@ class Random {
   uint64_t state_;
 };
 
-// FNV-1a.
+// Starts on a cache line, as outputs do that are written past the caches.
 template <class T>
-uint64_t digest(const std::vector<T>& values, uint64_t hash = 0xcbf29ce484222325u) {
+struct LineAllocator {
+  using value_type = T;
+  LineAllocator() = default;
+  template <class U>
+  LineAllocator(const LineAllocator<U>&) {}
+  T* allocate(size_t n) { return static_cast<T*>(::operator new (n * sizeof(T), std::align_val_t{64})); }
+  void deallocate(T* p, size_t) { ::operator delete (p, std::align_val_t{64}); }
+  bool operator==(const LineAllocator&) const = default;
+};
+template <class T>
+using Output = std::vector<T, LineAllocator<T>>;
+
+// FNV-1a.
+template <class T, class Allocator>
+uint64_t digest(const std::vector<T, Allocator>& values, uint64_t hash = 0xcbf29ce484222325u) {
   const auto* const bytes = reinterpret_cast<const uint8_t*>(values.data());
   for (size_t i = 0; i < values.size() * sizeof(T); ++i) hash = (hash ^ bytes[i]) * 0x100000001b3u;
   return hash;

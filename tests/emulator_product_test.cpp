@@ -1,0 +1,296 @@
+// The software matrix unit, method by method: its sums, its tiles, and what of the shared buffers it touches.
+#include <sched.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+
+#include "source/simd/simd.h"
+#include "tests/data.h"
+#include "tests/emulator_session.h"
+
+namespace {
+
+namespace simd = morun::simd;
+using namespace test;
+
+// The methods of a kind of product follow one another.
+struct Kind {
+  uint32_t mm, single = mm + 1, twofold = mm + 2, threefold = mm + 3;
+  size_t X_bits, W_bits, A_bits;
+};
+constexpr Kind f16{.mm = 9, .X_bits = 16, .W_bits = 16, .A_bits = 16};
+constexpr Kind a8w8{.mm = 14, .X_bits = 8, .W_bits = 8, .A_bits = 32};
+constexpr Kind a8w4{.mm = 18, .X_bits = 8, .W_bits = 4, .A_bits = 32};
+
+struct Shape {
+  size_t n_row, n_col, n_inner;
+};
+
+constexpr uint8_t untouched = 0x5a;
+
+uint32_t word(size_t n) {
+  return static_cast<uint32_t>(n);
+}
+uint32_t fd(const Shared& shared) {
+  return static_cast<uint32_t>(shared.fd);
+}
+
+class EmulatorProduct : public Emulator {
+ protected:
+  void SetUp() override {
+    open_first();
+    ASSERT_EQ(first.invoke(acquire) + first.invoke(lock_unit), 0);
+  }
+  Shared mapped(uint64_t size) {
+    const Shared shared = allocate(size);
+    EXPECT_EQ(first.map(shared), 0);
+    std::memset(shared.address, untouched, size);
+    return shared;
+  }
+  // The values but for the last n_missing bytes, at an offset up to which the buffer is untouched.
+  template <class T>
+  Shared holding(const std::vector<T>& values, size_t offset = 0, size_t n_missing = 0) {
+    const size_t n_byte = values.size() * sizeof(T) - n_missing;
+    const Shared shared = mapped(offset + n_byte);
+    if (n_byte != 0) std::memcpy(static_cast<char*>(shared.address) + offset, values.data(), n_byte);
+    return shared;
+  }
+  // All of the buffer from an offset on.
+  template <class T = uint8_t>
+  static std::vector<T> read(const Shared& shared, size_t offset = 0) {
+    std::vector<T> values((shared.size - offset) / sizeof(T));
+    std::memcpy(values.data(), static_cast<char*>(shared.address) + offset, values.size() * sizeof(T));
+    return values;
+  }
+  static bool is_untouched(const Shared& shared, size_t n_byte) {
+    const auto* bytes = static_cast<const uint8_t*>(shared.address);
+    return std::count(bytes, bytes + n_byte, untouched) == static_cast<ptrdiff_t>(n_byte);
+  }
+
+  // On buffers of the caller's own.
+  int multiply(const Kind& kind, const Shape& s, const Shared& a, size_t a_offset, const Shared& x, size_t x_offset,
+               const Shared& w, size_t w_offset) const {
+    return first.invoke(kind.mm, {word(s.n_row), word(s.n_col), word(s.n_inner), fd(a), fd(x), fd(w), word(a_offset),
+                                  word(x_offset), word(w_offset)});
+  }
+  void hand_over(const Shared& A0, const Shared& A1, const Shared& A2, const Shared& X) const {
+    EXPECT_EQ(first.invoke(get_AX, {fd(A0), fd(A1), fd(A2), fd(X)}), 0);
+  }
+
+  void check_halves(const Shape& shape, const std::vector<uint16_t>& X, const std::vector<uint16_t>& W);
+  void check_sums(const Kind& kind, const Shape& shape, bool X_is_whole, bool A_is_whole);
+
+  Random random{1};
+};
+
+size_t position_ah(size_t r, size_t c, size_t n_col) {
+  return (r / 32 * (n_col / 32) + c / 32) * 1024 + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
+}
+size_t position_wh(size_t r, size_t c, size_t n_col) {
+  return (r / 32 * (n_col / 32) + c / 32) * 1024 + c % 32 / 2 * 64 + r % 32 * 2 + c % 2;
+}
+
+std::vector<uint16_t> any_halves(Random& random, size_t count, uint32_t largest_exponent) {
+  std::vector<uint16_t> halves = random.any<uint16_t>(count);
+  for (uint16_t& half : halves)
+    half = static_cast<uint16_t>((half & 0x83ffu) | (half >> 10 & 31u) % (largest_exponent + 1) << 10);
+  return halves;
+}
+// X and W are in tiles.
+void EmulatorProduct::check_halves(const Shape& shape, const std::vector<uint16_t>& X, const std::vector<uint16_t>& W) {
+  const auto& [n_row, n_col, n_inner] = shape;
+  const Shared a = mapped(2 * n_row * n_col + 6), x = holding(X, 2), w = holding(W, 4);
+  EXPECT_EQ(multiply(f16, shape, a, 4, x, 2, w, 4), 0);
+  const std::vector<uint16_t> results = read<uint16_t>(a, 4);
+  size_t n_different = 0;
+  for (size_t r = 0; r < n_row; ++r)
+    for (size_t c = 0; c < n_col; ++c) {
+      float sum = 0;
+      for (size_t k = 0; k < n_inner; ++k)
+        sum += simd::widen_bits(X[position_ah(r, k, n_inner)]) * simd::widen_bits(W[position_wh(k, c, n_col)]);
+      const uint16_t expected = simd::narrow_bits(sum), result = results[position_ah(r, c, n_col)];
+      n_different += expected != result && !(std::isnan(sum) && std::isnan(simd::widen_bits(result)));
+    }
+  EXPECT_EQ(n_different, 0u) << n_row << " x " << n_col << " x " << n_inner;
+  EXPECT_TRUE(is_untouched(a, 4));
+  EXPECT_EQ(results.back(), 0x5a5a);
+}
+
+TEST_F(EmulatorProduct, HasTheBitsOfOrderedSumsOnAnyNumberOfThreads) {
+  const Shape shapes[] = {{32, 32, 32}, {96, 160, 64}, {224, 288, 352}, {288, 320, 160}};
+  cpu_set_t all, one;
+  ASSERT_EQ(sched_getaffinity(0, sizeof all, &all), 0);
+  CPU_ZERO(&one);
+  CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+  for (const auto& mask : {all, one}) {
+    ASSERT_EQ(sched_setaffinity(0, sizeof mask, &mask), 0);
+    for (const Shape& s : shapes)
+      check_halves(s, any_halves(random, s.n_row * s.n_inner, 17), any_halves(random, s.n_inner * s.n_col, 17));
+  }
+  ASSERT_EQ(sched_setaffinity(0, sizeof all, &all), 0);
+}
+
+TEST_F(EmulatorProduct, KeepsSubnormalsInfinitiesAndNaNs) {
+  std::vector<uint16_t> X = any_halves(random, 64 * 96, 30), W = any_halves(random, 96 * 64, 15);
+  for (size_t k = 0; k < 96; ++k) {
+    X[position_ah(1, k, 96)] = static_cast<uint16_t>(k % 7);  // subnormal results
+    X[position_ah(2, k, 96)] = 0x8000;
+    W[position_wh(k, 3, 64)] = 0x3c00;
+  }
+  X[position_ah(5, 8, 96)] = 0x7c00;
+  X[position_ah(6, 9, 96)] = 0x7d01;  // signalling
+  X[position_ah(7, 10, 96)] = 0;
+  W[position_wh(10, 11, 64)] = 0xfc00;  // meets that 0
+  check_halves({64, 64, 96}, X, W);
+}
+
+size_t position_64(size_t r, size_t c, size_t n_col) {
+  return (r / 64 * (n_col / 32) + c / 32) * 2048 + r % 64 * 32 + c % 32;
+}
+int weight(const Kind& kind, const std::vector<uint8_t>& W, size_t k, size_t c, size_t n_col) {
+  const size_t tile = k / 32 * (n_col / 32) + c / 32, place = k % 32 * 4 + c % 4;
+  if (kind.W_bits == 8) return static_cast<int8_t>(W[tile * 1024 + c % 32 / 4 * 128 + place]);
+  const int nibble = W[tile * 512 + c % 32 / 8 * 128 + place] >> (c % 8 < 4 ? 0 : 4) & 15;
+  return nibble < 8 ? nibble : nibble - 16;
+}
+
+// With buffers that hold the last tile of activation and result in whole, or end with the last row asked for.
+void EmulatorProduct::check_sums(const Kind& kind, const Shape& shape, bool X_is_whole, bool A_is_whole) {
+  const auto& [n_row, n_col, n_inner] = shape;
+  const size_t n_row_whole = (n_row + 63) / 64 * 64;
+  const size_t n_missing = (n_row_whole - n_row) * 32;
+  const std::vector<uint8_t> X = random.any<uint8_t>(n_row_whole * n_inner),
+                             W = random.any<uint8_t>(n_inner * n_col * kind.W_bits / 8);
+  const size_t X_missing = X_is_whole || n_inner == 0 ? 0 : n_missing, A_missing = A_is_whole ? 0 : n_missing;
+  const Shared x = holding(X, 1, X_missing), w = holding(W, 3);
+  const Shared a = mapped(4 + 4 * (n_row_whole * n_col - A_missing));
+  EXPECT_EQ(multiply(kind, shape, a, 4, x, 1, w, 3), 0);
+
+  std::vector<int> weights;
+  for (size_t k = 0; k < n_inner; ++k)
+    for (size_t c = 0; c < n_col; ++c) weights.push_back(weight(kind, W, k, c, n_col));
+  const size_t n_row_computed = X_missing + A_missing == 0 ? n_row_whole : n_row;
+  std::vector<int32_t> expected(n_row_whole * n_col, 0x5a5a5a5a);
+  for (size_t r = 0; r < n_row_computed; ++r) {
+    std::vector<int32_t> sums(n_col);
+    for (size_t k = 0; k < n_inner; ++k)
+      for (size_t c = 0; c < n_col; ++c) sums[c] += X[position_64(r, k, n_inner)] * weights[k * n_col + c];
+    for (size_t c = 0; c < n_col; ++c) expected[position_64(r, c, n_col)] = sums[c];
+  }
+  expected.resize(expected.size() - A_missing);
+  EXPECT_TRUE(read<int32_t>(a, 4) == expected && is_untouched(a, 4))
+      << kind.mm << ": " << n_row << " x " << n_col << " x " << n_inner << ", " << X_is_whole << A_is_whole;
+}
+
+TEST_F(EmulatorProduct, SumsAreExactInTheRowsThatTheBuffersHold) {
+  const Shape shapes[] = {{1, 32, 32},   {31, 64, 96},    {64, 96, 32},  {95, 32, 288},
+                          {100, 160, 0}, {128, 288, 544}, {320, 64, 288}};
+  for (const Kind& kind : {a8w8, a8w4})
+    for (const Shape& shape : shapes)
+      for (const bool X_is_whole : {false, true})
+        for (const bool A_is_whole : {false, true}) check_sums(kind, shape, X_is_whole, A_is_whole);
+}
+
+TEST_F(EmulatorProduct, SumsOfExtremesAreExactAndWrapOnlyPast32Bits) {
+  const struct {
+    const Kind& kind;
+    uint8_t X, W;
+    int64_t product;
+    size_t n_inner;
+  } cases[] = {{a8w8, 255, 0x80, 255 * -128, 4096}, {a8w8, 255, 0x7f, 255 * 127, 4096},
+               {a8w4, 255, 0x88, 255 * -8, 4096},   {a8w4, 255, 0x77, 255 * 7, 4096},
+               {a8w8, 255, 0xff, -255, 64},         {a8w8, 255, 0x80, 255 * -128, 65792},
+               {a8w8, 255, 0x80, 255 * -128, 65824}};
+  for (const auto& c : cases) {
+    const Shared x = holding(std::vector<uint8_t>(64 * c.n_inner, c.X)), a = mapped(4 * 64 * 32),
+                 w = holding(std::vector<uint8_t>(c.n_inner * 32 * c.kind.W_bits / 8, c.W));
+    EXPECT_EQ(multiply(c.kind, {64, 32, c.n_inner}, a, 0, x, 0, w, 0), 0);
+    const auto sum = static_cast<int32_t>(static_cast<uint32_t>(c.product * static_cast<int64_t>(c.n_inner)));
+    EXPECT_EQ(read<int32_t>(a), std::vector<int32_t>(64 * 32, sum)) << "case " << &c - cases;
+  }
+}
+
+TEST_F(EmulatorProduct, MayOverwriteItsOperands) {
+  constexpr Shape shape{64, 320, 64};  // more columns than are computed at a time
+  constexpr size_t size = 1 << 18;
+  for (const Kind& kind : {f16, a8w8, a8w4}) {
+    const Shared original = holding(random.any<uint8_t>(size)), all = mapped(size), A1 = mapped(size);
+    const auto holds = [&](const Shared& a, size_t a_offset, size_t x_offset, size_t w_offset) {
+      const Shared expected = mapped(shape.n_row * shape.n_col * kind.A_bits / 8);
+      EXPECT_EQ(multiply(kind, shape, expected, 0, original, x_offset, original, w_offset), 0);
+      return std::memcmp(expected.address, static_cast<char*>(a.address) + a_offset, expected.size) == 0;
+    };
+    for (const auto& [A, X, W] : {std::array<size_t, 3>{0, 1024, size / 2}, {8192 + 4096, 0, 8192}}) {
+      std::memcpy(all.address, original.address, size);
+      EXPECT_EQ(multiply(kind, shape, all, A, all, X, all, W), 0);
+      EXPECT_TRUE(holds(all, A, X, W)) << "method " << kind.mm << ", A at " << A;
+    }
+    // The first result covers the second product's activation, or its weights.
+    for (const auto& [x, f] : {std::pair(all, original), std::pair(original, all)}) {
+      std::memcpy(all.address, original.address, size);
+      hand_over(all, A1, A1, x);
+      EXPECT_EQ(first.invoke(kind.twofold, {64, 320, 64, fd(original), fd(f), 8192, 0}), 0);
+      EXPECT_TRUE(holds(all, 0, 0, 8192) && holds(A1, 0, 0, 0)) << "method " << kind.twofold;
+      EXPECT_EQ(first.invoke(put_AX), 0);
+    }
+  }
+}
+
+TEST_F(EmulatorProduct, NeedsTheBuffersHandedOverAndMapped) {
+  const Shared a = mapped(4096), a1 = mapped(4096), x = mapped(4096), w = mapped(4096), other = allocate(64);
+  const std::vector<uint32_t> one = {32, 32, 32, fd(w), 0}, two = {32, 32, 32, fd(w), fd(w), 0, 0};
+  EXPECT_EQ(first.invoke(f16.single, one), PARLO_EMULATOR_DSP_NO_AX);
+  EXPECT_EQ(first.invoke(get_AX, {fd(a), fd(a1), fd(other), fd(x)}), PARLO_EMULATOR_DSP_NOT_MAPPED);
+  hand_over(a, a1, a1, x);
+  EXPECT_EQ(first.invoke(get_AX, {fd(a), fd(a1), fd(a1), fd(x)}), PARLO_EMULATOR_DSP_NO_AX);
+  EXPECT_EQ(first.unmap(a1), 0);
+  EXPECT_EQ(first.invoke(f16.twofold, two), PARLO_EMULATOR_DSP_NOT_MAPPED);
+  EXPECT_TRUE(is_untouched(a, a.size));
+  EXPECT_EQ(first.invoke(f16.single, one) + first.invoke(put_AX), 0);
+  EXPECT_EQ(first.invoke(f16.single, one), PARLO_EMULATOR_DSP_NO_AX);
+}
+
+TEST_F(EmulatorProduct, RefusalsLeaveTheResultsUntouched) {
+  const Shared a = mapped(8192 + 2), x = mapped(2048), w = mapped(2048 + 2), a1 = mapped(2048),
+               stranger = allocate(4096);
+  hand_over(a, a, a1, x);
+  const uint32_t A = fd(a), X = fd(x), W = fd(w), S = fd(stranger), huge = 0xffffffe0;
+  constexpr uint32_t not_mapped = PARLO_EMULATOR_DSP_NOT_MAPPED, dimension = PARLO_EMULATOR_DSP_BAD_DIMENSION,
+                     misaligned = PARLO_EMULATOR_DSP_MISALIGNED, range = PARLO_EMULATOR_DSP_OUT_OF_RANGE;
+  // Status, method, words. Row 32 of an activation tile ends at byte 1024, of a result tile at byte 4096.
+  const std::vector<uint32_t> cases[] = {{not_mapped, f16.mm, 32, 32, 32, S, X, W, 0, 0, 0},
+                                         {not_mapped, f16.mm, 32, 32, 32, A, S, W, 0, 0, 0},
+                                         {not_mapped, a8w4.mm, 32, 32, 32, A, X, S, 0, 0, 0},
+                                         {dimension, f16.mm, 31, 32, 32, A, X, W, 0, 0, 0},
+                                         {dimension, f16.mm, 32, 48, 32, A, X, W, 0, 0, 0},
+                                         {dimension, a8w4.mm, 31, 32, 16, A, X, W, 0, 0, 0},
+                                         {misaligned, f16.mm, 32, 32, 32, A, X, W, 1, 0, 0},
+                                         {misaligned, a8w8.mm, 31, 32, 32, A, X, W, 2, 0, 0},
+                                         {range, f16.mm, 32, 32, 32, A, X, W, 6148, 0, 0},
+                                         {range, f16.mm, 32, 32, 32, A, X, W, 0, 2, 0},
+                                         {range, f16.mm, 32, 32, 32, A, X, W, 0, 0, ~1u},
+                                         {range, f16.mm, huge, huge, 32, A, X, W, 0, 0, 0},
+                                         {range, a8w8.mm, 32, 32, 32, A, X, W, 0, 1025, 0},
+                                         {range, a8w8.mm, 32, 32, 32, A, X, W, 4100, 0, 0},
+                                         {range, a8w4.mm, 1, 32, 32, A, X, W, 0, 0, 1539},
+                                         {range, a8w8.mm, ~0u, huge, 32, A, X, W, 0, 0, 0},
+                                         {range, a8w4.mm, 1, huge, huge, A, X, W, 0, 0, 0},
+                                         {not_mapped, f16.twofold, 32, 32, 32, W, S, 0, 0},
+                                         {misaligned, f16.threefold, 32, 32, 32, 32, W, W, W, 0, 0, 1},
+                                         {dimension, a8w8.threefold, 1, 32, 48, 32, W, W, W, 0, 0, 0},
+                                         {range, a8w8.twofold, 1, 32, 32, W, W, 0, 1027},
+                                         {range, a8w4.threefold, 17, 32, 32, 32, W, W, W, 0, 0, 0},
+                                         {0, a8w4.mm, 0, 32, 32, A, X, W, 0, 0, 0}};
+  for (const auto& c : cases)
+    EXPECT_EQ(first.invoke(c[1], {c.begin() + 2, c.end()}), static_cast<int>(c[0])) << "case " << &c - cases;
+  const std::vector<uint32_t> right = {32, 32, 32, W, 0};
+  EXPECT_EQ(first.invoke(unlock_unit), 0);
+  for (const Kind& kind : {f16, a8w8, a8w4}) EXPECT_EQ(first.invoke(kind.single, right), PARLO_EMULATOR_DSP_NOT_LOCKED);
+  EXPECT_EQ(first.invoke(release), 0);
+  EXPECT_EQ(first.invoke(f16.mm, {32, 32, 32, A, X, W, 0, 0, 0}), PARLO_EMULATOR_DSP_NO_RESOURCE);
+  EXPECT_TRUE(is_untouched(a, a.size) && is_untouched(a1, a1.size));
+}
+
+}  // namespace

@@ -1,0 +1,352 @@
+// The reference products against exact integer arithmetic: half multiply-adds with one rounding, sums in their order.
+#include <bit>
+
+#include "source/simd/simd.h"
+#include "tests/data.h"
+#include "tests/exact_half.h"
+#include "tests/support.h"
+
+namespace {
+
+namespace simd = morun::simd;
+using test::exact_fma, test::exact_product, test::exact_sum, test::is_nan, test::last_error, test::sign_bit;
+
+struct Triple {
+  uint16_t a, b, c;
+};
+
+// Collects triples and compares eight at a time, in every form that a half multiply-add has.
+class Comparison {
+ public:
+  void add(Triple t) {
+    a_[count_] = t.a, b_[count_] = t.b, c_[count_] = t.c;
+    if (++count_ == 8) compare();
+  }
+  size_t n_double_rounded() const { return n_double_rounded_; }
+
+ private:
+  void compare() {
+    count_ = 0;
+    uint16_t anywhere[8], accumulated[8], sum[8], product[8];
+    const simd::f16x8 a = simd::load(a_), b = simd::load(b_), c = simd::load(c_);
+    simd::store(anywhere, simd::multiply_add(a, b, c));
+    simd::store(sum, simd::add(a, c));
+    simd::store(product, simd::multiply(a, b));
+    simd::in_half_arithmetic([&] {
+      simd::store(accumulated, simd::accumulate(simd::load_half8(c_), simd::load_half8(a_), simd::load_half8(b_)));
+    });
+    for (size_t i = 0; i < 8; ++i) {
+      const uint16_t expected = exact_fma(a_[i], b_[i], c_[i]);
+      expect(i, "half_fma", simd::half_fma(a_[i], b_[i], c_[i]), expected);
+      expect(i, "multiply_add", anywhere[i], expected);
+      expect(i, "accumulate", accumulated[i], expected);
+      expect(i, "add", sum[i], exact_sum(a_[i], c_[i]));
+      expect(i, "multiply", product[i], exact_product(a_[i], b_[i]));
+      const float twice = simd::widen_bits(a_[i]) * simd::widen_bits(b_[i]) + simd::widen_bits(c_[i]);
+      n_double_rounded_ += !is_nan(expected) && simd::narrow_bits(twice) != expected;
+    }
+  }
+  void expect(size_t i, const char* operation, uint16_t result, uint16_t expected) {
+    if (result == expected || (is_nan(result) && is_nan(expected))) return;
+    if (n_wrong_++ < 10)
+      ADD_FAILURE() << std::hex << operation << " of " << a_[i] << ' ' << b_[i] << ' ' << c_[i] << ": " << result
+                    << " instead of " << expected;
+  }
+
+  uint16_t a_[8], b_[8], c_[8];
+  size_t count_ = 0, n_wrong_ = 0, n_double_rounded_ = 0;
+};
+
+constexpr uint16_t notable[] = {0,      1,      2,      0x3ff,  0x400,  0x401,  0x1000, 0x13ff, 0x1400, 0x17ff,
+                                0x3bff, 0x3c00, 0x3c01, 0x3fff, 0x57ff, 0x6801, 0x7bfe, 0x7bff, 0x7c00, 0x7e01};
+
+uint16_t notable_of_either_sign(size_t i) {
+  return static_cast<uint16_t>(notable[i / 2] | (i % 2 ? sign_bit : 0));
+}
+
+// Zeros, subnormals, powers of two and their neighbours, the largest, infinity and NaN, with every other value.
+TEST(HalfMultiplyAdd, IsExactForNotableFactorsAndEveryAddend) {
+  Comparison comparison;
+  for (size_t i = 0; i < 2 * std::size(notable); i += 2)
+    for (size_t j = i; j < 2 * std::size(notable); j += 3)
+      for (uint32_t any = 0; any < 0x10000; ++any) {
+        const uint16_t a = notable_of_either_sign(i), b = notable_of_either_sign(j), c = static_cast<uint16_t>(any);
+        comparison.add({a, b, c});
+        if (i % 3 == 0) comparison.add({c, a, b});
+      }
+}
+
+// Where rounding to f32 first, then to f16, goes wrong: products just beside half of the addend's last place; and where
+// the sum cancels, or crosses the border to the subnormals or to infinity.
+TEST(HalfMultiplyAdd, IsExactBesideTiesAndUnderCancellation) {
+  test::Random random(1);
+  Comparison comparison;
+  for (size_t i = 0; i < 2'000'000; ++i) {
+    const uint64_t bits = random.bits();
+    auto a = static_cast<uint16_t>(bits), b = static_cast<uint16_t>(bits >> 16), c = static_cast<uint16_t>(bits >> 32);
+    const auto nudge = [&](uint16_t pattern) { return static_cast<uint16_t>(pattern + (bits >> 50) % 5 - 2); };
+    const auto with_exponent = [](uint16_t pattern, int exponent) {
+      return static_cast<uint16_t>((pattern & 0x83ff) | std::clamp(exponent, 0, 31) << 10);
+    };
+    const int exponent_c = c >> 10 & 0x1f;
+    const uint64_t kind = bits >> 61;
+    if (kind == 0) c = nudge(exact_product(a, b) ^ sign_bit);
+    if (kind == 1) a = with_exponent(a & 0x8003, exponent_c - 11), b = nudge(0x3c00);
+    if (kind == 2)  // (1 + m) * (1 - m) times half the last place
+      a = with_exponent(a & 0x8007, exponent_c - 11), b = static_cast<uint16_t>(0x3c00 - 2 * (a & 7));
+    if (kind == 3)  // a product of twelve bits, and an addend far below
+      a = with_exponent(a & 0x80ff, 20 + a % 8), b = 0x3e00, c &= 0x83ff;
+    if (kind == 4) a = with_exponent(a, 0), b = with_exponent(b, 14), c &= 0x8fff;
+    if (kind == 5) a = with_exponent(a & 0x8003, 15 + b % 12), b = nudge(0x3c00), c = nudge((c & sign_bit) | 0x7bfd);
+    comparison.add({a, b, c});
+  }
+  EXPECT_GT(comparison.n_double_rounded(), 100'000u);  // the triples are hard ones
+}
+
+TEST(HalfArithmetic, KeepsItsRoundingToItself) {
+  volatile float one = 1, little = 0x1.8p-24f;
+  uint16_t halves[8];
+  EXPECT_EQ(one + little, 1 + 0x1p-23f);
+  simd::in_half_arithmetic([&] { simd::store(halves, simd::half8{}); });
+  EXPECT_EQ(one + little, 1 + 0x1p-23f);
+}
+
+// ---- Products, as their declarations tell them
+
+using Halves = std::vector<uint16_t>;
+
+float settled(float value) {
+  return value == value ? value : std::bit_cast<float>(0x7fc00000u);
+}
+float wide_sum_of_eight(const Halves& l) {
+  const auto v = [&](size_t i) { return simd::widen_bits(l[i]); };
+  return settled(((v(0) + v(4)) + (v(1) + v(5))) + ((v(2) + v(6)) + (v(3) + v(7))));
+}
+float half_sum_of_sixteen(const Halves& l) {
+  uint16_t u[4];
+  for (size_t i = 0; i < 4; ++i) u[i] = exact_sum(exact_sum(l[i], l[i + 8]), exact_sum(l[i + 4], l[i + 12]));
+  return settled(simd::widen_bits(exact_sum(exact_sum(u[0], u[1]), exact_sum(u[2], u[3]))));
+}
+
+struct Matrices {
+  uint64_t n_row, n_col, n_inner;
+  Halves a, w;
+
+  uint16_t a_at(uint64_t r, uint64_t k) const { return a[r * n_inner + k]; }
+  uint16_t w_at(uint64_t k, uint64_t c) const { return w[c / 4 * 4 * n_inner + k / 8 * 32 + c % 4 * 8 + k % 8]; }
+  Halves half_sums(uint64_t r, uint64_t c, size_t n_sums) const {
+    Halves sums(n_sums);
+    for (uint64_t k = 0; k < n_inner / n_sums * n_sums; ++k)
+      sums[k % n_sums] = exact_fma(a_at(r, k), w_at(k, c), sums[k % n_sums]);
+    return sums;
+  }
+  float of_block(uint64_t r, uint64_t c) const { return wide_sum_of_eight(half_sums(r, c, 8)); }
+  float of_row(uint64_t r, uint64_t c) const { return half_sum_of_sixteen(half_sums(r, c, 16)); }
+  float of_block_in_floats(uint64_t r, uint64_t c) const {
+    float l[4] = {};
+    for (uint64_t k = 0; k < n_inner / 8 * 8; ++k)
+      l[k % 4] += simd::widen_bits(a_at(r, k)) * simd::widen_bits(w_at(k, c));  // the product is exact
+    return settled((l[0] + l[1]) + (l[2] + l[3]));
+  }
+  float of_odd_column(uint64_t r, uint64_t c) const {
+    float sum = 0;
+    for (uint64_t k = 0; k < n_inner; ++k) sum += simd::widen_bits(exact_product(a_at(r, k), w[c * n_inner + k]));
+    return settled(sum);
+  }
+  float at(uint64_t r, uint64_t c) const {
+    if (c / 4 * 4 + 4 > n_col) return of_odd_column(r, c);
+    return r / 4 * 4 + 4 > n_row ? of_row(r, c) : of_block(r, c);
+  }
+  std::vector<float> product() const {
+    std::vector<float> result;
+    for (uint64_t r = 0; r < n_row; ++r)
+      for (uint64_t c = 0; c < n_col; ++c) result.push_back(at(r, c));
+    return result;
+  }
+};
+
+enum class Values { ordinary, large, small, any };
+
+Halves halves(test::Random& random, size_t count, Values values) {
+  constexpr uint64_t lowest[] = {9, 20, 0}, n_exponent[] = {7, 4, 8};
+  Halves halves(count);
+  for (uint16_t& h : halves) {
+    const uint64_t bits = random.bits(), more = bits >> 40, kind = static_cast<uint64_t>(values);
+    h = static_cast<uint16_t>(bits);
+    if (values != Values::any)
+      h = static_cast<uint16_t>((h & 0x83ff) | (lowest[kind] + more % n_exponent[kind]) << 10);
+    else if (more % 256)  // infinities and NaNs leave nothing else to see where every sum meets one
+      h &= 0xbfff;
+  }
+  return halves;
+}
+Matrices matrices(test::Random& random, uint64_t n_row, uint64_t n_col, uint64_t n_inner, Values values) {
+  return {n_row, n_col, n_inner, halves(random, n_row * n_inner, values), halves(random, n_col * n_inner, values)};
+}
+
+// To tell NaNs and zeros apart.
+std::vector<uint32_t> patterns(const std::vector<float>& values) {
+  std::vector<uint32_t> patterns;
+  for (float v : values) patterns.push_back(std::bit_cast<uint32_t>(v));
+  return patterns;
+}
+
+constexpr float untouched = -7;
+constexpr Values all_values[] = {Values::ordinary, Values::large, Values::small, Values::any};
+
+struct Shape {
+  uint64_t n_row, n_col, n_inner;
+};
+TEST(ReferenceBlocks, CoverResultsOfAnyShapeToTheLastBit) {
+  test::Random random(2);
+  const Shape shapes[] = {{1, 4, 32},   {2, 6, 24},  {3, 7, 32}, {4, 4, 8},    {4, 5, 7}, {5, 64, 40},
+                          {6, 8, 1000}, {7, 12, 64}, {8, 6, 0},  {9, 16, 104}, {9, 9, 33}};
+  for (const Shape& s : shapes)
+    for (Values values : all_values) {
+      SCOPED_TRACE(testing::Message() << s.n_row << " x " << s.n_col << " x " << s.n_inner << ' ' << int(values));
+      const Matrices m = matrices(random, s.n_row, s.n_col, s.n_inner, values);
+      std::vector<float> c(s.n_row * s.n_col, untouched);
+      for (uint64_t p = 0; p < 4; ++p)
+        for (uint64_t q = 0; q < 18; ++q)
+          dravin_math_matmul_pq(s.n_row, s.n_col, s.n_inner, p, q, c.data(), m.a.data(), m.w.data());
+      EXPECT_EQ(patterns(c), patterns(m.product()));
+    }
+}
+
+TEST(ReferenceBlocks, PastTheEdgesTouchNothing) {
+  for (uint64_t past : {uint64_t{2}, uint64_t{1} << 62, (uint64_t{1} << 62) - 1, UINT64_MAX}) {
+    dravin_math_matmul_pq(8, 8, 8, past, 0, nullptr, nullptr, nullptr);
+    dravin_math_matmul_pq(8, 8, 8, 0, past, nullptr, nullptr, nullptr);
+    dravin_math_matmul_pq(UINT64_MAX, 0, 8, past, past, nullptr, nullptr, nullptr);
+  }
+  dravin_math_matmul_pq(0, 8, 8, 0, 0, nullptr, nullptr, nullptr);
+}
+
+TEST(ReferenceKernels, AddUpInTheirOrder) {
+  test::Random random(3);
+  constexpr uint64_t pitch = 6;
+  for (uint64_t n_inner : {0, 5, 8, 15, 16, 24, 100, 1000})
+    for (Values values : all_values) {
+      SCOPED_TRACE(testing::Message() << n_inner << ' ' << int(values));
+      const Matrices m = matrices(random, 4, 4, n_inner, values);
+      std::vector<float> block(4 * pitch, untouched), in_floats = block, row(5, untouched);
+      std::vector<float> expected_block = block, expected_in_floats = block, expected_row = row;
+      qmmbp_HxD(pitch, n_inner, block.data(), m.w.data(), m.a.data());
+      qmmbp_HxD_(pitch, n_inner, in_floats.data(), m.w.data(), m.a.data());
+      qdotxH(n_inner, row.data(), m.w.data(), m.a.data());
+      for (uint64_t j = 0; j < 4; ++j) {
+        expected_row[j] = m.of_row(0, j);
+        for (uint64_t i = 0; i < 4; ++i) {
+          expected_block[i * pitch + j] = m.of_block(i, j);
+          expected_in_floats[i * pitch + j] = m.of_block_in_floats(i, j);
+        }
+      }
+      EXPECT_EQ(patterns(block), patterns(expected_block));
+      EXPECT_EQ(patterns(in_floats), patterns(expected_in_floats));
+      EXPECT_EQ(patterns(row), patterns(expected_row));
+    }
+}
+
+class ReferenceProducts : public test::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    context_ = initialise();
+  }
+  void TearDown() override {
+    clean_up(context_);
+    PlatformTest::TearDown();
+  }
+  uint16_t* activation() const { return static_cast<uint16_t*>(context_->X); }
+
+  tavik_context* context_ = nullptr;
+  test::Random random_{4};
+};
+
+// The second rounds its floats into the cross-session buffer.
+TEST_F(ReferenceProducts, TakeWeightsAsTheLayoutMakesThemAndHalvesOrFloats) {
+  for (uint64_t n_row : {1, 4, 6, 19, 33}) {
+    const uint64_t n_col = 96, n_inner = 64;
+    const std::vector<float> a = random_.values(n_row * n_inner);
+    Matrices m = {n_row, n_col, n_inner, Halves(a.size()), halves(random_, n_col * n_inner, Values::ordinary)};
+    tavik_f16_cm_to_f16_zb_inplace(n_col, n_inner, m.w.data());
+    tavik_f32_to_f16(a.size(), a.data(), m.a.data());
+    std::vector<float> c(n_row * n_col + 1, untouched), d = c, expected = m.product();
+    expected.push_back(untouched);
+    activation()[a.size()] = 0x1234;
+    EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, n_row, n_col, n_inner, c.data(), m.a.data(), m.w.data()),
+              0u);
+    EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row, n_col, n_inner, d.data(), a.data(), m.w.data()),
+              0u);
+    EXPECT_EQ(patterns(c), patterns(expected));
+    EXPECT_EQ(patterns(d), patterns(expected));
+    EXPECT_EQ(Halves(activation(), activation() + a.size()), m.a);
+    EXPECT_EQ(activation()[a.size()], 0x1234);
+  }
+}
+
+TEST_F(ReferenceProducts, RefuseInTheOrderOfTheirChecks) {
+  const std::string columns = "Column dimension not multiple of 32", inner = "Inner dimension not multiple of 32",
+                    too_large = "Dimension(s) too large (see tavik_options to adapt)";
+  const auto expect_refusal = [&](uint32_t result, const std::string& message) {
+    EXPECT_EQ(result, 2u);
+    EXPECT_EQ(last_error(false), "2 mm_size_check source/host/kernels 0: " + message);
+    tavik_set_error(0, "", "", 0, " ");
+  };
+  const std::pair<Shape, std::string> cases[] = {{{999, 48, 33}, columns},
+                                                 {{999, 32, 40}, inner},
+                                                 {{257, 32, 32}, too_large},
+                                                 {{64, 1056, 32}, too_large},
+                                                 {{64, 32, 1056}, too_large},
+                                                 {{16, uint64_t{1} << 60, 32}, too_large},  // products past 64 bits
+                                                 {{16, 32, uint64_t{1} << 60}, too_large},
+                                                 {{UINT64_MAX, 0, 0}, too_large}};
+  activation()[0] = 0x1234;
+  for (const auto& [s, message] : cases) {
+    SCOPED_TRACE(testing::Message() << s.n_row << " x " << s.n_col << " x " << s.n_inner);
+    expect_refusal(
+        tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, s.n_row, s.n_col, s.n_inner, nullptr, nullptr, nullptr),
+        message);
+    expect_refusal(
+        tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, s.n_row, s.n_col, s.n_inner, nullptr, nullptr, nullptr),
+        message);
+  }
+  EXPECT_EQ(activation()[0], 0x1234);
+  // Limits may allow what the buffer, sized by other limits, cannot hold.
+  context_->n_row_max = context_->input_matrix_size_max = context_->output_matrix_size_max = UINT64_MAX;
+  const uint64_t n_row = context_->X_size / (2 * 32) + 1;
+  expect_refusal(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row, 32, 32, nullptr, nullptr, nullptr), too_large);
+}
+
+TEST_F(ReferenceProducts, OfNoRowsOrOfNothing) {
+  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, 0, 32, 32, nullptr, nullptr, nullptr), 0u);
+  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, 0, 32, 32, nullptr, nullptr, nullptr), 0u);
+  std::vector<float> c(5 * 32, untouched);
+  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, 5, 32, 0, c.data(), nullptr, nullptr), 0u);
+  EXPECT_EQ(patterns(c), std::vector<uint32_t>(5 * 32, 0));
+}
+
+// The same on every processor.
+TEST_F(ReferenceProducts, AreTheSameToTheLastBitEverywhere) {
+  uint64_t hash = 0xcbf29ce484222325u;
+  for (Values values : all_values)
+    for (uint64_t n_row : {6, 35}) {
+      const uint64_t n_col = 64, n_inner = 1024;
+      const Matrices m = matrices(random_, n_row, n_col, n_inner, values);
+      std::vector<float> wide_a(m.a.size()), c(n_row * n_col), d = c, e(n_row * 6), f(4 * 4), g = f, h(4);
+      tavik_f16_to_f32(m.a.size(), m.a.data(), wide_a.data());
+      for (float& v : wide_a) v *= 1 + 0x1p-12f;
+      tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, n_row, n_col, n_inner, c.data(), m.a.data(), m.w.data());
+      tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row, n_col, n_inner, d.data(), wide_a.data(), m.w.data());
+      for (uint64_t p = 0; p < 9; ++p)
+        for (uint64_t q = 0; q < 2; ++q)
+          dravin_math_matmul_pq(n_row, 6, n_inner, p, q, e.data(), m.a.data(), m.w.data());
+      qmmbp_HxD(4, n_inner - 3, f.data(), m.w.data(), m.a.data());
+      qmmbp_HxD_(4, n_inner, g.data(), m.w.data(), m.a.data());
+      qdotxH(n_inner - 3, h.data(), m.w.data(), m.a.data());
+      for (const std::vector<float>& results : {c, d, e, f, g, h}) hash = test::digest(results, hash);
+    }
+  EXPECT_EQ(hash, 14367766271978253130u);
+}
+
+}  // namespace
