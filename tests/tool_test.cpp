@@ -266,6 +266,8 @@ TEST_F(ToolTest, EveryErrorIsOneLineAndLeavesNoFileBehind) {
       {"mm x.npy --pair w.npy w.npy -o y.npy y.npy", "y.npy: every result needs a file of its own"},
       {"mm x.npy --qkv w.npy w.npy w1.npy -o q.npy k.npy v.npy", "w.npy has 2 columns and w1.npy has 1"},
       {"verify --kernel nonsense", "no kernel has nonsense in its name"},
+      {"bench --kernel npu_test", "names no product"},
+      {"bench --shape 64x64", "is not three numbers"},
       {"bench --shape 64x64x33", "multiples of 32"},
       {"bench --shape 999999999x32x32", "the DSP cannot be opened"},
       {"info >/dev/full", "standard output"},
