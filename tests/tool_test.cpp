@@ -182,11 +182,9 @@ std::vector<float> product(const std::vector<float>& x, const std::vector<float>
 TEST_F(ToolTest, ProductsOfAnyShapeAndTypeAreExactWhereTheirWeightsAre) {
   // Rows, inner size, columns of the first and of the other weights, whether x and w are halves, number of weights.
   const std::tuple<size_t, size_t, size_t, size_t, bool, bool, size_t> cases[] = {
-      {1, 1, 1, 1, false, false, 1},           {1, 2, 1, 1, true, false, 1},
-      {65, 33, 65, 65, false, true, 1},        {32, 64, 96, 96, true, true, 1},
-      {33, 64, 32, 32, false, false, 2},       {67, 45, 40, 9, false, false, 3},
-      {1100, 40, 33, 33, false, false, 1},     {2049, 3, 31, 31, true, false, 1},
-      {2, 3, 300001, 300001, false, false, 1}, {1, 1, 1048577, 1048577, true, true, 1}};
+      {1, 1, 1, 1, false, false, 1},       {1, 2, 1, 1, true, false, 1},      {65, 33, 65, 65, false, true, 1},
+      {32, 64, 96, 96, true, true, 1},     {33, 64, 32, 32, false, false, 2}, {67, 45, 40, 9, false, false, 3},
+      {1100, 40, 33, 33, false, false, 1}, {2049, 3, 31, 31, true, false, 1}, {1, 1, 1048577, 1048577, true, true, 1}};
   const char* const files[] = {"w0.npy -o y0.npy", "--pair w0.npy w1.npy -o y0.npy y1.npy",
                                "--qkv w0.npy w1.npy w2.npy -o y0.npy y1.npy y2.npy"};
   for (const auto& [n_row, n_inner, n_col_first, n_col_other, x_f16, w_f16, n_weights] : cases) {
