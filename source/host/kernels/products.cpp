@@ -76,28 +76,20 @@ int32_t find_side_data(tavik_context* context, const Weights& weights, uint64_t 
                     "quantisation data reach past the end of the buffer with descriptor %d", fd);
 }
 
-int32_t bring_back_a8w8(tavik_context* context, const Activation& activation, const Weights& weights, int buffer) {
+// For zero points of `n_bit` bits that `output_to_f32` takes as elements of type ZeroPoints.
+template <class ZeroPoints, uint64_t n_bit, auto output_to_f32>
+int32_t bring_back_quantised(tavik_context* context, const Activation& activation, const Weights& weights, int buffer) {
   void* base;
-  TAVIK_TRY(find_side_data(context, weights, widen_dimension(weights.n_col), &base));
+  TAVIK_TRY(find_side_data(context, weights, widen_dimension(weights.n_col) * n_bit / 8, &base));
   const QuantisedStaging staging(activation);
-  tavik_a8w8_output_to_f32_rm(activation.n_row, weights.n_col, activation.n_inner, weights.result,
-                              static_cast<const int32_t*>(result_buffer(context, buffer)),
-                              at<float>(context->X, staging.scales), at<int32_t>(context->X, staging.sums),
-                              at<int8_t>(base, weights.side.zero_points), at<uint16_t>(base, weights.side.scales),
-                              at<int32_t>(base, weights.side.sums));
+  output_to_f32(activation.n_row, weights.n_col, activation.n_inner, weights.result,
+                static_cast<const int32_t*>(result_buffer(context, buffer)), at<float>(context->X, staging.scales),
+                at<int32_t>(context->X, staging.sums), at<ZeroPoints>(base, weights.side.zero_points),
+                at<uint16_t>(base, weights.side.scales), at<int32_t>(base, weights.side.sums));
   return TAVIK_SUCCESS;
 }
-int32_t bring_back_a8w4(tavik_context* context, const Activation& activation, const Weights& weights, int buffer) {
-  void* base;
-  TAVIK_TRY(find_side_data(context, weights, widen_dimension(weights.n_col) / 2, &base));
-  const QuantisedStaging staging(activation);
-  tavik_a8w4_output_to_f32_rm(activation.n_row, weights.n_col, activation.n_inner, weights.result,
-                              static_cast<const int32_t*>(result_buffer(context, buffer)),
-                              at<float>(context->X, staging.scales), at<int32_t>(context->X, staging.sums),
-                              at<uint32_t>(base, weights.side.zero_points), at<uint16_t>(base, weights.side.scales),
-                              at<int32_t>(base, weights.side.sums));
-  return TAVIK_SUCCESS;
-}
+constexpr auto bring_back_a8w8 = bring_back_quantised<int8_t, 8, tavik_a8w8_output_to_f32_rm>;
+constexpr auto bring_back_a8w4 = bring_back_quantised<uint32_t, 4, tavik_a8w4_output_to_f32_rm>;
 
 }  // namespace
 

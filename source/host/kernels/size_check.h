@@ -7,7 +7,6 @@
 
 namespace tavik {
 
-inline constexpr uint32_t tile_rows = 32;  // of an f16 tile; its columns too
 inline constexpr uint32_t tile_cols = 32;
 
 // n_row rounded up to whole f16 tiles, in 32 bits as the DSP takes it.
