@@ -131,10 +131,10 @@ typedef struct tavik_context {
 } tavik_context;
 
 /* Opens session 0 on the compute DSP, acquires its resources, allocates the four cross-session buffers and maps them.
- * On success stores the context; on failure releases everything, stores nothing and returns 1  the session, its
- * resources, a descriptor above 1023, or a mapping failed 3  host or shared memory could not be had (a shared buffer is
- * limited to 2^31 - 1 bytes) Neither argument may be NULL. With the default options 704 MiB of shared memory are
- * reserved, and not touched. */
+ * On success stores the context; on failure releases everything, stores nothing and returns
+ *   1  the session, its resources, a descriptor above 1023, or a mapping failed
+ *   3  host or shared memory could not be had (a shared buffer is limited to 2^31 - 1 bytes)
+ * Neither argument may be NULL. With the default options 704 MiB of shared memory are reserved, and not touched. */
 int32_t tavik_init(const tavik_options* options, tavik_context** context);
 
 /* Unlocks the matrix unit, releases the resources, unmaps and frees the cross-session buffers, closes every session and

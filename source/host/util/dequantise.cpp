@@ -1,14 +1,16 @@
 #include <algorithm>
-#include <cstdio>
 
 #include "include/morun.h"
 #include "include/tavik.h"
 #include "source/host/util/quantise.h"
+#include "source/log_line.h"
 
 namespace {
 
 namespace simd = morun::simd;
 using namespace tavik;
+
+constexpr char reporting_file[] = "source/host/util.c";
 
 struct ResultRows {
   const float* scales;
@@ -131,12 +133,7 @@ void tavik_a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, 
 }
 
 uint32_t morun_cpu_ui8i8_ah_to_i32_rm(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
-  if (src == nullptr || dst == nullptr) {
-    fprintf(stderr, "[MORUN][ERROR] file = %s, func = %s, line = %d: NULL ptr provided\n", "source/host/util.c",
-            __func__, __LINE__);
-    fflush(stderr);
-    return 10;
-  }
+  if (src == nullptr || dst == nullptr) return MORUN_FAIL(MORUN_ERROR_NULL_POINTER, "NULL ptr provided\n");
   tavik::i32_tiles_to_rows(n_row, n_col, src, dst);
-  return 0;
+  return MORUN_SUCCESS;
 }
