@@ -19,7 +19,9 @@ struct Place {
 
 }  // namespace morun
 
+// Here, in the name of the function itself or of the public call that it is a part of.
 #define MORUN_HERE (morun::Place{reporting_file, __func__, __LINE__})
+#define MORUN_HERE_IN(call) (morun::Place{reporting_file, (call), __LINE__})
 
 // Prints the line; the value is `status`. `format` is a literal of printf's kind.
 #define MORUN_FAIL_AT(place, status, format, ...)                                                             \
@@ -32,4 +34,11 @@ struct Place {
 #define MORUN_TRY(expression)                                                                          \
   do {                                                                                                 \
     if (const int32_t morun_status = (expression); morun_status != MORUN_SUCCESS) return morun_status; \
+  } while (false)
+
+// Leaves the calling function with the status of a step of the public call named, after a line in that call's name.
+#define MORUN_TRY_STEP(call, step, message)                                                  \
+  do {                                                                                       \
+    if (const auto morun_status = static_cast<int32_t>(step); morun_status != MORUN_SUCCESS) \
+      return MORUN_FAIL_AT(MORUN_HERE_IN(call), morun_status, "%s", (message));              \
   } while (false)

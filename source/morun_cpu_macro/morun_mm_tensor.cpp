@@ -1,0 +1,272 @@
+#include <cstdlib>
+#include <cstring>
+
+#include "include/morun_tensor.h"
+#include "source/morun_npu_macro/npu_checks.h"
+
+namespace {
+
+constexpr char reporting_file[] = "source/morun_cpu_macro/morun_tensor";
+constexpr char this_call[] = "morun_mm_tensor";
+constexpr char allocation_of_A_failed[] = "Internal allocation of A failed\n\n";
+constexpr char layouting_of_A_failed[] = "Internal layouting of A failed\n\n";
+
+// left * right, validated.
+struct Product {
+  uint32_t platform;
+  const morun_tensor& result;
+  const morun_tensor& left;
+  const morun_tensor& right;
+  uint64_t n_row = left.dims[0], n_col = right.dims[1], n_inner = left.dims[1];
+
+  bool is_on_npu() const { return platform == MORUN_PLATFORM_NPU0; }
+  int32_t domain() const { return is_on_npu() ? MORUN_DOMAIN_NPU0 : -1; }
+  // Dimensions as the NPU's products take them.
+  morun::Shape shape() const {
+    return {static_cast<int32_t>(n_row), static_cast<int32_t>(n_col), static_cast<int32_t>(n_inner)};
+  }
+  uint64_t X_bytes() const { return 2 * n_row * n_inner; }  // of f16, as are the next two
+  uint64_t W_bytes() const { return 2 * n_col * n_inner; }
+  uint64_t A_bytes() const { return 2 * n_row * n_col; }
+};
+
+template <class T>
+T* start(const morun_tensor& tensor) {
+  return static_cast<T*>(tensor.data) + tensor.data_offset;
+}
+
+// Packed rows to the result, whatever its row stride.
+template <class T>
+void copy_rows_to_result(const Product& product, const T* packed) {
+  T* const to = start<T>(product.result);
+  for (uint64_t i = 0; i < product.n_row; ++i)
+    memcpy(to + i * product.result.strides[0], packed + i * product.n_col, product.n_col * sizeof(T));
+}
+
+// Packed rows of 4-byte elements that a product writes: those of the result, or a block that is copied there.
+template <class T>
+class PackedRows {
+ public:
+  explicit PackedRows(const Product& product) : product_(product) {
+    if (product.result.is_contiguous != 1 || product.result.strides[0] != product.result.dims[1])
+      data_ = block_ = static_cast<T*>(malloc(product.n_row * product.n_col * sizeof(T)));
+    else
+      data_ = start<T>(product.result);
+  }
+  ~PackedRows() { free(block_); }
+  PackedRows(const PackedRows&) = delete;
+  PackedRows& operator=(const PackedRows&) = delete;
+
+  int32_t status() const { return data_ != nullptr ? MORUN_SUCCESS : MORUN_ERROR_FAILURE; }
+  T* data() const { return data_; }
+  void deliver() const {
+    if (block_ != nullptr) copy_rows_to_result(product_, block_);
+  }
+
+ private:
+  const Product& product_;
+  T* block_ = nullptr;
+  T* data_ = nullptr;
+};
+
+// Copies of the operands in shared buffers, f16.
+struct Copies {
+  void* A = nullptr;
+  void* W = nullptr;
+  void* X = nullptr;
+
+  uint16_t* halves_of_A() const { return static_cast<uint16_t*>(A); }
+  uint16_t* halves_of_W() const { return static_cast<uint16_t*>(W); }
+  uint16_t* halves_of_X() const { return static_cast<uint16_t*>(X); }
+  int32_t release() const { return morun_npu_free(A) | morun_npu_free(W) | morun_npu_free(X); }
+};
+
+int32_t copy_operands(const Product& product, Copies& copies) {
+  MORUN_TRY_STEP(this_call, morun_npu_alloc(product.A_bytes(), &copies.A), allocation_of_A_failed);
+  MORUN_TRY_STEP(this_call, morun_npu_alloc(product.W_bytes(), &copies.W), "Internal allocation of W failed\n\n");
+  MORUN_TRY_STEP(this_call, morun_npu_alloc(product.X_bytes(), &copies.X), "Internal allocation of X failed\n\n");
+  memcpy(copies.X, start<uint16_t>(product.left), product.X_bytes());
+  memcpy(copies.W, start<uint16_t>(product.right), product.W_bytes());
+  return MORUN_SUCCESS;
+}
+
+int32_t multiply_copies(const Product& product, const Copies& copies) {
+  const morun::Shape shape = product.shape();
+  MORUN_TRY_STEP(this_call,
+                 morun_npu_mm_f16(product.domain(), shape.n_row, shape.n_col, shape.n_inner, copies.halves_of_A(),
+                                  copies.halves_of_X(), copies.halves_of_W()),
+                 "Internal matmul failed\n\n");
+  return MORUN_SUCCESS;
+}
+
+int32_t f32_by_f16(const Product& product, Copies&) {
+  const PackedRows<float> output(product);
+  MORUN_TRY_STEP(this_call, output.status(), allocation_of_A_failed);
+  int32_t W_fd;
+  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
+  const morun::Shape shape = product.shape();
+  const auto W_offset = static_cast<uint32_t>(product.right.data_offset * 2);
+  MORUN_TRY_LOWER_AT(MORUN_HERE_IN(this_call), tavik_npu_mm_f32_rm_f32_rm_f16_wh(
+                                                   context, shape.n_row, shape.n_col, shape.n_inner, output.data(),
+                                                   start<float>(product.left), static_cast<uint32_t>(W_fd), W_offset));
+  output.deliver();
+  return MORUN_SUCCESS;
+}
+
+int32_t f16_tiled(const Product& product, Copies& copies) {
+  MORUN_TRY(copy_operands(product, copies));
+  MORUN_TRY(multiply_copies(product, copies));
+  // Kept: one block, whatever the result's row stride.
+  memcpy(start<uint16_t>(product.result), copies.A, product.A_bytes());
+  return MORUN_SUCCESS;
+}
+
+int32_t f16_by_tiled_weights(const Product& product, Copies& copies) {
+  MORUN_TRY_STEP(this_call, morun_npu_alloc(product.A_bytes(), &copies.A), allocation_of_A_failed);
+  MORUN_TRY_STEP(this_call, morun_npu_alloc(product.X_bytes(), &copies.X), "Internal allocation of X_parlo failed\n\n");
+  memcpy(copies.X, start<uint16_t>(product.left), product.X_bytes());
+  MORUN_TRY_STEP(this_call, morun_cpu_rm_to_ah_f16_inplace(product.n_row, product.n_inner, copies.halves_of_X()),
+                 "Internal layouting of X_parlo failed\n\n");
+  int32_t A_fd, W_fd, X_fd;
+  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "A", copies.A, &A_fd));
+  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
+  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "X", copies.X, &X_fd));
+  const morun::Shape shape = product.shape();
+  const auto W_offset = static_cast<uint32_t>(product.right.data_offset * 2);
+  const auto status = static_cast<int32_t>(
+      tavik_npu_mm_f16_ah_f16_ah_f16_wh(context, shape.n_row, shape.n_col, shape.n_inner, static_cast<uint32_t>(A_fd),
+                                        static_cast<uint32_t>(X_fd), static_cast<uint32_t>(W_fd), 0, 0, W_offset));
+  if (status != TAVIK_SUCCESS) return MORUN_FAIL_AT(MORUN_HERE_IN(this_call), status, "Err = %d\n", status);
+  MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(product.n_row, product.n_col, copies.halves_of_A()),
+                 layouting_of_A_failed);
+  copy_rows_to_result(product, copies.halves_of_A());
+  return MORUN_SUCCESS;
+}
+
+// Kept: right's values are taken as n_col rows of n_inner, here as on the host. What the NPU makes of the tiles of such a
+// matrix is the plain product where n_col = n_inner.
+int32_t f16_row_major_on_npu(const Product& product, Copies& copies) {
+  MORUN_TRY(copy_operands(product, copies));
+  MORUN_TRY_STEP(this_call, morun_cpu_rm_to_wh_f16_inplace(product.n_col, product.n_inner, copies.halves_of_W()),
+                 "Internal layouting of W failed\n\n");
+  MORUN_TRY_STEP(this_call, morun_cpu_rm_to_ah_f16_inplace(product.n_row, product.n_inner, copies.halves_of_X()),
+                 "Internal layouting of X failed\n\n");
+  MORUN_TRY(multiply_copies(product, copies));
+  MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(product.n_row, product.n_col, copies.halves_of_A()),
+                 layouting_of_A_failed);
+  // Kept: one block, whatever the result's row stride.
+  memcpy(start<uint16_t>(product.result), copies.A, product.A_bytes());
+  return MORUN_SUCCESS;
+}
+
+int32_t f16_row_major(const Product& product, Copies& copies) {
+  if (product.is_on_npu()) return f16_row_major_on_npu(product, copies);
+  // Kept: any other platform is a success without a product.
+  if (product.platform == MORUN_PLATFORM_CPU)
+    morun_tensor_cpu_matmul_scenario_5(product.n_row, product.n_col, product.n_inner, start<uint16_t>(product.result),
+                                       start<uint16_t>(product.left), start<uint16_t>(product.right));
+  return MORUN_SUCCESS;
+}
+
+template <class Weight,
+          int32_t (*multiply)(int32_t, int32_t, int32_t, int32_t, int32_t*, const uint8_t*, const Weight*)>
+int32_t u8_by_integer(const Product& product, Copies&) {
+  const PackedRows<int32_t> output(product);
+  MORUN_TRY_STEP(this_call, output.status(), allocation_of_A_failed);
+  int32_t W_fd;
+  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
+  const morun::Shape shape = product.shape();
+  // Kept: right's data offset is not looked at.
+  MORUN_TRY_LOWER_AT(MORUN_HERE_IN(this_call),
+                     multiply(product.domain(), shape.n_row, shape.n_col, shape.n_inner, output.data(),
+                              start<uint8_t>(product.left), static_cast<const Weight*>(product.right.data)));
+  output.deliver();
+  return MORUN_SUCCESS;
+}
+
+// What a path takes, left, right and result in this order, and what it relies on beyond.
+struct Path {
+  bool is_on_npu_only;
+  morun_tensor_dtype_e types[3];
+  morun_tensor_layout_e layouts[3];
+  bool writes_packed_rows;       // into the result, whatever its strides
+  bool finds_weights_by_offset;  // a number of bytes in 32 bits
+  int32_t (*run)(const Product&, Copies&);
+};
+
+constexpr auto i4 = MORUN_DTYPE_I4, i8 = MORUN_DTYPE_I8, u8 = MORUN_DTYPE_U8, i32 = MORUN_DTYPE_I32,
+               f16 = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
+constexpr auto rm = MORUN_LAYOUT_2D_RM, wh = MORUN_LAYOUT_2D_WH, ah = MORUN_LAYOUT_2D_AH;
+
+constexpr Path paths[] = {
+    {true, {f32, f16, f32}, {rm, wh, rm}, false, true, f32_by_f16},
+    {true, {f16, f16, f16}, {ah, wh, ah}, true, false, f16_tiled},
+    {true, {f16, f16, f16}, {rm, wh, rm}, false, true, f16_by_tiled_weights},
+    {true, {u8, i4, i32}, {rm, wh, rm}, false, false, u8_by_integer<uint8_t, morun_npu_mm_u8i4_i32>},
+    {false, {f16, f16, f16}, {rm, rm, rm}, true, false, f16_row_major},
+    {true, {u8, i8, i32}, {rm, wh, rm}, false, false, u8_by_integer<int8_t, morun_npu_mm_u8i8_i32>},
+};
+
+bool takes(const Path& path, const Product& product) {
+  if (path.is_on_npu_only && !product.is_on_npu()) return false;
+  const morun_tensor* const tensors[3] = {&product.left, &product.right, &product.result};
+  for (int i = 0; i < 3; ++i)
+    if (tensors[i]->data_dtype != path.types[i] || tensors[i]->layout != path.layouts[i]) return false;
+  return product.result.strides[1] == 1;
+}
+
+const Path* find_path(const Product& product) {
+  if (product.left.ndims != 2 || product.right.ndims != 2 || product.result.ndims != 2) return nullptr;
+  if (product.left.is_contiguous != 1 || product.right.is_contiguous != 1) return nullptr;
+  for (const Path& path : paths)
+    if (takes(path, product)) return &path;
+  return nullptr;
+}
+
+// Whether a matrix of that row stride, columns being dense, lies within num_elements. Validation counts in 64 bits that
+// wrap; here nothing does.
+bool lies_inside(const morun_tensor& tensor, uint64_t row_stride) {
+  uint64_t end;
+  return !__builtin_mul_overflow(tensor.dims[0] - 1, row_stride, &end) &&
+         !__builtin_add_overflow(end, tensor.dims[1], &end) && !__builtin_add_overflow(end, tensor.data_offset, &end) &&
+         end <= tensor.num_elements;
+}
+
+bool has_room(const Path& path, const Product& product) {
+  const morun_tensor& result = product.result;
+  if (!lies_inside(product.left, product.n_inner) || !lies_inside(product.right, product.n_col) ||
+      !lies_inside(result, path.writes_packed_rows ? product.n_col : result.strides[0]))
+    return false;
+  if (path.finds_weights_by_offset && product.right.data_offset > UINT32_MAX / 2) return false;
+  return !product.is_on_npu() ||
+         (product.n_row <= INT32_MAX && product.n_col <= INT32_MAX && product.n_inner <= INT32_MAX);
+}
+
+int32_t validate(const char* name, const morun_tensor* tensor) {
+  const int32_t status = morun_tensor_validate(tensor);
+  if (status == MORUN_SUCCESS) return status;
+  return MORUN_FAIL_AT(MORUN_HERE_IN(this_call), status, "Bad configuration of %s\n", name);
+}
+
+}  // namespace
+
+int32_t morun_mm_tensor(uint32_t platform, const morun_tensor* result, const morun_tensor* left,
+                        const morun_tensor* right) {
+  MORUN_TRY(morun::check_initialized(MORUN_HERE));
+  if (platform == 1 || platform == 4)
+    return MORUN_FAIL(MORUN_ERROR_BAD_ARGUMENT,
+                      "Unsupported platform selected. Currently, only MORUN_PLATFORM_NPU0 and MORUN_PLATFORM_CPU are "
+                      "supported.\n");
+  MORUN_TRY(validate("result_tensor", result));
+  MORUN_TRY(validate("left_tensor", left));
+  MORUN_TRY(validate("right_tensor", right));
+  MORUN_TRY_STEP(this_call, morun_mm_tensor_validate(result, left, right), "Tensor multiplication mismatch\n");
+
+  const Product product = {platform, *result, *left, *right};
+  const Path* const path = find_path(product);
+  if (path == nullptr || !has_room(*path, product))
+    return MORUN_FAIL(MORUN_ERROR_UNSUPPORTED_TENSORS, "Unsupported matmul tensors configuration\n");
+  Copies copies;
+  const int32_t status = path->run(product, copies);
+  return status | copies.release();
+}

@@ -1,0 +1,37 @@
+#include "source/morun_npu_macro/npu_checks.h"
+
+namespace {
+
+constexpr char reporting_file[] = "source/morun_npu_macro/morun_npu_initialize";
+
+// The upper interface's capacity.
+constexpr uint64_t output_matrix_size_max = 32768000;
+constexpr uint64_t n_row_max = 3200;
+constexpr uint64_t input_matrix_size_max = 486592000;
+
+}  // namespace
+
+tavik_context* context = nullptr;
+
+int32_t morun_npu_initialize(int32_t domain) {
+  MORUN_TRY(morun::check_domain(MORUN_HERE, domain));
+  tavik_options* options = nullptr;
+  MORUN_TRY_LOWER(tavik_options_alloc(&options));
+  options->output_matrix_size_max = output_matrix_size_max;
+  options->n_row_max = n_row_max;
+  options->input_matrix_size_max = input_matrix_size_max;
+  // Kept: a context that is still open is replaced, not closed.
+  const int32_t status = tavik_init(options, &context);
+  tavik_options_free(options);
+  MORUN_TRY_LOWER(status);
+  MORUN_TRY_LOWER(tavik_lock_compute_device(context));
+  return MORUN_SUCCESS;
+}
+
+int32_t morun_npu_finalize(int32_t domain) {
+  MORUN_TRY(morun::check_domain(MORUN_HERE, domain));
+  MORUN_TRY_LOWER(tavik_unlock_compute_device(context));
+  // Kept: the dead address stays in `context`.
+  MORUN_TRY_LOWER(tavik_cleanup(context));
+  return MORUN_SUCCESS;
+}
