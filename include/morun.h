@@ -134,9 +134,9 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
 
 /* Writes the library's version, with the architecture that the DSP module was compiled for, to `dst` (at least 64
  * bytes) and checks that the module is of the same version and for this DSP. The first argument is not read. Status 10
- * (prints nothing); 107; the remote or platform status when module or DSP cannot be asked; 404 when the versions
- * differ; dst and npu_version (morun_state.h) are then both written. Another architecture than the DSP's is worth one
- * warning on standard output, with status 0. */
+ * (prints nothing); 107; the remote or platform status when module or DSP cannot be asked, 1 on a platform without
+ * capability queries; 404 when the versions differ: dst and npu_version (morun_state.h) are then both written. Another
+ * architecture than the DSP's is worth one warning on standard output, with status 0. */
 int32_t morun_npu_get_version(int32_t domain, char* dst);
 
 /* ---- Layouts ---- */
