@@ -225,6 +225,9 @@ inline void store(int32_t* p, i32x8 a) {
 inline void store_streaming(int32_t* p, i32x8 a) {
   _mm256_stream_si256(reinterpret_cast<__m256i*>(p), a.v);
 }
+inline u8x32 load(const uint8_t* p) {
+  return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+}
 inline void store(uint8_t* p, u8x32 a) {
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a.v);
 }
@@ -306,6 +309,12 @@ inline void store_nibbles(uint32_t* p, u8x32 a) {
   const __m256i pairs = _mm256_maddubs_epi16(nibbles, _mm256_set1_epi16(0x1001));  // even + 16 * odd
   const __m128i bytes = _mm_packus_epi16(_mm256_castsi256_si128(pairs), _mm256_extracti128_si256(pairs, 1));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
+}
+inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
+  const __m256i nibbles = _mm256_and_si256(a.v, _mm256_set1_epi8(15));
+  const __m256i fours = _mm256_or_si256(nibbles, _mm256_srli_epi64(nibbles, 28));  // in every other word
+  const __m256i words = _mm256_permutevar8x32_epi32(fours, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(words));
 }
 
 // Exact products of small integers.

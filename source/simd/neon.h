@@ -185,6 +185,9 @@ inline void store(int32_t* p, i32x8 a) {
 inline void store_streaming(int32_t* p, i32x8 a) {
   store(p, a);
 }
+inline u8x32 load(const uint8_t* p) {
+  return {vld1q_u8(p), vld1q_u8(p + 16)};
+}
 inline void store(uint8_t* p, u8x32 a) {
   vst1q_u8(p, a.low);
   vst1q_u8(p + 16, a.high);
@@ -257,6 +260,12 @@ inline i32x8 add_bytes(i32x8 sums, u8x32 a) {
 }
 inline void store_nibbles(uint32_t* p, u8x32 a) {
   const uint8x16_t even = vuzp1q_u8(a.low, a.high), odd = vuzp2q_u8(a.low, a.high);
+  vst1q_u32(p, vreinterpretq_u32_u8(vsliq_n_u8(vandq_u8(even, vdupq_n_u8(15)), odd, 4)));
+}
+inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
+  const uint32x4_t low = vreinterpretq_u32_u8(a.low), high = vreinterpretq_u32_u8(a.high);
+  const uint8x16_t even = vreinterpretq_u8_u32(vuzp1q_u32(low, high));
+  const uint8x16_t odd = vreinterpretq_u8_u32(vuzp2q_u32(low, high));
   vst1q_u32(p, vreinterpretq_u32_u8(vsliq_n_u8(vandq_u8(even, vdupq_n_u8(15)), odd, 4)));
 }
 

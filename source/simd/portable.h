@@ -177,6 +177,11 @@ inline void store(int32_t* p, i32x8 v) {
 inline void store_streaming(int32_t* p, i32x8 v) {
   store(p, v);
 }
+inline u8x32 load(const uint8_t* p) {
+  u8x32 v;
+  std::memcpy(v.lane, p, sizeof v.lane);
+  return v;
+}
 inline void store(uint8_t* p, u8x32 v) {
   std::memcpy(p, v.lane, sizeof v.lane);
 }
@@ -270,6 +275,10 @@ inline void store_nibbles(uint32_t* p, u8x32 v) {
   uint8_t bytes[16];
   for (int i = 0; i < 16; ++i) bytes[i] = static_cast<uint8_t>((v.lane[2 * i] & 15) | (v.lane[2 * i + 1] & 15) << 4);
   std::memcpy(p, bytes, sizeof bytes);
+}
+inline void store_zipped_nibbles(uint32_t* p, u8x32 v) {
+  store_nibbles(p, v);
+  for (int i = 0; i < 4; ++i) p[i] = zip_nibbles(p[i]);
 }
 
 // Exact products of small integers.

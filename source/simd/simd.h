@@ -51,6 +51,7 @@
 //   flip_top_bits             adds 128 to each byte, modulo 2^8
 //   add_bytes(sums, a)        each byte, unsigned, to one of the lanes; which one is up to the backend
 //   store_nibbles             the low nibbles of 32 bytes as four words, the first least significant
+//   store_zipped_nibbles      the same, the eight of each word in the order 0 4 1 5 2 6 3 7
 //
 // Exact products of small integers add
 //

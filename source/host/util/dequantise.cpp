@@ -111,6 +111,7 @@ void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int3
 }  // namespace
 
 void tavik::i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
+  if (n_col < int_tile_cols) return;
   if (!should_stream(8 * n_row * n_col, dst) || n_col % 8 != 0)
     return copy_tiles_to_rows<false>(n_row, n_col, src, dst);
   copy_tiles_to_rows<true>(n_row, n_col, src, dst);

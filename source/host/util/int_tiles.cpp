@@ -1,0 +1,79 @@
+#include "source/host/util/int_tiles.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "source/host/util/bands.h"
+#include "source/host/util/quantise.h"
+
+namespace tavik {
+namespace {
+
+namespace simd = morun::simd;
+
+constexpr size_t w4_tile_cols = 32, w4_tile_bytes = 512;
+constexpr size_t pair_cols = 2 * w4_tile_cols;  // two tiles, side by side: a cache line of each row
+
+// Few rows at a time: the lines of more of them would fight for the same sets of the caches.
+template <bool streaming>
+void copy_byte_rows(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
+  constexpr uint64_t group_rows = 8;
+  for (uint64_t row = 0; row < n_row; row += group_rows) {
+    const uint8_t* const from = src + row * n_col;
+    uint8_t* to = dst + row / int_tile_rows * int_tile_rows * n_col + row % int_tile_rows * int_tile_cols;
+    for (uint64_t column = 0; column < n_col; column += int_tile_cols, to += int_tile_elements)
+      for (uint64_t i = 0; i < group_rows; ++i)
+        put<streaming>(to + i * int_tile_cols, simd::load(from + i * n_col + column));
+  }
+}
+
+// 32 rows of two tiles. Eight columns of a row are a word, and each column of words becomes 128 contiguous bytes.
+void pack_pair(const uint8_t* rows, size_t pitch, std::byte* tiles) {
+  for (size_t row = 0; row < band_rows; row += 8) {
+    uint32_t words[8][8];
+    for (size_t i = 0; i < 8; ++i) {
+      const uint8_t* const from = rows + (row + i) * pitch;
+      simd::store_zipped_nibbles(words[i], simd::load(from));
+      simd::store_zipped_nibbles(words[i] + 4, simd::load(from + 32));
+    }
+    simd::transpose_words(reinterpret_cast<const std::byte*>(words), sizeof words[0], tiles + 4 * row, 4 * band_rows);
+  }
+}
+
+// The same at the right and lower edges, where tiles have fewer rows or columns, or the second tile is not there.
+void pack_edge(const uint8_t* rows, size_t pitch, size_t n_row, size_t n_col, std::byte* tiles) {
+  uint8_t padded[band_rows][pair_cols] = {};
+  for (size_t row = 0; row < n_row; ++row) memcpy(padded[row], rows + row * pitch, n_col);
+  std::byte pair[2 * w4_tile_bytes];
+  pack_pair(padded[0], pair_cols, pair);
+  memcpy(tiles, pair, n_col > w4_tile_cols ? 2 * w4_tile_bytes : w4_tile_bytes);
+}
+
+}  // namespace
+
+void byte_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
+  if (n_col == 0) return;
+  if (!should_stream(2 * n_row * n_col, dst)) return copy_byte_rows<false>(n_row, n_col, src, dst);
+  copy_byte_rows<true>(n_row, n_col, src, dst);
+  simd::fence_streaming();
+}
+
+// Not written past the caches: only half as much is written as is read, and it gained nothing up to some 50 MB.
+void nibble_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
+  if (n_col == 0) return;
+  auto* tiles = reinterpret_cast<std::byte*>(dst);
+  for (uint64_t row = 0; row < n_row; row += band_rows) {
+    for (uint64_t column = 0; column < n_col; column += pair_cols) {
+      const uint8_t* const from = src + row * n_col + column;
+      const size_t rows = std::min<uint64_t>(band_rows, n_row - row);
+      const size_t cols = std::min<uint64_t>(pair_cols, n_col - column);
+      if (rows == band_rows && cols == pair_cols)
+        pack_pair(from, n_col, tiles);
+      else
+        pack_edge(from, n_col, rows, cols, tiles);
+      tiles += cols > w4_tile_cols ? 2 * w4_tile_bytes : w4_tile_bytes;
+    }
+  }
+}
+
+}  // namespace tavik

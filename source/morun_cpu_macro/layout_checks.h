@@ -1,0 +1,28 @@
+// What the layout calls demand of their arguments. Refusals are printed in the name of the call that asks.
+#pragma once
+
+#include "source/log_line.h"
+
+namespace morun {
+
+template <class... Pointer>
+int32_t require_pointers(const Place& place, const Pointer*... pointers) {
+  if (((pointers != nullptr) && ...)) return MORUN_SUCCESS;
+  return MORUN_FAIL_AT(place, MORUN_ERROR_NULL_POINTER, "NULL ptr provided\n");
+}
+
+// Kept: the value is printed as a 32-bit integer.
+inline int32_t require_multiple(const Place& place, const char* name, int32_t divisor, uint64_t value) {
+  if (value % static_cast<uint64_t>(divisor) == 0) return MORUN_SUCCESS;
+  return MORUN_FAIL_AT(place, MORUN_ERROR_BAD_ARGUMENT, "%s must be multiple of %d, got %d\n", name, divisor,
+                       static_cast<int32_t>(value));
+}
+
+// Of the calls that work in place on tiles of 32 x 32.
+inline int32_t require_square_tiles(const Place& place, uint64_t n_row, uint64_t n_col, const void* data) {
+  MORUN_TRY(require_pointers(place, data));
+  MORUN_TRY(require_multiple(place, "n_row", 32, n_row));
+  return require_multiple(place, "n_col", 32, n_col);
+}
+
+}  // namespace morun
