@@ -92,6 +92,16 @@ Convert output(Function dequantise) {
   };
 }
 
+void bytes_to_tiles(const Operands& o) {
+  morun_cpu_rm_to_wh_i8(o.shape.n_col, o.shape.n_row, o.source, o.target);
+}
+void nibbles_to_tiles(const Operands& o) {
+  morun_cpu_rm_to_wh_i4(o.target, o.source, o.shape.n_col, o.shape.n_row);
+}
+void flat_to_weight(const Operands& o) {
+  tavik_host_layout_w4_flat_to_weight(o.target, o.source, o.shape.n_row, o.shape.n_col);
+}
+
 struct Conversion {
   const char* name;
   double bytes_read, bytes_written;          // of an element; vectors do not count
@@ -117,6 +127,12 @@ const Conversion conversions[] = {
     {"a8w8_output_to_f32_rm", 4, 4, {0.50, 0.85, 0.95}, output(tavik_a8w8_output_to_f32_rm)},
     {"a8w4_output_to_f32_rm", 4, 4, {0.50, 0.85, 0.95}, output(tavik_a8w4_output_to_f32_rm)},
     {"ui8i8_ah_to_i32_rm", 4, 4, {}, matrix(morun_cpu_ui8i8_ah_to_i32_rm)},
+    {"rm_to_wh_i8", 1, 1, {}, bytes_to_tiles},
+    {"rm_to_wh_i4", 1, 0.5, {}, nibbles_to_tiles},
+    {"w4_flat_to_weight", 1, 0.5, {}, flat_to_weight},
+    {"f16_cm_to_f16_zb_inplace", 2, 2, {}, in_place(tavik_f16_cm_to_f16_zb_inplace)},
+    {"matrix_transpose_f16", 2, 2, {}, in_place(tavik_matrix_transpose_f16)},
+    {"matrix_transpose_f32", 4, 4, {}, in_place(tavik_matrix_transpose_f32)},
 };
 
 Vectors vectors(uint64_t n_element) {

@@ -12,9 +12,9 @@ namespace {
 
 constexpr double least_seconds = 0.010;
 
-double thread_seconds() {
+double seconds(Clock clock) {
   timespec time;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  clock_gettime(clock == Clock::thread ? CLOCK_THREAD_CPUTIME_ID : CLOCK_MONOTONIC, &time);
   return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
@@ -29,7 +29,9 @@ double quantile(const std::vector<double>& sorted, double fraction) {
 }  // namespace
 
 Interleaved::Interleaved(Work work)
-    : operation_(calls_for(std::move(work.operation))), yardstick_(calls_for(std::move(work.yardstick.run))) {}
+    : clock_(work.clock),
+      operation_(calls_for(std::move(work.operation))),
+      yardstick_(calls_for(std::move(work.yardstick.run))) {}
 
 Round Interleaved::next_round() const {
   if (!yardstick_.call) return {seconds_per_call(operation_), 0};
@@ -39,7 +41,7 @@ Round Interleaved::next_round() const {
   return {operation, (before + after) / 2};
 }
 
-Interleaved::Calls Interleaved::calls_for(std::function<void()> call) {
+Interleaved::Calls Interleaved::calls_for(std::function<void()> call) const {
   if (!call) return {};
   Calls calls{std::move(call), 1};
   double fastest = seconds_per_call(calls);
@@ -48,13 +50,13 @@ Interleaved::Calls Interleaved::calls_for(std::function<void()> call) {
   return calls;
 }
 
-double Interleaved::seconds_per_call(const Calls& calls) {
-  const double start = thread_seconds();
+double Interleaved::seconds_per_call(const Calls& calls) const {
+  const double start = seconds(clock_);
   for (size_t i = 0; i < calls.count; ++i) {
     calls.call();
     benchmark::ClobberMemory();
   }
-  return (thread_seconds() - start) / static_cast<double>(calls.count);
+  return (seconds(clock_) - start) / static_cast<double>(calls.count);
 }
 
 Quartiles quartiles(std::vector<double> values) {

@@ -1,5 +1,4 @@
-// An operation and its yardstick, timed in turn by the CPU time of the calling thread: other work that takes the
-// processor away does not count, and what it does to caches and clock rate meets both alike.
+// An operation and its yardstick, timed in turn: what other work does to caches and clock rate meets both alike.
 #pragma once
 
 #include <vector>
@@ -27,9 +26,10 @@ class Interleaved {
     std::function<void()> call;
     size_t count = 0;
   };
-  static Calls calls_for(std::function<void()> call);
-  static double seconds_per_call(const Calls& calls);
+  Calls calls_for(std::function<void()> call) const;
+  double seconds_per_call(const Calls& calls) const;
 
+  Clock clock_;
   Calls operation_;
   Calls yardstick_;
 };

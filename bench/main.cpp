@@ -1,19 +1,17 @@
 // morun_bench: one table of the library's operations, each as a ratio to a yardstick.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
-#include <sched.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <fstream>
 #include <regex>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
+#include "bench/affinity.h"
 #include "bench/row.h"
 #include "bench/table.h"
 #include "bench/yardsticks.h"
@@ -45,24 +43,34 @@ void add_arguments(CLI::App& app, Arguments& arguments) {
       ->type_name("FILE");
 }
 
-std::vector<bench::Row> chosen_rows(const std::string& filter) {
+std::vector<bench::Row> all_rows() {
   std::vector<bench::Row> rows;
   for (const auto& group : {bench::conversion_rows(), bench::product_rows(), bench::lifecycle_rows()})
     rows.insert(rows.end(), group.begin(), group.end());
-  const std::regex regex(filter);
-  std::erase_if(rows, [&](const bench::Row& row) { return !std::regex_search(row.name, regex); });
   return rows;
 }
 
-// Pins the process to the processor it is on, and returns that.
-int pin() {
-  const int processor = sched_getcpu();
-  cpu_set_t mask;
-  CPU_ZERO(&mask);
-  CPU_SET(processor, &mask);
-  if (sched_setaffinity(0, sizeof mask, &mask) != 0)
-    throw std::system_error(errno, std::generic_category(), "sched_setaffinity");
-  return processor;
+template <class Row>
+std::vector<Row> chosen(std::vector<Row> rows, const std::string& filter) {
+  const std::regex regex(filter);
+  std::erase_if(rows, [&](const Row& row) { return !std::regex_search(row.name, regex); });
+  return rows;
+}
+
+// The rows must live until they are measured.
+template <class Row>
+void register_rows(const std::vector<Row>& rows, int n_round) {
+  for (const Row& row : rows)
+    benchmark::RegisterBenchmark(row.name.c_str(), [&row](benchmark::State& state) { bench::measure(row, state); })
+        ->Iterations(n_round)
+        ->UseManualTime();
+}
+
+template <class Row>
+size_t greatest_name_size(const std::vector<Row>& rows) {
+  size_t size = 0;
+  for (const Row& row : rows) size = std::max(size, row.name.size());
+  return size;
 }
 
 std::string processor_name() {
@@ -93,14 +101,15 @@ bool print_table(size_t name_width) {
 }
 
 int run(const Arguments& arguments) {
-  const std::vector<bench::Row> rows = chosen_rows(arguments.filter);
-  if (rows.empty()) throw std::runtime_error("no row matches the filter");
+  const std::vector<bench::Row> rows = chosen(all_rows(), arguments.filter);
+  const std::vector<bench::CallRow> call_rows = chosen(bench::call_rows(), arguments.filter);
+  if (rows.empty() && call_rows.empty()) throw std::runtime_error("no row matches the filter");
 
   std::vector<std::string> flags = {"morun_bench"};
   if (!arguments.json.empty()) flags.push_back("--benchmark_out=" + arguments.json);
   start_google_benchmark(flags);
 
-  const int processor = pin();
+  const int processor = bench::pin();
   describe("processor",
            fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, MORUN_SIMD_NAME));
   describe("sgemm", bench::openblas_description());
@@ -108,14 +117,9 @@ int run(const Arguments& arguments) {
                                 arguments.n_round));
   fmt::print("\n");
 
-  size_t name_width = 0;
-  for (const bench::Row& row : rows) {
-    name_width = std::max(name_width, row.name.size());
-    benchmark::RegisterBenchmark(row.name.c_str(), [&row](benchmark::State& state) { bench::measure(row, state); })
-        ->Iterations(arguments.n_round)
-        ->UseManualTime();
-  }
-  return print_table(name_width) ? 0 : 1;
+  register_rows(rows, arguments.n_round);
+  register_rows(call_rows, arguments.n_round);
+  return print_table(std::max(greatest_name_size(rows), greatest_name_size(call_rows))) ? 0 : 1;
 }
 
 }  // namespace

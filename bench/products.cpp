@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <memory>
 
+#include "bench/affinity.h"
 #include "bench/npu.h"
 #include "bench/row.h"
 #include "bench/yardsticks.h"
+#include "include/morun_tensor.h"
 
 namespace bench {
 namespace {
@@ -44,10 +46,51 @@ void npu_3mm_f16(const Npu& npu, const Shape& s, const Operands& o) {
                                              o.W.fd, o.W.fd, 0, W_size, 2 * W_size));
 }
 
-void cpu_mm_f16(const Npu& npu, const Shape& s, const Operands& o) {
-  require(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(npu.context(), s.n_row, s.n_col, s.n_inner,
-                                               static_cast<float*>(o.A.data), static_cast<const uint16_t*>(o.X.data),
-                                               static_cast<const uint16_t*>(o.W.data)));
+void npu_mm_f32(const Npu& npu, const Shape& s, const Operands& o) {
+  require(tavik_npu_mm_f32_rm_f32_rm_f16_wh(npu.context(), static_cast<int32_t>(s.n_row), static_cast<int32_t>(s.n_col),
+                                            static_cast<int32_t>(s.n_inner), static_cast<float*>(o.A.data),
+                                            static_cast<const float*>(o.X.data), o.W.fd, 0));
+}
+
+// On the cross-session buffers.
+template <auto product>
+void integer_mm(const Npu& npu, const Shape& s, const Operands& o) {
+  require(product(npu.context(), static_cast<int32_t>(s.n_row), static_cast<int32_t>(s.n_col),
+                  static_cast<int32_t>(s.n_inner), ~0u, ~0u, o.W.fd, 0, 0, 0));
+}
+
+template <auto product, class Activation>
+void cpu_mm(const Npu& npu, const Shape& s, const Operands& o) {
+  require(product(npu.context(), s.n_row, s.n_col, s.n_inner, static_cast<float*>(o.A.data),
+                  static_cast<const Activation*>(o.X.data), static_cast<const uint16_t*>(o.W.data)));
+}
+
+// The reference products' two other kernels, block by block and row by row.
+void qmmbp(const Npu&, const Shape& s, const Operands& o) {
+  for (uint32_t row = 0; row < s.n_row; row += 4)
+    for (uint32_t col = 0; col < s.n_col; col += 4)
+      qmmbp_HxD_(s.n_col, s.n_inner, static_cast<float*>(o.A.data) + size_t{row} * s.n_col + col,
+                 static_cast<const uint16_t*>(o.W.data) + size_t{col} * s.n_inner,
+                 static_cast<const uint16_t*>(o.X.data) + size_t{row} * s.n_inner);
+}
+void qdotx(const Npu&, const Shape& s, const Operands& o) {
+  for (uint32_t row = 0; row < s.n_row; ++row)
+    for (uint32_t col = 0; col < s.n_col; col += 4)
+      qdotxH(s.n_inner, static_cast<float*>(o.A.data) + size_t{row} * s.n_col + col,
+             static_cast<const uint16_t*>(o.W.data) + size_t{col} * s.n_inner,
+             static_cast<const uint16_t*>(o.X.data) + size_t{row} * s.n_inner);
+}
+
+void tensor_mm(const Npu&, const Shape& s, const Operands& o) {
+  morun_tensor_cpu_matmul_scenario_5(s.n_row, s.n_col, s.n_inner, static_cast<uint16_t*>(o.A.data),
+                                     static_cast<const uint16_t*>(o.X.data), static_cast<const uint16_t*>(o.W.data));
+}
+
+Yardstick nn(const Shape& s) {
+  return s.n_row == 1 ? sgemv_yardstick(s.n_col, s.n_inner) : sgemm_nn_yardstick(s.n_row, s.n_col, s.n_inner);
+}
+Yardstick nt(const Shape& s) {
+  return s.n_row == 1 ? sgemv_yardstick(s.n_col, s.n_inner) : sgemm_nt_yardstick(s.n_row, s.n_col, s.n_inner);
 }
 
 struct Product {
@@ -57,16 +100,29 @@ struct Product {
   std::vector<Shape> shapes;
   double wanted;  // ratio for each shape; 0: for information
   Multiply multiply;
+  Yardstick (*yardstick)(const Shape& shape) = nn;
 };
 
 const std::vector<Shape> large = {{128, 2048, 2048}, {1024, 1024, 4096}, {64, 4096, 4096}};
+const std::vector<Shape> medium = {{128, 2048, 2048}, {256, 1024, 1024}};
+const std::vector<Shape> vector = {{1, 4096, 4096}};
 
 const Product products[] = {
     {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, 1, large, 0.80, npu_mm_f16},
     {"npu_3mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 3, {{128, 2048, 2048}}, 0, npu_3mm_f16},
     {"veyra_mm_a8w8", 4, 1, 1, 1, large, 1.3, veyra_mm<tavik_veyra_mm_a8w8>},
     {"veyra_mm_a8w4", 4, 1, 0.5, 1, large, 1.0, veyra_mm<tavik_veyra_mm_a8w4>},
-    {"cpu_mm_fp32_rm_fp16_rm_fp16_zb", 4, 2, 2, 1, {{128, 2048, 2048}, {256, 1024, 1024}}, 0.15, cpu_mm_f16},
+    {"npu_mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 1, vector, 0.8, npu_mm_f32},
+    {"veyra_1mm_ui8i8_i32_tessel", 4, 1, 1, 1, vector, 1.2, integer_mm<tavik_veyra_1mm_ui8i8_i32_tessel>},
+    {"veyra_1mm_ui8i4_i32_tessel", 4, 1, 0.5, 1, vector, 1.0, integer_mm<tavik_veyra_1mm_ui8i4_i32_tessel>},
+    {"cpu_mm_fp32_rm_fp16_rm_fp16_zb", 4, 2, 2, 1, medium, 0.15,
+     cpu_mm<tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb, uint16_t>},
+    {"cpu_mm_fp32_rm_fp32_rm_fp16_zb", 4, 4, 2, 1, medium, 0.15, cpu_mm<tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb, float>},
+    {"qmmbp_HxD_", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qmmbp},
+    {"qdotxH", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qdotx},
+    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, {{128, 4096, 4096}, {1024, 1024, 4096}}, 0.80, tensor_mm, nt},
+    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, {{32, 4096, 4096}}, 0.95, tensor_mm, nt},
+    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, vector, 1.5, tensor_mm, nt},
 };
 
 Work prepare(const Product& product, const Shape& s) {
@@ -78,7 +134,26 @@ Work prepare(const Product& product, const Shape& s) {
   const Operands operands = {buffer(s.n_row, n_col, product.A_bytes), buffer(s.n_row, s.n_inner, product.X_bytes),
                              buffer(s.n_inner, n_col, product.W_bytes)};
   return {[npu, s, operands, multiply = product.multiply] { multiply(*npu, s, operands); },
-          sgemm_nn_yardstick(s.n_row, n_col, s.n_inner)};
+          product.yardstick({s.n_row, n_col, s.n_inner})};
+}
+
+// A product on two threads, by the same on one.
+struct ProductOnThreads {
+  const char* name;
+  double A_bytes, X_bytes, W_bytes;
+  Multiply multiply;
+};
+const ProductOnThreads products_on_threads[] = {
+    {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, npu_mm_f16},
+    {"veyra_mm_a8w8", 4, 1, 1, veyra_mm<tavik_veyra_mm_a8w8>},
+    {"veyra_mm_a8w4", 4, 1, 0.5, veyra_mm<tavik_veyra_mm_a8w4>},
+};
+constexpr Shape shape_on_threads = {1024, 4096, 4096};
+
+Work prepare(const ProductOnThreads& p) {
+  Work work = prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, 0, p.multiply}, shape_on_threads);
+  const auto on_one = work.operation;
+  return {[on_one] { run_on_processors(2, on_one); }, {"1 thread", on_one}, Clock::wall};
 }
 
 }  // namespace
@@ -91,6 +166,10 @@ std::vector<Row> product_rows() {
                       [&product, &shape] { return prepare(product, shape); }});
     }
   }
+  for (const ProductOnThreads& product : products_on_threads)
+    if (n_processors_given() >= 2)
+      rows.push_back(
+          {fmt::format("{} on 2 threads/1024x4096x4096", product.name), 1.8, [&product] { return prepare(product); }});
   return rows;
 }
 

@@ -7,6 +7,11 @@
 
 namespace bench {
 
+enum class Clock {
+  thread,  // CPU time of the calling thread: other work that takes the processor away does not count
+  wall     // for work on several threads
+};
+
 struct Yardstick {
   std::string name;
   std::function<void()> run;  // empty: the operation is timed alone
@@ -16,6 +21,7 @@ struct Yardstick {
 struct Work {
   std::function<void()> operation;
   Yardstick yardstick;
+  Clock clock = Clock::thread;
 };
 
 struct Row {
@@ -24,8 +30,16 @@ struct Row {
   std::function<Work()> prepare;  // called when the row's turn comes; throws std::exception
 };
 
+// A row of the second table: a whole call of the application, and the share of it that the library may take.
+struct CallRow {
+  std::string name;     // operation/shape
+  double wanted_share;  // of the whole call's time; 0: for information
+  std::function<std::function<void()>()> prepare;
+};
+
 std::vector<Row> conversion_rows();
 std::vector<Row> product_rows();
 std::vector<Row> lifecycle_rows();
+std::vector<CallRow> call_rows();
 
 }  // namespace bench

@@ -7,8 +7,13 @@
 #include <string>
 #include <utility>
 
+#include "bench/platform_calls.h"
+
 namespace bench {
 namespace {
+
+constexpr char ratio_head[] = "  time, us  yardstick   time, us  ratio     q1    q3  wanted  verdict";
+constexpr char split_head[] = "  time, us   staging  platform      back  calls  library  wanted  verdict";
 
 const char* verdict(double ratio, double wanted) {
   if (ratio >= wanted) return "ok";
@@ -30,6 +35,38 @@ void report(const Row& row, const std::vector<Round>& rounds, benchmark::State& 
   state.counters["ratio"] = ratio.median;
   state.counters["q3"] = ratio.third;
   if (row.wanted > 0) state.counters["wanted"] = row.wanted;
+}
+
+constexpr double least_seconds = 0.010;  // of a round of whole calls
+
+// Medians over single calls: the odd one is hit by an interrupt or by a page that is not there yet.
+void measure_calls(const CallRow& row, benchmark::State& state) {
+  const std::function<void()> call = row.prepare();
+  for (int i = 0; i < 3; ++i) call();
+  std::vector<double> whole, staging, platform, bringing_back, shares;
+  double n_platform_calls = 0;
+  for (auto _ : state) {
+    double round = 0;
+    while (round < least_seconds) {
+      const Split split = bench::split(call);
+      whole.push_back(split.whole());
+      staging.push_back(split.staging);
+      platform.push_back(split.platform);
+      bringing_back.push_back(split.bringing_back);
+      shares.push_back(split.library() / split.whole());
+      n_platform_calls = static_cast<double>(split.n_platform_calls);
+      round += split.whole();
+    }
+    state.SetIterationTime(round);
+  }
+  auto& counters = state.counters;
+  counters["time"] = quartiles(whole).median;
+  counters["staging"] = quartiles(staging).median;
+  counters["platform"] = quartiles(platform).median;
+  counters["bringing_back"] = quartiles(bringing_back).median;
+  counters["platform_calls"] = n_platform_calls;
+  counters["share"] = quartiles(shares).median;
+  if (row.wanted_share > 0) counters["wanted_share"] = row.wanted_share;
 }
 
 void measure_rounds(const Row& row, benchmark::State& state) {
@@ -60,10 +97,10 @@ void measure(const Row& row, benchmark::State& state) try {
   state.SkipWithError(error.what());
 }
 
-bool Table::ReportContext(const Context&) {
-  fmt::print("{:<{}}  {:>10}  {:<9} {:>10}  {:>5}  {:>5} {:>5}  {:>6}  {}\n", "operation", name_width_, "time, us",
-             "yardstick", "time, us", "ratio", "q1", "q3", "wanted", "verdict");
-  return true;
+void measure(const CallRow& row, benchmark::State& state) try {
+  measure_calls(row, state);
+} catch (const std::exception& error) {
+  state.SkipWithError(error.what());
 }
 
 void Table::ReportRuns(const std::vector<Run>& runs) {
@@ -71,23 +108,48 @@ void Table::ReportRuns(const std::vector<Run>& runs) {
   std::fflush(stdout);
 }
 
-void Table::print(const Run& run) {
-  const std::string& name = run.run_name.function_name;
-  if (run.error_occurred) {
-    any_error_ = true;
-    fmt::print("{:<{}}  failed: {}\n", name, name_width_, run.error_message);
-    return;
-  }
-  const auto& counters = run.counters;
-  fmt::print("{:<{}}  {:>10}", name, name_width_, microseconds(counters.at("time")));
+void Table::print_head(const char* head) {
+  if (head == head_) return;
+  fmt::print("{}{:<{}}  {}\n", head_ == nullptr ? "" : "\n", "operation", name_width_, head);
+  head_ = head;
+}
+
+void Table::print_ratio(const benchmark::UserCounters& counters, const std::string& yardstick) {
   if (counters.contains("ratio")) {
-    fmt::print("  {:<9} {:>10}  {:>5}  {:>5} {:>5}", run.report_label, microseconds(counters.at("yardstick_time")),
+    fmt::print("  {:<9} {:>10}  {:>5}  {:>5} {:>5}", yardstick, microseconds(counters.at("yardstick_time")),
                ratio_text(counters.at("ratio")), ratio_text(counters.at("q1")), ratio_text(counters.at("q3")));
   }
   if (counters.contains("wanted")) {
     const double wanted = counters.at("wanted");
     fmt::print("  {:>6}  {}", ratio_text(wanted), verdict(counters.at("ratio"), wanted));
   }
+}
+
+void Table::print_split(const benchmark::UserCounters& counters) {
+  fmt::print("  {:>8}  {:>8}  {:>8}  {:>5}  {:>6.1f}%", microseconds(counters.at("staging")),
+             microseconds(counters.at("platform")), microseconds(counters.at("bringing_back")),
+             static_cast<int>(counters.at("platform_calls")), 100 * counters.at("share"));
+  if (counters.contains("wanted_share")) {
+    const double wanted = counters.at("wanted_share");
+    fmt::print("  {:>5.0f}%  {}", 100 * wanted, counters.at("share") <= wanted ? "ok" : "LOW");
+  }
+}
+
+void Table::print(const Run& run) {
+  const std::string& name = run.run_name.function_name;
+  const auto& counters = run.counters;
+  const bool is_split = counters.contains("share");
+  print_head(is_split ? split_head : ratio_head);
+  if (run.error_occurred) {
+    any_error_ = true;
+    fmt::print("{:<{}}  failed: {}\n", name, name_width_, run.error_message);
+    return;
+  }
+  fmt::print("{:<{}}  {:>10}", name, name_width_, microseconds(counters.at("time")));
+  if (is_split)
+    print_split(counters);
+  else
+    print_ratio(counters, run.report_label);
   fmt::print("\n");
 }
 

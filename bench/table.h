@@ -12,21 +12,26 @@ namespace bench {
 
 // Measures in rounds, an iteration each. A failing operation becomes an error of the run.
 void measure(const Row& row, benchmark::State& state);
+void measure(const CallRow& row, benchmark::State& state);
 
-// Prints a line a row as it is done.
+// Prints a line a row as it is done, and a head for each kind of row.
 class Table : public benchmark::BenchmarkReporter {
  public:
   explicit Table(size_t name_width) : name_width_(name_width) {}
 
-  bool ReportContext(const Context& context) override;
+  bool ReportContext(const Context&) override { return true; }
   void ReportRuns(const std::vector<Run>& runs) override;
 
   bool any_error() const { return any_error_; }
 
  private:
   void print(const Run& run);
+  void print_ratio(const benchmark::UserCounters& counters, const std::string& yardstick);
+  void print_split(const benchmark::UserCounters& counters);
+  void print_head(const char* head);
 
   size_t name_width_;
+  const char* head_ = nullptr;  // of the rows printed last
   bool any_error_ = false;
 };
 
