@@ -31,14 +31,15 @@ double quantile(const std::vector<double>& sorted, double fraction) {
 Interleaved::Interleaved(Work work)
     : clock_(work.clock),
       operation_(calls_for(std::move(work.operation))),
-      yardstick_(calls_for(std::move(work.yardstick.run))) {}
+      yardstick_(calls_for(std::move(work.yardstick.run))),
+      peer_(calls_for(std::move(work.peer))) {}
 
 Round Interleaved::next_round() const {
-  if (!yardstick_.call) return {seconds_per_call(operation_), 0};
+  if (!yardstick_.call) return {seconds_per_call(operation_), 0, 0};
   const double before = seconds_per_call(yardstick_);
   const double operation = seconds_per_call(operation_);
   const double after = seconds_per_call(yardstick_);
-  return {operation, (before + after) / 2};
+  return {operation, (before + after) / 2, peer_.call ? seconds_per_call(peer_) : 0};
 }
 
 Interleaved::Calls Interleaved::calls_for(std::function<void()> call) const {

@@ -7,10 +7,11 @@
 
 namespace bench {
 
-// Seconds of one call each; the yardstick's is the mean of before and after, 0 without one.
+// Seconds of one call each; the yardstick's is the mean of before and after. 0 for what there is not.
 struct Round {
   double operation;
   double yardstick;
+  double peer;
 };
 
 class Interleaved {
@@ -32,6 +33,7 @@ class Interleaved {
   Clock clock_;
   Calls operation_;
   Calls yardstick_;
+  Calls peer_;
 };
 
 struct Quartiles {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bench/affinity.h"
+#include "bench/peers.h"
 #include "bench/row.h"
 #include "bench/table.h"
 #include "bench/yardsticks.h"
@@ -113,6 +114,7 @@ int run(const Arguments& arguments) {
   describe("processor",
            fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, MORUN_SIMD_NAME));
   describe("sgemm", bench::openblas_description());
+  describe("peer", bench::onednn_description());
   describe("ratio", fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds",
                                 arguments.n_round));
   fmt::print("\n");

@@ -8,6 +8,7 @@
 
 #include "bench/affinity.h"
 #include "bench/npu.h"
+#include "bench/peers.h"
 #include "bench/row.h"
 #include "bench/yardsticks.h"
 #include "include/morun_tensor.h"
@@ -93,6 +94,16 @@ Yardstick nt(const Shape& s) {
   return s.n_row == 1 ? sgemv_yardstick(s.n_col, s.n_inner) : sgemm_nt_yardstick(s.n_row, s.n_col, s.n_inner);
 }
 
+Peer f32_peer(const Shape& s) {
+  return matmul_peer(s.n_row, s.n_col, s.n_inner, Element::f32, Element::f32, Element::f32);
+}
+Peer bytes_peer(const Shape& s) {
+  return matmul_peer(s.n_row, s.n_col, s.n_inner, Element::u8, Element::i8, Element::i32);
+}
+Peer no_peer(const Shape&) {
+  return {};
+}
+
 struct Product {
   const char* name;
   double A_bytes, X_bytes, W_bytes;  // of an element
@@ -100,6 +111,7 @@ struct Product {
   std::vector<Shape> shapes;
   double wanted;  // ratio for each shape; 0: for information
   Multiply multiply;
+  Peer (*peer)(const Shape& shape);
   Yardstick (*yardstick)(const Shape& shape) = nn;
 };
 
@@ -108,21 +120,31 @@ const std::vector<Shape> medium = {{128, 2048, 2048}, {256, 1024, 1024}};
 const std::vector<Shape> vector = {{1, 4096, 4096}};
 
 const Product products[] = {
-    {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, 1, large, 0.80, npu_mm_f16},
-    {"npu_3mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 3, {{128, 2048, 2048}}, 0, npu_3mm_f16},
-    {"veyra_mm_a8w8", 4, 1, 1, 1, large, 1.3, veyra_mm<tavik_veyra_mm_a8w8>},
-    {"veyra_mm_a8w4", 4, 1, 0.5, 1, large, 1.0, veyra_mm<tavik_veyra_mm_a8w4>},
-    {"npu_mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 1, vector, 0.8, npu_mm_f32},
-    {"veyra_1mm_ui8i8_i32_tessel", 4, 1, 1, 1, vector, 1.2, integer_mm<tavik_veyra_1mm_ui8i8_i32_tessel>},
-    {"veyra_1mm_ui8i4_i32_tessel", 4, 1, 0.5, 1, vector, 1.0, integer_mm<tavik_veyra_1mm_ui8i4_i32_tessel>},
-    {"cpu_mm_fp32_rm_fp16_rm_fp16_zb", 4, 2, 2, 1, medium, 0.15,
-     cpu_mm<tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb, uint16_t>},
-    {"cpu_mm_fp32_rm_fp32_rm_fp16_zb", 4, 4, 2, 1, medium, 0.15, cpu_mm<tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb, float>},
-    {"qmmbp_HxD_", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qmmbp},
-    {"qdotxH", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qdotx},
-    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, {{128, 4096, 4096}, {1024, 1024, 4096}}, 0.80, tensor_mm, nt},
-    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, {{32, 4096, 4096}}, 0.95, tensor_mm, nt},
-    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, vector, 1.5, tensor_mm, nt},
+    {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, 1, large, 0.80, npu_mm_f16, f32_peer},
+    {"npu_3mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 3, {{128, 2048, 2048}}, 0, npu_3mm_f16, f32_peer},
+    {"veyra_mm_a8w8", 4, 1, 1, 1, large, 1.3, veyra_mm<tavik_veyra_mm_a8w8>, bytes_peer},
+    {"veyra_mm_a8w4", 4, 1, 0.5, 1, large, 1.0, veyra_mm<tavik_veyra_mm_a8w4>, bytes_peer},
+    {"npu_mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 1, vector, 0.8, npu_mm_f32, f32_peer},
+    {"veyra_1mm_ui8i8_i32_tessel", 4, 1, 1, 1, vector, 1.2, integer_mm<tavik_veyra_1mm_ui8i8_i32_tessel>, bytes_peer},
+    {"veyra_1mm_ui8i4_i32_tessel", 4, 1, 0.5, 1, vector, 1.0, integer_mm<tavik_veyra_1mm_ui8i4_i32_tessel>, bytes_peer},
+    {"cpu_mm_fp32_rm_fp16_rm_fp16_zb", 4, 2, 2, 1, medium, 0.15, cpu_mm<tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb, uint16_t>,
+     f32_peer},
+    {"cpu_mm_fp32_rm_fp32_rm_fp16_zb", 4, 4, 2, 1, medium, 0.15, cpu_mm<tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb, float>,
+     f32_peer},
+    {"qmmbp_HxD_", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qmmbp, f32_peer},
+    {"qdotxH", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qdotx, f32_peer},
+    {"tensor_cpu_matmul_scenario_5",
+     2,
+     2,
+     2,
+     1,
+     {{128, 4096, 4096}, {1024, 1024, 4096}},
+     0.80,
+     tensor_mm,
+     f32_peer,
+     nt},
+    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, {{32, 4096, 4096}}, 0.95, tensor_mm, f32_peer, nt},
+    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, vector, 1.5, tensor_mm, f32_peer, nt},
 };
 
 Work prepare(const Product& product, const Shape& s) {
@@ -134,7 +156,7 @@ Work prepare(const Product& product, const Shape& s) {
   const Operands operands = {buffer(s.n_row, n_col, product.A_bytes), buffer(s.n_row, s.n_inner, product.X_bytes),
                              buffer(s.n_inner, n_col, product.W_bytes)};
   return {[npu, s, operands, multiply = product.multiply] { multiply(*npu, s, operands); },
-          product.yardstick({s.n_row, n_col, s.n_inner})};
+          product.yardstick({s.n_row, n_col, s.n_inner}), product.peer({s.n_row, n_col, s.n_inner})};
 }
 
 // A product on two threads, by the same on one.
@@ -151,9 +173,9 @@ const ProductOnThreads products_on_threads[] = {
 constexpr Shape shape_on_threads = {1024, 4096, 4096};
 
 Work prepare(const ProductOnThreads& p) {
-  Work work = prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, 0, p.multiply}, shape_on_threads);
+  Work work = prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, 0, p.multiply, no_peer}, shape_on_threads);
   const auto on_one = work.operation;
-  return {[on_one] { run_on_processors(2, on_one); }, {"1 thread", on_one}, Clock::wall};
+  return {[on_one] { run_on_processors(2, on_one); }, {"1 thread", on_one}, {}, Clock::wall};
 }
 
 }  // namespace

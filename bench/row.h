@@ -21,6 +21,7 @@ struct Yardstick {
 struct Work {
   std::function<void()> operation;
   Yardstick yardstick;
+  std::function<void()> peer = {};  // another library's nearest operation; empty: none
   Clock clock = Clock::thread;
 };
 

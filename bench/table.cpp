@@ -12,7 +12,7 @@
 namespace bench {
 namespace {
 
-constexpr char ratio_head[] = "  time, us  yardstick   time, us  ratio     q1    q3  wanted  verdict";
+constexpr char ratio_head[] = "  time, us  yardstick   time, us  ratio     q1    q3   peer  wanted  verdict";
 constexpr char split_head[] = "  time, us   staging  platform      back  calls  library  wanted  verdict";
 
 const char* verdict(double ratio, double wanted) {
@@ -21,9 +21,10 @@ const char* verdict(double ratio, double wanted) {
 }
 
 void report(const Row& row, const std::vector<Round>& rounds, benchmark::State& state) {
-  std::vector<double> ratios, operation, yardstick;
+  std::vector<double> ratios, peer_ratios, operation, yardstick;
   for (const Round& round : rounds) {
     ratios.push_back(round.yardstick / round.operation);
+    if (round.peer > 0) peer_ratios.push_back(round.yardstick / round.peer);
     operation.push_back(round.operation);
     yardstick.push_back(round.yardstick);
   }
@@ -34,6 +35,7 @@ void report(const Row& row, const std::vector<Round>& rounds, benchmark::State& 
   state.counters["q1"] = ratio.first;
   state.counters["ratio"] = ratio.median;
   state.counters["q3"] = ratio.third;
+  if (!peer_ratios.empty()) state.counters["peer"] = quartiles(peer_ratios).median;
   if (row.wanted > 0) state.counters["wanted"] = row.wanted;
 }
 
@@ -119,6 +121,8 @@ void Table::print_ratio(const benchmark::UserCounters& counters, const std::stri
     fmt::print("  {:<9} {:>10}  {:>5}  {:>5} {:>5}", yardstick, microseconds(counters.at("yardstick_time")),
                ratio_text(counters.at("ratio")), ratio_text(counters.at("q1")), ratio_text(counters.at("q3")));
   }
+  if (counters.contains("ratio"))
+    fmt::print("  {:>5}", counters.contains("peer") ? ratio_text(counters.at("peer")) : "");
   if (counters.contains("wanted")) {
     const double wanted = counters.at("wanted");
     fmt::print("  {:>6}  {}", ratio_text(wanted), verdict(counters.at("ratio"), wanted));
