@@ -63,6 +63,7 @@ std::function<void()> prepare(const KernelCall& call) {
                              values,
                              values + vector,
                              values + 2 * vector};
+  npu->handle(operands.W);  // locks the matrix unit, which not every kernel does
   return [npu, s, operands, kernel = call.kernel] { require(kernel(npu->context(), s, operands)); };
 }
 

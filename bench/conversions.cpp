@@ -104,23 +104,23 @@ void flat_to_weight(const Operands& o) {
   tavik_host_layout_w4_flat_to_weight(o.target, o.source, o.shape.n_row, o.shape.n_col);
 }
 
+// f32 where the library's elements are smaller, and then fewer rows: as many bytes.
 struct PeerReorder {
   PeerMatrix from, to;
+  uint64_t row_divisor = 1;
   bool scaled = false;
 };
 
 constexpr PeerMatrix rows_of(Element element) {
   return {element, Arrangement::rows};
 }
-constexpr PeerMatrix bf16_rows = rows_of(Element::bf16), f32_rows = rows_of(Element::f32);
-constexpr PeerReorder to_row_pairs = {bf16_rows, {Element::bf16, Arrangement::row_pairs}},
-                      from_row_pairs = {{Element::bf16, Arrangement::row_pairs}, bf16_rows},
-                      to_column_pairs = {bf16_rows, {Element::bf16, Arrangement::column_pairs}},
-                      to_quadruples = {rows_of(Element::i8), {Element::i8, Arrangement::column_quadruples}},
-                      narrowing = {f32_rows, bf16_rows}, widening = {bf16_rows, f32_rows},
-                      quantising = {f32_rows, rows_of(Element::u8), true},
-                      dequantising = {rows_of(Element::i32), f32_rows, true},
-                      transposing = {f32_rows, {Element::f32, Arrangement::columns}};
+constexpr PeerMatrix f32_rows = rows_of(Element::f32), f32_blocks = {Element::f32, Arrangement::blocks},
+                     f32_columns = {Element::f32, Arrangement::columns};
+constexpr PeerReorder to_blocks = {f32_rows, f32_blocks, 2}, from_blocks = {f32_blocks, f32_rows, 2},
+                      transposing_halves = {f32_rows, f32_columns, 2}, transposing_bytes = {f32_rows, f32_columns, 4},
+                      transposing_nibbles = {f32_rows, f32_columns, 8}, transposing = {f32_rows, f32_columns},
+                      quantising = {f32_rows, rows_of(Element::u8), 1, true},
+                      dequantising = {rows_of(Element::i32), f32_rows, 1, true};
 
 struct Conversion {
   const char* name;
@@ -131,15 +131,25 @@ struct Conversion {
 };
 
 const Conversion conversions[] = {
-    {"f16_rm_to_f16_ah_inplace", 2, 2, {0.50, 0.70, 0.90}, in_place(tavik_f16_rm_to_f16_ah_inplace), to_row_pairs},
-    {"f16_ah_to_f16_rm_inplace", 2, 2, {0.50, 0.60, 0.75}, in_place(tavik_f16_ah_to_f16_rm_inplace), from_row_pairs},
-    {"f16_rm_to_f16_wh_inplace", 2, 2, {0.50, 0.55, 0.75}, in_place(tavik_f16_rm_to_f16_wh_inplace), to_column_pairs},
-    {"i8_rm_to_i8_wh_inplace", 1, 1, {0.45, 0.45, 0.65}, in_place(tavik_i8_rm_to_i8_wh_inplace), to_quadruples},
-    {"i4_rm_to_i4_wh_inplace", 0.5, 0.5, {0.30, 0.38, 0.42}, in_place(tavik_i4_rm_to_i4_wh_inplace)},
-    {"f32_rm_to_f16_ah", 4, 2, {0.80, 0.70, 0.80}, matrix(tavik_f32_rm_to_f16_ah), narrowing},
-    {"f16_ah_to_f32_rm", 2, 4, {0.75, 0.90, 1.00}, matrix(tavik_f16_ah_to_f32_rm), widening},
-    {"f32_to_f16", 4, 2, {}, elements(tavik_f32_to_f16), narrowing},
-    {"f16_to_f32", 2, 4, {}, elements(tavik_f16_to_f32), widening},
+    {"f16_rm_to_f16_ah_inplace", 2, 2, {0.50, 0.70, 0.90}, in_place(tavik_f16_rm_to_f16_ah_inplace), to_blocks},
+    {"f16_ah_to_f16_rm_inplace", 2, 2, {0.50, 0.60, 0.75}, in_place(tavik_f16_ah_to_f16_rm_inplace), from_blocks},
+    {"f16_rm_to_f16_wh_inplace",
+     2,
+     2,
+     {0.50, 0.55, 0.75},
+     in_place(tavik_f16_rm_to_f16_wh_inplace),
+     transposing_halves},
+    {"i8_rm_to_i8_wh_inplace", 1, 1, {0.45, 0.45, 0.65}, in_place(tavik_i8_rm_to_i8_wh_inplace), transposing_bytes},
+    {"i4_rm_to_i4_wh_inplace",
+     0.5,
+     0.5,
+     {0.30, 0.38, 0.42},
+     in_place(tavik_i4_rm_to_i4_wh_inplace),
+     transposing_nibbles},
+    {"f32_rm_to_f16_ah", 4, 2, {0.80, 0.70, 0.80}, matrix(tavik_f32_rm_to_f16_ah)},
+    {"f16_ah_to_f32_rm", 2, 4, {0.75, 0.90, 1.00}, matrix(tavik_f16_ah_to_f32_rm)},
+    {"f32_to_f16", 4, 2, {}, elements(tavik_f32_to_f16)},
+    {"f16_to_f32", 2, 4, {}, elements(tavik_f16_to_f32)},
     {"f32_rm_to_u8_ah", 4, 1, {0.45, 0.60, 0.60}, activation(tavik_f32_rm_to_u8_ah), quantising},
     {"f32_rm_to_u8_rm", 4, 1, {}, activation(tavik_f32_rm_to_u8_rm)},
     {"f32_rm_to_u16_rm", 4, 2, {}, activation_in_two(tavik_f32_rm_to_u16_rm)},
@@ -151,8 +161,8 @@ const Conversion conversions[] = {
     {"rm_to_wh_i8", 1, 1, {}, bytes_to_tiles},
     {"rm_to_wh_i4", 1, 0.5, {}, nibbles_to_tiles},
     {"w4_flat_to_weight", 1, 0.5, {}, flat_to_weight},
-    {"f16_cm_to_f16_zb_inplace", 2, 2, {}, in_place(tavik_f16_cm_to_f16_zb_inplace)},
-    {"matrix_transpose_f16", 2, 2, {}, in_place(tavik_matrix_transpose_f16)},
+    {"f16_cm_to_f16_zb_inplace", 2, 2, {}, in_place(tavik_f16_cm_to_f16_zb_inplace), to_blocks},
+    {"matrix_transpose_f16", 2, 2, {}, in_place(tavik_matrix_transpose_f16), transposing_halves},
     {"matrix_transpose_f32", 4, 4, {}, in_place(tavik_matrix_transpose_f32), transposing},
 };
 
@@ -173,8 +183,8 @@ Work prepare(const Conversion& conversion, Shape shape) {
   Work work = {[convert = conversion.convert, operands] { convert(operands); },
                memcpy_yardstick(bytes(conversion.bytes_read + conversion.bytes_written))};
   if (conversion.peer)
-    work.peer =
-        reorder_peer(shape.n_row, shape.n_col, conversion.peer->from, conversion.peer->to, conversion.peer->scaled);
+    work.peer = reorder_peer(shape.n_row / conversion.peer->row_divisor, shape.n_col, conversion.peer->from,
+                             conversion.peer->to, conversion.peer->scaled);
   return work;
 }
 

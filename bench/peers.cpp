@@ -28,8 +28,6 @@ Type type(Element element) {
   switch (element) {
     case Element::f32:
       return Type::f32;
-    case Element::bf16:
-      return Type::bf16;
     case Element::i32:
       return Type::s32;
     case Element::u8:
@@ -44,12 +42,8 @@ Tag tag(Arrangement arrangement) {
   switch (arrangement) {
     case Arrangement::rows:
       return Tag::ab;
-    case Arrangement::row_pairs:
-      return Tag::BA16a16b2a;
-    case Arrangement::column_pairs:
-      return Tag::AB16b16a2b;
-    case Arrangement::column_quadruples:
-      return Tag::AB16b16a4b;
+    case Arrangement::blocks:
+      return Tag::AB16a16b;
     case Arrangement::columns:
       return Tag::ba;
   }

@@ -8,10 +8,10 @@
 
 namespace bench {
 
-enum class Element { f32, bf16, i32, u8, i8 };
+enum class Element { f32, i32, u8, i8 };
 
-// Two-dimensional: row-major, row pairs or column pairs or column quadruples interleaved in blocks, column-major.
-enum class Arrangement { rows, row_pairs, column_pairs, column_quadruples, columns };
+// Row-major, row-major blocks of 16 x 16, column-major.
+enum class Arrangement { rows, blocks, columns };
 
 struct PeerMatrix {
   Element element;
