@@ -46,7 +46,7 @@ class OpeningSession {
   uint64_t handle = all_ones;
 };
 
-constexpr uint32_t length_of(const char* text) {
+uint32_t length_of(const char* text) {
   return static_cast<uint32_t>(strlen(text));
 }
 
