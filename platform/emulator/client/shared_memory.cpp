@@ -1,6 +1,7 @@
 #include "platform/emulator/client/shared_memory.h"
 
 #include <fcntl.h>
+#include <sanitizer/asan_interface.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -43,6 +44,15 @@ int create_file_from(int lowest_descriptor) {
   return moved;
 }
 
+// What the last page holds beyond the buffer. The address sanitizer, where it watches, lets nobody touch it.
+struct Slack {
+  explicit Slack(const Allocation& allocation)
+      : begin(static_cast<char*>(allocation.address) + allocation.size),
+        size(-allocation.size % static_cast<uint64_t>(sysconf(_SC_PAGESIZE))) {}
+  char* begin;
+  uint64_t size;
+};
+
 }  // namespace
 
 const Allocation* SharedMemory::allocate(uint64_t size, uint64_t limit, int lowest_descriptor) {
@@ -64,12 +74,16 @@ const Allocation* SharedMemory::allocate(uint64_t size, uint64_t limit, int lowe
     return nullptr;
   }
   n_bytes_ += size;
-  return &by_address_.emplace(address, Allocation{++last_id_, address, size, descriptor}).first->second;
+  const Allocation& allocation =
+      by_address_.emplace(address, Allocation{++last_id_, address, size, descriptor}).first->second;
+  ASAN_POISON_MEMORY_REGION(Slack(allocation).begin, Slack(allocation).size);
+  return &allocation;
 }
 
 void SharedMemory::release(const void* address) {
   const Allocation* allocation = at(address);
   if (!allocation) return;
+  ASAN_UNPOISON_MEMORY_REGION(Slack(*allocation).begin, Slack(*allocation).size);
   munmap(allocation->address, allocation->size);
   close(allocation->descriptor);
   n_bytes_ -= allocation->size;
