@@ -41,9 +41,16 @@ inline void fence_streaming() {
 inline void prefetch(const void* p) {
   _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0);
 }
+inline void store_fours(float* lower, float* upper, f32x8 a) {
+  _mm_storeu_ps(lower, _mm256_castps256_ps128(a.v));
+  _mm_storeu_ps(upper, _mm256_extractf128_ps(a.v, 1));
+}
 
 inline f32x8 broadcast(float x) {
   return {_mm256_set1_ps(x)};
+}
+inline f32x8 broadcast_four(const float* p) {
+  return {_mm256_broadcast_ps(reinterpret_cast<const __m128*>(p))};
 }
 inline f32x8 add(f32x8 a, f32x8 b) {
   return {_mm256_add_ps(a.v, b.v)};
@@ -53,6 +60,9 @@ inline f32x8 multiply(f32x8 a, f32x8 b) {
 }
 inline f32x8 multiply_add(f32x8 a, f32x8 b, f32x8 c) {
   return {_mm256_fmadd_ps(a.v, b.v, c.v)};
+}
+inline f32x8 sums_of_fours(f32x8 a, f32x8 b, f32x8 c, f32x8 d) {
+  return {_mm256_hadd_ps(_mm256_hadd_ps(a.v, b.v), _mm256_hadd_ps(c.v, d.v))};
 }
 
 inline f16x8 narrow(f32x8 a) {
@@ -143,6 +153,12 @@ inline f16x8 lower_fours(f16x8 a, f16x8 b) {
 }
 inline f16x8 upper_fours(f16x8 a, f16x8 b) {
   return {_mm_unpackhi_epi64(a.v, b.v)};
+}
+inline f32x8 lower_fours(f32x8 a, f32x8 b) {
+  return {_mm256_permute2f128_ps(a.v, b.v, 0x20)};
+}
+inline f32x8 upper_fours(f32x8 a, f32x8 b) {
+  return {_mm256_permute2f128_ps(a.v, b.v, 0x31)};
 }
 
 // Even lanes to the lower half, odd lanes to the upper half.

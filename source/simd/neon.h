@@ -41,9 +41,17 @@ inline void fence_streaming() {}
 inline void prefetch(const void* p) {
   __builtin_prefetch(p);
 }
+inline void store_fours(float* lower, float* upper, f32x8 a) {
+  vst1q_f32(lower, a.low);
+  vst1q_f32(upper, a.high);
+}
 
 inline f32x8 broadcast(float x) {
   return {vdupq_n_f32(x), vdupq_n_f32(x)};
+}
+inline f32x8 broadcast_four(const float* p) {
+  const float32x4_t four = vld1q_f32(p);
+  return {four, four};
 }
 inline f32x8 add(f32x8 a, f32x8 b) {
   return {vaddq_f32(a.low, b.low), vaddq_f32(a.high, b.high)};
@@ -53,6 +61,10 @@ inline f32x8 multiply(f32x8 a, f32x8 b) {
 }
 inline f32x8 multiply_add(f32x8 a, f32x8 b, f32x8 c) {
   return {vfmaq_f32(c.low, a.low, b.low), vfmaq_f32(c.high, a.high, b.high)};
+}
+inline f32x8 sums_of_fours(f32x8 a, f32x8 b, f32x8 c, f32x8 d) {
+  return {vpaddq_f32(vpaddq_f32(a.low, b.low), vpaddq_f32(c.low, d.low)),
+          vpaddq_f32(vpaddq_f32(a.high, b.high), vpaddq_f32(c.high, d.high))};
 }
 
 inline f16x8 narrow(f32x8 a) {
@@ -100,6 +112,12 @@ inline f16x8 lower_fours(f16x8 a, f16x8 b) {
 }
 inline f16x8 upper_fours(f16x8 a, f16x8 b) {
   return {vreinterpretq_u16_u64(vzip2q_u64(vreinterpretq_u64_u16(a.v), vreinterpretq_u64_u16(b.v)))};
+}
+inline f32x8 lower_fours(f32x8 a, f32x8 b) {
+  return {a.low, b.low};
+}
+inline f32x8 upper_fours(f32x8 a, f32x8 b) {
+  return {a.high, b.high};
 }
 inline f16x8 zip_low(f16x8 a, f16x8 b) {
   return {vzip1q_u16(a.v, b.v)};

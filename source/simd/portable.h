@@ -41,9 +41,16 @@ inline void store_streaming(uint16_t* p, f16x8 v) {
 }
 inline void fence_streaming() {}
 inline void prefetch(const void*) {}
+inline void store_fours(float* lower, float* upper, f32x8 v) {
+  std::memcpy(lower, v.lane, sizeof v.lane / 2);
+  std::memcpy(upper, v.lane + 4, sizeof v.lane / 2);
+}
 
 inline f32x8 broadcast(float x) {
   return {{x, x, x, x, x, x, x, x}};
+}
+inline f32x8 broadcast_four(const float* p) {
+  return {{p[0], p[1], p[2], p[3], p[0], p[1], p[2], p[3]}};
 }
 inline f32x8 add(f32x8 a, f32x8 b) {
   for (int i = 0; i < 8; ++i) a.lane[i] += b.lane[i];
@@ -56,6 +63,11 @@ inline f32x8 multiply(f32x8 a, f32x8 b) {
 inline f32x8 multiply_add(f32x8 a, f32x8 b, f32x8 c) {
   for (int i = 0; i < 8; ++i) c.lane[i] += a.lane[i] * b.lane[i];
   return c;
+}
+inline f32x8 sums_of_fours(f32x8 a, f32x8 b, f32x8 c, f32x8 d) {
+  const auto sum = [](const float* four) { return (four[0] + four[1]) + (four[2] + four[3]); };
+  return {{sum(a.lane), sum(b.lane), sum(c.lane), sum(d.lane),  //
+           sum(a.lane + 4), sum(b.lane + 4), sum(c.lane + 4), sum(d.lane + 4)}};
 }
 
 inline f16x8 narrow(f32x8 v) {
@@ -109,6 +121,14 @@ inline f16x8 lower_fours(f16x8 a, f16x8 b) {
 }
 inline f16x8 upper_fours(f16x8 a, f16x8 b) {
   return {{a.lane[4], a.lane[5], a.lane[6], a.lane[7], b.lane[4], b.lane[5], b.lane[6], b.lane[7]}};
+}
+inline f32x8 lower_fours(f32x8 a, f32x8 b) {
+  std::memcpy(a.lane + 4, b.lane, sizeof b.lane / 2);
+  return a;
+}
+inline f32x8 upper_fours(f32x8 a, f32x8 b) {
+  std::memcpy(b.lane, a.lane + 4, sizeof a.lane / 2);
+  return b;
 }
 inline f16x8 zip_low(f16x8 a, f16x8 b) {
   return {{a.lane[0], b.lane[0], a.lane[1], b.lane[1], a.lane[2], b.lane[2], a.lane[3], b.lane[3]}};

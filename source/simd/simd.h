@@ -9,6 +9,8 @@
 //   load, store               unaligned
 //   store_streaming           past the caches; the address is a multiple of the vector's size; fence_streaming() at
 //                             the end
+//   store_fours(lower, upper, a)  the lower four lanes of f32x8 to the one place, the upper four to the other
+//   broadcast_four            four floats from memory, twice
 //   broadcast, add, multiply  one rounding each
 //   multiply_add(a, b, c)     a * b + c for products that are exact in f32 (those of two halves are), so that it makes
 //                             no difference whether a backend fuses
@@ -20,7 +22,8 @@
 //   unzip_even, unzip_odd     the even (odd) lanes of a, then those of b
 //   transpose_words           8 rows of 8 32-bit words at a byte pitch to 8 rows at another
 //   transpose_zip_nibbles     the same; in each word nibbles 0 1 2 3 4 5 6 7 become 0 4 1 5 2 6 3 7 on the way
-//   lower_fours, upper_fours  the lower (upper) four lanes of a, then those of b
+//   lower_fours, upper_fours  the lower (upper) four lanes of a, then those of b; of f16x8 and f32x8
+//   sums_of_fours(a, b, c, d)  (0 + 1) + (2 + 3) of the lower four lanes of each, then of the upper four
 //   prefetch                  a hint; any address is allowed
 //
 // Long sums in half arithmetic take a type of their own, for which a backend may choose registers and rounding mode:
