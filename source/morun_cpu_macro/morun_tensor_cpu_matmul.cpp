@@ -1,0 +1,316 @@
+// Each lane of a register is one of the prescribed sums. A panel is eight columns of the result; what it has for each
+// row or for each four inner indices, lane sums or weights, stands in four vectors, of which the v-th holds the four
+// lanes of column v and then those of column v + 4. The activation is broadcast four values at a time.
+//
+// Inner indices are taken in steps of eight. The four zeros that may fill up the last step leave every sum as it is, for
+// none is -0.
+#include <algorithm>
+#include <cstring>
+#include <type_traits>
+
+#include "include/morun_tensor.h"
+#include "source/host/util/scratch.h"
+#include "source/simd/simd.h"
+
+namespace {
+
+namespace simd = morun::simd;
+
+constexpr size_t n_lane = 4;
+constexpr size_t step = 8;
+constexpr size_t panel_columns = 8;
+constexpr size_t n_vector = 4;
+constexpr size_t panel_lanes = panel_columns * n_lane;
+constexpr size_t group_rows = 3;  // their sums, their activation and a vector of weights take sixteen registers
+
+// Largest extents of a block: its widened activation stays in the second-level cache, a panel's weights in the first.
+constexpr size_t block_rows = 129, block_columns = 256, block_inner = 512;
+// So few rows have the weights widened again for each group, which costs less than keeping them.
+constexpr size_t few_rows = 6, few_rows_inner = 1024;
+// A single group meets weights but once: the longer it stays with a column, the better memory keeps up.
+constexpr size_t single_group_inner = 4096;
+
+constexpr size_t line_halves = tavik::Scratch::line / sizeof(uint16_t);
+constexpr size_t weights_lead = 512;   // halves of a column, fetched so far ahead
+constexpr size_t activation_lead = 8;  // rows
+
+struct Range {
+  size_t begin, end;
+  size_t size() const { return end - begin; }
+};
+Range range_from(size_t begin, size_t most, size_t end) {
+  return {begin, begin + std::min(most, end - begin)};
+}
+
+constexpr size_t round_up(size_t value, size_t unit) {
+  return (value + unit - 1) / unit * unit;
+}
+
+// The extents of whole blocks, and what is kept of one.
+struct Working {
+  size_t n_row, n_col, n_inner;
+  float* weights;     // one panel: [four][vector]; NULL where each group of rows widens them
+  float* sums;        // [panel][row][vector]
+  float* activation;  // [group of rows][four][row]
+};
+
+// What there is of a few rows.
+struct Group {
+  const float* activation;  // [four][row]
+  float* sums;              // [row][vector]
+  bool is_new;              // sums start from 0
+};
+
+template <size_t n_row>
+using Sums = simd::f32x8[n_row][n_vector];
+
+template <size_t n_row>
+void load_sums(const Group& group, Sums<n_row>& sums) {
+#pragma GCC unroll 3
+  for (size_t i = 0; i < n_row; ++i)
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v)
+      sums[i][v] = group.is_new ? simd::broadcast(0) : simd::load(group.sums + i * panel_lanes + 8 * v);
+}
+template <size_t n_row>
+void store_sums(const Sums<n_row>& sums, const Group& group) {
+#pragma GCC unroll 3
+  for (size_t i = 0; i < n_row; ++i)
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v) simd::store(group.sums + i * panel_lanes + 8 * v, sums[i][v]);
+}
+
+template <size_t n_row>
+void accumulate_widened(size_t n_inner, const Group& group, const float* weights) {
+  Sums<n_row> sums;
+  load_sums<n_row>(group, sums);
+  const float* activation = group.activation;
+  for (size_t k = 0; k < n_inner; k += step) {
+#pragma GCC unroll 2
+    for (size_t four = 0; four < step / n_lane; ++four) {
+      simd::f32x8 x[n_row];
+#pragma GCC unroll 3
+      for (size_t i = 0; i < n_row; ++i) x[i] = simd::broadcast_four(activation + i * n_lane);
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) {
+        const simd::f32x8 w = simd::load(weights + 8 * v);
+#pragma GCC unroll 3
+        for (size_t i = 0; i < n_row; ++i) sums[i][v] = simd::multiply_add(x[i], w, sums[i][v]);
+      }
+      activation += n_row * n_lane;
+      weights += panel_lanes;
+    }
+  }
+  store_sums<n_row>(sums, group);
+}
+
+// The weights of a panel as they are in memory.
+struct Columns {
+  const uint16_t* column[panel_columns];
+  size_t to_next_panel;  // halves
+
+  // One line of each column. What is asked for past the end of the block is what the next panel starts with.
+  void fetch_ahead(size_t k, size_t n_inner) const {
+    const size_t ahead = k + weights_lead < n_inner ? weights_lead : weights_lead + to_next_panel - n_inner;
+    for (const uint16_t* const start : column) {
+      const auto address = reinterpret_cast<uintptr_t>(start) + (k + ahead) * sizeof(uint16_t);
+      simd::prefetch(reinterpret_cast<const void*>(address));
+    }
+  }
+};
+
+// With `keep` the widened weights are stored for the groups that follow.
+template <size_t n_row, bool keep>
+void accumulate_halves(size_t n_inner, const Group& group, const Columns& columns, [[maybe_unused]] float* widened) {
+  Sums<n_row> sums;
+  load_sums<n_row>(group, sums);
+  const float* activation = group.activation;
+  for (size_t k = 0; k < n_inner; k += step) {
+    if (k % line_halves == 0) columns.fetch_ahead(k, n_inner);
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v) {
+      const simd::f32x8 left = simd::widen(simd::load(columns.column[v] + k));
+      const simd::f32x8 right = simd::widen(simd::load(columns.column[v + n_vector] + k));
+      const simd::f32x8 first = simd::lower_fours(left, right), second = simd::upper_fours(left, right);
+      if constexpr (keep) {
+        simd::store(widened + 8 * v, first);
+        simd::store(widened + panel_lanes + 8 * v, second);
+      }
+#pragma GCC unroll 3
+      for (size_t i = 0; i < n_row; ++i) {
+        sums[i][v] = simd::multiply_add(simd::broadcast_four(activation + i * n_lane), first, sums[i][v]);
+        sums[i][v] = simd::multiply_add(simd::broadcast_four(activation + (n_row + i) * n_lane), second, sums[i][v]);
+      }
+    }
+    activation += 2 * n_row * n_lane;
+    if constexpr (keep) widened += 2 * panel_lanes;
+  }
+  store_sums<n_row>(sums, group);
+}
+
+template <size_t n_row>
+void accumulate_halves(size_t n_inner, const Group& group, const Columns& columns, float* widened) {
+  if (widened) return accumulate_halves<n_row, true>(n_inner, group, columns, widened);
+  accumulate_halves<n_row, false>(n_inner, group, columns, nullptr);
+}
+
+// The last four weights of each column, filled up to a step.
+struct Ends {
+  Ends(const Columns& columns, size_t k) {
+    for (size_t c = 0; c < panel_columns; ++c) {
+      memcpy(values[c], columns.column[c] + k, n_lane * sizeof(uint16_t));
+      as_columns.column[c] = values[c];
+    }
+  }
+  uint16_t values[panel_columns][step] = {};
+  Columns as_columns = {};
+};
+
+// Fours go to to[0], to[pitch] and so on.
+void widen_steps(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
+  for (size_t k = 0; k < n_inner; k += step, to += 2 * pitch) {
+    if (k % line_halves == 0) simd::prefetch(row_to_fetch + k);
+    simd::store_fours(to, to + pitch, simd::widen(simd::load(row + k)));
+  }
+}
+void widen_row(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
+  const size_t whole_steps = n_inner / step * step;
+  widen_steps(row, whole_steps, row_to_fetch, to, pitch);
+  if (whole_steps == n_inner) return;
+  uint16_t end[step] = {};
+  memcpy(end, row + whole_steps, n_lane * sizeof(uint16_t));
+  widen_steps(end, step, end, to + whole_steps / n_lane * pitch, pitch);
+}
+
+// Calls body(first row, number of rows as a constant).
+template <class Body>
+void for_each_group(size_t n_row, Body body) {
+  for (size_t row = 0; row < n_row;) {
+    const size_t left = n_row - row, n = left == 4 ? 2 : std::min(group_rows, left);
+    if (n == 3) body(row, std::integral_constant<size_t, 3>());
+    if (n == 2) body(row, std::integral_constant<size_t, 2>());
+    if (n == 1) body(row, std::integral_constant<size_t, 1>());
+    row += n;
+  }
+}
+
+struct Product {
+  const size_t n_row, n_col, n_inner;
+  uint16_t* const A;
+  const uint16_t* const X;
+  const uint16_t* const W;
+
+  size_t n_inner_in_lanes() const { return n_inner / n_lane * n_lane; }
+
+  // Past the last column stands the last one again.
+  Columns columns_at(size_t first, size_t k) const {
+    Columns columns;
+    for (size_t c = 0; c < panel_columns; ++c) columns.column[c] = W + std::min(first + c, n_col - 1) * n_inner + k;
+    columns.to_next_panel = panel_columns * n_inner;
+    return columns;
+  }
+
+  void widen_activation(const Working& working, Range rows, Range inner) const {
+    const size_t padded_inner = round_up(inner.size(), step);
+    for_each_group(rows.size(), [&](size_t first, auto n) {
+      for (size_t i = 0; i < n; ++i) {
+        const uint16_t* const row = X + (rows.begin + first + i) * n_inner + inner.begin;
+        const bool is_near_end = rows.end - rows.begin - first - i <= activation_lead;
+        widen_row(row, inner.size(), is_near_end ? row : row + activation_lead * n_inner,
+                  working.activation + first * padded_inner + i * n_lane, n * n_lane);
+      }
+    });
+  }
+
+  void multiply_panel(const Working& working, size_t n_rows, Range inner, size_t column, float* sums) const {
+    const size_t padded_inner = round_up(inner.size(), step), whole_steps = inner.size() / step * step;
+    const Columns columns = columns_at(column, inner.begin);
+    for_each_group(n_rows, [&](size_t first, auto n) {
+      Group group = {working.activation + first * padded_inner, sums + first * panel_lanes, inner.begin == 0};
+      if (first > 0 && working.weights) return accumulate_widened<n>(inner.size(), group, working.weights);
+      accumulate_halves<n>(whole_steps, group, columns, working.weights);
+      if (whole_steps == inner.size()) return;
+      group = {group.activation + n * whole_steps, group.sums, false};
+      float* const widened = working.weights ? working.weights + panel_columns * whole_steps : nullptr;
+      accumulate_halves<n>(step, group, Ends(columns, whole_steps).as_columns, widened);
+    });
+  }
+
+  // Adds the terms after the last four and rounds. Row by row: rows may be pages apart.
+  void finish(const Working& working, Range rows, Range columns) const {
+    const size_t n_tail = n_inner % n_lane, k = n_inner_in_lanes();
+    float tail[n_lane - 1][block_columns] = {};
+    for (size_t c = 0; c < columns.size(); ++c)
+      for (size_t t = 0; t < n_tail; ++t) tail[t][c] = simd::widen_bits(W[(columns.begin + c) * n_inner + k + t]);
+    for (size_t row = 0; row < rows.size(); ++row) {
+      const uint16_t* const x = X + (rows.begin + row) * n_inner + k;
+      uint16_t* const results = A + (rows.begin + row) * n_col + columns.begin;
+      for (size_t c = 0; c < columns.size(); c += panel_columns) {
+        const float* const s = working.sums + c * rows.size() * n_lane + row * panel_lanes;
+        simd::f32x8 sum = simd::sums_of_fours(simd::load(s), simd::load(s + 8), simd::load(s + 16), simd::load(s + 24));
+        for (size_t t = 0; t < n_tail; ++t)
+          sum = simd::multiply_add(simd::broadcast(simd::widen_bits(x[t])), simd::load(tail[t] + c), sum);
+        store_results(simd::narrow(simd::settle_nan(sum)), columns.size() - c, results + c);
+      }
+    }
+  }
+
+  static void store_results(simd::f16x8 results, size_t n_left, uint16_t* to) {
+    if (n_left >= panel_columns) return simd::store(to, results);
+    uint16_t values[panel_columns];
+    simd::store(values, results);
+    memcpy(to, values, n_left * sizeof(uint16_t));
+  }
+
+  void multiply_block(const Working& working, Range rows, Range columns) const {
+    size_t k = 0;
+    do {  // once without inner indices too: that makes the sums 0
+      const Range inner = range_from(k, working.n_inner, n_inner_in_lanes());
+      widen_activation(working, rows, inner);
+      for (size_t c = 0; c < columns.size(); c += panel_columns)
+        multiply_panel(working, rows.size(), inner, columns.begin + c, working.sums + c * rows.size() * n_lane);
+      k = inner.end;
+    } while (k < n_inner_in_lanes());
+    finish(working, rows, columns);
+  }
+
+  void multiply(const Working& working) const {
+    for (size_t row = 0; row < n_row; row += working.n_row)
+      for (size_t column = 0; column < n_col; column += working.n_col)
+        multiply_block(working, range_from(row, working.n_row, n_row), range_from(column, working.n_col, n_col));
+  }
+
+  void multiply_with_scratch() const {
+    const bool is_few = n_row <= few_rows;
+    const size_t most_inner = n_row <= group_rows ? single_group_inner : is_few ? few_rows_inner : block_inner;
+    Working working = {std::min(n_row, block_rows),
+                       round_up(std::min(n_col, block_columns), panel_columns),
+                       round_up(std::min(n_inner_in_lanes(), most_inner), step),
+                       nullptr,
+                       nullptr,
+                       nullptr};
+    const size_t n_weights = is_few ? 0 : panel_columns * working.n_inner;
+    const size_t n_sums = working.n_row * working.n_col * n_lane;
+    const tavik::Scratch scratch((n_weights + n_sums + working.n_row * working.n_inner) * sizeof(float));
+    if (!scratch) return multiply_in_small_blocks();
+    auto* const floats = reinterpret_cast<float*>(scratch.bytes());
+    working.weights = is_few ? nullptr : floats;
+    working.sums = floats + n_weights;
+    working.activation = working.sums + n_sums;
+    multiply(working);
+  }
+
+  void multiply_in_small_blocks() const {
+    constexpr size_t small_inner = 256;
+    float sums[group_rows * panel_lanes], activation[group_rows * small_inner];
+    multiply({group_rows, panel_columns, small_inner, nullptr, sums, activation});
+  }
+};
+
+}  // namespace
+
+uint64_t morun_tensor_cpu_matmul_scenario_5(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint16_t* A,
+                                            const uint16_t* X, const uint16_t* W) {
+  if (n_row > 0 && n_col > 0) Product{n_row, n_col, n_inner, A, X, W}.multiply_with_scratch();
+  return n_row;
+}
