@@ -1,0 +1,55 @@
+# What `cmake --install` puts where, by components:
+#   library       libmorun.so.N
+#   development   public headers, the link libmorun.so, the CMake package, morun.pc
+#   tool          the tool
+#   emulator      the emulated platform: its libparlo.so, headers, target and parlo_emulator.pc
+# Nothing installed names the prefix: it may be moved.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# The emulator keeps to folders of its own, so that no loader takes it for the vendor's libparlo.so unasked. libmorun.so
+# looks there first (see its run path below) and then where the system keeps libraries: where the component is not
+# installed, it finds the vendor's.
+set(emulator_libdir "${CMAKE_INSTALL_LIBDIR}/parlo_emulator")
+set(emulator_includedir "${CMAKE_INSTALL_INCLUDEDIR}/parlo_emulator")
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/morun")
+
+install(TARGETS morun EXPORT morun
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT library NAMELINK_COMPONENT development
+  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(EXPORT morun NAMESPACE morun:: FILE morunTargets.cmake DESTINATION "${package_dir}" COMPONENT development)
+
+configure_package_config_file(cmake/morunConfig.cmake.in package/morunConfig.cmake INSTALL_DESTINATION "${package_dir}"
+  NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(package/morunConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES "${CMAKE_BINARY_DIR}/package/morunConfig.cmake" "${CMAKE_BINARY_DIR}/package/morunConfigVersion.cmake"
+  DESTINATION "${package_dir}" COMPONENT development)
+
+# Places in them are relative to the file itself.
+file(RELATIVE_PATH prefix "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+file(RELATIVE_PATH includedir "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
+function(install_pkg_config_file name component)
+  configure_file("cmake/${name}.in" "package/${name}" @ONLY)
+  install(FILES "${CMAKE_BINARY_DIR}/package/${name}" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
+    COMPONENT "${component}")
+endfunction()
+install_pkg_config_file(morun.pc development)
+
+if(MORUN_PARLO STREQUAL "emulator")
+  set_target_properties(morun PROPERTIES INSTALL_RPATH "$ORIGIN/parlo_emulator")
+  install(TARGETS parlo_emulator EXPORT parlo_emulator
+    LIBRARY DESTINATION "${emulator_libdir}" COMPONENT emulator
+    INCLUDES DESTINATION "${emulator_includedir}")
+  install(FILES platform/parlo.h platform/emulator/parlo_emulator.h
+    DESTINATION "${emulator_includedir}" COMPONENT emulator)
+  install(EXPORT parlo_emulator NAMESPACE morun:: FILE parlo_emulatorTargets.cmake
+    DESTINATION "${package_dir}" COMPONENT emulator)
+  install_pkg_config_file(parlo_emulator.pc emulator)
+endif()
+
+if(MORUN_TOOL)
+  file(RELATIVE_PATH library_from_tool "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+  set_target_properties(morun_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_tool}")
+  install(TARGETS morun_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+endif()
