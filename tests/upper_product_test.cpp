@@ -1,0 +1,312 @@
+// Products of the upper interface, by its calls and by the paths of tensors: checks in their order, exact results.
+#include <sys/mman.h>
+
+#include <list>
+
+#include "tests/data.h"
+#include "tests/upper.h"
+
+namespace {
+
+using test::ending, test::make_view, test::not_shared;
+using Tensor = morun_tensor;
+using Bytes = std::vector<uint8_t>;
+using Values = std::vector<float>;  // small integers, row-major
+
+constexpr auto i4 = MORUN_DTYPE_I4, i8 = MORUN_DTYPE_I8, u8 = MORUN_DTYPE_U8, i32 = MORUN_DTYPE_I32,
+               f16 = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
+constexpr auto rm = MORUN_LAYOUT_2D_RM, wh = MORUN_LAYOUT_2D_WH, ah = MORUN_LAYOUT_2D_AH;
+uint64_t bytes_of(uint32_t dtype, uint64_t count) {
+  return count * std::array<uint64_t, 6>{4, 8, 8, 32, 16, 32}[dtype] / 8;
+}
+
+Bytes encoded(uint32_t dtype, uint32_t layout, uint64_t n_row, uint64_t n_col, const Values& v) {
+  if (v.empty()) return {};
+  Bytes bytes(4 * v.size()), tiles(v.size() / 2);
+  auto* const halves = reinterpret_cast<uint16_t*>(bytes.data());
+  auto* const signed_bytes = reinterpret_cast<int8_t*>(bytes.data());
+  if (dtype == f32) memcpy(bytes.data(), v.data(), bytes.size());
+  if (dtype == i32) std::copy(v.begin(), v.end(), reinterpret_cast<int32_t*>(bytes.data()));
+  if (dtype == f16) tavik_f32_to_f16(v.size(), v.data(), halves);
+  if (dtype == f16 && layout == ah) morun_cpu_rm_to_ah_f16_inplace(n_row, n_col, halves);
+  if (dtype == f16 && layout == wh) morun_cpu_rm_to_wh_f16_inplace(n_row, n_col, halves);
+  if (dtype <= u8) std::copy(v.begin(), v.end(), signed_bytes);
+  if (dtype == i8) morun_cpu_rm_to_wh_i8_inplace(n_row, n_col, signed_bytes);
+  if (dtype == i4) morun_cpu_rm_to_wh_i4(tiles.data(), bytes.data(), n_col, n_row), bytes = tiles;
+  bytes.resize(bytes_of(dtype, v.size()));
+  return bytes;
+}
+
+struct Path {
+  uint32_t platform;
+  morun_tensor_dtype_e types[3];  // left, right, result
+  morun_tensor_layout_e layouts[3];
+  bool right_is_shared = true, takes_gaps = true;
+};
+constexpr Path P1 = {3, {f32, f16, f32}, {rm, wh, rm}}, P2 = {3, {f16, f16, f16}, {ah, wh, ah}, false, false},
+               P3 = {3, {f16, f16, f16}, {rm, wh, rm}}, P4 = {3, {u8, i4, i32}, {rm, wh, rm}},
+               P5 = {3, {f16, f16, f16}, {rm, rm, rm}, false, false}, P6 = {3, {u8, i8, i32}, {rm, wh, rm}},
+               host = {0, {f16, f16, f16}, {rm, rm, rm}, false, false}, paths[] = {P1, P2, P3, P4, P5, P6, host};
+
+struct Shape {
+  uint64_t n_row, n_col, n_inner;
+};
+struct Triple {
+  Tensor left, right, result;
+};
+// Claims extents that no memory has: those not 0.
+auto claims(uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
+  return [=](Triple& t) {
+    for (Tensor* m : {&t.result, &t.left, &t.right}) m->num_elements = ~uint64_t{0};
+    if (n_row != 0) t.result.dims[0] = t.left.dims[0] = n_row;
+    if (n_col != 0) t.result.dims[1] = t.right.dims[1] = t.result.strides[0] = t.right.strides[0] = n_col;
+    if (n_inner != 0) t.left.dims[1] = t.right.dims[0] = t.left.strides[0] = n_inner;
+  };
+}
+
+class UpperProducts : public test::UpperTest {
+ protected:
+  // One of a path's three, of memory that holds `values` behind an offset, or none, and has some room more.
+  Tensor record(const Path& p, int i, uint64_t n_row, uint64_t n_col, uint64_t offset, uint64_t gap, const Values& v) {
+    Tensor t = morun_tensor_matrix(n_row, n_col, p.types[i], p.layouts[i], nullptr);
+    if (gap != 0) make_view(t, n_col + gap, 1, 0);
+    t.data_offset = offset;
+    t.num_elements = 2 * offset + n_row * t.strides[0] + 8;
+    const uint64_t size = bytes_of(t.data_dtype, t.num_elements);
+    t.data = i == 1 && p.right_is_shared ? share(size) : heap_.emplace_back(size, uint8_t{7}).data();
+    const Bytes bytes = encoded(p.types[i], p.layouts[i], n_row, n_col, v);
+    std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t*>(t.data) + bytes_of(t.data_dtype, offset));
+    return t;
+  }
+  Triple operands(const Path& p, const Shape& s, uint64_t offset, uint64_t gap, const Values& x, const Values& w) {
+    heap_.clear();
+    release_shared();
+    return {record(p, 0, s.n_row, s.n_inner, offset, 0, x),
+            record(p, 1, s.n_inner, s.n_col, p.types[1] == f16 ? offset : 0, 0, w),
+            record(p, 2, s.n_row, s.n_col, offset, gap, {})};
+  }
+  Values random_values(uint64_t count, int low) {
+    Values values(count);
+    for (float& v : values) v = static_cast<float>(static_cast<int>(random_.bits() % 8) + low);
+    return values;
+  }
+  void expect_outcome(const Triple& t, const std::string& outcome, uint32_t platform, std::list<Bytes> memory) {
+    const uint64_t n_allocation = test::usage().n_allocations;
+    EXPECT_OUTCOME(morun_mm_tensor(platform, &t.result, &t.left, &t.right), outcome);
+    EXPECT_TRUE(heap_ == memory);
+    EXPECT_EQ(test::usage().n_allocations, n_allocation);
+  }
+
+  test::Random random_{11};
+  std::list<Bytes> heap_;
+};
+
+TEST_F(UpperProducts, AreExactAtAnyOffsetAndLeaveTheGaps) {
+  const uint64_t variants[][5] = {{64, 96, 160, 0, 0}, {128, 32, 64, 48, 0}, {64, 96, 96, 32, 5}};
+  for (const Path& p : paths)
+    for (const auto& [m, n, inner, offset, gap] : variants) {
+      SCOPED_TRACE(testing::Message() << "path " << &p - paths << " gap " << gap);
+      const Values x = random_values(m * inner, 0), w = random_values(inner * n, -4);
+      // Row-major weights stand as n_col rows of n_inner; the tiles of that matrix are multiplied as if of the other.
+      const auto element = [&, n = n, n_inner = inner](uint64_t k, uint64_t c) {
+        const uint64_t tile = k / 32 * (n / 32) + c / 32, n_tile = n_inner / 32;
+        if (p.layouts[1] == wh) return w[k * n + c];
+        if (p.platform == MORUN_PLATFORM_CPU) return w[c * n_inner + k];
+        return w[(tile / n_tile * 32 + k % 32) * n_inner + tile % n_tile * 32 + c % 32];
+      };
+      Values sums(m * n);
+      for (uint64_t i = 0; i < m * n; ++i)
+        for (uint64_t k = 0; k < inner; ++k) sums[i] += x[i / n * inner + k] * element(k, i % n);
+      Triple t = operands(p, {m, n, inner}, offset, gap, x, w);
+      const Bytes rows = encoded(p.types[2], p.layouts[2], m, n, sums);
+      std::list<Bytes> memory = heap_;
+      const uint64_t row = rows.size() / m, width = row / n, pitch = row + (p.takes_gaps ? gap * width : 0);
+      for (uint64_t r = 0; r < m; ++r) memcpy(&memory.back()[offset * width + r * pitch], &rows[r * row], row);
+      if (p.types[1] != f16) t.right.data_offset = 1;  // not looked at
+      expect_outcome(t, "0", p.platform, memory);
+
+      // The two calls that no path makes give the same as their likes.
+      auto *const W = static_cast<uint16_t*>(t.right.data), *const X = static_cast<uint16_t*>(t.left.data);
+      auto* const A = static_cast<uint16_t*>(share(rows.size()));
+      if (offset != 0 || (&p != &paths[0] && &p != &paths[2])) continue;
+      if (p.types[0] == f16) morun_npu_mm_f16f16_f16(3, 64, 96, 160, A, X, W);
+      if (p.types[0] == f32)
+        morun_npu_mm_f32f16_f32(3, 64, 96, 160, reinterpret_cast<float*>(A), reinterpret_cast<float*>(X), W);
+      EXPECT_TRUE(memcmp(A, rows.data(), rows.size()) == 0 && heap_ == memory);
+    }
+}
+
+TEST_F(UpperProducts, OfFourBitWeightsTakeAnyColumnsAndNoMoreThanFits) {
+  // Of 40 columns the DSP computes 64, whose two tiles a band are taken for those of two bands: rows of all r, c are 2 r.
+  Values x(128 * 32), w(32 * 64);
+  for (size_t r = 0; r < 128; ++r) x[r * 32] = static_cast<float>(r);
+  for (size_t c = 0; c < 64; ++c) w[c] = c < 32 ? 1 : 2;
+  const Triple t = operands(P4, {128, 64, 32}, 0, 0, x, w);
+  std::vector<int32_t> A(128 * 40, -7), expected = A;
+  for (int r = 0; r < 128; ++r) std::fill_n(&expected[r * 40], 32, r % 64 * (r / 64 + 1));
+  const auto multiply = [&](int32_t n_row, int32_t n_col, int32_t n_inner, const void* X) {
+    return morun_npu_mm_u8i4_i32(3, n_row, n_col, n_inner, A.data(), static_cast<const uint8_t*>(X),
+                                 static_cast<uint8_t*>(t.right.data));
+  };
+  EXPECT_OUTCOME(multiply(128, 40, 32, t.left.data), "0");
+  EXPECT_EQ(test::last_invocation(), (std::vector<uint64_t>{159, 64, 32, test::last_invocation()[3], 0}));
+  EXPECT_OUTCOME(multiply(64, 32, 48, t.left.data), "14 cpu_rm_to_wh_i8: n_inner must be multiple of 32, got 48");
+  EXPECT_EQ(A, expected);
+  const size_t size = 64 << 24;  // more than the context's X has
+  void* const large = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  for (const auto& [n_row, n_inner] : {std::array{64, 1 << 24}, {-64, 32}, {64, -32}}) {
+    const std::string refused = ending([&, r = n_row, k = n_inner] { multiply(r, 32, k, large); });
+    EXPECT_TRUE(refused.starts_with("exit 1 [Tavik] error 2 (mm_size_check, ")) << refused;
+  }
+  munmap(large, size);
+}
+
+// ---- What is refused
+
+char text[1];
+
+using Call = std::function<int32_t(int32_t domain, std::array<int32_t, 3> extents, void* A, void* X, void* W)>;
+template <class A, class X, class W>
+Call erased(int32_t (*call)(int32_t, int32_t, int32_t, int32_t, A*, const X*, const W*)) {
+  return [call](int32_t domain, std::array<int32_t, 3> n, void* a, void* x, void* w) {
+    return call(domain, n[0], n[1], n[2], static_cast<A*>(a), static_cast<X*>(x), static_cast<W*>(w));
+  };
+}
+const Call mm_f16 = erased(morun_npu_mm_f16), mm_f16f16 = erased(morun_npu_mm_f16f16_f16),
+           mm_u8i8 = erased(morun_npu_mm_u8i8_i32);
+
+TEST_F(UpperProducts, OfCallsCheckTheirArgumentsInOrder) {
+  const auto check = [](const std::string& name, const Call& call, const std::string& type) {
+    const bool is_float = type == "F16";
+    const auto outcome = [&](int32_t domain, std::array<int32_t, 3> n, int given) {
+      const auto operand = [&](int bit) { return given & bit ? text : nullptr; };
+      return test::outcome([&] { return call(domain, n, operand(1), operand(2), operand(4)); });
+    };
+    EXPECT_EQ(outcome(2, {}, is_float ? 0 : 7),
+              "57 " + name + "Unsupported domain 2. The only supported domains are: 3 ");
+    for (const int given : {0, 1, 3, 5, 6}) {
+      const std::string of = is_float ? "" : given == 3 ? "W is " : given == 6 ? "A is " : "X is ";
+      EXPECT_EQ(outcome(is_float ? 3 : 2, {64, 64, 64}, given), "10 " + name + of + "NULL ptr provided");
+    }
+    for (size_t i = 0; i < 3 && !type.empty(); ++i)
+      for (const int32_t bad : {INT32_MIN, 0, 48}) {
+        std::array<int32_t, 3> n = {bad < 1 ? 48 : 64, 64, 64};
+        std::fill(&n[i], n.end(), bad);
+        const std::string extent = std::array{"n_row", "n_col", "n_inner"}[i], is = std::to_string(bad),
+                          multiple = (i == 0 && !is_float ? "64" : "32") + (" for TESSEL " + type) + " operations",
+                          refusal = bad < 1 ? "Invalid " + extent + ": " + is + ". Must be positive."
+                                            : extent + "=" + is + " must be multiple of " + multiple;
+        EXPECT_EQ(outcome(3, n, is_float ? 0 : 7), "14 " + name + refusal);
+      }
+  };
+  check("npu_mm_f16: ", mm_f16, "F16");
+  check("npu_mm_f16f16_f16: ", mm_f16f16, "F16");
+  check("npu_mm_f32f16_f32: ", erased(morun_npu_mm_f32f16_f32), "F16");
+  check("npu_mm_u8i8_i32: ", mm_u8i8, "INT8");
+  check("npu_mm_u8i4_i32: ", erased(morun_npu_mm_u8i4_i32), "");
+  tavik_context* const initialised = std::exchange(context, nullptr);
+  EXPECT_OUTCOME(mm_f16(2, {}, text, text, text), "107 npu_mm_f16: MORUN is not initialized");
+  const std::string twice = "npu_alloc: MORUN is not initialized\nnpu_alloc: MORUN is not initialized\n";
+  const auto end = [] { mm_u8i8(3, std::array{64, 32, 32}, text, text, text); };
+  EXPECT_EQ(ending(end), "exit 1 " + twice + "npu_mm_u8i8_i32:  nErr = 107");
+  context = initialised;
+}
+
+TEST_F(UpperProducts, OfCallsTakeStartsOfSharedBuffers) {
+  auto *const shared = static_cast<char*>(share(2048)), *const inside = shared + 2;
+  const std::string inner_failed = "\nnpu_mm_f16f16_f16: Internal morun_npu_mm_f16 call failed\n",
+                    f16_call = "14 npu_mm_f16: ";
+  EXPECT_OUTCOME(mm_f16(3, {32, 32, 32}, shared, inside, text), f16_call + not_shared("W", text));
+  EXPECT_OUTCOME(mm_f16(3, {32, 32, 32}, shared, inside, shared), f16_call + not_shared("X", inside));
+  EXPECT_OUTCOME(mm_f16f16(3, {32, 32, 32}, inside, shared, text), f16_call + not_shared("A", inside) + inner_failed);
+  EXPECT_EQ(test::usage().n_allocations, 5u);
+  parlo_emulator_fail(PARLO_EMULATOR_MUNMAP, -1, 1, 0x77, EIO);  // the copy of X cannot be freed either
+  EXPECT_OUTCOME(mm_f16f16(3, {32, 32, 32}, shared, shared, text),
+                 "15" + (f16_call.substr(2) + not_shared("W", text)) + inner_failed + "\nnpu_alloc.npu_free: Err = 1");
+  shared_.push_back(context->buffer_pointer[1]);
+}
+
+TEST_F(UpperProducts, OfTensorsAreRefused) {
+  using T = Triple&;
+  struct Case {
+    std::vector<Path> paths;
+    uint32_t platform;
+    Shape shape;
+    std::string outcome;
+    std::function<void(T)> change = [](T) {};
+  };
+  const std::vector<Path> npu = {P1, P2, P3, P4, P5, P6};
+  const Shape s = {64, 32, 32};
+  const std::string platforms = "MORUN_PLATFORM_NPU0 and MORUN_PLATFORM_CPU are supported.", ranks = " [1, 2] range\n",
+                    call = "tensor.mm_tensor: ", none = "20 " + call + "Unsupported matmul tensors configuration",
+                    platform = "14 " + call + "Unsupported platform selected. Currently, only " + platforms,
+                    ndims = "14 tensor.tensor_validate: Invalid ndims field: 0. ndims should be in" + ranks + call,
+                    bad = ndims + "Bad configuration of ",
+                    inner = "2D x 2D mismatch: left inner dim = 8, right outer dim = 32\n",
+                    mismatch = "14 tensor.mm_tensor_validate: " + inner + call + "Tensor multiplication mismatch",
+                    to_ah = "14 cpu_rm_to_ah_f16_inplace: ", to_wh = "14 cpu_rm_to_wh_f16_inplace: ",
+                    rows = "n_row must be multiple of ",
+                    layouting = rows + "32, got 48\n" + call + "Internal layouting of ",
+                    matmul = call + "Internal matmul failed\n",
+                    f16_48 = "14 npu_mm_f16: n_row=48 must be multiple of 32 for TESSEL F16 operations\n",
+                    int8_32 = "1 npu_mm_u8i8_i32: n_row=32 must be multiple of 64 for TESSEL INT8 operations\n";
+  const auto no_ranks = [](T t) { t.result.ndims = t.left.ndims = t.right.ndims = 0; };
+  const auto vectors = [](T t) {
+    for (Tensor* v : {&t.result, &t.left, &t.right}) v->ndims = 1, v->layout = 0, v->dims[0] = v->strides[0] = 1;
+  };
+  const uint64_t wraps = uint64_t{1} << 59, large = uint64_t{1} << 31;
+  const Case cases[] = {
+      {{P3}, 1, s, platform, no_ranks},
+      {{P3}, 4, s, platform, no_ranks},
+      {{P3}, 3, s, bad + "result_tensor", no_ranks},
+      {{P3}, 3, s, bad + "left_tensor", [](T t) { t.left.ndims = t.right.ndims = 0; }},
+      {{P3}, 3, s, bad + "right_tensor", [](T t) { t.right.ndims = 0; }},
+      {{P3}, 3, s, mismatch, [](T t) { t.left.dims[1] = t.left.strides[0] = 8, t.left.is_contiguous = 0; }},
+      {npu, 3, s, none, [](T t) { t.left.is_contiguous = 0; }},
+      {npu, 3, s, none, [](T t) { t.right.is_contiguous = 0; }},
+      {npu, 3, s, none, [](T t) { t.left.data_dtype = i8; }},
+      {npu, 3, s, none, [](T t) { t.right.data_dtype = u8; }},
+      {npu, 3, s, none, [](T t) { t.result.data_dtype = i8; }},
+      {npu, 3, s, none, [](T t) { t.left.layout = MORUN_LAYOUT_2D_6; }},
+      {npu, 3, s, none, [](T t) { t.right.layout = MORUN_LAYOUT_2D_5; }},
+      {npu, 3, s, none, [](T t) { t.result.layout = MORUN_LAYOUT_2D_2; }},
+      {npu, 3, s, none, [](T t) { make_view(t.result, 64, 2, 1 << 20); }},
+      {{P5}, 3, s, none, vectors},
+      {{P1, P2, P3, P4, P6}, 0, s, none},
+      {{P1, P2, P3, P4, P6}, 2, s, none},
+      {{P5}, 2, s, "0"},
+      {npu, 3, s, none, claims(large, 0, 0)},
+      {npu, 3, s, none, claims(0, large, 0)},
+      {npu, 3, s, none, claims(0, 0, large)},
+      {{host}, 0, s, none, claims(wraps, 0, 0)},
+      {{host}, 0, s, none, claims(0, wraps, 0)},
+      {{host}, 0, s, none, claims(0, 0, wraps)},
+      {{P2, P5}, 3, s, none, [](T t) { make_view(t.result, 1, 1, 64 * 32 - 1); }},
+      {{host}, 0, s, none, [](T t) { make_view(t.result, 1, 1, 64 * 32 - 1); }},
+      {{P1, P3}, 3, s, none, [=](T t) { t.right.data_offset = large, t.right.num_elements = 2 * large; }},
+      {{P1}, 3, {32, 48, 32}, "1 " + call + "Err = 2"},
+      {{P2}, 3, {48, 48, 32}, f16_48 + matmul},
+      {{P3}, 3, {48, 48, 32}, to_ah + layouting + "X_parlo failed\n"},
+      {{P3}, 3, {32, 48, 32}, "2 " + call + "Err = 2"},
+      {{P4}, 3, {32, 32, 32}, "1 cpu_rm_to_wh_i8: " + rows + "64, got 32\n" + call + "Err = 14"},
+      {{P5}, 3, {48, 48, 32}, to_wh + layouting + "W failed\n"},
+      {{P5}, 3, {48, 32, 32}, to_ah + layouting + "X failed\n"},
+      {{P6}, 3, {32, 32, 32}, int8_32 + call + "Err = 14"}};
+  for (const Case& c : cases)
+    for (const Path& p : c.paths) {
+      SCOPED_TRACE(&c - cases);
+      Triple t = operands(p, c.shape, 0, 3, {}, {});
+      c.change(t);
+      expect_outcome(t, c.outcome, c.platform, heap_);
+    }
+  for (const Path& p : {P1, P3, P4, P6}) {
+    Triple t = operands(p, s, 0, 3, {}, {});
+    t.right.data = static_cast<char*>(t.right.data) + 2;
+    expect_outcome(t, "14 " + call + not_shared("W", t.right.data), 3, heap_);
+  }
+  tavik_context* const initialised = std::exchange(context, nullptr);
+  EXPECT_OUTCOME(morun_mm_tensor(1, nullptr, nullptr, nullptr), "107 " + call + "MORUN is not initialized");
+  context = initialised;
+}
+
+}  // namespace
