@@ -72,8 +72,8 @@ TEST(TensorRecord, IsRefusedForItsFirstBadField) {
 
 TEST(TensorProduct, IsRefusedForItsFirstMismatch) {
   const Tensor a = matrix(4, 5), x = matrix(4, 8), w = matrix(8, 5), v4 = vector(4), v8 = vector(8);
-  Tensor rank_0 = a, rank_3 = a, quantised = x, bad_a = a, bad_x = x, bad_w = w;
-  rank_0.ndims = 0, rank_3.ndims = 3, quantised.quantization = 1;
+  Tensor rank_0 = a, rank_1 = a, rank_3 = a, quantised = x, bad_a = a, bad_x = x, bad_w = w;
+  rank_0.ndims = 0, rank_1.ndims = 1, rank_3.ndims = 3, quantised.quantization = 1;
   bad_a.layout = bad_x.layout = 3, bad_w.layout = 4;
   const std::string of = "Result tensor shape mismatch for ",
                     call = " tensor.mm_tensor_validate: ", names[] = {"Result", "Left", "Right"};
@@ -93,7 +93,7 @@ TEST(TensorProduct, IsRefusedForItsFirstMismatch) {
       {v4, x, a, "2D x 2D mismatch: left inner dim = 8, right outer dim = 4"},
       {x, x, w, of + "2D x 2D. Expected [4, 5], got [4, 8]"},
       {w, x, w, of + "2D x 2D. Expected [4, 5], got [8, 5]"},
-      {v4, x, w, of + "2D x 2D. Expected [4, 5], got [4, 0]"},
+      {rank_1, x, w, of + "2D x 2D. Expected [4, 5], got [4, 5]"},
       {v4, v4, w, "1D x 2D mismatch: left dim = 4, right rows = 8"},
       {v8, v8, w, of + "1D x 2D. Expected [5], got [8]"},
       {matrix(5, 1), v8, w, of + "1D x 2D. Expected [5], got [5]"},

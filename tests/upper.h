@@ -18,7 +18,8 @@ namespace test {
 inline std::string outcome(const std::function<int32_t()>& call) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  std::string told = std::to_string(call()) + (__fpending(stdout) == 0 ? " " : " unflushed ");
+  std::string told = std::to_string(call());
+  told += __fpending(stdout) == 0 ? " " : " unflushed ";
   const std::string errors = testing::internal::GetCapturedStderr(), output = testing::internal::GetCapturedStdout();
   for (size_t start = 0, end; start < errors.size(); start = end) {
     end = std::min(errors.find('\n', start), errors.size() - 1) + 1;

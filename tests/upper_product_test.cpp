@@ -154,7 +154,7 @@ TEST_F(UpperProducts, OfFourBitWeightsTakeAnyColumnsAndNoMoreThanFits) {
   EXPECT_EQ(A, expected);
   const size_t size = 64 << 24;  // more than the context's X has
   void* const large = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  for (const auto& [n_row, n_inner] : {std::array{64, 1 << 24}, {-64, 32}, {64, -32}}) {
+  for (const auto& [n_row, n_inner] : {std::array{64, 1 << 24}, {-64, 32}, {-64, -32}}) {
     const std::string refused = ending([&, r = n_row, k = n_inner] { multiply(r, 32, k, large); });
     EXPECT_TRUE(refused.starts_with("exit 1 [Tavik] error 2 (mm_size_check, ")) << refused;
   }

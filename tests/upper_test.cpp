@@ -15,7 +15,10 @@ class Upper : public test::UpperTest {
   }
 };
 
-TEST_F(Upper, CallsBeforeInitialisationAreRefused) {
+TEST_F(Upper, InitialisationReservesTheFixedSizesAndCallsBeforeItAreRefused) {
+  EXPECT_EQ((std::array{context->output_matrix_size_max, context->n_row_max, context->input_matrix_size_max}),
+            (std::array<uint64_t, 3>{32768000, 3200, 486592000}));
+  EXPECT_TRUE(context->tessel_locked);
   tavik_context* const initialised = std::exchange(context, nullptr);
   void* pointer = text;
   const std::string domain = ": Unsupported domain 2. The only supported domains are: 3 ";
@@ -39,16 +42,6 @@ TEST_F(Upper, CallsBeforeInitialisationAreRefused) {
     EXPECT_OUTCOME(morun_npu_get_version(0, text), before);
     context->session_handle[0] = valid;
   }
-}
-
-TEST_F(Upper, InitialisationReservesTheFixedSizesAndHoldsTheMatrixUnit) {
-  EXPECT_EQ((std::array{context->output_matrix_size_max, context->n_row_max, context->input_matrix_size_max}),
-            (std::array<uint64_t, 3>{32768000, 3200, 486592000}));
-  EXPECT_TRUE(context->tessel_locked);
-  EXPECT_OUTCOME(morun_npu_unlock_tessel(3), "0");
-  EXPECT_FALSE(context->tessel_locked);
-  EXPECT_OUTCOME(morun_npu_lock_tessel(3), "0");
-  EXPECT_TRUE(context->tessel_locked);
 }
 
 TEST_F(Upper, RegistryKnowsBuffersByTheirStartAndForgetsNone) {
@@ -80,13 +73,13 @@ TEST_F(Upper, VersionOfTheModuleIsComparedAndItsArchitectureToo) {
   };
   const Case cases[] = {{1, 0, 0, 79, 0x79, "beta1", "1_0_0_beta1_VEYRA_V79", "0"},
                         {1, 0, 0, 79, 0xffffff79, "beta1-rc", "1_0_0_beta1-rc_VEYRA_V79", "0"},
-                        {1, 0, 0, 75, 0x79, "beta1", "1_0_0_beta1_VEYRA_V75",
-                         "0 | [MORUN][WARNING] func = morun_npu_get_version: Arch mismatch. Runtime NPU = V79, Loaded "
-                         "library compiled for V75\n"},
                         {1, 0, 1, 75, 0x79, "beta1", "1_0_1_beta1_VEYRA_V75"},
                         {1, 2, 0, 75, 0x79, "beta1", "1_2_0_beta1_VEYRA_V75"},
                         {2, 0, 0, 75, 0x79, "beta1", "2_0_0_beta1_VEYRA_V75"},
-                        {1, 0, 0, 75, 0x79, "beta", "1_0_0_beta_VEYRA_V75"}};
+                        {1, 0, 0, 75, 0x79, "beta", "1_0_0_beta_VEYRA_V75"},
+                        {1, 0, 0, 75, 0x79, "beta1", "1_0_0_beta1_VEYRA_V75",
+                         "0 | [MORUN][WARNING] func = morun_npu_get_version: Arch mismatch. Runtime NPU = V79, Loaded "
+                         "library compiled for V75\n"}};
   for (const Case& c : cases) {
     reinitialise([&](auto& config) {
       config.module_major = c.major, config.module_minor = c.minor, config.module_patch = c.patch;
@@ -100,6 +93,10 @@ TEST_F(Upper, VersionOfTheModuleIsComparedAndItsArchitectureToo) {
         c.outcome.empty() ? "404 npu_get_version: Versions mismatch:\nMORUN Version: " + versions : c.outcome);
     EXPECT_EQ(text + std::string(" ") + npu_version + " " + version_prerel, own + " " + c.module + " " + c.label);
   }
+  parlo_emulator_call query = {};
+  parlo_emulator_trace_get(parlo_emulator_trace_length() - 1, &query);
+  EXPECT_EQ((std::array{query.arguments[0], query.arguments[1], query.arguments[2]}),
+            (std::array<uint64_t, 3>{2, 3, 6}));
 }
 
 }  // namespace
