@@ -12,12 +12,17 @@ constexpr int n_mantissa_bits = 10;
 constexpr int lowest_exponent = -14;
 constexpr double largest = 65504;
 
+constexpr int double_bias = 1023;
+constexpr int n_double_mantissa_bits = 52;
+
 int exponent_of(double value) {
-  return value == 0 ? lowest_exponent : std::max(std::ilogb(value), lowest_exponent);
+  const auto field = static_cast<int>(std::bit_cast<uint64_t>(value) >> n_double_mantissa_bits & 2047);
+  return std::max(field - double_bias, lowest_exponent);
 }
 
 double step_at(double value) {
-  return std::ldexp(1.0, exponent_of(value) - n_mantissa_bits);
+  const auto field = static_cast<uint64_t>(exponent_of(value) - n_mantissa_bits + double_bias);
+  return std::bit_cast<double>(field << n_double_mantissa_bits);
 }
 
 }  // namespace
