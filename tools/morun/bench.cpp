@@ -236,7 +236,7 @@ Json document(const std::vector<Measurement>& measurements, const BenchArguments
 
 std::vector<const Kernel*> products_named(const std::string& part) {
   std::vector<const Kernel*> found = kernels_named(part);
-  std::erase_if(found, [](const Kernel* kernel) { return kernel->operands == Operands::bytes; });
+  std::erase_if(found, [](const Kernel* kernel) { return !kernel->is_timed(); });
   if (found.empty()) throw Error("{} names no product to be timed", part);
   return found;
 }

@@ -1,5 +1,6 @@
 #include "tools/morun/expected.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -29,23 +30,26 @@ double half_product_bound(double sum, double absolute_sum, size_t n, bool is_who
   return accumulated + half::half_step(std::abs(sum) + accumulated);
 }
 
+bool is_whole(const Matrix& matrix) {
+  return std::ranges::all_of(matrix.values, [](float value) { return value == std::trunc(value); });
+}
+
 Elements products_of_halves(const Matrix& x, const Matrix& w) {
+  const bool all_are_whole = is_whole(x) && is_whole(w);
   Elements elements;
   elements.reserve(x.n_row * w.n_col);
   for (size_t r = 0; r < x.n_row; ++r) {
     std::vector<double> sums(w.n_col), absolute_sums(w.n_col);
-    std::vector<char> whole(w.n_col, 1);
     for (size_t k = 0; k < x.n_col; ++k) {
       const double factor = half::round(double{x.row(r)[k]});
       for (size_t c = 0; c < w.n_col; ++c) {
         const double product = factor * double{w.row(k)[c]};
         sums[c] += product;
         absolute_sums[c] += std::abs(product);
-        whole[c] = whole[c] != 0 && product == std::trunc(product);
       }
     }
     for (size_t c = 0; c < w.n_col; ++c) {
-      elements.push_back({sums[c], half_product_bound(sums[c], absolute_sums[c], x.n_col, whole[c] != 0)});
+      elements.push_back({sums[c], half_product_bound(sums[c], absolute_sums[c], x.n_col, all_are_whole)});
     }
   }
   return elements;
@@ -53,8 +57,8 @@ Elements products_of_halves(const Matrix& x, const Matrix& w) {
 
 // ---- Halves on the host --------------------------------------------------------------------------------------------
 
-// The reference kernels say in which order they round what: their results are exact, bit by bit. Whole blocks of four
-// rows have eight sums, added up in f32; the rows that are left have sixteen, added up in halves.
+// The reference kernels say in which order they round what: their results are exact, bit by bit. In the lower interface
+// whole blocks of four rows have eight sums, added up in f32; the rows that are left have sixteen, added up in halves.
 float reference_in_block(const std::vector<double>& x, const std::vector<double>& w) {
   std::array<double, 8> lane = {};
   for (size_t k = 0; k < x.size(); ++k) lane[k % 8] = half::fused(x[k], w[k], lane[k % 8]);
@@ -72,7 +76,20 @@ double reference_in_row(const std::vector<double>& x, const std::vector<double>&
   return add(add(part[0], part[1]), add(part[2], part[3]));
 }
 
-Elements reference_products(const Matrix& x, const Matrix& w) {
+// The upper interface's: four sums in f32, and then what is left of the terms.
+double reference_in_lanes(const std::vector<double>& x, const std::vector<double>& w) {
+  std::array<float, 4> lane = {};
+  const size_t n_in_lanes = x.size() / 4 * 4;
+  const auto add = [&](size_t k, float& sum) {
+    sum = std::fma(static_cast<float>(x[k]), static_cast<float>(w[k]), sum);
+  };
+  for (size_t k = 0; k < n_in_lanes; ++k) add(k, lane[k % 4]);
+  float sum = (lane[0] + lane[1]) + (lane[2] + lane[3]);
+  for (size_t k = n_in_lanes; k < x.size(); ++k) add(k, sum);
+  return half::round(double{sum});
+}
+
+Elements reference_products(const Kernel& kernel, const Matrix& x, const Matrix& w) {
   std::vector<std::vector<double>> columns(w.n_col);
   for (size_t i = 0; i < w.values.size(); ++i) columns[i % w.n_col].push_back(double{w.values[i]});
   Elements elements;
@@ -82,7 +99,10 @@ Elements reference_products(const Matrix& x, const Matrix& w) {
     for (size_t k = 0; k < x.n_col; ++k) row.push_back(half::round(double{x.row(r)[k]}));
     const bool is_in_block = r < x.n_row / 4 * 4;
     for (const std::vector<double>& column : columns) {
-      elements.push_back({is_in_block ? double{reference_in_block(row, column)} : reference_in_row(row, column), 0});
+      const double value = kernel.is_upper() ? reference_in_lanes(row, column)
+                           : is_in_block     ? double{reference_in_block(row, column)}
+                                             : reference_in_row(row, column);
+      elements.push_back({value, 0});
     }
   }
   return elements;
@@ -169,7 +189,7 @@ Elements dequantised(const Matrix& x, const WeightOperand& weights, const Sums& 
 
 std::vector<Expected> expected_product(const Kernel& kernel, const OperandSet& operands, size_t i) {
   const WeightOperand& weights = operands.weights[i];
-  if (kernel.is_on_host()) return reference_products(operands.x, weights.values);
+  if (kernel.is_on_host()) return reference_products(kernel, operands.x, weights.values);
   if (kernel.weights == WeightKind::f16) return products_of_halves(operands.x, weights.values);
   if (!kernel.is_quantised()) return products_of_integers(operands.x, weights.values);
   return dequantised(operands.x, weights,

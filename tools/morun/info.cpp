@@ -13,6 +13,7 @@
 #include "tools/morun/commands.h"
 #include "tools/morun/error.h"
 #include "tools/morun/library.h"
+#include "tools/morun/upper.h"
 
 namespace tool {
 namespace {
@@ -151,10 +152,20 @@ Json module_in_session() {
           {"effective_domain", status == 0 ? Json(effective_domain) : Json()}};
 }
 
+// Whether library and module fit together.
+Json version_query() {
+  const UpperInterface upper;
+  const UpperVersions versions = upper_versions();
+  const auto if_known = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
+  return {{"library", if_known(versions.library)},
+          {"dsp_module", if_known(versions.dsp_module)},
+          {"status", versions.status}};
+}
+
 // A DSP that does not answer is a finding too.
-Json module() {
+Json answer_of(Json (*ask)()) {
   try {
-    return module_in_session();
+    return ask();
   } catch (const Error& error) {
     return {{"error", error.what()}};
   }
@@ -167,7 +178,8 @@ Json report() {
           {"platform", {{"library", platform_library()}}},
           {"domains", domains()},
           {"compute_dsp", capabilities()},
-          {"dsp_module", module()}};
+          {"dsp_module", answer_of(module_in_session)},
+          {"version_query", answer_of(version_query)}};
 }
 
 std::string text_of(const Json& value) {

@@ -128,11 +128,41 @@ int remote_test(uint64_t handle, const Call& c) {
   return tavik_veyra_test(handle, static_cast<uint32_t>(c.n_row), c.products[0].weights.fd);
 }
 
+// ---- Upper interface -----------------------------------------------------------------------------------------------
+
+template <typename A, typename X, typename W>
+int32_t call_upper(int32_t (*function)(int32_t, int32_t, int32_t, int32_t, A*, const X*, const W*), const Call& c) {
+  const auto& [a, x, w] = c.tensors;
+  return function(MORUN_DOMAIN_NPU0, c.n_row, c.products[0].n_col, c.n_inner, static_cast<A*>(a.data),
+                  static_cast<const X*>(x.data), static_cast<const W*>(w.data));
+}
+
+template <auto function>
+uint32_t run_upper(const Call& c) {
+  return static_cast<uint32_t>(call_upper(function, c));
+}
+
+template <uint32_t platform>
+uint32_t run_tensors(const Call& c) {
+  const auto& [a, x, w] = c.tensors;
+  return static_cast<uint32_t>(morun_mm_tensor(platform, &a, &x, &w));
+}
+
 // ---- Table ---------------------------------------------------------------------------------------------------------
 
 using enum Operands;
 using enum WeightKind;
 
+constexpr UpperForm tensors(morun_tensor_dtype_e x, morun_tensor_layout_e x_layout, morun_tensor_layout_e w_layout,
+                            const char* shared, size_t row_multiple, bool packs_rows = false) {
+  return {x, x_layout, w_layout, shared, row_multiple, true, packs_rows};
+}
+constexpr auto run_on_npu = run_tensors<MORUN_PLATFORM_NPU0>;
+constexpr auto run_on_cpu = run_tensors<MORUN_PLATFORM_CPU>;
+constexpr auto rm = MORUN_LAYOUT_2D_RM, ah = MORUN_LAYOUT_2D_AH, wh = MORUN_LAYOUT_2D_WH;
+constexpr auto u8 = MORUN_DTYPE_U8, half = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
+
+// The integer products of the upper interface end the process when the DSP refuses: they come last.
 constexpr Kernel table[] = {
     {"tavik_npu_test", bytes, f16, 1, run_test, remote_test},
     {"tavik_npu_mm_f16_ah_f16_ah_f16_wh", own_buffers, f16, 1, run_on_own_buffers, remote_on_own_buffers},
@@ -159,6 +189,18 @@ constexpr Kernel table[] = {
      run_on_host<tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb, uint16_t>, nullptr},
     {"tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb", host_f32, f16, 1, run_on_host<tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb, float>,
      nullptr},
+    {"morun_npu_mm_f16", upper, f16, 1, run_upper<morun_npu_mm_f16>, nullptr, {half, ah, wh, "AXW", 32}},
+    {"morun_npu_mm_f16f16_f16", upper, f16, 1, run_upper<morun_npu_mm_f16f16_f16>, nullptr, {half, rm, wh, "AW", 32}},
+    {"morun_npu_mm_f32f16_f32", upper, f16, 1, run_upper<morun_npu_mm_f32f16_f32>, nullptr, {f32, rm, wh, "W", 32}},
+    {"morun_mm_tensor P1", upper, f16, 1, run_on_npu, nullptr, tensors(f32, rm, wh, "W", 1)},
+    {"morun_mm_tensor P2", upper, f16, 1, run_on_npu, nullptr, tensors(half, ah, wh, "", 32, true)},
+    {"morun_mm_tensor P3", upper, f16, 1, run_on_npu, nullptr, tensors(half, rm, wh, "W", 32)},
+    {"morun_mm_tensor P5 NPU", upper, f16, 1, run_on_npu, nullptr, tensors(half, rm, rm, "", 32, true)},
+    {"morun_mm_tensor P5 CPU", upper_on_host, f16, 1, run_on_cpu, nullptr, tensors(half, rm, rm, "", 1, true)},
+    {"morun_npu_mm_u8i8_i32", upper, a8w8, 1, run_upper<morun_npu_mm_u8i8_i32>, nullptr, {u8, rm, wh, "", 64}},
+    {"morun_npu_mm_u8i4_i32", upper, a8w4, 1, run_upper<morun_npu_mm_u8i4_i32>, nullptr, {u8, rm, wh, "W", 64}},
+    {"morun_mm_tensor P4", upper, a8w4, 1, run_on_npu, nullptr, tensors(u8, rm, wh, "W", 64)},
+    {"morun_mm_tensor P6", upper, a8w8, 1, run_on_npu, nullptr, tensors(u8, rm, wh, "W", 64)},
 };
 
 }  // namespace

@@ -25,9 +25,11 @@ std::string failure_line(std::string text) {
   return fmt::format("morun: {}\n", text);
 }
 
-std::string kernel_list() {
+std::string kernel_list(bool (*is_listed)(const tool::Kernel&)) {
   std::string list = "Kernels:";
-  for (const tool::Kernel& kernel : tool::kernels()) list += fmt::format("\n  {}", kernel.name);
+  for (const tool::Kernel& kernel : tool::kernels()) {
+    if (is_listed(kernel)) list += fmt::format("\n  {}", kernel.name);
+  }
   return list;
 }
 
@@ -126,10 +128,15 @@ void add_verify(CLI::App& app) {
 One line a call: shape as rows x columns x inner dimension, the values, the session of each weight matrix, the element
 that takes most of its bound (its deviation and that bound), the time of the call, and the verdict. Bounds follow from
 the roundings that the kernel has to make; where it has none to make, the bound is 0. "by design" marks calls that the
-library defines to give something else than the product, or to fail, where weights are in several sessions; they are
-held to exactly that. Fails when one call does.
+library defines to give something else than the product, or to fail: where weights are in several sessions, or are
+row-major, or a strided result is packed. They are held to exactly that. Fails when one call does.
 
-)" + kernel_list());
+The upper interface (morun_...) follows when the lower one has closed the DSP: it opens it by itself, reserves 1.3 GiB of
+shared memory, and chooses sessions by itself. "+8" behind the columns: the rows of the result are 8 elements apart, and
+those have to stay as they are. Its integer products end the process when the DSP refuses them. They come last: a report
+without its last line, and an exit status of 1, tell of such a refusal, and standard error says which it was.
+
+)" + kernel_list([](const tool::Kernel&) { return true; }));
   command->callback([arguments] { tool::verify(*arguments); });
 }
 
@@ -148,7 +155,7 @@ void add_bench(CLI::App& app) {
 Times are the best of half a second. A call is the kernel as called; "convert" its conversions alone, on the same data;
 "remote" its remote method alone, called directly. What they leave of a call is checks.
 
-)" + kernel_list());
+)" + kernel_list([](const tool::Kernel& kernel) { return kernel.is_timed(); }));
   command->callback([arguments, shape] {
     read_shape(*shape, *arguments);
     tool::bench(*arguments);

@@ -7,6 +7,7 @@
 
 #include "tools/morun/error.h"
 #include "tools/morun/half.h"
+#include "tools/morun/layouts.h"
 
 namespace tool {
 namespace {
@@ -68,11 +69,10 @@ double byte_activation(Generator& generator, Values values) {
 }
 
 double activation(Generator& generator, const Kernel& kernel, Values values, size_t row, size_t inner) {
-  if (kernel.operands == Operands::cross_session) return byte_activation(generator, values);
+  if (kernel.takes_bytes()) return byte_activation(generator, values);
   if (kernel.is_quantised()) return quantised_activation(generator, values, row);
   const double value = half_activation(generator, values, inner);
-  const bool takes_f32 = kernel.operands == Operands::converted || kernel.operands == Operands::host_f32;
-  return takes_f32 ? value : half::round(value);
+  return kernel.takes_f32() ? value : half::round(value);
 }
 
 void make_columns(Generator& generator, const Kernel& kernel, Values values, WeightOperand& weights) {
@@ -107,48 +107,8 @@ WeightOperand make_weights(Generator& generator, const Kernel& kernel, Values va
 
 // ---- Layouts -------------------------------------------------------------------------------------------------------
 
-size_t round_up(size_t extent, size_t multiple) {
-  return (extent + multiple - 1) / multiple * multiple;
-}
-
-size_t tile_32(size_t r, size_t c, size_t n_col) {
-  return (r / 32 * (n_col / 32) + c / 32) * 1024;
-}
-size_t place_f16_ah(size_t r, size_t c, size_t n_col) {
-  return tile_32(r, c, n_col) + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
-}
-size_t place_f16_wh(size_t r, size_t c, size_t n_col) {
-  return tile_32(r, c, n_col) + c % 32 / 2 * 64 + r % 32 * 2 + c % 2;
-}
-size_t place_i8_wh(size_t r, size_t c, size_t n_col) {
-  return tile_32(r, c, n_col) + c % 32 / 4 * 128 + r % 32 * 4 + c % 4;
-}
-size_t byte_of_i4_wh(size_t r, size_t c, size_t n_col) {
-  return tile_32(r, c, n_col) / 2 + c % 32 / 8 * 128 + r % 32 * 4 + c % 4;
-}
-size_t place_in_tall_tiles(size_t r, size_t c, size_t n_col) {
-  return (r / 64 * (n_col / 32) + c / 32) * 2048 + r % 64 * 32 + c % 32;
-}
-size_t place_zb(size_t k, size_t c, size_t n_inner) {
-  return c / 4 * 4 * n_inner + k / 8 * 32 + c % 4 * 8 + k % 8;
-}
-
 void add_nibble(uint8_t& byte, int value, bool is_high) {
   byte = static_cast<uint8_t>(byte | (value & 15) << (is_high ? 4 : 0));
-}
-
-void write_value(WeightKind kind, uint8_t* base, size_t k, size_t c, size_t n_col, float value) {
-  switch (kind) {
-    case WeightKind::f16:
-      reinterpret_cast<uint16_t*>(base)[place_f16_wh(k, c, n_col)] = half::bits(value);
-      break;
-    case WeightKind::a8w8:
-      base[place_i8_wh(k, c, n_col)] = static_cast<uint8_t>(static_cast<int>(value));
-      break;
-    case WeightKind::a8w4:
-      add_nibble(base[byte_of_i4_wh(k, c, n_col)], static_cast<int>(value), c % 8 >= 4);
-      break;
-  }
 }
 
 void write_columns(const WeightOperand& weights, WeightKind kind, Region& region, WeightArrays& arrays) {
@@ -188,6 +148,20 @@ OperandSet make_operands(const Kernel& kernel, const ProductShape& shape, Values
     operands.weights.push_back(make_weights(generator, kernel, values, shape.n_inner, n_col));
   }
   return operands;
+}
+
+void write_weight(WeightKind kind, uint8_t* base, size_t k, size_t c, size_t n_col, float value) {
+  switch (kind) {
+    case WeightKind::f16:
+      reinterpret_cast<uint16_t*>(base)[place_f16_wh(k, c, n_col)] = half::bits(value);
+      break;
+    case WeightKind::a8w8:
+      base[place_i8_wh(k, c, n_col)] = static_cast<uint8_t>(static_cast<int>(value));
+      break;
+    case WeightKind::a8w4:
+      add_nibble(base[byte_of_i4_wh(k, c, n_col)], static_cast<int>(value), c % 8 >= 4);
+      break;
+  }
 }
 
 uint32_t Region::take(uint64_t n_byte) {
@@ -268,7 +242,7 @@ void PreparedCall::write_weights(const WeightOperand& weights, Region& region, P
   auto* const base = region.at<uint8_t>(product.weights.values);
   std::fill_n(base, n_byte, uint8_t{0});
   for (size_t i = 0; i < values.values.size(); ++i) {
-    write_value(kernel_.weights, base, i / values.n_col, i % values.n_col, values.n_col, values.values[i]);
+    write_weight(kernel_.weights, base, i / values.n_col, i % values.n_col, values.n_col, values.values[i]);
   }
   if (kernel_.is_quantised()) write_columns(weights, kernel_.weights, region, product.weights);
 }

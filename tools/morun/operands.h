@@ -31,6 +31,9 @@ struct OperandSet {
 // The same for the same seed.
 OperandSet make_operands(const Kernel& kernel, const ProductShape& shape, Values values, uint64_t seed);
 
+// Writes weight (k, c) to its place in the wh form of `kind`. Memory for 4-bit weights is zero before.
+void write_weight(WeightKind kind, uint8_t* base, size_t k, size_t c, size_t n_col, float value);
+
 // A shared buffer that is filled from its start.
 class Region {
  public:

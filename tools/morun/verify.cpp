@@ -3,15 +3,19 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "tools/morun/commands.h"
 #include "tools/morun/error.h"
 #include "tools/morun/expected.h"
 #include "tools/morun/judge.h"
+#include "tools/morun/layouts.h"
 #include "tools/morun/operands.h"
 #include "tools/morun/progress.h"
 #include "tools/morun/session_regions.h"
+#include "tools/morun/upper.h"
 
 namespace tool {
 namespace {
@@ -23,6 +27,7 @@ struct Case {
   ProductShape shape;
   Values values;
   std::vector<size_t> sessions;  // of each weight matrix
+  size_t row_gap = 0;            // upper: elements between the result's rows
 };
 
 struct Extents {
@@ -34,10 +39,13 @@ constexpr Extents quick_extents[] = {{1, 32, 32}, partial_tiles, {96, 64, 160}};
 constexpr Extents more_extents[] = {{2, 4096, 32}, {3, 32, 4096},  {65, 32, 64},
                                     {200, 96, 64}, {96, 160, 224}, {224, 352, 416}};
 constexpr Extents test_sizes[] = {{1, 32, 32}, {100, 32, 32}, {4099, 32, 32}};  // rows are bytes
+constexpr Extents free_extents = {7, 5, 11};                                    // for those that take any
+constexpr size_t some_gap = 8;
 
 // Q has fewer columns than K and V.
 ProductShape shape_of(const Kernel& kernel, const Extents& extents) {
-  ProductShape shape = {extents.n_row, extents.n_inner, std::vector<size_t>(kernel.n_weights, extents.n_col)};
+  const size_t n_row = round_up(extents.n_row, kernel.form.row_multiple);
+  ProductShape shape = {n_row, extents.n_inner, std::vector<size_t>(kernel.n_weights, extents.n_col)};
   if (kernel.n_weights == 3) shape.n_col[1] = shape.n_col[2] = extents.n_col + 32;
   return shape;
 }
@@ -45,6 +53,7 @@ ProductShape shape_of(const Kernel& kernel, const Extents& extents) {
 std::vector<Extents> extents_of(const Kernel& kernel, bool quick) {
   if (kernel.operands == Operands::bytes) return {std::begin(test_sizes), std::end(test_sizes)};
   std::vector<Extents> list(std::begin(quick_extents), std::end(quick_extents));
+  if (kernel.operands == Operands::upper_on_host) list.push_back(free_extents);
   if (!quick) list.insert(list.end(), std::begin(more_extents), std::end(more_extents));
   return list;
 }
@@ -56,7 +65,7 @@ std::vector<Values> values_of(const Kernel& kernel) {
 }
 
 std::vector<std::vector<size_t>> sessions_of(const Kernel& kernel) {
-  if (kernel.is_on_host()) return {};
+  if (kernel.is_on_host() || kernel.is_upper()) return {};
   if (kernel.n_weights == 1) return {{1}};
   if (kernel.n_weights == 2) return {{1, 1}, {0, 1}, {1, 0}};
   return {{1, 1, 1}, {0, 1, 1}, {0, 0, 1}, {0, 1, 2}};
@@ -70,6 +79,9 @@ std::vector<Case> make_cases(const VerifyArguments& arguments) {
       for (const Values values : values_of(*kernel)) {
         cases.push_back({kernel, shape_of(*kernel, extents), values, session_0});
       }
+    }
+    if (kernel->form.takes_tensors) {
+      cases.push_back({kernel, shape_of(*kernel, partial_tiles), Values::random, session_0, some_gap});
     }
     if (arguments.one_session) continue;
     for (const std::vector<size_t>& sessions : sessions_of(*kernel)) {
@@ -115,14 +127,22 @@ Design design_of(const Kernel& kernel, const std::vector<size_t>& sessions) {
   return design;
 }
 
+// Empty: nothing differs.
+std::string upper_note(const Case& c) {
+  const UpperForm& form = c.kernel->form;
+  std::string note;
+  if (form.w_layout == MORUN_LAYOUT_2D_RM && (c.kernel->is_on_host() || c.shape.n_col[0] != c.shape.n_inner)) {
+    note = "the weights' data are taken as n_col rows of n_inner";
+  }
+  if (form.packs_rows && c.row_gap > 0) note += fmt::format("{}Y is packed", note.empty() ? "" : ", ");
+  return note;
+}
+
 // ---- Judgement -----------------------------------------------------------------------------------------------------
 
-enum class Verdict { good, by_design, failed, left_out };
-
 struct Finding {
-  Verdict verdict = Verdict::good;
-  std::string text;
   Judge judge;
+  std::string by_design, left_out;  // what and why; empty: it is not
   double milliseconds = 0;
 };
 
@@ -172,7 +192,8 @@ void judge_untouched(const PreparedCall& prepared, const Case& c, size_t i, Judg
   }
 }
 
-void judge_elements(const PreparedCall& prepared, const Case& c, size_t i, const std::vector<Expected>& elements,
+template <typename Prepared>
+void judge_elements(const Prepared& prepared, const Case& c, size_t i, const std::vector<Expected>& elements,
                     Judge& judge) {
   const size_t n_col = c.shape.n_col[i];
   for (size_t index = 0; index < elements.size(); ++index) {
@@ -232,34 +253,27 @@ void judge_product(const Case& c, uint64_t seed, tavik_context* context, Session
         break;
     }
   }
-  if (!design.note.empty()) {
-    finding.verdict = Verdict::by_design;
-    finding.text = "by design: " + design.note;
-  }
+  finding.by_design = design.note;
 }
 
-Finding examine(const Case& c, uint64_t seed, tavik_context* context, SessionRegions& regions) {
-  Finding finding;
+void judge_upper(const Case& c, uint64_t seed, Finding& finding) {
+  const OperandSet operands = make_operands(*c.kernel, c.shape, c.values, seed);
+  const UpperCall prepared(*c.kernel, operands, c.row_gap);
+  const uint32_t status = run_timed(*c.kernel, prepared.call(), finding);
+  if (status != MORUN_SUCCESS) return finding.judge.fail(fmt::format("status {}, see standard error", status));
+  judge_elements(prepared, c, 0, expected_product(*c.kernel, operands, 0), finding.judge);
+  if (!prepared.leaves_the_rest()) finding.judge.fail("memory around Y's elements is written");
+  finding.by_design = upper_note(c);
+}
+
+void judge_lower(const Case& c, uint64_t seed, tavik_context* context, SessionRegions& regions, Finding& finding) {
   if (*std::max_element(c.sessions.begin(), c.sessions.end()) >= regions.n_session()) {
-    finding.verdict = Verdict::left_out;
-    finding.text = "left out: no further session: " + regions.shortage();
-    return finding;
+    finding.left_out = "no further session: " + regions.shortage();
+  } else if (c.kernel->operands == Operands::bytes) {
+    judge_test(c, regions.region(c.sessions[0], 0), context, finding);
+  } else {
+    judge_product(c, seed, context, regions, finding);
   }
-  finding.text = "good";
-  try {
-    if (c.kernel->operands == Operands::bytes) {
-      judge_test(c, regions.region(c.sessions[0], 0), context, finding);
-    } else {
-      judge_product(c, seed, context, regions, finding);
-    }
-  } catch (const Error& error) {
-    finding.judge.fail(error.what());
-  }
-  if (!finding.judge.failure().empty()) {
-    finding.verdict = Verdict::failed;
-    finding.text = "FAILED: " + finding.judge.failure();
-  }
-  return finding;
 }
 
 // ---- Report --------------------------------------------------------------------------------------------------------
@@ -270,14 +284,16 @@ std::string shape_text(const Case& c) {
   if (c.kernel->operands == Operands::bytes) return fmt::format("{} bytes", c.shape.n_row);
   std::string columns = fmt::format("{}", c.shape.n_col[0]);
   if (c.shape.n_col.back() != c.shape.n_col[0]) columns += fmt::format("/{}", c.shape.n_col.back());
+  if (c.row_gap > 0) columns += fmt::format("+{}", c.row_gap);
   return fmt::format("{}x{}x{}", c.shape.n_row, columns, c.shape.n_inner);
 }
 
 std::string sessions_text(const Case& c) {
-  return c.kernel->is_on_host() ? "host" : fmt::format("{}", fmt::join(c.sessions, " "));
+  if (c.kernel->is_on_host()) return "host";
+  return c.kernel->is_upper() ? "-" : fmt::format("{}", fmt::join(c.sessions, " "));
 }
 
-void print_row(const Case& c, const Finding& finding) {
+void print_row(const Case& c, const Finding& finding, const std::string& verdict) {
   constexpr const char* values[] = {"random", "whole", "extreme"};
   std::string deviation, bound;
   if (finding.judge.has_elements()) {
@@ -285,13 +301,57 @@ void print_row(const Case& c, const Finding& finding) {
     bound = fmt::format("{:.2g}", finding.judge.bound());
   }
   fmt::print(row_format, c.kernel->name, shape_text(c), values[static_cast<size_t>(c.values)], sessions_text(c),
-             deviation, bound, fmt::format("{:.3f}", finding.milliseconds), finding.text);
+             deviation, bound, fmt::format("{:.3f}", finding.milliseconds), verdict);
   std::fflush(stdout);
 }
 
+// Examines one case after the other and prints what it finds.
+class Report {
+ public:
+  explicit Report(size_t n_case) : n_case_(n_case) {
+    fmt::print(row_format, "kernel", "shape", "values", "sessions", "deviation", "bound", "ms", "verdict");
+  }
+
+  // `judge` is called with the case, its number and a Finding.
+  template <typename Judging>
+  void examine(std::span<const Case> cases, const Judging& judge) {
+    for (const Case& c : cases) {
+      progress_.show(n_done_, n_case_, "calls");
+      Finding finding;
+      try {
+        judge(c, n_done_, finding);
+      } catch (const Error& error) {
+        finding.judge.fail(error.what());
+      }
+      progress_.clear();
+      print_row(c, finding, verdict_of(finding));
+      ++n_done_;
+    }
+  }
+
+  void conclude() const {
+    fmt::print("{} calls: {} good, {} by design, {} failed, {} left out\n", n_done_, n_good_, n_by_design_, n_failed_,
+               n_left_out_);
+    if (n_failed_ > 0) throw Error("{} of {} calls failed", n_failed_, n_done_);
+  }
+
+ private:
+  std::string verdict_of(const Finding& finding) {
+    const std::string failure = finding.judge.failure();
+    if (!failure.empty()) return ++n_failed_, "FAILED: " + failure;
+    if (!finding.left_out.empty()) return ++n_left_out_, "left out: " + finding.left_out;
+    if (!finding.by_design.empty()) return ++n_by_design_, "by design: " + finding.by_design;
+    return ++n_good_, "good";
+  }
+
+  Progress progress_{true};
+  size_t n_case_;
+  size_t n_done_ = 0, n_good_ = 0, n_by_design_ = 0, n_failed_ = 0, n_left_out_ = 0;
+};
+
 // Limits and region size under which all cases fit.
 struct Room {
-  explicit Room(const std::vector<Case>& cases) : options(default_options()) {
+  explicit Room(std::span<const Case> cases) : options(default_options()) {
     options.n_row_max = options.input_matrix_size_max = options.output_matrix_size_max = 0;
     for (const Case& c : cases) {
       const tavik_options needed = options_for(c.shape);
@@ -305,10 +365,8 @@ struct Room {
   uint64_t region_bytes = 0;
 };
 
-}  // namespace
-
-void verify(const VerifyArguments& arguments) {
-  const std::vector<Case> cases = make_cases(arguments);
+void verify_lower(std::span<const Case> cases, uint64_t seed, Report& report) {
+  if (cases.empty()) return;
   const Room room(cases);
   size_t n_session = 1;
   for (const Case& c : cases) {
@@ -316,22 +374,36 @@ void verify(const VerifyArguments& arguments) {
   }
   const Context context = open_context(room.options);
   SessionRegions regions(context.get(), room.region_bytes, n_session);
+  report.examine(cases, [&](const Case& c, size_t i, Finding& finding) {
+    judge_lower(c, seed + i, context.get(), regions, finding);
+  });
+}
 
-  fmt::print(row_format, "kernel", "shape", "values", "sessions", "deviation", "bound", "ms", "verdict");
-  const Progress progress(true);
-  size_t n_by_verdict[4] = {};
-  for (size_t i = 0; i < cases.size(); ++i) {
-    progress.show(i, cases.size(), "calls");
-    const Finding finding = examine(cases[i], arguments.seed + i, context.get(), regions);
-    progress.clear();
-    print_row(cases[i], finding);
-    ++n_by_verdict[static_cast<size_t>(finding.verdict)];
+void verify_upper(std::span<const Case> cases, uint64_t seed, Report& report) {
+  if (cases.empty()) return;
+  std::optional<UpperInterface> upper;
+  std::string problem;
+  try {
+    upper.emplace();
+  } catch (const Error& error) {
+    problem = error.what();
   }
+  report.examine(cases, [&](const Case& c, size_t i, Finding& finding) {
+    if (!problem.empty()) return finding.judge.fail(problem);
+    judge_upper(c, seed + i, finding);
+  });
+}
 
-  const auto [n_good, n_by_design, n_failed, n_left_out] = n_by_verdict;
-  fmt::print("{} calls: {} good, {} by design, {} failed, {} left out\n", cases.size(), n_good, n_by_design, n_failed,
-             n_left_out);
-  if (n_failed > 0) throw Error("{} of {} calls failed", n_failed, cases.size());
+}  // namespace
+
+// One interface after the other: each takes the DSP's first session.
+void verify(const VerifyArguments& arguments) {
+  const std::vector<Case> cases = make_cases(arguments);
+  const auto upper = std::ranges::find_if(cases, [](const Case& c) { return c.kernel->is_upper(); });
+  Report report(cases.size());
+  verify_lower({cases.begin(), upper}, arguments.seed, report);
+  verify_upper({upper, cases.end()}, arguments.seed, report);
+  report.conclude();
 }
 
 }  // namespace tool
