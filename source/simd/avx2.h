@@ -182,15 +182,12 @@ inline __m256i zip_nibbles(__m256i words) {
 }
 
 // Rows i and i + 4 are loaded into the two halves of one register, so that no exchange between halves is needed.
-template <class Map>
-inline void transpose_words_with(const std::byte* source, size_t source_pitch, std::byte* destination,
-                                 size_t destination_pitch, Map map) {
+template <class Row, class Map>
+inline void transpose_words_with(const Row& row, std::byte* destination, size_t destination_pitch, Map map) {
   for (size_t half = 0; half < 2; ++half) {  // columns 0 to 3, then 4 to 7
-    const auto load_rows = [&](size_t row) {
-      const std::byte* p = source + row * source_pitch + 16 * half;
-      const __m128i upper = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 4 * source_pitch));
-      return map(_mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))),
-                                         upper, 1));
+    const auto load = [&](size_t i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row(i) + 16 * half)); };
+    const auto load_rows = [&](size_t i) {
+      return map(_mm256_inserti128_si256(_mm256_castsi128_si256(load(i)), load(i + 4), 1));
     };
     const auto store_column = [&](size_t column, __m256i words) {
       std::byte* p = destination + (4 * half + column) * destination_pitch;
@@ -205,14 +202,13 @@ inline void transpose_words_with(const std::byte* source, size_t source_pitch, s
     store_column(3, _mm256_unpackhi_epi64(high01, high23));
   }
 }
-inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
-                            size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch, [](__m256i words) { return words; });
+template <class Row>
+inline void transpose_words(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](__m256i words) { return words; });
 }
-inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, std::byte* destination,
-                                  size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch,
-                       [](__m256i words) { return zip_nibbles(words); });
+template <class Row>
+inline void transpose_zip_nibbles(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](__m256i words) { return zip_nibbles(words); });
 }
 
 // Quantisation.

@@ -140,22 +140,21 @@ inline uint32x4_t zip_nibbles(uint32x4_t words) {
 }
 
 // Four blocks of 4 x 4 words.
-template <class Map>
-inline void transpose_words_with(const std::byte* source, size_t source_pitch, std::byte* destination,
-                                 size_t destination_pitch, Map map) {
-  const auto load_row = [&](size_t row, size_t column) {
-    return map(vld1q_u32(reinterpret_cast<const uint32_t*>(source + row * source_pitch + 4 * column)));
+template <class Row, class Map>
+inline void transpose_words_with(const Row& row, std::byte* destination, size_t destination_pitch, Map map) {
+  const auto load_row = [&](size_t i, size_t column) {
+    return map(vld1q_u32(reinterpret_cast<const uint32_t*>(row(i) + 4 * column)));
   };
-  for (size_t row = 0; row < 8; row += 4) {
+  for (size_t first = 0; first < 8; first += 4) {
     for (size_t column = 0; column < 8; column += 4) {
-      const uint32x4_t r0 = load_row(row, column), r1 = load_row(row + 1, column);
-      const uint32x4_t r2 = load_row(row + 2, column), r3 = load_row(row + 3, column);
+      const uint32x4_t r0 = load_row(first, column), r1 = load_row(first + 1, column);
+      const uint32x4_t r2 = load_row(first + 2, column), r3 = load_row(first + 3, column);
       const uint64x2_t even01 = vreinterpretq_u64_u32(vtrn1q_u32(r0, r1));
       const uint64x2_t odd01 = vreinterpretq_u64_u32(vtrn2q_u32(r0, r1));
       const uint64x2_t even23 = vreinterpretq_u64_u32(vtrn1q_u32(r2, r3));
       const uint64x2_t odd23 = vreinterpretq_u64_u32(vtrn2q_u32(r2, r3));
       const auto store_column = [&](size_t index, uint64x2_t words) {
-        std::byte* p = destination + (column + index) * destination_pitch + 4 * row;
+        std::byte* p = destination + (column + index) * destination_pitch + 4 * first;
         vst1q_u32(reinterpret_cast<uint32_t*>(p), vreinterpretq_u32_u64(words));
       };
       store_column(0, vtrn1q_u64(even01, even23));
@@ -165,14 +164,13 @@ inline void transpose_words_with(const std::byte* source, size_t source_pitch, s
     }
   }
 }
-inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
-                            size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch, [](uint32x4_t words) { return words; });
+template <class Row>
+inline void transpose_words(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](uint32x4_t words) { return words; });
 }
-inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, std::byte* destination,
-                                  size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch,
-                       [](uint32x4_t words) { return zip_nibbles(words); });
+template <class Row>
+inline void transpose_zip_nibbles(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](uint32x4_t words) { return zip_nibbles(words); });
 }
 
 // Quantisation.

@@ -143,26 +143,24 @@ inline f16x8 unzip_odd(f16x8 a, f16x8 b) {
   return {{a.lane[1], a.lane[3], a.lane[5], a.lane[7], b.lane[1], b.lane[3], b.lane[5], b.lane[7]}};
 }
 
-template <class Map>
-inline void transpose_words_with(const std::byte* source, size_t source_pitch, std::byte* destination,
-                                 size_t destination_pitch, Map map) {
-  for (size_t row = 0; row < 8; ++row) {
+template <class Row, class Map>
+inline void transpose_words_with(const Row& row, std::byte* destination, size_t destination_pitch, Map map) {
+  for (size_t i = 0; i < 8; ++i) {
     for (size_t column = 0; column < 8; ++column) {
       uint32_t word;
-      std::memcpy(&word, source + row * source_pitch + 4 * column, 4);
+      std::memcpy(&word, row(i) + 4 * column, 4);
       word = map(word);
-      std::memcpy(destination + column * destination_pitch + 4 * row, &word, 4);
+      std::memcpy(destination + column * destination_pitch + 4 * i, &word, 4);
     }
   }
 }
-inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
-                            size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch, [](uint32_t word) { return word; });
+template <class Row>
+inline void transpose_words(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](uint32_t word) { return word; });
 }
-inline void transpose_zip_nibbles(const std::byte* source, size_t source_pitch, std::byte* destination,
-                                  size_t destination_pitch) {
-  transpose_words_with(source, source_pitch, destination, destination_pitch,
-                       [](uint32_t word) { return zip_nibbles(word); });
+template <class Row>
+inline void transpose_zip_nibbles(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](uint32_t word) { return zip_nibbles(word); });
 }
 
 // Quantisation.

@@ -20,7 +20,8 @@
 //   widen                     f16 to f32, exact; a signalling NaN is quieted
 //   zip_low, zip_high         a0 b0 a1 b1 ... of the lower (upper) four lanes
 //   unzip_even, unzip_odd     the even (odd) lanes of a, then those of b
-//   transpose_words           8 rows of 8 32-bit words at a byte pitch to 8 rows at another
+//   transpose_words           8 rows of 8 32-bit words, of which row(i) gives the address, to 8 rows at a byte pitch;
+//                             or from a byte pitch too
 //   transpose_zip_nibbles     the same; in each word nibbles 0 1 2 3 4 5 6 7 become 0 4 1 5 2 6 3 7 on the way
 //   lower_fours, upper_fours  the lower (upper) four lanes of a, then those of b; of f16x8 and f32x8
 //   sums_of_fours(a, b, c, d)  (0 + 1) + (2 + 3) of the lower four lanes of each, then of the upper four
@@ -80,3 +81,12 @@
 #else
 #  error "no vector backend chosen: define MORUN_SIMD_NEON, MORUN_SIMD_AVX2 or MORUN_SIMD_PORTABLE"
 #endif
+
+namespace morun::simd {
+
+inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
+                            size_t destination_pitch) {
+  transpose_words([=](size_t i) { return source + i * source_pitch; }, destination, destination_pitch);
+}
+
+}  // namespace morun::simd
