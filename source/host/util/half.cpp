@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "include/tavik.h"
 #include "source/host/util/streaming.h"
 #include "source/simd/simd.h"
@@ -8,17 +10,26 @@ namespace simd = morun::simd;
 
 constexpr size_t tile_side = 32;
 constexpr size_t tile_elements = tile_side * tile_side;
+constexpr size_t tiles_ahead = 2;  // whose lines are fetched before they are written
 
 bool should_stream(uint64_t n_row, uint64_t n_col, const void* dst) {
   return tavik::should_stream(6 * n_row * n_col, dst) && n_col % 8 == 0;
 }
 
-// Calls body(row, tile, is_pair) for each pair of rows of each whole tile, one pair of rows after the other, so that
-// the rows are read or written in their order; is_pair is false for an odd last row.
-template <class Body>
+// Calls body(row, tile, is_pair) for each pair of rows of each whole tile; is_pair is false for an odd last row. The
+// pairs of a band take turns after some tiles each: tiles lie a good part of a page apart, rows whole pages.
+template <bool streaming, class Body>
 void for_each_row_pair(uint64_t n_row, uint64_t n_col, Body body) {
-  for (uint64_t row = 0; row < n_row; row += 2)
-    for (uint64_t tile = 0; tile < n_col / tile_side; ++tile) body(row, tile, row + 1 < n_row);
+  constexpr uint64_t tiles_at_once = streaming ? 4 : 16;
+  const uint64_t n_tiles = n_col / tile_side;
+  for (uint64_t band = 0; band < n_row; band += tile_side) {
+    const uint64_t end_row = std::min(band + tile_side, n_row);
+    for (uint64_t first = 0; first < n_tiles; first += tiles_at_once) {
+      const uint64_t end_tile = std::min(first + tiles_at_once, n_tiles);
+      for (uint64_t row = band; row < end_row; row += 2)
+        for (uint64_t tile = first; tile < end_tile; ++tile) body(row, tile, row + 1 < end_row);
+    }
+  }
 }
 
 // Where the interleaved values of a row pair start in the tiles.
@@ -29,10 +40,11 @@ uint64_t place_of_pair(uint64_t row, uint64_t tile, uint64_t n_col) {
 template <bool streaming>
 void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* dst) {
   static constexpr float zeros[tile_side] = {};
-  for_each_row_pair(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
+  for_each_row_pair<streaming>(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
     const float* const even = src + row * n_col + tile * tile_side;
     const float* const odd = is_pair ? even + n_col : zeros;
     uint16_t* const pair = dst + place_of_pair(row, tile, n_col);
+    tavik::fetch_for_put<streaming>(pair + tiles_ahead * tile_elements, 2 * tile_side);
     for (size_t i = 0; i < tile_side; i += 8) {
       const simd::f16x8 a = simd::narrow(simd::load(even + i)), b = simd::narrow(simd::load(odd + i));
       tavik::put<streaming>(pair + 2 * i, simd::zip_low(a, b));
@@ -44,9 +56,11 @@ void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* d
 
 template <bool streaming>
 void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst) {
-  for_each_row_pair(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
+  for_each_row_pair<streaming>(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
     const uint16_t* const pair = src + place_of_pair(row, tile, n_col);
     float* const even = dst + row * n_col + tile * tile_side;
+    tavik::fetch_for_put<streaming>(even + tiles_ahead * tile_side, tile_side);
+    if (is_pair) tavik::fetch_for_put<streaming>(even + n_col + tiles_ahead * tile_side, tile_side);
     // Whole cache lines of one row, then of the other.
     for (size_t i = 0; i < tile_side; i += 16) {
       const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);

@@ -21,4 +21,11 @@ void put(T* p, Vector v) {
   morun::simd::store(p, v);
 }
 
+// Fetches `count` elements that are put later, unless they are put past the caches.
+template <bool streaming, class T>
+void fetch_for_put(const T* p, size_t count) {
+  constexpr size_t line_elements = 64 / sizeof(T);
+  for (size_t i = 0; !streaming && i < count; i += line_elements) morun::simd::prefetch(p + i);
+}
+
 }  // namespace tavik
