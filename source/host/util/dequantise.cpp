@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 
 #include "include/morun.h"
 #include "include/tavik.h"
@@ -61,9 +62,28 @@ void for_each_tile_group(uint64_t n_row, uint64_t n_col, Body body) {
   }
 }
 
+// Whether no result can be NaN: what the scales are multiplied with is finite and below 2^46.
+template <class ZeroPoint>
+bool are_scales_ordinary(uint64_t n_row, uint64_t n_col, const ResultRows& rows,
+                         const ResultColumns<ZeroPoint>& columns) {
+  constexpr uint16_t f16_exponent = 0x7c00;
+  bool ordinary = true;
+  for (uint64_t row = 0; row < n_row; ++row) ordinary &= std::fabs(rows.scales[row]) < 0x1p64f;
+  for (uint64_t column = 0; column < n_col; ++column)
+    ordinary &= (columns.scales[column] & f16_exponent) != f16_exponent;
+  return ordinary;
+}
+
+// Its row that is at the place of `row`.
+void fetch_next_tile(const int32_t* row) {
+  simd::prefetch(row + int_tile_elements);
+  simd::prefetch(row + int_tile_elements + int_tile_cols / 2);
+}
+
 template <bool streaming, class ZeroPoint>
 void dequantise(uint64_t n_row, uint64_t n_col, float n_inner, float* dst, const int32_t* acc, const ResultRows& rows,
                 const ResultColumns<ZeroPoint>& columns) {
+  const bool can_be_nan = !are_scales_ordinary(n_row, n_col / int_tile_cols * int_tile_cols, rows, columns);
   for_each_tile_group<streaming>(n_row, n_col, [&](const TileGroup& group) {
     ColumnTerms terms[4];
     for (size_t i = 0; i < 4; ++i) terms[i] = load_columns(columns, group.column + 8 * i);
@@ -73,14 +93,17 @@ void dequantise(uint64_t n_row, uint64_t n_col, float n_inner, float* dst, const
       float* const to = dst + row * n_col + group.column;
       const simd::f32x8 row_sum = simd::broadcast(static_cast<float>(rows.sums[row]));
       const simd::f32x8 row_scale = simd::broadcast(rows.scales[row]);
+      fetch_next_tile(from);
+      simd::f32x8 results[4];
       for (size_t i = 0; i < 4; ++i) {
         simd::f32x8 t = simd::to_float(simd::load(from + 8 * i));
         t = simd::fused_multiply_add(simd::broadcast(-128), terms[i].sum, t);
         t = simd::fused_multiply_add(terms[i].negative_zero_point, row_sum, t);
         t = simd::fused_multiply_add(terms[i].zero_point_128, simd::broadcast(n_inner), t);
-        t = simd::multiply(simd::multiply(t, row_scale), terms[i].scale);
-        put<streaming>(to + 8 * i, simd::settle_nan(t));
+        results[i] = simd::multiply(simd::multiply(t, row_scale), terms[i].scale);
       }
+      for (size_t i = 0; can_be_nan && i < 4; ++i) results[i] = simd::settle_nan(results[i]);
+      for (size_t i = 0; i < 4; ++i) put<streaming>(to + 8 * i, results[i]);
     }
   });
 }
@@ -101,9 +124,10 @@ template <bool streaming>
 void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
   for_each_tile_group<streaming>(n_row, n_col, [&](const TileGroup& group) {
     for (uint64_t r = 0; r < group.n_row; ++r) {
+      const int32_t* const from = src + group.place + r * int_tile_cols;
       int32_t* const to = dst + (group.row + r) * n_col + group.column;
-      for (size_t i = 0; i < int_tile_cols; i += 8)
-        put<streaming>(to + i, simd::load(src + group.place + r * int_tile_cols + i));
+      fetch_next_tile(from);
+      for (size_t i = 0; i < int_tile_cols; i += 8) put<streaming>(to + i, simd::load(from + i));
     }
   });
 }
