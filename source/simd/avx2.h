@@ -266,7 +266,7 @@ inline f32x8 settle_nan(f32x8 a) {
 inline i32x8 to_nearest(f32x8 a) {
   // The largest float below one half: it lifts halves, and nothing below them, to the next whole number.
   const __m256 half = _mm256_set1_ps(0x0.ffffffp-1f);
-  const __m256 signed_half = _mm256_blendv_ps(half, _mm256_sub_ps(_mm256_setzero_ps(), half), a.v);
+  const __m256 signed_half = _mm256_or_ps(half, _mm256_and_ps(a.v, _mm256_set1_ps(-0.0f)));
   return {_mm256_cvttps_epi32(_mm256_add_ps(a.v, signed_half))};
 }
 inline f32x8 to_float(i32x8 a) {
