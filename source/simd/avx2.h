@@ -273,9 +273,9 @@ inline f32x8 to_float(i32x8 a) {
   return {_mm256_cvtepi32_ps(a.v)};
 }
 
-inline i32x8 load_magnitude_bits(const float* p) {
+inline i32x8 greater_magnitude(const float* p, i32x8 a) {
   const __m256i bits = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-  return {_mm256_and_si256(bits, _mm256_set1_epi32(0x7fffffff))};
+  return {_mm256_max_epi32(_mm256_and_si256(bits, _mm256_set1_epi32(0x7fffffff)), a.v)};
 }
 inline i32x8 greater(i32x8 a, i32x8 b) {
   return {_mm256_max_epi32(a.v, b.v)};

@@ -237,8 +237,11 @@ inline f32x8 to_float(i32x8 a) {
   return {vcvtq_f32_s32(a.low), vcvtq_f32_s32(a.high)};
 }
 
-inline i32x8 load_magnitude_bits(const float* p) {
-  return {vreinterpretq_s32_f32(vabsq_f32(vld1q_f32(p))), vreinterpretq_s32_f32(vabsq_f32(vld1q_f32(p + 4)))};
+inline int32x4_t greater_magnitude(const float* p, int32x4_t a) {
+  return vreinterpretq_s32_f32(vmaxq_f32(vabsq_f32(vld1q_f32(p)), vreinterpretq_f32_s32(a)));
+}
+inline i32x8 greater_magnitude(const float* p, i32x8 a) {
+  return {greater_magnitude(p, a.low), greater_magnitude(p + 4, a.high)};
 }
 inline i32x8 greater(i32x8 a, i32x8 b) {
   return {vmaxq_s32(a.low, b.low), vmaxq_s32(a.high, b.high)};
@@ -271,8 +274,8 @@ inline u8x32 flip_top_bits(u8x32 a) {
   return {veorq_u8(a.low, vdupq_n_u8(128)), veorq_u8(a.high, vdupq_n_u8(128))};
 }
 inline i32x8 add_bytes(i32x8 sums, u8x32 a) {
-  return {vreinterpretq_s32_u32(vpadalq_u16(vreinterpretq_u32_s32(sums.low), vpaddlq_u8(a.low))),
-          vreinterpretq_s32_u32(vpadalq_u16(vreinterpretq_u32_s32(sums.high), vpaddlq_u8(a.high)))};
+  const uint16x8_t fours = vpadalq_u8(vpaddlq_u8(a.low), a.high);
+  return {vreinterpretq_s32_u32(vpadalq_u16(vreinterpretq_u32_s32(sums.low), fours)), sums.high};
 }
 inline void store_nibbles(uint32_t* p, u8x32 a) {
   const uint8x16_t even = vuzp1q_u8(a.low, a.high), odd = vuzp2q_u8(a.low, a.high);

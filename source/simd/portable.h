@@ -238,15 +238,15 @@ inline f32x8 to_float(i32x8 v) {
   return r;
 }
 
-inline i32x8 load_magnitude_bits(const float* p) {
-  i32x8 v;
-  std::memcpy(v.lane, p, sizeof v.lane);
-  for (int32_t& x : v.lane) x &= 0x7fffffff;
-  return v;
-}
 inline i32x8 greater(i32x8 a, i32x8 b) {
   for (int i = 0; i < 8; ++i) b.lane[i] = a.lane[i] > b.lane[i] ? a.lane[i] : b.lane[i];
   return b;
+}
+inline i32x8 greater_magnitude(const float* p, i32x8 a) {
+  i32x8 v;
+  std::memcpy(v.lane, p, sizeof v.lane);
+  for (int32_t& x : v.lane) x &= 0x7fffffff;
+  return greater(v, a);
 }
 inline int32_t wrapping_sum(int32_t a, uint32_t b) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + b);

@@ -46,8 +46,8 @@
 //   settle_nan                0x7fc00000 in place of every NaN
 //   to_nearest                f32 to i32, half away from zero; for magnitudes below 2^31
 //   to_float                  i32 to f32, nearest even
-//   load_magnitude_bits       the bit patterns of the absolute values of eight floats; as integers they are in the
-//                             order of the values, NaN last
+//   greater_magnitude(p, a)   the bit patterns of the absolute values of eight floats or, where greater, those in a; NaN
+//                             is greater than all else, which NaN is up to the backend
 //   add, sum                  of i32x8: modulo 2^32; sum is over the lanes
 //   greatest                  the greatest lane
 //   pack_bytes(a, b, c, d)    values of -128 to 127 to bytes, in this order

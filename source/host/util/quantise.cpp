@@ -22,7 +22,7 @@ int32_t largest_magnitude_bits(const float* row, uint64_t n_col) {
   simd::i32x8 largest[4] = {};
   uint64_t c = 0;
   for (; c + segment_cols <= n_col; c += segment_cols)
-    for (size_t i = 0; i < 4; ++i) largest[i] = simd::greater(simd::load_magnitude_bits(row + c + 8 * i), largest[i]);
+    for (size_t i = 0; i < 4; ++i) largest[i] = simd::greater_magnitude(row + c + 8 * i, largest[i]);
   int32_t bits = simd::greatest(simd::greater(simd::greater(largest[0], largest[1]),  //
                                               simd::greater(largest[2], largest[3])));
   for (; c < n_col; ++c) bits = std::max(bits, magnitude_bits(row[c]));
