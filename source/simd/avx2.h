@@ -310,6 +310,16 @@ inline u8x32 pack_high_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
   return order_groups(_mm256_packs_epi16(_mm256_srai_epi16(_mm256_packs_epi32(a.v, b.v), 8),
                                          _mm256_srai_epi16(_mm256_packs_epi32(c.v, d.v), 8)));
 }
+// Twice the products, cut off, hold what rounds them: half of a magnitude, rounded up.
+inline u8x32 scale_to_bytes(const float* p, f32x8 factor) {
+  const f32x8 twice_factor = add(factor, factor);
+  const auto twice = [&](size_t i) { return _mm256_cvttps_epi32(multiply(load(p + 8 * i), twice_factor).v); };
+  const __m256i low = _mm256_packs_epi32(twice(0), twice(1)), high = _mm256_packs_epi32(twice(2), twice(3));
+  const __m256i magnitudes = _mm256_packus_epi16(_mm256_abs_epi16(low), _mm256_abs_epi16(high));
+  const __m256i rounded = _mm256_avg_epu8(magnitudes, _mm256_setzero_si256());
+  const __m256i bytes = _mm256_sign_epi8(rounded, _mm256_packs_epi16(low, high));
+  return {_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7))};
+}
 inline u8x32 flip_top_bits(u8x32 a) {
   return {_mm256_xor_si256(a.v, _mm256_set1_epi8(-128))};
 }

@@ -270,6 +270,10 @@ inline u8x32 pack_high_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
 inline u8x32 pack_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
   return pack_low_bytes(a, b, c, d);
 }
+inline u8x32 scale_to_bytes(const float* p, f32x8 factor) {
+  const auto scaled = [&](size_t i) { return to_nearest(multiply(load(p + 8 * i), factor)); };
+  return pack_bytes(scaled(0), scaled(1), scaled(2), scaled(3));
+}
 inline u8x32 flip_top_bits(u8x32 a) {
   return {veorq_u8(a.low, vdupq_n_u8(128)), veorq_u8(a.high, vdupq_n_u8(128))};
 }

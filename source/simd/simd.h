@@ -52,6 +52,8 @@
 //   greatest                  the greatest lane
 //   pack_bytes(a, b, c, d)    values of -128 to 127 to bytes, in this order
 //   pack_low_bytes, pack_high_bytes  bits 0 to 7, bits 8 to 15 of values of -2^15 to 2^15 - 1
+//   scale_to_bytes(p, factor) 32 floats times the factor, rounded as multiply and to_nearest do, to bytes; for products
+//                             of magnitudes up to 127 and a factor whose double is finite
 //   flip_top_bits             adds 128 to each byte, modulo 2^8
 //   add_bytes(sums, a)        each byte, unsigned, to one of the lanes; which one is up to the backend
 //   store_nibbles             the low nibbles of 32 bytes as four words, the first least significant

@@ -40,7 +40,7 @@ float largest_number(const float* row, uint64_t n_col) {
 struct Step {
   float scale;
   float inverse;
-  // No element is NaN or infinite and neither is the inverse: every quotient stays within the divisor's magnitude.
+  // No element is NaN or infinite and neither is twice the inverse: every quotient stays within the divisor's magnitude.
   bool is_ordinary;
 };
 
@@ -49,7 +49,7 @@ Step step_of(const float* row, uint64_t n_col, float divisor) {
   const float largest = bits > infinity_bits ? largest_number(row, n_col) : std::bit_cast<float>(bits);
   const float scale = largest / divisor;
   const float inverse = scale != 0 ? 1 / scale : 0;
-  return {scale, inverse, bits < infinity_bits && std::isfinite(inverse)};
+  return {scale, inverse, bits < infinity_bits && std::isfinite(2 * inverse)};
 }
 
 // Rounded half away from zero; NaN to 0, what is out of range to the nearest bound.
@@ -78,8 +78,8 @@ struct Tiles {
   }
 };
 
-// The destination of a row takes whole segments, adding them to sums kept in a vector, whose total is asked for in the
-// end, and single values.
+// The destination of a row takes whole segments, which it quantises and adds to sums kept in a vector, whose total is
+// asked for in the end, and single values.
 
 // 8 bits, offset 128, in a layout of rows.
 template <class Layout, bool streaming>
@@ -88,8 +88,8 @@ class To8Bits {
   static constexpr float divisor = 127;
 
   To8Bits(const Layout& layout, uint64_t row) : row_(layout.row(row)) {}
-  simd::i32x8 put_segment(uint64_t column, const Segment& v, simd::i32x8 sums) const {
-    const simd::u8x32 bytes = simd::flip_top_bits(simd::pack_bytes(v[0], v[1], v[2], v[3]));
+  simd::i32x8 put_segment(uint64_t column, const float* from, simd::f32x8 inverse, simd::i32x8 sums) const {
+    const simd::u8x32 bytes = simd::flip_top_bits(simd::scale_to_bytes(from, inverse));
     put<streaming>(segment(column), bytes);
     return simd::add_bytes(sums, bytes);
   }
@@ -115,7 +115,9 @@ class To16Bits {
   static constexpr float divisor = 32767;
 
   To16Bits(const Planes& planes, uint64_t row) : high_(planes.high.row(row)), low_(planes.low.row(row)) {}
-  simd::i32x8 put_segment(uint64_t column, const Segment& v, simd::i32x8 sums) const {
+  simd::i32x8 put_segment(uint64_t column, const float* from, simd::f32x8 inverse, simd::i32x8 sums) const {
+    Segment v;
+    for (size_t i = 0; i < 4; ++i) v[i] = simd::to_nearest(simd::multiply(simd::load(from + 8 * i), inverse));
     simd::store(high_ + column, simd::flip_top_bits(simd::pack_high_bytes(v[0], v[1], v[2], v[3])));
     simd::store(low_ + column, simd::pack_low_bytes(v[0], v[1], v[2], v[3]));
     return simd::add(sums, simd::add(simd::add(v[0], v[1]), simd::add(v[2], v[3])));
@@ -157,12 +159,8 @@ void quantise_ordinary(const float* src, const float* end, uint64_t n_col, const
       simd::prefetch(src + ahead + r * n_col + c);
       simd::prefetch(src + ahead + r * n_col + c + segment_cols / 2);
     }
-    for (size_t r = 0; r < count; ++r) {
-      const float* const from = src + r * n_col + c;
-      Segment v;
-      for (size_t i = 0; i < 4; ++i) v[i] = simd::to_nearest(simd::multiply(simd::load(from + 8 * i), inverses[r]));
-      segment_sums[r] = rows[r].put_segment(c, v, segment_sums[r]);
-    }
+    for (size_t r = 0; r < count; ++r)
+      segment_sums[r] = rows[r].put_segment(c, src + r * n_col + c, inverses[r], segment_sums[r]);
   }
   for (size_t r = 0; r < count; ++r)
     sums[r] = Row::total(segment_sums[r], n_col / segment_cols) +
