@@ -59,8 +59,7 @@ class BandRows {
  private:
   std::byte* home(size_t row) const { return band_ + row * row_bytes_; }
   size_t kept_from(size_t row) const { return row * row_bytes_ / strip_bytes / step_ * step_ * line; }
-  // A line more than is kept: rows of a power of two would all fall into the same sets of the first-level cache.
-  size_t place_bytes(size_t row) const { return n_strips() * line - kept_from(row) + line; }
+  size_t place_bytes(size_t row) const { return n_strips() * line - kept_from(row); }
   size_t scratch_bytes() const {
     size_t bytes = 0;
     for (size_t i = 0; i < band_rows; ++i) bytes += place_bytes(i);

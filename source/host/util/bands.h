@@ -1,5 +1,5 @@
 // The tiled layouts whose 32-row bands occupy the same bytes as the rows of the matrix: each converter makes one pass
-// over the data, in place, with scratch for a band at most.
+// over the data, in place, with scratch for little more than half a band.
 #pragma once
 
 #include <cstddef>
