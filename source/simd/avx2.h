@@ -41,6 +41,9 @@ inline void fence_streaming() {
 inline void prefetch(const void* p) {
   _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0);
 }
+inline void prefetch_outer(const void* p) {
+  _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T1);
+}
 inline void store_fours(float* lower, float* upper, f32x8 a) {
   _mm_storeu_ps(lower, _mm256_castps256_ps128(a.v));
   _mm_storeu_ps(upper, _mm256_extractf128_ps(a.v, 1));

@@ -41,6 +41,9 @@ inline void fence_streaming() {}
 inline void prefetch(const void* p) {
   __builtin_prefetch(p);
 }
+inline void prefetch_outer(const void* p) {
+  __builtin_prefetch(p, 0, 2);
+}
 inline void store_fours(float* lower, float* upper, f32x8 a) {
   vst1q_f32(lower, a.low);
   vst1q_f32(upper, a.high);

@@ -41,6 +41,7 @@ inline void store_streaming(uint16_t* p, f16x8 v) {
 }
 inline void fence_streaming() {}
 inline void prefetch(const void*) {}
+inline void prefetch_outer(const void*) {}
 inline void store_fours(float* lower, float* upper, f32x8 v) {
   std::memcpy(lower, v.lane, sizeof v.lane / 2);
   std::memcpy(upper, v.lane + 4, sizeof v.lane / 2);

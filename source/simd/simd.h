@@ -25,7 +25,7 @@
 //   transpose_zip_nibbles     the same; in each word nibbles 0 1 2 3 4 5 6 7 become 0 4 1 5 2 6 3 7 on the way
 //   lower_fours, upper_fours  the lower (upper) four lanes of a, then those of b; of f16x8 and f32x8
 //   sums_of_fours(a, b, c, d)  (0 + 1) + (2 + 3) of the lower four lanes of each, then of the upper four
-//   prefetch                  a hint; any address is allowed
+//   prefetch, prefetch_outer  a hint; any address is allowed; the latter leaves the first-level cache alone
 //
 // Long sums in half arithmetic take a type of their own, for which a backend may choose registers and rounding mode:
 //

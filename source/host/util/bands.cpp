@@ -78,8 +78,8 @@ class BandRows {
   size_t n_away_ = 0;  // the first ones
 };
 
-// Fetches the next band into the caches, a little with each step of the work on this one. Not in a matrix that may well
-// be there already.
+// Fetches the next band into the outer caches, a few lines at a time while this one is worked on. Not in a matrix that
+// may well be there already.
 class NextBand {
  public:
   NextBand(const std::byte* data, const std::byte* end, size_t band_bytes)
@@ -90,7 +90,7 @@ class NextBand {
   }
   void fetch(size_t bytes) {
     const std::byte* const stop = next_ + std::min(bytes, static_cast<size_t>(stop_ - next_));
-    for (; next_ < stop; next_ += line) simd::prefetch(next_);
+    for (; next_ < stop; next_ += line) simd::prefetch_outer(next_);
   }
 
  private:
@@ -108,7 +108,7 @@ uint16_t* halves(std::byte* p) {
   return reinterpret_cast<uint16_t*>(p);
 }
 
-void interleave_strip(const BandRows& rows, size_t strip, std::byte* to) {
+void interleave_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand& next) {
   for (size_t row = 0; row < band_rows; row += 2) {
     const uint16_t* const even = halves(rows.row(row) + strip * line);
     const uint16_t* const odd = halves(rows.row(row + 1) + strip * line);
@@ -118,10 +118,11 @@ void interleave_strip(const BandRows& rows, size_t strip, std::byte* to) {
       simd::store(pair + 2 * i, simd::zip_low(a, b));
       simd::store(pair + 2 * i + 8, simd::zip_high(a, b));
     }
+    next.fetch(2 * line);
   }
 }
 
-void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows) {
+void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows, NextBand& next) {
   for (size_t row = 0; row < band_rows; row += 2) {
     std::byte* const even_row = rows.row(row);
     std::byte* const odd_row = rows.row(row + 1);
@@ -134,6 +135,7 @@ void separate_strips(const std::byte* from, size_t begin, size_t end, const Band
         simd::store(even + i, simd::unzip_even(a, b));
         simd::store(odd + i, simd::unzip_odd(a, b));
       }
+      next.fetch(2 * line);
     }
   }
 }
@@ -152,11 +154,13 @@ void transpose_words(const BandRows& rows, size_t row, size_t column, std::byte*
 }
 
 template <WordMap map>
-void transpose_strip(const BandRows& rows, size_t strip, std::byte* to) {
+void transpose_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand& next) {
   // Eight lines at a time: those of all rows may fall into the same sets of the first-level cache.
-  for (size_t row = 0; row < band_rows; row += 8)
+  for (size_t row = 0; row < band_rows; row += 8) {
     for (size_t word = 0; word < strip_words; word += 8)
       transpose_words<map>(rows, row, strip * line + 4 * word, to + word * word_column_bytes);
+    next.fetch(8 * line);
+  }
 }
 
 // One that is narrower.
@@ -183,7 +187,7 @@ void transpose_band_in_place(uint64_t words_per_row, WordMap map, std::byte* ban
   }
 }
 
-// Calls put(strip, place of its piece) for each strip of each band.
+// Calls put(strip, place of its piece, next band) for each strip of each band; put fetches as much as it writes.
 template <class Put>
 void rows_to_strips(BandRows& rows, std::byte* data, std::byte* end, Put put) {
   NextBand next(data, end, rows.band_bytes());
@@ -192,18 +196,17 @@ void rows_to_strips(BandRows& rows, std::byte* data, std::byte* end, Put put) {
     next.start_after(band);
     for (size_t strip = 0; strip < rows.n_strips(); ++strip) {
       rows.make_way_for(strip);
-      put(strip, band + strip * strip_bytes);
-      next.fetch(strip_bytes);
+      put(strip, band + strip * strip_bytes, next);
     }
   }
 }
 
 template <WordMap map>
 void rows_to_word_columns(BandRows& rows, uint64_t words_per_row, std::byte* data, std::byte* end) {
-  rows_to_strips(rows, data, end, [&](size_t strip, std::byte* to) {
+  rows_to_strips(rows, data, end, [&](size_t strip, std::byte* to, NextBand& next) {
     const size_t n_words = words_per_row - strip * strip_words;
     if (n_words < strip_words) return transpose_last_strip<map>(rows, strip, n_words, to);
-    transpose_strip<map>(rows, strip, to);
+    transpose_strip<map>(rows, strip, to, next);
   });
 }
 
@@ -217,7 +220,7 @@ void f16_rows_to_ah(uint64_t n_row, uint64_t n_col, uint16_t* data) {
     return block_linearize(n_row / 2, 2 * n_col, 16, 64, 2, bytes);
   }
   rows_to_strips(rows, bytes, bytes + n_row * n_col * 2,
-                 [&](size_t strip, std::byte* to) { interleave_strip(rows, strip, to); });
+                 [&](size_t strip, std::byte* to, NextBand& next) { interleave_strip(rows, strip, to, next); });
 }
 
 void f16_ah_to_rows(uint64_t n_row, uint64_t n_col, uint16_t* data) {
@@ -234,9 +237,8 @@ void f16_ah_to_rows(uint64_t n_row, uint64_t n_col, uint16_t* data) {
     next.start_after(band);
     for (size_t stop = rows.n_strips(); stop > 0;) {
       const size_t start = (stop - 1) / strips_at_once * strips_at_once;
-      separate_strips(band, start, stop, rows);
+      separate_strips(band, start, stop, rows, next);
       rows.return_after(start);
-      next.fetch((stop - start) * strip_bytes);
       stop = start;
     }
   }
