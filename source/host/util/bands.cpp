@@ -78,8 +78,8 @@ class BandRows {
   size_t n_away_ = 0;  // the first ones
 };
 
-// Fetches the next band into the outer caches, a few lines at a time while this one is worked on. Not in a matrix that
-// may well be there already.
+// Fetches the next band into the outer caches, a little at a time while this one is worked on. Not in a matrix that may
+// well be there already.
 class NextBand {
  public:
   NextBand(const std::byte* data, const std::byte* end, size_t band_bytes)
@@ -122,7 +122,7 @@ void interleave_strip(const BandRows& rows, size_t strip, std::byte* to, NextBan
   }
 }
 
-void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows, NextBand& next) {
+void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows) {
   for (size_t row = 0; row < band_rows; row += 2) {
     std::byte* const even_row = rows.row(row);
     std::byte* const odd_row = rows.row(row + 1);
@@ -135,7 +135,6 @@ void separate_strips(const std::byte* from, size_t begin, size_t end, const Band
         simd::store(even + i, simd::unzip_even(a, b));
         simd::store(odd + i, simd::unzip_odd(a, b));
       }
-      next.fetch(2 * line);
     }
   }
 }
@@ -237,8 +236,9 @@ void f16_ah_to_rows(uint64_t n_row, uint64_t n_col, uint16_t* data) {
     next.start_after(band);
     for (size_t stop = rows.n_strips(); stop > 0;) {
       const size_t start = (stop - 1) / strips_at_once * strips_at_once;
-      separate_strips(band, start, stop, rows, next);
+      separate_strips(band, start, stop, rows);
       rows.return_after(start);
+      next.fetch((stop - start) * strip_bytes);
       stop = start;
     }
   }
