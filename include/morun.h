@@ -76,7 +76,8 @@ int32_t morun_npu_alloc(uint64_t size, void** out_ptr);
 /* Frees a buffer; NULL is allowed. Status 14 when `ptr` is not the start of a buffer that morun_npu_alloc ever gave, 1
  * when the lower interface refuses, as it does when the buffer has been freed before.
  * Kept: the registry's entry stays until its descriptor is given out again. Where an older entry at a lower descriptor
- * holds the address of a newer buffer, the older one is found. */
+ * holds the address of a newer buffer, the older one is found: a program that opens a file at the descriptor of a buffer
+ * it has freed can lose a later buffer so, the products' own among them. */
 int32_t morun_npu_free(void* ptr);
 
 /* The descriptor by which the lower interface knows the buffer that starts at `ptr`, or -1. A buffer that has been freed
