@@ -17,7 +17,7 @@
 
 namespace {
 
-// 128 x 128 and some more. No record has more: the NPU then never refuses an integer product and so ends the process.
+// No record has more: 128 x 128 and some. The NPU never refuses such integer products, which would end the process.
 constexpr uint64_t elements_max = 17 * 1024, width_max = 4, page = 4096, region_bytes = elements_max * width_max + page;
 
 // Three regions of the heap and three of shared memory. Each of their pages is as those of `pattern` before every call.
