@@ -4,9 +4,12 @@
 #include <cstring>
 
 #include "source/host/util/scratch.h"
+#include "source/simd/simd.h"
 
 namespace tavik {
 namespace {
+
+namespace simd = morun::simd;
 
 // A permutation of the places 0 to size - 1: place `to` of the transpose of an n_row x n_col matrix takes from
 // source_of(to).
@@ -40,7 +43,7 @@ void follow_cycles(const Transposition& transposition, size_t unit, size_t offse
   }
 }
 
-// The four widths of elements as constants, so that a unit's copy is one instruction where it can be.
+// The usual sizes of units as constants, so that a unit's copy is an instruction or a few.
 template <class Body>
 void with_constant_size(size_t size, Body body) {
   switch (size) {
@@ -50,9 +53,61 @@ void with_constant_size(size_t size, Body body) {
       return body([] { return size_t{2}; });
     case 4:
       return body([] { return size_t{4}; });
+    case 16:
+      return body([] { return size_t{16}; });
     default:
       return body([size] { return size; });
   }
+}
+
+// Rows [row, row_end) and columns [column, column_end) of an n_row x n_col matrix to their places in the transpose.
+struct Patch {
+  uint64_t row, row_end, column, column_end;
+};
+template <class Size>
+void transpose_patch(uint64_t n_row, uint64_t n_col, const Patch& patch, Size size, const std::byte* from,
+                     std::byte* to) {
+  for (uint64_t column = patch.column; column < patch.column_end; ++column)
+    for (uint64_t row = patch.row; row < patch.row_end; ++row)
+      memcpy(to + (column * n_row + row) * size(), from + (row * n_col + column) * size(), size());
+}
+
+// Eight by eight elements of 2 or 4 bytes; pitches in bytes.
+void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch, size_t width) {
+  if (width == 4) return simd::transpose_words(from, from_pitch, to, to_pitch);
+  simd::f16x8 row[8], zipped[8];
+  for (size_t i = 0; i < 8; ++i) row[i] = simd::load(reinterpret_cast<const uint16_t*>(from + i * from_pitch));
+  // Rows i and i + 4 become neighbours, three times over.
+  for (int again = 0; again < 3; ++again) {
+    for (size_t i = 0; i < 4; ++i) {
+      zipped[2 * i] = simd::zip_low(row[i], row[i + 4]);
+      zipped[2 * i + 1] = simd::zip_high(row[i], row[i + 4]);
+    }
+    std::copy(zipped, zipped + 8, row);
+  }
+  for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch), row[i]);
+}
+
+// To other memory. In patches: down a column, lines are read whole that the next columns need again, and rows of a power
+// of two would fight for the same sets of the caches.
+void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* from, std::byte* to) {
+  constexpr uint64_t side = 32;
+  with_constant_size(unit, [&](auto size) {
+    for (uint64_t column = 0; column < n_col; column += side) {
+      for (uint64_t row = 0; row < n_row; row += side) {
+        const Patch patch = {row, std::min(row + side, n_row), column, std::min(column + side, n_col)};
+        const bool is_whole = patch.row_end == row + side && patch.column_end == column + side;
+        if (!is_whole || (size() != 2 && size() != 4)) {
+          transpose_patch(n_row, n_col, patch, size, from, to);
+          continue;
+        }
+        for (uint64_t c = column; c < patch.column_end; c += 8)
+          for (uint64_t r = row; r < patch.row_end; r += 8)
+            transpose_eight(from + (r * n_col + c) * size(), n_col * size(), to + (c * n_row + r) * size(),
+                            n_row * size(), size());
+      }
+    }
+  });
 }
 
 uint64_t divide_up(uint64_t value, uint64_t divisor) {
@@ -82,15 +137,7 @@ void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* dat
       follow_cycles(transposition, unit, offset, std::min<size_t>(64, unit - offset), data);
     return;
   }
-  with_constant_size(unit, [&](auto size) {
-    std::byte* to = scratch.bytes();
-    for (uint64_t column = 0; column < n_col; ++column) {
-      for (uint64_t row = 0; row < n_row; ++row) {
-        memcpy(to, data + (row * n_col + column) * size(), size());
-        to += size();
-      }
-    }
-  });
+  transpose_to(n_row, n_col, unit, data, scratch.bytes());
   memcpy(data, scratch.bytes(), n_row * n_col * unit);
 }
 
