@@ -128,6 +128,11 @@ TEST_F(FusedProducts, NameTheCallThatFailed) {
       const std::string function = "tavik_npu_" + (count == 1 ? "" : std::to_string(count)) + "mm" + kernels[kind];
       EXPECT_EQ(last_error(false), "1 " + function + " source/host/kernels 0: " + whole.substr(0, 127));
       for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(a[i] == untouched, i + 1 >= c.nth) << c.call << " " << i;
+      if (c.products > 1) {
+        parlo_emulator_trace_clear();
+        EXPECT_EQ(c.run(), 0u) << last_error();
+        EXPECT_EQ(test::trace(), std::vector{std::to_string(method)});
+      }
     }
     while (context_->n_buffers > 0) release(context_, context_->buffer_fd[0]);
   }
