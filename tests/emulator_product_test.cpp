@@ -98,6 +98,11 @@ std::vector<uint16_t> any_halves(Random& random, size_t count, uint32_t largest_
     half = static_cast<uint16_t>((half & 0x83ffu) | (half >> 10 & 31u) % (largest_exponent + 1) << 10);
   return halves;
 }
+// Rows as padding leaves them.
+void clear_rows(std::vector<uint16_t>& X, size_t first, const Shape& s) {
+  for (size_t r = first; r < s.n_row; ++r)
+    for (size_t k = 0; k < s.n_inner; ++k) X[position_ah(r, k, s.n_inner)] = 0;
+}
 // X and W are in tiles.
 void EmulatorProduct::check_halves(const Shape& shape, const std::vector<uint16_t>& X, const std::vector<uint16_t>& W) {
   const auto& [n_row, n_col, n_inner] = shape;
@@ -132,6 +137,18 @@ TEST_F(EmulatorProduct, HasTheBitsOfOrderedSumsOnAnyNumberOfThreads) {
   ASSERT_EQ(sched_setaffinity(0, sizeof all, &all), 0);
 }
 
+TEST_F(EmulatorProduct, HasThemWithRowsOfZerosToo) {
+  const auto check = [&](const Shape& s, std::initializer_list<size_t> counts) {
+    std::vector<uint16_t> X = any_halves(random, s.n_row * s.n_inner, 17);
+    for (const size_t n_row : counts) {
+      clear_rows(X, n_row, s);
+      check_halves(s, X, any_halves(random, s.n_inner * s.n_col, 17));
+    }
+  };
+  check({96, 160, 64}, {95, 79, 16, 15, 9, 7, 2, 1, 0});
+  check({32, 1024, 640}, {7});  // enough for two threads
+}
+
 TEST_F(EmulatorProduct, KeepsSubnormalsInfinitiesAndNaNs) {
   std::vector<uint16_t> X = any_halves(random, 64 * 96, 30), W = any_halves(random, 96 * 64, 15);
   for (size_t k = 0; k < 96; ++k) {
@@ -143,7 +160,10 @@ TEST_F(EmulatorProduct, KeepsSubnormalsInfinitiesAndNaNs) {
   X[position_ah(6, 9, 96)] = 0x7d01;  // signalling
   X[position_ah(7, 10, 96)] = 0;
   W[position_wh(10, 11, 64)] = 0xfc00;  // meets that 0
-  check_halves({64, 64, 96}, X, W);
+  for (const size_t n_row : {64, 40, 7, 3}) {
+    clear_rows(X, n_row, {64, 64, 96});
+    check_halves({64, 64, 96}, X, W);
+  }
 }
 
 size_t position_64(size_t r, size_t c, size_t n_col) {
@@ -185,8 +205,8 @@ void EmulatorProduct::check_sums(const Kind& kind, const Shape& shape, bool X_is
 }
 
 TEST_F(EmulatorProduct, SumsAreExactInTheRowsThatTheBuffersHold) {
-  const Shape shapes[] = {{1, 32, 32},   {31, 64, 96},    {64, 96, 32},  {95, 32, 288},
-                          {100, 160, 0}, {128, 288, 544}, {320, 64, 288}};
+  const Shape shapes[] = {{1, 32, 32},   {7, 96, 96},   {8, 64, 288},    {31, 64, 96},  {64, 96, 32},
+                          {95, 32, 288}, {100, 160, 0}, {128, 288, 544}, {320, 64, 288}};
   for (const Kind& kind : {a8w8, a8w4})
     for (const Shape& shape : shapes)
       for (const bool X_is_whole : {false, true})

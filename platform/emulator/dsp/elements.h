@@ -30,6 +30,7 @@ inline std::byte* bytes_of(auto* elements) {
 // Each kind has
 //   stage_activation  16 rows x 32 inner elements to [step][16 rows]
 //   stage_weights     a tile to [column pair][step][2 columns]
+//   stage_columns     a tile to [step][32 lanes], where a lane is the column that column_of_lane tells
 //   store_columns     eight of a tile's columns, from [column][16 rows] to 16 rows x 32 columns
 
 struct HalfElements {
@@ -39,12 +40,15 @@ struct HalfElements {
   using Staged = float;
   using Sum = float;
   static constexpr size_t tile_rows = 32;
-  static constexpr size_t step = 1;  // inner elements
+  static constexpr size_t unit_rows = 2;  // whose elements mingle
+  static constexpr size_t step = 1;       // inner elements
   static constexpr size_t weight_bits = 16;
 
   static simd::f32x8 load(const float* staged) { return simd::load(staged); }
   static simd::f32x8 broadcast(const float* staged) { return simd::broadcast(*staged); }
 
+  // Along the lanes go n_lane rows, not all of which are these.
+  template <size_t n_lane = panel_rows>
   static void stage_activation(const uint16_t* rows, float* panel) {
     constexpr size_t n_word = 8;  // each two rows of one column
     alignas(32) uint16_t columns[n_word][panel_rows];
@@ -53,7 +57,7 @@ struct HalfElements {
       for (const auto& column : columns) {
         simd::store(panel, simd::widen(simd::load(column)));
         simd::store(panel + 8, simd::widen(simd::load(column + 8)));
-        panel += panel_rows;
+        panel += n_lane;
       }
     }
   }
@@ -61,6 +65,13 @@ struct HalfElements {
   static void stage_weights(const uint16_t* tile, float* staged) {
     for (size_t i = 0; i < tile_elements; i += 8) simd::store(staged + i, simd::widen(simd::load(tile + i)));
   }
+
+  // Tiles of weights are to columns what those of the activation are to rows.
+  static void stage_columns(const uint16_t* tile, float* panel) {
+    for (size_t column = 0; column < tile_size; column += panel_rows)
+      stage_activation<tile_size>(tile + column * tile_size, panel + column);
+  }
+  static constexpr size_t column_of_lane(size_t lane) { return lane; }
 
   static void store_columns(const float* sums, uint16_t* rows, size_t column) {
     constexpr size_t n_column = 8;
@@ -75,15 +86,17 @@ struct HalfElements {
 };
 
 // Inner elements 4i and 4i + 2 make a step, and 4i + 1 and 4i + 3.
-struct ByteElements {
+template <size_t n_bit>
+struct IntegerElements {
   using Activation = uint8_t;
   using Weight = uint8_t;
   using Result = int32_t;
   using Staged = int16_t;
   using Sum = int32_t;
   static constexpr size_t tile_rows = 64;
+  static constexpr size_t unit_rows = 1;
   static constexpr size_t step = 2;
-  static constexpr size_t weight_bits = 8;
+  static constexpr size_t weight_bits = n_bit;
 
   static simd::pairs8 load(const int16_t* staged) { return simd::load_pairs(staged); }
   static simd::same_pair8 broadcast(const int16_t* staged) { return simd::broadcast_pair(staged); }
@@ -102,15 +115,33 @@ struct ByteElements {
   }
 
   // A group of four columns in a field of its bytes.
-  template <int bit, int n_bit>
+  template <int bit>
   static void stage_group(const uint8_t* group, int16_t* staged) {
     for (size_t k = 0; k < tile_size; k += 8)
       simd::pair_rows<bit, n_bit>(group + 4 * k, staged + 2 * k, staged + pair_pitch + 2 * k);
   }
 
   static void stage_weights(const uint8_t* tile, int16_t* staged) {
-    for (size_t i = 0; i < tile_elements; i += 4 * tile_size) stage_group<0, 8>(tile + i, staged + i);
+    constexpr size_t group_columns = 32 / n_bit;
+    for (size_t column = 0; column < tile_size; column += group_columns) {
+      stage_group<0>(tile, staged);
+      if constexpr (n_bit == 4) stage_group<4>(tile, staged + 2 * pair_pitch);
+      tile += 4 * tile_size;
+      staged += group_columns * tile_size;
+    }
   }
+
+  // In the lanes lie the first columns of all pairs, then the second ones.
+  static void stage_columns(const uint8_t* tile, int16_t* panel) {
+    constexpr size_t n_pair = tile_size / 2, pitch = pair_pitch * sizeof(int16_t), word = 4;
+    alignas(32) int16_t pairs[tile_elements];
+    stage_weights(tile, pairs);
+    for (size_t i = 0; i < pitch; i += 8 * word)
+      for (size_t pair = 0; pair < n_pair; pair += 8)
+        simd::transpose_words(bytes_of(pairs) + pair * pitch + i, pitch, bytes_of(panel) + i * n_pair + pair * word,
+                              n_pair * word);
+  }
+  static constexpr size_t column_of_lane(size_t lane) { return lane % (tile_size / 2) * 2 + lane / (tile_size / 2); }
 
   static void store_columns(const int32_t* sums, int32_t* rows, size_t column) {
     for (size_t row = 0; row < panel_rows; row += 8)
@@ -119,15 +150,7 @@ struct ByteElements {
   }
 };
 
-struct NibbleElements : ByteElements {
-  static constexpr size_t weight_bits = 4;
-
-  static void stage_weights(const uint8_t* tile, int16_t* staged) {
-    for (size_t i = 0; i < tile_elements / 2; i += 4 * tile_size) {
-      stage_group<0, 4>(tile + i, staged + 2 * i);
-      stage_group<4, 4>(tile + i, staged + 2 * i + 2 * pair_pitch);
-    }
-  }
-};
+using ByteElements = IntegerElements<8>;
+using NibbleElements = IntegerElements<4>;
 
 }  // namespace parlo::dsp

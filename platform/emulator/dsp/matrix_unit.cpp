@@ -14,7 +14,13 @@ namespace {
 constexpr size_t block_steps = 128;
 constexpr size_t block_rows = 256;
 constexpr size_t block_columns = 256;
+constexpr size_t few_rows = 8;
+constexpr size_t few_rows_depth = 2 * tile_size;          // inner elements of one pass: weights come nearly as they lie
 constexpr size_t n_product_per_thread = size_t{1} << 21;  // below, starting a thread costs more than it saves
+
+size_t divide_up(size_t a, size_t b) {
+  return (a + b - 1) / b;
+}
 
 struct Range {
   size_t begin, end;
@@ -26,6 +32,8 @@ struct Product {
   using Staged = typename Elements::Staged;
   using Sum = typename Elements::Sum;
   static constexpr size_t block_depth = block_steps * Elements::step;
+  static constexpr size_t tile_weights =  // elements of W, as its type counts them
+      tile_elements * Elements::weight_bits / (8 * sizeof(typename Elements::Weight));
 
   const Shape shape;
   const typename Elements::Activation* X;
@@ -34,12 +42,13 @@ struct Product {
 
   // What one thread works in.
   struct Scratch {
-    alignas(64) Staged activation[block_rows * block_depth];  // panel after panel
-    alignas(64) Staged weights[tile_size * block_depth];      // tile after tile
-    alignas(64) Sum sums[block_rows * block_columns];         // panel after panel, each [column][16 rows]
+    alignas(64) Staged panels[block_rows * block_depth];  // what lies in lanes
+    alignas(64) Staged tiles[tile_size * block_depth];    // what is broadcast, tile after tile
+    // Panel after panel, each [column][16 rows]; with few rows tile after tile, each [row][32 columns in lane order].
+    alignas(64) Sum sums[block_rows * block_columns];
   };
 
-  // Where 16 rows of the tile at that column begin, in a matrix in tiles of that many columns.
+  // Where that row of the tile at that column begins, in a matrix in tiles of that many columns.
   static size_t position(size_t row, size_t column, size_t n_column) {
     const size_t row_of_tile = row % Elements::tile_rows;
     return (row - row_of_tile) * n_column + column * Elements::tile_rows + row_of_tile * tile_size;
@@ -56,49 +65,53 @@ struct Product {
 
   void stage_weights(Range inner, size_t column, Staged* staged) const {
     for (size_t k = inner.begin; k < inner.end; k += tile_size) {
-      const size_t tile = k * shape.n_col + column * tile_size;
-      Elements::stage_weights(W + tile * Elements::weight_bits / (8 * sizeof *W), staged);
+      Elements::stage_weights(weight_tile(k, column), staged);
       staged += tile_elements;
     }
   }
 
-  // Adds the products of one panel and n_column columns, over n_tile tiles of the inner dimension, to sums[column][16].
-  template <size_t n_column>
-  static void accumulate(size_t n_tile, const Staged* panel, const Staged* weights, Sum* sums) {
-    using Vector = decltype(simd::load(sums));
-    Vector low[n_column], high[n_column];
+  const typename Elements::Weight* weight_tile(size_t k, size_t column) const {
+    return W + (k / tile_size * (shape.n_col / tile_size) + column / tile_size) * tile_weights;
+  }
+
+  // Adds the products of what lies in the lanes of n_vector vectors and n_broadcast rows or columns, over n_tile tiles of
+  // the inner dimension, to sums[n_broadcast][8 * n_vector].
+  template <size_t n_vector, size_t n_broadcast>
+  static void accumulate(size_t n_tile, const Staged* panel, const Staged* tiles, Sum* sums) {
+    constexpr size_t n_lane = 8 * n_vector;
+    decltype(simd::load(sums)) total[n_broadcast][n_vector];
 #pragma GCC unroll 6
-    for (size_t c = 0; c < n_column; ++c) {
-      low[c] = simd::load(sums + c * panel_rows);
-      high[c] = simd::load(sums + c * panel_rows + 8);
-    }
+    for (size_t b = 0; b < n_broadcast; ++b)
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) total[b][v] = simd::load(sums + b * n_lane + 8 * v);
     for (size_t tile = 0; tile < n_tile; ++tile) {
       for (size_t k = 0; k < tile_size; k += Elements::step) {
-        const auto x_low = Elements::load(panel), x_high = Elements::load(panel + 8 * Elements::step);
+        decltype(Elements::load(panel)) lanes[n_vector];
+#pragma GCC unroll 4
+        for (size_t v = 0; v < n_vector; ++v) lanes[v] = Elements::load(panel + 8 * v * Elements::step);
 #pragma GCC unroll 6
-        for (size_t c = 0; c < n_column; ++c) {
-          const auto w = Elements::broadcast(weights + c / 2 * pair_pitch + 2 * k + c % 2 * Elements::step);
-          low[c] = simd::multiply_add(x_low, w, low[c]);
-          high[c] = simd::multiply_add(x_high, w, high[c]);
+        for (size_t b = 0; b < n_broadcast; ++b) {
+          const auto same = Elements::broadcast(tiles + b / 2 * pair_pitch + 2 * k + b % 2 * Elements::step);
+#pragma GCC unroll 4
+          for (size_t v = 0; v < n_vector; ++v) total[b][v] = simd::multiply_add(lanes[v], same, total[b][v]);
         }
-        panel += panel_rows * Elements::step;
+        panel += n_lane * Elements::step;
       }
-      weights += tile_elements;
+      tiles += tile_elements;
     }
 #pragma GCC unroll 6
-    for (size_t c = 0; c < n_column; ++c) {
-      simd::store(sums + c * panel_rows, low[c]);
-      simd::store(sums + c * panel_rows + 8, high[c]);
-    }
+    for (size_t b = 0; b < n_broadcast; ++b)
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) simd::store(sums + b * n_lane + 8 * v, total[b][v]);
   }
 
   // The 32 columns of a tile in groups whose sums fill the registers: 4 x 6 + 2 x 4.
   static void accumulate_tile_column(size_t n_tile, const Staged* panel, const Staged* weights, Sum* sums) {
     size_t column = 0;
     for (; column < 24; column += 6)
-      accumulate<6>(n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
+      accumulate<2, 6>(n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
     for (; column < tile_size; column += 4)
-      accumulate<4>(n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
+      accumulate<2, 4>(n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
   }
 
   void store_block(Range rows, Range columns, const Sum* sums) const {
@@ -116,46 +129,136 @@ struct Product {
     std::fill_n(scratch.sums, rows.size() * columns.size(), Sum{0});
     for (size_t k = 0; k < shape.n_inner; k += block_depth) {
       const Range inner{k, std::min(k + block_depth, shape.n_inner)};
-      stage_activation(rows, inner, scratch.activation);
+      stage_activation(rows, inner, scratch.panels);
       for (size_t column = columns.begin; column < columns.end; column += tile_size) {
-        stage_weights(inner, column, scratch.weights);
+        stage_weights(inner, column, scratch.tiles);
         for (size_t row = 0; row < rows.size(); row += panel_rows) {
           Sum* sums = scratch.sums + row * columns.size() + (column - columns.begin) * panel_rows;
-          accumulate_tile_column(inner.size() / tile_size, scratch.activation + row * inner.size(), scratch.weights,
-                                 sums);
+          accumulate_tile_column(inner.size() / tile_size, scratch.panels + row * inner.size(), scratch.tiles, sums);
         }
       }
     }
     store_block(rows, columns, scratch.sums);
   }
-};
 
-size_t divide_up(size_t a, size_t b) {
-  return (a + b - 1) / b;
-}
+  // The first rows, as columns of weights are staged.
+  void stage_few_rows(Range inner, Staged* staged) const {
+    for (size_t k = inner.begin; k < inner.end; k += tile_size) {
+      alignas(64) Staged panel[panel_rows * tile_size];
+      Elements::stage_activation(X + position(0, k, shape.n_inner), panel);
+      for (size_t row = 0; row < few_rows; row += 2)
+        for (size_t i = 0; i < tile_size; i += Elements::step)
+          std::copy_n(panel + i * panel_rows + row * Elements::step, 2 * Elements::step,
+                      staged + row * tile_size + 2 * i);
+      staged += tile_elements;
+    }
+  }
+
+  void stage_columns(Range inner, size_t column, Staged* panel) const {
+    for (size_t k = inner.begin; k < inner.end; k += tile_size) {
+      const auto* tile = weight_tile(k, column);
+      for (size_t i = 0; i < tile_weights; i += 64 / sizeof *tile) simd::prefetch(tile + tile_weights + i);
+      Elements::stage_columns(tile, panel);
+      panel += tile_elements;
+    }
+  }
+
+  // Sixteen rows, those after the first n_row like the last of these.
+  void store_few_rows(size_t n_row, Range columns, const Sum* sums) const {
+    for (size_t column = columns.begin; column < columns.end; column += tile_size) {
+      alignas(64) Sum block[tile_size][panel_rows];
+      for (size_t lane = 0; lane < tile_size; ++lane)
+        for (size_t row = 0; row < panel_rows; ++row)
+          block[Elements::column_of_lane(lane)][row] = sums[std::min(row, n_row - 1) * tile_size + lane];
+      for (size_t c = 0; c < tile_size; c += 8)
+        Elements::store_columns(block[c], A + position(0, column, shape.n_col), c);
+      sums += few_rows * tile_size;
+    }
+  }
+
+  // Few rows change places with the columns: lanes go along the columns of a tile, and rows are broadcast. All weights
+  // have to be rearranged for that, but no lane works in vain. They are taken as they lie in memory, which is what such
+  // a product waits for.
+  void multiply_few_rows(size_t n_row, Range columns, Scratch& scratch) const {
+    std::fill_n(scratch.sums, few_rows * columns.size(), Sum{0});
+    for (size_t k = 0; k < shape.n_inner; k += few_rows_depth) {
+      const Range inner{k, std::min(k + few_rows_depth, shape.n_inner)};
+      stage_few_rows(inner, scratch.tiles);
+      for (size_t column = columns.begin; column < columns.end; column += tile_size) {
+        stage_columns(inner, column, scratch.panels);
+        Sum* sums = scratch.sums + few_rows * (column - columns.begin);
+        for (size_t row = 0; row < n_row; row += 2)
+          accumulate<4, 2>(inner.size() / tile_size, scratch.panels, scratch.tiles + row * tile_size,
+                           sums + row * tile_size);
+      }
+    }
+    store_few_rows(n_row, columns, scratch.sums);
+  }
+
+  bool is_zero(size_t row) const {
+    const size_t place = row % Elements::unit_rows;
+    for (size_t k = 0; k < shape.n_inner; k += tile_size) {
+      const auto* unit = X + position(row - place, k, shape.n_inner);
+      unsigned bits = 0;
+      for (size_t i = 0; i < tile_size; ++i) bits |= unit[i * Elements::unit_rows + place];
+      if (bits != 0) return false;
+    }
+    return true;
+  }
+
+  size_t n_row_before_zeros() const {
+    size_t n_row = shape.n_row;
+    while (n_row > 0 && is_zero(n_row - 1)) --n_row;
+    return n_row;
+  }
+
+  // Gives the rows from n_row on the result of the unit of rows before them.
+  void repeat_last_result(size_t n_row) const {
+    constexpr size_t n_element = Elements::unit_rows * tile_size;
+    for (size_t column = 0; column < shape.n_col; column += tile_size) {
+      const auto* last = A + position(n_row - Elements::unit_rows, column, shape.n_col);
+      for (size_t row = n_row; row < shape.n_row; row += Elements::unit_rows)
+        std::copy_n(last, n_element, A + position(row, column, shape.n_col));
+    }
+  }
+};
 
 template <class Elements>
 void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::byte* A) {
-  const auto& [n_row, n_col, n_inner] = shape;
+  if (shape.n_row == 0) return;
   const Product<Elements> product{shape, reinterpret_cast<const typename Elements::Activation*>(X),
                                   reinterpret_cast<const typename Elements::Weight*>(W),
                                   reinterpret_cast<typename Elements::Result*>(A)};
+  // Of rows of zeros at the end, as padding has them, one or two are computed and stand for all: their results are alike,
+  // but not always zero.
+  const size_t n_row_before_zeros = product.n_row_before_zeros();
+  const bool has_few_rows = n_row_before_zeros < few_rows;
+  const size_t n_row =
+      has_few_rows
+          ? n_row_before_zeros + 1
+          : std::min(shape.n_row, divide_up(n_row_before_zeros + Elements::unit_rows, panel_rows) * panel_rows);
   const size_t n_row_block = divide_up(n_row, block_rows);
-  const size_t n_thread = std::clamp(n_row * n_col * n_inner / n_product_per_thread, size_t{1}, n_processors());
+  const size_t n_column_max = has_few_rows ? block_rows * block_columns / few_rows : block_columns;
+  const size_t n_thread =
+      std::clamp(n_row * shape.n_col * shape.n_inner / n_product_per_thread, size_t{1}, n_processors());
   // Narrower blocks where there would be too few to keep every thread busy.
-  const size_t even_share = divide_up(n_col / tile_size * n_row_block, 4 * n_thread) * tile_size;
-  const size_t n_column = n_thread == 1 ? block_columns : std::min(block_columns, even_share);
-  const size_t n_block = n_row_block * divide_up(n_col, n_column);
+  const size_t even_share = divide_up(shape.n_col / tile_size * n_row_block, 4 * n_thread) * tile_size;
+  const size_t n_column = n_thread == 1 ? n_column_max : std::min(n_column_max, even_share);
+  const size_t n_block = n_row_block * divide_up(shape.n_col, n_column);
 
   std::atomic<size_t> next{0};
   run_on_threads(n_thread, [&] {
     const auto scratch = std::make_unique_for_overwrite<typename Product<Elements>::Scratch>();
     for (size_t block = next++; block < n_block; block = next++) {
       const size_t row = block % n_row_block * block_rows, column = block / n_row_block * n_column;
-      product.multiply_block({row, std::min(row + block_rows, shape.n_row)},
-                             {column, std::min(column + n_column, shape.n_col)}, *scratch);
+      const Range columns{column, std::min(column + n_column, shape.n_col)};
+      if (has_few_rows)
+        product.multiply_few_rows(n_row, columns, *scratch);
+      else
+        product.multiply_block({row, std::min(row + block_rows, n_row)}, columns, *scratch);
     }
   });
+  product.repeat_last_result(has_few_rows ? panel_rows : n_row);
 }
 
 template <class Elements>
