@@ -34,7 +34,9 @@ class Comparison {
     simd::store(sum, simd::add(a, c));
     simd::store(product, simd::multiply(a, b));
     simd::in_half_arithmetic([&] {
-      simd::store(accumulated, simd::accumulate(simd::load_half8(c_), simd::load_half8(a_), simd::load_half8(b_)));
+      simd::half8_sum total = simd::load_half8_sum(c_);
+      simd::accumulate(total, simd::load_half8(a_), simd::load_half8(b_));
+      simd::store(accumulated, total);
     });
     for (size_t i = 0; i < 8; ++i) {
       const uint16_t expected = exact_fma(a_[i], b_[i], c_[i]);
@@ -108,7 +110,7 @@ TEST(HalfArithmetic, KeepsItsRoundingToItself) {
   volatile float one = 1, little = 0x1.8p-24f;
   uint16_t halves[8];
   EXPECT_EQ(one + little, 1 + 0x1p-23f);
-  simd::in_half_arithmetic([&] { simd::store(halves, simd::half8{}); });
+  simd::in_half_arithmetic([&] { simd::store(halves, simd::half8_sum{}); });
   EXPECT_EQ(one + little, 1 + 0x1p-23f);
 }
 

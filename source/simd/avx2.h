@@ -102,18 +102,34 @@ struct half8 {
 inline half8 load_half8(const uint16_t* p) {
   return {widen(load(p)).v};
 }
-inline void store(uint16_t* p, half8 a) {
-  store(p, narrow({a.v}));
+
+// Held as halves in memory: widened on the way from there and narrowed on the way back, a sum takes two operations less
+// than between registers, and there are more sums than registers anyway.
+struct half8_sum {
+  f16x8 halves;
+};
+
+inline half8_sum load_half8_sum(const uint16_t* p) {
+  return {load(p)};
 }
-inline void store(float* p, half8 a) {
-  _mm256_storeu_ps(p, a.v);
+inline void store(uint16_t* p, const half8_sum& a) {
+  store(p, a.halves);
 }
-inline half8 accumulate(half8 sum, half8 a, half8 b) {
-  const __m256 truncated = _mm256_fmadd_ps(a.v, b.v, sum.v);
+inline void store(float* p, const half8_sum& a) {
+  store(p, widen(a.halves));
+}
+inline void keep_in_memory(half8_sum& sum) {
+  asm("" : "+m"(sum));
+}
+inline void accumulate(half8_sum& sum, half8 a, half8 b) {
+  keep_in_memory(sum);
+  const __m256 before = widen(sum.halves).v;
+  const __m256 truncated = _mm256_fmadd_ps(a.v, b.v, before);
   const __m256 difference = _mm256_fnmadd_ps(a.v, b.v, truncated);  // the sum again, unless something was cut off
-  const __m256 inexact = _mm256_cmp_ps(difference, sum.v, _CMP_NEQ_OQ);
+  const __m256 inexact = _mm256_cmp_ps(difference, before, _CMP_NEQ_OQ);
   const __m256 odd = _mm256_or_ps(truncated, _mm256_and_ps(inexact, _mm256_castsi256_ps(_mm256_set1_epi32(1))));
-  return {widen(narrow({odd})).v};
+  sum.halves = narrow({odd});
+  keep_in_memory(sum);
 }
 
 class RoundingTowardZero {

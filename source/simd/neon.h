@@ -96,14 +96,22 @@ struct half8 {
 inline half8 load_half8(const uint16_t* p) {
   return {vreinterpretq_f16_u16(vld1q_u16(p))};
 }
-inline void store(uint16_t* p, half8 a) {
+
+struct half8_sum {
+  float16x8_t v;
+};
+
+inline half8_sum load_half8_sum(const uint16_t* p) {
+  return {load_half8(p).v};
+}
+inline void store(uint16_t* p, half8_sum a) {
   vst1q_u16(p, vreinterpretq_u16_f16(a.v));
 }
-inline void store(float* p, half8 a) {
+inline void store(float* p, half8_sum a) {
   store(p, widen(f16x8{vreinterpretq_u16_f16(a.v)}));
 }
-inline half8 accumulate(half8 sum, half8 a, half8 b) {
-  return {vfmaq_f16(sum.v, a.v, b.v)};
+inline void accumulate(half8_sum& sum, half8 a, half8 b) {
+  sum.v = vfmaq_f16(sum.v, a.v, b.v);
 }
 template <class Body>
 inline void in_half_arithmetic(const Body& body) {

@@ -102,15 +102,24 @@ inline half8 load_half8(const uint16_t* p) {
   for (int i = 0; i < 8; ++i) v.lane[i] = widen_bits(p[i]);
   return v;
 }
-inline void store(uint16_t* p, half8 v) {
+
+struct half8_sum {
+  float lane[8];
+};
+
+inline half8_sum load_half8_sum(const uint16_t* p) {
+  half8_sum v;
+  for (int i = 0; i < 8; ++i) v.lane[i] = widen_bits(p[i]);
+  return v;
+}
+inline void store(uint16_t* p, half8_sum v) {
   for (int i = 0; i < 8; ++i) p[i] = narrow_bits(v.lane[i]);
 }
-inline void store(float* p, half8 v) {
+inline void store(float* p, half8_sum v) {
   std::memcpy(p, v.lane, sizeof v.lane);
 }
-inline half8 accumulate(half8 sum, half8 a, half8 b) {
+inline void accumulate(half8_sum& sum, half8 a, half8 b) {
   for (int i = 0; i < 8; ++i) sum.lane[i] = widen_bits(narrow_bits(add_to_odd(a.lane[i] * b.lane[i], sum.lane[i])));
-  return sum;
 }
 template <class Body>
 inline void in_half_arithmetic(const Body& body) {

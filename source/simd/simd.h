@@ -29,10 +29,12 @@
 //
 // Long sums in half arithmetic take a type of their own, for which a backend may choose registers and rounding mode:
 //
-//   half8                     eight halves; half8{} is zero
+//   half8                     eight halves to multiply
+//   half8_sum                 eight sums; half8_sum{} is zero
 //   in_half_arithmetic(body)  calls body(); half8 sums are formed only there, and no other floating-point arithmetic
-//   load_half8, store         from f16; to f16, or widened to f32
-//   accumulate(sum, a, b)     sum + a * b, one rounding to f16
+//   load_half8, load_half8_sum  from f16
+//   store                     sums to f16, or widened to f32
+//   accumulate(sum, a, b)     adds a * b, one rounding to f16
 //
 // Which NaN the result of half arithmetic is differs between backends: whoever stores it settles on one.
 //

@@ -26,16 +26,15 @@ float sum_of_eights(const float lane[8]) {
   return settled(((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7])));
 }
 
-// The sums of four rows times four columns: lane l takes the inner indices l, l + 8, l + 16 and so on. Sums that find
-// no register on a processor with sixteen cost less in memory than operands loaded twice.
+// The sums of four rows times four columns: lane l takes the inner indices l, l + 8, l + 16 and so on.
 void multiply_block(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, float (*sums)[side][group]) {
-  simd::half8 sum[side][side] = {};
+  simd::half8_sum sum[side][side] = {};
   for (uint64_t g = 0; g < n_inner / group; ++g) {
     simd::half8 w[side];
     for (uint64_t j = 0; j < side; ++j) w[j] = simd::load_half8(Wb + g * group_elements + j * group);
     for (uint64_t i = 0; i < side; ++i) {
       const simd::half8 a = simd::load_half8(Ab + i * n_inner + g * group);
-      for (uint64_t j = 0; j < side; ++j) sum[i][j] = simd::accumulate(sum[i][j], a, w[j]);
+      for (uint64_t j = 0; j < side; ++j) simd::accumulate(sum[i][j], a, w[j]);
     }
   }
   // Unrolled early: sums that are addressed by a variable index would be kept in memory in the loop above too.
@@ -47,13 +46,13 @@ void multiply_block(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, fl
 
 // Even groups in sums[0], odd ones in sums[1].
 void multiply_row(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Arow, uint16_t (*sums)[side][group]) {
-  simd::half8 sum[2][side] = {};
+  simd::half8_sum sum[2][side] = {};
   for (uint64_t g = 0; g < n_inner / (2 * group) * 2; g += 2)
     for (uint64_t odd = 0; odd < 2; ++odd) {
       const simd::half8 a = simd::load_half8(Arow + (g + odd) * group);
       for (uint64_t j = 0; j < side; ++j) {
         const simd::half8 w = simd::load_half8(Wb + (g + odd) * group_elements + j * group);
-        sum[odd][j] = simd::accumulate(sum[odd][j], a, w);
+        simd::accumulate(sum[odd][j], a, w);
       }
     }
   for (uint64_t odd = 0; odd < 2; ++odd)
