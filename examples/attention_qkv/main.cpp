@@ -28,7 +28,16 @@ void check(int64_t status, const char* what) {
   if (status != TAVIK_SUCCESS) throw std::runtime_error(what + (": " + std::string(tavik_error_get_last()->message)));
 }
 
-using Context = std::unique_ptr<tavik_context, int32_t (*)(tavik_context*)>;
+// Where releasing fails there is nobody to throw to.
+bool released(int32_t status) {
+  if (status != TAVIK_SUCCESS) tavik_error_print(tavik_error_get_last());
+  return status == TAVIK_SUCCESS;
+}
+
+void close_context(tavik_context* context) {
+  if (!released(tavik_cleanup(context))) tavik_context_free(context);
+}
+using Context = std::unique_ptr<tavik_context, void (*)(tavik_context*)>;
 
 // The library sizes the buffers for activations and results by the largest matrices to come; their rows are padded.
 Context open_context() {
@@ -39,14 +48,14 @@ Context open_context() {
                               .reserved = 0};
   tavik_context* context = nullptr;
   check(tavik_init(&options, &context), "tavik_init");
-  return Context(context, tavik_cleanup);
+  return Context(context, close_context);
 }
 
 // Memory that the DSP sees too; it ends before its context does.
 struct BufferRelease {
   tavik_context* context;
   int32_t fd;
-  void operator()(std::byte*) const { tavik_buffer_free(context, fd); }
+  void operator()(std::byte*) const { released(tavik_buffer_free(context, fd)); }
 };
 using Buffer = std::unique_ptr<std::byte, BufferRelease>;
 

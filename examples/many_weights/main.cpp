@@ -33,7 +33,16 @@ void check(int64_t status, const char* what) {
   if (status != TAVIK_SUCCESS) throw std::runtime_error(what + (": " + std::string(tavik_error_get_last()->message)));
 }
 
-using Context = std::unique_ptr<tavik_context, int32_t (*)(tavik_context*)>;
+// Where releasing fails there is nobody to throw to.
+bool released(int32_t status) {
+  if (status != TAVIK_SUCCESS) tavik_error_print(tavik_error_get_last());
+  return status == TAVIK_SUCCESS;
+}
+
+void close_context(tavik_context* context) {
+  if (!released(tavik_cleanup(context))) tavik_context_free(context);
+}
+using Context = std::unique_ptr<tavik_context, void (*)(tavik_context*)>;
 
 Context open_context() {
   const tavik_options options{.output_matrix_size_max = activation_size,
@@ -42,7 +51,7 @@ Context open_context() {
                               .reserved = 0};
   tavik_context* context = nullptr;
   check(tavik_init(&options, &context), "tavik_init");
-  return Context(context, tavik_cleanup);
+  return Context(context, close_context);
 }
 
 // Counts for sessions that are opened afterwards. Beside the layers there is room for what every session maps.
@@ -65,7 +74,7 @@ class Layer {
     tavik_f32_to_f16(weights_.size(), weights_.data(), halves);
     tavik_f16_rm_to_f16_wh_inplace(n_feature, n_feature, halves);
   }
-  ~Layer() { tavik_buffer_free(context_, fd_); }
+  ~Layer() { released(tavik_buffer_free(context_, fd_)); }
   Layer(const Layer&) = delete;
   Layer& operator=(const Layer&) = delete;
 
