@@ -104,6 +104,12 @@ void flat_to_weight(const Operands& o) {
   tavik_host_layout_w4_flat_to_weight(o.target, o.source, o.shape.n_row, o.shape.n_col);
 }
 
+// 16 x 64, as the f16 tiles have them.
+template <class Function>
+Convert blocks(Function rearrange) {
+  return [rearrange](const Operands& o) { rearrange(o.shape.n_row, o.shape.n_col, 16, 64, o.target); };
+}
+
 // f32 where the library's elements are smaller, and then fewer rows: as many bytes.
 struct PeerReorder {
   PeerMatrix from, to;
@@ -162,6 +168,8 @@ const Conversion conversions[] = {
     {"rm_to_wh_i4", 1, 0.5, {}, nibbles_to_tiles},
     {"w4_flat_to_weight", 1, 0.5, {}, flat_to_weight},
     {"f16_cm_to_f16_zb_inplace", 2, 2, {}, in_place(tavik_f16_cm_to_f16_zb_inplace), to_blocks},
+    {"matrix_block_linearize_f16", 2, 2, {}, blocks(tavik_matrix_block_linearize_f16), to_blocks},
+    {"matrix_block_unlinearize_f16", 2, 2, {}, blocks(tavik_matrix_block_unlinearize_f16), from_blocks},
     {"matrix_transpose_f16", 2, 2, {}, in_place(tavik_matrix_transpose_f16), transposing_halves},
     {"matrix_transpose_f32", 4, 4, {}, in_place(tavik_matrix_transpose_f32), transposing},
 };
