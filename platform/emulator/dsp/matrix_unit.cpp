@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <utility>
 
 #include "platform/emulator/dsp/elements.h"
 #include "platform/emulator/dsp/parallel.h"
@@ -74,44 +75,40 @@ struct Product {
     return W + (k / tile_size * (shape.n_col / tile_size) + column / tile_size) * tile_weights;
   }
 
-  // Adds the products of what lies in the lanes of n_vector vectors and n_broadcast rows or columns, over n_tile tiles of
-  // the inner dimension, to sums[n_broadcast][8 * n_vector].
-  template <size_t n_vector, size_t n_broadcast>
-  static void accumulate(size_t n_tile, const Staged* panel, const Staged* tiles, Sum* sums) {
-    constexpr size_t n_lane = 8 * n_vector;
-    decltype(simd::load(sums)) total[n_broadcast][n_vector];
+  // Adds the products of what lies in the lanes of as many vectors as there are `v` and n_broadcast rows or columns, over
+  // n_tile tiles of the inner dimension, to sums[n_broadcast][lanes].
+  template <size_t n_broadcast, size_t... v>
+  static void accumulate(std::index_sequence<v...>, size_t n_tile, const Staged* panel, const Staged* tiles,
+                         Sum* sums) {
+    constexpr size_t n_lane = 8 * sizeof...(v);
+    decltype(simd::load(sums)) total[sizeof...(v)][n_broadcast];
 #pragma GCC unroll 6
-    for (size_t b = 0; b < n_broadcast; ++b)
-#pragma GCC unroll 4
-      for (size_t v = 0; v < n_vector; ++v) total[b][v] = simd::load(sums + b * n_lane + 8 * v);
+    for (size_t b = 0; b < n_broadcast; ++b) ((total[v][b] = simd::load(sums + b * n_lane + 8 * v)), ...);
     for (size_t tile = 0; tile < n_tile; ++tile) {
       for (size_t k = 0; k < tile_size; k += Elements::step) {
-        decltype(Elements::load(panel)) lanes[n_vector];
-#pragma GCC unroll 4
-        for (size_t v = 0; v < n_vector; ++v) lanes[v] = Elements::load(panel + 8 * v * Elements::step);
+        const decltype(Elements::load(panel)) lanes[] = {Elements::load(panel + 8 * v * Elements::step)...};
 #pragma GCC unroll 6
         for (size_t b = 0; b < n_broadcast; ++b) {
           const auto same = Elements::broadcast(tiles + b / 2 * pair_pitch + 2 * k + b % 2 * Elements::step);
-#pragma GCC unroll 4
-          for (size_t v = 0; v < n_vector; ++v) total[b][v] = simd::multiply_add(lanes[v], same, total[b][v]);
+          ((total[v][b] = simd::multiply_add(lanes[v], same, total[v][b])), ...);
         }
         panel += n_lane * Elements::step;
       }
       tiles += tile_elements;
     }
 #pragma GCC unroll 6
-    for (size_t b = 0; b < n_broadcast; ++b)
-#pragma GCC unroll 4
-      for (size_t v = 0; v < n_vector; ++v) simd::store(sums + b * n_lane + 8 * v, total[b][v]);
+    for (size_t b = 0; b < n_broadcast; ++b) (simd::store(sums + b * n_lane + 8 * v, total[v][b]), ...);
   }
+  static constexpr std::make_index_sequence<2> two_vectors{};
+  static constexpr std::make_index_sequence<4> four_vectors{};
 
   // The 32 columns of a tile in groups whose sums fill the registers: 4 x 6 + 2 x 4.
   static void accumulate_tile_column(size_t n_tile, const Staged* panel, const Staged* weights, Sum* sums) {
     size_t column = 0;
     for (; column < 24; column += 6)
-      accumulate<2, 6>(n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
+      accumulate<6>(two_vectors, n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
     for (; column < tile_size; column += 4)
-      accumulate<2, 4>(n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
+      accumulate<4>(two_vectors, n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
   }
 
   void store_block(Range rows, Range columns, const Sum* sums) const {
@@ -188,8 +185,8 @@ struct Product {
         stage_columns(inner, column, scratch.panels);
         Sum* sums = scratch.sums + few_rows * (column - columns.begin);
         for (size_t row = 0; row < n_row; row += 2)
-          accumulate<4, 2>(inner.size() / tile_size, scratch.panels, scratch.tiles + row * tile_size,
-                           sums + row * tile_size);
+          accumulate<2>(four_vectors, inner.size() / tile_size, scratch.panels, scratch.tiles + row * tile_size,
+                        sums + row * tile_size);
       }
     }
     store_few_rows(n_row, columns, scratch.sums);
