@@ -141,6 +141,7 @@ std::vector<CallRow> call_rows() {
   for (const KernelCall& call : kernel_calls)
     rows.push_back({fmt::format("{}/{}x{}x{}", call.name, call.shape.n_row, call.shape.n_col, call.shape.n_inner),
                     call.wanted_share, [&call] { return prepare(call); }});
+  rows.push_back({"init_cleanup/default_options", 0, [] { return [] { const Npu npu; }; }});
   for (const UpperCall& call : upper_calls) rows.push_back({call.name, 0, [&call] { return prepare(call); }});
   return rows;
 }

@@ -62,7 +62,8 @@ Split split(const std::function<void()>& call) {
 
 }  // namespace bench
 
-// Of the platform's entries those that products and buffers use. Only products carry input buffers beside the handle.
+// Of the platform's entries those that contexts, buffers and products use. Only products carry input buffers beside the
+// handle.
 #define PLATFORM_ENTRY(result, name, parameters, arguments, is_product)                  \
   extern "C" result name parameters {                                                    \
     static const auto next = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \
@@ -71,6 +72,7 @@ Split split(const std::function<void()>& call) {
 
 PLATFORM_ENTRY(int, parlo_handle_invoke, (uint64_t handle, uint32_t scalars, parlo_argument* arguments),
                (handle, scalars, arguments), PARLO_SCALARS_N_IN(scalars) > 0)
+PLATFORM_ENTRY(void*, parlo_mem_alloc, (int heap_id, uint32_t flags, int32_t size), (heap_id, flags, size), false)
 PLATFORM_ENTRY(void*, parlo_mem_alloc2, (int heap_id, uint32_t flags, uint64_t size), (heap_id, flags, size), false)
 PLATFORM_ENTRY(void, parlo_mem_free, (void* address), (address), false)
 PLATFORM_ENTRY(int, parlo_mem_to_fd, (const void* address), (address), false)
@@ -78,3 +80,7 @@ PLATFORM_ENTRY(int, parlo_mmap, (int domain, int fd, void* address, int offset, 
                (domain, fd, address, offset, length, flags), false)
 PLATFORM_ENTRY(int, parlo_munmap, (int domain, int fd, void* address, uint64_t length), (domain, fd, address, length),
                false)
+PLATFORM_ENTRY(int, parlo_session_control, (uint32_t request, void* record, uint32_t size), (request, record, size),
+               false)
+PLATFORM_ENTRY(int, parlo_handle_open, (const char* uri, uint64_t* handle), (uri, handle), false)
+PLATFORM_ENTRY(int, parlo_handle_close, (uint64_t handle), (handle), false)

@@ -40,7 +40,6 @@ struct CallRow {
 
 std::vector<Row> conversion_rows();
 std::vector<Row> product_rows();
-std::vector<Row> lifecycle_rows();
 std::vector<CallRow> call_rows();
 
 }  // namespace bench
