@@ -1,6 +1,7 @@
 // The vector vocabulary in plain C++, for processors without a backend of their own and for runs under sanitizers.
 #pragma once
 
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -108,9 +109,7 @@ struct half8_sum {
 };
 
 inline half8_sum load_half8_sum(const uint16_t* p) {
-  half8_sum v;
-  for (int i = 0; i < 8; ++i) v.lane[i] = widen_bits(p[i]);
-  return v;
+  return std::bit_cast<half8_sum>(load_half8(p));
 }
 inline void store(uint16_t* p, half8_sum v) {
   for (int i = 0; i < 8; ++i) p[i] = narrow_bits(v.lane[i]);
