@@ -25,6 +25,8 @@ struct Product {
   morun::Shape shape() const {
     return {static_cast<int32_t>(n_row), static_cast<int32_t>(n_col), static_cast<int32_t>(n_inner)};
   }
+  // Where f16 weights begin in their buffer, in bytes.
+  uint32_t W_offset() const { return static_cast<uint32_t>(right.data_offset * 2); }
   uint64_t X_bytes() const { return 2 * n_row * n_inner; }  // of f16, as are the next two
   uint64_t W_bytes() const { return 2 * n_col * n_inner; }
   uint64_t A_bytes() const { return 2 * n_row * n_col; }
@@ -99,16 +101,20 @@ int32_t multiply_copies(const Product& product, const Copies& copies) {
   return MORUN_SUCCESS;
 }
 
+// Kept: one block, whatever the result's row stride.
+void copy_block_to_result(const Product& product, const Copies& copies) {
+  memcpy(start<uint16_t>(product.result), copies.A, product.A_bytes());
+}
+
 int32_t f32_by_f16(const Product& product, Copies&) {
   const PackedRows<float> output(product);
   MORUN_TRY_STEP(this_call, output.status(), allocation_of_A_failed);
-  int32_t W_fd;
+  uint32_t W_fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
   const morun::Shape shape = product.shape();
-  const auto W_offset = static_cast<uint32_t>(product.right.data_offset * 2);
-  MORUN_TRY_LOWER_AT(MORUN_HERE_IN(this_call), tavik_npu_mm_f32_rm_f32_rm_f16_wh(
-                                                   context, shape.n_row, shape.n_col, shape.n_inner, output.data(),
-                                                   start<float>(product.left), static_cast<uint32_t>(W_fd), W_offset));
+  MORUN_TRY_LOWER_AT(MORUN_HERE_IN(this_call),
+                     tavik_npu_mm_f32_rm_f32_rm_f16_wh(context, shape.n_row, shape.n_col, shape.n_inner, output.data(),
+                                                       start<float>(product.left), W_fd, product.W_offset()));
   output.deliver();
   return MORUN_SUCCESS;
 }
@@ -116,8 +122,7 @@ int32_t f32_by_f16(const Product& product, Copies&) {
 int32_t f16_tiled(const Product& product, Copies& copies) {
   MORUN_TRY(copy_operands(product, copies));
   MORUN_TRY(multiply_copies(product, copies));
-  // Kept: one block, whatever the result's row stride.
-  memcpy(start<uint16_t>(product.result), copies.A, product.A_bytes());
+  copy_block_to_result(product, copies);
   return MORUN_SUCCESS;
 }
 
@@ -127,15 +132,11 @@ int32_t f16_by_tiled_weights(const Product& product, Copies& copies) {
   memcpy(copies.X, start<uint16_t>(product.left), product.X_bytes());
   MORUN_TRY_STEP(this_call, morun_cpu_rm_to_ah_f16_inplace(product.n_row, product.n_inner, copies.halves_of_X()),
                  "Internal layouting of X_parlo failed\n\n");
-  int32_t A_fd, W_fd, X_fd;
-  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "A", copies.A, &A_fd));
-  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
-  MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "X", copies.X, &X_fd));
+  morun::Descriptors fds;
+  MORUN_TRY(morun::find_all_registered(MORUN_HERE_IN(this_call), copies.A, product.right.data, copies.X, &fds));
   const morun::Shape shape = product.shape();
-  const auto W_offset = static_cast<uint32_t>(product.right.data_offset * 2);
-  const auto status = static_cast<int32_t>(
-      tavik_npu_mm_f16_ah_f16_ah_f16_wh(context, shape.n_row, shape.n_col, shape.n_inner, static_cast<uint32_t>(A_fd),
-                                        static_cast<uint32_t>(X_fd), static_cast<uint32_t>(W_fd), 0, 0, W_offset));
+  const auto status = static_cast<int32_t>(tavik_npu_mm_f16_ah_f16_ah_f16_wh(
+      context, shape.n_row, shape.n_col, shape.n_inner, fds.A, fds.X, fds.W, 0, 0, product.W_offset()));
   if (status != TAVIK_SUCCESS) return MORUN_FAIL_AT(MORUN_HERE_IN(this_call), status, "Err = %d\n", status);
   MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(product.n_row, product.n_col, copies.halves_of_A()),
                  layouting_of_A_failed);
@@ -154,8 +155,7 @@ int32_t f16_row_major_on_npu(const Product& product, Copies& copies) {
   MORUN_TRY(multiply_copies(product, copies));
   MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(product.n_row, product.n_col, copies.halves_of_A()),
                  layouting_of_A_failed);
-  // Kept: one block, whatever the result's row stride.
-  memcpy(start<uint16_t>(product.result), copies.A, product.A_bytes());
+  copy_block_to_result(product, copies);
   return MORUN_SUCCESS;
 }
 
@@ -173,7 +173,7 @@ template <class Weight,
 int32_t u8_by_integer(const Product& product, Copies&) {
   const PackedRows<int32_t> output(product);
   MORUN_TRY_STEP(this_call, output.status(), allocation_of_A_failed);
-  int32_t W_fd;
+  uint32_t W_fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
   const morun::Shape shape = product.shape();
   // Kept: right's data offset is not looked at.

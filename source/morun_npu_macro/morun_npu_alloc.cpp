@@ -1,3 +1,4 @@
+#include "source/host/context.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
 namespace {
@@ -17,7 +18,7 @@ int32_t morun_npu_alloc(uint64_t size, void** out_ptr) {
   MORUN_TRY(morun::check_initialized(MORUN_HERE));
   int32_t fd = -1;
   MORUN_TRY_LOWER(tavik_buffer_alloc(context, size, out_ptr, &fd));
-  if (fd >= 0 && fd <= TAVIK_MAX_DESCRIPTOR) morun_map_db[fd] = {address_of(*out_ptr), static_cast<uint32_t>(size)};
+  if (tavik::is_in_descriptor_table(fd)) morun_map_db[fd] = {address_of(*out_ptr), static_cast<uint32_t>(size)};
   return MORUN_SUCCESS;
 }
 
@@ -29,9 +30,9 @@ int32_t morun_parlo_find_fd(const void* ptr) {
 
 int32_t morun_npu_free(void* ptr) {
   if (ptr == nullptr) return MORUN_SUCCESS;
-  int32_t fd;
+  uint32_t fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE, "addr", ptr, &fd));
-  MORUN_TRY_LOWER(tavik_buffer_free(context, fd));
+  MORUN_TRY_LOWER(tavik_buffer_free(context, static_cast<int32_t>(fd)));
   // Kept: the entry stays, and finds the descriptor of whoever comes to the same address later at a higher one.
   return MORUN_SUCCESS;
 }

@@ -9,11 +9,8 @@ constexpr char reporting_file[] = "source/morun_npu_macro/morun_npu_mm_f16";
 int32_t morun_npu_mm_f16(int32_t domain, int32_t n_row, int32_t n_col, int32_t n_inner, uint16_t* A, const uint16_t* X,
                          const uint16_t* W) {
   MORUN_TRY(morun::check_f16_product(MORUN_HERE, domain, {n_row, n_col, n_inner}, A, X, W));
-  int32_t A_fd, W_fd, X_fd;
-  MORUN_TRY(morun::find_registered(MORUN_HERE, "A", A, &A_fd));
-  MORUN_TRY(morun::find_registered(MORUN_HERE, "W", W, &W_fd));
-  MORUN_TRY(morun::find_registered(MORUN_HERE, "X", X, &X_fd));
-  MORUN_TRY_LOWER(tavik_npu_mm_f16_ah_f16_ah_f16_wh(context, n_row, n_col, n_inner, static_cast<uint32_t>(A_fd),
-                                                    static_cast<uint32_t>(X_fd), static_cast<uint32_t>(W_fd), 0, 0, 0));
+  morun::Descriptors fds;
+  MORUN_TRY(morun::find_all_registered(MORUN_HERE, A, W, X, &fds));
+  MORUN_TRY_LOWER(tavik_npu_mm_f16_ah_f16_ah_f16_wh(context, n_row, n_col, n_inner, fds.A, fds.X, fds.W, 0, 0, 0));
   return MORUN_SUCCESS;
 }

@@ -1,12 +1,9 @@
+#include "source/host/kernels/size_check.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
 namespace {
 
 constexpr char reporting_file[] = "source/morun_npu_macro/morun_npu_mm_u8i4_i32";
-
-int32_t round_up(int32_t value, uint32_t cleared) {
-  return static_cast<int32_t>((static_cast<uint32_t>(value) + 31u) & ~cleared);
-}
 
 }  // namespace
 
@@ -14,8 +11,8 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
                               const uint8_t* X, const uint8_t* W) {
   MORUN_TRY(morun::check_operands(MORUN_HERE, X, A, W));
   MORUN_TRY(morun::check_domain(MORUN_HERE, domain));
-  int32_t fd;
-  MORUN_TRY(morun::find_registered(MORUN_HERE, "W", W, &fd));
+  uint32_t W_fd;
+  MORUN_TRY(morun::find_registered(MORUN_HERE, "W", W, &W_fd));
 
   const auto height = static_cast<uint64_t>(n_row), width = static_cast<uint64_t>(n_col),
              depth = static_cast<uint64_t>(n_inner);
@@ -24,8 +21,10 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
     if (status != MORUN_SUCCESS) return static_cast<int32_t>(status);
   }
   // Kept: of the rows only the bit of value 32 is cleared.
-  const int32_t n_row_32 = round_up(n_row, 32u), n_col_32 = round_up(n_col, 31u), n_inner_32 = round_up(n_inner, 31u);
-  const uint32_t A_fd = ~0u, X_fd = ~0u, W_fd = static_cast<uint32_t>(fd);
+  const auto n_row_32 = static_cast<int32_t>((static_cast<uint32_t>(n_row) + 31u) & ~32u);
+  const auto n_col_32 = static_cast<int32_t>(tavik::round_up_to_32(n_col));
+  const auto n_inner_32 = static_cast<int32_t>(tavik::round_up_to_32(n_inner));
+  const uint32_t A_fd = ~0u, X_fd = ~0u;
   MORUN_DEMAND(tavik_veyra_1mm_ui8i4_i32_tessel(context, n_row_32, n_col_32, n_inner_32, A_fd, X_fd, W_fd, 0, 0, 0));
   return static_cast<int32_t>(morun_cpu_ui8i4_ah_to_i32_rm(height, width, static_cast<const int32_t*>(context->A0), A));
 }

@@ -58,11 +58,18 @@ int32_t check_operands(const Place& place, const void* X, const void* A, const v
   return check_operand(place, "W", W);
 }
 
-int32_t find_registered(const Place& place, const char* name, const void* operand, int32_t* fd) {
-  *fd = morun_parlo_find_fd(operand);
-  if (*fd != -1) return MORUN_SUCCESS;
+int32_t find_registered(const Place& place, const char* name, const void* operand, uint32_t* fd) {
+  const int32_t found = morun_parlo_find_fd(operand);
+  *fd = static_cast<uint32_t>(found);
+  if (found != -1) return MORUN_SUCCESS;
   return MORUN_FAIL_AT(place, MORUN_ERROR_BAD_ARGUMENT, "%s = %p, not allocated with morun_npu_alloc()\n", name,
                        operand);
+}
+
+int32_t find_all_registered(const Place& place, const void* A, const void* W, const void* X, Descriptors* fds) {
+  MORUN_TRY(find_registered(place, "A", A, &fds->A));
+  MORUN_TRY(find_registered(place, "W", W, &fds->W));
+  return find_registered(place, "X", X, &fds->X);
 }
 
 bool activation_fits(const Shape& shape) {

@@ -40,8 +40,14 @@ int32_t check_f16_product(const Place& place, int32_t domain, const Shape& shape
 // What the integer products have in common: no operand NULL, X first.
 int32_t check_operands(const Place& place, const void* X, const void* A, const void* W);
 
-// The descriptor of the buffer that starts at `operand`; `name` stands in the line.
-int32_t find_registered(const Place& place, const char* name, const void* operand, int32_t* fd);
+// The descriptor of the buffer that starts at `operand`, as the products take it; `name` stands in the line.
+int32_t find_registered(const Place& place, const char* name, const void* operand, uint32_t* fd);
+
+// Those of a product that leaves all three in shared buffers: A, W and X, looked up in this order.
+struct Descriptors {
+  uint32_t A, W, X;
+};
+int32_t find_all_registered(const Place& place, const void* A, const void* W, const void* X, Descriptors* fds);
 
 // Whether the u8 activation fits the context's buffer for it. Where it does not, the product that follows refuses the
 // dimensions.

@@ -11,8 +11,7 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t w4_tile_cols = 32, w4_tile_bytes = 512;
-constexpr size_t pair_cols = 2 * w4_tile_cols;  // two tiles, side by side: a cache line of each row
+constexpr size_t pair_cols = 2 * w4_tile_side;  // two tiles, side by side: a cache line of each row
 
 // Few rows at a time: the lines of more of them would fight for the same sets of the caches.
 template <bool streaming>
@@ -46,7 +45,7 @@ void pack_edge(const uint8_t* rows, size_t pitch, size_t n_row, size_t n_col, st
   for (size_t row = 0; row < n_row; ++row) memcpy(padded[row], rows + row * pitch, n_col);
   std::byte pair[2 * w4_tile_bytes];
   pack_pair(padded[0], pair_cols, pair);
-  memcpy(tiles, pair, n_col > w4_tile_cols ? 2 * w4_tile_bytes : w4_tile_bytes);
+  memcpy(tiles, pair, n_col > w4_tile_side ? 2 * w4_tile_bytes : w4_tile_bytes);
 }
 
 }  // namespace
@@ -71,7 +70,7 @@ void nibble_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, ui
         pack_pair(from, n_col, tiles);
       else
         pack_edge(from, n_col, rows, cols, tiles);
-      tiles += cols > w4_tile_cols ? 2 * w4_tile_bytes : w4_tile_bytes;
+      tiles += cols > w4_tile_side ? 2 * w4_tile_bytes : w4_tile_bytes;
     }
   }
 }

@@ -7,8 +7,7 @@
 
 namespace {
 
-constexpr uint64_t w4_tile_side = 32;
-constexpr uint64_t w4_tile_bytes = 512;
+using tavik::w4_tile_bytes, tavik::w4_tile_side;
 
 std::byte* bytes(void* data) {
   return static_cast<std::byte*>(data);
