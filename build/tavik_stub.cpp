@@ -1,8 +1,8 @@
 // Client stub of the remote interface: packs each method's arguments into one invocation, as the table of methods says.
 #include <cerrno>
 
-#include "build/tavik_methods.h"
 #include "include/tavik_remote.h"
+#include "remote/methods.h"
 
 namespace tavik::remote {
 namespace {

@@ -24,7 +24,7 @@ if(MORUN_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
-# The vector backend (source/simd): one for the whole build.
+# The vector backend (simd): one for the whole build.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
   set(default_simd neon)
 elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")

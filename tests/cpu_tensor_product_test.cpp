@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "include/morun_tensor.h"
-#include "source/simd/scalar.h"
+#include "simd/scalar.h"
 #include "tests/data.h"
 
 static bool memory_is_short = false;

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "source/simd/simd.h"
+#include "simd/simd.h"
 #include "tests/data.h"
 #include "tests/emulator_session.h"
 

@@ -9,8 +9,8 @@
 #include <type_traits>
 
 #include "include/morun_tensor.h"
+#include "simd/simd.h"
 #include "source/host/util/scratch.h"
-#include "source/simd/simd.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "build/tavik_methods.h"
+#include "remote/methods.h"
 
 namespace parlo::client {
 namespace {

@@ -10,7 +10,7 @@
 #include <cstdint>
 
 #include "platform/emulator/dsp/matrix_unit.h"
-#include "source/simd/simd.h"
+#include "simd/simd.h"
 
 namespace parlo::dsp {
 

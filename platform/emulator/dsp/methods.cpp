@@ -4,10 +4,10 @@
 #include <array>
 #include <cstring>
 
-#include "build/tavik_methods.h"
 #include "platform/emulator/dsp/matrix_unit.h"
 #include "platform/emulator/dsp/products.h"
 #include "platform/emulator/parlo_emulator.h"
+#include "remote/methods.h"
 
 namespace parlo::dsp {
 namespace {

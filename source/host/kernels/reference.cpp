@@ -2,9 +2,9 @@
 #include <bit>
 
 #include "include/tavik.h"
+#include "simd/simd.h"
 #include "source/host/error.h"
 #include "source/host/kernels/size_check.h"
-#include "source/simd/simd.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "simd/simd.h"
 #include "source/host/util/blocks.h"
 #include "source/host/util/scratch.h"
-#include "source/simd/simd.h"
 
 namespace tavik {
 namespace {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "simd/simd.h"
 #include "source/host/util/scratch.h"
-#include "source/simd/simd.h"
 
 namespace tavik {
 namespace {

@@ -1,7 +1,7 @@
 #include <cmath>
 
 #include "include/tavik.h"
-#include "source/simd/scalar.h"
+#include "simd/scalar.h"
 
 namespace {
 

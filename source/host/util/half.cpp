@@ -1,8 +1,8 @@
 #include <algorithm>
 
 #include "include/tavik.h"
+#include "simd/simd.h"
 #include "source/host/util/streaming.h"
-#include "source/simd/simd.h"
 
 namespace {
 

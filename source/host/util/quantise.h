@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "simd/simd.h"
 #include "source/host/util/streaming.h"
-#include "source/simd/simd.h"
 
 namespace tavik {
 

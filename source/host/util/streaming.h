@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "source/simd/simd.h"
+#include "simd/simd.h"
 
 namespace tavik {
 

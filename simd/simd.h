@@ -77,11 +77,11 @@
 #include <cstdint>
 
 #if defined(MORUN_SIMD_NEON)
-#  include "source/simd/neon.h"
+#  include "simd/neon.h"
 #elif defined(MORUN_SIMD_AVX2)
-#  include "source/simd/avx2.h"
+#  include "simd/avx2.h"
 #elif defined(MORUN_SIMD_PORTABLE)
-#  include "source/simd/portable.h"
+#  include "simd/portable.h"
 #else
 #  error "no vector backend chosen: define MORUN_SIMD_NEON, MORUN_SIMD_AVX2 or MORUN_SIMD_PORTABLE"
 #endif

@@ -1,4 +1,4 @@
-#include "tools/morun/judge.h"
+#include "tools/morun/verify/judge.h"
 
 #include <cmath>
 

@@ -9,13 +9,13 @@
 
 #include "tools/morun/commands.h"
 #include "tools/morun/error.h"
-#include "tools/morun/expected.h"
-#include "tools/morun/judge.h"
 #include "tools/morun/layouts.h"
 #include "tools/morun/operands.h"
 #include "tools/morun/progress.h"
 #include "tools/morun/session_regions.h"
 #include "tools/morun/upper.h"
+#include "tools/morun/verify/expected.h"
+#include "tools/morun/verify/judge.h"
 
 namespace tool {
 namespace {

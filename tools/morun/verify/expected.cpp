@@ -1,4 +1,4 @@
-#include "tools/morun/expected.h"
+#include "tools/morun/verify/expected.h"
 
 #include <algorithm>
 #include <array>

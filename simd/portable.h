@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "source/simd/scalar.h"
+#include "simd/scalar.h"
 
 namespace morun::simd {
 

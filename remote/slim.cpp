@@ -2,8 +2,8 @@
 #include <array>
 #include <string_view>
 
-#include "build/tavik_methods.h"
 #include "include/tavik_remote.h"
+#include "remote/methods.h"
 
 namespace tavik::remote {
 namespace {

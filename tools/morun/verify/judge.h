@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-#include "tools/morun/expected.h"
+#include "tools/morun/verify/expected.h"
 
 namespace tool {
 

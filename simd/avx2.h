@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "source/simd/scalar.h"
+#include "simd/scalar.h"
 
 namespace morun::simd {
 
