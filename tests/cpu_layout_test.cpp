@@ -128,7 +128,8 @@ TEST(CpuLayouts, FollowTheirDefinitions) {
     const Vector<int32_t> tiles = random.any<int32_t>((n_row + 63) / 64 * (n_col / 32) * 2048 + 1);
     Vector<int32_t> rows(n_row * n_col, 90);  // columns past the last whole tile stay
     for (Size i = 0; i < rows.size(); ++i)
-      if (i % n_col < n_col / 32 * 32) rows[i] = tiles[test::place_in_tall_tiles(i / n_col, i % n_col, n_col)];
+      if (i % n_col < n_col / 32 * 32)
+        rows[i] = tiles[test::place_in_tall_tiles(i / n_col, i % n_col, n_col / 32 * 32)];
     expect_result(digest, {}, rows,
                   [&](int32_t* dst) { return morun_cpu_ui8i4_ah_to_i32_rm(n_row, n_col, tiles.data(), dst); });
   }

@@ -41,8 +41,9 @@ struct QuantisedActivation {
   Vector<float> scales;
   Vector<uint32_t> sums;
 };
+// The sums add what the mask leaves of a value.
 inline QuantisedActivation quantise(uint64_t n_row, uint64_t n_col, const Vector<float>& src, float divisor,
-                                    uint32_t offset) {
+                                    uint32_t offset, uint32_t mask = ~0u) {
   QuantisedActivation a{Vector<uint32_t>(n_row * n_col), Vector<float>(n_row), Vector<uint32_t>(n_row)};
   for (uint64_t r = 0; r < n_row; ++r) {
     float m = 0;
@@ -53,7 +54,7 @@ inline QuantisedActivation quantise(uint64_t n_row, uint64_t n_col, const Vector
     for (uint64_t c = 0; c < n_col; ++c) {
       const float t = src[r * n_col + c] * inverse;
       a.q[r * n_col + c] = static_cast<uint32_t>(integer_of(std::round(t))) + offset;
-      a.sums[r] += a.q[r * n_col + c];
+      a.sums[r] += a.q[r * n_col + c] & mask;
     }
   }
   return a;

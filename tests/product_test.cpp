@@ -342,15 +342,20 @@ TEST_F(Products, CheckTheirDimensionsBeforeAnything) {
     Shape shape;
     std::string message;  // none: passes, and the descriptor is refused
   };
-  const Case cases[] = {{{1, 48, 40}, columns},      {{1, 64, 40}, inner},       {{1, 64, -40}, inner},
+  const Case cases[] = {{{1, 48, 40}, columns},
+                        {{1, 64, 40}, inner},
+                        {{1, 64, -40}, inner},
                         {{192, 256, 416}, ""},        // the output limit itself
                         {{192, 288, 32}, too_large},  // past it
                         {{160, 32, 512}, ""},         // the input limit itself, past the other
                         {{160, 32, 544}, too_large},  // past both
-                        {{200, 32, 32}, ""},         {{201, 32, 32}, too_large},  // the limit of rows
-                        {{-1, 32, 32}, too_large},   {{1, -32, 32}, too_large},  {{1, 32, INT32_MIN}, too_large},
-                        {{1, 32, 81920}, too_large},   // one row fits the limit, its tiles do not fit X
-                        {{1, 49152, 32}, too_large}};  // nor its result A0
+                        {{200, 32, 32}, ""},
+                        {{201, 32, 32}, too_large},  // the limit of rows
+                        {{-1, 32, 32}, too_large},
+                        {{1, -32, 32}, too_large},
+                        {{1, 32, INT32_MIN}, too_large},
+                        {{1, 32, 81920}, "Activation"},  // one row fits the limit, its tiles do not fit X
+                        {{1, 49152, 32}, "Result"}};     // nor its result A0
   memset(context_->X, 0x5a, context_->X_size);
   for (const Case& c : cases)
     for (const Kind kind : kinds)
@@ -368,7 +373,13 @@ TEST_F(Products, CheckTheirDimensionsBeforeAnything) {
             multiply(kind, first, std::vector<Weights>(count, {2000, 0, 0, 0, 0, {}, {}}), a, x.data(), c.shape.n_col);
         EXPECT_EQ(status, c.message.empty() ? 1u : 2u);
         if (status == 2) {
-          EXPECT_EQ(last_error(false), "2 mm_size_check source/host/kernels 0: " + c.message);
+          const bool is_result = c.message == "Result", is_padded = is_result || c.message == "Activation";
+          const std::string padded = " of " + std::to_string((is_result ? bytes_of_A : bytes_of_X)(kind, c.shape)) +
+                                     " bytes in whole tiles exceeds its buffer of " +
+                                     std::to_string(is_result ? context_->A_size : context_->X_size) +
+                                     " (see tavik_options to adapt)";
+          EXPECT_EQ(last_error(false),
+                    "2 mm_size_check source/host/kernels 0: " + c.message + (is_padded ? padded : ""));
         }
         for (const Vector<float>& result : a) EXPECT_EQ(result[0], -7);
         EXPECT_EQ(parlo_emulator_trace_length(), 0u);
