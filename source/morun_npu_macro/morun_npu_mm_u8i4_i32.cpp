@@ -17,7 +17,7 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
   const auto height = static_cast<uint64_t>(n_row), width = static_cast<uint64_t>(n_col),
              depth = static_cast<uint64_t>(n_inner);
   if (morun::activation_fits({n_row, n_col, n_inner})) {
-    const uint32_t status = morun_cpu_rm_to_wh_i8(depth, height, X, static_cast<uint8_t*>(context->X));
+    const uint32_t status = morun_cpu_rm_to_wh_i8(depth, height, X, static_cast<uint8_t*>(own::context->X));
     if (status != MORUN_SUCCESS) return static_cast<int32_t>(status);
   }
   // Kept: of the rows only the bit of value 32 is cleared.
@@ -25,6 +25,8 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
   const auto n_col_32 = static_cast<int32_t>(tavik::round_up_to_32(n_col));
   const auto n_inner_32 = static_cast<int32_t>(tavik::round_up_to_32(n_inner));
   const uint32_t A_fd = ~0u, X_fd = ~0u;
-  MORUN_DEMAND(tavik_veyra_1mm_ui8i4_i32_tessel(context, n_row_32, n_col_32, n_inner_32, A_fd, X_fd, W_fd, 0, 0, 0));
-  return static_cast<int32_t>(morun_cpu_ui8i4_ah_to_i32_rm(height, width, static_cast<const int32_t*>(context->A0), A));
+  MORUN_DEMAND(
+      tavik_veyra_1mm_ui8i4_i32_tessel(own::context, n_row_32, n_col_32, n_inner_32, A_fd, X_fd, W_fd, 0, 0, 0));
+  return static_cast<int32_t>(
+      morun_cpu_ui8i4_ah_to_i32_rm(height, width, static_cast<const int32_t*>(own::context->A0), A));
 }
