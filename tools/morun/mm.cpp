@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "tools/morun/commands.h"
@@ -59,12 +60,10 @@ ProductShape shape_of(const NpyFile& x, const std::vector<NpyFile>& w) {
 }
 
 void require_different_files(const std::vector<OutputFile>& files) {
-  for (size_t i = 1; i < files.size(); ++i) {
-    for (size_t j = 0; j < i; ++j) {
-      std::error_code error;
-      const bool are_same = files[i].target() == files[j].target() ||
-                            std::filesystem::equivalent(files[i].target(), files[j].target(), error);
-      if (are_same) throw Error("{}: every result needs a file of its own", files[i].target().native());
+  std::set<std::filesystem::path> targets;
+  for (const OutputFile& file : files) {
+    if (!targets.insert(file.target()).second) {
+      throw Error("{}: every result needs a file of its own", file.name().native());
     }
   }
 }

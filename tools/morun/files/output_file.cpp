@@ -19,14 +19,15 @@ Error cannot_write(const fs::path& path, int error) {
   return Error("{}: cannot be written: {}", path == "-" ? "standard output" : path.native(), std::strerror(error));
 }
 
-// The path behind symbolic links, of which the last may lead to nothing.
+// The one path of a file, which need not exist: behind symbolic links, of which the last may lead to nothing.
 fs::path behind_links(fs::path path) {
   constexpr int longest_chain = 40;
   std::error_code error;
   for (int i = 0; i < longest_chain && fs::is_symlink(path, error); ++i) {
     path = path.parent_path() / fs::read_symlink(path, error);
   }
-  return path;
+  const fs::path folder = fs::canonical(path.has_parent_path() ? path.parent_path() : ".", error);
+  return error ? path : folder / path.filename();
 }
 
 mode_t usual_permissions() {
@@ -64,7 +65,7 @@ void OutputFile::open_replacement() {
   if (exists && access(target_.c_str(), W_OK) != 0) throw cannot_write(name_, errno);
   const mode_t permissions = exists ? status.st_mode & 0777 : usual_permissions();
   try {
-    replacement_ = std::make_unique<TemporaryFile>(target_.has_parent_path() ? target_.parent_path() : ".");
+    replacement_ = std::make_unique<TemporaryFile>(target_.parent_path());
   } catch (const std::system_error& error) {
     throw cannot_write(name_, error.code().value());
   }

@@ -27,14 +27,16 @@ class OutputFile {
   // Called once, after the last write. Throws an Error, and the file is what it was.
   void commit();
 
-  // Where the bytes go: links are followed, "-" is standard output.
+  const std::filesystem::path& name() const { return name_; }  // as given
+
+  // Where the bytes go: one path for each file, behind links. "-" is standard output.
   const std::filesystem::path& target() const { return target_; }
 
  private:
   void open_directly();
   void open_replacement();
 
-  std::filesystem::path name_;  // as the user gives it
+  std::filesystem::path name_;
   std::filesystem::path target_;
   Descriptor direct_;
   std::unique_ptr<TemporaryFile> replacement_;
