@@ -252,9 +252,16 @@ bool arm_fault() {
                                 PARLO_EMULATOR_MEM_ALLOC2,     PARLO_EMULATOR_MEM_TO_FD, PARLO_EMULATOR_HANDLE_OPEN,
                                 PARLO_EMULATOR_SESSION_CONTROL};
   constexpr int statuses[] = {0, 1, -1, 0x77, INT32_MIN, 2};
+  constexpr int classes[] = {PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_FAULT_FROM_THEN_ON,
+                             PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_FAULT_SESSION_LOST};
   const bool is_invocation = input.fault < 208;
-  parlo_emulator_fail(is_invocation ? operations[0] : operations[input.fault % std::size(operations)], -1,
-                      input.nth % 5, statuses[input.status % std::size(statuses)], input.status);
+  const parlo_emulator_fault fault = {classes[input.fault / 16 % 4],
+                                      is_invocation ? operations[0] : operations[input.fault % std::size(operations)],
+                                      -1,
+                                      input.nth % 5u,
+                                      statuses[input.status % std::size(statuses)],
+                                      input.status};
+  parlo_emulator_arm(&fault);
   return true;
 }
 
