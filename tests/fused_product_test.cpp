@@ -183,9 +183,11 @@ TEST_F(FusedProducts, RefuseQuantisationDataPastTheEndOfTheirBuffer) {
 
 TEST_F(FusedProducts, OfIntegersTakeTheirRowsAsTheyAreAndOnlyWhatFits) {
   const uint32_t fd = share().fd;
+  ASSERT_EQ(context_->A_size, 4u * 64 * 1024);
   for (const auto run : {tavik_veyra_1mm_ui8i8_i32_tessel, tavik_veyra_1mm_ui8i4_i32_tessel}) {
     EXPECT_EQ(run(context_, n_row, columns, inner, ~0u, ~0u, fd, 0, 0, 48), 0u) << last_error();
     EXPECT_EQ(test::last_invocation(), (std::vector<uint64_t>{67, n_col, n_inner, fd, 48}));
+    EXPECT_EQ(run(context_, 64, 1024, 32, ~0u, ~0u, fd, 0, 0, 0), 0u) << last_error();  // A0 is full
     EXPECT_EQ(run(context_, n_row, 33, inner, ~0u, ~0u, 2000, 0, 0, 0), 2u);
     EXPECT_EQ(run(context_, 1, 32, 1 << 16, ~0u, ~0u, fd, 0, 0, 0), 2u);  // the row's segments reach past X
   }
