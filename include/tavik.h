@@ -144,7 +144,7 @@ int32_t tavik_init(const tavik_options* options, tavik_context** context);
  *
  * Status 1 when a step fails: the context then stays allocated and partly torn down, with ~0 as the handle of every session
  * that is closed. A second call takes what is left step by step. It passes over a step that fails, because the closing of
- * a session ends whatever the session still has. It frees the context and returns 0 when every session is closed, and
+ * a session ends whatever the session still has, and because the platform may not know a reserved session any more. It frees the context and returns 0 when every session is closed, and
  * returns 1 when one cannot be closed; then a further call tries again, or tavik_context_free gives the memory back. The
  * failure does not stand in the way of a new tavik_init. */
 int32_t tavik_cleanup(tavik_context* context);
