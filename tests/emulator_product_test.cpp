@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 
 #include "simd/simd.h"
 #include "tests/definitions.h"
@@ -294,6 +295,10 @@ TEST_F(EmulatorProduct, RefusalsLeaveTheResultsUntouched) {
                                          {0, a8w4.mm, 0, 32, 32, A, X, W, 0, 0, 0}};
   for (const auto& c : cases)
     EXPECT_EQ(first.invoke(c[1], {c.begin() + 2, c.end()}), static_cast<int>(c[0])) << "case " << &c - cases;
+  const auto begin = std::clock();
+  for (const Kind& kind : {f16, a8w8, a8w4})
+    EXPECT_EQ(first.invoke(kind.mm, {kind.mm == f16.mm ? huge : ~0u, 0, 0, A, X, W, 0, 0, 0}), 0);
+  EXPECT_LT(std::clock() - begin, 2 * CLOCKS_PER_SEC) << "nothing to compute, and no walk over all rows";
   const std::vector<uint32_t> right = {32, 32, 32, W, 0};
   EXPECT_EQ(first.invoke(unlock_unit), 0);
   for (const Kind& kind : {f16, a8w8, a8w4}) EXPECT_EQ(first.invoke(kind.single, right), PARLO_EMULATOR_DSP_NOT_LOCKED);

@@ -141,6 +141,18 @@ parlo_domain* domains;
 constexpr char unsupported_api[] =
     "\nParlo Capability API is not supported on this device\nRunning the usecase without checking the capability\n";
 
+constexpr int attributes[][3] = {{ONDRA_SUPPORT_64B, DSP_ONDRA_SUPPORT_64B, 2},
+                                 {ONDRA_SUPPORT_128B, DSP_ONDRA_SUPPORT_128B, 3},
+                                 {VTCM_PAGE, DSP_VTCM_PAGE, 4},
+                                 {VTCM_COUNT, DSP_VTCM_COUNT, 5},
+                                 {TESSEL_SUPPORT_SPATIAL, DSP_TESSEL_SUPPORT_SPATIAL, 7},
+                                 {TESSEL_SUPPORT_DEPTH, DSP_TESSEL_SUPPORT_DEPTH, 8}};
+static_assert([] {
+  for (const auto& [name, longer_name, number] : attributes)
+    if (name != number || longer_name != number) return false;
+  return true;
+}());
+
 TEST_F(Capabilities, AnswerWhatThePlatformSays) {
   int result = -1;
   EXPECT_EQ(output_of([] { return get_veyra_arch_ver(3, &answer); }, &result), "");
