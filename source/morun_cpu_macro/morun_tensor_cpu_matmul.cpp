@@ -11,6 +11,7 @@
 #include "include/morun_tensor.h"
 #include "simd/simd.h"
 #include "source/host/util/scratch.h"
+#include "source/host/util/tiles.h"
 
 namespace {
 
@@ -40,10 +41,6 @@ struct Range {
 };
 Range range_from(size_t begin, size_t most, size_t end) {
   return {begin, begin + std::min(most, end - begin)};
-}
-
-constexpr size_t round_up(size_t value, size_t unit) {
-  return (value + unit - 1) / unit * unit;
 }
 
 // The extents of whole blocks, and what is kept of one.
@@ -211,7 +208,7 @@ struct Product {
   }
 
   void widen_activation(const Working& working, Range rows, Range inner) const {
-    const size_t padded_inner = round_up(inner.size(), step);
+    const size_t padded_inner = tavik::round_up(inner.size(), step);
     for_each_group(rows.size(), [&](size_t first, auto n) {
       for (size_t i = 0; i < n; ++i) {
         const uint16_t* const row = X + (rows.begin + first + i) * n_inner + inner.begin;
@@ -223,7 +220,7 @@ struct Product {
   }
 
   void multiply_panel(const Working& working, size_t n_rows, Range inner, size_t column, float* sums) const {
-    const size_t padded_inner = round_up(inner.size(), step), whole_steps = inner.size() / step * step;
+    const size_t padded_inner = tavik::round_up(inner.size(), step), whole_steps = inner.size() / step * step;
     const Columns columns = columns_at(column, inner.begin);
     for_each_group(n_rows, [&](size_t first, auto n) {
       Group group = {working.activation + first * padded_inner, sums + first * panel_lanes, inner.begin == 0};
@@ -284,8 +281,8 @@ struct Product {
     const bool is_few = n_row <= few_rows;
     const size_t most_inner = n_row <= group_rows ? single_group_inner : is_few ? few_rows_inner : block_inner;
     Working working = {std::min(n_row, block_rows),
-                       round_up(std::min(n_col, block_columns), panel_columns),
-                       round_up(std::min(n_inner_in_lanes(), most_inner), step),
+                       tavik::round_up(std::min(n_col, block_columns), panel_columns),
+                       tavik::round_up(std::min(n_inner_in_lanes(), most_inner), step),
                        nullptr,
                        nullptr,
                        nullptr};
