@@ -191,7 +191,7 @@ void for_each_group(size_t n_row, Body body) {
   }
 }
 
-struct Product {
+struct HostProduct {
   const size_t n_row, n_col, n_inner;
   uint16_t* const A;
   const uint16_t* const X;
@@ -308,6 +308,6 @@ struct Product {
 
 uint64_t morun_tensor_cpu_matmul_scenario_5(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint16_t* A,
                                             const uint16_t* X, const uint16_t* W) {
-  if (n_row > 0 && n_col > 0) Product{n_row, n_col, n_inner, A, X, W}.multiply_with_scratch();
+  if (n_row > 0 && n_col > 0) HostProduct{n_row, n_col, n_inner, A, X, W}.multiply_with_scratch();
   return n_row;
 }

@@ -29,7 +29,7 @@ struct Range {
 };
 
 template <class Elements>
-struct Product {
+struct TiledProduct {
   using Staged = typename Elements::Staged;
   using Sum = typename Elements::Sum;
   static constexpr size_t block_depth = block_steps * Elements::step;
@@ -223,9 +223,9 @@ struct Product {
 template <class Elements>
 void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::byte* A) {
   if (shape.n_row == 0) return;
-  const Product<Elements> product{shape, reinterpret_cast<const typename Elements::Activation*>(X),
-                                  reinterpret_cast<const typename Elements::Weight*>(W),
-                                  reinterpret_cast<typename Elements::Result*>(A)};
+  const TiledProduct<Elements> product{shape, reinterpret_cast<const typename Elements::Activation*>(X),
+                                       reinterpret_cast<const typename Elements::Weight*>(W),
+                                       reinterpret_cast<typename Elements::Result*>(A)};
   // Of rows of zeros at the end, as padding has them, one or two are computed and stand for all: their results are alike,
   // but not always zero.
   const size_t n_row_before_zeros = product.n_row_before_zeros();
@@ -245,7 +245,7 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
 
   std::atomic<size_t> next{0};
   run_on_threads(n_thread, [&] {
-    const auto scratch = std::make_unique_for_overwrite<typename Product<Elements>::Scratch>();
+    const auto scratch = std::make_unique_for_overwrite<typename TiledProduct<Elements>::Scratch>();
     for (size_t block = next++; block < n_block; block = next++) {
       const size_t row = block % n_row_block * block_rows, column = block / n_row_block * n_column;
       const Range columns{column, std::min(column + n_column, shape.n_col)};
@@ -259,7 +259,7 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
 }
 
 template <class Elements>
-constexpr Kind kind(bool whole_bands) {
+constexpr ProductKind kind(bool whole_bands) {
   return {Elements::tile_rows,
           whole_bands,
           sizeof(typename Elements::Activation),
@@ -270,8 +270,8 @@ constexpr Kind kind(bool whole_bands) {
 
 }  // namespace
 
-constexpr Kind f16 = kind<HalfElements>(true);
-constexpr Kind a8w8 = kind<ByteElements>(false);
-constexpr Kind a8w4 = kind<NibbleElements>(false);
+constexpr ProductKind f16 = kind<HalfElements>(true);
+constexpr ProductKind a8w8 = kind<ByteElements>(false);
+constexpr ProductKind a8w4 = kind<NibbleElements>(false);
 
 }  // namespace parlo::dsp

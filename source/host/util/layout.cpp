@@ -45,24 +45,28 @@ uint64_t tavik_apply_padding(uint64_t size) {
   return tavik::round_up(size, 2048);
 }
 
-#define TAVIK_MATRIX_FAMILY(suffix, type)                                                                              \
-  void tavik_matrix_block_linearize_##suffix(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, \
-                                             type* data) {                                                             \
-    tavik::block_linearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));                           \
-  }                                                                                                                    \
-  void tavik_matrix_block_unlinearize_##suffix(uint64_t n_row, uint64_t n_col, uint64_t block_rows,                    \
-                                               uint64_t block_cols, type* data) {                                      \
-    tavik::block_unlinearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));                         \
-  }                                                                                                                    \
-  void tavik_matrix_transpose_##suffix(uint64_t n_row, uint64_t n_col, type* data) {                                   \
-    tavik::transpose_units(n_row, n_col, sizeof(type), bytes(data));                                                   \
+#define TAVIK_MATRIX_FAMILY(type, linearize, unlinearize, transpose)                                       \
+  void linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, type* data) {   \
+    tavik::block_linearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));               \
+  }                                                                                                        \
+  void unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, type* data) { \
+    tavik::block_unlinearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));             \
+  }                                                                                                        \
+  void transpose(uint64_t n_row, uint64_t n_col, type* data) {                                             \
+    tavik::transpose_units(n_row, n_col, sizeof(type), bytes(data));                                       \
   }
-TAVIK_MATRIX_FAMILY(i8, int8_t)
-TAVIK_MATRIX_FAMILY(u8, uint8_t)
-TAVIK_MATRIX_FAMILY(f16, uint16_t)
-TAVIK_MATRIX_FAMILY(i32, int32_t)
-TAVIK_MATRIX_FAMILY(u32, uint32_t)
-TAVIK_MATRIX_FAMILY(f32, float)
+TAVIK_MATRIX_FAMILY(int8_t, tavik_matrix_block_linearize_i8, tavik_matrix_block_unlinearize_i8,
+                    tavik_matrix_transpose_i8)
+TAVIK_MATRIX_FAMILY(uint8_t, tavik_matrix_block_linearize_u8, tavik_matrix_block_unlinearize_u8,
+                    tavik_matrix_transpose_u8)
+TAVIK_MATRIX_FAMILY(uint16_t, tavik_matrix_block_linearize_f16, tavik_matrix_block_unlinearize_f16,
+                    tavik_matrix_transpose_f16)
+TAVIK_MATRIX_FAMILY(int32_t, tavik_matrix_block_linearize_i32, tavik_matrix_block_unlinearize_i32,
+                    tavik_matrix_transpose_i32)
+TAVIK_MATRIX_FAMILY(uint32_t, tavik_matrix_block_linearize_u32, tavik_matrix_block_unlinearize_u32,
+                    tavik_matrix_transpose_u32)
+TAVIK_MATRIX_FAMILY(float, tavik_matrix_block_linearize_f32, tavik_matrix_block_unlinearize_f32,
+                    tavik_matrix_transpose_f32)
 #undef TAVIK_MATRIX_FAMILY
 
 void tavik_f16_rm_to_f16_ah_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
