@@ -35,9 +35,9 @@ constexpr bool is_invoked(const Method& method) {
 static_assert(are_all_methods([](const Method& method) { return !is_invoked(method) || routine_of(method); }),
               "no method had so many scalars yet: name the routine of these methods in reported_routines");
 
-// A failure reaches the platform's debug log where that is present, which takes both of its entries.
+// A failure reaches the platform's debug log where the platform has one.
 void log_failure(const Method& method, uint64_t handle, int status) {
-  if (platform_debug_log == nullptr || platform_debug_log_configure == nullptr) return;
+  if (platform_debug_log == nullptr) return;
   constexpr int error_level = 3;
   const Routine& routine = *routine_of(method);
   const int error_number = errno;  // callers report it next

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "platform/emulator/dsp/elements.h"
@@ -278,8 +279,16 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
   const Plan plan = plan_for(shape, product.n_row_before_zeros(), Elements::unit_rows);
   const size_t n_block = plan.n_block();
   std::atomic<size_t> next{0};
+  // The calling thread's scratch is had before anything is written. Another thread that finds none leaves its work to
+  // the others.
+  using Scratch = typename Product::Scratch;
+  const auto first_scratch = std::make_unique_for_overwrite<Scratch>();
+  std::atomic_flag first_is_taken;
   run_on_threads(plan.n_thread, [&] {
-    const auto scratch = std::make_unique_for_overwrite<typename Product::Scratch>();
+    const bool is_first = !first_is_taken.test_and_set();
+    const std::unique_ptr<Scratch> own(is_first ? nullptr : new (std::nothrow) Scratch);
+    Scratch* const scratch = is_first ? first_scratch.get() : own.get();
+    if (!scratch) return;
     for (size_t index = next++; index < n_block; index = next++) {
       const Block block = plan.block(index);
       if (plan.has_few_rows)
