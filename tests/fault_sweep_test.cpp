@@ -123,15 +123,14 @@ int32_t run_f16f16(Runtime&) {
   auto* const shared = static_cast<uint16_t*>(context->buffer_pointer[0]);
   return morun_npu_mm_f16f16_f16(3, 64, 32, 32, shared, zeros, shared);
 }
-// A path by types and layouts of left, right and result.
-Scenario tensors(const char* name, const std::array<int, 6>& kinds, const std::vector<Answer>& answers) {
+Scenario tensors(const char* name, const test::TensorFormats& formats, const std::vector<Answer>& answers) {
   const auto run = [=](Runtime& runtime) {
     const auto matrix = [&](uint64_t n_row, size_t i, void* data) {
-      return morun_tensor_matrix(n_row, 32, morun_tensor_dtype_e(kinds[i]), morun_tensor_layout_e(kinds[i + 1]), data);
+      return morun_tensor_matrix(n_row, 32, formats.types[i], formats.layouts[i], data);
     };
-    const morun_tensor X = matrix(64, 0, zeros), W = matrix(32, 2, context->buffer_pointer[0]),
-                       A = matrix(64, 4, runtime.result.data());
-    return morun_mm_tensor(3, &A, &X, &W);
+    const morun_tensor X = matrix(64, 0, zeros), W = matrix(32, 1, context->buffer_pointer[0]),
+                       A = matrix(64, 2, runtime.result.data());
+    return morun_mm_tensor(MORUN_PLATFORM_NPU0, &A, &X, &W);
   };
   return {name, upper_init_and_alloc, run, answers};
 }
@@ -267,11 +266,11 @@ INSTANTIATE_TEST_SUITE_P(
         S{"Lock", upper_init_and_unlock, run_upper<morun_npu_lock_tessel>, {{1, lock, 0}}},
         S{"Version", upper_init, run_version, of_version},
         S{"F16F16", upper_init_and_alloc, run_f16f16, {allocation("X_parlo", f16f16), internal, {2, free_failed, 2}}},
-        tensors("P1", {5, 1, 4, 3, 5, 1}, {err_1}), tensors("P2", {4, 4, 4, 3, 4, 4}, copies),
-        tensors("P3", {4, 1, 4, 3, 4, 1},
+        tensors("P1", test::paths::P1, {err_1}), tensors("P2", test::paths::P2, copies),
+        tensors("P3", test::paths::P3,
                 {allocation("A"), err_1, allocation("X_parlo"), err_1, err_1, {4, free_failed, 2, true}}),
-        tensors("P4", {2, 1, 0, 3, 3, 1}, {ending_product("4", "n_row_32, n_col_32, n_inner_32")}),
-        tensors("P5", {4, 1, 4, 1, 4, 1}, copies), tensors("P6", {2, 1, 1, 3, 3, 1}, of_P6)),
+        tensors("P4", test::paths::P4, {ending_product("4", "n_row_32, n_col_32, n_inner_32")}),
+        tensors("P5", test::paths::P5, copies), tensors("P6", test::paths::P6, of_P6)),
     name_of);
 
 }  // namespace
