@@ -148,7 +148,9 @@ class Transcript : public testing::Test {
                       const std::function<int64_t()>& run) {
     start_afresh();
     prepare(preparation);
-    parlo_emulator_fail(PARLO_EMULATOR_ANY_OPERATION, -1, for_good ? nth : nth, 0x77, EIO);
+    const int32_t fault_class = for_good ? PARLO_EMULATOR_FAULT_FROM_THEN_ON : PARLO_EMULATOR_FAULT_ONCE;
+    const parlo_emulator_fault fault = {fault_class, PARLO_EMULATOR_ANY_OPERATION, -1, nth, 0x77, EIO};
+    parlo_emulator_arm(&fault);
     const std::string observed = observe(run);
     const bool fired = parlo_emulator_faults_fired() != 0;
     parlo_emulator_clear_fault();
