@@ -69,6 +69,7 @@ struct Session {
 class Emulator : public testing::Test {
  protected:
   void TearDown() override {
+    EXPECT_EQ(usage().n_double_frees + usage().n_foreign_frees, 0u);
     parlo_emulator_reset();
     const parlo_emulator_usage alive = usage();
     EXPECT_EQ(alive.n_allocations + alive.n_bytes + alive.n_sessions + alive.n_handles + alive.n_mappings, 0u);
