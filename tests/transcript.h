@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <stdio_ext.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "include/morun_state.h"
@@ -26,6 +26,23 @@ inline Lines lines_of(const std::string& text) {
   Lines lines;
   for (std::string line; std::getline(stream, line);) lines.push_back(line);
   return lines;
+}
+
+// `text` with make(group) for each match of an extended regular expression; group(i) is the match's i-th part.
+std::string replaced(std::string rest, const char* expression, auto make) {
+  regex_t compiled;
+  regcomp(&compiled, expression, REG_EXTENDED);
+  regmatch_t at[4];
+  std::string told;
+  const auto group = [&](size_t i) {
+    return rest.substr(static_cast<size_t>(at[i].rm_so), static_cast<size_t>(at[i].rm_eo - at[i].rm_so));
+  };
+  while (regexec(&compiled, rest.c_str(), std::size(at), at, 0) == 0) {
+    told += rest.substr(0, static_cast<size_t>(at[0].rm_so)) + make(group);
+    rest.erase(0, static_cast<size_t>(at[0].rm_eo));
+  }
+  regfree(&compiled);
+  return told + rest;
 }
 
 // The fields of a context, one line for each that is not zero.
@@ -176,7 +193,7 @@ class Transcript : public testing::Test {
     if (error.code != -1)
       tell("error ", std::to_string(error.code) + " (" + error.function + ", " + error.file + ", line " +
                          std::to_string(error.line) +
-                         "): " + std::regex_replace(error.message, std::regex("\n"), "\\n"));
+                         "): " + replaced(error.message, "\n", [](auto) { return "\\n"; }));
     const Lines before = std::exchange(fields_, fields_of(*watched_));
     for (const std::string& field : fields_)
       if (std::find(before.begin(), before.end(), field) == before.end()) tell("context: ", field);
@@ -184,32 +201,29 @@ class Transcript : public testing::Test {
     return told + "  = " + std::to_string(status) + '\n';
   }
 
-  // A line of the platform starts a line even where the library's own before it has no end.
+  // A line of the platform starts a line even where the library's own before it has no end. A sanitizer's own lines go.
   static std::string with_line_ends(std::string text) {
-    text = std::regex_replace(text, std::regex("([^\n])\\[parlo\\] "), "$1 (no line end)\n[parlo] ");
     if (!text.empty() && text.back() != '\n') text += " (no line end)\n";
-    return std::regex_replace(text, std::regex("(^|\n)\\[parlo\\] "), "$1");
+    text = replaced(text, "==[0-9]+==[^\n]*\n", [](auto) { return ""; });
+    text = replaced(text, "([^\n])\\[parlo\\] ", [](auto group) { return group(1) + " (no line end)\n"; });
+    return replaced(text, "\\[parlo\\] ", [](auto) { return ""; });
   }
 
   // With names for addresses and handles, and without the line numbers that are nobody's to rely on.
   std::string named(const std::string& line) {
-    static const std::regex number("(handle|address|[A-Z]\\w* |addr )=( ?0x[0-9a-f]+)"),
-        free_line("(source/(?:host/kernels|morun_\\w+/\\w+)(?:, func = \\w+)?, line (?:= )?)[0-9]+");
-    std::smatch match;
-    std::string rest = line, told;
     const bool allocates = line.starts_with("parlo_mem_alloc"), opens = line.starts_with("parlo_handle_open");
-    while (std::regex_search(rest, match, number)) {
-      const bool is_handle = match[1] == "handle", is_field = is_handle || match[1] == "address";
-      const std::string value = match[2].str().substr(match[2].str().find('0')),
-                        entry = (is_handle ? "handle=" : "address=") + value;
-      if (allocates && value != "0x0") names_[entry] = "buffer#" + std::to_string(++n_buffer_);
-      if (opens) names_[entry] = "handle#" + std::to_string(++n_handle_);
-      const auto found = names_.find(entry);
-      told += match.prefix();
-      told += found == names_.end() ? match.str() : (is_field ? "" : match[1].str() + "= ") + found->second;
-      rest = match.suffix();
-    }
-    return std::regex_replace(told + rest, free_line, "$1*");
+    const std::string told =
+        replaced(line, "(handle=|address=|[A-Z][a-z_A-Z0-9]* = |addr = )(0x[0-9a-f]+)", [&](auto group) {
+          const std::string value = group(2), entry = (group(1) == "handle=" ? group(1) : "address=") + value;
+          if (allocates && value != "0x0") names_[entry] = "buffer#" + std::to_string(++n_buffer_);
+          if (opens) names_[entry] = "handle#" + std::to_string(++n_handle_);
+          const auto found = names_.find(entry);
+          if (found == names_.end()) return group(0);
+          return (group(1).back() == ' ' ? group(1) : "") + found->second;
+        });
+    return replaced(told,
+                    "(source/(host/kernels|morun_[a-z]+_macro/[a-z0-9_]+)(, func = [a-z0-9_]+)?, line (= )?)[0-9]+",
+                    [](auto group) { return group(1) + "*"; });
   }
 
   void compare() const {

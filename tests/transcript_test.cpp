@@ -140,13 +140,13 @@ TEST_F(Transcripts, BuffersAndSessions) {
   say("--- as many buffers as there can be");
   test::configure([](auto& config) { config.lowest_descriptor = 100; });
   prepare([&] {
-    while (c->n_buffers < TAVIK_MAX_BUFFERS) tavik_buffer_alloc(c, 1, nullptr, &out_fd);
+    for (int i = 0; i < TAVIK_MAX_BUFFERS; ++i) tavik_buffer_alloc(c, 1, nullptr, &out_fd);
   });
   PLAY(tavik_buffer_alloc(c, 1, &out, &out_fd));
   say("--- the end, on which the sessions go one after the other");
   aftermath = [] { return ""; };
   prepare([&] {
-    while (c->n_buffers > 0) tavik_buffer_free(c, c->buffer_fd[0]);
+    for (int i = 0; i < TAVIK_MAX_BUFFERS; ++i) tavik_buffer_free(c, c->buffer_fd[0]);
   });
   PLAY(clean_up());
 }
