@@ -130,7 +130,7 @@ class Transcript : public testing::Test {
   void play_to_the_end(const std::string& call, const std::function<void()>& run) {
     play(call + ", in a process of its own", [&]() -> int64_t {
       const pid_t child = fork();
-      if (child == 0) run(), _exit(99);
+      if (child == 0) parlo_emulator_take_over(), run(), _exit(99);
       int status = 0;
       waitpid(child, &status, 0);
       return WIFEXITED(status) ? WEXITSTATUS(status) : -1;

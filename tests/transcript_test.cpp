@@ -1,6 +1,8 @@
 // What the runtime, the stub, the products and both interfaces do, say and leave: scenarios against expected texts.
 #include "tests/transcript.h"
 
+#include <dlfcn.h>
+
 #include "include/dsp_capability.h"
 #include "include/morun_tensor.h"
 #include "platform/parlo.h"
@@ -8,6 +10,19 @@
 // Sizes that no allocator can give are refused under instrumentation, too.
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1";
+}
+
+namespace {
+
+bool open_fails_late = false;  // after it has given a handle
+
+}  // namespace
+
+// Stands before the platform's.
+extern "C" int parlo_handle_open(const char* uri, uint64_t* handle) {
+  static const auto open = reinterpret_cast<int (*)(const char*, uint64_t*)>(dlsym(RTLD_NEXT, "parlo_handle_open"));
+  const int status = open(uri, handle);
+  return open_fails_late ? 0x77 : status;
 }
 
 namespace {
@@ -181,6 +196,9 @@ TEST_F(Transcripts, FailuresOfTheRuntime) {
       [&] { two(), tavik_lock_compute_device(c), tavik_buffer_free(c, fd[0]), tavik_buffer_free(c, fd[1]); },
       [this] { return clean_up(); });
   play_failures("tavik_npu_test", two, [this] { return tavik_npu_test(c, 1, static_cast<uint32_t>(fd[0])); });
+  open_fails_late = true;
+  play("tavik_init on a platform that gives a handle and fails", [this] { return initialise(); });
+  open_fails_late = false;
   play_to_the_end("tavik_hello_veyra on a platform without the module", [] {
     parlo_emulator_fail(PARLO_EMULATOR_HANDLE_OPEN, -1, 1, 0x77, EIO);
     tavik_hello_veyra();
@@ -393,14 +411,15 @@ TEST_P(Products, ProductsRefusals) {
                      {1, 8192, 32},
                      {1, 224, 32},
                      {1, 32, 544},
+                     {1, 512, 32},
                      {1, 544, 32},
                      {1, 32, 576}})
     play(std::to_string(n[0]) + " x " + std::to_string(n[1]) + ", inner " + std::to_string(n[2]), [&] {
       return multiply(kind, {2000, 0}, n);
     });
   A[0].resize(128 * n_col);
-  play("128 x 64, inner 96, and 128 x 32, inner 128, which are at the limits", [&] {
-    return multiply(kind, weights(0), N{128, 64, n_inner}) | multiply(kind, weights(0), N{128, 32, 128});
+  play("128 x 64, inner 96, and 256 x 32, inner 64, which are at the limits", [&] {
+    return multiply(kind, weights(0), N{128, 64, n_inner}) | multiply(kind, weights(0), N{256, 32, 64});
   });
   for (const auto& [q, kv] : {std::pair{16, 32}, {32, 16}, {128, 32}, {32, 128}})
     play("three matrices of " + std::to_string(q) + " and " + std::to_string(kv) + " columns", [&, q = q, kv = kv] {
@@ -414,6 +433,7 @@ TEST_P(Products, ProductsRefusals) {
       return multiply(kind, {of, 0});
     });
   play("second weights at descriptor 1024", [&] { return multiply(kind, weights(0), Weights{1024, 0}); });
+  play("second weights at descriptor -1", [&] { return multiply(kind, weights(0), Weights{~0u, 0}); });
   play("no rows", [&] { return multiply(kind, weights(0), N{0, n_col, n_inner}); });
   play("no inner dimension", [&] { return multiply(kind, weights(0), N{n_row, n_col, 0}); });
   play("a context that was never initialised", [&] {
@@ -462,7 +482,8 @@ TEST_F(ProductTranscripts, ProductsOfTilesAndIntegers) {
   PLAY(tavik_npu_mm_f16_ah_f16_ah_f16_wh(c, 33, 64, 96, wide, wide, W, 2048, 16384, 2048));
   PLAY(tavik_npu_mm_f16_ah_f16_ah_f16_wh(c, 1, 64, 40, wide, wide, W, 0, 0, 0));
   PLAY(tavik_npu_mm_f16_ah_f16_ah_f16_wh(c, 1, 64, 32, wide, wide, 1024, 0, 0, 0));
-  PLAY(tavik_npu_test(c, 3, W));
+  PLAY(tavik_npu_test(c, 3, W) | static_cast<uint8_t*>(pointer[0])[2] << 8 |
+       static_cast<uint8_t*>(pointer[0])[3] << 16);
   PLAY(tavik_npu_test(c, 1 << 30, W));
   PLAY(tavik_npu_test(c, 3, 1024));
   prepare([this] {
@@ -478,6 +499,7 @@ TEST_F(ProductTranscripts, ProductsOfTilesAndIntegers) {
     PLAY(run(c, 100, 96, 32, ~0u, ~0u, 2000, 0, 0, 0));
     PLAY(run(c, -32, 32, 32, ~0u, ~0u, W, 0, 0, 0));
     PLAY(run(c, 1, 32, 2048, ~0u, ~0u, W, 0, 0, 0));
+    PLAY(run(c, 1, 512, 32, ~0u, ~0u, W, 0, 0, 0));
     PLAY(run(c, 1, 32, 32, ~0u, ~0u, 1024, 0, 0, 0));
     for (const int method : {15, 19}) {
       parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, method, 1, 0x77, EIO);
@@ -791,20 +813,20 @@ TEST_F(Transcripts, Capabilities) {
   std::vector<std::pair<const char*, std::function<int()>>> queries;
 #define QUERY(...) queries.emplace_back(#__VA_ARGS__, [&]() -> int { return __VA_ARGS__; })
   QUERY(get_dsp_support(&domain));
-  QUERY(get_vtcm_info(3, &answer, DSP_VTCM_PAGE));
-  QUERY(get_vtcm_info(0, &answer, DSP_VTCM_PAGE));
-  QUERY(get_vtcm_info(3, &answer, DSP_VTCM_COUNT));
+  QUERY(get_vtcm_info(3, &answer, VTCM_PAGE));
+  QUERY(get_vtcm_info(0, &answer, VTCM_PAGE));
+  QUERY(get_vtcm_info(3, &answer, VTCM_COUNT));
   QUERY(is_unsignedpd_supported(3));
   QUERY(is_unsignedpd_supported(0));
   QUERY(get_unsignedpd_support());
   QUERY(is_async_parlo_supported(3));
   QUERY(is_status_notification_supported(3));
   QUERY(is_status_notification_supported(1));
-  QUERY(get_tessel_support_info(3, &answer, DSP_TESSEL_SUPPORT_SPATIAL));
-  QUERY(get_tessel_support_info(3, &answer, DSP_TESSEL_SUPPORT_DEPTH));
+  QUERY(get_tessel_support_info(3, &answer, TESSEL_SUPPORT_SPATIAL));
+  QUERY(get_tessel_support_info(3, &answer, TESSEL_SUPPORT_DEPTH));
   QUERY(get_veyra_arch_ver(3, &answer));
   QUERY(get_veyra_arch_ver(0, &answer));
-  QUERY(get_ondra_support_info(3, &answer, DSP_ONDRA_SUPPORT_128B));
+  QUERY(get_ondra_support_info(3, &answer, ONDRA_SUPPORT_128B));
   QUERY(get_effective_domain_id("cdsp", 0, &domain));
   QUERY(get_effective_domain_id("cdsp", 4, &domain));
   QUERY(get_domains_info(nullptr, &count, &domains));
@@ -825,7 +847,7 @@ TEST_F(Transcripts, Capabilities) {
   PLAY(get_vtcm_info(9, nullptr, 4));
   PLAY(get_tessel_support_info(9, &answer, 6));
   PLAY(get_tessel_support_info(9, nullptr, 7));
-  PLAY(get_ondra_support_info(9, &answer, DSP_ONDRA_SUPPORT_64B));
+  PLAY(get_ondra_support_info(9, &answer, ONDRA_SUPPORT_64B));
   PLAY(get_ondra_support_info(9, &answer, 4));
   PLAY(get_ondra_support_info(9, nullptr, 3));
   PLAY(get_vtcm_info(1, &answer, 4));

@@ -5,6 +5,23 @@
 #include <cstring>
 
 #include "platform/parlo.h"
+#include "source/own.h"
+
+MORUN_DEFINE_OWN(supported_domains)
+MORUN_DEFINE_OWN(is_CDSP)
+MORUN_DEFINE_OWN(get_domain)
+MORUN_DEFINE_OWN(is_unsignedpd_supported)
+MORUN_WEAK(get_domains_info)
+MORUN_WEAK(get_dsp_support)
+MORUN_WEAK(get_effective_domain_id)
+MORUN_WEAK(get_ondra_support_info)
+MORUN_WEAK(get_tessel_support_info)
+MORUN_WEAK(get_unsignedpd_support)
+MORUN_WEAK(get_veyra_arch_ver)
+MORUN_WEAK(get_vtcm_info)
+MORUN_WEAK(is_async_parlo_supported)
+MORUN_WEAK(is_status_notification_supported)
+MORUN_WEAK(is_valid_domain_id)
 
 namespace {
 
@@ -93,13 +110,13 @@ bool is_CDSP(int domain_id) {
 }
 
 const dsp_domain* get_domain(int domain_id) {
-  for (const dsp_domain& domain : supported_domains)
+  for (const dsp_domain& domain : own::supported_domains)
     if (domain.id == domain_id) return &domain;
   return nullptr;
 }
 
 bool is_valid_domain_id(int domain_id, bool compute_only) {
-  return compute_only ? is_CDSP(domain_id) : get_domain(domain_id) != nullptr;
+  return compute_only ? own::is_CDSP(domain_id) : own::get_domain(domain_id) != nullptr;
 }
 
 int get_effective_domain_id(const char* domain_name, int session_id, int* effective_domain_id) {
@@ -133,7 +150,8 @@ int get_domains_info(const char* domain_type, int* n_domains, parlo_domain** dom
     fputs("Unable to allocate memory for req.sys.domains", stdout);  // kept: no line end
     return no_memory;
   }
-  request = {PARLO_SYSTEM_DOMAINS, type, capacity, 0, records};
+  // A platform may tell the count in its first answer alone.
+  request = {PARLO_SYSTEM_DOMAINS, type, capacity, capacity, records};
   status = request_domains(&request);
   if (status != success) {
     free(records);
@@ -173,7 +191,7 @@ int get_dsp_support(int* domain) {
 int get_vtcm_info(int domain, uint32_t* capability, uint32_t attribute) {
   if (capability == nullptr) return bad_attribute;
   *capability = 0;
-  if (attribute != DSP_VTCM_PAGE && attribute != DSP_VTCM_COUNT) {
+  if (attribute != VTCM_PAGE && attribute != VTCM_COUNT) {
     puts("Unsupported attr. Only VTCM_PAGE and VTCM_COUNT supported");
     return bad_attribute;
   }
@@ -205,7 +223,7 @@ bool is_unsignedpd_supported(int domain) {
 }
 
 bool get_unsignedpd_support() {
-  return is_unsignedpd_supported(DSP_DOMAIN_CDSP);
+  return own::is_unsignedpd_supported(DSP_DOMAIN_CDSP);
 }
 
 bool is_async_parlo_supported(int domain) {
@@ -224,7 +242,7 @@ bool is_status_notification_supported(int domain) {
 int get_tessel_support_info(int domain, uint32_t* capability, uint32_t attribute) {
   if (capability == nullptr) return bad_attribute;
   *capability = 0;
-  if (attribute != DSP_TESSEL_SUPPORT_SPATIAL && attribute != DSP_TESSEL_SUPPORT_DEPTH) {
+  if (attribute != TESSEL_SUPPORT_SPATIAL && attribute != TESSEL_SUPPORT_DEPTH) {
     puts("Unsupported attr. Only TESSEL_SUPPORT_SPATIAL and TESSEL_SUPPORT_DEPTH supported");
     return bad_attribute;
   }
@@ -246,11 +264,11 @@ int get_veyra_arch_ver(int domain, uint32_t* capability) {
 int get_ondra_support_info(int domain, uint32_t* capability, uint32_t attribute) {
   if (capability == nullptr) return bad_attribute;
   *capability = 0;
-  if (attribute == DSP_ONDRA_SUPPORT_64B) {
+  if (attribute == ONDRA_SUPPORT_64B) {
     puts("Latest targets have 128 byte ONDRA register, use ONDRA_SUPPORT_128B instead of ONDRA_SUPPORT_64B");
     return bad_attribute;
   }
-  if (attribute != DSP_ONDRA_SUPPORT_128B) {
+  if (attribute != ONDRA_SUPPORT_128B) {
     puts("Unsupported attr. Only ONDRA_SUPPORT_128B supported");
     return bad_attribute;
   }
