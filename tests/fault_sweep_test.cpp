@@ -392,11 +392,13 @@ class FaultSweep : public testing::TestWithParam<Scenario> {
     start_afresh();
     const uint64_t n_descriptor = test::open_descriptors();
     Runtime r;
-    test::configure([](auto& config) { config.session_bytes = 3 << 19; });
+    test::configure([](auto& config) { config.session_bytes = 2 * large; });
     if (strncmp(scenario.name, "Upper", 5) == 0 || strncmp(scenario.name, "Tensor", 6) == 0 ||
         std::string(scenario.name) == "Hello")
       test::configure([](auto& config) { config.session_bytes = 3ull << 30; });
-    EXPECT_EQ(scenario.prepare(r), 0) << last_error();
+    const int64_t prepared = scenario.prepare(r);
+    EXPECT_EQ(prepared, 0) << last_error();
+    if (prepared != 0) return false;
     const Held before = held();
     tavik_set_error(0, "", "", 0, "%s", "");
     parlo_emulator_trace_clear();

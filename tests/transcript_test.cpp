@@ -14,11 +14,19 @@ extern "C" const char* __asan_default_options() {
 
 namespace {
 
-bool open_fails_late = false;  // after it has given a handle
+bool open_fails_late = false;    // after it has given a handle
+bool domains_are_wrong = false;  // of another type than was asked for
 
 }  // namespace
 
-// Stands before the platform's.
+// These stand before the platform's.
+extern "C" int parlo_system_request(parlo_system_domains* record) {
+  static const auto request =
+      reinterpret_cast<int (*)(parlo_system_domains*)>(dlsym(RTLD_NEXT, "parlo_system_request"));
+  const int status = request(record);
+  if (domains_are_wrong && record->domains != nullptr) record->domains[0].type = 9;
+  return status;
+}
 extern "C" int parlo_handle_open(const char* uri, uint64_t* handle) {
   static const auto open = reinterpret_cast<int (*)(const char*, uint64_t*)>(dlsym(RTLD_NEXT, "parlo_handle_open"));
   const int status = open(uri, handle);
@@ -872,6 +880,11 @@ TEST_F(Transcripts, Capabilities) {
   }
   parlo_emulator_fail(PARLO_EMULATOR_SYSTEM_REQUEST, -1, 2, 0x5, 0);
   PLAY(get_domains_info("MIRVA", &count, &domains));
+  parlo_emulator_clear_fault();
+  domains_are_wrong = true;
+  PLAY(get_domains_info("MIRVA", &count, &domains));
+  PLAY(get_domains_info(nullptr, &count, &domains));
+  domains_are_wrong = false;
   say("--- supported are: domain 0 alone, and none");
   for (const uint32_t nth : {1u, 0u}) {
     parlo_emulator_fail(PARLO_EMULATOR_HANDLE_CONTROL, -1, nth, 0, 0);
