@@ -39,12 +39,15 @@ uint64_t map_into_open_session(const tavik_context* context, const Allocation& b
   return session;
 }
 
-// Every open session maps the cross-session buffers: one that cannot is closed again.
+// Every open session maps the cross-session buffers: one that cannot is closed again, and its reservation ends.
 int32_t open_session_with_cross_session_buffers(tavik_context* context) {
   TAVIK_TRY(tavik_context_open_session(context));
   const uint64_t session = context->n_sessions - 1;
   const int32_t status = tavik_context_mmap_cross_session_buffers(context, session);
-  if (status != TAVIK_SUCCESS && tavik_close(context->session_handle[session]) == KESO_SUCCESS) --context->n_sessions;
+  if (status != TAVIK_SUCCESS && tavik_close(context->session_handle[session]) == KESO_SUCCESS) {
+    context->session_id[session] = 0;
+    --context->n_sessions;
+  }
   return status;
 }
 

@@ -13,7 +13,7 @@ MORUN_OWN(get_domain)
 namespace {
 
 constexpr char reporting_file[] = "source/host/context";
-constexpr uint64_t all_ones = ~uint64_t{0};
+constexpr uint64_t no_session = ~uint64_t{0};
 
 // The platform's records take texts without the const that their meaning has.
 constexpr char domain_name[] = "cdsp";
@@ -39,14 +39,14 @@ constexpr CrossSessionBuffer cross_session_buffers[] = {
 class OpeningSession {
  public:
   ~OpeningSession() {
-    if (handle != all_ones) tavik_close(handle);
+    if (handle != tavik::no_handle) tavik_close(handle);
   }
   uint64_t keep() {
     const uint64_t kept = handle;
-    handle = all_ones;
+    handle = tavik::no_handle;
     return kept;
   }
-  uint64_t handle = all_ones;
+  uint64_t handle = tavik::no_handle;
 };
 
 uint32_t length_of(const char* text) {
@@ -66,7 +66,7 @@ int32_t tavik_context_alloc(tavik_context** context) {
   void* record = nullptr;
   TAVIK_TRY(tavik_malloc_zero(&record, sizeof(tavik_context)));
   *context = static_cast<tavik_context*>(record);
-  (*context)->active_session = all_ones;
+  (*context)->active_session = no_session;
   return TAVIK_SUCCESS;
 }
 
@@ -85,9 +85,9 @@ int32_t tavik_context_open_session(tavik_context* context) {
   if (own::get_domain(DSP_DOMAIN_CDSP) == nullptr)
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 277, "unable to get domain for CDSP");
 
-  int32_t session_id = 0;
-  int32_t domain_id = DSP_DOMAIN_CDSP;
-  if (index > 0) {
+  int32_t session_id = context->session_id[index];
+  int32_t domain_id = index > 0 ? context->session_domain[index] : DSP_DOMAIN_CDSP;
+  if (index > 0 && !tavik::has_reservation(context)) {
     parlo_session_reserve reserve = {};
     reserve.domain_name = domain_name;
     reserve.domain_name_length = length_of(domain_name);
@@ -98,8 +98,9 @@ int32_t tavik_context_open_session(tavik_context* context) {
       return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 296,
                         "remote_session_control failed to reserve new session %d : error 0x%x\n", session_id,
                         static_cast<unsigned>(status));
-    domain_id = static_cast<int32_t>(reserve.effective_domain_id);
-    session_id = static_cast<int32_t>(reserve.session_id);
+    // A reservation ends with the session's handle alone: where a later step fails, the next try goes on with it.
+    context->session_domain[index] = domain_id = static_cast<int32_t>(reserve.effective_domain_id);
+    context->session_id[index] = session_id = static_cast<int32_t>(reserve.session_id);
   }
 
   char session_uri[256] = {};
@@ -204,6 +205,13 @@ int32_t tavik_context_munmap_cross_session_buffers(tavik_context* context, uint6
                         buffer.name, domain);
   }
   return TAVIK_SUCCESS;
+}
+
+void tavik::munmap_what_is_left(const tavik_context* context, uint64_t session) {
+  tavik_veyra_mmap_put_AX(context->session_handle[session]);
+  for (const CrossSessionBuffer& buffer : cross_session_buffers)
+    parlo_munmap(context->session_domain[session], context->*buffer.fd, context->*buffer.address,
+                 context->*buffer.size);
 }
 
 void tavik_context_print(FILE* stream, const tavik_context* context) {

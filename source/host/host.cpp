@@ -51,6 +51,34 @@ bool cross_session_sizes(const tavik_options& options, CrossSessionSizes* sizes)
   return sizes->A <= limit && sizes->X <= limit;
 }
 
+bool close_session(tavik_context* context, uint64_t session) {
+  const bool closed = tavik_close(context->session_handle[session]) == KESO_SUCCESS;
+  if (closed) context->session_handle[session] = tavik::no_handle;
+  return closed;
+}
+
+// A reservation ends with its session's handle: the session that was left reserved becomes the last one.
+int32_t open_reserved_session(tavik_context* context) {
+  return tavik::has_reservation(context) ? tavik_context_open_session(context) : TAVIK_SUCCESS;
+}
+
+// What a cleanup that failed has left. Closing a session ends whatever it still has; only that must not fail.
+bool end_what_is_left(tavik_context* context) {
+  open_reserved_session(context);
+  const uint64_t active_handle = context->session_handle[context->active_session];
+  if (active_handle != tavik::no_handle) {
+    if (context->tessel_locked) tavik_veyra_unlock_tessel(active_handle);
+    tavik_veyra_ressource_release(active_handle);
+  }
+  bool all_closed = true;
+  for (uint64_t session = 0; session < context->n_sessions; ++session) {
+    if (context->session_handle[session] == tavik::no_handle) continue;
+    tavik::munmap_what_is_left(context, session);
+    all_closed &= close_session(context, session);
+  }
+  return all_closed;
+}
+
 [[noreturn]] void end_process(int line, const char* failed_call) {
   tavik_error_print(tavik_error_get_last());
   fprintf(stderr, "[Tavik] error (%s, %s, line %d): %s\n", "tavik_hello_veyra", reporting_file, line, failed_call);
@@ -99,6 +127,13 @@ int32_t tavik_init(const tavik_options* options, tavik_context** output) {
 
 int32_t tavik_cleanup(tavik_context* context) {
   if (!tavik::has_active_session(context)) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 86, tavik::not_initialised);
+  if (context->cleanup_failed) {
+    if (!end_what_is_left(context)) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 114, "Failed to close the handle");
+    tavik_context_free(context);
+    return TAVIK_SUCCESS;
+  }
+  context->cleanup_failed = true;  // unless it is freed
+
   const uint64_t active_handle = context->session_handle[context->active_session];
   if (context->tessel_locked && tavik_veyra_unlock_tessel(active_handle) != KESO_SUCCESS)
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 93, "Failed to unlock compute resource");
@@ -107,9 +142,12 @@ int32_t tavik_cleanup(tavik_context* context) {
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 101, "Failed to release ressources");
   for (uint64_t session = 0; session < context->n_sessions; ++session) {
     TAVIK_TRY(tavik_context_munmap_cross_session_buffers(context, session));
-    if (tavik_close(context->session_handle[session]) != KESO_SUCCESS)
-      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 114, "Failed to close the handle");
+    if (!close_session(context, session)) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 114, "Failed to close the handle");
   }
+  const uint64_t n_closed = context->n_sessions;
+  TAVIK_TRY(open_reserved_session(context));
+  if (context->n_sessions > n_closed && !close_session(context, n_closed))
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 114, "Failed to close the handle");
   tavik_context_free(context);
   return TAVIK_SUCCESS;
 }
