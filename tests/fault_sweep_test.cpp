@@ -72,6 +72,7 @@ const Exception exceptions[] = {
 // ---- Scenarios
 
 struct Runtime {
+  Runtime() { fds.reserve(TAVIK_MAX_BUFFERS); }  // allocates no more under a fault
   tavik_context* context = nullptr;
   std::vector<int32_t> fds;
   void* memory = nullptr;  // shared, of no context

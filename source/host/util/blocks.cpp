@@ -163,17 +163,16 @@ void move_band_out_of_blocks(const Band& band, size_t unit, size_t distance, std
 void linearize_rest(const Band& rest, size_t piece, size_t rest_bytes, std::byte* data) {
   const uint64_t n_places = rest_bytes / piece;
   const auto source_of = [&](uint64_t to) { return rest.place_in_rows(to); };
-  const Scratch scratch(rest.size() * piece);
-  const std::byte* const rows = scratch ? scratch.bytes() : data;
-  if (scratch) memcpy(scratch.bytes(), data, rest.size() * piece);
   // The rows end before the place in part: nothing that is yet to be moved stands there.
   if (const uint64_t source = source_of(n_places); source != nowhere)
-    memcpy(data + n_places * piece, rows + source * piece, rest_bytes % piece);
+    memcpy(data + n_places * piece, data + source * piece, rest_bytes % piece);
+  const Scratch scratch(rest.size() * piece);
   if (!scratch)
     return follow_paths(n_places, piece, data, source_of, [&](uint64_t from) { return rest.place_in_blocks(from); });
+  memcpy(scratch.bytes(), data, rest.size() * piece);
   for (uint64_t to = 0; to < n_places; ++to)
     if (const uint64_t source = source_of(to); source != nowhere)
-      memcpy(data + to * piece, rows + source * piece, piece);
+      memcpy(data + to * piece, scratch.bytes() + source * piece, piece);
 }
 
 }  // namespace
