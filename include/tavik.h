@@ -56,7 +56,12 @@ enum {
   TAVIK_ERROR_MEMORY = 3         /* host or shared memory, a descriptor of it, or its mapping */
 };
 
-/* The last failure of a thread; a later success does not clear it. Texts are cut to 127 characters. */
+/* The last failure of a thread; a later success does not clear it. Texts are cut to 127 characters.
+ *
+ * `file` and `line` tell failures apart. They are published numbers that stay when the code moves, not a place to open in
+ * an editor: each source file that reports them holds its lines in one table, reported_line (`grep -rn reported_line
+ * source`), and the lines of the remote stub's log stand in reported_routines (build/tavik_stub.cpp). Only failures in
+ * the file "source/host/kernels" have the line of the source text as it is in this version. */
 typedef struct tavik_error {
   int32_t code;
   char message[128];
@@ -145,7 +150,7 @@ int32_t tavik_init(const tavik_options* options, tavik_context** context);
  *
  * Status 1 when a step fails: the context then stays allocated and partly torn down, with ~0 as the handle of every session
  * that is closed. A second call takes what is left step by step. It passes over a step that fails, because the closing of
- * a session ends whatever the session still has. It frees the context and returns 0 when every session is closed, and
+ * a session ends whatever the session still has, and because the platform may not know a reserved session any more. It frees the context and returns 0 when every session is closed, and
  * returns 1 when one cannot be closed; then a further call tries again, or tavik_context_free gives the memory back. The
  * failure does not stand in the way of a new tavik_init. */
 int32_t tavik_cleanup(tavik_context* context);

@@ -10,11 +10,9 @@
 #include <functional>
 
 #include "include/dsp_capability.h"
-#include "include/morun_state.h"
-#include "include/morun_tensor.h"
 #include "platform/parlo.h"
 #include "tests/allocation_shim.h"
-#include "tests/support.h"
+#include "tests/upper.h"
 
 namespace {
 
@@ -53,7 +51,7 @@ const Exception exceptions[] = {
     {"@(AllocInNewSession|UpperAlloc|UpperF16F16|Tensor*), *", false, false, 0, 1},
     {"@(UpperF16F16|Tensor*), *, parlo_@(handle_invoke 2|munmap)", false, false, 1, 0},
     {"@(UpperF16F16|Tensor*), from then on, *", false, false, 3, 1},
-    {"@(Hello|UpperU8I8|TensorU8I8), *", true},
+    {"@(Hello|UpperU8I8|TensorP6), *", true},
     // Stopping and unmapping leave off where they fail.
     {"@(Cleanup|UpperFinalize), *", false, true},
     {"Unmap, *", false, true, 0, 0, false, true},
@@ -64,7 +62,7 @@ const Exception exceptions[] = {
     // Conversions do without the memory that they would have liked, and calls without the record of them.
     {"*, host memory, *", true, false, 1, 1},
     // With a session everything in it is gone.
-    {"*, lost, *", false, true, 1, 1, false, true},
+    {"*, lost, *", false, true, 3, 1, false, true},
     // A session that a caller opened is not mapped yet.
     {"OpenSession, *", false, false, 0, 1, false, true},
     // A platform on which nothing works takes nothing back: a handle stays open.
@@ -228,14 +226,13 @@ int32_t* sums() {
   return reinterpret_cast<int32_t*>(A[0]);
 }
 
-// A path by types and layouts of left, right and result.
-Scenario tensors(const char* name, const std::array<int, 6>& kinds, bool ends = false) {
+Scenario tensors(const char* name, const test::TensorFormats& formats, bool ends = false) {
   const auto run = [=](Runtime&) -> int64_t {
     const auto matrix = [&](uint64_t n_row, size_t i, void* data) {
-      return morun_tensor_matrix(n_row, 32, morun_tensor_dtype_e(kinds[i]), morun_tensor_layout_e(kinds[i + 1]), data);
+      return morun_tensor_matrix(n_row, 32, formats.types[i], formats.layouts[i], data);
     };
-    const morun_tensor left = matrix(64, 0, X), right = matrix(32, 2, shared()), result = matrix(64, 4, A[0]);
-    return morun_mm_tensor(3, &result, &left, &right);
+    const morun_tensor left = matrix(64, 0, X), right = matrix(32, 1, shared()), result = matrix(64, 2, A[0]);
+    return morun_mm_tensor(MORUN_PLATFORM_NPU0, &result, &left, &right);
   };
   return {name, upper_buffer, run, false, ends};
 }
@@ -297,12 +294,12 @@ const Scenario scenarios[] = {
     {"UpperU8I4", upper_buffer,
      [](Runtime&) -> int64_t { return morun_npu_mm_u8i4_i32(3, m, n, k, sums(), bytes(), shared<uint8_t>()); }, false,
      true},
-    tensors("TensorF32F16", {5, 1, 4, 3, 5, 1}),
-    tensors("TensorTiles", {4, 4, 4, 3, 4, 4}),
-    tensors("TensorF16", {4, 1, 4, 3, 4, 1}),
-    tensors("TensorRows", {4, 1, 4, 1, 4, 1}),
-    tensors("TensorU8I4", {2, 1, 0, 3, 3, 1}, true),
-    tensors("TensorU8I8", {2, 1, 1, 3, 3, 1}, true),
+    tensors("TensorP1", test::paths::P1),
+    tensors("TensorP2", test::paths::P2),
+    tensors("TensorP3", test::paths::P3),
+    tensors("TensorP4", test::paths::P4, true),
+    tensors("TensorP5", test::paths::P5),
+    tensors("TensorP6", test::paths::P6, true),
 };
 
 // ---- The sweep

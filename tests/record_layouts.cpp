@@ -61,3 +61,9 @@ static_assert(MORUN_DTYPE_I4 == 0 && MORUN_DTYPE_I8 == 1 && MORUN_DTYPE_U8 == 2 
               MORUN_DTYPE_F16 == 4 && MORUN_DTYPE_F32 == 5 && MORUN_QUANTIZATION_NONE == 0);
 static_assert(MORUN_LAYOUT_1D_LINEAR == 0 && MORUN_LAYOUT_2D_RM == 1 && MORUN_LAYOUT_2D_WH == 3 &&
               MORUN_LAYOUT_2D_AH == 4 && MORUN_PLATFORM_CPU == 0 && MORUN_PLATFORM_NPU0 == 3);
+
+// Attributes of capability queries, by both of their names.
+static_assert(ONDRA_SUPPORT_64B == 2 && ONDRA_SUPPORT_128B == 3 && VTCM_PAGE == 4 && VTCM_COUNT == 5 &&
+              TESSEL_SUPPORT_SPATIAL == 7 && TESSEL_SUPPORT_DEPTH == 8);
+static_assert(int{DSP_ONDRA_SUPPORT_64B} == 2 && int{DSP_ONDRA_SUPPORT_128B} == 3 && int{DSP_VTCM_PAGE} == 4 &&
+              int{DSP_VTCM_COUNT} == 5 && int{DSP_TESSEL_SUPPORT_SPATIAL} == 7 && int{DSP_TESSEL_SUPPORT_DEPTH} == 8);

@@ -1,8 +1,14 @@
-// The error record, and what starting reserves. All else that the runtime does stands in the transcripts.
+// The error record, what starting reserves, contexts side by side and repeated cleanups. What each call does and says
+// stands in the transcripts.
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <thread>
 
+#include "include/morun.h"
+#include "platform/parlo.h"
 #include "tests/support.h"
 
 namespace {
@@ -49,6 +55,201 @@ TEST_F(Lifecycle, ReservesMemoryWithoutTouchingIt) {
   }
   clean_up(context);
   tavik_options_free(options);
+}
+
+// A result row of n_inner times X where all weights are 1, which lie in any layout alike.
+constexpr int32_t n_inner = 64, n_col = 32;
+class Weights {
+ public:
+  explicit Weights(tavik_context* context) : context_(context) {
+    void* pointer = nullptr;
+    EXPECT_EQ(tavik_buffer_alloc(context, 2 * n_inner * n_col, &pointer, &fd_), TAVIK_SUCCESS) << last_error();
+    std::fill_n(static_cast<uint16_t*>(pointer), n_inner * n_col, uint16_t{0x3c00});
+  }
+  ~Weights() { EXPECT_EQ(tavik_buffer_free(context_, fd_), TAVIK_SUCCESS) << last_error(); }
+  // The product of one row of `x`, or the status that it fails with, negative.
+  float multiply(float x) const {
+    const std::vector<float> X(n_inner, x);
+    std::vector<float> A(n_col);
+    const uint32_t status = tavik_npu_mm_f32_rm_f32_rm_f16_wh(context_, 1, n_col, n_inner, A.data(), X.data(),
+                                                              static_cast<uint32_t>(fd_), 0);
+    return status == 0 && A[0] == A[n_col - 1] ? A[0] : -static_cast<float>(status);
+  }
+
+ private:
+  tavik_context* context_;
+  int32_t fd_ = -1;
+};
+
+class Contexts : public test::PlatformTest {};
+
+TEST_F(Contexts, AndBothInterfacesWorkSideBySide) {
+  tavik_context* const one = initialise();
+  tavik_context* const two = initialise();
+  ASSERT_EQ(morun_npu_initialize(MORUN_DOMAIN_NPU0), 0);
+  void* W = nullptr;
+  ASSERT_EQ(morun_npu_alloc(2 * n_inner * n_col, &W), 0);
+  std::fill_n(static_cast<uint16_t*>(W), n_inner * n_col, uint16_t{0x3c00});
+  {
+    const Weights w1(one), w2(two);
+    for (float x = 1; x < 4; ++x) {
+      EXPECT_EQ(w1.multiply(x), 64 * x);
+      EXPECT_EQ(w2.multiply(x + 1), 64 * (x + 1));
+      std::vector<float> X(32 * n_inner, x), A(32 * n_col);
+      EXPECT_EQ(morun_npu_mm_f32f16_f32(MORUN_DOMAIN_NPU0, 32, n_col, n_inner, A.data(), X.data(),
+                                        static_cast<const uint16_t*>(W)),
+                0);
+      EXPECT_EQ(A, std::vector<float>(32 * n_col, 64 * x));
+    }
+    EXPECT_TRUE(one->tessel_locked && two->tessel_locked);
+  }
+  clean_up(one);
+  {
+    const Weights w(two);
+    EXPECT_EQ(w.multiply(3), 192);
+  }
+  EXPECT_EQ(morun_npu_free(W), 0);
+  EXPECT_EQ(morun_npu_finalize(MORUN_DOMAIN_NPU0), 0);
+  clean_up(two);
+}
+
+TEST_F(Contexts, ThatShareAMatrixUnitFindItBusy) {
+  test::configure([](auto& config) { config.shared_matrix_unit = 1; });
+  tavik_context* const one = initialise();
+  tavik_context* const two = initialise();
+  {
+    const Weights w1(one), w2(two);
+    EXPECT_EQ(w1.multiply(1), 64);
+    EXPECT_EQ(tavik_lock_compute_device(two), PARLO_EMULATOR_DSP_BUSY);
+    EXPECT_EQ(w2.multiply(1), -1);
+    EXPECT_EQ(last_error(),
+              "1 tavik_context_get_handle_from_fd source/host/context 172: Device or resource busy in "
+              "tavik_veyra_lock_tessel(active_handle) != KESO_SUCCESS");
+    EXPECT_EQ(tavik_unlock_compute_device(one), 0);
+    EXPECT_EQ(w2.multiply(1), 64);
+  }
+  clean_up(one);
+  clean_up(two);
+}
+
+// Every platform call of a cleanup fails: once, from then on, or because its session is gone. A second cleanup then takes
+// the rest. Another context never notices, unless the first session is lost, which it shares.
+TEST_F(Contexts, CleanupGoesOnWhereItFailed) {
+  const auto fail = [](int fault_class, int operation, uint32_t nth) {
+    const parlo_emulator_fault fault = {fault_class, operation, -1, nth, 0x77, EIO};
+    parlo_emulator_arm(&fault);
+  };
+  test::configure([](auto& config) { config.session_bytes = 1 << 21; });
+  for (const int fault_class :
+       {PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_FAULT_FROM_THEN_ON, PARLO_EMULATOR_FAULT_SESSION_LOST}) {
+    // Unlock, release, six calls for each session; then four for the reserved one, which a second failure leaves.
+    const uint32_t n_call = fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON ? 14 : 19;
+    const bool shares = fault_class != PARLO_EMULATOR_FAULT_SESSION_LOST;
+    tavik_context* const witness = shares ? initialise() : nullptr;
+    const parlo_emulator_usage before = test::usage();
+    for (uint32_t nth = 1; nth <= n_call; ++nth) {
+      SCOPED_TRACE("class " + std::to_string(fault_class) + ", call " + std::to_string(nth));
+      tavik_context* const context = initialise();
+      // A second session with a buffer of its own, a third that is reserved only, the matrix unit locked in the second.
+      const int32_t fds[] = {allocate(context, shares ? 2 << 20 : 1 << 20), allocate(context, 1 << 20)};
+      fail(PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_HANDLE_OPEN, 1);
+      int32_t fd;
+      EXPECT_EQ(tavik_buffer_alloc(context, 1 << 21, nullptr, &fd), TAVIK_ERROR_FAILURE);
+      uint64_t handle;
+      EXPECT_EQ(tavik_context_get_handle_from_fd(context, fds[1], &handle), TAVIK_SUCCESS);
+      for (const int32_t buffer : fds) release(context, buffer);
+
+      fail(fault_class, PARLO_EMULATOR_ANY_OPERATION, nth);
+      const int32_t status = tavik_cleanup(context);
+      const bool fired = nth <= 18;
+      EXPECT_EQ(parlo_emulator_faults_fired() != 0, fired);
+      EXPECT_EQ(status, fired ? TAVIK_ERROR_FAILURE : TAVIK_SUCCESS);
+      if (fired && fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON) {
+        EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
+        EXPECT_EQ(last_error(), "1 tavik_cleanup source/host/host 114: Failed to close the handle");
+      }
+      parlo_emulator_clear_fault();
+      if (fired) clean_up(context);
+      const parlo_emulator_usage after = test::usage();
+      EXPECT_EQ(std::memcmp(&before, &after, sizeof after), 0);
+      tavik_context* const other = shares ? witness : initialise();
+      EXPECT_EQ(Weights(other).multiply(2), 128);
+      if (!shares) clean_up(other);
+    }
+    if (shares) clean_up(witness);
+  }
+}
+
+TEST_F(Contexts, AForkedChildNeedsOneOfItsOwn) {
+  tavik_context* const context = initialise();
+  {
+    const Weights w(context);
+    EXPECT_EQ(w.multiply(1), 64);
+    int to_child[2], status = -1;
+    ASSERT_EQ(pipe(to_child), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      char go;
+      close(to_child[1]);
+      for (int i = 0; i < 100; ++i)
+        if (w.multiply(5) != -1) _exit(1);
+      if (tavik_cleanup(context) != TAVIK_ERROR_FAILURE) _exit(2);
+      const tavik_options options = small_options();
+      tavik_context* own = nullptr;
+      if (tavik_init(&options, &own) != TAVIK_SUCCESS) _exit(3);
+      if (Weights(own).multiply(7) != 448) _exit(4);
+      if (tavik_cleanup(own) != TAVIK_SUCCESS) _exit(6);
+      _exit(read(to_child[0], &go, 1) == 0 ? 0 : 5);
+    }
+    close(to_child[0]);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(w.multiply(2), 128);
+    close(to_child[1]);
+    waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+  }
+  clean_up(context);
+}
+
+class Buffers : public test::PlatformTest {
+ protected:
+  // Sessions that hold the cross-session buffers and one buffer of this size, no more.
+  static constexpr uint64_t buffer_bytes = 1 << 20;
+  static tavik_context* initialise_with_room_for_one() {
+    test::configure([](auto& config) { config.session_bytes = 2 * buffer_bytes; });
+    return initialise();
+  }
+};
+
+TEST_F(Buffers, KeepTheSessionThatCouldNotBeOpenedForTheNextTry) {
+  const auto domain = [](const tavik_context* context, uint64_t session) { return context->session_domain[session]; };
+  for (const int operation : {PARLO_EMULATOR_SESSION_CONTROL, PARLO_EMULATOR_HANDLE_OPEN}) {
+    tavik_context* const context = initialise_with_room_for_one();
+    const int32_t first = allocate(context, buffer_bytes);
+    parlo_emulator_fail(operation, -1, 2 - (operation == PARLO_EMULATOR_HANDLE_OPEN), 0x77, EIO);
+    void* pointer = nullptr;
+    EXPECT_EQ(tavik_buffer_alloc(context, buffer_bytes, &pointer, nullptr), TAVIK_ERROR_FAILURE);
+    EXPECT_EQ(context->n_sessions, 1u);
+    EXPECT_EQ(test::usage().n_sessions, 2u);
+    const int32_t id = context->session_id[1], kept = domain(context, 1);
+    parlo_emulator_trace_clear();
+    const int32_t second = allocate(context, buffer_bytes);
+    parlo_emulator_call call;
+    ASSERT_EQ(parlo_emulator_trace_get(3, &call), 0);
+    EXPECT_EQ(call.operation, PARLO_EMULATOR_SESSION_CONTROL);
+    EXPECT_EQ(call.arguments[0], PARLO_SESSION_GET_URI);
+    EXPECT_EQ(call.arguments[1], static_cast<uint64_t>(id));
+    EXPECT_EQ(std::pair(context->session_id[1], domain(context, 1)), std::pair(id, kept));
+    EXPECT_EQ(test::usage().n_sessions, 2u);
+
+    // One that is closed again is no longer reserved.
+    parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 3, 1, 0x77, EIO);
+    EXPECT_EQ(tavik_buffer_alloc(context, buffer_bytes, &pointer, nullptr), TAVIK_ERROR_FAILURE);
+    EXPECT_EQ(test::usage().n_sessions, 2u);
+    release(context, allocate(context, buffer_bytes));
+    release(context, first);
+    release(context, second);
+    clean_up(context);
+  }
 }
 
 }  // namespace

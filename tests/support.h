@@ -32,6 +32,18 @@ inline void configure(auto change) {
   parlo_emulator_set_config(&config);
 }
 
+// The trace since the last reset or clear without lines logged; invocations as the number of their method, other calls
+// by name.
+inline std::vector<std::string> trace() {
+  std::vector<std::string> names;
+  parlo_emulator_call call;
+  for (size_t i = 0; parlo_emulator_trace_get(i, &call) == 0; ++i) {
+    if (call.operation == PARLO_EMULATOR_DEBUG_LOG) continue;
+    names.push_back(call.method >= 0 ? std::to_string(call.method) : parlo_emulator_operation_name(call.operation));
+  }
+  return names;
+}
+
 // The arguments of the last invocation behind handle and scalars word.
 inline std::vector<uint64_t> last_invocation() {
   std::vector<uint64_t> arguments;

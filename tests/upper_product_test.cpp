@@ -15,9 +15,7 @@ using Tensor = morun_tensor;
 using Bytes = std::vector<uint8_t>;
 using Values = std::vector<float>;  // small integers, row-major
 
-constexpr auto i4 = MORUN_DTYPE_I4, i8 = MORUN_DTYPE_I8, u8 = MORUN_DTYPE_U8, i32 = MORUN_DTYPE_I32,
-               f16 = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
-constexpr auto rm = MORUN_LAYOUT_2D_RM, wh = MORUN_LAYOUT_2D_WH, ah = MORUN_LAYOUT_2D_AH;
+using namespace test::formats;
 uint64_t bytes_of(uint32_t dtype, uint64_t count) {
   return count * std::array<uint64_t, 6>{4, 8, 8, 32, 16, 32}[dtype] / 8;
 }
@@ -39,16 +37,13 @@ Bytes encoded(uint32_t dtype, uint32_t layout, uint64_t n_row, uint64_t n_col, c
   return bytes;
 }
 
-struct Path {
-  uint32_t platform;
-  morun_tensor_dtype_e types[3];  // left, right, result
-  morun_tensor_layout_e layouts[3];
+struct Path : test::TensorFormats {
+  uint32_t platform = MORUN_PLATFORM_NPU0;
   bool right_is_shared = true, takes_gaps = true;
 };
-constexpr Path P1 = {3, {f32, f16, f32}, {rm, wh, rm}}, P2 = {3, {f16, f16, f16}, {ah, wh, ah}, false, false},
-               P3 = {3, {f16, f16, f16}, {rm, wh, rm}}, P4 = {3, {u8, i4, i32}, {rm, wh, rm}},
-               P5 = {3, {f16, f16, f16}, {rm, rm, rm}, false, false}, P6 = {3, {u8, i8, i32}, {rm, wh, rm}},
-               host = {0, {f16, f16, f16}, {rm, rm, rm}, false, false}, paths[] = {P1, P2, P3, P4, P5, P6, host};
+constexpr Path P1{test::paths::P1}, P2{test::paths::P2, MORUN_PLATFORM_NPU0, false, false}, P3{test::paths::P3},
+    P4{test::paths::P4}, P5{test::paths::P5, MORUN_PLATFORM_NPU0, false, false}, P6{test::paths::P6},
+    host{test::paths::P5, MORUN_PLATFORM_CPU, false, false}, paths[] = {P1, P2, P3, P4, P5, P6, host};
 
 struct Shape {
   uint64_t n_row, n_col, n_inner;

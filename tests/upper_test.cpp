@@ -39,18 +39,7 @@ TEST_F(Upper, RegistryNeverGivesOutTheAddressOfAnOlderEntry) {
   release_shared();
   EXPECT_EQ(share(size), first);  // by the same descriptor, so that the entry is written anew
   release_shared();
-  const int file = fcntl(0, F_DUPFD, fd);
-  ASSERT_EQ(file, fd);
-
-  for (const Keeping outcome : {Keeping::refused, Keeping::elsewhere}) {
-    keeping = outcome;
-    EXPECT_OUTCOME(morun_npu_alloc(size, &second),
-                   "1 npu_alloc: Every address that the platform gives belonged to a freed buffer");
-    EXPECT_EQ(second, nullptr);
-    EXPECT_EQ(context->n_buffers, 0u);
-  }
-  keeping = Keeping::granted;
-  EXPECT_TRUE(is_empty(last_kept));
+  ASSERT_EQ(fcntl(0, F_DUPFD, fd), fd);
 
   parlo_emulator_fail(PARLO_EMULATOR_MUNMAP, -1, 1, 0x77, EIO);  // the buffer at the old address cannot be given back
   EXPECT_OUTCOME(morun_npu_alloc(size, &second), "1 npu_alloc: Err = 1");
@@ -63,10 +52,31 @@ TEST_F(Upper, RegistryNeverGivesOutTheAddressOfAnOlderEntry) {
   EXPECT_EQ(morun_parlo_find_fd(second), context->buffer_fd[0]);
   EXPECT_FALSE(is_empty(first));
   release_shared();
-  close(file);
+  close(fd);
   share(size);
   EXPECT_EQ(context->buffer_fd[0], fd);
   EXPECT_TRUE(is_empty(first));  // its entry is another buffer's
+
+  // Where the range cannot be kept there is no buffer, and whoever comes there stays when the entry is written anew.
+  release_shared();
+  first = share(size);
+  release_shared();
+  ASSERT_EQ(fcntl(0, F_DUPFD, fd), fd);
+  for (const Keeping outcome : {Keeping::refused, Keeping::elsewhere}) {
+    keeping = outcome;
+    EXPECT_OUTCOME(morun_npu_alloc(size, &second),
+                   "1 npu_alloc: Every address that the platform gives belonged to a freed buffer");
+    EXPECT_EQ(second, nullptr);
+    EXPECT_EQ(context->n_buffers, 0u);
+  }
+  keeping = Keeping::granted;
+  EXPECT_TRUE(is_empty(last_kept));
+  ASSERT_EQ(mmap(first, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), first);
+  close(fd);
+  share(size);
+  EXPECT_EQ(context->buffer_fd[0], fd);
+  EXPECT_FALSE(is_empty(first));
+  munmap(first, size);
 }
 
 }  // namespace
