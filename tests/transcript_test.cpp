@@ -4,8 +4,8 @@
 #include <dlfcn.h>
 
 #include "include/dsp_capability.h"
-#include "include/morun_tensor.h"
 #include "platform/parlo.h"
+#include "tests/upper.h"
 
 // Sizes that no allocator can give are refused under instrumentation, too.
 extern "C" const char* __asan_default_options() {
@@ -536,6 +536,21 @@ const NamedCall upper_calls[] = {{"morun_npu_mm_f16", erased(morun_npu_mm_f16)},
                                  {"morun_npu_mm_u8i8_i32", erased(morun_npu_mm_u8i8_i32)},
                                  {"morun_npu_mm_u8i4_i32", erased(morun_npu_mm_u8i4_i32)}};
 
+// A path of morun_mm_tensor, of 64 x 32 times 32 x 32 elements.
+UpperCall tensors(const test::TensorFormats& f) {
+  return [f](int32_t platform, std::array<int32_t, 3>, void* a, void* x, void* w) {
+    const auto matrix = [&](uint64_t n_row, size_t i, void* data) {
+      return morun_tensor_matrix(n_row, 32, f.types[i], f.layouts[i], data);
+    };
+    const morun_tensor left = matrix(64, 0, x), right = matrix(32, 1, w), result = matrix(64, 2, a);
+    return morun_mm_tensor(static_cast<uint32_t>(platform), &result, &left, &right);
+  };
+}
+const NamedCall tensor_paths[] = {
+    {"morun_mm_tensor, path P1", tensors(test::paths::P1)}, {"morun_mm_tensor, path P2", tensors(test::paths::P2)},
+    {"morun_mm_tensor, path P3", tensors(test::paths::P3)}, {"morun_mm_tensor, path P5", tensors(test::paths::P5)},
+    {"morun_mm_tensor, path P4", tensors(test::paths::P4)}, {"morun_mm_tensor, path P6", tensors(test::paths::P6)}};
+
 class UpperTranscripts : public test::Transcript {
  protected:
   void start(int n_buffer = 0) {
@@ -719,6 +734,11 @@ TEST_F(UpperTranscripts, FailuresOfTheUpperInterface) {
         return upper_calls[2].call(3, {64, 32, 32}, heap, heap, shared[2]);
       });
 
+  for (const NamedCall& each : {tensor_paths[0], tensor_paths[1], tensor_paths[2], tensor_paths[3]})
+    play_failures(
+        each.name, [&] { started(), memset(heap, 0, sizeof heap); },
+        [&] { return each.call(3, {}, heap, &heap[32 * 64], shared[2]); });
+
   // Integer products end the process, except where the copy of the weights cannot be freed.
   aftermath = [] { return ""; };
   const struct {
@@ -731,13 +751,15 @@ TEST_F(UpperTranscripts, FailuresOfTheUpperInterface) {
                 {"the product fails", PARLO_EMULATOR_HANDLE_INVOKE, 19, 1},
                 {"its copy is not freed", PARLO_EMULATOR_HANDLE_INVOKE, 2, 1}};
   for (const auto& fault : faults) {
-    const NamedCall& each = upper_calls[fault.method == 19 ? 4 : 3];
-    play_to_the_end(std::string(each.name) + " of which " + fault.fails, [&, this] {
-      start(1);
-      fputs("--- started\n", stderr);
-      parlo_emulator_fail(fault.operation, fault.method, fault.nth, 0x77, EIO);
-      exit(each.call(3, {64, 32, 32}, heap, heap, shared[0]) | 0x80);
-    });
+    const bool is_4_bit = fault.method == 19;
+    for (const NamedCall& each : {upper_calls[is_4_bit ? 4 : 3], tensor_paths[is_4_bit ? 4 : 5]}) {
+      start_afresh();
+      prepare([this] { start(1); });
+      play_to_the_end(std::string(each.name) + " of which " + fault.fails, [&, this] {
+        parlo_emulator_fail(fault.operation, fault.method, fault.nth, 0x77, EIO);
+        exit(each.call(3, {64, 32, 32}, heap, heap, shared[0]) | 0x80);
+      });
+    }
   }
 }
 
