@@ -56,7 +56,12 @@ enum {
   TAVIK_ERROR_MEMORY = 3         /* host or shared memory, a descriptor of it, or its mapping */
 };
 
-/* The last failure of a thread; a later success does not clear it. Texts are cut to 127 characters. */
+/* The last failure of a thread; a later success does not clear it. Texts are cut to 127 characters.
+ *
+ * `file` and `line` tell failures apart. They are published numbers that stay when the code moves, not a place to open in
+ * an editor: each source file that reports them holds its lines in one table, reported_line (`grep -rn reported_line
+ * source`), and the lines of the remote stub's log stand in reported_routines (build/tavik_stub.cpp). Only failures in
+ * the file "source/host/kernels" have the line of the source text as it is in this version. */
 typedef struct tavik_error {
   int32_t code;
   char message[128];

@@ -1,4 +1,5 @@
-// Error record, options, context, lifecycle and shared buffers of the lower interface, on the emulated platform.
+// The error record, what starting reserves, contexts side by side and repeated cleanups. What each call does and says
+// stands in the transcripts.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,9 +14,6 @@
 namespace {
 
 using test::last_error;
-using test::printed_by;
-using test::trace;
-using Strings = std::vector<std::string>;
 
 TEST(ErrorRecord, CutsItsTextsAndOutlivesSuccess) {
   const std::string text(200, 'x');
@@ -43,80 +41,7 @@ TEST(ErrorRecord, PrintsTwoLines) {
             "[Tavik] error 3 (tavik_malloc, source/host/util, line 35):\n          failed to allocate 100 bytes\n");
 }
 
-TEST(Options, PrintTwoOfTheirFields) {
-  tavik_options* options = nullptr;
-  ASSERT_EQ(tavik_options_alloc(&options), TAVIK_SUCCESS);
-  EXPECT_EQ(printed_by([&](FILE* stream) { tavik_options_print(stream, options); }),
-            "Options:\n--- output_matrix_size_max = 16777216\n--- input_matrix_size_max = 268435456\n");
-  EXPECT_EQ(options->n_row_max, 1024u);
-  tavik_options_free(options);
-  EXPECT_EQ(printed_by([](FILE* stream) { tavik_options_print(stream, nullptr); }), "NULL options\n");
-}
-
-// An instrumented allocator ends the process on sizes that no allocator could give, instead of refusing them.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool allocator_refuses = false;
-#else
-constexpr bool allocator_refuses = true;
-#endif
-
-TEST(MemoryWrappers, ReportEachFailureAtItsLine) {
-  const uint64_t too_much = uint64_t{1} << 62;
-  void* pointer = nullptr;
-  int32_t fd = 0;
-  const auto check = [](int32_t status, const std::string& error) {
-    EXPECT_EQ(last_error(), error);
-    EXPECT_EQ(status, tavik_error_get_last()->code);
-  };
-  const std::string null_location = ": attempt to write to NULL location";
-  check(tavik_malloc(nullptr, 1), "1 tavik_malloc source/host/util 26" + null_location);
-  check(tavik_malloc_zero(nullptr, 1), "1 tavik_malloc_zero source/host/util 46" + null_location);
-  check(tavik_rpcmem_alloc(nullptr, 1), "1 tavik_rpcmem_alloc source/host/util 66" + null_location);
-  check(tavik_rpcmem_alloc_zero(nullptr, 1), "1 tavik_rpcmem_alloc_zero source/host/util 86" + null_location);
-  check(tavik_rpcmem_to_fd(nullptr, nullptr), "1 tavik_rpcmem_to_fd source/host/util 124" + null_location);
-  check(tavik_rpcmem_alloc(&pointer, 0x80000000u),
-        "3 tavik_rpcmem_alloc source/host/util 75: failed to alloc shared 2147483648 bytes");
-  check(tavik_rpcmem_alloc_zero(&pointer, 0x80000000u),
-        "3 tavik_rpcmem_alloc_zero source/host/util 98: failed to alloc shared 2147483648 bytes");
-  check(tavik_rpcmem_to_fd(&fd, &pointer),
-        "3 tavik_rpcmem_to_fd source/host/util 128: failed to get rpcmem file descriptor");
-  EXPECT_EQ(fd, -1);
-  check(tavik_rpcmem_mmap(-1, &pointer, 1), "3 tavik_rpcmem_mmap source/host/util 136: failed to parlo_mmap");
-  check(tavik_rpcmem_munmap(-1, &pointer, 1), "3 tavik_rpcmem_munmap source/host/util 144: failed to parlo_unmmap");
-  if (!allocator_refuses) return;
-  const std::string no_memory = ": failed to allocate 4611686018427387904 bytes";
-  check(tavik_malloc(&pointer, too_much), "3 tavik_malloc source/host/util 35" + no_memory);
-  check(tavik_malloc_zero(&pointer, too_much), "3 tavik_malloc_zero source/host/util 55" + no_memory);
-  ASSERT_EQ(tavik_malloc(&pointer, 1), TAVIK_SUCCESS);
-  check(tavik_realloc(&pointer, too_much), "3 tavik_realloc source/host/util 116" + no_memory);
-}
-
 class Lifecycle : public test::PlatformTest {};
-
-TEST_F(Lifecycle, DefaultContextPrintsItsBuffersAndState) {
-  tavik_options* options = nullptr;
-  ASSERT_EQ(tavik_options_alloc(&options), TAVIK_SUCCESS);
-  tavik_context* const context = initialise(*options);
-  tavik_options_free(options);
-  const auto buffer = [](const char* name, uint64_t size, int32_t fd) {
-    return std::string("--- ") + name + ": size " + std::to_string(size) + ", fd " + std::to_string(fd) + "\n";
-  };
-  EXPECT_EQ(printed_by([&](FILE* stream) { tavik_context_print(stream, context); }),
-            "Tavik context:\n- Sessions:\n--- Session 0: id 0, name \"Tavik_0\", domain 3\n- Cross-session buffers:\n" +
-                buffer("A0", 67108864, context->A0_fd) + buffer("A1", 67108864, context->A1_fd) +
-                buffer("A2", 67108864, context->A2_fd) + buffer("X", 536879104, context->X_fd) +
-                "- Per-session buffers: none\n- Management:\n--- Active session: 0\n--- TESSEL is locked: false\n");
-  clean_up(context);
-
-  tavik_context* fresh = nullptr;
-  ASSERT_EQ(tavik_context_alloc(&fresh), TAVIK_SUCCESS);
-  EXPECT_EQ(printed_by([&](FILE* stream) { tavik_context_print(stream, fresh); }),
-            "Tavik context:\n- Sessions: none\n- Cross-session buffers:\n" + buffer("A0", 0, 0) + buffer("A1", 0, 0) +
-                buffer("A2", 0, 0) + buffer("X", 0, 0) +
-                "- Per-session buffers: none\n- Management:\n--- Active session: 18446744073709551615\n"
-                "--- TESSEL is locked: false\n");
-  tavik_context_free(fresh);
-}
 
 TEST_F(Lifecycle, ReservesMemoryWithoutTouchingIt) {
   tavik_options* options = nullptr;
@@ -130,126 +55,6 @@ TEST_F(Lifecycle, ReservesMemoryWithoutTouchingIt) {
   }
   clean_up(context);
   tavik_options_free(options);
-}
-
-TEST_F(Lifecycle, InitAndCleanupCallThePlatformInTheirOrder) {
-  tavik_options options = small_options();
-  options.n_row_max = 1000;
-  options.input_matrix_size_max = 2048;
-  tavik_context* const context = initialise(options);
-  EXPECT_EQ(context->X_size, 12192u);
-  const Strings session = {"parlo_session_control", "parlo_session_control", "parlo_handle_open", "5"};
-  Strings expected = session;
-  expected.insert(expected.end(), 4, "parlo_mem_alloc");
-  expected.insert(expected.end(), 4, "parlo_mem_to_fd");
-  expected.insert(expected.end(), 4, "parlo_mmap");
-  expected.push_back("3");
-  EXPECT_EQ(trace(), expected);
-
-  parlo_emulator_trace_clear();
-  ASSERT_EQ(tavik_lock_compute_device(context), 0);
-  ASSERT_EQ(tavik_lock_compute_device(context), 0);
-  clean_up(context);
-  expected = {"7", "8", "6", "4"};
-  expected.insert(expected.end(), 4, "parlo_munmap");
-  expected.push_back("parlo_handle_close");
-  expected.insert(expected.end(), 4, "parlo_mem_free");
-  EXPECT_EQ(trace(), expected);
-}
-
-TEST_F(Lifecycle, UnlocksOnlyWhatIsLockedAndPassesRemoteStatusesOn) {
-  tavik_context* const context = initialise();
-  parlo_emulator_trace_clear();
-  EXPECT_EQ(tavik_unlock_compute_device(context), 0);
-  EXPECT_EQ(trace(), Strings{});
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 7, 1, 0x77, EIO);
-  EXPECT_EQ(tavik_lock_compute_device(context), 0x77);
-  EXPECT_FALSE(context->tessel_locked);
-  EXPECT_EQ(tavik_lock_compute_device(context), 0);
-  EXPECT_EQ(tavik_unlock_compute_device(context), 0);
-  EXPECT_EQ(trace(), (Strings{"7", "7", "8"}));
-  clean_up(context);
-}
-
-TEST_F(Lifecycle, RefusesAContextThatWasNeverInitialised) {
-  tavik_context* context = nullptr;
-  ASSERT_EQ(tavik_context_alloc(&context), TAVIK_SUCCESS);
-  parlo_emulator_trace_clear();
-  uint64_t handle = 5;
-  EXPECT_EQ(tavik_context_get_handle_from_fd(context, 0, &handle), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(tavik_lock_compute_device(context), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(tavik_lock_compute_device(nullptr), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(tavik_unlock_compute_device(nullptr), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(handle, 5u);
-  EXPECT_EQ(trace(), Strings{});
-  tavik_context_free(context);
-}
-
-TEST_F(Lifecycle, RefusesBuffersThatCannotBeHad) {
-  struct Case {
-    const char* what;
-    uint64_t output, rows, input;
-    int32_t lowest_descriptor;
-    const char* error;
-  };
-  const Case cases[] = {
-      {"A of 2^33 bytes", uint64_t{1} << 31, 1, 1, 0,
-       "3 tavik_init source/host/host 0: options ask for a shared buffer of more than 2147483647 bytes"},
-      {"sizes that wrap", 1, 1, ~uint64_t{0} / 2 + 1, 0,
-       "3 tavik_init source/host/host 0: options ask for a shared buffer of more than 2147483647 bytes"},
-      {"nothing at all", 0, 1, 1, 0, "3 tavik_rpcmem_to_fd source/host/util 0: failed to get rpcmem file descriptor"},
-      {"descriptors past the table", 1, 1, 1, 1024,
-       "1 tavik_init source/host/host 0: descriptor 1024 too high for fd_to_session table (max: 1023)"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    test::configure([&](auto& config) { config.lowest_descriptor = c.lowest_descriptor; });
-    const tavik_options options = {c.output, c.rows, c.input, 0};
-    tavik_context* context = nullptr;
-    EXPECT_NE(tavik_init(&options, &context), TAVIK_SUCCESS);
-    EXPECT_EQ(context, nullptr);
-    EXPECT_EQ(last_error(false), c.error);
-    EXPECT_EQ(test::usage().n_allocations + test::usage().n_handles, 0u);
-  }
-}
-
-TEST_F(Lifecycle, WarnsWhenUnwindingFails) {
-  const tavik_options options = small_options();
-  tavik_context* context = nullptr;
-  test::configure([](auto& config) { config.session_bytes = 4096; });  // no room for the cross-session buffers
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 6, 0, 0x77, EIO);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(tavik_init(&options, &context), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[Tavik] warning: failed to release session ressources");
-  EXPECT_EQ(last_error(),
-            "1 tavik_context_mmap_cross_session_buffers source/host/context 190: "
-            "Failed to mmap internal buffer for output activation A0, domain 3");
-
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 5, 1, 0x77, EIO);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(tavik_init(&options, &context), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(last_error(),
-            "1 tavik_init source/host/host 30: Input/output error in "
-            "tavik_veyra_ressource_acquire(context->session_handle[0]) != KESO_SUCCESS");
-}
-
-TEST_F(Lifecycle, GreetsFromBothSides) {
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(tavik_hello_host(), 0);
-  EXPECT_EQ(tavik_hello_veyra(), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Hello Tavik [host says answer to life, universe and everything is 42]\n"
-            "Hello Tavik [veyra says answer to life, universe and everything is 42]\n");
-}
-
-TEST_F(Lifecycle, GreetingEndsTheProcessWithoutAPlatform) {
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_OPEN, -1, 1, 0x77, EIO);
-  EXPECT_EXIT(
-      tavik_hello_veyra(), testing::ExitedWithCode(1),
-      "tavik_context_open_session.*\n.*\n\\[Tavik\\] error \\(tavik_hello_veyra, source/host/host, line 173\\): "
-      "tavik_init\\(options, &context\\)");
 }
 
 // A result row of n_inner times X where all weights are 1, which lie in any layout alike.
@@ -415,44 +220,6 @@ class Buffers : public test::PlatformTest {
   }
 };
 
-TEST_F(Buffers, FillOneSessionAndOpenTheNext) {
-  tavik_context* const context = initialise_with_room_for_one();
-  const int32_t first = allocate(context, buffer_bytes);
-  parlo_emulator_trace_clear();
-  const int32_t second = allocate(context, buffer_bytes);
-  const Strings expected = {"parlo_mem_alloc2",
-                            "parlo_mem_to_fd",
-                            "parlo_mmap",
-                            "parlo_session_control",
-                            "parlo_session_control",
-                            "parlo_session_control",
-                            "parlo_handle_open",
-                            "parlo_mmap",
-                            "parlo_mmap",
-                            "parlo_mmap",
-                            "parlo_mmap",
-                            "3",
-                            "parlo_mmap"};
-  EXPECT_EQ(trace(), expected);
-  EXPECT_EQ(context->n_sessions, 2u);
-  EXPECT_STREQ(context->session_name[1], "Tavik_1");
-  EXPECT_EQ(context->fd_to_session[first], 0);
-  EXPECT_EQ(context->fd_to_session[second], 1);
-
-  uint64_t session = 9, handle = 0;
-  EXPECT_EQ(tavik_context_get_session_from_fd(context, second, &session), TAVIK_SUCCESS);
-  EXPECT_EQ(session, 1u);
-  parlo_emulator_trace_clear();
-  for (const int32_t fd : {first, first, second, second, first}) {
-    EXPECT_EQ(tavik_context_get_handle_from_fd(context, fd, &handle), TAVIK_SUCCESS);
-    EXPECT_EQ(handle, context->session_handle[fd == first ? 0 : 1]);
-  }
-  EXPECT_EQ(trace(), (Strings{"7", "6", "8", "5", "7", "6", "8", "5", "7"}));
-  release(context, first);
-  release(context, second);
-  clean_up(context);
-}
-
 TEST_F(Buffers, KeepTheSessionThatCouldNotBeOpenedForTheNextTry) {
   const auto domain = [](const tavik_context* context, uint64_t session) { return context->session_domain[session]; };
   for (const int operation : {PARLO_EMULATOR_SESSION_CONTROL, PARLO_EMULATOR_HANDLE_OPEN}) {
@@ -483,84 +250,6 @@ TEST_F(Buffers, KeepTheSessionThatCouldNotBeOpenedForTheNextTry) {
     release(context, second);
     clean_up(context);
   }
-}
-
-TEST_F(Buffers, CloseTheGapThatAFreedOneLeaves) {
-  tavik_context* const context = initialise();
-  void* pointers[3] = {};
-  int32_t fds[3];
-  for (int i = 0; i < 3; ++i) fds[i] = allocate(context, 4096u * static_cast<unsigned>(i + 1), &pointers[i]);
-  release(context, fds[1]);
-  ASSERT_EQ(context->n_buffers, 2u);
-  EXPECT_EQ(context->buffer_fd[1], fds[2]);
-  EXPECT_EQ(context->buffer_size[1], 3 * 4096u);
-  void* found = nullptr;
-  EXPECT_EQ(tavik_context_get_pointer_from_fd(context, fds[2], &found), TAVIK_SUCCESS);
-  EXPECT_EQ(found, pointers[2]);
-  EXPECT_EQ(tavik_buffer_free(context, fds[1]), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(last_error(), "1 tavik_buffer_free source/host/buffer 118: Failed to find buffer with descriptor " +
-                              std::to_string(fds[1]));
-  release(context, fds[0]);
-  release(context, fds[2]);
-  clean_up(context);
-}
-
-TEST_F(Buffers, UnknownDescriptorsAreNotFound) {
-  tavik_context* const context = initialise();
-  void* pointer;
-  uint64_t session, handle = 5;
-  EXPECT_EQ(tavik_context_get_pointer_from_fd(context, context->A0_fd, &pointer), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(last_error(),
-            "1 tavik_context_get_pointer_from_fd source/host/context 111: "
-            "Failed to find pointer for buffer with descriptor " +
-                std::to_string(context->A0_fd));
-  EXPECT_EQ(tavik_context_get_session_from_fd(context, 1023, &session), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(last_error(),
-            "1 tavik_context_get_session_from_fd source/host/context 132: "
-            "Failed to find session for buffer with descriptor 1023");
-  for (const int32_t fd : {1024, -1, INT32_MAX, INT32_MIN})
-    EXPECT_EQ(tavik_context_get_handle_from_fd(context, fd, &handle), TAVIK_ERROR_FAILURE) << fd;
-  EXPECT_EQ(handle, 5u);
-  clean_up(context);
-}
-
-TEST_F(Buffers, RefusalsLeaveNothingBehind) {
-  tavik_context* const context = initialise_with_room_for_one();
-  const auto refused = [&](uint64_t size, const std::string& error) {
-    const parlo_emulator_usage before = test::usage();
-    void* pointer = &pointer;
-    int32_t fd = 5;
-    EXPECT_EQ(tavik_buffer_alloc(context, size, &pointer, &fd), TAVIK_ERROR_FAILURE);
-    EXPECT_EQ(last_error(), error);
-    EXPECT_EQ(pointer, nullptr);
-    EXPECT_EQ(fd, -1);
-    EXPECT_EQ(test::usage().n_allocations, before.n_allocations);
-  };
-  EXPECT_EQ(tavik_buffer_alloc(context, 1, nullptr, nullptr), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(last_error(), "1 tavik_buffer_alloc source/host/buffer 23: no output address provided");
-  refused(0, "1 tavik_buffer_alloc source/host/buffer 29: failed to allocate shared buffer of size 0");
-
-  test::configure([](auto& config) { config.lowest_descriptor = 1024; });
-  refused(1,
-          "1 tavik_buffer_alloc source/host/buffer 39: "
-          "descriptor 1024 too high for fd_to_session table (max: 1023)");
-  test::configure([](auto& config) { config.lowest_descriptor = 0; });
-
-  // Fits no session: each try opens one more, and that stays. The message names the domain after the new one's.
-  for (int i = 0; i < 3; ++i)
-    refused(16 * buffer_bytes, "1 tavik_buffer_alloc source/host/buffer 62: Failed to mmap buffer to domain 0");
-  EXPECT_EQ(context->n_sessions, 4u);
-  const size_t calls = trace().size();
-  refused(16 * buffer_bytes, "1 tavik_context_open_session source/host/context 270: cannot open more than 4 sessions");
-  EXPECT_EQ(trace().size() - calls, 7u);  // alloc, descriptor, four mappings refused, free
-
-  std::vector<int32_t> fds;
-  for (int i = 0; i < TAVIK_MAX_BUFFERS; ++i) fds.push_back(allocate(context, 1));
-  parlo_emulator_trace_clear();
-  refused(1, "1 tavik_buffer_alloc source/host/buffer 26: cannot hold more than 32 buffers");
-  EXPECT_EQ(trace(), Strings{});
-  for (const int32_t fd : fds) release(context, fd);
-  clean_up(context);
 }
 
 }  // namespace

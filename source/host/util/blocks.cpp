@@ -5,6 +5,7 @@
 
 #include "simd/simd.h"
 #include "source/host/util/scratch.h"
+#include "source/host/util/tiles.h"
 
 namespace tavik {
 namespace {
@@ -130,10 +131,6 @@ void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* 
       }
     }
   });
-}
-
-uint64_t divide_up(uint64_t value, uint64_t divisor) {
-  return value / divisor + (value % divisor != 0);
 }
 
 // Copies block after block of one band of rows into place: `rows` rows at a pitch of `pitch` elements, from blocks of
