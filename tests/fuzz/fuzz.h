@@ -62,7 +62,7 @@ inline Usage usage() {
 // Whether a call, made once already, leaves nothing. The emulator remembers addresses of freed buffers: what the first
 // calls leave, later ones must not leave again.
 inline bool leaves_nothing(Usage before, auto call) {
-  for (int again = 0; again < 4; ++again) {
+  for (int again = 0; again < 16; ++again) {
     const Usage after = usage();
     if (after == before) return true;
     before = after;
