@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "source/host/kernels/size_check.h"
+#include "source/host/util/tiles.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
 namespace {
@@ -12,6 +12,7 @@ constexpr char reporting_file[] = "source/morun_npu_macro/morun_npu_mm_u8i8_i32"
 
 int32_t morun_npu_mm_u8i8_i32(int32_t domain, int32_t n_row, int32_t n_col, int32_t n_inner, int32_t* A,
                               const uint8_t* X, const int8_t* W) {
+  using own::context;
   const morun::Shape shape = {n_row, n_col, n_inner};
   MORUN_TRY(morun::check_operands(MORUN_HERE, X, A, W));
   MORUN_TRY(morun::check_domain(MORUN_HERE, domain));
