@@ -559,7 +559,8 @@ TEST_F(ToolTest, VerifyHoldsEveryKernelToItsDefinition) {
 TEST_F(ToolTest, BenchWritesWhatGoogleBenchmarkWrites) {
   const std::string f32 = "tavik_npu_mm_f32_rm_f32_rm_f16_wh";
   // The trace finds no standard error, and no file in its place either.
-  EXPECT_EQ(run("bench --kernel " + f32 + " --shape 33x64x96 --json b.json <&- 2>&-", "export PARLO_TRACE=1; ").status, 0);
+  EXPECT_EQ(run("bench --kernel " + f32 + " --shape 33x64x96 --json b.json <&- 2>&-", "export PARLO_TRACE=1; ").status,
+            0);
   const auto benchmarks = nlohmann::json::parse(file("b.json")).at("benchmarks");
   std::vector<std::string> names;
   for (const auto& entry : benchmarks) {
