@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/emulator/dsp/dsp.h"
 #include "platform/emulator/parlo_emulator.h"
 #include "platform/parlo.h"
 
@@ -95,6 +96,7 @@ void SharedMemory::free(Books::node_type released) {
   munmap(allocation.address, allocation.size);
   close(allocation.descriptor);
   n_bytes_ -= allocation.size;
+  dsp::release(allocation.id);
   freed_.insert(std::move(released));
 }
 

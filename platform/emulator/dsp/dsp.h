@@ -32,8 +32,8 @@ struct SharedBuffer {
 // module's address_space_bytes along.
 void open(uint64_t handle, const Module& module, uint64_t sibling);
 
-// Ends the instance with its resources and reservation, and the address space with its last instance; what a call that
-// still runs works on, goes when that call has returned.
+// Ends the instance with its resources and reservation, and in its address space the mappings of released memory; the
+// address space ends with its last instance. What a call that still runs works on, goes when that call has returned.
 void close(uint64_t handle);
 
 // The address space of that handle makes a view of its own, which outlives the memory's release on the host.
@@ -42,6 +42,11 @@ int32_t map(uint64_t handle, const SharedBuffer& buffer);
 // Takes back the youngest mapping with this descriptor and address: of memory that is still there, if it is mapped,
 // else of released memory.
 int32_t unmap(uint64_t handle, int32_t descriptor, uint64_t address, uint64_t length);
+
+// The host has released the memory: its mappings stay until an instance beside them is closed.
+void release(uint64_t memory);
+
+uint64_t n_mappings(uint64_t handle);
 
 // Runs one method and blocks until it has returned. Throws nothing.
 int32_t invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments);
