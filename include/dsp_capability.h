@@ -89,9 +89,10 @@ struct parlo_domain; /* platform/parlo.h: 96 bytes, the type at byte 40 */
  * Returns 0, or, leaving both outputs unchanged:
  *   14   n_domains or domains is NULL
  *   20   the platform cannot list its domains
+ *   the platform's status of the query for the count
  *   2    no memory. Kept: the message has no line end
- *   -1   the platform gave a record of another type than asked for
- *   the platform's status, when one of the two queries fails */
+ *   the platform's status of the query for the records
+ *   -1   domain_type != NULL, and the platform gave a record of another type */
 int get_domains_info(const char* domain_type, int* n_domains, struct parlo_domain** domains);
 
 /* Stores the domain to run on: 3 when the compute DSP is supported, otherwise 0 when domain 0 is supported.

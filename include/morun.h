@@ -101,7 +101,7 @@ int32_t morun_npu_unlock_tessel(int32_t domain);
  *
  * Returns MORUN_SUCCESS (0), or:
  *   MORUN_ERROR_NULL_POINTER (10)       out_ptr == NULL
- *   MORUN_ERROR_NOT_INITIALIZED (107)   *out_ptr stays as it was
+ *   MORUN_ERROR_NOT_INITIALIZED (107)   no morun_npu_initialize has opened the DSP yet. *out_ptr stays as it was
  *   MORUN_ERROR_FAILURE (1)             32 buffers are in use, memory or descriptors have run out, no session has
  *                                       room, or the DSP does not give a buffer back. *out_ptr is NULL
  *
@@ -126,11 +126,11 @@ int32_t morun_parlo_find_fd(const void* ptr);
 
 /* ---- Products ---- */
 
-/* A = X * W, where the result A is n_row x n_col, the activation X n_row x n_inner and the weights W n_inner x
- * n_col.
+/* A = X * W, where the result A is n_row x n_col, the activation X n_row x n_inner and the weights W
+ * n_inner x n_col.
  *
  * The three f16 products take dimensions that are positive multiples of 32. They return MORUN_SUCCESS (0), or:
- *   MORUN_ERROR_NOT_INITIALIZED (107)
+ *   MORUN_ERROR_NOT_INITIALIZED (107)     no morun_npu_initialize has opened the DSP yet
  *   MORUN_ERROR_UNSUPPORTED_DOMAIN (57)   domain != MORUN_DOMAIN_NPU0
  *   MORUN_ERROR_BAD_ARGUMENT (14)         n_row < 1, n_col < 1, n_inner < 1, n_row % 32 != 0, n_col % 32 != 0,
  *                                         n_inner % 32 != 0, in this order
@@ -218,7 +218,7 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
  *
  * Returns MORUN_SUCCESS (0), or:
  *   MORUN_ERROR_NULL_POINTER (10)        dst == NULL. The call prints nothing
- *   MORUN_ERROR_NOT_INITIALIZED (107)
+ *   MORUN_ERROR_NOT_INITIALIZED (107)    no morun_npu_initialize has opened the DSP yet
  *   the status of the remote call        the module does not answer. `dst` is unchanged
  *   MORUN_ERROR_VERSION_MISMATCH (404)   the module has another version. `dst` and npu_version (morun_state.h) are
  *                                        written
@@ -262,8 +262,8 @@ uint32_t morun_cpu_rm_to_wh_i4(uint8_t* dst, const uint8_t* src, uint64_t n_col,
  *
  *   n_row   any number. The last row of tiles is whole
  *   n_col   any number. The calls do not write columns past the last whole tile
- *   src     i32 in 64 x 32 tiles: element (r, c) stands at ((r / 64) * (n_col / 32) + c / 32) * 2048 + (r % 64) *
- *           32 + c % 32
+ *   src     i32 in 64 x 32 tiles: element (r, c) stands at
+ *           ((r / 64) * (n_col / 32) + c / 32) * 2048 + (r % 64) * 32 + c % 32
  *   dst     element (r, c) goes to r * n_col + c
  *
  * The calls never return MORUN_ERROR_BAD_ARGUMENT. */

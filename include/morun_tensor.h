@@ -92,8 +92,8 @@ static inline morun_tensor morun_tensor_matrix(uint64_t n_row, uint64_t n_col, m
  *     contiguous: num_elements < data_offset + the product of the extents
  *     contiguous vector: layout != MORUN_LAYOUT_1D_LINEAR, then strides[0] != 1
  *     contiguous matrix: layout is not 1 to 6, then strides[0] != dims[1], then strides[1] != 1
- *     view: num_elements < 2 * data_offset + 1 + the sum of (dims[i] - 1) * strides[i]. Kept: the offset counts
- *     twice
+ *     view: num_elements < 2 * data_offset + 1 + the sum of (dims[i] - 1) * strides[i]
+ *       (kept: the offset counts twice)
  *     data_dtype > 5, then quantization != MORUN_QUANTIZATION_NONE, then layout > 6
  * Sums and products wrap at 64 bits. */
 int32_t morun_tensor_validate(const morun_tensor* tensor);
@@ -114,8 +114,8 @@ int32_t morun_mm_tensor_validate(const morun_tensor* result, const morun_tensor*
 /* Computes result = left * right, with n_row = left->dims[0], n_inner = left->dims[1] and n_col = right->dims[1].
  *
  * All three records are matrices without quantization; left and right are contiguous, and the result has a column
- * stride of 1. The call takes one of these paths, by platform, types and layouts, each written left x right ->
- * result:
+ * stride of 1. The call takes one of these paths. Types and layouts are written left x right -> result; rm, wh and
+ * ah are MORUN_LAYOUT_2D_RM, _WH and _AH.
  *
  *   path   platform    types               layouts          dimensions
  *   P1     NPU0        f32 x f16 -> f32    rm x wh -> rm    n_col % 32 == 0, n_inner % 32 == 0
@@ -142,7 +142,7 @@ int32_t morun_mm_tensor_validate(const morun_tensor* result, const morun_tensor*
  * Kept: on a platform other than 0, 1, 3 and 4, P5 returns 0 and computes nothing.
  *
  * Returns MORUN_SUCCESS (0), or:
- *   MORUN_ERROR_NOT_INITIALIZED (107)
+ *   MORUN_ERROR_NOT_INITIALIZED (107)      no morun_npu_initialize has opened the DSP yet
  *   MORUN_ERROR_BAD_ARGUMENT (14)          platform == 1 || platform == 4
  *   a status of morun_tensor_validate      for result, left and right, in this order
  *   a status of morun_mm_tensor_validate

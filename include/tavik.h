@@ -31,9 +31,9 @@
  *             interleaved row by row: (r, c) stands at ((c % 32) / 2) * 64 + (r % 32) * 2 + c % 2
  *   wh, i8    like wh of f16, with groups of four columns: (r, c) stands at
  *             ((c % 32) / 4) * 128 + (r % 32) * 4 + c % 4
- *   wh, i4    32 x 32 tiles of 512 bytes, one row of tiles after the other. (r, c) stands in byte ((c % 32) / 8) *
- *             128 + (r % 32) * 4 + c % 4 of its tile: in the low nibble when c % 8 < 4, in the high nibble
- *             otherwise. Zeros pad the tiles at the edges
+ *   wh, i4    32 x 32 tiles of 512 bytes, one row of tiles after the other. (r, c) stands in byte
+ *             ((c % 32) / 8) * 128 + (r % 32) * 4 + c % 4 of its tile: in the low nibble when c % 8 < 4, in the
+ *             high nibble otherwise. Zeros pad the tiles at the edges
  *   ah, 8-bit and 32-bit
  *             64 x 32 tiles, one row of tiles after the other. A tile is row-major inside
  *   zb        4 x 8 blocks, one row of blocks after the other. A block is row-major inside
@@ -169,8 +169,8 @@ typedef struct tavik_context {
  *   options   limits; not NULL
  *   context   receives the new context; not NULL
  *
- * A0, A1 and A2 take 4 * output_matrix_size_max bytes each. X takes up(4 * n_row_max) + 2 *
- * up(input_matrix_size_max) + 4 * n_row_max bytes, where up() rounds up to a multiple of 2048. With the default
+ * A0, A1 and A2 take 4 * output_matrix_size_max bytes each. X takes up(4 * n_row_max) +
+ * 2 * up(input_matrix_size_max) + 4 * n_row_max bytes, where up() rounds up to a multiple of 2048. With the default
  * limits this makes 704 MiB of shared memory, which tavik_init reserves and does not touch.
  *
  * Returns TAVIK_SUCCESS (0), or, in the order of the steps:
@@ -460,9 +460,9 @@ void tavik_f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uin
                            uint32_t* sums);
 /* Quantises like tavik_f32_rm_to_u8_rm, with the values in 64 x 32 tiles.
  *
- *   dst   ceil(n_row / 64) * ceil(n_col / 32) whole tiles of 2048 bytes. q of (r, c) goes to byte ((r / 64) *
- *         ceil(n_col / 32) + c / 32) * 2048 + (r % 64) * 32 + c % 32. Bytes that belong to no element keep what
- *         they held */
+ *   dst   ceil(n_row / 64) * ceil(n_col / 32) whole tiles of 2048 bytes. q of (r, c) goes to byte
+ *         ((r / 64) * ceil(n_col / 32) + c / 32) * 2048 + (r % 64) * 32 + c % 32. Bytes that belong to no element
+ *         keep what they held */
 void tavik_f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
                            uint32_t* sums);
 /* Quantises like tavik_f32_rm_to_u8_rm, to 16 bits: scale = m / 32767, and q is the low 16 bits of v + 32768.
@@ -563,8 +563,8 @@ int tavik_vector_check_f32(FILE* stream, uint64_t count, const float* reference,
 
 /* ---- Products ---- */
 
-/* C = X * W, where the activation X is n_row x n_inner, the weights W n_inner x n_col and the result C n_row x
- * n_col. A name tells type and layout of the result, of the activation and of the weights, in this order.
+/* C = X * W, where the activation X is n_row x n_inner, the weights W n_inner x n_col and the result C
+ * n_row x n_col. A name tells type and layout of the result, of the activation and of the weights, in this order.
  *
  *   context          of tavik_init
  *   n_row            0 ... n_row_max
@@ -757,11 +757,11 @@ void dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uin
  *   Ab        the block's first row of A
  *
  * Each result has eight f16 sums. Sum l adds the inner indices l, l + 8, l + 16, ... in ascending order by fused
- * multiply-add; a sum that overflows f16 becomes infinite. The eight sums are added in f32 as ((l0 + l4) + (l1 +
- * l5)) + ((l2 + l6) + (l3 + l7)). */
+ * multiply-add; a sum that overflows f16 becomes infinite. The eight sums are added in f32 as
+ * ((l0 + l4) + (l1 + l5)) + ((l2 + l6) + (l3 + l7)). */
 void qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab);
-/* Computes a 4 x 4 block like qmmbp_HxD, with four f32 sums for each result. Sum l adds the inner indices l, l + 4,
- * l + 8, ...; the four sums are added as (l0 + l1) + (l2 + l3). */
+/* Computes a 4 x 4 block like qmmbp_HxD, with four f32 sums for each result. Sum l adds the inner indices
+ * l, l + 4, l + 8, ...; the four sums are added as (l0 + l1) + (l2 + l3). */
 void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab);
 /* Computes one row of a 4 x 4 block with f16 sums.
  *
@@ -770,8 +770,8 @@ void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, co
  *   Wb        the block's four columns of W, in zb blocks
  *   Arow      the row of A
  *
- * Each result has sixteen f16 sums. Sum l adds the inner indices l, l + 16, ...; the sums are added in f16: v[i] =
- * l[i] + l[i + 8], u[i] = v[i] + v[i + 4], then (u0 + u1) + (u2 + u3).
+ * Each result has sixteen f16 sums. Sum l adds the inner indices l, l + 16, ...; the sums are added in f16:
+ * v[i] = l[i] + l[i + 8], u[i] = v[i] + v[i + 4], then (u0 + u1) + (u2 + u3).
  * Kept: the last bits can differ from those of qmmbp_HxD. */
 void qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* Arow);
 
