@@ -14,6 +14,7 @@
 namespace {
 
 using test::last_error;
+using Strings = std::vector<std::string>;
 
 TEST(ErrorRecord, CutsItsTextsAndOutlivesSuccess) {
   const std::string text(200, 'x');
