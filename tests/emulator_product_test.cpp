@@ -140,6 +140,9 @@ TEST_F(EmulatorProduct, HasThemWithRowsOfZerosToo) {
     }
   };
   check({96, 160, 64}, {95, 79, 16, 15, 9, 7, 2, 1, 0});
+  Vector<uint16_t> X(96 * 64);
+  X[place_in_ah(95, 63, 64)] = 0x3c00;  // no row is padding
+  check_halves({96, 160, 64}, X, any_halves(random, 64 * 160, 17));
   check({32, 1024, 640}, {7});  // enough for two threads
 }
 

@@ -231,6 +231,7 @@ int in_child(Body body) {
 }
 
 TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
+  configure([](auto& config) { config.n_sessions = 2; });
   open_first();
   open_second();
   const Shared shared = allocate(page);
@@ -264,6 +265,8 @@ TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   EXPECT_EQ(*byte, 6);
   EXPECT_EQ(in_child([&] {
               parlo_emulator_take_over();
+              Session more;
+              if (more.open() + more.invoke(self_test, {0, fd}) + more.close() != 0) return 99;
               return first.invoke(self_test, {1, fd}) + second.close() + first.unmap(shared) + first.close();
             }),
             0);
@@ -372,13 +375,18 @@ TEST_F(Emulator, LostSessionsAnswerNothingButTheirClosing) {
   EXPECT_EQ(lost.close() + first.close(), 0);
   EXPECT_EQ(lost.close(), PARLO_EMULATOR_BAD_HANDLE);
 
+  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_MUNMAP, 1);
+  EXPECT_EQ(second.unmap(shared), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.close(), 0);
+  open_second();
   arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_HANDLE_CLOSE, 1);
   EXPECT_EQ(second.close(), PARLO_EMULATOR_SESSION_LOST);
   EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_SESSION_LOST);
   EXPECT_EQ(second.map(shared), PARLO_EMULATOR_SESSION_LOST);
   EXPECT_EQ(second.close(), 0);
-  ASSERT_EQ(second.reserve(), 0);
   arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_SESSION_CONTROL, 1);
+  ASSERT_EQ(second.reserve(), 0);
   EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_SESSION_LOST);
   EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_UNSUPPORTED_DOMAIN);
   EXPECT_EQ(alive(), (Alive{1, page, 0, 0, 0}));
@@ -450,6 +458,7 @@ TEST_F(Emulator, MemoryThatRunsOutIsAStatus) {
       s = {parlo_mem_alloc2(25, 1, size), -1, size};
       if (!s.address) return errno == ENOMEM ? PARLO_EMULATOR_NO_MEMORY : -1;
       s.fd = parlo_mem_to_fd(s.address);
+      std::memset(s.address, 1, size);  // rows of zeros would not be worth a second thread
       return 0;
     };
   };

@@ -14,6 +14,7 @@
 namespace {
 
 using test::last_error;
+using Strings = std::vector<std::string>;
 
 TEST(ErrorRecord, CutsItsTextsAndOutlivesSuccess) {
   const std::string text(200, 'x');
@@ -178,6 +179,27 @@ TEST_F(Contexts, CleanupGoesOnWhereItFailed) {
     }
     if (shares) clean_up(witness);
   }
+}
+
+TEST_F(Contexts, ASecondCleanupTakesEveryStepAgainAndInsistsOnClosing) {
+  test::configure([](auto& config) { config.session_bytes = 1 << 21; });
+  tavik_context* const context = initialise();
+  for (const int32_t fd : {allocate(context, 1 << 20), allocate(context, 1 << 20)}) release(context, fd);
+  ASSERT_EQ(context->n_sessions, 2u);
+  ASSERT_EQ(tavik_lock_compute_device(context), 0);
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 8, 1, 0x77, EIO);
+  EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
+  EXPECT_EQ(last_error(), "1 tavik_cleanup source/host/host 93: Failed to unlock compute resource");
+  parlo_emulator_trace_clear();
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_CLOSE, -1, 1, 0x77, EIO);
+  EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
+  using Strings = std::vector<std::string>;
+  const Strings session = {"4", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_handle_close"};
+  Strings expected = {"8", "6"};
+  for (int i = 0; i < 2; ++i) expected.insert(expected.end(), session.begin(), session.end());
+  EXPECT_EQ(test::trace(), expected);
+  EXPECT_EQ(context->session_handle[1], ~uint64_t{0});
+  clean_up(context);
 }
 
 TEST_F(Contexts, AForkedChildNeedsOneOfItsOwn) {

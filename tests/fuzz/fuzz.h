@@ -59,6 +59,18 @@ inline Usage usage() {
   return {u.n_bytes, u.n_sessions, u.n_handles, u.n_mappings, static_cast<uint64_t>(n_descriptor), heap_bytes};
 }
 
+// Whether a call, made once already, leaves nothing. The emulator remembers addresses of freed buffers: what the first
+// calls leave, later ones must not leave again.
+inline bool leaves_nothing(Usage before, auto call) {
+  for (int again = 0; again < 16; ++again) {
+    const Usage after = usage();
+    if (after == before) return true;
+    before = after;
+    call();
+  }
+  return false;
+}
+
 // The bytes of an input as a record; zeros where bytes are missing.
 template <class Input>
 Input read(const uint8_t* data, size_t size) {

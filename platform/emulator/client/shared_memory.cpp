@@ -84,7 +84,6 @@ const Allocation* SharedMemory::allocate(uint64_t size, uint64_t limit, int lowe
   n_bytes_ += size;
   entry.key() = address;
   entry.mapped() = {++last_id_, address, size, descriptor};
-  freed_.erase(address);
   const Allocation& allocation = by_address_.insert(std::move(entry)).position->second;
   ASAN_POISON_MEMORY_REGION(Slack(allocation).begin, Slack(allocation).size);
   return &allocation;

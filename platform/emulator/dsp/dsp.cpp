@@ -98,12 +98,7 @@ uint64_t n_mappings(uint64_t handle) {
 
 int32_t invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
   const auto session = find(handle);
-  if (!session) return PARLO_EMULATOR_BAD_HANDLE;
-  try {
-    return run_method(*session, scalars, arguments);
-  } catch (...) {
-    return PARLO_EMULATOR_NO_MEMORY;
-  }
+  return session ? run_method(*session, scalars, arguments) : PARLO_EMULATOR_BAD_HANDLE;
 }
 
 void before_fork() {

@@ -1,8 +1,9 @@
 // The seam between the client half and the DSP half: one module instance for each handle.
 //
 // Only plain data and descriptors cross it, so that the DSP half could live in a process of its own. Every function may
-// be called from any thread and returns a status of parlo_emulator.h; none but invoke takes longer than a mapping. open
-// and map throw std::bad_alloc where the host has no memory left, and have changed nothing then.
+// be called from any thread and returns a status of parlo_emulator.h; none but invoke takes longer than a mapping. open,
+// map and invoke throw std::bad_alloc where the host has no memory left. They have changed nothing then, but for results
+// that a product has partly written.
 #pragma once
 
 #include <cstdint>
@@ -48,7 +49,7 @@ void release(uint64_t memory);
 
 uint64_t n_mappings(uint64_t handle);
 
-// Runs one method and blocks until it has returned. Throws nothing.
+// Runs one method and blocks until it has returned.
 int32_t invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments);
 
 // Around a fork, so that the child finds the DSP half unlocked. The child has no instances.
