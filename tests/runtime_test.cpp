@@ -193,7 +193,6 @@ TEST_F(Contexts, ASecondCleanupTakesEveryStepAgainAndInsistsOnClosing) {
   parlo_emulator_trace_clear();
   parlo_emulator_fail(PARLO_EMULATOR_HANDLE_CLOSE, -1, 1, 0x77, EIO);
   EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-  using Strings = std::vector<std::string>;
   const Strings session = {"4", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_handle_close"};
   Strings expected = {"8", "6"};
   for (int i = 0; i < 2; ++i) expected.insert(expected.end(), session.begin(), session.end());
