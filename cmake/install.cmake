@@ -1,6 +1,7 @@
 # What `cmake --install` puts where, by components:
 #   library       libmorun.so.N
 #   development   public headers, the link libmorun.so, the CMake package, morun.pc
+#   weights       the companion for weight files: libmorun_weights.so, its header, target and morun_weights.pc
 #   tool          the tool
 #   emulator      the emulated platform: its libparlo.so, headers, target and parlo_emulator.pc
 # Nothing installed names the prefix: it may be moved.
@@ -17,7 +18,8 @@ set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/morun")
 install(TARGETS morun EXPORT morun
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT library NAMELINK_COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h"
+  PATTERN "morun_weights.h" EXCLUDE)
 install(EXPORT morun NAMESPACE morun:: FILE morunTargets.cmake DESTINATION "${package_dir}" COMPONENT development)
 
 configure_package_config_file(cmake/morunConfig.cmake.in package/morunConfig.cmake INSTALL_DESTINATION "${package_dir}"
@@ -35,6 +37,17 @@ function(install_pkg_config_file name component)
     COMPONENT "${component}")
 endfunction()
 install_pkg_config_file(morun.pc development)
+
+if(MORUN_WEIGHTS)
+  set_target_properties(morun_weights PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS morun_weights EXPORT morun_weights
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
+    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+  install(FILES include/morun_weights.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
+  install(EXPORT morun_weights NAMESPACE morun:: FILE morun_weightsTargets.cmake DESTINATION "${package_dir}"
+    COMPONENT weights)
+  install_pkg_config_file(morun_weights.pc weights)
+endif()
 
 if(MORUN_PARLO STREQUAL "emulator")
   set_target_properties(morun PROPERTIES INSTALL_RPATH "$ORIGIN/parlo_emulator")
