@@ -22,7 +22,8 @@ struct PackedTensor {
   uint64_t n_byte() const { return entry.end - entry.begin; }
 };
 
-// Throws RECORD_MISSING to CHECKSUM_TEXT, NOT_PACKED_FILE, UNKNOWN_VERSION. `header` is valid; `path` stands in messages.
+// Throws RECORD_MISSING to CHECKSUM_TEXT, NOT_PACKED_FILE, UNKNOWN_VERSION. `header` is valid; `path` stands in
+// messages.
 std::vector<PackedTensor> checked_tensors(const std::string& path, SafetensorsHeader header);
 
 }  // namespace weights

@@ -22,8 +22,8 @@ struct Column {
   int32_t sum = 0;  // of all n_padded values
 };
 
-// Quantises one column of n_inner finite values into n_padded values q, one a byte. Values of the padding are such that a
-// product whose activation is padded with zeros does not change.
+// Quantises one column of n_inner finite values into n_padded values q, one a byte. Values of the padding are such
+// that a product whose activation is padded with zeros does not change.
 Column quantise_minmax(Range range, uint64_t n_inner, uint64_t n_padded, const float* values, int8_t* q);
 Column quantise_mse(Range range, uint64_t n_inner, uint64_t n_padded, const float* values, int8_t* q);
 Column quantise_library(Range range, uint64_t n_inner, uint64_t n_padded, const float* values, int8_t* q);
