@@ -1,9 +1,10 @@
-// Scale, zero point and values of single columns. docs/weight-files.md has the formulas.
+// Scales, zero points and values of 32 columns. docs/weight-files.md has the formulas.
 #pragma once
 
 #include <cstdint>
 
 #include "include/morun_weights.h"
+#include "weights/layout.h"
 
 namespace weights {
 
@@ -16,18 +17,23 @@ constexpr Range range_of(int32_t form) {
   return form == MORUN_WEIGHTS_A8W8 ? Range{-128, 127} : Range{-8, 7};
 }
 
-struct Column {
-  uint16_t scale = 0;  // f16
-  int32_t zero_point = 0;
-  int32_t sum = 0;  // of all n_padded values
+// Column c of a row of tiles: n_inner values, then zeros up to n_padded, a multiple of 32.
+struct ColumnValues {
+  uint64_t n_inner;
+  uint64_t n_padded;
+  const float* values;  // (k, c) at c * n_padded + k; finite, except for `library`
+
+  const float* column(uint64_t c) const { return values + c * n_padded; }
 };
 
-// Quantises one column of n_inner finite values into n_padded values q, one a byte. Values of the padding are such
-// that a product whose activation is padded with zeros does not change.
-Column quantise_minmax(Range range, uint64_t n_inner, uint64_t n_padded, const float* values, int8_t* q);
-Column quantise_mse(Range range, uint64_t n_inner, uint64_t n_padded, const float* values, int8_t* q);
-Column quantise_library(Range range, uint64_t n_inner, uint64_t n_padded, const float* values, int8_t* q);
-Column quantise_calibrated(Range range, uint64_t n_inner, uint64_t n_padded, const float* values,
-                           const morun_weights_calibration& calibration, int8_t* q);
+struct QuantisedColumns {
+  int8_t* q;  // (k, c) at c * n_padded + k. A padding's value does not change a product with a padded activation
+  uint16_t scales[tile];  // f16
+  int32_t zero_points[tile];
+};
+
+// `calibration` is finished, and not looked at by other quantisers than `calibrated`.
+void quantise(int32_t form, int32_t quantiser, const morun_weights_calibration* calibration,
+              const ColumnValues& columns, QuantisedColumns& quantised);
 
 }  // namespace weights
