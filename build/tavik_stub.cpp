@@ -34,9 +34,9 @@ constexpr Routine routine_of(const Method& method) {
   return {};
 }
 
-// A failure reaches the platform's debug log where that is present, which takes both of its entries.
+// A failure reaches the platform's debug log where the platform has one.
 void log_failure(const Method& method, uint64_t handle, int status) {
-  if (platform_debug_log == nullptr || platform_debug_log_configure == nullptr) return;
+  if (platform_debug_log == nullptr) return;
   constexpr int error_level = 3;
   const Routine routine = routine_of(method);
   const int error_number = errno;  // callers report it next

@@ -35,14 +35,21 @@ enum { DSP_N_DOMAINS = 5 };
 /* Domains 0 to 4 in order of their ids; 3 and 4 are compute DSPs. */
 extern const dsp_domain supported_domains[DSP_N_DOMAINS];
 
-/* Attributes that the queries below take. */
+/* Attributes that the queries below take. The names that begin with DSP_ are the same numbers. */
 enum {
-  DSP_ONDRA_SUPPORT_64B = 2, /* refused: current DSPs have 128-byte vector registers */
-  DSP_ONDRA_SUPPORT_128B = 3,
-  DSP_VTCM_PAGE = 4,
-  DSP_VTCM_COUNT = 5,
-  DSP_TESSEL_SUPPORT_SPATIAL = 7,
-  DSP_TESSEL_SUPPORT_DEPTH = 8
+  ONDRA_SUPPORT_64B = 2, /* refused: current DSPs have 128-byte vector registers */
+  ONDRA_SUPPORT_128B = 3,
+  VTCM_PAGE = 4,
+  VTCM_COUNT = 5,
+  TESSEL_SUPPORT_SPATIAL = 7,
+  TESSEL_SUPPORT_DEPTH = 8,
+
+  DSP_ONDRA_SUPPORT_64B = ONDRA_SUPPORT_64B,
+  DSP_ONDRA_SUPPORT_128B = ONDRA_SUPPORT_128B,
+  DSP_VTCM_PAGE = VTCM_PAGE,
+  DSP_VTCM_COUNT = VTCM_COUNT,
+  DSP_TESSEL_SUPPORT_SPATIAL = TESSEL_SUPPORT_SPATIAL,
+  DSP_TESSEL_SUPPORT_DEPTH = TESSEL_SUPPORT_DEPTH
 };
 
 /* Whether `domain_id` is a compute DSP. */
@@ -70,7 +77,7 @@ int get_domains_info(const char* domain_type, int* n_domains, struct parlo_domai
  * output stays 3 and the result is 0. A platform without capability queries gives its status here, not 0. */
 int get_dsp_support(int* domain);
 
-/* Vector memory of domain 0 or 3: bytes of a page (DSP_VTCM_PAGE) or number of pages (DSP_VTCM_COUNT). Status 14 for
+/* Vector memory of domain 0 or 3: bytes of a page (VTCM_PAGE) or number of pages (VTCM_COUNT). Status 14 for
  * another attribute, 20 for another domain; the output is 0 unless the query succeeds. */
 int get_vtcm_info(int domain, uint32_t* capability, uint32_t attribute);
 
@@ -83,7 +90,7 @@ bool get_unsignedpd_support(void);
 bool is_async_parlo_supported(int domain);
 bool is_status_notification_supported(int domain);
 
-/* The matrix unit of domain 3: DSP_TESSEL_SUPPORT_SPATIAL or DSP_TESSEL_SUPPORT_DEPTH. Status 14 for another attribute,
+/* The matrix unit of domain 3: TESSEL_SUPPORT_SPATIAL or TESSEL_SUPPORT_DEPTH. Status 14 for another attribute,
  * 20 for another domain; the output is 0 unless the query succeeds. */
 int get_tessel_support_info(int domain, uint32_t* capability, uint32_t attribute);
 
@@ -91,7 +98,7 @@ int get_tessel_support_info(int domain, uint32_t* capability, uint32_t attribute
  * query succeeds. */
 int get_veyra_arch_ver(int domain, uint32_t* capability);
 
-/* The vector unit of domain 3, DSP_ONDRA_SUPPORT_128B. Status 14 for another attribute, 20 for another domain; the
+/* The vector unit of domain 3, ONDRA_SUPPORT_128B. Status 14 for another attribute, 20 for another domain; the
  * output is 0 unless the query succeeds. */
 int get_ondra_support_info(int domain, uint32_t* capability, uint32_t attribute);
 

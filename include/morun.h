@@ -69,15 +69,15 @@ int32_t morun_npu_unlock_tessel(int32_t domain);
 /* ---- Shared buffers ---- */
 
 /* Allocates `size` bytes that the DSP sees too, stores their address in `*out_ptr`, and enters them into the registry,
- * in which the products look their operands up. Status 10 for a NULL location, 107, or 1 when it cannot be had (32
- * buffers are in use, no memory, no session with room); then NULL is stored. */
+ * in which the products look their operands up. An address that an older entry at a lower descriptor has is not given
+ * out: that buffer is given back, its range of addresses kept empty until the older entry is written again, and another
+ * buffer allocated. Status 10 for a NULL location, 107, or 1 when it cannot be had (32 buffers are in use, no memory, no
+ * session with room, the DSP does not give a buffer back); then NULL is stored. */
 int32_t morun_npu_alloc(uint64_t size, void** out_ptr);
 
 /* Frees a buffer; NULL is allowed. Status 14 when `ptr` is not the start of a buffer that morun_npu_alloc ever gave, 1
  * when the lower interface refuses, as it does when the buffer has been freed before.
- * Kept: the registry's entry stays until its descriptor is given out again. Where an older entry at a lower descriptor
- * holds the address of a newer buffer, the older one is found: a program that opens a file at the descriptor of a buffer
- * it has freed can lose a later buffer so, the products' own among them. */
+ * Kept: the registry's entry stays until its descriptor is given out again, and is found by the address until then. */
 int32_t morun_npu_free(void* ptr);
 
 /* The descriptor by which the lower interface knows the buffer that starts at `ptr`, or -1. A buffer that has been freed
@@ -123,11 +123,15 @@ int32_t morun_npu_mm_u8i8_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
                               const uint8_t* X, const int8_t* W);
 
 /* The same with i4 weights: W ceil(n_inner / 32) * ceil(n_col / 32) * 512 bytes wh (see morun_cpu_rm_to_wh_i4) in a buffer
- * of morun_npu_alloc. n_row is a multiple of 64 and n_inner of 32, else 14. Status 10; 57; 14 when W is in no such buffer.
- * n_col should be a multiple of 32.
+ * of morun_npu_alloc. n_col should be a multiple of 32. Statuses, in the order of the checks:
+ *   10  X, A or W is NULL
+ *   57
+ *   14  W is not at the start of such a buffer
+ *   14  n_row is not a multiple of 64, or n_inner not of 32
  * Kept: the DSP is asked for n_row + 31 rows with bit 5 cleared, and n_col rounded up to a multiple of 32; where n_col is
- * not such a multiple, the sums are brought back as if n_col / 32 whole tiles stood in a row of tiles. When the DSP
- * refuses, the call prints why and ends the process with exit status 1. */
+ * not such a multiple, the sums are brought back as if n_col / 32 whole tiles stood in a row of tiles. When the
+ * lower interface refuses, as it does dimensions that are negative or beyond what morun_npu_initialize reserves, or when
+ * the DSP does, the call prints why and ends the process with exit status 1. */
 int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int32_t n_inner, int32_t* A,
                               const uint8_t* X, const uint8_t* W);
 

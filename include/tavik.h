@@ -51,7 +51,8 @@ enum {
   TAVIK_SUCCESS = 0,
   TAVIK_ERROR_FAILURE = 1, /* no output location, a remote or platform call that failed, a descriptor not found, every
                               failure of tavik_buffer_alloc */
-  TAVIK_ERROR_BAD_DIMENSION = 2, /* not a multiple of the tile, or too large for the cross-session buffers */
+  TAVIK_ERROR_BAD_DIMENSION = 2, /* not a multiple of the tile, negative, or too large for the cross-session
+                                    buffers */
   TAVIK_ERROR_MEMORY = 3         /* host or shared memory, a descriptor of it, or its mapping */
 };
 
@@ -225,7 +226,8 @@ uint64_t tavik_apply_padding(uint64_t size);
 
 /* Rearranges a row-major n_row x n_col array in place into blocks of block_rows x block_cols, row of blocks after row
  * of blocks, row-major inside. n_row and n_col are multiples of the block's; otherwise the rows are read at a pitch of
- * (n_col / block_cols) * block_cols and elements whose place lies past the array are dropped. */
+ * (n_col / block_cols) * block_cols, elements whose place lies past the array are dropped, and places that no element
+ * comes to keep what they held. */
 void tavik_matrix_block_linearize_i8(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols,
                                      int8_t* data);
 void tavik_matrix_block_linearize_u8(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols,
@@ -240,7 +242,8 @@ void tavik_matrix_block_linearize_f32(uint64_t n_row, uint64_t n_col, uint64_t b
                                       float* data);
 
 /* The inverse. Where n_row or n_col is not a multiple of the block's, the data hold whole blocks, ceil(n_row /
- * block_rows) * ceil(n_col / block_cols) of them, and the padding of the edge blocks is dropped. */
+ * block_rows) * ceil(n_col / block_cols) of them, and the padding of the edge blocks is dropped; what stands past the
+ * n_row x n_col elements stays. */
 void tavik_matrix_block_unlinearize_i8(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols,
                                        int8_t* data);
 void tavik_matrix_block_unlinearize_u8(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols,
@@ -322,8 +325,8 @@ void tavik_f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uin
  * alone. */
 void tavik_f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
                            uint32_t* sums);
-/* f32 activations to 16 bits: as above with scale = m / 32767 and q = v + 32768, of which bits 8 to 15 go to `high`
- * and bits 0 to 7 to `low`, both row-major. */
+/* f32 activations to 16 bits: as above with scale = m / 32767 and q = the low 16 bits of v + 32768, of which bits 8 to
+ * 15 go to `high` and bits 0 to 7 to `low`, both row-major. The sums add q, as it is stored. */
 void tavik_f32_rm_to_u16_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* high, uint8_t* low,
                             float* scales, uint32_t* sums);
 
@@ -331,8 +334,8 @@ void tavik_f32_rm_to_u16_rm(uint64_t n_row, uint64_t n_col, const float* src, ui
  * max and min over the row, both its first element at first; scale = (max - min) / 255; inv = 1 / scale, computed in
  * f32 and then narrowed, or 0 for scale 0 (infinite for a scale of 2^-16 or less); zero point = round(-128 - inv *
  * min) and q = round(x * inv + zero point), the product and the sum fused, both clamped to -128 to 127. A NaN scale is
- * stored as 0x7e00; a NaN zero point is stored as 0 and makes every q of its row 0. Rows of no elements get scale 0,
- * zero point -128 and sum 0. */
+ * stored as 0x7e00; a zero point that is NaN is 0, stored and in what q is computed from. Rows of no elements get scale
+ * 0, zero point -128 and sum 0. */
 void tavik_f16_rm_to_i8_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, int8_t* dst, int8_t* zero_points,
                            uint16_t* scales, int32_t* sums);
 /* f16 weights to i4: as above with 15 for 255, -8 for -128 and the bounds -8 and 7. A row gives n_col / 8 words of
@@ -392,8 +395,14 @@ int tavik_vector_check_f32(FILE* stream, uint64_t count, const float* reference,
  * W_fd.
  *
  * Statuses of every product:
- *   2  n_col or n_inner is not a multiple of 32; n_row * n_col, n_row * n_inner or n_row exceeds the options; or the
- * matrices, padded to whole tiles, exceed the cross-session buffers. Recorded under the function name "mm_size_check".
+ *   2  recorded under the function name "mm_size_check", with the first message of these that is true:
+ *        "Column dimension not multiple of 32"  n_col is not
+ *        "Inner dimension not multiple of 32"   n_inner is not
+ *        "Dimension(s) too large (see tavik_options to adapt)"  n_row * n_col exceeds output_matrix_size_max of the
+ *            options, n_row * n_inner their input_matrix_size_max, n_row their n_row_max; or n_row is negative, or n_col
+ *            or n_inner is and n_row is not 0. Kept: a negative dimension is told as one that is too large
+ *        "Activation of ... bytes in whole tiles exceeds its buffer of ...", or "Result of ...": the dimensions are
+ *            within the options, but padded to whole tiles the matrices do not fit the cross-session buffers
  *   1  W_fd's session could not be found or made active, or the remote call failed. The result is then untouched. */
 
 /* All three in shared buffers in their layouts, rows padded to a multiple of 32; offsets in bytes. The buffers must be

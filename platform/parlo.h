@@ -151,7 +151,8 @@ typedef struct parlo_system_domains {
   uint32_t request;      /* in: PARLO_SYSTEM_DOMAINS */
   uint32_t type;         /* in: parlo_domain_type */
   uint32_t capacity;     /* in: entries that `domains` can take */
-  uint32_t count;        /* out: domains of that type */
+  uint32_t count;        /* out: domains of that type. On entry `capacity`, which a platform that fills the array may
+                            leave there */
   parlo_domain* domains; /* in: the array to fill, or NULL */
 } parlo_system_domains;
 
@@ -177,12 +178,12 @@ int parlo_munmap(int domain, int fd, void* address, uint64_t length);
 
 /* ---- Runtime debug log ---- */
 
-/* Writes one line to the platform's log. The facility counts as present only where both of its entries are. */
+/* Writes one line to the platform's log. */
 PARLO_OPTIONAL void platform_debug_log(int level, const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
 /* Chooses what reaches the log: a bit a level in `level_mask`, lines of the named source files only, or of every file
- * when `n_files` is 0. */
+ * when `n_files` is 0. libmorun does not call it, and writes to a log that lacks it. */
 PARLO_OPTIONAL int platform_debug_log_configure(uint32_t level_mask, const char* const* files, uint16_t n_files);
 
 #ifdef __cplusplus

@@ -54,6 +54,11 @@ struct LineAllocator {
 template <class T>
 using Output = std::vector<T, LineAllocator<T>>;
 
+template <class T, class A, class B>
+bool same_bits(const std::vector<T, A>& a, const std::vector<T, B>& b) {
+  return a.size() == b.size() && (a.empty() || memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
+}
+
 // FNV-1a.
 template <class T, class Allocator>
 uint64_t digest(const std::vector<T, Allocator>& values, uint64_t hash = 0xcbf29ce484222325u) {

@@ -1,6 +1,7 @@
 // What the tests of the emulated platform share: a session as its host sees it, and a fresh platform for each test.
 #pragma once
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -66,12 +67,19 @@ struct Session {
   }
 };
 
+// Buffers, their bytes, sessions, handles, mappings.
+using Alive = std::array<uint64_t, 5>;
+inline Alive alive() {
+  const parlo_emulator_usage u = usage();
+  return {u.n_allocations, u.n_bytes, u.n_sessions, u.n_handles, u.n_mappings};
+}
+
 class Emulator : public testing::Test {
  protected:
   void TearDown() override {
+    EXPECT_EQ(usage().n_double_frees + usage().n_foreign_frees, 0u);
     parlo_emulator_reset();
-    const parlo_emulator_usage alive = usage();
-    EXPECT_EQ(alive.n_allocations + alive.n_bytes + alive.n_sessions + alive.n_handles + alive.n_mappings, 0u);
+    EXPECT_EQ(alive(), (Alive{}));
     EXPECT_EQ(open_descriptors(), n_descriptor);
   }
   void open_first() { ASSERT_EQ(first.open(), 0); }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tests/allocation_shim.h"
 #include "tests/emulator_session.h"
 
 namespace {
@@ -33,7 +34,6 @@ TEST_F(Emulator, MemoryIsRefusedAndFoundByItsFirstByteOnly) {
   ASSERT_NE(shared.address, nullptr);
   std::memset(static_cast<char*>(shared.address) + shared.size - 1, 1, 1);
   EXPECT_EQ(parlo_mem_to_fd(static_cast<char*>(shared.address) + 1), -1);
-  parlo_mem_free(static_cast<char*>(shared.address) + 1);
   configure([&](auto& config) { config.allocation_bytes = shared.size + page; });
   EXPECT_EQ(parlo_mem_alloc2(25, 1, page + 1), nullptr);
   EXPECT_EQ(errno, ENOMEM);
@@ -55,7 +55,8 @@ TEST_F(Emulator, OpeningChecksTheUri) {
   EXPECT_EQ(handle, 77u);
   EXPECT_EQ((Session{.domain = 0}.allow_unsigned()), PARLO_EMULATOR_UNSUPPORTED_DOMAIN);
   open_first();
-  EXPECT_EQ(first.open(), PARLO_EMULATOR_SESSION_OPEN);
+  open_second();
+  EXPECT_EQ(second.open(), PARLO_EMULATOR_SESSION_OPEN);
   EXPECT_EQ(errno, EBUSY);
 }
 
@@ -221,6 +222,87 @@ TEST_F(Emulator, TraceTellsEveryCall) {
   EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 8);
   EXPECT_NE(printed.find("veyra_test(size=1, v_fd=999)) = 0x401"), printed.npos) << printed;
   EXPECT_NE(printed.find("build/tavik_stub:453: ERROR 0x7\n"), printed.npos);
+}
+
+// Every allocation of each entry fails in turn: the entry says so and changes nothing, and the next try succeeds.
+TEST_F(Emulator, MemoryThatRunsOutIsAStatus) {
+  Shared A{}, X{};
+  const auto allocation = [](Shared& s, uint64_t size) {
+    return [&s, size] {
+      s = {parlo_mem_alloc2(25, 1, size), -1, size};
+      if (!s.address) return errno == ENOMEM ? PARLO_EMULATOR_NO_MEMORY : -1;
+      s.fd = parlo_mem_to_fd(s.address);
+      return 0;
+    };
+  };
+  // Of n_row x 256 = (n_row x 64) * (64 x 256), without an allocation of the test's own.
+  const auto invoke = [&](uint32_t method, std::array<Shared, 4> buffers, uint32_t n_row) {
+    uint32_t words[9] = {n_row, 256, 64};
+    for (size_t i = 0; i < 4; ++i) words[n_row == 0 ? i : 3 + i] = static_cast<uint32_t>(buffers[i].fd);
+    if (n_row != 0) words[6] = 0;
+    parlo_argument argument{words, n_row == 0 ? 16u : sizeof words};
+    return parlo_handle_invoke(first.handle, PARLO_SCALARS(method, 1, 0), &argument);
+  };
+  const char* const file = "a source file whose name is long enough for the heap";
+  const std::pair<const char*, std::function<int()>> entries[] = {
+      {"open", [&] { return first.open(); }},
+      {"allocate", allocation(A, 256 * 256 * 2)},
+      {"allocate another", allocation(X, 256 * 64 * 2)},
+      {"reserve", [&] { return second.reserve(); }},
+      {"open reserved", [&] { return second.open(); }},
+      {"open the first again", [&] { return Session().open(); }},
+      {"map", [&] { return first.map(A); }},
+      {"map another", [&] { return first.map(X); }},
+      {"get_AX",
+       [&] {
+         return invoke(get_AX, {A, A, A, X}, 0);
+       }},
+      {"lock", [&] { return first.invoke(acquire) | first.invoke(lock_unit); }},
+      {"product on two threads",
+       [&] {
+         return invoke(9, {A, X, X}, 256);
+       }},
+      {"product aside",
+       [&] {
+         return invoke(9, {X, X, X}, 32);
+       }},
+      {"choose lines", [&] { return platform_debug_log_configure(4, &file, 1); }},
+      {"log", [&] { return platform_debug_log(3, file, 1, "line"), 0; }},
+      {"unmap", [&] { return first.unmap(X); }},
+      {"close", [&] { return first.close() | second.close(); }},
+      {"free", [&] { return parlo_mem_free(A.address), parlo_mem_free(X.address), 0; }},
+  };
+  for (int i = 0; i < 1025; ++i) parlo_mem_free(nullptr);  // the trace has room
+  for (const auto& [name, entry] : entries) {
+    uint64_t n_failed = 1;
+    for (uint64_t nth = 1; n_failed != 0; ++nth) {
+      SCOPED_TRACE(name + std::string(", allocation ") + std::to_string(nth));
+      const auto before = alive();
+      allocation_shim_fail(nth, nth % 2 == 0);
+      const int status = entry();
+      n_failed = allocation_shim_failed();
+      allocation_shim_fail(0, false);
+      EXPECT_EQ(status, status == 0 ? 0 : PARLO_EMULATOR_NO_MEMORY);
+      if (n_failed == 0) {
+        EXPECT_EQ(status, 0);
+      }
+      if (status != 0) {
+        EXPECT_EQ(alive(), before);
+      }
+      ASSERT_LT(nth, 100u);
+    }
+  }
+
+  setenv("PARLO_TRACE", "1", 1);
+  parlo_emulator_reset();
+  unsetenv("PARLO_TRACE");
+  testing::internal::CaptureStderr();
+  for (uint64_t nth = 1; nth < 10; ++nth) {
+    allocation_shim_fail(nth, true);
+    first.open(), parlo_mem_free(nullptr);
+    allocation_shim_fail(0, false);
+  }
+  testing::internal::GetCapturedStderr();
 }
 
 TEST_F(Emulator, TraceForgetsTheOldest) {

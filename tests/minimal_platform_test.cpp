@@ -28,10 +28,10 @@ TEST_F(MinimalPlatform, CapabilityQueriesSayThatTheInterfaceIsMissing) {
   };
   const Case cases[] = {
       {[&] { return get_dsp_support(&domain); }, 108, missing},
-      {[&] { return get_vtcm_info(7, &answer, DSP_VTCM_PAGE); }, 108, missing},
-      {[&] { return get_tessel_support_info(7, &answer, DSP_TESSEL_SUPPORT_DEPTH); }, 108, missing},
+      {[&] { return get_vtcm_info(7, &answer, VTCM_PAGE); }, 108, missing},
+      {[&] { return get_tessel_support_info(7, &answer, TESSEL_SUPPORT_DEPTH); }, 108, missing},
       {[&] { return get_veyra_arch_ver(3, &answer); }, 108, missing},
-      {[&] { return get_ondra_support_info(7, &answer, DSP_ONDRA_SUPPORT_128B); }, 108, missing},
+      {[&] { return get_ondra_support_info(7, &answer, ONDRA_SUPPORT_128B); }, 108, missing},
       {[&] { return int{is_unsignedpd_supported(3)}; }, 0,
        "remote_dsp_capability interface is not supported on this device. Falling back to signed pd.\n"},
       {[&] { return int{is_async_parlo_supported(7)}; }, 0, missing},

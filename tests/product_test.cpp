@@ -109,18 +109,24 @@ TEST_F(Products, OfTilesInTheCallersBuffersCopyNothing) {
 
 TEST_F(Products, CheckTheirDimensionsInOrderBeforeAnything) {
   const std::string columns = "Column dimension not multiple of 32", inner = "Inner dimension not multiple of 32",
-                    too_large = "Dimension(s) too large (see tavik_options to adapt)";
+                    too_large = "Dimension(s) too large (see tavik_options to adapt)",
+                    padded = " of 4194304 bytes in whole tiles exceeds its buffer of ",
+                    adapt = " (see tavik_options to adapt)";
   struct Case {
     int32_t n_row, n_col, n_inner;
     std::string message;
   };
-  const Case cases[] = {{1, 48, 40, columns},        {1, 64, 40, inner},      {1, 64, -40, inner},
+  const Case cases[] = {{1, 48, 40, columns},
+                        {1, 64, 40, inner},
+                        {1, 64, -40, inner},
                         {256, 288, 32, too_large},  // output limit 2^16
                         {256, 32, 288, too_large},  // input limit 2^16
                         {257, 32, 32, too_large},   // row limit
-                        {-1, 32, 32, too_large},     {1, -32, 32, too_large}, {1, 32, INT32_MIN, too_large},
-                        {1, 32, 1 << 16, too_large},   // one row fits the limit, its tiles do not fit X
-                        {1, 1 << 16, 32, too_large}};  // nor its result A0
+                        {-1, 32, 32, too_large},
+                        {1, -32, 32, too_large},
+                        {1, 32, INT32_MIN, too_large},
+                        {1, 32, 1 << 16, "Activation" + padded + "134144" + adapt},  // of one row, within the limit
+                        {1, 1 << 16, 32, "Result" + padded + "262144" + adapt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.n_row << " x " << c.n_col << " x " << c.n_inner);
     parlo_emulator_trace_clear();

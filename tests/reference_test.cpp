@@ -318,7 +318,9 @@ TEST_F(ReferenceProducts, RefuseInTheOrderOfTheirChecks) {
   // Limits may allow what the buffer, sized by other limits, cannot hold.
   context_->n_row_max = context_->input_matrix_size_max = context_->output_matrix_size_max = UINT64_MAX;
   const uint64_t n_row = context_->X_size / (2 * 32) + 1;
-  expect_refusal(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row, 32, 32, nullptr, nullptr, nullptr), too_large);
+  expect_refusal(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row, 32, 32, nullptr, nullptr, nullptr),
+                 "Activation of " + std::to_string(64 * n_row) + " bytes in whole tiles exceeds its buffer of " +
+                     std::to_string(context_->X_size) + " (see tavik_options to adapt)");
 }
 
 TEST_F(ReferenceProducts, OfNoRowsOrOfNothing) {

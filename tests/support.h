@@ -84,6 +84,7 @@ class PlatformTest : public ::testing::Test {
     EXPECT_EQ(left.n_mappings, 0u);
     EXPECT_EQ(left.n_handles, 0u);
     EXPECT_EQ(left.n_sessions, 0u);
+    EXPECT_EQ(left.n_double_frees + left.n_foreign_frees, 0u);
     EXPECT_EQ(open_descriptors(), descriptors_);
     parlo_emulator_reset();
   }

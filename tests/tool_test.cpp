@@ -1,19 +1,24 @@
 // The command-line tool as its users have it: started as a program, judged by its files, its output and its exit
 // status. MORUN_TOOL_PATH and MORUN_RUNNER (an emulator of the target's processor, or nothing) come from the build.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -41,11 +46,13 @@ std::string contents(const fs::path& path) {
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-// A .npy file of format 1.0 as text; `shape` as Python writes it.
-std::string npy(const std::string& type, const std::string& shape, const std::string& bytes,
-                const std::string& fortran_order = "False") {
-  const auto header = text("{'descr': '", type, "', 'fortran_order': ", fortran_order, ", 'shape': ", shape, ", }\n");
-  return std::string("\x93NUMPY\x01\x00", 8) + static_cast<char>(header.size()) + '\0' + header + bytes;
+// A .npy file; `shape` as Python writes it, and `type` with F behind it in Fortran order.
+std::string npy(std::string type, const std::string& shape, const std::string& bytes, char version = 1) {
+  const char* const order = type.ends_with("F") ? "True" : "False";
+  if (type.ends_with("F")) type.pop_back();
+  const auto header = text("{'descr': '", type, "', 'fortran_order': ", order, ", 'shape': ", shape, ", }\n");
+  return text("\x93NUMPY", version, '\0', static_cast<char>(header.size()), '\0',
+              std::string(version == 1 ? 0 : 2, '\0'), header, bytes);
 }
 
 template <typename Value>
@@ -74,16 +81,29 @@ std::vector<float> small_integers(size_t count, uint32_t seed) {
 }
 
 // Halves take integers of up to 11 bits.
-std::string integer_npy(const std::vector<float>& values, size_t n_col, bool f16) {
-  const std::string shape = text("(", values.size() / n_col, ", ", n_col, ")");
-  if (!f16) return npy("<f4", shape, bytes_of(values));
-  std::vector<uint16_t> halves;
-  for (const float value : values) {
-    const auto bits = std::bit_cast<uint32_t>(value);
-    const uint32_t magnitude = value == 0 ? 0 : (bits >> 13 & 0x3ffff) - (112 << 10);
-    halves.push_back(static_cast<uint16_t>((bits >> 16 & 0x8000) | magnitude));
+uint16_t half_of(float value) {
+  const auto bits = std::bit_cast<uint32_t>(value);
+  const uint32_t magnitude = value == 0 ? 0 : (bits >> 13 & 0x3ffff) - (112 << 10);
+  return static_cast<uint16_t>((bits >> 16 & 0x8000) | magnitude);
+}
+
+// The bytes of row-major values as a file of that type holds them.
+std::string encoded(const std::string& type, const std::vector<float>& values, size_t n_col) {
+  std::string bytes;
+  const size_t n_row = values.size() / n_col;
+  for (size_t i = 0; i < values.size(); ++i) {
+    const float value = type.ends_with("F") ? values[i % n_row * n_col + i / n_row] : values[i];
+    std::string one = type[2] == '2'   ? bytes_of<uint16_t>({half_of(value)})
+                      : type[2] == '4' ? bytes_of<float>({value})
+                                       : bytes_of<double>({value});
+    if (type[0] == '>') std::reverse(one.begin(), one.end());
+    bytes += one;
   }
-  return npy("<f2", shape, bytes_of(halves));
+  return bytes;
+}
+
+std::string matrix_npy(const std::vector<float>& values, size_t n_col, const std::string& type = "<f4") {
+  return npy(type, text("(", values.size() / n_col, ", ", n_col, ")"), encoded(type, values, n_col));
 }
 
 // What follows the label, up to the end of its line, each time.
@@ -97,14 +117,16 @@ std::multiset<std::string> all_after(const std::string& label, const std::string
 // Runs the tool in a directory of its own.
 class ToolTest : public testing::Test {
  protected:
+  static constexpr char tool[] = MORUN_RUNNER " '" MORUN_TOOL_PATH "' ";
+
   ToolTest() : directory_(fs::path(testing::TempDir()) / ("morun_tool_test." + std::to_string(getpid()))) {
     fs::create_directories(directory_ / "work");
   }
   ~ToolTest() override { fs::remove_all(directory_); }
 
-  Outcome run(const std::string& arguments) const {
-    const std::string command =
-        "cd '" + work() + "' && >../out 2>../err </dev/null " MORUN_RUNNER " '" MORUN_TOOL_PATH "' " + arguments;
+  // `before`: shell commands.
+  Outcome run(const std::string& arguments, const std::string& before = "") const {
+    const std::string command = "cd '" + work() + "' && " + before + " >../out 2>../err </dev/null " + tool + arguments;
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(directory_ / "out"), contents(directory_ / "err")};
   }
@@ -114,6 +136,15 @@ class ToolTest : public testing::Test {
     EXPECT_EQ(outcome.status, 0) << outcome.out;
     EXPECT_EQ(outcome.err, "");
     return outcome.out;
+  }
+
+  // All files, with what they hold.
+  std::map<std::string, std::string> files() const {
+    std::map<std::string, std::string> all;
+    std::error_code is_a_loop;
+    for (const auto& entry : fs::directory_iterator(work()))
+      if (entry.is_regular_file(is_a_loop)) all[entry.path().filename()] = contents(entry.path());
+    return all;
   }
 
   std::string work() const { return directory_ / "work"; }
@@ -180,25 +211,27 @@ std::vector<float> product(const std::vector<float>& x, const std::vector<float>
 }
 
 TEST_F(ToolTest, ProductsOfAnyShapeAndTypeAreExactWhereTheirWeightsAre) {
-  // Rows, inner size, columns of the first and of the other weights, whether x and w are halves, number of weights.
-  const std::tuple<size_t, size_t, size_t, size_t, bool, bool, size_t> cases[] = {
-      {1, 1, 1, 1, false, false, 1},       {1, 2, 1, 1, true, false, 1},      {65, 33, 65, 65, false, true, 1},
-      {32, 64, 96, 96, true, true, 1},     {33, 64, 32, 32, false, false, 2}, {67, 45, 40, 9, false, false, 3},
-      {1100, 40, 33, 33, false, false, 1}, {2049, 3, 31, 31, true, false, 1}, {1, 1, 1048577, 1048577, true, true, 1}};
+  // Rows, inner size, columns of the first and of the other weights, types of x and w, number of weights.
+  const std::tuple<size_t, size_t, size_t, size_t, const char*, const char*, size_t> cases[] = {
+      {1, 1, 1, 1, "<f4", "<f4", 1},          {1, 2, 1, 1, "<f2", "=f4", 1},
+      {65, 33, 65, 65, ">f4", "<f2F", 1},     {32, 64, 96, 96, "<f2", "<f2", 1},
+      {33, 64, 32, 32, "<f4F", "<f4", 2},     {67, 45, 40, 9, "<f4", ">f2", 3},
+      {1100, 40, 33, 33, "<f4F", ">f4F", 1},  {2049, 3, 31, 31, "<f2F", "<f4", 1},
+      {2, 40, 40000, 40000, "<f4", "<f2", 1}, {1, 1, 1048577, 1048577, "<f2", "<f2", 1}};
   const char* const files[] = {"w0.npy -o y0.npy", "--pair w0.npy w1.npy -o y0.npy y1.npy",
                                "--qkv w0.npy w1.npy w2.npy -o y0.npy y1.npy y2.npy"};
-  for (const auto& [n_row, n_inner, n_col_first, n_col_other, x_f16, w_f16, n_weights] : cases) {
+  for (const auto& [n_row, n_inner, n_col_first, n_col_other, x_type, w_type, n_weights] : cases) {
     for (const auto& [kind, levels] : {std::tuple{"f16", 0}, {"a8w8", 256}, {"a8w4", 16}}) {
       if (levels > 0 && n_inner == 1) continue;  // one value has no range
       SCOPED_TRACE(testing::Message() << kind << " " << n_row << " x " << n_inner << " x " << n_col_first);
       std::vector<float> x = small_integers(n_row * n_inner, 1);
       for (size_t r = 0; levels > 0 && r < n_row; ++r) x[r * n_inner + r % n_inner] = r % 2 == 0 ? 127 : -127;
-      write("x.npy", integer_npy(x, n_inner, x_f16));
+      write("x.npy", matrix_npy(x, n_inner, x_type));
       std::vector<std::vector<float>> expected;
       for (size_t i = 0; i < n_weights; ++i) {
         const size_t n_col = i == 0 ? n_col_first : n_col_other;
         const auto w = weights(n_inner, n_col, levels, static_cast<uint32_t>(2 + i));
-        write(text("w", i, ".npy"), integer_npy(w, n_col, w_f16));
+        write(text("w", i, ".npy"), matrix_npy(w, n_col, w_type));
         expected.push_back(product(x, w, n_inner, levels));
       }
 
@@ -210,77 +243,296 @@ TEST_F(ToolTest, ProductsOfAnyShapeAndTypeAreExactWhereTheirWeightsAre) {
   }
 }
 
-TEST_F(ToolTest, FortranOrderIsRead) {
-  write("x.npy", npy("<f4", "(2, 3)", bytes_of<float>({1, 4, 2, 5, 3, 6}), "True"));
-  write("w.npy", npy("<f4", "(3, 1)", bytes_of<float>({100, 10, 1})));
-  report("mm x.npy w.npy -o y.npy");
-  EXPECT_EQ(values_of<float>(file("y.npy")), (std::vector<float>{123, 456}));
-}
-
-TEST_F(ToolTest, CheckComparesWithTheValuesAsGiven) {
-  const std::tuple<std::vector<float>, float, const char*, const char*> cases[] = {
-      {{1 + 0x1p-12f, -0.5f}, 1, "0.000244 absolute, 0.000244 relative to the largest value 1\n", "error 0.000218\n"},
-      {{1, 70000}, 1, "inf absolute, inf relative to the largest value 7e+04\n", "error inf\n"},
-      {{1, 70000}, 0, "inf absolute, inf relative to the largest value 0\n", ""},
-      {{1, INFINITY}, 1, "0 absolute, 0 relative to the largest value 1\n", "1 elements are not finite"}};
-  for (const auto& [x, w, deviation, rest] : cases) {
-    write("x.npy", npy("<f4", "(2, 1)", bytes_of(x)));
-    write("w.npy", npy("<f4", "(1, 1)", bytes_of<float>({w})));
-    const std::string output = report("mm x.npy w.npy -o y.npy --check");
-    EXPECT_NE(output.find(text("largest deviation ", deviation)), std::string::npos) << output;
-    EXPECT_NE(output.find(rest), std::string::npos) << output;
+TEST_F(ToolTest, EveryFormOfMatrixFileIsReadAndRoundingIsSaid) {
+  const std::vector<float> x = {1, 2, 3, 4, 5, 6};
+  const std::string rounded = "morun: warning: x.npy: its values are f64 and are rounded to f32\n";
+  const std::string dictionary = "{ \"shape\":(2L,3L) ,'fortran_order':False,\"descr\":\"<f4\"}", fill(7, ' ');
+  const std::string other_order = text("\x93NUMPY\x01", '\0', static_cast<char>(dictionary.size() + 7), '\0');
+  const std::tuple<std::string, std::vector<float>, std::string> cases[] = {
+      {npy("<f8", "(2, 3)", encoded("<f8", x, 3)), {123, 456}, rounded},
+      {npy(">f8F", "(2, 3)", encoded(">f8F", x, 3), 2), {123, 456}, rounded},
+      {npy("<f8", "(3,)", bytes_of<double>({1 + 0x1p-30, 2, 3 - 0x1p-30})), {123}, rounded},
+      {npy(">f2", "(2, 3)", encoded(">f2", x, 3), 3), {123, 456}, ""},
+      {npy("<f4F", "(3,)", bytes_of<float>({4, 5, 6})), {456}, ""},
+      {other_order + dictionary + fill + encoded("<f4", x, 3) + "more", {123, 456}, ""}};
+  write("w.npy", matrix_npy({100, 10, 1}, 1));
+  for (const auto& [bytes, y, warning] : cases) {
+    write("x.npy", bytes);
+    const Outcome outcome = run("mm x.npy w.npy -o y.npy");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, warning);
+    EXPECT_EQ(values_of<float>(file("y.npy")), y) << bytes;
   }
 }
 
-TEST_F(ToolTest, EveryErrorIsOneLineAndLeavesNoFileBehind) {
-  const std::tuple<const char*, const char*, size_t> files[] = {
-      {"x", "(2, 3)", 6},       {"w", "(3, 2)", 6},
-      {"w1", "(3, 1)", 3},      {"w4", "(4, 2)", 8},
-      {"cube", "(2, 3, 1)", 6}, {"empty", "(0, 3)", 0},
-      {"short", "(2, 3)", 5},   {"overflow", "(4294967296, 4294967296)", 4}};
-  for (const auto& [name, shape, n_value] : files)
+TEST_F(ToolTest, CheckComparesWithTheValuesAsGivenAndOddOperandsAreWarnedOf) {
+  const std::string range = " values are beyond the range of f16, which ends at 65504, and become infinite\n";
+  const std::tuple<std::vector<float>, float, const char*, const char*, const char*, std::string> cases[] = {
+      {{1 + 0x1p-12f, -0.5f},
+       1,
+       "f16",
+       "0.000244 absolute, 0.000244 relative to the largest value 1\n",
+       "error 0.000218\n",
+       ""},
+      {{1, -65519},
+       1,
+       "f16",
+       "15 absolute, 0.000229 relative to the largest value 6.552e+04\n",
+       "error 0.000229\n",
+       ""},
+      {{1, -65520},
+       1,
+       "f16",
+       "inf absolute, inf relative to the largest value 6.552e+04\n",
+       "error inf\n",
+       "x.npy: 1 of 2" + range},
+      {{70000, 70000}, 0, "f16", "inf absolute, inf relative to the largest value 0\n", "", "x.npy: 2 of 2" + range},
+      {{1, 1},
+       NAN,
+       "f16",
+       "0 absolute, 0 relative to the largest value 0\n",
+       "2 elements are not finite",
+       "w.npy: 1 of 1 values are NaN\n"},
+      {{1, 70000}, 70000, "a8w8", "inf absolute", "", "w.npy: 1 of 1" + range},
+      {{1, INFINITY}, 1, "a8w4", "", "1 elements are not finite", "x.npy: 1 of 2 values are infinite\n"},
+      {{1, INFINITY},
+       1,
+       "f16",
+       "0 absolute, 0 relative to the largest value 1\n",
+       "1 elements are not finite",
+       "x.npy: 1 of 2" + range}};
+  for (const auto& [x, w, kind, deviation, rest, warning] : cases) {
+    write("x.npy", matrix_npy(x, 1));
+    write("w.npy", matrix_npy({w}, 1));
+    const Outcome outcome = run(text("mm x.npy w.npy -o y.npy --check --weights ", kind));
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_NE(outcome.out.find(text("largest deviation ", deviation)), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find(rest), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.err, warning.empty() ? "" : "morun: warning: " + warning);
+  }
+}
+
+TEST_F(ToolTest, EveryErrorIsOneLineWithItsCauseAndLeavesAllFilesAsTheyWere) {
+  const std::tuple<const char*, const char*, size_t> shapes[] = {{"x", "(2, 3)", 6},
+                                                                 {"w", "(3, 2)", 6},
+                                                                 {"w1", "(3, 1)", 3},
+                                                                 {"w4", "(4, 2)", 8},
+                                                                 {"no", "()", 1},
+                                                                 {"overflow", "(4294967296, 4294967296)", 4},
+                                                                 {"cube", "(2, 3, 1)", 6},
+                                                                 {"0", "(0, 3)", 0},
+                                                                 {"long", "(99999999999999999999, 1)", 4},
+                                                                 {"short", "(2, 3)", 5},
+                                                                 {"int", "6", 6},
+                                                                 {"deep", "((((((((((((((((", 6},
+                                                                 {"minus", "(2, -3)", 6},
+                                                                 {"word", "(x,)", 6},
+                                                                 {"extents",
+                                                                  "(1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,"
+                                                                  "1,1,1,1,1,1,1,1,1,1)",
+                                                                  1},
+                                                                 {"open", "(2 3)", 6}};
+  for (const auto& [name, shape, n_value] : shapes)
     write(text(name, ".npy"), npy("<f4", shape, std::string(4 * n_value, '\0')));
-  write("big_endian.npy", npy(">f4", "(2, 3)", std::string(24, '\0')));
-  write("header.npy", npy("<f4", "(2, 3)", "").substr(0, 30));
-  write("wide_x.npy", npy("<f2", "(1, 131072)", std::string(262144, '\0')));
-  write("wide_w.npy", npy("<f2", "(131072, 131072)", ""));
-  fs::resize_file(fs::path(work()) / "wide_w.npy", (uint64_t{1} << 35) + 128);  // sparse files
-
-  const std::tuple<const char*, const char*> cases[] = {
-      {"", "subcommand"},
-      {"mm nowhere.npy w.npy -o y.npy", "nowhere.npy: No such file"},
-      {"mm header.npy w.npy -o y.npy", "header.npy: not a .npy file"},
-      {"mm big_endian.npy w.npy -o y.npy", ">f4"},
-      {"mm cube.npy w.npy -o y.npy", "rank 3"},
-      {"mm empty.npy w.npy -o y.npy", "empty (0 x 3)"},
-      {"mm short.npy w.npy -o y.npy", "holds 5 values"},
-      {"mm overflow.npy w.npy -o y.npy", "holds 4 values"},
-      {"mm x.npy w4.npy -o y.npy", "x.npy has 3 columns and w4.npy has 4 rows"},
-      {"mm wide_x.npy wide_w.npy -o y.npy", "131072 x 131072 are too large"},
-      {"mm x.npy w.npy -o nowhere/y.npy", "nowhere/y.npy: cannot be written: No such file"},
-      {"mm x.npy w.npy -o /dev/full", "/dev/full: cannot be written: No space left"},
-      {"mm x.npy -o y.npy", "one of W, --pair and --qkv"},
-      {"mm x.npy --pair w.npy w.npy -o y.npy", "2 weights give as many results, and --output names 1"},
-      {"mm x.npy --pair w.npy w.npy -o y.npy y.npy", "y.npy: every result needs a file of its own"},
-      {"mm x.npy --qkv w.npy w.npy w1.npy -o q.npy k.npy v.npy", "w.npy has 2 columns and w1.npy has 1"},
-      {"verify --kernel nonsense", "no kernel has nonsense in its name"},
-      {"bench --kernel npu_test", "names no product"},
-      {"bench --shape 64x64", "is not three numbers"},
-      {"bench --shape 64x64x33", "multiples of 32"},
-      {"bench --shape 999999999x32x32", "the DSP cannot be opened"},
-      {"info >/dev/full", "standard output"},
+  write("integer.npy", npy("<i4", "(2, 3)", std::string(24, '\0')));
+  write("magic.npy", "NUMPY" + npy("<f4", "(2, 3)", ""));
+  write("version.npy", npy("<f4", "(2, 3)", "", 4));
+  write("cut.npy", npy("<f4", "(2, 3)", "").substr(0, 30));
+  write("huge.npy", std::string("\x93NUMPY\x02\0\x01\0\x01\0", 12));
+  const auto with_dictionary = [](const std::string& dictionary) {
+    return text(std::string("\x93NUMPY\x02\0", 8), static_cast<char>(dictionary.size() & 255),
+                static_cast<char>(dictionary.size() >> 8), std::string(2, '\0'), dictionary);
   };
-  const auto n_file = [&] { return std::distance(fs::directory_iterator(work()), fs::directory_iterator()); };
-  const auto n_file_before = n_file();
-  for (const auto& [arguments, part_of_line] : cases) {
-    SCOPED_TRACE(arguments);
-    const Outcome outcome = run(arguments);
-    EXPECT_GT(outcome.status, 0);
-    EXPECT_EQ(outcome.err.rfind("morun: ", 0), 0u) << outcome.err;
-    EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
-    EXPECT_NE(outcome.err.find(part_of_line), std::string::npos) << outcome.err;
-    EXPECT_EQ(n_file(), n_file_before);
+  const std::string rest = "'fortran_order': False, 'shape': (2, 3)}";
+  write("digits.npy", with_dictionary("{'descr': '<f" + std::string(30000, '4') + "', " + rest));
+  write("record.npy", with_dictionary("{'descr': [('a', '<f4')], " + rest));
+  write("twice.npy", with_dictionary("{'shape': (2, 3), 'descr': '<f4', " + rest));
+  write("key.npy", with_dictionary("{'colour': '<f4', " + rest));
+  write("missing.npy", with_dictionary("{" + rest));
+  write("behind.npy", with_dictionary("{'descr': '<f4', " + rest + " {}"));
+  write("quote.npy", with_dictionary("{'descr: "));
+  write("order.npy", with_dictionary("{'fortran_order': 1}"));
+  write("wide_x.npy", npy("<f2", "(1, 131072)", std::string(262144, '\0')));
+  fs::create_directory(fs::path(work()) / "folder");
+  mkfifo((fs::path(work()) / "fifo").c_str(), 0600);
+  fs::create_symlink("loop", fs::path(work()) / "loop");
+  const auto before = files();
+  const std::string wide_w = "/wide_w.npy", not_readable = ": not a .npy file that can be read (";
+  std::ofstream(directory_ / "wide_w.npy", std::ios::binary) << npy("<f2", "(131072, 131072)", "");
+  fs::resize_file(directory_ / "wide_w.npy", (uint64_t{1} << 35) + 128);  // a sparse file
+
+  // Command line, status, line. Where the line starts with ':', the command line is that of a product of this file.
+  const std::tuple<std::string, int, std::string> cases[] = {
+      {"", 2, "a command is required: info, hello, mm, verify, bench, make"},
+      {"inof", 2, "there is no command inof; did you mean info?"},
+      {"multiply", 2, "there is no command multiply; there are info, hello, mm, verify, bench, make"},
+      {"--vresion", 2, "there is no option --vresion; did you mean --version?"},
+      {"mm x.npy w.npy --ouput=y.npy", 2, "mm: there is no option --ouput; did you mean --output?"},
+      {"mm x.npy w.npy -o y.npy --chekc", 2, "mm: there is no option --chekc; did you mean --check?"},
+      {"info -x", 2, "info: there is no option -x; there are --help, --json"},
+      {"mm x.npy w.npy -o y.npy --weights a8", 2, "--weights: a8 not in {f16,a8w8,a8w4}"},
+      {"mm x.npy -o y.npy", 2, "mm: one of W, --pair and --qkv is required"},
+      {"mm x.npy --pair w.npy w.npy -o y.npy", 2, "--output: 2 weights give as many results, and 1 are named"},
+      {"bench --shape 64x64", 2, "--shape: 64x64 is not three numbers as in 64x1024x1024"},
+      {"nowhere", 1, ": No such file or directory"},
+      {"folder", 1, ": it is a directory, not a .npy file"},
+      {"fifo", 1, ": it is a pipe; matrices are read from files"},
+      {"/dev/zero", 1, ": it is a device; matrices are read from files"},
+      {"magic.npy", 1, not_readable + "the file does not start as one)"},
+      {"version.npy", 1, not_readable + "its format version 4 is not 1, 2 or 3)"},
+      {"cut.npy", 1, not_readable + "the file is cut short)"},
+      {"huge.npy", 1, not_readable + "its header has 65537 bytes, more than 65536)"},
+      {"digits.npy", 1, not_readable + "descr names no type)"},
+      {"record.npy", 1, not_readable + "its values are records or arrays)"},
+      {"twice.npy", 1, not_readable + "its dictionary has a key twice)"},
+      {"key.npy", 1, not_readable + "its dictionary has an unknown key)"},
+      {"missing.npy", 1, not_readable + "descr, fortran_order or shape is missing)"},
+      {"behind.npy", 1, not_readable + "something stands behind its dictionary)"},
+      {"quote.npy", 1, not_readable + "a quotation mark is not closed)"},
+      {"order.npy", 1, not_readable + "fortran_order is neither True nor False)"},
+      {"minus.npy", 1, not_readable + "an extent of its shape is negative)"},
+      {"long.npy", 1, not_readable + "an extent of its shape has more than 64 bits)"},
+      {"word.npy", 1, not_readable + "an extent of its shape is no number)"},
+      {"extents.npy", 1, not_readable + "its shape has more than 32 extents)"},
+      {"deep.npy", 1, not_readable + "an extent of its shape is no number)"},
+      {"int.npy", 1, not_readable + "( is missing at byte 50 of its dictionary)"},
+      {"open.npy", 1, not_readable + ") is missing at byte 53 of its dictionary)"},
+      {"integer.npy", 1, ": values are of type <i4, which is none of f16 (f2), f32 (f4) and f64 (f8)"},
+      {"no.npy", 1, ": an array of rank 0, not a matrix"},
+      {"cube.npy", 1, ": an array of rank 3, not a matrix"},
+      {"0.npy", 1, ": the matrix is empty (0 x 3)"},
+      {"short.npy", 1, ": holds 5 values, fewer than its shape 2 x 3 has"},
+      {"overflow.npy", 1, ": holds 4 values, fewer than its shape 4294967296 x 4294967296 has"},
+      {"mm x.npy w4.npy -o y.npy", 1, "x.npy has 3 columns and w4.npy has 4 rows; the numbers must be equal"},
+      {"mm x.npy --qkv w.npy w.npy w1.npy -o q.npy k.npy v.npy", 1,
+       "w.npy has 2 columns and w1.npy has 1; the numbers must be equal"},
+      {"mm wide_x.npy .." + wide_w + " -o y.npy", 1,
+       "weights of 131072 x 131072 are too large: with 16 bits a value they take more than the 4294967295 bytes that "
+       "the DSP addresses"},
+      {"mm x.npy w.npy -o nowhere/y.npy", 1, "nowhere/y.npy: cannot be written: No such file or directory"},
+      {"mm x.npy w.npy -o x.npy/y.npy", 1, "x.npy/y.npy: cannot be written: Not a directory"},
+      {"mm x.npy w.npy -o folder", 1, "folder: cannot be written: it is a directory"},
+      {"mm x.npy w.npy -o loop", 1, "loop: cannot be written: Too many levels of symbolic links"},
+      {"mm x.npy w.npy -o ''", 1, ": cannot be written: No such file or directory"},
+      {"make 5 7 -o /dev/full", 1, "/dev/full: cannot be written: No space left on device"},
+      {"mm x.npy --pair w.npy w.npy -o y.npy ./y.npy", 1, "./y.npy: every result needs a file of its own"},
+      {"mm x.npy --pair w.npy w.npy -o x.npy folder/../x.npy", 1,
+       "folder/../x.npy: every result needs a file of its own"},
+      {"verify --kernel nonsense", 1, "no kernel has nonsense in its name; the --help lists them"},
+      {"bench --kernel npu_test", 1, "npu_test names no product to be timed"},
+      {"bench --shape 64x64x33", 1, "--shape: columns and inner dimension are multiples of 32, and no number is 0"},
+      {"bench --json nowhere/b", 1, "nowhere/b: cannot be written: No such file or directory"},
+      {"info >/dev/full", 1, "standard output cannot be written: No space left on device"},
+      {"--help >/dev/full", 1, "standard output cannot be written: No space left on device"}};
+  for (const auto& [given, status, line] : cases) {
+    const bool is_file = line[0] == ':' && line.find("cannot") == line.npos;
+    SCOPED_TRACE(given);
+    const Outcome outcome = run(is_file ? "mm " + given + " w.npy -o y.npy" : given, "export PARLO_TRACE=1; ");
+    EXPECT_EQ(outcome.status, status);
+    if (given.starts_with("info"))
+      EXPECT_TRUE(outcome.err.ends_with("morun: " + line + "\n")) << outcome.err;  // behind its calls
+    else
+      EXPECT_EQ(outcome.err, "morun: " + (is_file ? given : "") + line + "\n");
+    EXPECT_TRUE(files() == before);
   }
+  for (const char* const command : {"info", "hello", "--help", "--version", "make 5 7 -o y.npy", "bench",
+                                    "mm x.npy w.npy -o y.npy", "mm x.npy w.npy -o -"}) {
+    const Outcome outcome = run(text(command, " >&-"));
+    EXPECT_EQ(outcome.status, 1) << command;
+    EXPECT_EQ(outcome.err, "morun: standard output cannot be written: Bad file descriptor\n");
+    EXPECT_TRUE(files() == before);
+  }
+}
+
+TEST_F(ToolTest, OutputAppearsWholeOrNotAtAll) {
+  const auto mode = [&](const char* name) {
+    return static_cast<unsigned>(fs::status(fs::path(work()) / name).permissions());
+  };
+  report("make 64 64 -o old.npy");
+  const std::string old = file("old.npy");
+
+  // A replaced file keeps its permissions and a link stays one; a new file has the usual ones.
+  fs::permissions(fs::path(work()) / "old.npy", fs::perms(0640));
+  fs::create_symlink("old.npy", fs::path(work()) / "link");
+  fs::create_symlink("new.npy", fs::path(work()) / "dangling");
+  EXPECT_EQ(run("make 5 7 -o link").status, 0);
+  EXPECT_EQ(run("make 5 7 -o dangling", "umask 027; ").status, 0);
+  EXPECT_EQ(std::tuple(mode("old.npy"), mode("new.npy")), std::tuple(0640u, 0640u));
+  EXPECT_TRUE(fs::is_symlink(fs::path(work()) / "link") && fs::is_symlink(fs::path(work()) / "dangling"));
+  EXPECT_NE(file("old.npy"), old);
+  EXPECT_EQ(file("old.npy"), file("new.npy"));
+
+  // Standard output and pipes take the bytes as they come; the report goes elsewhere.
+  EXPECT_EQ(run("make 5 7 -o -").out, file("new.npy"));
+  EXPECT_EQ(run("make 5 7 -o fifo & cat fifo >../out; wait", "mkfifo fifo; ").out, file("new.npy"));
+  write("i.npy", matrix_npy({1}, 1));
+  write("x.npy", matrix_npy({5}, 1));
+  Outcome outcome = run("mm x.npy i.npy -o - --check");
+  EXPECT_EQ(outcome.out.size(), 132u);
+  EXPECT_EQ(values_of<float>(outcome.out), std::vector<float>{5});
+  EXPECT_TRUE(outcome.err.starts_with("shape  1 x 1 = (1 x 1) * (1 x 1), 1 band\n")) << outcome.err;
+  EXPECT_EQ(run("mm x.npy i.npy -o - 2>&- <&-").out.size(), 132u);
+  outcome = run("bench --kernel tavik_npu_mm_f32_rm_f32_rm_f16_wh --shape 1x32x32 --json -");
+  EXPECT_EQ(nlohmann::json::parse(outcome.out).at("benchmarks").size(), 3u);
+
+  // A full disk and a signal leave what was there before.
+  const auto before = files();
+  EXPECT_EQ(run("make 512 512 -o old.npy", "trap '' XFSZ; ulimit -f 1; ").err,
+            "morun: old.npy: cannot be written: File too large\n");
+  EXPECT_TRUE(files() == before);
+  const std::tuple<const char*, std::vector<int>> endings[] = {
+      {"", {SIGINT}}, {"", {SIGTERM}}, {"", {SIGHUP}}, {"trap '' HUP; ", {SIGHUP, SIGTERM}}};
+  for (const auto& [trap, signals] : endings) {
+    const pid_t process = fork();
+    if (process == 0) {
+      std::signal(SIGINT, SIG_DFL);
+      execl("/bin/sh", "sh", "-c",
+            text("cd '", work(), "' && ", trap, "exec ", tool, "mm x.npy i.npy -o old.npy --repeat 100000000 >&2")
+                .c_str(),
+            nullptr);
+    }
+    for (int i = 0; i < 6000 && files().size() == before.size(); ++i) usleep(10000);
+    EXPECT_EQ(files().size(), before.size() + 1);
+    for (const int signal : signals) kill(process, signal);
+    int status = 0;
+    waitpid(process, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signals.back()) << status;
+    EXPECT_TRUE(files() == before);
+  }
+}
+
+TEST_F(ToolTest, ProductsHoldEachMatrixOnceAndShowHowFarTheyAre) {
+  const auto peak_kib = [&](const std::string& arguments) {
+    rusage usage = {};
+    int status = 0;
+    const pid_t process = fork();
+    if (process == 0)
+      execl("/bin/sh", "sh", "-c", text("cd '", work(), "' && exec ", tool, arguments, " >/dev/null").c_str(), nullptr);
+    EXPECT_EQ(wait4(process, &status, 0, &usage), process);
+    EXPECT_EQ(status, 0);
+    return usage.ru_maxrss;
+  };
+  const std::string make[] = {"make 1 2047 -o x.npy", "make 2047 4033 -o w.npy", "make 131072 31 -o tall_x.npy",
+                              "make 31 31 -o small_w.npy", "make 1 31 -o small_x.npy"};
+  for (const std::string& arguments : make) report(arguments);
+  const long little = peak_kib("mm small_x.npy small_w.npy -o y.npy");
+  // Kibibytes as f32, and what may come on top of it for the conversion of some columns or rows at a time.
+  constexpr long n_kib = 32 * 1024, conversion = 16 * 1024;
+  for (const std::string kind : {"f16", "a8w8", "a8w4"})
+    EXPECT_LT(peak_kib("mm x.npy w.npy -o y.npy --weights " + kind), little + n_kib) << kind;
+  EXPECT_LT(peak_kib("mm x.npy w.npy -o y.npy --check"), little + n_kib / 2 + 2 * conversion);
+  EXPECT_LT(peak_kib("mm tall_x.npy small_w.npy -o y.npy"), little + n_kib + conversion);
+
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+  ASSERT_TRUE(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+  EXPECT_EQ(run(text("mm x.npy w.npy -o y.npy --check 2>", ptsname(terminal))).status, 0);
+  std::string shown(4096, '\0');
+  shown.resize(static_cast<size_t>(std::max(read(terminal, shown.data(), shown.size()), ssize_t{0})));
+  close(terminal);
+  for (const char* const what : {" of 1 rows of the activation read", " weights read", "\r\x1b[K0 of 1 rows multiplied",
+                                 " of 8 pieces compared"})
+    EXPECT_NE(shown.find(what), std::string::npos) << what;
+  EXPECT_TRUE(shown.ends_with("\r\x1b[K")) << shown;
 }
 
 TEST_F(ToolTest, VerifyHoldsEveryKernelToItsDefinition) {

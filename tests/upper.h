@@ -44,7 +44,7 @@ inline std::string outcome(const std::function<int32_t()>& call) {
 inline std::string ending(const std::function<void()>& call) {
   return "exit " + outcome([&] {
            const pid_t child = fork();
-           if (child == 0) call(), _exit(99);
+           if (child == 0) parlo_emulator_take_over(), call(), _exit(99);
            int status = 0;
            waitpid(child, &status, 0);
            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -1,4 +1,6 @@
 // Products of the upper interface, by its calls and by the paths of tensors: checks in their order, exact results.
+#include <fcntl.h>
+#include <malloc.h>
 #include <sys/mman.h>
 
 #include <list>
@@ -150,15 +152,57 @@ TEST_F(UpperProducts, OfFourBitWeightsTakeAnyColumnsAndNoMoreThanFits) {
   };
   EXPECT_OUTCOME(multiply(128, 40, 32, t.left.data), "0");
   EXPECT_EQ(test::last_invocation(), (std::vector<uint64_t>{159, 64, 32, test::last_invocation()[3], 0}));
-  EXPECT_OUTCOME(multiply(64, 32, 48, t.left.data), "14 cpu_rm_to_wh_i8: n_inner must be multiple of 32, got 48");
+  // A result with gaps takes the same columns, and keeps the others as a packed one does.
+  const Tensor right = morun_tensor_matrix(32, 40, i4, wh, t.right.data);
+  std::vector<int32_t> strided(128 * 45, -7), expected_strided = strided;
+  Tensor result = morun_tensor_matrix(128, 40, i32, rm, strided.data());
+  make_view(result, 45, 1, strided.size());
+  for (int r = 0; r < 128; ++r) std::copy_n(&expected[r * 40], 40, &expected_strided[r * 45]);
+  mallopt(M_PERTURB, 1);  // new memory is not zero
+  EXPECT_OUTCOME(morun_mm_tensor(MORUN_PLATFORM_NPU0, &result, &t.left, &right), "0");
+  mallopt(M_PERTURB, 0);
+  EXPECT_EQ(strided, expected_strided);
+
+  const std::string rows = "14 cpu_rm_to_wh_i8: n_row must be multiple of 64, got ",
+                    inner = "14 cpu_rm_to_wh_i8: n_inner must be multiple of 32, got ";
+  parlo_emulator_trace_clear();
+  for (const int32_t bad : {-1, -31, 32, 100001, INT32_MAX})
+    for (const int32_t n_inner : {32, 16384, -32})
+      EXPECT_OUTCOME(multiply(bad, 32, n_inner, t.left.data), rows + std::to_string(bad));
+  for (const int32_t bad : {-1, 48, 20000001, INT32_MAX, INT32_MIN + 1})
+    for (const int32_t n_row : {64, 0, -64})
+      EXPECT_OUTCOME(multiply(n_row, 32, bad, t.left.data), inner + std::to_string(bad));
+  EXPECT_EQ(parlo_emulator_trace_length(), 0u);
   EXPECT_EQ(A, expected);
   const size_t size = 64 << 24;  // more than the context's X has
   void* const large = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  for (const auto& [n_row, n_inner] : {std::array{64, 1 << 24}, {-64, 32}, {-64, -32}}) {
-    const std::string refused = ending([&, r = n_row, k = n_inner] { multiply(r, 32, k, large); });
+  for (const auto& [n_row, n_col, n_inner] :
+       {std::array{64, 32, 1 << 24}, {-64, 32, 32}, {-64, 32, -32}, {64, -1, 32}, {64, -31, 32}, {64, -32, 32}}) {
+    const std::string refused = ending([&, r = n_row, c = n_col, k = n_inner] { multiply(r, c, k, large); });
     EXPECT_TRUE(refused.starts_with("exit 1 [Tavik] error 2 (mm_size_check, ")) << refused;
   }
   munmap(large, size);
+}
+
+// A file takes the descriptor that a product's own buffer had, and the buffer of the next product comes to its address.
+TEST_F(UpperProducts, GoOnWhereFilesAreOpenedBetweenThem) {
+  const auto* const W = static_cast<uint16_t*>(share(2 * 32 * 32));
+  auto* const A = static_cast<uint16_t*>(share(2 * 32 * 32));
+  test::configure([](auto& config) { config.lowest_descriptor = 0; });
+  const std::vector<uint16_t> halves(32 * 32);
+  const std::vector<uint8_t> ones(64 * 32, 1);
+  std::vector<int32_t> sums(64 * 32);
+  std::vector<int> files;
+  for (int round = 0; round < 4; ++round) {
+    for (int file = 0; file < 2; ++file) files.push_back(open("/dev/null", O_RDONLY));
+    sums.assign(sums.size(), 0);
+    EXPECT_OUTCOME(
+        morun_npu_mm_u8i8_i32(3, 64, 32, 32, sums.data(), ones.data(), reinterpret_cast<const int8_t*>(ones.data())),
+        "0");
+    EXPECT_EQ(sums, std::vector<int32_t>(64 * 32, 32));
+    EXPECT_OUTCOME(morun_npu_mm_f16f16_f16(3, 32, 32, 32, A, halves.data(), W), "0");
+  }
+  for (const int file : files) close(file);
 }
 
 // ---- What is refused

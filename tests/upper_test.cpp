@@ -1,5 +1,21 @@
 // Runtime, registry and version of the upper interface: statuses and lines, and the order of the checks.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+
 #include "tests/upper.h"
+
+namespace {
+
+bool ranges_cannot_be_kept = false;
+
+}  // namespace
+
+// Stands before the C library's for this program and the libraries it loads.
+extern "C" void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+  if (ranges_cannot_be_kept && protection == PROT_NONE) return MAP_FAILED;
+  return reinterpret_cast<void*>(syscall(SYS_mmap, address, size, protection, flags, fd, offset));
+}
 
 namespace {
 
@@ -63,6 +79,45 @@ TEST_F(Upper, RegistryKnowsBuffersByTheirStartAndForgetsNone) {
   EXPECT_OUTCOME(morun_npu_free(large), "1 npu_alloc.npu_free: Err = 1");
   reinitialise([](auto&) {});
   EXPECT_EQ(morun_parlo_find_fd(large), fd);
+}
+
+TEST_F(Upper, RegistryNeverGivesOutTheAddressOfAnOlderEntry) {
+  constexpr uint64_t size = 10000;
+  const auto is_empty = [](void* address) {
+    constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE;
+    void* const mapped = mmap(address, size, PROT_READ, flags, -1, 0);
+    return mapped != MAP_FAILED && munmap(mapped, size) == 0 && mapped == address;
+  };
+  void *first = share(size), *second = nullptr;
+  const int32_t fd = morun_parlo_find_fd(first);
+  release_shared();
+  EXPECT_EQ(share(size), first);  // by the same descriptor, so that the entry is written anew
+  release_shared();
+  const int file = fcntl(0, F_DUPFD, fd);
+  ASSERT_EQ(file, fd);
+
+  ranges_cannot_be_kept = true;
+  EXPECT_OUTCOME(morun_npu_alloc(size, &second),
+                 "1 npu_alloc: Every address that the platform gives belonged to a freed buffer");
+  EXPECT_EQ(second, nullptr);
+  ranges_cannot_be_kept = false;
+  EXPECT_EQ(context->n_buffers, 0u);
+
+  parlo_emulator_fail(PARLO_EMULATOR_MUNMAP, -1, 1, 0x77, EIO);  // the buffer at the old address cannot be given back
+  EXPECT_OUTCOME(morun_npu_alloc(size, &second), "1 npu_alloc: Err = 1");
+  EXPECT_EQ(second, nullptr);
+  EXPECT_EQ(tavik_buffer_free(context, context->buffer_fd[0]), 0);
+
+  second = share(size);
+  EXPECT_NE(second, first);
+  EXPECT_EQ(morun_parlo_find_fd(first), fd);
+  EXPECT_EQ(morun_parlo_find_fd(second), context->buffer_fd[0]);
+  EXPECT_FALSE(is_empty(first));
+  release_shared();
+  close(file);
+  share(size);
+  EXPECT_EQ(context->buffer_fd[0], fd);
+  EXPECT_TRUE(is_empty(first));  // its entry is another buffer's
 }
 
 TEST_F(Upper, VersionOfTheModuleIsComparedAndItsArchitectureToo) {

@@ -133,7 +133,8 @@ int get_domains_info(const char* domain_type, int* n_domains, parlo_domain** dom
     fputs("Unable to allocate memory for req.sys.domains", stdout);  // kept: no line end
     return no_memory;
   }
-  request = {PARLO_SYSTEM_DOMAINS, type, capacity, 0, records};
+  // A platform may tell the count in its first answer alone.
+  request = {PARLO_SYSTEM_DOMAINS, type, capacity, capacity, records};
   status = request_domains(&request);
   if (status != success) {
     free(records);
@@ -173,7 +174,7 @@ int get_dsp_support(int* domain) {
 int get_vtcm_info(int domain, uint32_t* capability, uint32_t attribute) {
   if (capability == nullptr) return bad_attribute;
   *capability = 0;
-  if (attribute != DSP_VTCM_PAGE && attribute != DSP_VTCM_COUNT) {
+  if (attribute != VTCM_PAGE && attribute != VTCM_COUNT) {
     puts("Unsupported attr. Only VTCM_PAGE and VTCM_COUNT supported");
     return bad_attribute;
   }
@@ -224,7 +225,7 @@ bool is_status_notification_supported(int domain) {
 int get_tessel_support_info(int domain, uint32_t* capability, uint32_t attribute) {
   if (capability == nullptr) return bad_attribute;
   *capability = 0;
-  if (attribute != DSP_TESSEL_SUPPORT_SPATIAL && attribute != DSP_TESSEL_SUPPORT_DEPTH) {
+  if (attribute != TESSEL_SUPPORT_SPATIAL && attribute != TESSEL_SUPPORT_DEPTH) {
     puts("Unsupported attr. Only TESSEL_SUPPORT_SPATIAL and TESSEL_SUPPORT_DEPTH supported");
     return bad_attribute;
   }
@@ -246,11 +247,11 @@ int get_veyra_arch_ver(int domain, uint32_t* capability) {
 int get_ondra_support_info(int domain, uint32_t* capability, uint32_t attribute) {
   if (capability == nullptr) return bad_attribute;
   *capability = 0;
-  if (attribute == DSP_ONDRA_SUPPORT_64B) {
+  if (attribute == ONDRA_SUPPORT_64B) {
     puts("Latest targets have 128 byte ONDRA register, use ONDRA_SUPPORT_128B instead of ONDRA_SUPPORT_64B");
     return bad_attribute;
   }
-  if (attribute != DSP_ONDRA_SUPPORT_128B) {
+  if (attribute != ONDRA_SUPPORT_128B) {
     puts("Unsupported attr. Only ONDRA_SUPPORT_128B supported");
     return bad_attribute;
   }

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "include/morun_tensor.h"
+#include "source/host/kernels/size_check.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
 namespace {
@@ -37,12 +38,14 @@ T* start(const morun_tensor& tensor) {
   return static_cast<T*>(tensor.data) + tensor.data_offset;
 }
 
-// Packed rows to the result, whatever its row stride.
+// Packed rows to the result, whatever its row stride. Products fill whole tiles of columns: what stands past those in
+// the packed rows is nobody's, and the result keeps what it held.
 template <class T>
 void copy_rows_to_result(const Product& product, const T* packed) {
   T* const to = start<T>(product.result);
+  const uint64_t n_col_filled = product.n_col - product.n_col % tavik::tile_cols;
   for (uint64_t i = 0; i < product.n_row; ++i)
-    memcpy(to + i * product.result.strides[0], packed + i * product.n_col, product.n_col * sizeof(T));
+    memcpy(to + i * product.result.strides[0], packed + i * product.n_col, n_col_filled * sizeof(T));
 }
 
 // Packed rows of 4-byte elements that a product writes: those of the result, or a block that is copied there.

@@ -1,3 +1,5 @@
+#include <sys/mman.h>
+
 #include "source/host/context.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
@@ -9,6 +11,32 @@ uint64_t address_of(const void* pointer) {
   return reinterpret_cast<uintptr_t>(pointer);
 }
 
+// Address ranges in which nothing is, one for an entry of the registry at most: that of a freed buffer whose address
+// the entry still has, kept from everybody who asks the system for memory.
+struct Range {
+  void* address;
+  uint64_t size;
+};
+Range kept_ranges[TAVIK_MAX_DESCRIPTOR + 1] = {};
+
+// Whoever has taken the range since the buffer was freed has it: no buffer comes there then either.
+void keep_range(int32_t entry, void* address, uint64_t size) {
+  constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE;
+  void* const kept = mmap(address, size, PROT_NONE, flags, -1, 0);
+  if (kept == address) kept_ranges[entry] = {address, size};
+  if (kept != address && kept != MAP_FAILED) munmap(kept, size);  // a system that takes the address for a wish
+}
+
+void let_range_go(int32_t entry) {
+  if (kept_ranges[entry].size != 0) munmap(kept_ranges[entry].address, kept_ranges[entry].size);
+  kept_ranges[entry] = {};
+}
+
+// Whether the address that `entry` has would be looked up in vain for a newer buffer at `fd`.
+bool hides(int32_t entry, int32_t fd) {
+  return entry != -1 && entry < fd;
+}
+
 }  // namespace
 
 morun_map_entry morun_map_db[TAVIK_MAX_DESCRIPTOR + 1] = {};
@@ -16,10 +44,23 @@ morun_map_entry morun_map_db[TAVIK_MAX_DESCRIPTOR + 1] = {};
 int32_t morun_npu_alloc(uint64_t size, void** out_ptr) {
   if (out_ptr == nullptr) return MORUN_FAIL(MORUN_ERROR_NULL_POINTER, "NULL ptr provided\n");
   MORUN_TRY(morun::check_initialized(MORUN_HERE));
-  int32_t fd = -1;
-  MORUN_TRY_LOWER(tavik_buffer_alloc(context, size, out_ptr, &fd));
-  if (tavik::is_in_descriptor_table(fd)) morun_map_db[fd] = {address_of(*out_ptr), static_cast<uint32_t>(size)};
-  return MORUN_SUCCESS;
+  // A buffer at the address of an older entry goes back, its range is kept, and the next one is elsewhere: as often as
+  // there are entries.
+  for (int32_t attempt = 0; attempt <= TAVIK_MAX_DESCRIPTOR; ++attempt) {
+    int32_t fd = -1;
+    MORUN_TRY_LOWER(tavik_buffer_alloc(context, size, out_ptr, &fd));
+    void* const address = *out_ptr;
+    const int32_t older = morun_parlo_find_fd(address);
+    if (!hides(older, fd)) {
+      morun_map_db[fd] = {address_of(address), static_cast<uint32_t>(size)};
+      let_range_go(fd);
+      return MORUN_SUCCESS;
+    }
+    *out_ptr = nullptr;
+    MORUN_TRY_LOWER(tavik_buffer_free(context, fd));
+    keep_range(older, address, size);
+  }
+  return MORUN_FAIL(MORUN_ERROR_FAILURE, "Every address that the platform gives belonged to a freed buffer\n");
 }
 
 int32_t morun_parlo_find_fd(const void* ptr) {
@@ -33,6 +74,6 @@ int32_t morun_npu_free(void* ptr) {
   uint32_t fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE, "addr", ptr, &fd));
   MORUN_TRY_LOWER(tavik_buffer_free(context, static_cast<int32_t>(fd)));
-  // Kept: the entry stays, and finds the descriptor of whoever comes to the same address later at a higher one.
+  // Kept: the entry stays.
   return MORUN_SUCCESS;
 }

@@ -16,13 +16,17 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
 
   const auto height = static_cast<uint64_t>(n_row), width = static_cast<uint64_t>(n_col),
              depth = static_cast<uint64_t>(n_inner);
-  if (morun::activation_fits({n_row, n_col, n_inner})) {
+  // Staging has its say on dimensions of no whole tiles, of which it writes nothing, whether or not they fit.
+  const bool is_in_whole_tiles = tavik::round_up_to_64(n_row) == static_cast<uint32_t>(n_row) &&
+                                 tavik::round_up_to_32(n_inner) == static_cast<uint32_t>(n_inner);
+  if (!is_in_whole_tiles || morun::activation_fits({n_row, n_col, n_inner})) {
     const uint32_t status = morun_cpu_rm_to_wh_i8(depth, height, X, static_cast<uint8_t*>(context->X));
     if (status != MORUN_SUCCESS) return static_cast<int32_t>(status);
   }
   // Kept: of the rows only the bit of value 32 is cleared.
   const auto n_row_32 = static_cast<int32_t>((static_cast<uint32_t>(n_row) + 31u) & ~32u);
-  const auto n_col_32 = static_cast<int32_t>(tavik::round_up_to_32(n_col));
+  // A negative number of columns is passed on as it is and refused: rounded up, -31 to -1 would be none.
+  const auto n_col_32 = n_col < 0 ? n_col : static_cast<int32_t>(tavik::round_up_to_32(n_col));
   const auto n_inner_32 = static_cast<int32_t>(tavik::round_up_to_32(n_inner));
   const uint32_t A_fd = ~0u, X_fd = ~0u;
   MORUN_DEMAND(tavik_veyra_1mm_ui8i4_i32_tessel(context, n_row_32, n_col_32, n_inner_32, A_fd, X_fd, W_fd, 0, 0, 0));

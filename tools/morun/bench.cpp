@@ -14,10 +14,11 @@
 
 #include "tools/morun/commands.h"
 #include "tools/morun/error.h"
+#include "tools/morun/files/output_file.h"
 #include "tools/morun/operands.h"
-#include "tools/morun/output_file.h"
 #include "tools/morun/progress.h"
 #include "tools/morun/session_regions.h"
+#include "tools/morun/standard_streams.h"
 
 namespace tool {
 namespace {
@@ -254,14 +255,16 @@ ProductShape checked_shape(const BenchArguments& arguments) {
 void bench(const BenchArguments& arguments) {
   const std::vector<const Kernel*> chosen = products_named(arguments.kernel);
   const ProductShape shape = checked_shape(arguments);
-  const std::optional<OutputFile> json =
-      arguments.json.empty() ? std::nullopt : std::optional<OutputFile>(arguments.json);
+  std::optional<OutputFile> json;
+  std::optional<StandardOutputAside> report_aside;
+  if (!arguments.json.empty()) json.emplace(arguments.json);
+  if (arguments.json == "-") report_aside.emplace();
   const Context context = open_context(options_for(shape));
   SessionRegions regions(context.get(), region_bytes(shape), 1);
 
   fmt::print(row_format, "kernel", "call ms", "speed", "", "convert ms", "", "remote ms", "");
   std::vector<Measurement> measurements;
-  const Progress progress(true);
+  Progress progress;
   for (const Kernel* const kernel : chosen) {
     progress.show(measurements.size(), chosen.size(), "kernels");
     ProductShape own_shape = shape;
@@ -272,7 +275,10 @@ void bench(const BenchArguments& arguments) {
     progress.clear();
     print_row(measurements.back(), arguments);
   }
-  if (json) json->write([&](std::ostream& stream) { stream << document(measurements, arguments).dump(2) << "\n"; });
+  if (!json) return;
+  const std::string text = document(measurements, arguments).dump(2) + "\n";
+  json->write(text.data(), text.size());
+  json->commit();
 }
 
 }  // namespace tool

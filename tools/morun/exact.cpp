@@ -19,9 +19,15 @@ constexpr size_t piece_inner = 128;
 struct Piece {
   size_t first_row;
   size_t n_row;
-  size_t first_col;
+  size_t first_col;  // of the block
   size_t n_col;
   double sums[piece_rows][piece_columns];
+};
+
+// Columns of w.
+struct ColumnBlock {
+  size_t first_col;
+  Matrix w;
 };
 
 void add_products(Piece& piece, const Matrix& x, const Matrix& w, size_t first_inner, size_t end_inner) {
@@ -55,15 +61,49 @@ void add_element(Deviation& deviation, double exact, double result) {
   deviation.squared_exact += exact * exact;
 }
 
-void add_piece(Deviation& deviation, const Piece& piece, const Matrix& y) {
+void add_piece(Deviation& deviation, const Piece& piece, const Matrix& y, size_t first_col) {
   for (size_t r = 0; r < piece.n_row; ++r) {
-    const float* const y_row = y.row(piece.first_row + r) + piece.first_col;
+    const float* const y_row = y.row(piece.first_row + r) + first_col + piece.first_col;
     for (size_t c = 0; c < piece.n_col; ++c) add_element(deviation, piece.sums[r][c], double{y_row[c]});
   }
 }
 
 size_t pieces(size_t extent, size_t piece_extent) {
   return (extent + piece_extent - 1) / piece_extent;
+}
+
+Deviation deviation_of(const ColumnBlock& block, const Matrix& x, const Matrix& y,
+                       const std::function<void(size_t n_done)>& on_piece) {
+  const size_t n_across = pieces(block.w.n_col, piece_columns);
+  const size_t n_piece = n_across * pieces(y.n_row, piece_rows);
+  std::atomic<size_t> next_piece = 0;
+  const auto work = [&](Deviation& result, const auto& on_each) {
+    Deviation deviation;
+    for (size_t index = next_piece++; index < n_piece; index = next_piece++) {
+      on_each(index);
+      Piece piece;
+      piece.first_row = index / n_across * piece_rows;
+      piece.n_row = std::min(piece_rows, y.n_row - piece.first_row);
+      piece.first_col = index % n_across * piece_columns;
+      piece.n_col = std::min(piece_columns, block.w.n_col - piece.first_col);
+      compute(piece, x, block.w);
+      add_piece(deviation, piece, y, block.first_col);
+    }
+    result = deviation;
+  };
+
+  const size_t n_core = std::max(1u, std::thread::hardware_concurrency());
+  std::vector<Deviation> deviations(std::min(n_core, n_piece));
+  {
+    std::vector<std::jthread> threads;
+    for (size_t i = 1; i < deviations.size(); ++i) {
+      threads.emplace_back([&, i] { work(deviations[i], [](size_t) {}); });
+    }
+    work(deviations[0], on_piece);
+  }
+  Deviation total;
+  for (const Deviation& deviation : deviations) total.add(deviation);
+  return total;
 }
 
 }  // namespace
@@ -76,38 +116,26 @@ double Deviation::relative_frobenius() const {
   return squared_error == 0 ? 0 : std::sqrt(squared_error / squared_exact);
 }
 
-Deviation deviation_from_exact(const Matrix& x, const Matrix& w, const Matrix& y) {
-  const size_t n_across = pieces(y.n_col, piece_columns);
-  const size_t n_piece = n_across * pieces(y.n_row, piece_rows);
-  std::atomic<size_t> next_piece = 0;
-  const auto work = [&](Deviation& result) {
-    Deviation deviation;
-    for (size_t index = next_piece++; index < n_piece; index = next_piece++) {
-      Piece piece;
-      piece.first_row = index / n_across * piece_rows;
-      piece.n_row = std::min(piece_rows, y.n_row - piece.first_row);
-      piece.first_col = index % n_across * piece_columns;
-      piece.n_col = std::min(piece_columns, y.n_col - piece.first_col);
-      compute(piece, x, w);
-      add_piece(deviation, piece, y);
-    }
-    result = deviation;
-  };
+void Deviation::add(const Deviation& other) {
+  largest_error = std::max(largest_error, other.largest_error);
+  largest_exact = std::max(largest_exact, other.largest_exact);
+  squared_error += other.squared_error;
+  squared_exact += other.squared_exact;
+  n_left_out += other.n_left_out;
+}
 
-  const size_t n_core = std::max(1u, std::thread::hardware_concurrency());
-  std::vector<Deviation> deviations(std::min(n_core, n_piece));
-  {
-    std::vector<std::jthread> threads;
-    for (Deviation& deviation : deviations) threads.emplace_back(work, std::ref(deviation));
-  }
-
+Deviation deviation_from_exact(const Matrix& x, const NpyFile& w, const Matrix& y,
+                               const std::function<void(size_t n_done, size_t n)>& on_piece) {
+  constexpr size_t n_value_at_a_time = 1 << 22;
+  const size_t n_col_at_a_time = std::max(n_value_at_a_time / w.n_row() / piece_columns, size_t{1}) * piece_columns;
+  const size_t n_down = pieces(y.n_row, piece_rows);
+  const size_t n_piece = pieces(y.n_col, piece_columns) * n_down;
   Deviation total;
-  for (const Deviation& deviation : deviations) {
-    total.largest_error = std::max(total.largest_error, deviation.largest_error);
-    total.largest_exact = std::max(total.largest_exact, deviation.largest_exact);
-    total.squared_error += deviation.squared_error;
-    total.squared_exact += deviation.squared_exact;
-    total.n_left_out += deviation.n_left_out;
+  for (size_t first = 0; first < y.n_col; first += n_col_at_a_time) {
+    ColumnBlock block = {first, Matrix(w.n_row(), std::min(n_col_at_a_time, y.n_col - first))};
+    w.read({0, w.n_row(), first, block.w.n_col}, block.w.row(0), block.w.row_stride);
+    const size_t n_done_before = first / piece_columns * n_down;
+    total.add(deviation_of(block, x, y, [&](size_t n_done) { on_piece(n_done_before + n_done, n_piece); }));
   }
   return total;
 }

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
-#include "tools/morun/matrix.h"
+#include "tools/morun/files/matrix.h"
+#include "tools/morun/files/npy.h"
 
 namespace tool {
 
@@ -18,9 +20,13 @@ struct Deviation {
 
   double relative() const;            // largest_error / largest_exact
   double relative_frobenius() const;  // of the difference's and the exact product's norms
+
+  void add(const Deviation& other);
 };
 
-// Compares y with x * w. Uses all cores.
-Deviation deviation_from_exact(const Matrix& x, const Matrix& w, const Matrix& y);
+// Compares y with x * w. Reads w in blocks of columns and uses all cores. `on_piece` is told now and then, by the calling
+// thread, how many of the pieces of y are done.
+Deviation deviation_from_exact(const Matrix& x, const NpyFile& w, const Matrix& y,
+                               const std::function<void(size_t n_done, size_t n)>& on_piece);
 
 }  // namespace tool

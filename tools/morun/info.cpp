@@ -1,7 +1,6 @@
 #include <dlfcn.h>
 #include <dsp_capability.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +12,7 @@
 #include "tools/morun/commands.h"
 #include "tools/morun/error.h"
 #include "tools/morun/library.h"
+#include "tools/morun/standard_streams.h"
 #include "tools/morun/upper.h"
 
 namespace tool {
@@ -21,27 +21,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr char domain_name[] = "cdsp";
-
-// The capability utilities explain their failures on standard output, which is the report's: sends it to standard error
-// meanwhile.
-class StandardOutputAside {
- public:
-  StandardOutputAside() {
-    std::fflush(stdout);
-    saved_ = dup(STDOUT_FILENO);
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-  }
-  ~StandardOutputAside() {
-    std::fflush(stdout);
-    dup2(saved_, STDOUT_FILENO);
-    close(saved_);
-  }
-  StandardOutputAside(const StandardOutputAside&) = delete;
-  StandardOutputAside& operator=(const StandardOutputAside&) = delete;
-
- private:
-  int saved_;
-};
 
 bool platform_has(const char* entry) {
   return dlsym(RTLD_DEFAULT, entry) != nullptr;
@@ -172,7 +151,7 @@ Json answer_of(Json (*ask)()) {
 }
 
 Json report() {
-  const StandardOutputAside aside;
+  const StandardOutputAside aside;  // the capability utilities explain their failures there
   return {{"library", library()},
           {"limits", limits()},
           {"platform", {{"library", platform_library()}}},

@@ -4,10 +4,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -15,10 +18,20 @@
 #include <vector>
 
 #include "tools/morun/commands.h"
-#include "tools/morun/error.h"
+#include "tools/morun/files/temporary_file.h"
 #include "tools/morun/kernels.h"
+#include "tools/morun/standard_streams.h"
+#include "tools/morun/suggestion.h"
 
 namespace {
+
+// Exit statuses besides EXIT_SUCCESS and EXIT_FAILURE.
+constexpr int exit_misuse = 2;
+
+constexpr char exit_statuses[] = R"(
+Exit status: 0 when all is well; 1 when a file, an operand, memory or the DSP makes a command fail, or verify finds a
+wrong result; 2 when the command line cannot be understood. A signal ends the program as signals do: shells report 128 +
+its number. Standard error tells the cause in one line; warnings go there too and leave the status alone.)";
 
 std::string failure_line(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
@@ -38,7 +51,7 @@ void read_shape(const std::string& text, tool::BenchArguments& arguments) {
   const int n_read =
       std::sscanf(text.c_str(), "%9ux%9ux%9u%n", &arguments.n_row, &arguments.n_col, &arguments.n_inner, &end);
   if (n_read != 3 || static_cast<size_t>(end) != text.size()) {
-    throw tool::Error("--shape: {} is not three numbers as in 64x1024x1024", text);
+    throw CLI::ValidationError("--shape", text + " is not three numbers as in 64x1024x1024");
   }
 }
 
@@ -90,8 +103,11 @@ void add_mm(CLI::App& app) {
   morun mm X.npy --pair U.npy F.npy -o YU.npy YF.npy
   morun mm X.npy --qkv Q.npy K.npy V.npy -o YQ.npy YK.npy YV.npy --weights a8w8 --check
 
--o comes behind the matrices. The matrices hold f32 or f16 values and are of any shape; results are written as f32.
---pair and --qkv run one fused kernel, which takes the activation to the NPU once.
+-o comes behind the matrices; "-" is standard output, and the report then goes to standard error. The matrices hold f16,
+f32 or f64 values, the last rounded to f32, and are of any shape; an array of rank 1 is one row. Results are written as
+f32. --pair and --qkv run one fused kernel, which takes the activation to the NPU once.
+
+A warning tells of operands that are NaN, infinite, or beyond the range of f16 where they are rounded to it.
 
 --weights f16: activation, weights and results are rounded to f16. a8w8 and a8w4: the weights are quantised to 8 or 4
 bits a value with a scale and a zero point for each column, the activation to 8 bits with a scale for each row, and the
@@ -106,10 +122,10 @@ value is finite deviates infinitely.)");
     using enum tool::WeightKind;
     arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
     arguments->w = weights->given();
-    if (arguments->w.empty()) throw tool::Error("one of W, --pair and --qkv is required");
+    if (arguments->w.empty()) throw CLI::ValidationError("mm", "one of W, --pair and --qkv is required");
     if (arguments->w.size() != arguments->y.size()) {
-      throw tool::Error("{} weights give as many results, and --output names {}", arguments->w.size(),
-                        arguments->y.size());
+      throw CLI::ValidationError("--output", fmt::format("{} weights give as many results, and {} are named",
+                                                         arguments->w.size(), arguments->y.size()));
     }
     tool::mm(*arguments);
   });
@@ -149,7 +165,8 @@ void add_bench(CLI::App& app) {
   command->add_option("--shape", *shape, "rows, columns of each result, inner dimension")
       ->type_name("RxCxI")
       ->capture_default_str();
-  command->add_option("--json", arguments->json, "also write the times as Google Benchmark does")->type_name("FILE");
+  command->add_option("--json", arguments->json, "also write the times as Google Benchmark does; - is standard output")
+      ->type_name("FILE");
   command->footer(
       R"(
 Times are the best of half a second. A call is the kernel as called; "convert" its conversions alone, on the same data;
@@ -167,19 +184,75 @@ void add_make(CLI::App& app) {
   auto arguments = std::make_shared<tool::MakeArguments>();
   command->add_option("ROWS", arguments->n_row)->required()->check(CLI::PositiveNumber);
   command->add_option("COLS", arguments->n_col)->required()->check(CLI::PositiveNumber);
-  command->add_option("-o,--output", arguments->output, ".npy file to write")->required();
+  command->add_option("-o,--output", arguments->output, ".npy file to write; - is standard output")->required();
   command->add_option("--seed", arguments->seed, "equal seeds give equal matrices")->capture_default_str();
   command->add_flag("--f16", arguments->f16, "f16 values instead of f32");
   command->callback([arguments] { tool::make(*arguments); });
 }
 
+// ---- The command line as a whole -----------------------------------------------------------------------------------
+
+std::vector<std::string> command_names(CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* const command : app.get_subcommands({})) names.push_back(command->get_name());
+  return names;
+}
+
+std::vector<std::string> option_names(const CLI::App& command) {
+  std::vector<std::string> names;
+  for (const CLI::Option* const option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  return names;
+}
+
+std::string unknown(const char* kind, const std::string& word, const std::vector<std::string>& known) {
+  const std::string meant = tool::nearest(word, known);
+  const std::string hint =
+      meant.empty() ? fmt::format("there are {}", fmt::join(known, ", ")) : fmt::format("did you mean {}?", meant);
+  return fmt::format("there is no {} {}; {}", kind, word, hint);
+}
+
+// A word that is none of ours explains more than what is missing for want of it.
+std::string explanation(CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<CLI::App*> chosen = app.get_subcommands();
+  const std::vector<std::string> rest = app.remaining(true);
+  if (chosen.empty()) {
+    const std::vector<std::string> names = command_names(app);
+    if (rest.empty()) return fmt::format("a command is required: {}", fmt::join(names, ", "));
+    return rest[0].starts_with('-') ? unknown("option", rest[0], option_names(app))
+                                    : unknown("command", rest[0], names);
+  }
+  const auto option = std::ranges::find_if(rest, [](const std::string& word) { return word.starts_with('-'); });
+  if (option == rest.end()) return error.what();
+  return chosen[0]->get_name() + ": " +
+         unknown("option", option->substr(0, option->find('=')), option_names(*chosen[0]));
+}
+
+void require_standard_output() {
+  if (tool::is_writable(STDOUT_FILENO)) return;
+  throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(EBADF)));
+}
+
+// What was printed may still wait to be written.
+void finish_standard_output() {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
+  throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(errno)));
+}
+
+void print_failure(std::string_view text) {
+  std::fputs(failure_line(std::string(text)).c_str(), stderr);
+}
+
 }  // namespace
 
 int main(int n_argument, char** arguments) {
+  tool::occupy_standard_streams();
+  tool::remove_temporary_files_on_interruption();
   CLI::App app{"Matrix products on the NPU, from the command line", "morun"};
   app.set_version_flag("--version", MORUN_VERSION);
   app.require_subcommand(1);
-  app.failure_message([](const CLI::App*, const CLI::Error& error) { return failure_line(error.what()); });
+  app.footer(exit_statuses);
   add_info(app);
   add_hello(app);
   add_mm(app);
@@ -188,15 +261,22 @@ int main(int n_argument, char** arguments) {
   add_make(app);
 
   try {
-    app.parse(n_argument, arguments);
-    if (std::fflush(stdout) != 0) throw std::runtime_error("standard output cannot be written");
+    require_standard_output();
+    try {
+      app.parse(n_argument, arguments);
+    } catch (const CLI::ParseError& error) {
+      if (error.get_exit_code() != EXIT_SUCCESS) return print_failure(explanation(app, error)), exit_misuse;
+      app.exit(error);  // prints the help or the version
+      std::cout.flush();
+    }
+    finish_standard_output();
     return EXIT_SUCCESS;
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error);
   } catch (const std::bad_alloc&) {
-    fmt::print(stderr, "{}", failure_line("not enough memory"));
+    print_failure("not enough memory");
+  } catch (const std::length_error&) {
+    print_failure("not enough memory");
   } catch (const std::exception& error) {
-    fmt::print(stderr, "{}", failure_line(error.what()));
+    print_failure(error.what());
   }
   return EXIT_FAILURE;
 }

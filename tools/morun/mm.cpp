@@ -2,15 +2,19 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
+#include <set>
 #include <string>
 
 #include "tools/morun/commands.h"
 #include "tools/morun/error.h"
 #include "tools/morun/exact.h"
-#include "tools/morun/npy.h"
-#include "tools/morun/output_file.h"
+#include "tools/morun/files/npy.h"
+#include "tools/morun/files/output_file.h"
+#include "tools/morun/operand_check.h"
 #include "tools/morun/product.h"
 #include "tools/morun/progress.h"
+#include "tools/morun/standard_streams.h"
 
 namespace tool {
 namespace {
@@ -55,11 +59,56 @@ ProductShape shape_of(const NpyFile& x, const std::vector<NpyFile>& w) {
   return shape;
 }
 
-void require_different_files(std::vector<std::filesystem::path> files) {
-  std::sort(files.begin(), files.end());
-  const auto twice = std::adjacent_find(files.begin(), files.end());
-  if (twice != files.end()) throw Error("{}: every result needs a file of its own", twice->native());
+void require_different_files(const std::vector<OutputFile>& files) {
+  std::set<std::filesystem::path> targets;
+  for (const OutputFile& file : files) {
+    if (!targets.insert(file.target()).second) {
+      throw Error("{}: every result needs a file of its own", file.name().native());
+    }
+  }
 }
+
+// Rows of padded length.
+Matrix read_activation(const NpyFile& file, const ProductPlan& plan, Progress& progress) {
+  Matrix x(file.n_row(), file.n_col(), plan.n_inner);
+  OperandCheck check(file, plan.kernel->weights == WeightKind::f16);
+  constexpr size_t n_value_at_a_time = 1 << 20;
+  const size_t n_row_at_a_time = std::max(n_value_at_a_time / plan.n_inner, size_t{1});
+  for (size_t first = 0; first < x.n_row; first += n_row_at_a_time) {
+    progress.show(first, x.n_row, "rows of the activation read");
+    const size_t n_row = std::min(n_row_at_a_time, x.n_row - first);
+    file.read({first, n_row, 0, x.n_col}, x.row(first), x.row_stride);
+    check.add(x.row(first), n_row * x.row_stride);
+  }
+  progress.clear();
+  fmt::print(stderr, "{}", check.warnings());
+  return x;
+}
+
+// Looks on while weights are read.
+class WeightReading {
+ public:
+  WeightReading(const std::vector<NpyFile>& files, const ProductPlan& plan, Progress& progress) : progress_(progress) {
+    for (const NpyFile& file : files) checks_.emplace_back(file, true);
+    for (const size_t n_col : plan.n_col) n_value_ += plan.n_inner * n_col;
+  }
+
+  void observe(size_t i, const std::vector<float>& values) {
+    checks_[i].add(values.data(), values.size());
+    n_done_ += values.size();
+    progress_.show(n_done_, n_value_, "weights read");
+  }
+
+  void conclude() const {
+    progress_.clear();
+    for (const OperandCheck& check : checks_) fmt::print(stderr, "{}", check.warnings());
+  }
+
+ private:
+  Progress& progress_;
+  std::vector<OperandCheck> checks_;
+  size_t n_value_ = 0, n_done_ = 0;
+};
 
 void print_timing(const ProductShape& shape, const ProductPlan& plan, const Timing& timing, uint32_t n_repeat) {
   double n_flop = 0;
@@ -82,38 +131,49 @@ void print_deviation(const std::string& label, const Deviation& deviation) {
 
 }  // namespace
 
+// Results are written without their padding.
 void mm(const MmArguments& arguments) {
-  require_different_files(arguments.y);
-  NpyFile x_file(arguments.x);
-  std::vector<NpyFile> w_files(arguments.w.begin(), arguments.w.end());
+  const NpyFile x_file(arguments.x);
+  const std::vector<NpyFile> w_files(arguments.w.begin(), arguments.w.end());
   const ProductShape shape = shape_of(x_file, w_files);
   const ProductPlan plan = plan_product(arguments.weights, shape);
-  const std::vector<OutputFile> outputs(arguments.y.begin(), arguments.y.end());
+  std::vector<OutputFile> outputs(arguments.y.begin(), arguments.y.end());
+  require_different_files(outputs);
+  std::optional<StandardOutputAside> report_aside;
+  if (std::ranges::count(arguments.y, "-") > 0) report_aside.emplace();
 
   const Context context = open_context(plan.options);
-  std::vector<Matrix> w;
-  for (NpyFile& file : w_files) w.push_back(file.read());
-  const Weights weights(context.get(), plan, w);
-  const Matrix x = with_columns(x_file.read(), plan.n_inner);
+  Progress progress;
+  const Matrix x = read_activation(x_file, plan, progress);
+  WeightReading reading(w_files, plan, progress);
+  const Weights weights(context.get(), plan, w_files,
+                        [&](size_t i, const std::vector<float>& values) { reading.observe(i, values); });
+  reading.conclude();
   std::vector<Matrix> y;
-  for (const size_t n_col : plan.n_col) y.emplace_back(plan.n_row, n_col);
+  for (size_t i = 0; i < plan.n_col.size(); ++i) y.emplace_back(shape.n_row, shape.n_col[i], plan.n_col[i]);
 
   lock_matrix_unit(context.get());
+  size_t n_row_before = 0;  // in earlier repetitions
+  const size_t n_row = plan.n_row * arguments.n_repeat;
+  progress.show(0, n_row, "rows multiplied");
   const Timing timing = time_repeated(arguments.n_repeat, [&] {
-    const Progress progress(plan.n_band() > 1);
     multiply(context.get(), plan, x, weights, y,
-             [&](size_t n_row_done) { progress.show(n_row_done, plan.n_row, "rows"); });
+             [&](size_t n_row_done) { progress.show(n_row_before + n_row_done, n_row, "rows multiplied"); });
+    n_row_before += plan.n_row;
   });
+  progress.clear();
 
   for (size_t i = 0; i < y.size(); ++i) {
-    y[i] = with_columns(std::move(y[i]), shape.n_col[i]);
-    outputs[i].write([&](std::ostream& stream) { write_npy(stream, y[i], NpyType::f32); });
+    write_npy([&](const void* bytes, size_t n_byte) { outputs[i].write(bytes, n_byte); }, y[i]);
+    outputs[i].commit();
   }
   print_timing(shape, plan, timing, arguments.n_repeat);
   if (!arguments.check) return;
   for (size_t i = 0; i < y.size(); ++i) {
-    const std::string label = y.size() == 1 ? "" : arguments.y[i].native() + ": ";
-    print_deviation(label, deviation_from_exact(x, w[i], y[i]));
+    const Deviation deviation = deviation_from_exact(
+        x, w_files[i], y[i], [&](size_t n_done, size_t n) { progress.show(n_done, n, "pieces compared"); });
+    progress.clear();
+    print_deviation(y.size() == 1 ? "" : arguments.y[i].native() + ": ", deviation);
   }
 }
 

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "tools/morun/files/matrix.h"
 #include "tools/morun/kernels.h"
 #include "tools/morun/library.h"
-#include "tools/morun/matrix.h"
 #include "tools/morun/product.h"
 
 namespace tool {

@@ -76,8 +76,10 @@ WeightArrays place(Layout& layout, WeightKind kind, size_t n_inner, size_t n_col
   return arrays;
 }
 
-// Where a weight matrix goes, and its padded extents.
-struct Destination {
+// A weight matrix in its file, where it goes, and its padded extents there.
+struct Transfer {
+  const NpyFile& file;
+  const std::function<void(const std::vector<float>&)>& observe;
   std::byte* base;
   const WeightArrays& arrays;
   size_t n_inner;
@@ -89,63 +91,93 @@ struct Destination {
   }
 };
 
-// The rows of w, padded to n_col with zeros.
-void narrow_rows(const Matrix& w, size_t n_col, uint16_t* halves) {
-  std::vector<float> padded_row(n_col);
-  for (size_t k = 0; k < w.n_row; ++k) {
-    std::copy_n(w.row(k), w.n_col, padded_row.begin());
-    tavik_f32_to_f16(n_col, padded_row.data(), halves + k * n_col);
+// Columns of a weight matrix that are converted together, and their number with the padding.
+struct Columns {
+  size_t first, n, n_padded;
+};
+
+// What a conversion takes of ordinary memory at a time, in values.
+constexpr size_t n_value_at_a_time = 1 << 20;
+
+// Rows of n_padded halves. Columns are padded with zeros.
+void narrow_rows(const Transfer& w, const Columns& columns, uint16_t* halves) {
+  const size_t n_row = w.file.n_row();
+  const size_t n_row_at_a_time = std::clamp(n_value_at_a_time / columns.n_padded, size_t{1}, n_row);
+  std::vector<float> values(n_row_at_a_time * columns.n_padded);
+  for (size_t first = 0; first < n_row; first += n_row_at_a_time) {
+    const size_t n = std::min(n_row_at_a_time, n_row - first);
+    values.resize(n * columns.n_padded);
+    w.file.read({first, n, columns.first, columns.n}, values.data(), columns.n_padded);
+    w.observe(values);
+    tavik_f32_to_f16(values.size(), values.data(), halves + first * columns.n_padded);
   }
 }
 
-void write_f16(const Matrix& w, const Destination& to) {
-  auto* const halves = to.at<uint16_t>(to.arrays.values);
-  narrow_rows(w, to.n_col, halves);
-  std::fill(halves + w.n_row * to.n_col, halves + to.n_inner * to.n_col, uint16_t{0});
-  tavik_f16_rm_to_f16_wh_inplace(to.n_inner, to.n_col, halves);
+void write_f16(const Transfer& w) {
+  auto* const halves = w.at<uint16_t>(w.arrays.values);
+  narrow_rows(w, {0, w.file.n_col(), w.n_col}, halves);
+  std::fill(halves + w.file.n_row() * w.n_col, halves + w.n_inner * w.n_col, uint16_t{0});
+  tavik_f16_rm_to_f16_wh_inplace(w.n_inner, w.n_col, halves);
 }
 
 // One column a row. Columns are padded with copies of their first value: those change neither a column's range, and so
 // its scale and zero point, nor the result, because the activation's padding stands for 0 and the sums and n_inner that
 // the result is brought back with count the copies too.
-std::vector<uint16_t> padded_columns(const Matrix& w, size_t n_inner, size_t n_col) {
-  std::vector<uint16_t> halves(n_inner * n_col);
-  narrow_rows(w, n_col, halves.data());
-  for (size_t k = w.n_row; k < n_inner; ++k) std::copy_n(halves.data(), n_col, halves.data() + k * n_col);
-  tavik_matrix_transpose_f16(n_inner, n_col, halves.data());
+std::vector<uint16_t> columns_as_rows(const Transfer& w, const Columns& columns) {
+  const size_t n_col = columns.n_padded;
+  std::vector<uint16_t> halves(w.n_inner * n_col);
+  narrow_rows(w, columns, halves.data());
+  for (size_t k = w.file.n_row(); k < w.n_inner; ++k) std::copy_n(halves.data(), n_col, halves.data() + k * n_col);
+  tavik_matrix_transpose_f16(w.n_inner, n_col, halves.data());
   return halves;
 }
 
-void write_a8w8(const Matrix& w, const Destination& to) {
-  const std::vector<uint16_t> columns = padded_columns(w, to.n_inner, to.n_col);
-  auto* const values = to.at<int8_t>(to.arrays.values);
-  tavik_f16_rm_to_i8_rm(to.n_col, to.n_inner, columns.data(), values, to.at<int8_t>(to.arrays.zero_points),
-                        to.at<uint16_t>(to.arrays.scales), to.at<int32_t>(to.arrays.sums));
-  tavik_matrix_transpose_i8(to.n_col, to.n_inner, values);
-  tavik_i8_rm_to_i8_wh_inplace(to.n_inner, to.n_col, values);
+// The columns' tiles, and their zero points, scales and sums in place.
+std::vector<uint8_t> quantised_tiles_a8w8(const Transfer& w, const Columns& columns) {
+  const std::vector<uint16_t> halves = columns_as_rows(w, columns);
+  std::vector<uint8_t> bytes(halves.size());
+  auto* const values = reinterpret_cast<int8_t*>(bytes.data());
+  tavik_f16_rm_to_i8_rm(columns.n_padded, w.n_inner, halves.data(), values,
+                        w.at<int8_t>(w.arrays.zero_points) + columns.first,
+                        w.at<uint16_t>(w.arrays.scales) + columns.first, w.at<int32_t>(w.arrays.sums) + columns.first);
+  tavik_matrix_transpose_i8(columns.n_padded, w.n_inner, values);
+  tavik_i8_rm_to_i8_wh_inplace(w.n_inner, columns.n_padded, values);
+  return bytes;
 }
 
-void write_a8w4(const Matrix& w, const Destination& to) {
-  const std::vector<uint16_t> columns = padded_columns(w, to.n_inner, to.n_col);
-  std::vector<uint32_t> words(columns.size() / 8);
-  auto* const zero_points = to.at<uint32_t>(to.arrays.zero_points);
-  std::fill_n(zero_points, to.n_col / 8, 0u);
-  tavik_f16_rm_to_i4_rm(to.n_col, to.n_inner, columns.data(), words.data(), zero_points,
-                        to.at<uint16_t>(to.arrays.scales), to.at<int32_t>(to.arrays.sums));
+std::vector<uint8_t> quantised_tiles_a8w4(const Transfer& w, const Columns& columns) {
+  const std::vector<uint16_t> halves = columns_as_rows(w, columns);
+  std::vector<uint32_t> words(halves.size() / 8);
+  auto* const zero_points = w.at<uint32_t>(w.arrays.zero_points) + columns.first / 8;
+  std::fill_n(zero_points, columns.n_padded / 8, 0u);
+  tavik_f16_rm_to_i4_rm(columns.n_padded, w.n_inner, halves.data(), words.data(), zero_points,
+                        w.at<uint16_t>(w.arrays.scales) + columns.first, w.at<int32_t>(w.arrays.sums) + columns.first);
 
-  std::vector<uint8_t> nibbles(columns.size());
+  std::vector<uint8_t> nibbles(halves.size());
   for (size_t i = 0; i < nibbles.size(); ++i) nibbles[i] = words[i / 8] >> 4 * (i % 8) & 15;
-  tavik_host_layout_w4_flat_to_weight(to.at<uint8_t>(to.arrays.values), nibbles.data(), to.n_col, to.n_inner);
+  std::vector<uint8_t> bytes(halves.size() / 2);
+  tavik_host_layout_w4_flat_to_weight(bytes.data(), nibbles.data(), columns.n_padded, w.n_inner);
+  return bytes;
 }
 
-void write(WeightKind kind, const Matrix& w, const Destination& to) {
-  switch (kind) {
-    case WeightKind::f16:
-      return write_f16(w, to);
-    case WeightKind::a8w8:
-      return write_a8w8(w, to);
-    case WeightKind::a8w4:
-      return write_a8w4(w, to);
+// Tiles of some columns stand together within each row of tiles of the whole matrix.
+void write_tiles(const Transfer& w, const Columns& columns, const std::vector<uint8_t>& tiles) {
+  const size_t n_band = w.n_inner / tile;
+  const size_t n_byte = tiles.size() / n_band;  // of a row of tiles
+  const size_t tile_size = n_byte / (columns.n_padded / tile);
+  auto* const to = w.at<uint8_t>(w.arrays.values);
+  for (size_t band = 0; band < n_band; ++band) {
+    std::copy_n(tiles.data() + band * n_byte, n_byte, to + (band * w.n_col + columns.first) / tile * tile_size);
+  }
+}
+
+void write_quantised(WeightKind kind, const Transfer& w) {
+  const size_t n_at_a_time = std::max(n_value_at_a_time / w.n_inner / tile, size_t{1}) * tile;
+  for (size_t first = 0; first < w.n_col; first += n_at_a_time) {
+    const Columns columns = {first, std::min(n_at_a_time, w.file.n_col() - first),
+                             std::min(n_at_a_time, w.n_col - first)};
+    write_tiles(w, columns,
+                kind == WeightKind::a8w8 ? quantised_tiles_a8w8(w, columns) : quantised_tiles_a8w4(w, columns));
   }
 }
 
@@ -176,12 +208,19 @@ ProductPlan plan_product(WeightKind kind, const ProductShape& shape) {
   return plan;
 }
 
-Weights::Weights(tavik_context* context, const ProductPlan& plan, const std::vector<Matrix>& matrices)
+Weights::Weights(tavik_context* context, const ProductPlan& plan, const std::vector<NpyFile>& files,
+                 const WeightObserver& observe)
     : buffer_(context, plan.weight_bytes), arrays_(plan.weights) {
   for (size_t i = 0; i < arrays_.size(); ++i) {
     arrays_[i].fd = buffer_.fd();
-    write(plan.kernel->weights, matrices[i],
-          {static_cast<std::byte*>(buffer_.data()), arrays_[i], plan.n_inner, plan.n_col[i]});
+    const std::function observe_this = [&](const std::vector<float>& values) { observe(i, values); };
+    const Transfer transfer = {files[i],   observe_this, static_cast<std::byte*>(buffer_.data()),
+                               arrays_[i], plan.n_inner, plan.n_col[i]};
+    if (plan.kernel->weights == WeightKind::f16) {
+      write_f16(transfer);
+    } else {
+      write_quantised(plan.kernel->weights, transfer);
+    }
   }
 }
 

@@ -7,9 +7,10 @@
 #include <functional>
 #include <vector>
 
+#include "tools/morun/files/matrix.h"
+#include "tools/morun/files/npy.h"
 #include "tools/morun/kernels.h"
 #include "tools/morun/library.h"
-#include "tools/morun/matrix.h"
 
 namespace tool {
 
@@ -36,11 +37,15 @@ struct ProductPlan {
 // Throws an Error for weights that the DSP cannot address.
 ProductPlan plan_product(WeightKind kind, const ProductShape& shape);
 
+// Is told of weights while they are read: values of matrix i, and zeros among them that pad it.
+using WeightObserver = std::function<void(size_t i, const std::vector<float>& values)>;
+
 // All weights of a product as the matrix unit reads them, in one shared buffer and so in one session. Quantised ones
-// are quantised column by column.
+// are quantised column by column. Besides that buffer the constructor takes some megabytes, whatever the weights' size.
 class Weights {
  public:
-  Weights(tavik_context* context, const ProductPlan& plan, const std::vector<Matrix>& matrices);
+  Weights(tavik_context* context, const ProductPlan& plan, const std::vector<NpyFile>& files,
+          const WeightObserver& observe);
 
   const WeightArrays& operator[](size_t index) const { return arrays_[index]; }
 
@@ -49,8 +54,8 @@ class Weights {
   std::vector<WeightArrays> arrays_;
 };
 
-// Computes each y, n_row x padded n_col, from x, n_row x padded n_inner. `on_band` is told how many rows are done after
-// each band.
+// Computes each y, n_row x n_col, from x, n_row x n_inner. Rows of x and y start as far apart as their padded extents say.
+// `on_band` is told how many rows are done after each band.
 void multiply(tavik_context* context, const ProductPlan& plan, const Matrix& x, const Weights& weights,
               std::vector<Matrix>& y, const std::function<void(size_t n_row_done)>& on_band);
 

@@ -20,7 +20,9 @@ void parlo_emulator_get_usage(parlo_emulator_usage* usage) {
             .n_bytes = p.memory.n_bytes(),
             .n_sessions = p.sessions.n_sessions(),
             .n_handles = p.sessions.n_handles(),
-            .n_mappings = p.sessions.n_mappings()};
+            .n_mappings = p.sessions.n_mappings(),
+            .n_double_frees = p.memory.n_double_frees(),
+            .n_foreign_frees = p.memory.n_foreign_frees()};
 }
 
 size_t parlo_emulator_trace_length(void) {
@@ -41,9 +43,20 @@ void parlo_emulator_trace_clear(void) {
   platform().trace.clear();
 }
 
-void parlo_emulator_fail(int32_t operation, int32_t method, uint32_t nth, int32_t status, int32_t error_number) {
+void parlo_emulator_arm(const parlo_emulator_fault* fault) {
   const PlatformLock lock(platform().mutex);
-  platform().fault.arm(operation, method, nth, {status, error_number});
+  platform().fault.arm(*fault);
+}
+
+void parlo_emulator_fail(int32_t operation, int32_t method, uint32_t nth, int32_t status, int32_t error_number) {
+  const parlo_emulator_fault fault = {
+      .fault_class = nth == 0 ? PARLO_EMULATOR_FAULT_FROM_THEN_ON : PARLO_EMULATOR_FAULT_ONCE,
+      .operation = operation,
+      .method = method,
+      .nth = nth,
+      .status = status,
+      .error_number = error_number};
+  parlo_emulator_arm(&fault);
 }
 
 uint32_t parlo_emulator_faults_fired(void) {
@@ -54,6 +67,13 @@ uint32_t parlo_emulator_faults_fired(void) {
 void parlo_emulator_clear_fault(void) {
   const PlatformLock lock(platform().mutex);
   platform().fault.clear();
+}
+
+void parlo_emulator_take_over(void) {
+  Platform& p = platform();
+  const PlatformLock lock(p.mutex);
+  p.sessions.take_over();
+  p.memory.take_over();
 }
 
 void parlo_emulator_reset(void) {

@@ -1,14 +1,25 @@
 #include "platform/emulator/client/fault.h"
 
-namespace parlo::client {
+#include <algorithm>
 
-void Fault::arm(int32_t operation, int32_t method, uint32_t nth, Outcome outcome) {
+#include "platform/emulator/client/sessions.h"
+
+namespace parlo::client {
+namespace {
+
+constexpr int32_t first_method_with_reply = 9;  // from here on products, the self-test, the version
+
+bool has_reply(const parlo_emulator_call& call) {
+  return call.operation == PARLO_EMULATOR_HANDLE_INVOKE && call.method >= first_method_with_reply;
+}
+
+}  // namespace
+
+void Fault::arm(const parlo_emulator_fault& fault) {
   *this = Fault();
   armed_ = true;
-  operation_ = operation;
-  method_ = method;
-  n_until_ = nth;
-  outcome_ = outcome;
+  fault_ = fault;
+  n_until_ = std::max(fault.nth, 1u);
 }
 
 void Fault::clear() {
@@ -17,29 +28,27 @@ void Fault::clear() {
 
 bool Fault::concerns(const parlo_emulator_call& call) const {
   if (call.operation == PARLO_EMULATOR_MEM_FREE || call.operation == PARLO_EMULATOR_DEBUG_LOG) return false;
-  return (operation_ == PARLO_EMULATOR_ANY_OPERATION || operation_ == call.operation) &&
-         (method_ < 0 || method_ == call.method);
+  if (fault_.operation != PARLO_EMULATOR_ANY_OPERATION && fault_.operation != call.operation) return false;
+  if (fault_.method >= 0 && fault_.method != call.method) return false;
+  if (fault_.fault_class == PARLO_EMULATOR_FAULT_TRUNCATED_REPLY) return has_reply(call);
+  return fault_.fault_class != PARLO_EMULATOR_FAULT_SESSION_LOST || Sessions::names_session(call);
 }
 
-bool Fault::strikes(const parlo_emulator_call& call) {
-  if (!armed_ || !concerns(call)) return false;
+Fault::Effect Fault::strike(const parlo_emulator_call& call) {
+  if (!armed_ || !concerns(call)) return Effect::none;
   if (n_until_ > 1) {
     --n_until_;
-    return false;
+    return Effect::none;
   }
-  if (n_until_ == 1) armed_ = false;
   ++n_fired_;
-  return true;
-}
-
-Outcome Fault::outcome_of(const parlo_emulator_call& call) const {
-  switch (call.operation) {
-    case PARLO_EMULATOR_MEM_ALLOC:
-    case PARLO_EMULATOR_MEM_ALLOC2:
-    case PARLO_EMULATOR_MEM_TO_FD:
-      return {-1, outcome_.error};
+  armed_ = fault_.fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON;
+  switch (fault_.fault_class) {
+    case PARLO_EMULATOR_FAULT_TRUNCATED_REPLY:
+      return Effect::truncated_reply;
+    case PARLO_EMULATOR_FAULT_SESSION_LOST:
+      return Effect::session_lost;
     default:
-      return outcome_;
+      return Effect::failure;
   }
 }
 

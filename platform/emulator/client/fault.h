@@ -10,24 +10,24 @@ namespace parlo::client {
 
 class Fault {
  public:
-  void arm(int32_t operation, int32_t method, uint32_t nth, Outcome outcome);
+  enum class Effect : uint8_t { none, failure, truncated_reply, session_lost };
+
+  void arm(const parlo_emulator_fault& fault);
   void clear();
 
-  // Counts the call that is about to be made; whether it is to fail.
-  bool strikes(const parlo_emulator_call& call);
-  // What a call that it strikes comes to.
-  Outcome outcome_of(const parlo_emulator_call& call) const;
+  // Counts the call that is about to be made; what is to become of it.
+  Effect strike(const parlo_emulator_call& call);
 
+  // Of the fault as it is armed.
+  Outcome outcome() const { return {fault_.status, fault_.error_number}; }
   uint32_t n_fired() const { return n_fired_; }
 
  private:
   bool concerns(const parlo_emulator_call& call) const;
 
   bool armed_ = false;
-  int32_t operation_ = 0;
-  int32_t method_ = -1;
-  uint32_t n_until_ = 0;  // calls until it fires, this one included; 0: at every call
-  Outcome outcome_{};
+  parlo_emulator_fault fault_{};
+  uint32_t n_until_ = 0;  // calls until it fires, this one included
   uint32_t n_fired_ = 0;
 };
 

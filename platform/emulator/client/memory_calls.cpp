@@ -1,4 +1,6 @@
 // parlo_mem_*, parlo_mmap, parlo_munmap.
+#include <cstdio>
+
 #include "platform/emulator/client/platform.h"
 #include "platform/parlo.h"
 
@@ -17,6 +19,10 @@ void* allocate(parlo_emulator_operation operation, int heap_id, uint32_t flags, 
     return success;
   });
   return address;
+}
+
+void report(const void* address, const char* misuse) {
+  std::fprintf(stderr, "[parlo] parlo_mem_free(address=%p): %s\n", address, misuse);
 }
 
 // The shared memory that has this descriptor and starts at this address, or nullptr.
@@ -41,8 +47,10 @@ void* parlo_mem_alloc2(int heap_id, uint32_t flags, uint64_t size) {
 void parlo_mem_free(void* address) {
   parlo_emulator_call call = make_call(PARLO_EMULATOR_MEM_FREE, {word(address)});
   carry_out(call, [&](Platform& p, PlatformLock&) {
-    p.memory.release(address);
-    return success;
+    const int32_t status = p.memory.release(address);
+    if (status == PARLO_EMULATOR_DOUBLE_FREE) report(address, "freed twice");
+    if (status == PARLO_EMULATOR_FOREIGN_FREE) report(address, "no shared buffer starts there");
+    return outcome_of(status);
   });
 }
 

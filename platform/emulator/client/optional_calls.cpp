@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 
 #include "platform/emulator/client/domains.h"
 #include "platform/emulator/client/platform.h"
@@ -129,7 +130,7 @@ void platform_debug_log(int level, const char* file, int line, const char* forma
   write_log(level, file ? file : "", line, text);
 }
 
-int platform_debug_log_configure(uint32_t level_mask, const char* const* files, uint16_t n_files) {
+int platform_debug_log_configure(uint32_t level_mask, const char* const* files, uint16_t n_files) try {
   if (n_files != 0 && !files) return outcome_of(PARLO_EMULATOR_BAD_ARGUMENT).result;
   LogFilter filter{level_mask, {}};
   for (uint16_t i = 0; i < n_files; ++i)
@@ -137,4 +138,6 @@ int platform_debug_log_configure(uint32_t level_mask, const char* const* files, 
   const PlatformLock lock(platform().mutex);
   platform().log_filter = std::move(filter);
   return KESO_SUCCESS;
+} catch (const std::bad_alloc&) {
+  return outcome_of(PARLO_EMULATOR_NO_MEMORY).result;
 }

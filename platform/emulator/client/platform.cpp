@@ -1,6 +1,37 @@
 #include "platform/emulator/client/platform.h"
 
+#include <pthread.h>
+
+#include <cstddef>
+#include <new>
+
 namespace parlo::client {
+namespace {
+
+// ---- Forks: the child finds everything unlocked, and neither sessions nor buffers of its parent's -----------------
+
+void before_fork() {
+  platform().mutex.lock();
+  dsp::before_fork();
+}
+
+void after_fork_in_parent() {
+  dsp::after_fork(false);
+  platform().mutex.unlock();
+}
+
+void after_fork_in_child() {
+  dsp::after_fork(true);
+  platform().sessions.inherit();
+  platform().memory.inherit();
+  platform().mutex.unlock();
+}
+
+[[gnu::constructor]] void watch_forks() {
+  pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+}
+
+}  // namespace
 
 parlo_emulator_config default_config() {
   return {
@@ -14,11 +45,13 @@ parlo_emulator_config default_config() {
       .module_patch = 0,
       .module_architecture = 73,
       .module_label = "beta1",
+      .shared_matrix_unit = 0,
   };
 }
 
 Platform& platform() {
-  static Platform& the_platform = *new Platform;
+  alignas(Platform) static std::byte storage[sizeof(Platform)];
+  static Platform& the_platform = *new (storage) Platform;
   return the_platform;
 }
 

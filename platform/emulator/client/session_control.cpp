@@ -51,7 +51,8 @@ int32_t answer(Platform& p, parlo_emulator_call& call, parlo_session_uri& record
   if (!record.domain_name || !record.module_uri || !record.uri) return PARLO_EMULATOR_BAD_ARGUMENT;
   const Domain* domain = find_domain(text_of(record.domain_name, record.domain_name_length));
   if (!domain || domain->id != compute_domain) return PARLO_EMULATOR_UNSUPPORTED_DOMAIN;
-  if (!p.sessions.with_id(record.session_id)) return PARLO_EMULATOR_NO_SUCH_SESSION;
+  Session* session;
+  if (const int32_t status = p.sessions.with_id(record.session_id, session); status != KESO_SUCCESS) return status;
   const std::string uri = session_uri(text_of(record.module_uri, record.module_uri_length), record.session_id);
   if (uri.size() >= record.uri_length) return PARLO_EMULATOR_BAD_ARGUMENT;
   std::memcpy(record.uri, uri.c_str(), uri.size() + 1);
@@ -60,8 +61,8 @@ int32_t answer(Platform& p, parlo_emulator_call& call, parlo_session_uri& record
 }
 
 int32_t answer(Platform& p, parlo_emulator_call&, parlo_session_unsigned_module& record) {
-  Session* session = p.sessions.with_domain(record.domain);
-  if (!session) return PARLO_EMULATOR_UNSUPPORTED_DOMAIN;
+  Session* session;
+  if (const int32_t status = p.sessions.with_domain(record.domain, session); status != KESO_SUCCESS) return status;
   session->unsigned_modules = record.enable == 1;
   return KESO_SUCCESS;
 }
@@ -71,8 +72,9 @@ int32_t answer(Platform& p, parlo_emulator_call& call, parlo_session_effective_d
   const std::string_view name = text_of(record.domain_name, record.domain_name_length);
   const Domain* domain = find_domain(name);
   if (!domain) return PARLO_EMULATOR_UNSUPPORTED_DOMAIN;
-  const Session* session = p.sessions.with_id(record.session_id);
-  if (!session || (session->id != 0 && domain->id != compute_domain)) return PARLO_EMULATOR_NO_SUCH_SESSION;
+  Session* session;
+  if (const int32_t status = p.sessions.with_id(record.session_id, session); status != KESO_SUCCESS) return status;
+  if (session->id != 0 && domain->id != compute_domain) return PARLO_EMULATOR_NO_SUCH_SESSION;
   record.effective_domain_id = session->id == 0 ? domain->id : static_cast<uint32_t>(session->domain);
   describe(call, record.session_id, record.effective_domain_id, name);
   return KESO_SUCCESS;

@@ -1,14 +1,14 @@
 #include "platform/emulator/client/sessions.h"
 
-#include "platform/emulator/client/domains.h"
+#include <algorithm>
+#include <utility>
+
 #include "platform/emulator/client/uri.h"
-#include "platform/emulator/parlo_emulator.h"
 
 namespace parlo::client {
 namespace {
 
 // Handles look like addresses and are never given twice, so that a stale one is found out.
-constexpr uint64_t handle_before_first = 0x7a5c'0000'0000;
 constexpr uint64_t handle_step = 0x140;
 
 // Away from the ids of whole domains.
@@ -16,103 +16,207 @@ int32_t domain_of_reserved(uint32_t id) {
   return static_cast<int32_t>(8 + id);
 }
 
+int32_t found(Session* named, int32_t none, Session*& session) {
+  session = named;
+  return named ? named->refusal() : none;
+}
+
+bool is_own(const Session& session) {
+  return !session.is_inherited;
+}
+
 }  // namespace
 
-Sessions::Sessions() : last_handle_(handle_before_first) {
-  by_id_.emplace(0, Session{.id = 0, .domain = compute_domain});
+Session* Sessions::find(auto named) {
+  if (named(first_)) return &first_;
+  const auto other = std::find_if(others_.begin(), others_.end(), named);
+  return other == others_.end() ? nullptr : &*other;
+}
+
+Session* Sessions::find_id(uint32_t id) {
+  return find([id](const Session& session) { return session.id == id; });
+}
+
+Session* Sessions::find_domain(int32_t domain) {
+  return find([domain](const Session& session) { return session.domain == domain; });
+}
+
+Session* Sessions::find_open(int32_t domain) {
+  return find([domain](const Session& session) { return session.domain == domain && session.is_open(); });
+}
+
+Session* Sessions::find_handle(uint64_t handle) {
+  return find([handle](const Session& session) { return std::ranges::count(session.handles, handle) != 0; });
 }
 
 const Session* Sessions::reserve(uint32_t n_session) {
-  if (by_id_.size() >= n_session) return nullptr;
+  const auto reserved = [](const Session& session) { return session.id != 0 && is_own(session); };
+  if (1 + std::count_if(others_.begin(), others_.end(), reserved) >= n_session) return nullptr;
   uint32_t id = 1;
-  while (by_id_.contains(id)) ++id;
-  return &by_id_.emplace(id, Session{.id = id, .domain = domain_of_reserved(id)}).first->second;
+  while (find_id(id)) ++id;
+  return &others_.emplace_back(Session{.id = id, .domain = domain_of_reserved(id)});
 }
 
-Session* Sessions::with_id(uint32_t id) {
-  const auto found = by_id_.find(id);
-  return found == by_id_.end() ? nullptr : &found->second;
+int32_t Sessions::with_id(uint32_t id, Session*& session) {
+  return found(find_id(id), PARLO_EMULATOR_NO_SUCH_SESSION, session);
 }
 
-Session* Sessions::with_domain(int32_t domain) {
-  for (auto& [id, session] : by_id_)
-    if (session.domain == domain) return &session;
-  return nullptr;
+int32_t Sessions::with_domain(int32_t domain, Session*& session) {
+  return found(find_domain(domain), PARLO_EMULATOR_UNSUPPORTED_DOMAIN, session);
 }
 
-Session* Sessions::with_handle(uint64_t handle) {
-  for (auto& [id, session] : by_id_)
-    if (session.is_open() && session.handle == handle) return &session;
-  return nullptr;
+int32_t Sessions::with_handle(uint64_t handle, Session*& session) {
+  return found(find_handle(handle), PARLO_EMULATOR_BAD_HANDLE, session);
 }
 
 int32_t Sessions::open(std::string_view uri, const dsp::Module& module, uint64_t& handle) {
   uint32_t id;
   if (const int32_t status = parse_uri(uri, id); status != KESO_SUCCESS) return status;
-  Session* session = with_id(id);
-  if (!session) return PARLO_EMULATOR_NO_SUCH_SESSION;
-  if (session->is_open()) return PARLO_EMULATOR_SESSION_OPEN;
+  Session* session;
+  if (const int32_t status = with_id(id, session); status != KESO_SUCCESS) return status;
+  if (id != 0 && session->is_open()) return PARLO_EMULATOR_SESSION_OPEN;
   if (!session->unsigned_modules) return PARLO_EMULATOR_UNSIGNED_REFUSED;
+  const uint64_t sibling = session->is_open() ? session->handles.front() : 0;
+  session->handles.reserve(session->handles.size() + 1);
+  dsp::open(last_handle_ + handle_step, module, sibling);
   last_handle_ += handle_step;
-  dsp::open(last_handle_, module);
-  handle = session->handle = last_handle_;
+  session->handles.push_back(handle = last_handle_);
   return KESO_SUCCESS;
 }
 
 int32_t Sessions::close(uint64_t handle) {
-  Session* session = with_handle(handle);
-  if (!session) return PARLO_EMULATOR_BAD_HANDLE;
-  end(*session);
+  Session* session;
+  const int32_t status = with_handle(handle, session);
+  if (status != KESO_SUCCESS && status != PARLO_EMULATOR_SESSION_LOST) return status;
+  dsp::close(handle);
+  std::erase(session->handles, handle);
+  if (!session->is_open()) end(*session);
   return KESO_SUCCESS;
 }
 
 void Sessions::end(Session& session) {
-  if (session.is_open()) dsp::close(session.handle);
-  if (session.id == 0)
-    session = Session{.id = 0, .domain = compute_domain};
+  for (const uint64_t handle : session.handles) dsp::close(handle);
+  if (&session == &first_)
+    first_ = {};
   else
-    by_id_.erase(session.id);
+    others_.remove_if([&](const Session& other) { return &other == &session; });
 }
 
 void Sessions::end_all() {
-  while (by_id_.size() > 1) end(by_id_.rbegin()->second);
-  end(by_id_.begin()->second);
+  while (!others_.empty()) end(others_.front());
+  end(first_);
 }
 
 int32_t Sessions::map(int32_t domain, const Allocation* allocation, uint64_t length) {
-  Session* session = with_domain(domain);
-  if (!session || !session->is_open()) return PARLO_EMULATOR_UNSUPPORTED_DOMAIN;
+  Session* session;
+  if (const int32_t status = found(find_open(domain), PARLO_EMULATOR_UNSUPPORTED_DOMAIN, session);
+      status != KESO_SUCCESS)
+    return status;
   if (!allocation) return PARLO_EMULATOR_UNKNOWN_DESCRIPTOR;
+  if (allocation->is_inherited) return PARLO_EMULATOR_INHERITED;
   if (length != allocation->size) return PARLO_EMULATOR_WRONG_SIZE;
   const auto address = reinterpret_cast<uintptr_t>(allocation->address);
-  const int32_t status = dsp::map(session->handle, {allocation->id, allocation->descriptor, address, length});
+  const int32_t status = dsp::map(session->handles.front(), {allocation->id, allocation->descriptor, address, length});
   session->n_mappings += status == KESO_SUCCESS;
   return status;
 }
 
 int32_t Sessions::unmap(int32_t domain, const Allocation* allocation, int descriptor, const void* address,
                         uint64_t length) {
-  Session* session = with_domain(domain);
-  if (!session || !session->is_open()) return PARLO_EMULATOR_UNSUPPORTED_DOMAIN;
-  const int32_t status = dsp::unmap(session->handle, descriptor, reinterpret_cast<uintptr_t>(address), length);
+  Session* session;
+  if (const int32_t status = found(find_open(domain), PARLO_EMULATOR_UNSUPPORTED_DOMAIN, session);
+      status != KESO_SUCCESS)
+    return status;
+  const int32_t status = dsp::unmap(session->handles.front(), descriptor, reinterpret_cast<uintptr_t>(address), length);
   session->n_mappings -= status == KESO_SUCCESS;
   const bool unknown = status == PARLO_EMULATOR_NOT_MAPPED && !allocation;
   return unknown ? PARLO_EMULATOR_UNKNOWN_DESCRIPTOR : status;
 }
 
+// ---- Sessions that refuse their calls ----------------------------------------------------------------------------
+
+bool Sessions::names_session(const parlo_emulator_call& call) {
+  switch (call.operation) {
+    case PARLO_EMULATOR_HANDLE_OPEN:
+    case PARLO_EMULATOR_HANDLE_INVOKE:
+    case PARLO_EMULATOR_HANDLE_CLOSE:
+    case PARLO_EMULATOR_MMAP:
+    case PARLO_EMULATOR_MUNMAP:
+      return true;
+    case PARLO_EMULATOR_SESSION_CONTROL:
+      return call.n_arguments == 3 && call.arguments[0] != PARLO_SESSION_RESERVE;
+    default:
+      return false;
+  }
+}
+
+Session* Sessions::named_by(const parlo_emulator_call& call) {
+  const uint64_t* arguments = call.arguments;
+  uint32_t id = 0;
+  switch (call.operation) {
+    case PARLO_EMULATOR_HANDLE_OPEN:
+      return parse_uri(call.text, id) == KESO_SUCCESS ? find_id(id) : nullptr;
+    case PARLO_EMULATOR_MMAP:
+    case PARLO_EMULATOR_MUNMAP:
+      return find_open(static_cast<int32_t>(arguments[0]));
+    case PARLO_EMULATOR_SESSION_CONTROL:
+      if (arguments[0] == PARLO_SESSION_UNSIGNED_MODULE) return find_domain(static_cast<int32_t>(arguments[1]));
+      return find_id(static_cast<uint32_t>(arguments[1]));
+    default:
+      return find_handle(arguments[0]);
+  }
+}
+
+// The session as it is, which for the first one is a successor's predecessor from now on.
+Session& Sessions::set_aside(Session& session) {
+  if (&session != &first_) return session;
+  Session& former = others_.emplace_back();
+  return former = std::exchange(first_, {});
+}
+
+void Sessions::lose(const parlo_emulator_call& call) {
+  Session* session = named_by(call);
+  if (!session || session->refusal() != KESO_SUCCESS) return;
+  if (!session->is_open()) return end(*session);
+  Session& lost = set_aside(*session);
+  for (const uint64_t handle : lost.handles) dsp::close(handle);
+  lost.n_mappings = 0;
+  lost.is_lost = true;
+}
+
+void Sessions::inherit() {
+  if (first_.is_open()) set_aside(first_);
+  first_ = {};
+  for (Session& session : others_) session.is_inherited = true;
+}
+
+void Sessions::take_over() {
+  dsp::take_over();
+  Session* former = nullptr;
+  for (Session& session : others_) {
+    if (session.id == 0 && session.is_inherited && !session.is_lost) former = &session;
+    session.is_inherited = false;
+  }
+  if (!former || first_.is_open()) return;
+  first_ = std::move(*former);
+  others_.remove_if([&](const Session& other) { return &other == former; });
+}
+
+// ---- Counts ------------------------------------------------------------------------------------------------------
+
 uint64_t Sessions::n_sessions() const {
-  return by_id_.size() - 1 + by_id_.begin()->second.is_open();
+  return static_cast<uint64_t>(std::ranges::count_if(others_, is_own)) + first_.is_open();
 }
 
 uint64_t Sessions::n_handles() const {
-  uint64_t n = 0;
-  for (const auto& [id, session] : by_id_) n += session.is_open();
+  uint64_t n = first_.handles.size();
+  for (const Session& session : others_) n += is_own(session) ? session.handles.size() : 0;
   return n;
 }
 
 uint64_t Sessions::n_mappings() const {
-  uint64_t n = 0;
-  for (const auto& [id, session] : by_id_) n += session.n_mappings;
+  uint64_t n = first_.n_mappings;
+  for (const Session& session : others_) n += is_own(session) ? session.n_mappings : 0;
   return n;
 }
 

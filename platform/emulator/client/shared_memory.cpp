@@ -7,6 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
+
+#include "platform/emulator/parlo_emulator.h"
+#include "platform/parlo.h"
 
 namespace parlo::client {
 namespace {
@@ -64,6 +68,9 @@ const Allocation* SharedMemory::allocate(uint64_t size, uint64_t limit, int lowe
     errno = ENOMEM;
     return nullptr;
   }
+  Books books;
+  books.emplace();
+  Books::node_type entry = books.extract(books.begin());
   const int descriptor = create_file_from(lowest_descriptor);
   if (descriptor < 0) return nullptr;
   void* address = MAP_FAILED;
@@ -74,24 +81,58 @@ const Allocation* SharedMemory::allocate(uint64_t size, uint64_t limit, int lowe
     return nullptr;
   }
   n_bytes_ += size;
-  const Allocation& allocation =
-      by_address_.emplace(address, Allocation{++last_id_, address, size, descriptor}).first->second;
+  entry.key() = address;
+  entry.mapped() = {++last_id_, address, size, descriptor};
+  freed_.erase(address);
+  const Allocation& allocation = by_address_.insert(std::move(entry)).position->second;
   ASAN_POISON_MEMORY_REGION(Slack(allocation).begin, Slack(allocation).size);
   return &allocation;
 }
 
-void SharedMemory::release(const void* address) {
-  const Allocation* allocation = at(address);
-  if (!allocation) return;
-  ASAN_UNPOISON_MEMORY_REGION(Slack(*allocation).begin, Slack(*allocation).size);
-  munmap(allocation->address, allocation->size);
-  close(allocation->descriptor);
-  n_bytes_ -= allocation->size;
-  by_address_.erase(address);
+void SharedMemory::free(Books::node_type released) {
+  const Allocation& allocation = released.mapped();
+  ASAN_UNPOISON_MEMORY_REGION(Slack(allocation).begin, Slack(allocation).size);
+  munmap(allocation.address, allocation.size);
+  close(allocation.descriptor);
+  n_bytes_ -= allocation.size;
+  freed_.insert(std::move(released));
+}
+
+int32_t SharedMemory::release(const void* address) {
+  if (!address) return KESO_SUCCESS;
+  const auto found = by_address_.find(address);
+  if (found != by_address_.end()) {
+    free(by_address_.extract(found));
+    return KESO_SUCCESS;
+  }
+  const bool again = freed_.contains(address);
+  ++(again ? n_double_frees_ : n_foreign_frees_);
+  return again ? PARLO_EMULATOR_DOUBLE_FREE : PARLO_EMULATOR_FOREIGN_FREE;
 }
 
 void SharedMemory::release_all() {
-  while (!by_address_.empty()) release(by_address_.begin()->first);
+  while (!by_address_.empty()) free(by_address_.extract(by_address_.begin()));
+  freed_.clear();
+  n_double_frees_ = n_foreign_frees_ = 0;
+}
+
+void SharedMemory::inherit() {
+  for (auto& [address, allocation] : by_address_) {
+    allocation.is_inherited = true;
+    // Where the host refuses the copy, the child had better find nothing there than the parent's memory.
+    if (mmap(allocation.address, allocation.size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED | MAP_NORESERVE,
+             allocation.descriptor, 0) == MAP_FAILED)
+      mmap(allocation.address, allocation.size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1,
+           0);
+  }
+}
+
+void SharedMemory::take_over() {
+  for (auto& [address, allocation] : by_address_) {
+    if (!allocation.is_inherited) continue;
+    allocation.is_inherited = false;
+    mmap(allocation.address, allocation.size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, allocation.descriptor, 0);
+  }
 }
 
 const Allocation* SharedMemory::at(const void* address) const {

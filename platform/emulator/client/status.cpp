@@ -2,8 +2,6 @@
 
 #include <cerrno>
 
-#include "platform/emulator/parlo_emulator.h"
-
 namespace parlo::client {
 namespace {
 
@@ -11,6 +9,8 @@ int error_of(int32_t status) {
   switch (status) {
     case 0:
       return 0;
+    case PARLO_EMULATOR_NO_MEMORY:
+      return ENOMEM;
     case PARLO_EMULATOR_UNSUPPORTED_DOMAIN:
       return ENODEV;
     case PARLO_EMULATOR_NO_SUCH_MODULE:
@@ -24,7 +24,10 @@ int error_of(int32_t status) {
     case PARLO_EMULATOR_NO_MORE_SESSIONS:
       return EAGAIN;
     case PARLO_EMULATOR_UNSIGNED_REFUSED:
+    case PARLO_EMULATOR_INHERITED:
       return EACCES;
+    case PARLO_EMULATOR_SESSION_LOST:
+      return ECONNRESET;
     case PARLO_EMULATOR_BAD_HANDLE:
     case PARLO_EMULATOR_UNKNOWN_DESCRIPTOR:
       return EBADF;
@@ -50,6 +53,17 @@ int error_of(int32_t status) {
 
 Outcome outcome_of(int32_t status) {
   return {status, error_of(status)};
+}
+
+Outcome failure_of(const parlo_emulator_call& call, Outcome outcome) {
+  switch (call.operation) {
+    case PARLO_EMULATOR_MEM_ALLOC:
+    case PARLO_EMULATOR_MEM_ALLOC2:
+    case PARLO_EMULATOR_MEM_TO_FD:
+      return {-1, outcome.error};
+    default:
+      return outcome;
+  }
 }
 
 }  // namespace parlo::client

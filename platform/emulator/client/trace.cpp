@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "remote/methods.h"
@@ -109,13 +110,14 @@ void Trace::choose_output() {
   printing_ = value && std::string_view(value) == "1";
 }
 
-void Trace::record(const parlo_emulator_call& call, int error) {
+void Trace::record(const parlo_emulator_call& call, int error) try {
   if (printing_ && call.operation != PARLO_EMULATOR_DEBUG_LOG) print(call, error);
   if (calls_.size() < PARLO_EMULATOR_TRACE_CAPACITY)
     calls_.push_back(call);
   else
     calls_[n_call_ % PARLO_EMULATOR_TRACE_CAPACITY] = call;
   ++n_call_;
+} catch (const std::bad_alloc&) {
 }
 
 const parlo_emulator_call* Trace::at(size_t index) const {

@@ -30,7 +30,7 @@ class Trace {
   void choose_output();
   bool printing() const { return printing_; }
 
-  // `error` is the call's errno.
+  // `error` is the call's errno. A record that finds no memory is left out.
   void record(const parlo_emulator_call& call, int error);
 
   size_t length() const { return n_call_; }

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "platform/emulator/dsp/methods.h"
 #include "platform/emulator/dsp/session.h"
@@ -11,14 +12,18 @@
 namespace parlo::dsp {
 namespace {
 
+using SessionMap = std::map<uint64_t, std::shared_ptr<Session>>;
+
 struct Sessions {
   std::mutex mutex;
-  std::map<uint64_t, std::shared_ptr<Session>> by_handle;
+  SessionMap by_handle;
+  SessionMap of_parent;  // in a forked child: those that the parent goes on with
 };
 
 // Never destroyed: a call may still run while the process ends.
 Sessions& sessions() {
-  static Sessions& all = *new Sessions;
+  alignas(Sessions) static std::byte storage[sizeof(Sessions)];
+  static Sessions& all = *new (storage) Sessions;
   return all;
 }
 
@@ -30,8 +35,34 @@ std::shared_ptr<Session> find(uint64_t handle) {
 
 }  // namespace
 
-void open(uint64_t handle, const Module& module) {
-  auto session = std::make_shared<Session>(module);
+int32_t Session::lock_matrix_unit() {
+  if (!has_resources()) return PARLO_EMULATOR_DSP_NO_RESOURCE;
+  const MatrixUnit unit = matrix_unit();
+  const std::lock_guard lock(sessions().mutex);
+  if (held_unit_) return KESO_SUCCESS;
+  for (const auto& [handle, session] : sessions().by_handle)
+    if (session->held_unit_ == unit) return PARLO_EMULATOR_DSP_BUSY;
+  held_unit_ = unit;
+  return KESO_SUCCESS;
+}
+
+int32_t Session::unlock_matrix_unit() {
+  const std::lock_guard lock(sessions().mutex);
+  if (!held_unit_) return PARLO_EMULATOR_DSP_NOT_LOCKED;
+  held_unit_.reset();
+  return KESO_SUCCESS;
+}
+
+int32_t Session::may_multiply() {
+  if (!has_resources()) return PARLO_EMULATOR_DSP_NO_RESOURCE;
+  const std::lock_guard lock(sessions().mutex);
+  return held_unit_ ? KESO_SUCCESS : PARLO_EMULATOR_DSP_NOT_LOCKED;
+}
+
+void open(uint64_t handle, const Module& module, uint64_t sibling) {
+  const auto neighbour = find(sibling);
+  auto session =
+      std::make_shared<Session>(module, neighbour ? neighbour->address_space() : std::make_shared<AddressSpace>());
   const std::lock_guard lock(sessions().mutex);
   sessions().by_handle.emplace(handle, std::move(session));
 }
@@ -47,17 +78,37 @@ void close(uint64_t handle) {
 
 int32_t map(uint64_t handle, const SharedBuffer& buffer) {
   const auto session = find(handle);
-  return session ? session->map(buffer) : PARLO_EMULATOR_BAD_HANDLE;
+  return session ? session->address_space()->map(buffer) : PARLO_EMULATOR_BAD_HANDLE;
 }
 
 int32_t unmap(uint64_t handle, int32_t descriptor, uint64_t address, uint64_t length) {
   const auto session = find(handle);
-  return session ? session->unmap(descriptor, address, length) : PARLO_EMULATOR_BAD_HANDLE;
+  return session ? session->address_space()->unmap(descriptor, address, length) : PARLO_EMULATOR_BAD_HANDLE;
 }
 
 int32_t invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
   const auto session = find(handle);
-  return session ? run_method(*session, scalars, arguments) : PARLO_EMULATOR_BAD_HANDLE;
+  if (!session) return PARLO_EMULATOR_BAD_HANDLE;
+  try {
+    return run_method(*session, scalars, arguments);
+  } catch (...) {
+    return PARLO_EMULATOR_NO_MEMORY;
+  }
+}
+
+void before_fork() {
+  sessions().mutex.lock();
+}
+
+void after_fork(bool in_child) {
+  // Another thread of the parent may have been at work in them: they are put aside as they are.
+  if (in_child) sessions().of_parent.merge(sessions().by_handle);
+  sessions().mutex.unlock();
+}
+
+void take_over() {
+  const std::lock_guard lock(sessions().mutex);
+  sessions().by_handle.merge(sessions().of_parent);
 }
 
 }  // namespace parlo::dsp

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "platform/emulator/dsp/elements.h"
@@ -222,7 +223,7 @@ struct Product {
 
 template <class Elements>
 void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::byte* A) {
-  if (shape.n_row == 0) return;
+  if (shape.n_row == 0 || shape.n_col == 0) return;
   const Product<Elements> product{shape, reinterpret_cast<const typename Elements::Activation*>(X),
                                   reinterpret_cast<const typename Elements::Weight*>(W),
                                   reinterpret_cast<typename Elements::Result*>(A)};
@@ -244,8 +245,16 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
   const size_t n_block = n_row_block * divide_up(shape.n_col, n_column);
 
   std::atomic<size_t> next{0};
+  // The calling thread's scratch is had before anything is written. Another thread that finds none leaves its work to
+  // the others.
+  using Scratch = typename Product<Elements>::Scratch;
+  const auto first_scratch = std::make_unique_for_overwrite<Scratch>();
+  std::atomic_flag first_is_taken;
   run_on_threads(n_thread, [&] {
-    const auto scratch = std::make_unique_for_overwrite<typename Product<Elements>::Scratch>();
+    const bool is_first = !first_is_taken.test_and_set();
+    const std::unique_ptr<Scratch> own(is_first ? nullptr : new (std::nothrow) Scratch);
+    Scratch* const scratch = is_first ? first_scratch.get() : own.get();
+    if (!scratch) return;
     for (size_t block = next++; block < n_block; block = next++) {
       const size_t row = block % n_row_block * block_rows, column = block / n_row_block * n_column;
       const Range columns{column, std::min(column + n_column, shape.n_col)};

@@ -3,7 +3,7 @@
 #include <sched.h>
 
 #include <algorithm>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <vector>
 
@@ -17,10 +17,10 @@ size_t n_processors() {
 
 void run_on_threads(size_t n_thread, const std::function<void()>& worker) {
   std::vector<std::jthread> threads;
-  threads.reserve(n_thread);
   try {
+    threads.reserve(n_thread);
     while (threads.size() + 1 < n_thread) threads.emplace_back(worker);
-  } catch (const std::system_error&) {  // no more threads to be had: those at hand do it all
+  } catch (const std::exception&) {  // neither threads nor memory to be had: those at hand do it all
   }
   worker();
 }

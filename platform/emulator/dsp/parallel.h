@@ -10,7 +10,7 @@ namespace parlo::dsp {
 size_t n_processors();
 
 // Starts `worker` on n_thread threads, the caller's among them, and returns when all have ended. Fewer are started
-// where the system gives no more; the workers have to share the work out among themselves.
+// where the system gives no more; the workers have to share the work out among themselves. They throw nothing.
 void run_on_threads(size_t n_thread, const std::function<void()>& worker);
 
 }  // namespace parlo::dsp

@@ -3,16 +3,10 @@
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <atomic>
 
 #include "platform/emulator/parlo_emulator.h"
 
 namespace parlo::dsp {
-namespace {
-
-std::atomic<const Session*> matrix_unit_holder{nullptr};
-
-}  // namespace
 
 View::View(int32_t descriptor, uint64_t length) : bytes_(nullptr), length_(length) {
   void* address = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
@@ -23,25 +17,29 @@ View::~View() {
   if (bytes_) munmap(bytes_, length_);
 }
 
-Session::~Session() {
-  const Session* self = this;
-  matrix_unit_holder.compare_exchange_strong(self, nullptr);
+void AddressSpace::grow(uint64_t n_byte) {
+  const std::lock_guard lock(mutex_);
+  n_byte_ += n_byte;
 }
 
-int32_t Session::map(const SharedBuffer& buffer) {
+void AddressSpace::shrink(uint64_t n_byte) {
+  const std::lock_guard lock(mutex_);
+  n_byte_ -= n_byte;
+}
+
+int32_t AddressSpace::map(const SharedBuffer& buffer) {
   const std::lock_guard lock(mutex_);
   const auto same = [&](const Mapping& mapping) { return mapping.buffer.memory == buffer.memory; };
   if (std::any_of(mappings_.begin(), mappings_.end(), same)) return PARLO_EMULATOR_ALREADY_MAPPED;
-  if (n_mapped_bytes_ > module_.address_space_bytes || buffer.length > module_.address_space_bytes - n_mapped_bytes_)
-    return PARLO_EMULATOR_ADDRESS_SPACE_FULL;
+  if (n_mapped_byte_ > n_byte_ || buffer.length > n_byte_ - n_mapped_byte_) return PARLO_EMULATOR_ADDRESS_SPACE_FULL;
   auto view = std::make_shared<const View>(buffer.descriptor, buffer.length);
-  if (!view->bytes()) return PARLO_EMULATOR_ADDRESS_SPACE_FULL;
+  if (!view->bytes()) return PARLO_EMULATOR_NO_MEMORY;
   mappings_.push_back({buffer, std::move(view)});
-  n_mapped_bytes_ += buffer.length;
+  n_mapped_byte_ += buffer.length;
   return KESO_SUCCESS;
 }
 
-int32_t Session::unmap(int32_t descriptor, uint64_t address, uint64_t length) {
+int32_t AddressSpace::unmap(int32_t descriptor, uint64_t address, uint64_t length) {
   const std::lock_guard lock(mutex_);
   const auto named = [&](const Mapping& mapping) {
     return mapping.buffer.descriptor == descriptor && mapping.buffer.address == address;
@@ -49,32 +47,40 @@ int32_t Session::unmap(int32_t descriptor, uint64_t address, uint64_t length) {
   const auto youngest = std::find_if(mappings_.rbegin(), mappings_.rend(), named);
   if (youngest == mappings_.rend()) return PARLO_EMULATOR_NOT_MAPPED;
   if (youngest->buffer.length != length) return PARLO_EMULATOR_WRONG_SIZE;
-  n_mapped_bytes_ -= length;
+  n_mapped_byte_ -= length;
   mappings_.erase(std::next(youngest).base());
   return KESO_SUCCESS;
 }
 
-ViewPointer Session::find_view(int32_t descriptor) const {
+Mapping AddressSpace::find(int32_t descriptor) {
+  const std::lock_guard lock(mutex_);
   const auto named = [&](const Mapping& mapping) { return mapping.buffer.descriptor == descriptor; };
   const auto youngest = std::find_if(mappings_.rbegin(), mappings_.rend(), named);
-  return youngest == mappings_.rend() ? nullptr : youngest->view;
+  return youngest == mappings_.rend() ? Mapping{} : *youngest;
 }
 
-ViewPointer Session::view(int32_t descriptor) {
-  const std::lock_guard lock(mutex_);
-  return find_view(descriptor);
+Session::Session(const Module& module, std::shared_ptr<AddressSpace> space)
+    : module_(module), space_(std::move(space)) {
+  space_->grow(module_.address_space_bytes);
+}
+
+Session::~Session() {
+  space_->shrink(module_.address_space_bytes);
 }
 
 int32_t Session::get_AX(const std::array<int32_t, 4>& descriptors) {
   const std::lock_guard lock(mutex_);
   if (!AX_.empty()) return PARLO_EMULATOR_DSP_NO_AX;
   std::vector<std::weak_ptr<const View>> views;
-  for (const int32_t descriptor : descriptors) {
-    const ViewPointer view = find_view(descriptor);
-    if (!view) return PARLO_EMULATOR_DSP_NOT_MAPPED;
-    views.push_back(view);
+  MatrixUnit memory;
+  for (size_t i = 0; i < descriptors.size(); ++i) {
+    const Mapping mapping = space_->find(descriptors[i]);
+    if (!mapping.view) return PARLO_EMULATOR_DSP_NOT_MAPPED;
+    views.push_back(mapping.view);
+    memory[i] = mapping.buffer.memory;
   }
   AX_ = std::move(views);
+  AX_memory_ = memory;
   return KESO_SUCCESS;
 }
 
@@ -82,6 +88,7 @@ int32_t Session::put_AX() {
   const std::lock_guard lock(mutex_);
   if (AX_.empty()) return PARLO_EMULATOR_DSP_NO_AX;
   AX_.clear();
+  AX_memory_ = {};
   return KESO_SUCCESS;
 }
 
@@ -104,23 +111,14 @@ int32_t Session::release_resources() {
   return KESO_SUCCESS;
 }
 
-int32_t Session::lock_matrix_unit() {
+bool Session::has_resources() {
   const std::lock_guard lock(mutex_);
-  if (!has_resources_) return PARLO_EMULATOR_DSP_NO_RESOURCE;
-  const Session* holder = nullptr;
-  const bool taken = matrix_unit_holder.compare_exchange_strong(holder, this);
-  return taken || holder == this ? KESO_SUCCESS : PARLO_EMULATOR_DSP_BUSY;
+  return has_resources_;
 }
 
-int32_t Session::unlock_matrix_unit() {
-  const Session* self = this;
-  return matrix_unit_holder.compare_exchange_strong(self, nullptr) ? KESO_SUCCESS : PARLO_EMULATOR_DSP_NOT_LOCKED;
-}
-
-int32_t Session::may_multiply() {
+MatrixUnit Session::matrix_unit() {
   const std::lock_guard lock(mutex_);
-  if (!has_resources_) return PARLO_EMULATOR_DSP_NO_RESOURCE;
-  return matrix_unit_holder == this ? KESO_SUCCESS : PARLO_EMULATOR_DSP_NOT_LOCKED;
+  return module_.shares_matrix_unit ? MatrixUnit{} : AX_memory_;
 }
 
 }  // namespace parlo::dsp

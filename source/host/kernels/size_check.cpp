@@ -6,7 +6,6 @@ namespace tavik {
 namespace {
 
 constexpr char reporting_file[] = "source/host/kernels";
-constexpr char too_large[] = "Dimension(s) too large (see tavik_options to adapt)";
 
 // A product past 64 bits exceeds every limit.
 bool exceeds(uint64_t a, uint64_t b, uint64_t limit) {
@@ -16,6 +15,8 @@ bool exceeds(uint64_t a, uint64_t b, uint64_t limit) {
 
 }  // namespace
 
+// Kept: of the reasons to refuse in the last step the message names one. A negative dimension, a multiple of 32 where
+// that is asked for, is refused there, as a number beyond every limit.
 int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
   if (n_col % tile_cols != 0)
     return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Column dimension not multiple of %zu", size_t{tile_cols});
@@ -23,13 +24,18 @@ int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_c
     return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Inner dimension not multiple of %zu", size_t{tile_cols});
   if (exceeds(n_row, n_col, context->output_matrix_size_max) ||
       exceeds(n_row, n_inner, context->input_matrix_size_max) || n_row > context->n_row_max)
-    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, too_large);
+    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Dimension(s) too large (see tavik_options to adapt)");
   return TAVIK_SUCCESS;
 }
 
 int32_t cross_session_size_check(const tavik_context* context, uint64_t activation_bytes, uint64_t result_bytes) {
-  if (activation_bytes <= context->X_size && result_bytes <= context->A_size) return TAVIK_SUCCESS;
-  tavik_set_error(TAVIK_ERROR_BAD_DIMENSION, "mm_size_check", reporting_file, __LINE__, too_large);
+  const bool has_room_for_activation = activation_bytes <= context->X_size;
+  if (has_room_for_activation && result_bytes <= context->A_size) return TAVIK_SUCCESS;
+  tavik_set_error(TAVIK_ERROR_BAD_DIMENSION, "mm_size_check", reporting_file, __LINE__,
+                  "%s of %zu bytes in whole tiles exceeds its buffer of %zu (see tavik_options to adapt)",
+                  has_room_for_activation ? "Result" : "Activation",
+                  has_room_for_activation ? result_bytes : activation_bytes,
+                  has_room_for_activation ? context->A_size : context->X_size);
   return TAVIK_ERROR_BAD_DIMENSION;
 }
 

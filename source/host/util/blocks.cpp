@@ -11,35 +11,56 @@ namespace {
 
 namespace simd = morun::simd;
 
-// A permutation of the places 0 to size - 1: place `to` of the transpose of an n_row x n_col matrix takes from
-// source_of(to).
-struct Transposition {
-  uint64_t n_row, n_col;
+constexpr uint64_t nowhere = ~uint64_t{0};
+
+// Where the units of a band of block_rows rows stand in rows and in blocks. The band has n_row of its rows, and its last
+// block n_col % block_cols of its columns where that is not 0: the other places in the blocks are padding.
+struct Band {
+  uint64_t n_row, n_col, block_rows, block_cols;
+
   uint64_t size() const { return n_row * n_col; }
-  uint64_t source_of(uint64_t to) const { return to % n_row * n_col + to / n_row; }
+  uint64_t place_in_blocks(uint64_t place) const {
+    if (place >= size()) return nowhere;
+    const uint64_t row = place / n_col, column = place % n_col;
+    return (column / block_cols * block_rows + row) * block_cols + column % block_cols;
+  }
+  uint64_t place_in_rows(uint64_t place) const {
+    const uint64_t row = place / block_cols % block_rows;
+    const uint64_t column = place / block_cols / block_rows * block_cols + place % block_cols;
+    return row < n_row && column < n_col ? row * n_col + column : nowhere;
+  }
 };
 
 // Each cycle is walked from its lowest place alone, which is found by walking: slower than with a note of the places
 // done, but without memory.
-bool is_lowest_of_its_cycle(const Transposition& transposition, uint64_t place) {
-  uint64_t other = transposition.source_of(place);
-  while (other > place) other = transposition.source_of(other);
+template <class Source>
+bool is_lowest_of_its_cycle(uint64_t place, Source source_of) {
+  uint64_t other = source_of(place);
+  while (other != nowhere && other > place) other = source_of(other);
   return other == place;
 }
 
-// Moves bytes [offset, offset + length) of every unit.
-void follow_cycles(const Transposition& transposition, size_t unit, size_t offset, size_t length, std::byte* data) {
-  std::byte held[64];
-  const auto slice = [&](uint64_t place) { return data + place * unit + offset; };
-  for (uint64_t first = 0; first < transposition.size(); ++first) {
-    if (!is_lowest_of_its_cycle(transposition, first)) continue;
-    memcpy(held, slice(first), length);
-    uint64_t to = first;
-    for (uint64_t from = transposition.source_of(to); from != first; from = transposition.source_of(to)) {
-      memcpy(slice(to), slice(from), length);
-      to = from;
+// Moves units of `unit` bytes, slice by slice: each of the first n_places places takes the unit at source_of(place) and
+// keeps its own where that is nowhere. destination_of is the inverse; a place at which none of the first n_places waits
+// for the unit is the end of an open path, which is walked from there.
+template <class Source, class Destination>
+void follow_paths(uint64_t n_places, size_t unit, std::byte* data, Source source_of, Destination destination_of) {
+  constexpr size_t slice_bytes = 64;
+  std::byte held[slice_bytes];
+  for (size_t offset = 0; offset < unit; offset += slice_bytes) {
+    const size_t length = std::min(slice_bytes, unit - offset);
+    const auto slice = [&](uint64_t place) { return data + place * unit + offset; };
+    for (uint64_t first = 0; first < n_places; ++first) {
+      const bool is_end = destination_of(first) >= n_places;
+      if (!is_end && !is_lowest_of_its_cycle(first, source_of)) continue;
+      memcpy(held, slice(first), length);
+      uint64_t to = first, from = source_of(to);
+      for (; from != nowhere && from != first; from = source_of(to)) {
+        memcpy(slice(to), slice(from), length);
+        to = from;
+      }
+      if (from == first) memcpy(slice(to), held, length);
     }
-    memcpy(slice(to), held, length);
   }
 }
 
@@ -126,16 +147,44 @@ void copy_band_out_of_blocks(uint64_t rows, uint64_t pitch, uint64_t block_rows,
   }
 }
 
+// The same in place, without scratch, of blocks that begin `distance` bytes behind the rows.
+void move_band_out_of_blocks(const Band& band, size_t unit, size_t distance, std::byte* rows) {
+  const uint64_t ahead = distance / unit;
+  const auto source_of = [&](uint64_t to) {
+    const uint64_t place = band.place_in_blocks(to);
+    return place == nowhere ? nowhere : ahead + place;
+  };
+  follow_paths(band.size(), unit, rows, source_of,
+               [&](uint64_t from) { return from < ahead ? nowhere : band.place_in_rows(from - ahead); });
+}
+
+// Rows at the start of `rest_bytes` bytes to the places in blocks that lie in there, the last maybe in part.
+void linearize_rest(const Band& rest, size_t piece, size_t rest_bytes, std::byte* data) {
+  const uint64_t n_places = rest_bytes / piece;
+  const auto source_of = [&](uint64_t to) { return rest.place_in_rows(to); };
+  const Scratch scratch(rest.size() * piece);
+  const std::byte* const rows = scratch ? scratch.bytes() : data;
+  if (scratch) memcpy(scratch.bytes(), data, rest.size() * piece);
+  // The rows end before the place in part: nothing that is yet to be moved stands there.
+  if (const uint64_t source = source_of(n_places); source != nowhere)
+    memcpy(data + n_places * piece, rows + source * piece, rest_bytes % piece);
+  if (!scratch)
+    return follow_paths(n_places, piece, data, source_of, [&](uint64_t from) { return rest.place_in_blocks(from); });
+  for (uint64_t to = 0; to < n_places; ++to)
+    if (const uint64_t source = source_of(to); source != nowhere)
+      memcpy(data + to * piece, rows + source * piece, piece);
+}
+
 }  // namespace
 
 void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
   if (n_row < 2 || n_col < 2) return;
   const Scratch scratch(n_row * n_col * unit);
   if (!scratch) {
-    const Transposition transposition{n_row, n_col};
-    for (size_t offset = 0; offset < unit; offset += 64)
-      follow_cycles(transposition, unit, offset, std::min<size_t>(64, unit - offset), data);
-    return;
+    const Band band = {n_row, n_col, n_row, 1};
+    return follow_paths(
+        band.size(), unit, data, [&](uint64_t to) { return band.place_in_rows(to); },
+        [&](uint64_t from) { return band.place_in_blocks(from); });
   }
   transpose_to(n_row, n_col, unit, data, scratch.bytes());
   memcpy(data, scratch.bytes(), n_row * n_col * unit);
@@ -153,21 +202,10 @@ void block_linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64
     transpose_units(block_rows, n_block_cols, piece, data + band * band_bytes);
 
   // The rows left over keep the places of a whole band, as far as those lie inside the array.
-  const uint64_t rows_left = n_row % block_rows;
-  if (rows_left == 0 || n_block_cols == 0) return;
-  std::byte* const rest = data + n_row / block_rows * band_bytes;
+  const Band rest = {n_row % block_rows, n_block_cols, block_rows, 1};
+  if (rest.size() == 0) return;
   const size_t rest_bytes = n_row * n_col * width - n_row / block_rows * band_bytes;
-  const Scratch scratch(rest_bytes);
-  if (!scratch) return;
-  memcpy(scratch.bytes(), rest, rest_bytes);
-  for (uint64_t row = 0; row < rows_left; ++row) {
-    for (uint64_t column = 0; column < n_block_cols; ++column) {
-      const size_t place = (column * block_rows + row) * piece;
-      if (place >= rest_bytes) break;
-      memcpy(rest + place, scratch.bytes() + (row * n_block_cols + column) * piece,
-             std::min(piece, rest_bytes - place));
-    }
-  }
+  linearize_rest(rest, piece, rest_bytes, data + n_row / block_rows * band_bytes);
 }
 
 void block_unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, size_t width,
@@ -184,12 +222,11 @@ void block_unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint
     if (scratch) {
       copy_band_out_of_blocks(rows, n_col, block_rows, block_cols, width, blocks, scratch.bytes());
       memcpy(to, scratch.bytes(), rows * n_col * width);
-      continue;
+    } else if (n_col % block_cols == 0) {
+      move_band_out_of_blocks({rows, n_block_cols, block_rows, 1}, block_cols * width, 0, to);
+    } else {
+      move_band_out_of_blocks({rows, n_col, block_rows, block_cols}, width, band * (blocks_bytes - band_bytes), to);
     }
-    // Padding and all, then the rows close up; the padding of the blocks is not kept.
-    transpose_units(n_block_cols, block_rows, block_cols * width, blocks);
-    for (uint64_t row = 0; row < rows; ++row)
-      memmove(to + row * n_col * width, blocks + row * n_block_cols * block_cols * width, n_col * width);
   }
 }
 

@@ -1,5 +1,5 @@
 // Rearrangements of row-major matrices of any element size, in place. They cannot fail: without scratch memory they
-// follow the cycles of the permutation instead.
+// follow the cycles and open paths of the rearrangement instead, to the same bytes.
 #pragma once
 
 #include <cstddef>

@@ -79,9 +79,9 @@ struct Tiles {
 };
 
 // The destination of a row takes whole segments, which it quantises and adds to sums kept in a vector, whose total is
-// asked for in the end, and single values.
+// asked for in the end, and single values, of each of which it gives what the sum grows by.
 
-// 8 bits, offset 128, in a layout of rows.
+// 8 bits, offset 128, in a layout of rows. Kept: the sum adds v + 128 before it is cut to the 8 bits that are stored.
 template <class Layout, bool streaming>
 class To8Bits {
  public:
@@ -109,7 +109,7 @@ struct Planes {
   RowMajor high, low;
 };
 
-// 16 bits, offset 32768, as two planes of bytes.
+// 16 bits, offset 32768, as two planes of bytes. The sum adds the 16 bits as they are stored.
 class To16Bits {
  public:
   static constexpr float divisor = 32767;
@@ -126,7 +126,7 @@ class To16Bits {
     return simd::sum(sums) + static_cast<uint32_t>(n_segments * segment_cols) * offset;
   }
   uint32_t put_one(uint64_t column, int32_t v) const {
-    const uint32_t q = static_cast<uint32_t>(v) + offset;
+    const auto q = static_cast<uint16_t>(static_cast<uint32_t>(v) + offset);
     high_[column] = static_cast<uint8_t>(q >> 8);
     low_[column] = static_cast<uint8_t>(q);
     return q;

@@ -62,9 +62,11 @@ struct HalfStep {
   uint16_t scale, inverse, zero_point;
 };
 
+// A zero point that is NaN is 0, when it is stored and when the row is quantised with it.
 template <class Width>
-uint16_t round_and_clamp(uint16_t x) {
+uint16_t whole_zero_point(uint16_t x) {
   const float rounded = std::round(simd::widen_bits(x));
+  if (rounded != rounded) return 0;
   if (rounded < Width::low) return simd::narrow_bits(Width::low);
   return simd::narrow_bits(rounded > Width::high ? Width::high : rounded);
 }
@@ -78,12 +80,11 @@ HalfStep half_step_of(const uint16_t* row, uint64_t n_col) {
   const uint16_t inverse = scale != 0 ? simd::narrow_bits(1 / scale) : 0;
   const uint16_t zero_point = simd::half_fma(static_cast<uint16_t>(inverse ^ half_sign),
                                              simd::narrow_bits(extremes.min), simd::narrow_bits(Width::low));
-  return {scale == scale ? simd::narrow_bits(scale) : half_nan, inverse, round_and_clamp<Width>(zero_point)};
+  return {scale == scale ? simd::narrow_bits(scale) : half_nan, inverse, whole_zero_point<Width>(zero_point)};
 }
 
 int8_t stored_zero_point(const HalfStep& step) {
-  const float zero_point = simd::widen_bits(step.zero_point);
-  return zero_point == zero_point ? static_cast<int8_t>(zero_point) : int8_t{0};
+  return static_cast<int8_t>(simd::widen_bits(step.zero_point));
 }
 
 // Quantises the values of one row, 32 at a time.

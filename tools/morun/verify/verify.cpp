@@ -344,7 +344,7 @@ class Report {
     return ++n_good_, "good";
   }
 
-  Progress progress_{true};
+  Progress progress_;
   size_t n_case_;
   size_t n_done_ = 0, n_good_ = 0, n_by_design_ = 0, n_failed_ = 0, n_left_out_ = 0;
 };
