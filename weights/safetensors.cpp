@@ -166,8 +166,7 @@ class HeaderReader : public JsonEvents {
   std::vector<uint64_t> offsets_;
 };
 
-// ---- Checking
-// --------------------------------------------------------------------------------------------------------
+// ---- Checking ------------------------------------------------------------------------------------------------------
 
 uint64_t bytes_of(const std::string& path, const TensorEntry& tensor) {
   uint64_t n_bit = tensor.dtype->n_bit;
@@ -260,14 +259,15 @@ SafetensorsHeader read_header(const InputFile& file) {
   return header;
 }
 
-std::string format_header(const std::vector<TensorEntry>& tensors, const std::map<std::string, std::string>& metadata) {
+std::string format_header(const std::vector<TensorEntry>& tensors, const std::map<std::string, std::string>& metadata,
+                          uint64_t least_size) {
   nlohmann::ordered_json json = nlohmann::ordered_json::object();
   if (!metadata.empty()) json[metadata_key] = metadata;
   for (const TensorEntry& tensor : tensors)
     json[tensor.name] = {
         {"dtype", tensor.dtype->name}, {"shape", tensor.shape}, {"data_offsets", {tensor.begin, tensor.end}}};
   std::string text = std::string(length_bytes, '\0') + json.dump();
-  text.resize(round_up(text.size(), data_alignment), ' ');
+  text.resize(std::max(round_up(text.size(), data_alignment), least_size), ' ');
   const uint64_t length = text.size() - length_bytes;
   if (length > longest_header)
     throw Error(MORUN_WEIGHTS_HEADER_TOO_LONG, "names and records of the tensors take %ju bytes, above %ju",

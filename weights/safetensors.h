@@ -40,8 +40,9 @@ SafetensorsHeader read_header(const InputFile& file);
 // The same for the JSON text alone. `path` stands in messages.
 SafetensorsHeader parse_header(const std::string& path, std::string_view json, uint64_t n_data_byte);
 
-// The first bytes of a file up to its data: length, JSON and blanks, a multiple of data_alignment. Throws
-// HEADER_TOO_LONG. Names are valid UTF-8.
-std::string format_header(const std::vector<TensorEntry>& tensors, const std::map<std::string, std::string>& metadata);
+// The first bytes of a file up to its data: length, JSON and blanks, a multiple of data_alignment and at least
+// `least_size` of these. Throws HEADER_TOO_LONG. Names are valid UTF-8.
+std::string format_header(const std::vector<TensorEntry>& tensors, const std::map<std::string, std::string>& metadata,
+                          uint64_t least_size);
 
 }  // namespace weights

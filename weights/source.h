@@ -35,6 +35,9 @@ Source open_source(const std::string& path);
 // One tensor from a .npy file of format 1.0, 2.0 or 3.0. Throws NPY, NPY_TYPE. Activations come by this too.
 SourceTensor open_npy(const std::string& path);
 
+// F64, F32, F16 or BF16.
+bool is_float(const Dtype& dtype);
+
 // A 2-dimensional tensor of floats as the matrix W.
 struct SourceMatrix {
   const SourceTensor* tensor;
