@@ -10,8 +10,6 @@
 namespace bench {
 namespace {
 
-constexpr double least_seconds = 0.010;
-
 double seconds(Clock clock) {
   timespec time;
   clock_gettime(clock == Clock::thread ? CLOCK_THREAD_CPUTIME_ID : CLOCK_MONOTONIC, &time);
@@ -28,8 +26,9 @@ double quantile(const std::vector<double>& sorted, double fraction) {
 
 }  // namespace
 
-Interleaved::Interleaved(Work work)
-    : clock_(work.clock),
+Interleaved::Interleaved(Work work, double least_seconds)
+    : least_seconds_(least_seconds),
+      clock_(work.clock),
       operation_(calls_for(std::move(work.operation))),
       yardstick_(calls_for(std::move(work.yardstick.run))),
       peer_(calls_for(std::move(work.peer))) {}
@@ -45,9 +44,10 @@ Round Interleaved::next_round() const {
 Interleaved::Calls Interleaved::calls_for(std::function<void()> call) const {
   if (!call) return {};
   Calls calls{std::move(call), 1};
+  if (least_seconds_ == 0) return calls;
   double fastest = seconds_per_call(calls);
   for (int again = 0; again < 3; ++again) fastest = std::min(fastest, seconds_per_call(calls));
-  calls.count = static_cast<size_t>(std::ceil(least_seconds / std::max(fastest, 1e-8)));
+  calls.count = static_cast<size_t>(std::ceil(least_seconds_ / std::max(fastest, 1e-8)));
   return calls;
 }
 

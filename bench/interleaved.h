@@ -16,8 +16,8 @@ struct Round {
 
 class Interleaved {
  public:
-  // Warms up and finds out how often to call each.
-  explicit Interleaved(Work work);
+  // Warms up and finds out how often to call each, so that it takes `least_seconds`; 0: once.
+  Interleaved(Work work, double least_seconds);
 
   Round next_round() const;
 
@@ -30,6 +30,7 @@ class Interleaved {
   Calls calls_for(std::function<void()> call) const;
   double seconds_per_call(const Calls& calls) const;
 
+  double least_seconds_;
   Clock clock_;
   Calls operation_;
   Calls yardstick_;

@@ -7,6 +7,7 @@
 #include <exception>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@ struct Arguments {
   std::string filter;
   std::string json;
   int n_round = 9;
+  bool is_quick = false;
 };
 
 std::string regex_error_text(const std::string& pattern) try {
@@ -40,6 +42,9 @@ void add_arguments(CLI::App& app, Arguments& arguments) {
       ->type_name("N")
       ->check(CLI::Range(9, 10000))
       ->capture_default_str();
+  app.add_flag("--quick", arguments.is_quick,
+               "one call of each operation, in its first shape: whether all of them work")
+      ->excludes("--rounds");
   app.add_option("--json", arguments.json, "write the measurements there too, in Google Benchmark's format")
       ->type_name("FILE");
 }
@@ -56,6 +61,14 @@ std::vector<Row> chosen(std::vector<Row> rows, const std::string& filter) {
   const std::regex regex(filter);
   std::erase_if(rows, [&](const Row& row) { return !std::regex_search(row.name, regex); });
   return rows;
+}
+
+// One of each operation: the part of the names before the shape.
+template <class Row>
+void keep_first_shapes(std::vector<Row>& rows) {
+  std::set<std::string> operations;
+  std::erase_if(rows,
+                [&](const Row& row) { return !operations.insert(row.name.substr(0, row.name.find('/'))).second; });
 }
 
 // The rows must live until they are measured.
@@ -102,9 +115,11 @@ bool print_table(size_t name_width) {
 }
 
 int run(const Arguments& arguments) {
-  const std::vector<bench::Row> rows = chosen(all_rows(), arguments.filter);
-  const std::vector<bench::CallRow> call_rows = chosen(bench::call_rows(), arguments.filter);
+  std::vector<bench::Row> rows = chosen(all_rows(), arguments.filter);
+  std::vector<bench::CallRow> call_rows = chosen(bench::call_rows(), arguments.filter);
   if (rows.empty() && call_rows.empty()) throw std::runtime_error("no row matches the filter");
+  const int n_round = arguments.is_quick ? 1 : arguments.n_round;
+  if (arguments.is_quick) keep_first_shapes(rows), keep_first_shapes(call_rows);
 
   std::vector<std::string> flags = {"morun_bench"};
   if (!arguments.json.empty()) flags.push_back("--benchmark_out=" + arguments.json);
@@ -115,12 +130,12 @@ int run(const Arguments& arguments) {
            fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, MORUN_SIMD_NAME));
   describe("sgemm", bench::openblas_description());
   describe("peer", bench::onednn_description());
-  describe("ratio", fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds",
-                                arguments.n_round));
+  describe("ratio",
+           fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds", n_round));
   fmt::print("\n");
 
-  register_rows(rows, arguments.n_round);
-  register_rows(call_rows, arguments.n_round);
+  register_rows(rows, n_round);
+  register_rows(call_rows, n_round);
   return print_table(std::max(greatest_name_size(rows), greatest_name_size(call_rows))) ? 0 : 1;
 }
 

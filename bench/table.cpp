@@ -39,7 +39,10 @@ void report(const Row& row, const std::vector<Round>& rounds, benchmark::State& 
   if (row.wanted > 0) state.counters["wanted"] = row.wanted;
 }
 
-constexpr double least_seconds = 0.010;  // of a round of whole calls
+// A round takes at least so long, or is one call where there is but one round.
+double least_seconds(const benchmark::State& state) {
+  return state.max_iterations > 1 ? 0.010 : 0;
+}
 
 // Medians over single calls: the odd one is hit by an interrupt or by a page that is not there yet.
 void measure_calls(const CallRow& row, benchmark::State& state) {
@@ -49,7 +52,7 @@ void measure_calls(const CallRow& row, benchmark::State& state) {
   double n_platform_calls = 0;
   for (auto _ : state) {
     double round = 0;
-    while (round < least_seconds) {
+    do {
       const Split split = bench::split(call);
       whole.push_back(split.whole());
       staging.push_back(split.staging);
@@ -58,7 +61,7 @@ void measure_calls(const CallRow& row, benchmark::State& state) {
       shares.push_back(split.library() / split.whole());
       n_platform_calls = static_cast<double>(split.n_platform_calls);
       round += split.whole();
-    }
+    } while (round < least_seconds(state));
     state.SetIterationTime(round);
   }
   auto& counters = state.counters;
@@ -74,7 +77,7 @@ void measure_calls(const CallRow& row, benchmark::State& state) {
 void measure_rounds(const Row& row, benchmark::State& state) {
   Work work = row.prepare();
   state.SetLabel(work.yardstick.name);
-  const Interleaved interleaved(std::move(work));
+  const Interleaved interleaved(std::move(work), least_seconds(state));
   std::vector<Round> rounds;
   for (auto _ : state) {
     rounds.push_back(interleaved.next_round());

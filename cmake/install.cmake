@@ -1,10 +1,10 @@
 # What `cmake --install` puts where, by components:
 #   library       libmorun.so.N
-#   development   public headers, the link libmorun.so, the CMake package, morun.pc
+#   development   public headers, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
 #   weights       the companion for weight files: libmorun_weights.so, its header, target and morun_weights.pc
 #   tool          the tool
-#   emulator      the emulated platform: its libparlo.so, headers, target and parlo_emulator.pc
-# Nothing installed names the prefix: it may be moved.
+#   emulator      the emulated platform: its libparlo.so, control header, target and parlo_emulator.pc
+# and with each of them the licence. Nothing installed names the prefix: it may be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -17,15 +17,20 @@ set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/morun")
 
 install(TARGETS morun EXPORT morun
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT library NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h"
   PATTERN "morun_weights.h" EXCLUDE)
+install(FILES platform/parlo.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
+foreach(component IN ITEMS library development tool emulator)
+  install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/morun" COMPONENT ${component})
+endforeach()
 install(EXPORT morun NAMESPACE morun:: FILE morunTargets.cmake DESTINATION "${package_dir}" COMPONENT development)
 
 configure_package_config_file(cmake/morunConfig.cmake.in package/morunConfig.cmake INSTALL_DESTINATION "${package_dir}"
   NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(package/morunConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES "${CMAKE_BINARY_DIR}/package/morunConfig.cmake" "${CMAKE_BINARY_DIR}/package/morunConfigVersion.cmake"
+install(FILES "${PROJECT_BINARY_DIR}/package/morunConfig.cmake" "${PROJECT_BINARY_DIR}/package/morunConfigVersion.cmake"
   DESTINATION "${package_dir}" COMPONENT development)
 
 # Places in them are relative to the file itself.
@@ -33,9 +38,18 @@ file(RELATIVE_PATH prefix "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INST
 file(RELATIVE_PATH includedir "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
 function(install_pkg_config_file name component)
   configure_file("cmake/${name}.in" "package/${name}" @ONLY)
-  install(FILES "${CMAKE_BINARY_DIR}/package/${name}" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
+  install(FILES "${PROJECT_BINARY_DIR}/package/${name}" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
     COMPONENT "${component}")
 endfunction()
+# A program with the static library runs on the emulator where that is installed beside the library, as one with the shared
+# library does. For the shared one, no libparlo.so need be on the machine that a program for a device is linked on.
+get_target_property(type morun TYPE)
+if(type STREQUAL "STATIC_LIBRARY")
+  set(emulator "\${libdir}/parlo_emulator")
+  set(link_line "-lmorun -L${emulator} -Wl,-rpath,${emulator} -lparlo -lm")
+else()
+  set(link_line "-lmorun -Wl,--allow-shlib-undefined")
+endif()
 install_pkg_config_file(morun.pc development)
 
 if(MORUN_WEIGHTS)

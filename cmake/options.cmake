@@ -1,4 +1,5 @@
-# What holds for every target: language, warnings, floating point, vector backend, sanitizers, places of the output.
+# What holds for every target of ours, and for no target of a project that adds this one: language, warnings, floating
+# point, hardening, vector backend, sanitizers, places of the output.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -6,14 +7,20 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_C_STANDARD_REQUIRED ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
 
-if(NOT CMAKE_BUILD_TYPE)
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+# In C++ only clang takes changes of signedness for conversions to warn of.
+add_compile_options("$<$<COMPILE_LANGUAGE:CXX>:-Wno-sign-conversion>")
+option(MORUN_WERROR "warnings are errors" OFF)
+if(MORUN_WERROR)
+  add_compile_options(-Werror)
+endif()
 # Fused means an explicit fused operation, and not fused means none.
 add_compile_options(-ffp-contract=off)
 include_directories("${PROJECT_SOURCE_DIR}")
@@ -22,6 +29,20 @@ option(MORUN_SANITIZE "address and undefined-behaviour sanitizers" OFF)
 if(MORUN_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=address,undefined)
+endif()
+
+# What makes a fault harder to exploit. Stack and library calls are checked where the code is optimised, all symbols are
+# bound before the program starts, and jumps land where code expects them. The sanitizers do more, and want the plain calls.
+option(MORUN_HARDENING "stack protector, FORTIFY, RELRO, BIND_NOW, and CET or BTI" ON)
+if(MORUN_HARDENING AND NOT MORUN_SANITIZE)
+  add_compile_options(-fstack-protector-strong)
+  add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+    add_compile_options(-mbranch-protection=standard)
+  elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
+    add_compile_options(-fcf-protection=full)
+  endif()
+  add_link_options(LINKER:-z,relro LINKER:-z,now)
 endif()
 
 # The vector backend (simd): one for the whole build.

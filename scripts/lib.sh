@@ -5,7 +5,14 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build_packages=(cmake ninja-build g++ libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev libeigen3-dev)
 test_packages=(g++-aarch64-linux-gnu qemu-user-static libgtest-dev clang-format pkg-config)
 fuzz_packages=(clang libclang-rt-14-dev)
-bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev)
+# The CMake file of libdnnl-dev asks for the two of OpenCL.
+bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev opencl-headers)
+
+# The preset that is optimised for this machine.
+case $(uname -m) in
+  aarch64 | arm64) native=arm ;;
+  *) native=release ;;
+esac
 
 say() { printf '\n== %s\n' "$*"; }
 

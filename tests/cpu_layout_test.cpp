@@ -30,7 +30,10 @@ TEST(CpuLayoutChecks, PrintOneLineAndLeaveTheDataAlone) {
     std::string message;
     std::function<uint32_t()> make;
   };
-#define REFUSED(status, message, call, ...) Refusal(#call, status, message, [=] { return call(__VA_ARGS__); })
+#define REFUSED(status, message, call, ...)                   \
+  Refusal {                                                   \
+#    call, status, message, [=] { return call(__VA_ARGS__); } \
+  }
 #define REFUSED_IN_PLACE(call, p)                                                                                 \
   REFUSED(10, null, call, 48, 40, nullptr), REFUSED(14, "n_row must be multiple of 32, got 48", call, 48, 40, p), \
       REFUSED(14, "n_row must be multiple of 32, got 33", call, past_32_bits, 32, p),                             \

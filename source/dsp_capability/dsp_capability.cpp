@@ -5,6 +5,23 @@
 #include <cstring>
 
 #include "platform/parlo.h"
+#include "source/own.h"
+
+MORUN_DEFINE_OWN(supported_domains)
+MORUN_DEFINE_OWN(is_CDSP)
+MORUN_DEFINE_OWN(get_domain)
+MORUN_DEFINE_OWN(is_unsignedpd_supported)
+MORUN_WEAK(get_domains_info)
+MORUN_WEAK(get_dsp_support)
+MORUN_WEAK(get_effective_domain_id)
+MORUN_WEAK(get_ondra_support_info)
+MORUN_WEAK(get_tessel_support_info)
+MORUN_WEAK(get_unsignedpd_support)
+MORUN_WEAK(get_veyra_arch_ver)
+MORUN_WEAK(get_vtcm_info)
+MORUN_WEAK(is_async_parlo_supported)
+MORUN_WEAK(is_status_notification_supported)
+MORUN_WEAK(is_valid_domain_id)
 
 namespace {
 
@@ -93,13 +110,13 @@ bool is_CDSP(int domain_id) {
 }
 
 const dsp_domain* get_domain(int domain_id) {
-  for (const dsp_domain& domain : supported_domains)
+  for (const dsp_domain& domain : own::supported_domains)
     if (domain.id == domain_id) return &domain;
   return nullptr;
 }
 
 bool is_valid_domain_id(int domain_id, bool compute_only) {
-  return compute_only ? is_CDSP(domain_id) : get_domain(domain_id) != nullptr;
+  return compute_only ? own::is_CDSP(domain_id) : own::get_domain(domain_id) != nullptr;
 }
 
 int get_effective_domain_id(const char* domain_name, int session_id, int* effective_domain_id) {
@@ -206,7 +223,7 @@ bool is_unsignedpd_supported(int domain) {
 }
 
 bool get_unsignedpd_support() {
-  return is_unsignedpd_supported(DSP_DOMAIN_CDSP);
+  return own::is_unsignedpd_supported(DSP_DOMAIN_CDSP);
 }
 
 bool is_async_parlo_supported(int domain) {

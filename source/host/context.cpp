@@ -6,6 +6,9 @@
 #include "include/dsp_capability.h"
 #include "source/host/error.h"
 #include "source/host/shared_memory.h"
+#include "source/own.h"
+
+MORUN_OWN(get_domain)
 
 namespace {
 
@@ -79,7 +82,7 @@ int32_t tavik_context_open_session(tavik_context* context) {
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 270, "cannot open more than %d sessions", TAVIK_MAX_SESSIONS);
   char* const name = context->session_name[index];
   snprintf(name, TAVIK_SESSION_NAME_SIZE, "%s_%zu", "Tavik", index);
-  if (get_domain(DSP_DOMAIN_CDSP) == nullptr)
+  if (own::get_domain(DSP_DOMAIN_CDSP) == nullptr)
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 277, "unable to get domain for CDSP");
 
   int32_t session_id = 0;

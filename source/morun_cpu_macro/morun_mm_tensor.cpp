@@ -115,9 +115,9 @@ int32_t f32_by_f16(const Product& product, Copies&) {
   uint32_t W_fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
   const morun::Shape shape = product.shape();
-  MORUN_TRY_LOWER_AT(MORUN_HERE_IN(this_call),
-                     tavik_npu_mm_f32_rm_f32_rm_f16_wh(context, shape.n_row, shape.n_col, shape.n_inner, output.data(),
-                                                       start<float>(product.left), W_fd, product.W_offset()));
+  MORUN_TRY_LOWER_AT(MORUN_HERE_IN(this_call), tavik_npu_mm_f32_rm_f32_rm_f16_wh(
+                                                   own::context, shape.n_row, shape.n_col, shape.n_inner, output.data(),
+                                                   start<float>(product.left), W_fd, product.W_offset()));
   output.deliver();
   return MORUN_SUCCESS;
 }
@@ -139,7 +139,7 @@ int32_t f16_by_tiled_weights(const Product& product, Copies& copies) {
   MORUN_TRY(morun::find_all_registered(MORUN_HERE_IN(this_call), copies.A, product.right.data, copies.X, &fds));
   const morun::Shape shape = product.shape();
   const auto status = static_cast<int32_t>(tavik_npu_mm_f16_ah_f16_ah_f16_wh(
-      context, shape.n_row, shape.n_col, shape.n_inner, fds.A, fds.X, fds.W, 0, 0, product.W_offset()));
+      own::context, shape.n_row, shape.n_col, shape.n_inner, fds.A, fds.X, fds.W, 0, 0, product.W_offset()));
   if (status != TAVIK_SUCCESS) return MORUN_FAIL_AT(MORUN_HERE_IN(this_call), status, "Err = %d\n", status);
   MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(product.n_row, product.n_col, copies.halves_of_A()),
                  layouting_of_A_failed);

@@ -39,8 +39,6 @@ bool hides(int32_t entry, int32_t fd) {
 
 }  // namespace
 
-morun_map_entry morun_map_db[TAVIK_MAX_DESCRIPTOR + 1] = {};
-
 int32_t morun_npu_alloc(uint64_t size, void** out_ptr) {
   if (out_ptr == nullptr) return MORUN_FAIL(MORUN_ERROR_NULL_POINTER, "NULL ptr provided\n");
   MORUN_TRY(morun::check_initialized(MORUN_HERE));
@@ -48,16 +46,17 @@ int32_t morun_npu_alloc(uint64_t size, void** out_ptr) {
   // there are entries.
   for (int32_t attempt = 0; attempt <= TAVIK_MAX_DESCRIPTOR; ++attempt) {
     int32_t fd = -1;
-    MORUN_TRY_LOWER(tavik_buffer_alloc(context, size, out_ptr, &fd));
+    MORUN_TRY_LOWER(tavik_buffer_alloc(own::context, size, out_ptr, &fd));
     void* const address = *out_ptr;
     const int32_t older = morun_parlo_find_fd(address);
     if (!hides(older, fd)) {
-      morun_map_db[fd] = {address_of(address), static_cast<uint32_t>(size)};
+      own::morun_map_db[fd] = {address_of(address), static_cast<uint32_t>(size)};
       let_range_go(fd);
+      morun::publish_state();
       return MORUN_SUCCESS;
     }
     *out_ptr = nullptr;
-    MORUN_TRY_LOWER(tavik_buffer_free(context, fd));
+    MORUN_TRY_LOWER(tavik_buffer_free(own::context, fd));
     keep_range(older, address, size);
   }
   return MORUN_FAIL(MORUN_ERROR_FAILURE, "Every address that the platform gives belonged to a freed buffer\n");
@@ -65,7 +64,7 @@ int32_t morun_npu_alloc(uint64_t size, void** out_ptr) {
 
 int32_t morun_parlo_find_fd(const void* ptr) {
   for (int32_t fd = 0; fd <= TAVIK_MAX_DESCRIPTOR; ++fd)
-    if (morun_map_db[fd].address == address_of(ptr)) return fd;
+    if (own::morun_map_db[fd].address == address_of(ptr)) return fd;
   return -1;
 }
 
@@ -73,7 +72,7 @@ int32_t morun_npu_free(void* ptr) {
   if (ptr == nullptr) return MORUN_SUCCESS;
   uint32_t fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE, "addr", ptr, &fd));
-  MORUN_TRY_LOWER(tavik_buffer_free(context, static_cast<int32_t>(fd)));
+  MORUN_TRY_LOWER(tavik_buffer_free(own::context, static_cast<int32_t>(fd)));
   // Kept: the entry stays.
   return MORUN_SUCCESS;
 }

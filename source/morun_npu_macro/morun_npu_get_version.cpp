@@ -10,12 +10,13 @@ constexpr char version_format[] = "%d_%d_%d_%s_VEYRA_V%d";
 constexpr size_t version_size = 64;  // that every caller provides
 
 bool has_remote_handle() {
-  return context != nullptr && context->session_handle[0] != 0 && context->session_handle[0] != ~uint64_t{0};
+  return own::context != nullptr && own::context->session_handle[0] != 0 &&
+         own::context->session_handle[0] != ~uint64_t{0};
 }
 
 // The architecture of the DSP that is there, which the platform gives as two decimal digits in a byte.
 int32_t query_architecture(uint32_t* architecture) {
-  parlo_capability record = {static_cast<uint32_t>(context->session_domain[0]), PARLO_ATTRIBUTE_ARCHITECTURE, 0};
+  parlo_capability record = {static_cast<uint32_t>(own::context->session_domain[0]), PARLO_ATTRIBUTE_ARCHITECTURE, 0};
   if (parlo_handle_control == nullptr) return MORUN_ERROR_FAILURE;
   const int32_t status = parlo_handle_control(PARLO_CONTROL_CAPABILITY, &record, sizeof record);
   *architecture = (record.capability & 15u) + (record.capability >> 4 & 15u) * 10;
@@ -24,30 +25,28 @@ int32_t query_architecture(uint32_t* architecture) {
 
 }  // namespace
 
-char version_prerel[32] = "";
-char npu_version[128] = "";
-
 int32_t morun_npu_get_version(int32_t, char* dst) {
   if (dst == nullptr) return MORUN_ERROR_NULL_POINTER;
   if (!has_remote_handle())
     return MORUN_FAIL(MORUN_ERROR_NOT_INITIALIZED, "Do not use morun_npu_get_version() before initialization\n");
 
   uint32_t major, minor, patch, veyra_version;
-  if (const int32_t status = tavik_veyra_get_version(context->session_handle[0], &major, &minor, &patch, version_prerel,
-                                                     sizeof version_prerel, &veyra_version);
-      status != KESO_SUCCESS)
-    return MORUN_FAIL(status, "Get NPU version failed\n");
+  const int32_t told = tavik_veyra_get_version(own::context->session_handle[0], &major, &minor, &patch,
+                                               own::version_prerel, sizeof own::version_prerel, &veyra_version);
+  morun::publish_state();
+  if (told != KESO_SUCCESS) return MORUN_FAIL(told, "Get NPU version failed\n");
 
   // The library has no architecture of its own: it names the module's.
   snprintf(dst, version_size, version_format, MORUN_VERSION_MAJOR, MORUN_VERSION_MINOR, MORUN_VERSION_PATCH,
            MORUN_VERSION_PRERELEASE, static_cast<int>(veyra_version));
-  snprintf(npu_version, sizeof npu_version, version_format, static_cast<int>(major), static_cast<int>(minor),
-           static_cast<int>(patch), version_prerel, static_cast<int>(veyra_version));
+  snprintf(own::npu_version, sizeof own::npu_version, version_format, static_cast<int>(major), static_cast<int>(minor),
+           static_cast<int>(patch), own::version_prerel, static_cast<int>(veyra_version));
+  morun::publish_state();
   // A longer label that begins with the library's is of the same version.
   if (major != MORUN_VERSION_MAJOR || minor != MORUN_VERSION_MINOR || patch != MORUN_VERSION_PATCH ||
-      strncmp(version_prerel, MORUN_VERSION_PRERELEASE, strlen(MORUN_VERSION_PRERELEASE)) != 0)
+      strncmp(own::version_prerel, MORUN_VERSION_PRERELEASE, strlen(MORUN_VERSION_PRERELEASE)) != 0)
     return MORUN_FAIL(MORUN_ERROR_VERSION_MISMATCH, "Versions mismatch:\nMORUN Version: %s\nTAVIK Version: %s\n\n", dst,
-                      npu_version);
+                      own::npu_version);
 
   uint32_t runtime = 0;
   if (const int32_t status = query_architecture(&runtime); status != KESO_SUCCESS)

@@ -11,8 +11,6 @@ constexpr uint64_t input_matrix_size_max = 486592000;
 
 }  // namespace
 
-tavik_context* context = nullptr;
-
 int32_t morun_npu_initialize(int32_t domain) {
   MORUN_TRY(morun::check_domain(MORUN_HERE, domain));
   tavik_options* options = nullptr;
@@ -21,17 +19,18 @@ int32_t morun_npu_initialize(int32_t domain) {
   options->n_row_max = n_row_max;
   options->input_matrix_size_max = input_matrix_size_max;
   // Kept: a context that is still open is replaced, not closed.
-  const int32_t status = tavik_init(options, &context);
+  const int32_t status = tavik_init(options, &own::context);
+  morun::publish_state();
   tavik_options_free(options);
   MORUN_TRY_LOWER(status);
-  MORUN_TRY_LOWER(tavik_lock_compute_device(context));
+  MORUN_TRY_LOWER(tavik_lock_compute_device(own::context));
   return MORUN_SUCCESS;
 }
 
 int32_t morun_npu_finalize(int32_t domain) {
   MORUN_TRY(morun::check_domain(MORUN_HERE, domain));
-  MORUN_TRY_LOWER(tavik_unlock_compute_device(context));
+  MORUN_TRY_LOWER(tavik_unlock_compute_device(own::context));
   // Kept: the dead address stays in `context`.
-  MORUN_TRY_LOWER(tavik_cleanup(context));
+  MORUN_TRY_LOWER(tavik_cleanup(own::context));
   return MORUN_SUCCESS;
 }

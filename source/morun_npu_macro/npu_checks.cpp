@@ -30,7 +30,7 @@ int32_t check_domain(const Place& place, int32_t domain) {
 }
 
 int32_t check_initialized(const Place& place) {
-  if (context != nullptr) return MORUN_SUCCESS;
+  if (own::context != nullptr) return MORUN_SUCCESS;
   return MORUN_FAIL_AT(place, MORUN_ERROR_NOT_INITIALIZED, "MORUN is not initialized\n");
 }
 
@@ -74,7 +74,7 @@ int32_t find_all_registered(const Place& place, const void* A, const void* W, co
 
 bool activation_fits(const Shape& shape) {
   if (shape.n_row < 0 || shape.n_inner < 0) return false;
-  return static_cast<uint64_t>(shape.n_row) * static_cast<uint64_t>(shape.n_inner) <= context->X_size;
+  return static_cast<uint64_t>(shape.n_row) * static_cast<uint64_t>(shape.n_inner) <= own::context->X_size;
 }
 
 void end_process(const Place& place, const char* call) {

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "include/morun_state.h"
 #include "source/log_line.h"
+#include "source/morun_npu_macro/npu_state.h"
 
 // Leaves the calling function with status 1 when a call of the lower interface fails; its own status is printed.
 #define MORUN_TRY_LOWER_AT(place, expression)                                        \

@@ -5,6 +5,12 @@
 #include "simd/simd.h"
 #include "source/host/error.h"
 #include "source/host/kernels/size_check.h"
+#include "source/own.h"
+
+MORUN_DEFINE_OWN(qmmbp_HxD)
+MORUN_DEFINE_OWN(qdotxH)
+MORUN_DEFINE_OWN(dravin_math_matmul_pq)
+MORUN_WEAK(qmmbp_HxD_)
 
 namespace {
 
@@ -139,12 +145,12 @@ void dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uin
   float* const block = C + p * side * n_col + q * side;
   const uint16_t* const Ab = A + p * side * n_inner;
   const uint16_t* const Wb = W + q * side * n_inner;
-  if (rows == side && columns == side) return qmmbp_HxD(n_col, n_inner, block, Wb, Ab);
+  if (rows == side && columns == side) return own::qmmbp_HxD(n_col, n_inner, block, Wb, Ab);
   for (uint64_t i = 0; i < rows; ++i) {
     float* const Crow = block + i * n_col;
     const uint16_t* const Arow = Ab + i * n_inner;
     if (columns == side) {
-      qdotxH(n_inner, Crow, Wb, Arow);
+      own::qdotxH(n_inner, Crow, Wb, Arow);
       continue;
     }
     for (uint64_t j = 0; j < columns; ++j) Crow[j] = multiply_column(n_inner, Wb + j * n_inner, Arow);
@@ -159,7 +165,7 @@ uint32_t tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(const tavik_context* context, uint
     for (uint64_t q0 = 0; q0 < Q; q0 += super_block)
       for (uint64_t p = p0; p < std::min(p0 + super_block, P); ++p)
         for (uint64_t q = q0; q < std::min(q0 + super_block, Q); ++q)
-          dravin_math_matmul_pq(n_row, n_col, n_inner, p, q, C, A, W);
+          own::dravin_math_matmul_pq(n_row, n_col, n_inner, p, q, C, A, W);
   return TAVIK_SUCCESS;
 }
 

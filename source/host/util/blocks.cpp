@@ -51,8 +51,9 @@ void follow_paths(uint64_t n_places, size_t unit, std::byte* data, Source source
     const size_t length = std::min(slice_bytes, unit - offset);
     const auto slice = [&](uint64_t place) { return data + place * unit + offset; };
     for (uint64_t first = 0; first < n_places; ++first) {
-      const bool is_end = destination_of(first) >= n_places;
-      if (!is_end && !is_lowest_of_its_cycle(first, source_of)) continue;
+      const uint64_t destination = destination_of(first);
+      if (destination < first) continue;  // neither an end nor the lowest
+      if (destination < n_places && !is_lowest_of_its_cycle(first, source_of)) continue;
       memcpy(held, slice(first), length);
       uint64_t to = first, from = source_of(to);
       for (; from != nowhere && from != first; from = source_of(to)) {

@@ -3,6 +3,9 @@
 
 #include "include/tavik.h"
 #include "source/host/util/quantise.h"
+#include "source/own.h"
+
+MORUN_WEAK(int4_to_int8)
 
 namespace {
 

@@ -1,0 +1,44 @@
+#include "source/morun_npu_macro/npu_state.h"
+
+#include <dlfcn.h>
+
+#include <cstring>
+
+MORUN_DEFINE_OWN(context)
+MORUN_DEFINE_OWN(morun_map_db)
+MORUN_DEFINE_OWN(version_prerel)
+MORUN_DEFINE_OWN(npu_version)
+
+tavik_context* context = nullptr;
+morun_map_entry morun_map_db[TAVIK_MAX_DESCRIPTOR + 1] = {};
+char version_prerel[32] = "";
+char npu_version[128] = "";
+
+// A program whose code reads a library's variable directly, without the global offset table, gets a copy of the variable
+// in itself, and all that asks for the name and its version node finds that copy. A variable of the program's own that
+// happens to have the name has no version node, and is not found.
+namespace {
+
+struct Variable {
+  const char* name;
+  void* own;
+  size_t size;
+  void* copy;
+};
+constinit Variable variables[] = {
+    {"context", &own::context, sizeof own::context, nullptr},
+    {"morun_map_db", own::morun_map_db, sizeof own::morun_map_db, nullptr},
+    {"version_prerel", own::version_prerel, sizeof own::version_prerel, nullptr},
+    {"npu_version", own::npu_version, sizeof own::npu_version, nullptr},
+};
+constinit bool looked_for_copies = false;
+
+}  // namespace
+
+void morun::publish_state() {
+  for (Variable& variable : variables) {
+    if (!looked_for_copies) variable.copy = dlvsym(RTLD_DEFAULT, variable.name, "MORUN_1");
+    if (variable.copy != nullptr && variable.copy != variable.own) memcpy(variable.copy, variable.own, variable.size);
+  }
+  looked_for_copies = true;
+}
