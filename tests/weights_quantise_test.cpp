@@ -16,6 +16,7 @@
 
 #include "include/morun_weights.h"
 #include "simd/scalar.h"
+#include "tests/packed_matrix.h"
 
 namespace {
 
@@ -67,44 +68,17 @@ struct Calibration {
   morun_weights_calibration* handle = nullptr;
 };
 
-struct Packed {
+struct Packed : test::PackedMatrix {
   int32_t status;
   morun_weights_recipe recipe;
-  morun_weights_layout layout;
-  std::vector<uint8_t> bytes;
   morun_weights_statistics statistics;
-
-  // By the definitions of the layouts.
-  int q(uint64_t k, uint64_t c) const {
-    const uint64_t in_tiles = k / 32 * (layout.padded_n_col / 32) + c / 32;
-    if (recipe.form == MORUN_WEIGHTS_A8W8)
-      return static_cast<int8_t>(bytes[in_tiles * 1024 + c % 32 / 4 * 128 + k % 32 * 4 + c % 4]);
-    return nibble(bytes[in_tiles * 512 + c % 32 / 8 * 128 + k % 32 * 4 + c % 4], c % 8 >= 4);
-  }
-  int zero_point(uint64_t c) const {
-    if (recipe.form == MORUN_WEIGHTS_A8W8) return static_cast<int8_t>(bytes[layout.zero_points + c]);
-    return nibble(bytes[layout.zero_points + c / 2], c % 2 == 1);
-  }
-  uint16_t half(uint64_t offset) const { return static_cast<uint16_t>(bytes[offset] | bytes[offset + 1] << 8); }
-  double scale(uint64_t c) const { return morun::simd::widen_bits(half(layout.scales + 2 * c)); }
-  int32_t sum(uint64_t c) const {
-    int32_t value;
-    std::memcpy(&value, &bytes[layout.sums + 4 * c], sizeof value);
-    return value;
-  }
-  double value(uint64_t k, uint64_t c) const {
-    if (recipe.form != MORUN_WEIGHTS_F16) return (q(k, c) - zero_point(c)) * scale(c);
-    const uint64_t in_tiles = k / 32 * (layout.padded_n_col / 32) + c / 32;
-    return morun::simd::widen_bits(half(2 * (in_tiles * 1024 + c % 32 / 2 * 64 + k % 32 * 2 + c % 2)));
-  }
-
- private:
-  static int nibble(uint8_t byte, bool is_high) { return static_cast<int8_t>(is_high ? byte : byte << 4) >> 4; }
 };
 
 Packed pack(const Matrix& w, int32_t form, int32_t quantiser, const morun_weights_calibration* calibration = nullptr,
             bool allow_non_finite = false) {
-  Packed packed = {0, {form, quantiser, w.n_row, w.n_col, calibration, allow_non_finite, 0}, {}, {}, {}};
+  Packed packed = {};
+  packed.form = form;
+  packed.recipe = {form, quantiser, w.n_row, w.n_col, calibration, allow_non_finite, 0};
   EXPECT_EQ(morun_weights_layout_of(form, w.n_row, w.n_col, &packed.layout), 0);
   packed.bytes.assign(packed.layout.n_byte, 0xee);
   packed.status = morun_weights_pack_columns(&packed.recipe, 0, w.n_col, w.values.data(), w.n_col, 1,

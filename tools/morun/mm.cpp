@@ -11,8 +11,8 @@
 #include "tools/morun/error.h"
 #include "tools/morun/exact.h"
 #include "tools/morun/files/npy.h"
-#include "tools/morun/files/packed_file.h"
 #include "tools/morun/files/output_file.h"
+#include "tools/morun/files/packed_file.h"
 #include "tools/morun/operand_check.h"
 #include "tools/morun/product.h"
 #include "tools/morun/progress.h"
@@ -71,7 +71,9 @@ void require_different_files(const std::vector<OutputFile>& files) {
 }
 
 WeightKind kind_of_form(int32_t form) {
-  return form == MORUN_WEIGHTS_A8W8 ? WeightKind::a8w8 : form == MORUN_WEIGHTS_A8W4 ? WeightKind::a8w4 : WeightKind::f16;
+  return form == MORUN_WEIGHTS_A8W8   ? WeightKind::a8w8
+         : form == MORUN_WEIGHTS_A8W4 ? WeightKind::a8w4
+                                      : WeightKind::f16;
 }
 
 // What the NPU takes the weights as: packed ones as they are, others as the command line says.
@@ -80,7 +82,8 @@ WeightKind kind_of(const std::vector<WeightFile>& w, const std::optional<WeightK
   for (const WeightFile& file : w) {
     if (!file.is_packed()) continue;
     const WeightKind packed = kind_of_form(file.tensor().form);
-    if (kind && *kind != packed) throw Error("{} is packed in another form than the other weights or --weights", file.name());
+    if (kind && *kind != packed)
+      throw Error("{} is packed in another form than the other weights or --weights", file.name());
     kind = packed;
   }
   return kind.value_or(WeightKind::f16);
@@ -106,7 +109,8 @@ Matrix read_activation(const NpyFile& file, const ProductPlan& plan, Progress& p
 // Looks on while weights are read.
 class WeightReading {
  public:
-  WeightReading(const std::vector<WeightFile>& files, const ProductPlan& plan, Progress& progress) : progress_(progress) {
+  WeightReading(const std::vector<WeightFile>& files, const ProductPlan& plan, Progress& progress)
+      : progress_(progress) {
     for (size_t i = 0; i < files.size(); ++i) {
       if (files[i].is_packed()) continue;
       checks_.emplace(i, OperandCheck(files[i].npy(), true));

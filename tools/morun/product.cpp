@@ -227,8 +227,8 @@ Weights::Weights(tavik_context* context, const ProductPlan& plan, const std::vec
       continue;
     }
     const std::function observe_this = [&](const std::vector<float>& values) { observe(i, values); };
-    const Transfer transfer = {files[i].npy(),   observe_this, static_cast<std::byte*>(buffer_.data()),
-                               arrays_[i], plan.n_inner, plan.n_col[i]};
+    const Transfer transfer = {files[i].npy(), observe_this, static_cast<std::byte*>(buffer_.data()),
+                               arrays_[i],     plan.n_inner, plan.n_col[i]};
     if (plan.kernel->weights == WeightKind::f16) {
       write_f16(transfer);
     } else {
