@@ -339,7 +339,9 @@ TEST_F(WeightsPack, TheLastRuleThatMatchesDecidesAndSoDoNames) {
 }
 
 TEST_F(WeightsPack, CalibrationTakesTheActivationOfEachTensor) {
-  const std::vector<float> w = some_values(64 * 45, 7), x = some_values(100 * 45, 8);
+  const std::vector<float> w = some_values(64 * 45, 7), few = some_values(100 * 5, 8);
+  std::vector<float> x = some_values(100 * 45, 9);
+  for (size_t i = 0; i < x.size(); ++i) x[i] = x[i] / 4 + few[i / 45 * 5 + i % 5];  // columns that go together
   write("m.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)},
                                       {"b.weight", "F32", {64, 45}, encoded("F32", w)}}));
   std::vector<float> by_columns(x.size());

@@ -87,7 +87,8 @@ nlohmann::json read_index(const std::string& path) {
 // The tensors that an index names, by their files.
 std::map<std::string, std::set<std::string>> tensors_by_file(const std::string& path) {
   std::map<std::string, std::set<std::string>> files;
-  for (const auto& [tensor, file] : read_index(path)["weight_map"].items()) {
+  const nlohmann::json index = read_index(path);
+  for (const auto& [tensor, file] : index["weight_map"].items()) {
     const std::string name = file.is_string() ? file.get<std::string>() : "";
     if (name.empty() || name.find('/') != name.npos || name.find('\0') != name.npos || name == "." || name == "..")
       throw Error(MORUN_WEIGHTS_INDEX, "%s: tensor %s is in file %s, which is none of the index's folder", path.c_str(),
