@@ -2,6 +2,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "simd/scalar.h"
@@ -322,8 +323,9 @@ void pack_quantised(const morun_weights_recipe& recipe, Work& work, const Packed
 }
 
 [[noreturn]] void refuse(const Place& place, float value, uint64_t n_more) {
-  throw Error(MORUN_WEIGHTS_NON_FINITE, "weight (%ju, %ju) is %s, and %ju more are not finite", uintmax_t{place.k},
-              uintmax_t{place.c}, std::isnan(value) ? "NaN" : "infinite", uintmax_t{n_more});
+  const std::string more = n_more == 0 ? "" : ", and " + std::to_string(n_more) + " more are not finite";
+  throw Error(MORUN_WEIGHTS_NON_FINITE, "weight (%ju, %ju) is %s%s", uintmax_t{place.k}, uintmax_t{place.c},
+              std::isnan(value) ? "NaN" : "infinite", more.c_str());
 }
 
 void pack_columns(const morun_weights_recipe& recipe, uint64_t first_column, uint64_t n_column, const float* values,

@@ -4,6 +4,7 @@
 #include <morun_weights.h>
 
 #include <array>
+#include <string>
 #include <string_view>
 
 #include "tools/morun/error.h"
@@ -19,6 +20,11 @@ int32_t number_of(const std::array<std::string_view, count>& names, std::string_
     if (names[i] == name) return static_cast<int32_t>(i);
   }
   throw Error("{} is none of {}", name, fmt::join(names, ", "));
+}
+
+// What the library stores for an infinite error is the largest number.
+inline std::string error_text(double error) {
+  return error > 1e300 ? "infinite" : fmt::format("{:.3g}", error);
 }
 
 inline bool is_quantised(int32_t form) {

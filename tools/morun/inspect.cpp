@@ -32,8 +32,8 @@ std::string how_packed(const morun_weights_tensor& tensor) {
 
 std::string errors_of(const morun_weights_tensor& tensor) {
   if (!is_packed(tensor)) return "";
-  const std::string error = fmt::format("{:.3g}", tensor.error);
-  return tensor.product_error < 0 ? error : fmt::format("{} / {:.3g}", error, tensor.product_error);
+  const std::string error = error_text(tensor.error);
+  return tensor.product_error < 0 ? error : error + " / " + error_text(tensor.product_error);
 }
 
 // Columns as wide as their widest cells.

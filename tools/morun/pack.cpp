@@ -178,7 +178,7 @@ void print_summary(const std::vector<morun_weights_decision>& decisions, double 
   fmt::print("packed {} of {} tensors, {:.1f} MB into {:.1f} MB, in {:.1f} s ({:.0f} MB/s)\n", n_packed,
              decisions.size(), static_cast<double>(n_source_byte) * 1e-6, static_cast<double>(n_byte) * 1e-6, seconds,
              static_cast<double>(n_source_byte) * 1e-6 / std::max(seconds, 1e-9));
-  if (worst != nullptr) fmt::print("largest relative error {:.3g}, of {}\n", worst->error, worst->name);
+  if (worst != nullptr) fmt::print("largest relative error {}, of {}\n", error_text(worst->error), worst->name);
 }
 
 }  // namespace
