@@ -70,7 +70,8 @@ enum {
   MORUN_WEIGHTS_HEADER_ENTRY = 26,    /* a tensor's entry is not made of dtype (string), shape (array of unsigned 64-bit
                                           integers) and data_offsets (two such integers), each once */
   MORUN_WEIGHTS_HEADER_METADATA = 27, /* __metadata__ is not an object of strings */
-  MORUN_WEIGHTS_HEADER_NAME = 28,     /* a name is empty or holds a NUL character */
+  MORUN_WEIGHTS_HEADER_NAME = 28,     /* a name is empty or holds a NUL character; also the name of a .npy file that is
+                                         no UTF-8 or "__metadata__" */
   MORUN_WEIGHTS_DUPLICATE_NAME = 29,  /* two tensors, or two keys of __metadata__, have the same name; also the same
                                           name in two sources of a packer */
   MORUN_WEIGHTS_UNKNOWN_DTYPE = 30,   /* a dtype that the format does not have */
@@ -107,7 +108,7 @@ enum {
   /* Sources of a packer. */
   MORUN_WEIGHTS_SOURCE_KIND = 70,  /* a path is neither a directory nor ends in .safetensors, .index.json or .npy */
   MORUN_WEIGHTS_SOURCE_EMPTY = 71, /* a directory or an index without tensors, or a packer without sources */
-  MORUN_WEIGHTS_INDEX = 72,        /* an index is not JSON, has no weight_map of strings, names a file outside its
+  MORUN_WEIGHTS_INDEX = 72,        /* a folder has several indices; an index is not JSON, has no weight_map of strings, names a file outside its
                                       folder, or a tensor that the named file does not have */
   MORUN_WEIGHTS_NPY = 73,      /* a .npy file's header is not of format 1.0, 2.0 or 3.0, or the data are cut short */
   MORUN_WEIGHTS_NPY_TYPE = 74, /* a .npy file's values are not little-endian numbers of a dtype of safetensors */
@@ -333,8 +334,8 @@ int32_t morun_weights_packer_create(const morun_weights_pack_options* options, m
  *   NAME.npy           one tensor, whose name is NAME
  * and reads headers alone. A source that fails adds nothing.
  *
- *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, those of an invalid safetensors file, DUPLICATE_NAME, SOURCE_KIND,
- *   SOURCE_EMPTY, INDEX, NPY, NPY_TYPE, ALREADY_PACKED
+ *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, those of an invalid safetensors file, HEADER_NAME (also of a
+ *   .npy file), DUPLICATE_NAME, SOURCE_KIND, SOURCE_EMPTY, INDEX, NPY, NPY_TYPE, ALREADY_PACKED
  *   BAD_ARGUMENT    the packer has run */
 int32_t morun_weights_packer_add_source(morun_weights_packer* packer, const char* path);
 
@@ -379,7 +380,8 @@ int32_t morun_weights_packer_decision(const morun_weights_packer* packer, uint64
 
 /* Packs. The file appears at `output` whole, replacing what was there, or not at all: until then it has no name or
  * another one in the same folder, which is gone after every failure. May be called again after a failure, and not
- * after a success. Holds at most 64 MiB a job and the largest packed matrix, with calibrated 24 n_inner^2 bytes more.
+ * after a success. Holds at most 64 MiB a job (where n_inner is above 100 000, 600 bytes for each row) and the largest
+ * packed matrix, with calibrated 24 n_inner^2 bytes more.
  *
  *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, WRITE, SOURCE_EMPTY, NPY, NPY_TYPE, RULE_UNUSED, NON_FINITE,
  *   NO_ACTIVATION, ACTIVATION_SHAPE, ACTIVATION_VALUE, COVARIANCE, INTERRUPTED
