@@ -104,7 +104,7 @@ Peer no_peer(const Shape&) {
   return {};
 }
 
-struct Product {
+struct TimedProduct {
   const char* name;
   double A_bytes, X_bytes, W_bytes;  // of an element
   uint32_t n_weights;                // of one activation
@@ -119,7 +119,7 @@ const std::vector<Shape> large = {{128, 2048, 2048}, {1024, 1024, 4096}, {64, 40
 const std::vector<Shape> medium = {{128, 2048, 2048}, {256, 1024, 1024}};
 const std::vector<Shape> vector = {{1, 4096, 4096}};
 
-const Product products[] = {
+const TimedProduct products[] = {
     {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, 1, large, 0.80, npu_mm_f16, f32_peer},
     {"npu_3mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 3, {{128, 2048, 2048}}, 0, npu_3mm_f16, f32_peer},
     {"veyra_mm_a8w8", 4, 1, 1, 1, large, 1.3, veyra_mm<tavik_veyra_mm_a8w8>, bytes_peer},
@@ -147,7 +147,7 @@ const Product products[] = {
     {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, vector, 1.5, tensor_mm, f32_peer, nt},
 };
 
-Work prepare(const Product& product, const Shape& s) {
+Work prepare(const TimedProduct& product, const Shape& s) {
   const auto npu = std::make_shared<Npu>();
   const auto buffer = [&npu](uint32_t n_row, uint32_t n_col, double bytes_of_element) {
     return npu->filled_buffer(static_cast<uint64_t>(bytes_of_element * n_row * n_col));
@@ -182,7 +182,7 @@ Work prepare(const ProductOnThreads& p) {
 
 std::vector<Row> product_rows() {
   std::vector<Row> rows;
-  for (const Product& product : products) {
+  for (const TimedProduct& product : products) {
     for (const Shape& shape : product.shapes) {
       rows.push_back({fmt::format("{}/{}x{}x{}", product.name, shape.n_row, shape.n_col, shape.n_inner), product.wanted,
                       [&product, &shape] { return prepare(product, shape); }});

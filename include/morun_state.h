@@ -1,6 +1,10 @@
 /* libmorun, upper interface: its process-wide state, for debuggers, tests and programs that mix both interfaces. To be
  * read freely, written by the library alone. Apart from morun.h, because one of the names is a common word.
  *
+ * The library works on variables that a program cannot replace: a program that does not include this header may have its
+ * own `context`. Code that is compiled without a global offset table reads a copy of each variable inside the program. A
+ * program that is linked with libmorun.so finds its copies up to date whenever a call of morun.h has returned.
+ *
  * Plain C11, also valid C++.
  */
 #ifndef MORUN_STATE_H

@@ -56,7 +56,12 @@ enum {
   TAVIK_ERROR_MEMORY = 3         /* host or shared memory, a descriptor of it, or its mapping */
 };
 
-/* The last failure of a thread; a later success does not clear it. Texts are cut to 127 characters. */
+/* The last failure of a thread; a later success does not clear it. Texts are cut to 127 characters.
+ *
+ * `file` and `line` tell failures apart. They are published numbers that stay when the code moves, not a place to open in
+ * an editor: each source file that reports them holds its lines in one table, reported_line (`grep -rn reported_line
+ * source`), and the lines of the remote stub's log stand in reported_routines (build/tavik_stub.cpp). Only failures in
+ * the file "source/host/kernels" have the line of the source text as it is in this version. */
 typedef struct tavik_error {
   int32_t code;
   char message[128];
@@ -103,8 +108,8 @@ enum { TAVIK_MAX_SESSIONS = 4, TAVIK_MAX_BUFFERS = 32, TAVIK_MAX_DESCRIPTOR = 10
  * Entries 0 to n_buffers - 1 of the four buffer columns are valid and contiguous. fd_to_session has an entry for every
  * descriptor that the library ever handed out and is never cleared. */
 typedef struct tavik_context {
-  uint64_t n_sessions; /* open sessions, each a protection domain of its own on the compute DSP */
-  int32_t session_id[TAVIK_MAX_SESSIONS];
+  uint64_t n_sessions;                    /* open sessions, each a protection domain of its own on the compute DSP */
+  int32_t session_id[TAVIK_MAX_SESSIONS]; /* after the open ones: of a session reserved but not opened yet, or 0 */
   char session_name[TAVIK_MAX_SESSIONS][TAVIK_SESSION_NAME_SIZE];
   int32_t session_domain[TAVIK_MAX_SESSIONS]; /* effective domain id */
   uint64_t session_handle[TAVIK_MAX_SESSIONS];
@@ -129,6 +134,7 @@ typedef struct tavik_context {
   uint64_t n_row_max;
   uint64_t active_session; /* the session that holds the DSP resources; all ones until tavik_init */
   bool tessel_locked;      /* whether that session holds the matrix unit */
+  bool cleanup_failed;     /* whether a tavik_cleanup has failed: the next one passes over what fails */
 } tavik_context;
 
 /* Opens session 0 on the compute DSP, acquires its resources, allocates the four cross-session buffers and maps them.
@@ -139,8 +145,14 @@ typedef struct tavik_context {
 int32_t tavik_init(const tavik_options* options, tavik_context** context);
 
 /* Unlocks the matrix unit, releases the resources, unmaps and frees the cross-session buffers, closes every session and
- * frees the context. Buffers of tavik_buffer_alloc must be freed before. Status 1 when a step fails: the context then
- * stays allocated and partly torn down, and tavik_context_free releases its memory. */
+ * frees the context. Buffers of tavik_buffer_alloc must be freed before. A session that was reserved and could not be
+ * opened is given back to the platform: it is opened and closed.
+ *
+ * Status 1 when a step fails: the context then stays allocated and partly torn down, with ~0 as the handle of every session
+ * that is closed. A second call takes what is left step by step. It passes over a step that fails, because the closing of
+ * a session ends whatever the session still has, and because the platform may not know a reserved session any more. It frees the context and returns 0 when every session is closed, and
+ * returns 1 when one cannot be closed; then a further call tries again, or tavik_context_free gives the memory back. The
+ * failure does not stand in the way of a new tavik_init. */
 int32_t tavik_cleanup(tavik_context* context);
 
 /* Reserve and free the matrix unit for the active session. Return the remote status of the one call they make, or 0
@@ -163,7 +175,8 @@ int32_t tavik_context_alloc(tavik_context** context);
 void tavik_context_free(tavik_context* context);
 /* Prints sessions, buffers and state. A NULL context prints nothing. */
 void tavik_context_print(FILE* stream, const tavik_context* context);
-/* Opens session number n_sessions. Status 1 when the platform refuses or four are open. */
+/* Opens session number n_sessions. Status 1 when the platform refuses or four are open. Where a step fails after a session
+ * is reserved, the next call goes on with this session and reserves no other. */
 int32_t tavik_context_open_session(tavik_context* context);
 /* Map and unmap the cross-session buffers in session `session`, and tell its module. Stop at the first failure,
  * status 1. */

@@ -5,32 +5,34 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "platform/parlo.h"
 
-// The methods that take 32-bit scalars only: METHOD(number, name, scalars in order). Methods 0 (open), 1 (close) and 22
-// (version) have shapes of their own and stand below. "ressource" is the interface's own spelling.
-#define TAVIK_SCALAR_METHODS(METHOD)                      \
-  METHOD(2, veyra_clear_cache)                            \
-  METHOD(3, veyra_mmap_get_AX, A0_fd, A1_fd, A2_fd, X_fd) \
-  METHOD(4, veyra_mmap_put_AX)                            \
-  METHOD(5, veyra_ressource_acquire)                      \
-  METHOD(6, veyra_ressource_release)                      \
-  METHOD(7, veyra_lock_tessel)                            \
-  METHOD(8, veyra_unlock_tessel)                          \
-  METHOD(9, veyra_mm_f16, TAVIK_SCALARS_MM)               \
-  METHOD(10, veyra_1mm_f16, TAVIK_SCALARS_1MM)            \
-  METHOD(11, veyra_2mm_f16, TAVIK_SCALARS_2MM)            \
-  METHOD(12, veyra_3mm_f16, TAVIK_SCALARS_3MM)            \
-  METHOD(13, veyra_test, size, v_fd)                      \
-  METHOD(14, veyra_mm_a8w8, TAVIK_SCALARS_MM)             \
-  METHOD(15, veyra_1mm_a8w8, TAVIK_SCALARS_1MM)           \
-  METHOD(16, veyra_2mm_a8w8, TAVIK_SCALARS_2MM)           \
-  METHOD(17, veyra_3mm_a8w8, TAVIK_SCALARS_3MM)           \
-  METHOD(18, veyra_mm_a8w4, TAVIK_SCALARS_MM)             \
-  METHOD(19, veyra_1mm_a8w4, TAVIK_SCALARS_1MM)           \
-  METHOD(20, veyra_2mm_a8w4, TAVIK_SCALARS_2MM)           \
-  METHOD(21, veyra_3mm_a8w4, TAVIK_SCALARS_3MM)
+// The methods that take 32-bit scalars only: METHOD(number, host function, scalars in order). The published name of a
+// method is that of its function without "tavik_". Methods 0 (open), 1 (close) and 22 (version) have shapes of their own
+// and stand below. "ressource" is the interface's own spelling.
+#define TAVIK_SCALAR_METHODS(METHOD)                            \
+  METHOD(2, tavik_veyra_clear_cache)                            \
+  METHOD(3, tavik_veyra_mmap_get_AX, A0_fd, A1_fd, A2_fd, X_fd) \
+  METHOD(4, tavik_veyra_mmap_put_AX)                            \
+  METHOD(5, tavik_veyra_ressource_acquire)                      \
+  METHOD(6, tavik_veyra_ressource_release)                      \
+  METHOD(7, tavik_veyra_lock_tessel)                            \
+  METHOD(8, tavik_veyra_unlock_tessel)                          \
+  METHOD(9, tavik_veyra_mm_f16, TAVIK_SCALARS_MM)               \
+  METHOD(10, tavik_veyra_1mm_f16, TAVIK_SCALARS_1MM)            \
+  METHOD(11, tavik_veyra_2mm_f16, TAVIK_SCALARS_2MM)            \
+  METHOD(12, tavik_veyra_3mm_f16, TAVIK_SCALARS_3MM)            \
+  METHOD(13, tavik_veyra_test, size, v_fd)                      \
+  METHOD(14, tavik_veyra_mm_a8w8, TAVIK_SCALARS_MM)             \
+  METHOD(15, tavik_veyra_1mm_a8w8, TAVIK_SCALARS_1MM)           \
+  METHOD(16, tavik_veyra_2mm_a8w8, TAVIK_SCALARS_2MM)           \
+  METHOD(17, tavik_veyra_3mm_a8w8, TAVIK_SCALARS_3MM)           \
+  METHOD(18, tavik_veyra_mm_a8w4, TAVIK_SCALARS_MM)             \
+  METHOD(19, tavik_veyra_1mm_a8w4, TAVIK_SCALARS_1MM)           \
+  METHOD(20, tavik_veyra_2mm_a8w4, TAVIK_SCALARS_2MM)           \
+  METHOD(21, tavik_veyra_3mm_a8w4, TAVIK_SCALARS_3MM)
 
 #define TAVIK_SCALARS_MM n_row, n_col, n_inner, A_fd, X_fd, W_fd, A_offset, X_offset, W_offset
 #define TAVIK_SCALARS_1MM n_row, n_col, n_inner, W_fd, W_offset
@@ -49,76 +51,97 @@
 
 namespace tavik::remote {
 
-enum class Kind : uint8_t { none, uri, handle_out, handle_in, scalar_in, scalar_out, text_out };
+enum class ParameterKind : uint8_t { none, uri, handle_out, handle_in, scalar_in, scalar_out, text_out };
 
 struct Parameter {
   const char* name = nullptr;
-  Kind kind = Kind::none;
+  ParameterKind kind = ParameterKind::none;
 };
 
 struct Method {
-  uint32_t number;
-  const char* name;
+  uint32_t number = 0;
+  const char* name = nullptr;
   std::array<Parameter, 10> parameters;
 
-  constexpr uint32_t count(Kind kind) const {
+  constexpr uint32_t count(ParameterKind kind) const {
     uint32_t n = 0;
     for (const Parameter& parameter : parameters) n += parameter.kind == kind;
     return n;
   }
-  constexpr uint32_t n_parameters() const { return static_cast<uint32_t>(parameters.size()) - count(Kind::none); }
+  constexpr uint32_t n_parameters() const {
+    return static_cast<uint32_t>(parameters.size()) - count(ParameterKind::none);
+  }
 
   // A string or text sends its length along in the primitive input buffer.
   constexpr uint32_t primitive_in_bytes() const {
-    return 4 * (count(Kind::scalar_in) + count(Kind::uri) + count(Kind::text_out));
+    return 4 * (count(ParameterKind::scalar_in) + count(ParameterKind::uri) + count(ParameterKind::text_out));
   }
-  constexpr uint32_t primitive_out_bytes() const { return 4 * count(Kind::scalar_out); }
+  constexpr uint32_t primitive_out_bytes() const { return 4 * count(ParameterKind::scalar_out); }
 
   // The scalars word without the method number: the counts of buffers and handles.
   constexpr uint32_t buffer_counts() const {
-    const uint32_t n_in = (primitive_in_bytes() != 0) + count(Kind::uri);
-    const uint32_t n_out = (primitive_out_bytes() != 0) + count(Kind::text_out);
-    return PARLO_SCALARS(0, n_in, n_out) | count(Kind::handle_in) << 4 | count(Kind::handle_out);
+    const uint32_t n_in = (primitive_in_bytes() != 0) + count(ParameterKind::uri);
+    const uint32_t n_out = (primitive_out_bytes() != 0) + count(ParameterKind::text_out);
+    return PARLO_SCALARS(0, n_in, n_out) | count(ParameterKind::handle_in) << 4 | count(ParameterKind::handle_out);
   }
   constexpr uint32_t scalars() const { return number << 24 | buffer_counts(); }
 };
 
-#define TAVIK_SCALAR_PARAMETER(name) Parameter{#name, Kind::scalar_in},
-#define TAVIK_METHOD_ROW(number, name, ...) \
-  Method{number, #name, {TAVIK_FOR_EACH(TAVIK_SCALAR_PARAMETER, __VA_ARGS__)}},
+inline constexpr uint32_t open_method = 0, close_method = 1, get_version_method = 22;
 
-// In order of their numbers.
-inline constexpr std::array<Method, 23> methods = {{
-    Method{0, "open", {Parameter{"uri", Kind::uri}, Parameter{"h", Kind::handle_out}}},
-    Method{1, "close", {Parameter{"h", Kind::handle_in}}},
-    TAVIK_SCALAR_METHODS(TAVIK_METHOD_ROW)
-        Method{22,
-               "veyra_get_version",
-               {Parameter{"major", Kind::scalar_out}, Parameter{"minor", Kind::scalar_out},
-                Parameter{"patch", Kind::scalar_out}, Parameter{"version_prerel", Kind::text_out},
-                Parameter{"veyra_version", Kind::scalar_out}}},
-}};
+#define TAVIK_COUNT_METHOD(...) +1
+inline constexpr size_t n_methods = 3 TAVIK_SCALAR_METHODS(TAVIK_COUNT_METHOD);
+#undef TAVIK_COUNT_METHOD
 
-#undef TAVIK_METHOD_ROW
+// "" where the function is not one of ours.
+constexpr const char* published_name(std::string_view function) {
+  constexpr std::string_view prefix = "tavik_";
+  return function.starts_with(prefix) ? function.data() + prefix.size() : "";
+}
+
+// Each method at the place of its number.
+inline constexpr std::array<Method, n_methods> methods = [] {
+  using enum ParameterKind;
+  std::array<Method, n_methods> table;
+  const auto add = [&table](const Method& method) { table[method.number] = method; };
+  add({open_method, "open", {Parameter{"uri", uri}, Parameter{"h", handle_out}}});
+  add({close_method, "close", {Parameter{"h", handle_in}}});
+  add({get_version_method,
+       "veyra_get_version",
+       {Parameter{"major", scalar_out}, Parameter{"minor", scalar_out}, Parameter{"patch", scalar_out},
+        Parameter{"version_prerel", text_out}, Parameter{"veyra_version", scalar_out}}});
+#define TAVIK_SCALAR_PARAMETER(name) Parameter{#name, scalar_in},
+#define TAVIK_ADD_METHOD(number, function, ...) \
+  add({number, published_name(#function), {TAVIK_FOR_EACH(TAVIK_SCALAR_PARAMETER, __VA_ARGS__)}});
+  TAVIK_SCALAR_METHODS(TAVIK_ADD_METHOD)
+#undef TAVIK_ADD_METHOD
 #undef TAVIK_SCALAR_PARAMETER
+  return table;
+}();
 
 // The arguments of each scalar method as a record, field by field the primitive input buffer.
 #define TAVIK_SCALAR_FIELD(name) uint32_t name;
-#define TAVIK_ARGUMENTS_RECORD(number, name, ...)   \
-  struct name##_arguments {                         \
-    static constexpr uint32_t method = number;      \
-    TAVIK_FOR_EACH(TAVIK_SCALAR_FIELD, __VA_ARGS__) \
+#define TAVIK_ARGUMENTS_RECORD(number, function, ...) \
+  struct function##_arguments {                       \
+    static constexpr uint32_t method = number;        \
+    TAVIK_FOR_EACH(TAVIK_SCALAR_FIELD, __VA_ARGS__)   \
   };
 TAVIK_SCALAR_METHODS(TAVIK_ARGUMENTS_RECORD)
 #undef TAVIK_ARGUMENTS_RECORD
 #undef TAVIK_SCALAR_FIELD
 
-// The published words.
-static_assert([] {
-  for (uint32_t number = 0; number < methods.size(); ++number)
-    if (methods[number].number != number) return false;
+constexpr bool are_all_methods(bool (*condition)(const Method&)) {
+  for (const Method& method : methods)
+    if (!condition(method)) return false;
   return true;
-}());
+}
+static_assert(are_all_methods([](const Method& method) { return method.name != nullptr; }),
+              "two methods have the same number: numbers go from 0 up, one each");
+static_assert(are_all_methods([](const Method& method) { return *method.name != '\0'; }),
+              "the functions of methods begin with tavik_");
+static_assert(n_methods <= 32, "the scalars word has five bits for the number of a method");
+
+// The published words.
 static_assert(methods[0].buffer_counts() == 0x20001 && methods[1].buffer_counts() == 0x10);
 static_assert(methods[2].scalars() == 0x02000000 && methods[8].scalars() == 0x08000000);
 static_assert(methods[3].scalars() == 0x03010000 && methods[3].primitive_in_bytes() == 16);

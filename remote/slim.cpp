@@ -8,8 +8,6 @@
 namespace tavik::remote {
 namespace {
 
-constexpr size_t n_methods = methods.size();
-
 // Calls visit(name) for each method's name and its parameters' names, in the order of the name table.
 template <class Visit>
 constexpr void for_each_name(Visit visit) {
@@ -68,21 +66,21 @@ constexpr tavik_slim_parameter scalar_in = {TAVIK_SLIM_UINT32, 4, 4, TAVIK_SLIM_
 constexpr tavik_slim_parameter scalar_out = {TAVIK_SLIM_UINT32, 4, 4, TAVIK_SLIM_OUT};
 constexpr tavik_slim_parameter text_out = {TAVIK_SLIM_CHARACTERS, 16, 8, TAVIK_SLIM_OUT};
 
-constexpr const tavik_slim_parameter* record_of(Kind kind) {
+constexpr const tavik_slim_parameter* record_of(ParameterKind kind) {
   switch (kind) {
-    case Kind::uri:
+    case ParameterKind::uri:
       return &uri;
-    case Kind::handle_out:
+    case ParameterKind::handle_out:
       return &handle_out;
-    case Kind::handle_in:
+    case ParameterKind::handle_in:
       return &handle_in;
-    case Kind::scalar_in:
+    case ParameterKind::scalar_in:
       return &scalar_in;
-    case Kind::scalar_out:
+    case ParameterKind::scalar_out:
       return &scalar_out;
-    case Kind::text_out:
+    case ParameterKind::text_out:
       return &text_out;
-    case Kind::none:
+    case ParameterKind::none:
       break;
   }
   return nullptr;
@@ -101,8 +99,8 @@ struct Alignments {
   uint8_t in, out;
 };
 constexpr Alignments alignments_of(const Method& method) {
-  if (method.count(Kind::uri) != 0) return {4, 1};
-  if (method.count(Kind::handle_in) != 0) return {1, 0};
+  if (method.count(ParameterKind::uri) != 0) return {4, 1};
+  if (method.count(ParameterKind::handle_in) != 0) return {1, 0};
   if (method.primitive_out_bytes() != 0) return {4, 4};
   return {static_cast<uint8_t>(method.primitive_in_bytes() != 0 ? 4 : 0), 0};
 }
@@ -114,7 +112,7 @@ constexpr auto method_records = [] {
     const Alignments alignments = alignments_of(method);
     const uint32_t n = method.n_parameters();
     // A text received counts two arguments more: its length on the way in and on the way out.
-    const uint32_t max_arguments = n + 2 * method.count(Kind::text_out);
+    const uint32_t max_arguments = n + 2 * method.count(ParameterKind::text_out);
     records[method.number] = {method.buffer_counts(),
                               method.primitive_in_bytes(),
                               method.primitive_out_bytes(),

@@ -1,13 +1,47 @@
-// Reproducible data and digests, the same on every platform.
+// Reproducible data in guarded memory, and digests; the same on every platform.
 #pragma once
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <vector>
 
 namespace test {
+
+// Whether the elements of a Vector end where memory that no one may touch begins, or begin where such memory ends. Tests
+// that are linked with guarded_main run once each way.
+inline bool ends_at_guard = true;
+
+template <class T>
+struct GuardedAllocator {
+  using value_type = T;
+  GuardedAllocator() = default;
+  template <class U>
+  GuardedAllocator(const GuardedAllocator<U>&) {}
+  T* allocate(size_t n) {
+    const size_t page = page_size(), length = pages_for(n) + 2 * page;
+    void* const whole = mmap(nullptr, length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    auto* const start = static_cast<std::byte*>(whole) + page;
+    if (whole == MAP_FAILED || mprotect(start, length - 2 * page, PROT_READ | PROT_WRITE) != 0) throw std::bad_alloc();
+    return reinterpret_cast<T*>(ends_at_guard ? start + pages_for(n) - n * sizeof(T) : start);
+  }
+  void deallocate(T* p, size_t n) {
+    const auto start = reinterpret_cast<uintptr_t>(p) / page_size() * page_size();
+    munmap(reinterpret_cast<void*>(start - page_size()), pages_for(n) + 2 * page_size());
+  }
+  bool operator==(const GuardedAllocator&) const = default;
+
+ private:
+  static size_t page_size() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+  static size_t pages_for(size_t n) { return (n * sizeof(T) + page_size() - 1) / page_size() * page_size(); }
+};
+template <class T>
+using Vector = std::vector<T, GuardedAllocator<T>>;
 
 class Random {
  public:
@@ -22,16 +56,16 @@ class Random {
   float value() { return static_cast<float>(static_cast<int64_t>(bits() >> 40) - (1 << 23)) * 0x1p-23f; }
 
   template <class T>
-  std::vector<T> any(size_t count) {
-    std::vector<T> values(count);
+  Vector<T> any(size_t count) {
+    Vector<T> values(count);
     for (T& v : values) {
       const uint64_t pattern = bits();
       memcpy(&v, &pattern, sizeof v);
     }
     return values;
   }
-  std::vector<float> values(size_t count) {
-    std::vector<float> values(count);
+  Vector<float> values(size_t count) {
+    Vector<float> values(count);
     for (float& v : values) v = value();
     return values;
   }
@@ -39,20 +73,6 @@ class Random {
  private:
   uint64_t state_;
 };
-
-// Starts on a cache line, as outputs do that are written past the caches.
-template <class T>
-struct LineAllocator {
-  using value_type = T;
-  LineAllocator() = default;
-  template <class U>
-  LineAllocator(const LineAllocator<U>&) {}
-  T* allocate(size_t n) { return static_cast<T*>(::operator new (n * sizeof(T), std::align_val_t{64})); }
-  void deallocate(T* p, size_t) { ::operator delete (p, std::align_val_t{64}); }
-  bool operator==(const LineAllocator&) const = default;
-};
-template <class T>
-using Output = std::vector<T, LineAllocator<T>>;
 
 template <class T, class A, class B>
 bool same_bits(const std::vector<T, A>& a, const std::vector<T, B>& b) {

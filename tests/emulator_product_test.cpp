@@ -5,9 +5,10 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 
 #include "simd/simd.h"
-#include "tests/data.h"
+#include "tests/definitions.h"
 #include "tests/emulator_session.h"
 
 namespace {
@@ -51,7 +52,7 @@ class EmulatorProduct : public Emulator {
   }
   // The values but for the last n_missing bytes, at an offset up to which the buffer is untouched.
   template <class T>
-  Shared holding(const std::vector<T>& values, size_t offset = 0, size_t n_missing = 0) {
+  Shared holding(const Vector<T>& values, size_t offset = 0, size_t n_missing = 0) {
     const size_t n_byte = values.size() * sizeof(T) - n_missing;
     const Shared shared = mapped(offset + n_byte);
     if (n_byte != 0) std::memcpy(static_cast<char*>(shared.address) + offset, values.data(), n_byte);
@@ -59,8 +60,8 @@ class EmulatorProduct : public Emulator {
   }
   // All of the buffer from an offset on.
   template <class T = uint8_t>
-  static std::vector<T> read(const Shared& shared, size_t offset = 0) {
-    std::vector<T> values((shared.size - offset) / sizeof(T));
+  static Vector<T> read(const Shared& shared, size_t offset = 0) {
+    Vector<T> values((shared.size - offset) / sizeof(T));
     std::memcpy(values.data(), static_cast<char*>(shared.address) + offset, values.size() * sizeof(T));
     return values;
   }
@@ -79,43 +80,36 @@ class EmulatorProduct : public Emulator {
     EXPECT_EQ(first.invoke(get_AX, {fd(A0), fd(A1), fd(A2), fd(X)}), 0);
   }
 
-  void check_halves(const Shape& shape, const std::vector<uint16_t>& X, const std::vector<uint16_t>& W);
+  void check_halves(const Shape& shape, const Vector<uint16_t>& X, const Vector<uint16_t>& W);
   void check_sums(const Kind& kind, const Shape& shape, bool X_is_whole, bool A_is_whole);
 
   Random random{1};
 };
 
-size_t position_ah(size_t r, size_t c, size_t n_col) {
-  return (r / 32 * (n_col / 32) + c / 32) * 1024 + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
-}
-size_t position_wh(size_t r, size_t c, size_t n_col) {
-  return (r / 32 * (n_col / 32) + c / 32) * 1024 + c % 32 / 2 * 64 + r % 32 * 2 + c % 2;
-}
-
-std::vector<uint16_t> any_halves(Random& random, size_t count, uint32_t largest_exponent) {
-  std::vector<uint16_t> halves = random.any<uint16_t>(count);
+Vector<uint16_t> any_halves(Random& random, size_t count, uint32_t largest_exponent) {
+  Vector<uint16_t> halves = random.any<uint16_t>(count);
   for (uint16_t& half : halves)
     half = static_cast<uint16_t>((half & 0x83ffu) | (half >> 10 & 31u) % (largest_exponent + 1) << 10);
   return halves;
 }
 // Rows as padding leaves them.
-void clear_rows(std::vector<uint16_t>& X, size_t first, const Shape& s) {
+void clear_rows(Vector<uint16_t>& X, size_t first, const Shape& s) {
   for (size_t r = first; r < s.n_row; ++r)
-    for (size_t k = 0; k < s.n_inner; ++k) X[position_ah(r, k, s.n_inner)] = 0;
+    for (size_t k = 0; k < s.n_inner; ++k) X[place_in_ah(r, k, s.n_inner)] = 0;
 }
 // X and W are in tiles.
-void EmulatorProduct::check_halves(const Shape& shape, const std::vector<uint16_t>& X, const std::vector<uint16_t>& W) {
+void EmulatorProduct::check_halves(const Shape& shape, const Vector<uint16_t>& X, const Vector<uint16_t>& W) {
   const auto& [n_row, n_col, n_inner] = shape;
   const Shared a = mapped(2 * n_row * n_col + 6), x = holding(X, 2), w = holding(W, 4);
   EXPECT_EQ(multiply(f16, shape, a, 4, x, 2, w, 4), 0);
-  const std::vector<uint16_t> results = read<uint16_t>(a, 4);
+  const Vector<uint16_t> results = read<uint16_t>(a, 4);
   size_t n_different = 0;
   for (size_t r = 0; r < n_row; ++r)
     for (size_t c = 0; c < n_col; ++c) {
       float sum = 0;
       for (size_t k = 0; k < n_inner; ++k)
-        sum += simd::widen_bits(X[position_ah(r, k, n_inner)]) * simd::widen_bits(W[position_wh(k, c, n_col)]);
-      const uint16_t expected = simd::narrow_bits(sum), result = results[position_ah(r, c, n_col)];
+        sum += simd::widen_bits(X[place_in_ah(r, k, n_inner)]) * simd::widen_bits(W[place_in_wh<2>(k, c, n_col)]);
+      const uint16_t expected = simd::narrow_bits(sum), result = results[place_in_ah(r, c, n_col)];
       n_different += expected != result && !(std::isnan(sum) && std::isnan(simd::widen_bits(result)));
     }
   EXPECT_EQ(n_different, 0u) << n_row << " x " << n_col << " x " << n_inner;
@@ -139,40 +133,39 @@ TEST_F(EmulatorProduct, HasTheBitsOfOrderedSumsOnAnyNumberOfThreads) {
 
 TEST_F(EmulatorProduct, HasThemWithRowsOfZerosToo) {
   const auto check = [&](const Shape& s, std::initializer_list<size_t> counts) {
-    std::vector<uint16_t> X = any_halves(random, s.n_row * s.n_inner, 17);
+    Vector<uint16_t> X = any_halves(random, s.n_row * s.n_inner, 17);
     for (const size_t n_row : counts) {
       clear_rows(X, n_row, s);
       check_halves(s, X, any_halves(random, s.n_inner * s.n_col, 17));
     }
   };
   check({96, 160, 64}, {95, 79, 16, 15, 9, 7, 2, 1, 0});
+  Vector<uint16_t> X(96 * 64);
+  X[place_in_ah(95, 63, 64)] = 0x3c00;  // no row is padding
+  check_halves({96, 160, 64}, X, any_halves(random, 64 * 160, 17));
   check({32, 1024, 640}, {7});  // enough for two threads
 }
 
 TEST_F(EmulatorProduct, KeepsSubnormalsInfinitiesAndNaNs) {
-  std::vector<uint16_t> X = any_halves(random, 64 * 96, 30), W = any_halves(random, 96 * 64, 15);
+  Vector<uint16_t> X = any_halves(random, 64 * 96, 30), W = any_halves(random, 96 * 64, 15);
   for (size_t k = 0; k < 96; ++k) {
-    X[position_ah(1, k, 96)] = static_cast<uint16_t>(k % 7);  // subnormal results
-    X[position_ah(2, k, 96)] = 0x8000;
-    W[position_wh(k, 3, 64)] = 0x3c00;
+    X[place_in_ah(1, k, 96)] = static_cast<uint16_t>(k % 7);  // subnormal results
+    X[place_in_ah(2, k, 96)] = 0x8000;
+    W[place_in_wh<2>(k, 3, 64)] = 0x3c00;
   }
-  X[position_ah(5, 8, 96)] = 0x7c00;
-  X[position_ah(6, 9, 96)] = 0x7d01;  // signalling
-  X[position_ah(7, 10, 96)] = 0;
-  W[position_wh(10, 11, 64)] = 0xfc00;  // meets that 0
+  X[place_in_ah(5, 8, 96)] = 0x7c00;
+  X[place_in_ah(6, 9, 96)] = 0x7d01;  // signalling
+  X[place_in_ah(7, 10, 96)] = 0;
+  W[place_in_wh<2>(10, 11, 64)] = 0xfc00;  // meets that 0
   for (const size_t n_row : {64, 40, 7, 3}) {
     clear_rows(X, n_row, {64, 64, 96});
     check_halves({64, 64, 96}, X, W);
   }
 }
 
-size_t position_64(size_t r, size_t c, size_t n_col) {
-  return (r / 64 * (n_col / 32) + c / 32) * 2048 + r % 64 * 32 + c % 32;
-}
-int weight(const Kind& kind, const std::vector<uint8_t>& W, size_t k, size_t c, size_t n_col) {
-  const size_t tile = k / 32 * (n_col / 32) + c / 32, place = k % 32 * 4 + c % 4;
-  if (kind.W_bits == 8) return static_cast<int8_t>(W[tile * 1024 + c % 32 / 4 * 128 + place]);
-  const int nibble = W[tile * 512 + c % 32 / 8 * 128 + place] >> (c % 8 < 4 ? 0 : 4) & 15;
+int weight(const Kind& kind, const Vector<uint8_t>& W, size_t k, size_t c, size_t n_col) {
+  if (kind.W_bits == 8) return static_cast<int8_t>(W[place_in_wh<4>(k, c, n_col)]);
+  const int nibble = W[byte_of_nibble(k, c, n_col)] >> shift_of_nibble(c) & 15;
   return nibble < 8 ? nibble : nibble - 16;
 }
 
@@ -181,8 +174,8 @@ void EmulatorProduct::check_sums(const Kind& kind, const Shape& shape, bool X_is
   const auto& [n_row, n_col, n_inner] = shape;
   const size_t n_row_whole = (n_row + 63) / 64 * 64;
   const size_t n_missing = (n_row_whole - n_row) * 32;
-  const std::vector<uint8_t> X = random.any<uint8_t>(n_row_whole * n_inner),
-                             W = random.any<uint8_t>(n_inner * n_col * kind.W_bits / 8);
+  const Vector<uint8_t> X = random.any<uint8_t>(n_row_whole * n_inner),
+                        W = random.any<uint8_t>(n_inner * n_col * kind.W_bits / 8);
   const size_t X_missing = X_is_whole || n_inner == 0 ? 0 : n_missing, A_missing = A_is_whole ? 0 : n_missing;
   const Shared x = holding(X, 1, X_missing), w = holding(W, 3);
   const Shared a = mapped(4 + 4 * (n_row_whole * n_col - A_missing));
@@ -192,12 +185,12 @@ void EmulatorProduct::check_sums(const Kind& kind, const Shape& shape, bool X_is
   for (size_t k = 0; k < n_inner; ++k)
     for (size_t c = 0; c < n_col; ++c) weights.push_back(weight(kind, W, k, c, n_col));
   const size_t n_row_computed = X_missing + A_missing == 0 ? n_row_whole : n_row;
-  std::vector<int32_t> expected(n_row_whole * n_col, 0x5a5a5a5a);
+  Vector<int32_t> expected(n_row_whole * n_col, 0x5a5a5a5a);
   for (size_t r = 0; r < n_row_computed; ++r) {
-    std::vector<int32_t> sums(n_col);
+    Vector<int32_t> sums(n_col);
     for (size_t k = 0; k < n_inner; ++k)
-      for (size_t c = 0; c < n_col; ++c) sums[c] += X[position_64(r, k, n_inner)] * weights[k * n_col + c];
-    for (size_t c = 0; c < n_col; ++c) expected[position_64(r, c, n_col)] = sums[c];
+      for (size_t c = 0; c < n_col; ++c) sums[c] += X[place_in_tall_tiles(r, k, n_inner)] * weights[k * n_col + c];
+    for (size_t c = 0; c < n_col; ++c) expected[place_in_tall_tiles(r, c, n_col)] = sums[c];
   }
   expected.resize(expected.size() - A_missing);
   EXPECT_TRUE(read<int32_t>(a, 4) == expected && is_untouched(a, 4))
@@ -224,11 +217,11 @@ TEST_F(EmulatorProduct, SumsOfExtremesAreExactAndWrapOnlyPast32Bits) {
                {a8w8, 255, 0xff, -255, 64},         {a8w8, 255, 0x80, 255 * -128, 65792},
                {a8w8, 255, 0x80, 255 * -128, 65824}};
   for (const auto& c : cases) {
-    const Shared x = holding(std::vector<uint8_t>(64 * c.n_inner, c.X)), a = mapped(4 * 64 * 32),
-                 w = holding(std::vector<uint8_t>(c.n_inner * 32 * c.kind.W_bits / 8, c.W));
+    const Shared x = holding(Vector<uint8_t>(64 * c.n_inner, c.X)), a = mapped(4 * 64 * 32),
+                 w = holding(Vector<uint8_t>(c.n_inner * 32 * c.kind.W_bits / 8, c.W));
     EXPECT_EQ(multiply(c.kind, {64, 32, c.n_inner}, a, 0, x, 0, w, 0), 0);
     const auto sum = static_cast<int32_t>(static_cast<uint32_t>(c.product * static_cast<int64_t>(c.n_inner)));
-    EXPECT_EQ(read<int32_t>(a), std::vector<int32_t>(64 * 32, sum)) << "case " << &c - cases;
+    EXPECT_EQ(read<int32_t>(a), Vector<int32_t>(64 * 32, sum)) << "case " << &c - cases;
   }
 }
 
@@ -305,6 +298,10 @@ TEST_F(EmulatorProduct, RefusalsLeaveTheResultsUntouched) {
                                          {0, a8w4.mm, 0, 32, 32, A, X, W, 0, 0, 0}};
   for (const auto& c : cases)
     EXPECT_EQ(first.invoke(c[1], {c.begin() + 2, c.end()}), static_cast<int>(c[0])) << "case " << &c - cases;
+  const auto begin = std::clock();
+  for (const Kind& kind : {f16, a8w8, a8w4})
+    EXPECT_EQ(first.invoke(kind.mm, {kind.mm == f16.mm ? huge : ~0u, 0, 0, A, X, W, 0, 0, 0}), 0);
+  EXPECT_LT(std::clock() - begin, 2 * CLOCKS_PER_SEC) << "nothing to compute, and no walk over all rows";
   const std::vector<uint32_t> right = {32, 32, 32, W, 0};
   EXPECT_EQ(first.invoke(unlock_unit), 0);
   for (const Kind& kind : {f16, a8w8, a8w4}) EXPECT_EQ(first.invoke(kind.single, right), PARLO_EMULATOR_DSP_NOT_LOCKED);

@@ -1,4 +1,5 @@
 // The emulated platform, call by call: what it refuses and with which status, and what it keeps apart.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -170,6 +171,231 @@ TEST_F(Emulator, ResourcesAndMatrixUnitAreHeldByOneSession) {
   EXPECT_EQ(first.invoke(acquire) + first.invoke(lock_unit), 0);
 }
 
+TEST_F(Emulator, TheFirstSessionHoldsAModuleForEachContext) {
+  configure([](auto& config) { config.session_bytes = 2 * page; });
+  Session rival;
+  open_first();
+  const Shared a = allocate(page), b = allocate(page), c = allocate(2 * page);
+  EXPECT_EQ(first.map(a) + first.map(b), 0);
+  EXPECT_EQ(first.map(c), PARLO_EMULATOR_ADDRESS_SPACE_FULL);
+  EXPECT_EQ(rival.open(), 0);
+  EXPECT_EQ(rival.map(c), 0);
+  const auto AX = [](const Shared& s) { return std::vector<uint32_t>(4, static_cast<uint32_t>(s.fd)); };
+  EXPECT_EQ(first.invoke(get_AX, AX(a)) + rival.invoke(get_AX, AX(b)), 0);
+  EXPECT_EQ(first.invoke(acquire), 0);
+  EXPECT_EQ(rival.invoke(lock_unit), PARLO_EMULATOR_DSP_NO_RESOURCE);
+
+  parlo_mem_free(c.address);
+  EXPECT_EQ(alive(), (Alive{2, 2 * page, 1, 2, 3}));
+  EXPECT_EQ(first.close(), 0);
+  EXPECT_EQ(alive(), (Alive{2, 2 * page, 1, 1, 2}));
+  EXPECT_EQ(first.invoke(clear_cache), PARLO_EMULATOR_BAD_HANDLE);
+  EXPECT_EQ(rival.invoke(self_test, {1, static_cast<uint32_t>(a.fd)}), 0);
+  EXPECT_EQ(rival.map(allocate(page)), PARLO_EMULATOR_ADDRESS_SPACE_FULL);
+  EXPECT_EQ(rival.close(), 0);
+  EXPECT_EQ(usage().n_sessions + usage().n_mappings, 0u);
+}
+
+TEST_F(Emulator, EachContextHasAMatrixUnitUnlessTheyShareOne) {
+  for (const bool shared : {false, true}) {
+    SCOPED_TRACE(shared);
+    configure([&](auto& config) { config.shared_matrix_unit = shared; });
+    Session rival;
+    open_first();
+    open_second();
+    ASSERT_EQ(rival.open(), 0);
+    const Shared a = allocate(page), b = allocate(page);
+    for (const Session& session : {first, second, rival}) {
+      const Shared& AX = session.handle == rival.handle ? b : a;
+      EXPECT_EQ(session.map(AX) + session.invoke(get_AX, std::vector<uint32_t>(4, static_cast<uint32_t>(AX.fd))), 0);
+      EXPECT_EQ(session.invoke(acquire), 0);
+    }
+    const int foreign = shared ? PARLO_EMULATOR_DSP_BUSY : 0;
+    EXPECT_EQ(second.invoke(lock_unit), 0);
+    EXPECT_EQ(first.invoke(lock_unit), PARLO_EMULATOR_DSP_BUSY);
+    EXPECT_EQ(rival.invoke(lock_unit), foreign);
+    EXPECT_EQ(second.invoke(put_AX) + second.invoke(unlock_unit) + first.invoke(lock_unit), 0);
+    EXPECT_EQ(rival.invoke(lock_unit), foreign);
+    parlo_emulator_reset();
+  }
+}
+
+// What a forked child finds, as its exit status; 0 where nothing is amiss.
+template <class Body>
+int in_child(Body body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(body());
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
+  configure([](auto& config) { config.n_sessions = 2; });
+  open_first();
+  open_second();
+  const Shared shared = allocate(page);
+  EXPECT_EQ(first.map(shared), 0);
+  const auto fd = static_cast<uint32_t>(shared.fd);
+  const auto byte = static_cast<uint8_t*>(shared.address);
+  *byte = 5;
+  char uri[256];
+  parlo_session_effective_domain record{"cdsp", 4, second.id, 0};
+  EXPECT_EQ(
+      in_child([&] {
+        int n = 0;
+        for (const int status : {first.invoke(self_test, {1, fd}), second.invoke(acquire), first.map(shared),
+                                 first.unmap(shared), first.close(), second.close(), second.get_uri(uri, sizeof uri),
+                                 second.allow_unsigned(), control(PARLO_SESSION_EFFECTIVE_DOMAIN, record)})
+          if (++n, status != PARLO_EMULATOR_INHERITED) return n;
+        if (alive() != Alive{1, page, 0, 0, 0}) return 20;
+        *byte = 77;  // in pages of its own
+        Session own;
+        if (own.open() != 0) return 21;
+        if (own.map(shared) != PARLO_EMULATOR_INHERITED) return 22;
+        const Shared mine = allocate(page);
+        if (own.map(mine) + own.invoke(self_test, {1, static_cast<uint32_t>(mine.fd)}) != 0) return 23;
+        if (own.invoke(self_test, {1, fd}) != PARLO_EMULATOR_DSP_NOT_MAPPED) return 24;
+        if (Session other; other.reserve() != 0 || other.id == second.id) return 25;
+        parlo_emulator_reset();
+        return 0;
+      }),
+      0);
+  EXPECT_EQ(first.invoke(self_test, {1, fd}), 0);
+  EXPECT_EQ(*byte, 6);
+  EXPECT_EQ(in_child([&] {
+              parlo_emulator_take_over();
+              Session more;
+              if (more.open() + more.invoke(self_test, {0, fd}) + more.close() != 0) return 99;
+              return first.invoke(self_test, {1, fd}) + second.close() + first.unmap(shared) + first.close();
+            }),
+            0);
+  EXPECT_EQ(*byte, 7);
+  EXPECT_EQ(first.invoke(self_test, {1, fd}), 0);
+  EXPECT_EQ(second.invoke(acquire), 0);
+}
+
+TEST_F(Emulator, FreeingWhatIsNotThereIsReportedAndCounted) {
+  const Shared shared = allocate(page);
+  testing::internal::CaptureStderr();
+  parlo_mem_free(nullptr);
+  parlo_mem_free(static_cast<char*>(shared.address) + 1);
+  parlo_mem_free(shared.address);
+  EXPECT_EQ(usage().n_foreign_frees, 1u);
+  EXPECT_EQ(usage().n_double_frees, 0u);
+  errno = 0;
+  parlo_mem_free(shared.address);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(usage().n_double_frees, 1u);
+  char lines[200];
+  snprintf(lines, sizeof lines,
+           "[parlo] parlo_mem_free(address=%p): no shared buffer starts there\n"
+           "[parlo] parlo_mem_free(address=%p): freed twice\n",
+           static_cast<void*>(static_cast<char*>(shared.address) + 1), shared.address);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), lines);
+  parlo_emulator_call call;
+  ASSERT_EQ(parlo_emulator_trace_get(parlo_emulator_trace_length() - 1, &call), 0);
+  EXPECT_EQ(call.result, PARLO_EMULATOR_DOUBLE_FREE);
+  const Shared again = allocate(page);
+  EXPECT_EQ(again.address, shared.address);
+  parlo_mem_free(again.address);
+  EXPECT_EQ(usage().n_double_frees, 1u);
+  parlo_emulator_reset();
+}
+
+void arm(int fault_class, int operation, uint32_t nth, int status = 0, int error = 0, int method = -1) {
+  const parlo_emulator_fault fault = {fault_class, operation, method, nth, status, error};
+  parlo_emulator_arm(&fault);
+}
+
+TEST_F(Emulator, FaultsStrikeFromThenOn) {
+  open_first();
+  arm(PARLO_EMULATOR_FAULT_FROM_THEN_ON, PARLO_EMULATOR_ANY_OPERATION, 2, 0x99, EIO);
+  EXPECT_EQ(first.invoke(acquire), 0);
+  EXPECT_EQ(first.invoke(acquire), 0x99);
+  EXPECT_EQ(parlo_mem_to_fd(nullptr), -1);
+  EXPECT_EQ(first.close(), 0x99);
+  EXPECT_EQ(parlo_emulator_faults_fired(), 3u);
+  parlo_emulator_clear_fault();
+  EXPECT_EQ(first.close(), 0);
+}
+
+TEST_F(Emulator, TruncatedRepliesAreWrittenInPart) {
+  open_first();
+  const Shared shared = allocate(page);
+  auto* const bytes = static_cast<uint8_t*>(shared.address);
+  EXPECT_EQ(first.map(shared), 0);
+  arm(PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_ANY_OPERATION, 2, 0x55, EIO);
+  const auto test = [&] { return first.invoke(self_test, {9, static_cast<uint32_t>(shared.fd)}); };
+  EXPECT_EQ(test() + first.invoke(acquire), 0);
+  EXPECT_EQ(test(), 0x55);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(std::string(bytes, bytes + 10), std::string("\2\2\2\2\1\1\1\1\1\0", 10));
+
+  uint32_t label_length = 6, numbers[4] = {7, 7, 7, 7};
+  char label[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
+  parlo_argument version[] = {{&label_length, 4}, {numbers, 16}, {label, 6}};
+  arm(PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_HANDLE_INVOKE, 1, 0, 0, 22);
+  EXPECT_EQ(parlo_handle_invoke(first.handle, PARLO_SCALARS(22, 1, 2), version), 0);
+  EXPECT_EQ(std::vector(numbers, numbers + 4), (std::vector<uint32_t>{1, 0, 7, 7}));
+  EXPECT_EQ(std::string(label, 6), "betxxx");
+
+  // Of 192 rows the middle is 96, rounded down to 64.
+  const Shared A = allocate(192 * 32 * 4), X = allocate(192 * 32), W = allocate(32 * 32);
+  EXPECT_EQ(first.map(A) + first.map(X) + first.map(W) + first.invoke(acquire) + first.invoke(lock_unit), 0);
+  std::memset(A.address, 0x33, A.size);
+  std::vector<uint32_t> words = {192, 32, 32};
+  for (const Shared& s : {A, X, W}) words.push_back(static_cast<uint32_t>(s.fd));
+  words.resize(9);
+  arm(PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_HANDLE_INVOKE, 1);
+  EXPECT_EQ(first.invoke(14, words), 0);
+  const auto* const results = static_cast<uint8_t*>(A.address);
+  EXPECT_EQ(std::count(results, results + A.size, 0), 64 * 32 * 4);
+  EXPECT_EQ(results[64 * 32 * 4], 0x33);
+}
+
+TEST_F(Emulator, LostSessionsAnswerNothingButTheirClosing) {
+  open_first();
+  open_second();
+  const Shared shared = allocate(page);
+  EXPECT_EQ(first.map(shared) + second.map(shared), 0);
+  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_ANY_OPERATION, 2, 0x55);
+  EXPECT_NE(parlo_mem_to_fd(shared.address), -1);
+  EXPECT_EQ(second.invoke(acquire), 0);
+  EXPECT_EQ(first.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(errno, ECONNRESET);
+  EXPECT_EQ(first.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(first.map(shared), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(first.unmap(shared), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(alive(), (Alive{1, page, 2, 2, 1}));
+  const Session lost = first;
+  open_first();
+  EXPECT_EQ(first.map(shared) + first.invoke(acquire) + first.unmap(shared), 0);
+  EXPECT_EQ(lost.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(lost.close() + first.close(), 0);
+  EXPECT_EQ(lost.close(), PARLO_EMULATOR_BAD_HANDLE);
+
+  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_MUNMAP, 1);
+  EXPECT_EQ(second.unmap(shared), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.close(), 0);
+  open_second();
+  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_HANDLE_CLOSE, 1);
+  EXPECT_EQ(second.close(), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.map(shared), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.close(), 0);
+  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_SESSION_CONTROL, 1);
+  ASSERT_EQ(second.reserve(), 0);
+  EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_UNSUPPORTED_DOMAIN);
+  EXPECT_EQ(alive(), (Alive{1, page, 0, 0, 0}));
+  ASSERT_EQ(second.reserve(), 0);
+  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_HANDLE_OPEN, 1);
+  EXPECT_EQ(second.open(), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(usage().n_sessions, 0u);
+}
+
 TEST_F(Emulator, FaultsStrikeTheChosenCall) {
   open_first();
   parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, clear_cache, 2, 0x123, EIO);
@@ -232,6 +458,7 @@ TEST_F(Emulator, MemoryThatRunsOutIsAStatus) {
       s = {parlo_mem_alloc2(25, 1, size), -1, size};
       if (!s.address) return errno == ENOMEM ? PARLO_EMULATOR_NO_MEMORY : -1;
       s.fd = parlo_mem_to_fd(s.address);
+      std::memset(s.address, 1, size);  // rows of zeros would not be worth a second thread
       return 0;
     };
   };

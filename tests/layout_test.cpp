@@ -7,9 +7,11 @@
 #include <string>
 
 #include "include/tavik.h"
-#include "tests/data.h"
+#include "tests/definitions.h"
 
 namespace {
+
+using test::Vector;
 
 bool memory_is_short = false;
 
@@ -28,8 +30,8 @@ using Size = uint64_t;
 
 // The definitions, element by element. What lies outside the array is dropped, and what nothing comes to stays.
 template <class T>
-void linearize(Size n_row, Size n_col, Size block_rows, Size block_cols, std::vector<T>& data) {
-  const std::vector<T> in = data;
+void linearize(Size n_row, Size n_col, Size block_rows, Size block_cols, Vector<T>& data) {
+  const Vector<T> in = data;
   const Size nb = n_col / block_cols;
   for (Size r = 0; r < n_row; ++r)
     for (Size j = 0; j < nb; ++j)
@@ -39,8 +41,8 @@ void linearize(Size n_row, Size n_col, Size block_rows, Size block_cols, std::ve
       }
 }
 template <class T>
-void unlinearize(Size n_row, Size n_col, Size block_rows, Size block_cols, std::vector<T>& data) {
-  const std::vector<T> in = data;
+void unlinearize(Size n_row, Size n_col, Size block_rows, Size block_cols, Vector<T>& data) {
+  const Vector<T> in = data;
   const Size nbc = (n_col + block_cols - 1) / block_cols;
   for (Size r = 0; r < n_row; ++r)
     for (Size c = 0; c < n_col; ++c)
@@ -48,16 +50,10 @@ void unlinearize(Size n_row, Size n_col, Size block_rows, Size block_cols, std::
           in[((r / block_rows * nbc + c / block_cols) * block_rows + r % block_rows) * block_cols + c % block_cols];
 }
 template <class T>
-void transpose(Size n_row, Size n_col, std::vector<T>& data) {
-  const std::vector<T> in = data;
+void transpose(Size n_row, Size n_col, Vector<T>& data) {
+  const Vector<T> in = data;
   for (Size r = 0; r < n_row; ++r)
     for (Size c = 0; c < n_col; ++c) data[c * n_row + r] = in[r * n_col + c];
-}
-
-// Any values and some more behind them, which no conversion may touch.
-template <class T>
-std::vector<T> any_matrix(test::Random& random, Size size) {
-  return random.any<T>(size + 64);
 }
 
 class Layouts : public testing::TestWithParam<bool> {
@@ -78,16 +74,16 @@ template <class T>
 void check_family(test::Random& random, void (*linearize_member)(Size, Size, Size, Size, T*),
                   void (*unlinearize_member)(Size, Size, Size, Size, T*), void (*transpose_member)(Size, Size, T*)) {
   const Blocks cases[] = {
-      {64, 96, 32, 32}, {12, 20, 4, 5},     {7, 9, 7, 9},  {30, 30, 1, 30}, {30, 30, 30, 1},  {0, 8, 2, 2},
-      {8, 0, 2, 2},     {64, 300, 16, 100},  // all in whole blocks; then rows and columns left over, and either
-      {8, 22, 2, 4},    {3, 4, 2, 1},       {5, 8, 3, 2},  {33, 20, 16, 3}, {5, 7, 8, 2},     {1, 40, 16, 8},
-      {29, 64, 32, 1},  {35, 340, 16, 70},  {5, 37, 4, 8}, {63, 65, 64, 1}, {3, 200, 2, 131}, {7, 9, 4, 4},
-      {8, 9, 4, 4},     {7, 8, 4, 4},       {3, 3, 5, 5},  {70, 33, 64, 2}, {33, 70, 16, 64}, {48, 97, 16, 32},
-      {9, 5, 2, 3},     {3, 4, 0, 1},       {3, 4, 1, 0}};
+      {64, 96, 32, 32}, {64, 63, 32, 63},  {12, 20, 4, 5},     {7, 9, 7, 9},    {30, 30, 1, 30},  {30, 30, 30, 1},
+      {0, 8, 2, 2},     {8, 0, 2, 2},      {64, 300, 16, 100},  // all in whole blocks; then rows and columns left over, and either
+      {8, 22, 2, 4},    {3, 4, 2, 1},      {5, 8, 3, 2},       {33, 20, 16, 3}, {5, 7, 8, 2},     {1, 40, 16, 8},
+      {29, 64, 32, 1},  {35, 340, 16, 70}, {5, 37, 4, 8},      {63, 65, 64, 1}, {3, 200, 2, 131}, {7, 9, 4, 4},
+      {8, 9, 4, 4},     {7, 8, 4, 4},      {3, 3, 5, 5},       {70, 33, 64, 2}, {33, 70, 16, 64}, {48, 97, 16, 32},
+      {9, 5, 2, 3},     {3, 4, 0, 1},      {3, 4, 1, 0}};
   for (const Blocks& b : cases) {
     SCOPED_TRACE(testing::Message() << b.n_row << " x " << b.n_col << " in " << b.block_rows << " x " << b.block_cols);
     const bool has_blocks = b.block_rows != 0 && b.block_cols != 0;
-    std::vector<T> data = any_matrix<T>(random, b.n_row * b.n_col), expected = data;
+    Vector<T> data = random.any<T>(b.n_row * b.n_col), expected = data;
     if (has_blocks) linearize(b.n_row, b.n_col, b.block_rows, b.block_cols, expected);
     linearize_member(b.n_row, b.n_col, b.block_rows, b.block_cols, data.data());
     EXPECT_TRUE(test::same_bits(data, expected));
@@ -99,7 +95,7 @@ void check_family(test::Random& random, void (*linearize_member)(Size, Size, Siz
     // Edge blocks are whole in the source and cut in the result.
     const Size blocks_down = has_blocks ? (b.n_row + b.block_rows - 1) / b.block_rows : b.n_row;
     const Size blocks_across = has_blocks ? (b.n_col + b.block_cols - 1) / b.block_cols : b.n_col;
-    data = any_matrix<T>(random, blocks_down * blocks_across * (has_blocks ? b.block_rows * b.block_cols : 1));
+    data = random.any<T>(blocks_down * blocks_across * (has_blocks ? b.block_rows * b.block_cols : 1));
     expected = data;
     if (has_blocks) unlinearize(b.n_row, b.n_col, b.block_rows, b.block_cols, expected);
     unlinearize_member(b.n_row, b.n_col, b.block_rows, b.block_cols, data.data());
@@ -126,7 +122,7 @@ struct Layout {
   const char* name;
   void (*converter)(Size, Size, T*);
   Size (*place)(Size r, Size c, Size n_col);
-  void (*steps)(Size, Size, std::vector<T>&);
+  void (*steps)(Size, Size, Vector<T>&);
   Size column_multiple;
 };
 
@@ -138,7 +134,7 @@ void check_layout(test::Random& random, const Layout<T>& layout) {
   for (const Size n_row : rows) {
     for (const Size n_col : columns) {
       SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
-      std::vector<T> data = any_matrix<T>(random, n_row * n_col), expected = data;
+      Vector<T> data = random.any<T>(n_row * n_col), expected = data;
       if (n_row % 32 != 0 || n_col % layout.column_multiple != 0)
         layout.steps(n_row, n_col, expected);
       else
@@ -149,18 +145,8 @@ void check_layout(test::Random& random, const Layout<T>& layout) {
   }
 }
 
-// The start of the band and tile, then the place inside: of ah, whose tiles take whole 32 columns, and of the wh forms,
-// in which a group of columns is 32 * group contiguous elements.
-Size place_in_ah(Size r, Size c, Size n_col) {
-  return (r / 32 * (n_col / 32) + c / 32) * 1024 + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
-}
-template <Size group>
-Size place_in_wh(Size r, Size c, Size n_col) {
-  return r / 32 * 32 * n_col + c / group * group * 32 + r % 32 * group + c % group;
-}
-
-const Layout<uint16_t> ah = {"ah", tavik_f16_rm_to_f16_ah_inplace, place_in_ah,
-                             [](Size n_row, Size n_col, std::vector<uint16_t>& data) {
+const Layout<uint16_t> ah = {"ah", tavik_f16_rm_to_f16_ah_inplace, test::place_in_ah,
+                             [](Size n_row, Size n_col, Vector<uint16_t>& data) {
                                linearize(n_row, n_col, 2, 1, data);
                                linearize(n_row / 2, 2 * n_col, 16, 64, data);
                              },
@@ -173,16 +159,16 @@ TEST_P(Layouts, TilesAreWhereTheirFormulasSay) {
     linearize(n_col, n_row, group, 1, data);
     linearize(n_col / group, group * n_row, n_col / group, 32 * group, data);
   };
-  check_layout(random_, Layout<uint16_t>{"wh f16", tavik_f16_rm_to_f16_wh_inplace, place_in_wh<2>,
-                                         [](Size r, Size c, std::vector<uint16_t>& data) { steps(2, r, c, data); }, 2});
-  check_layout(random_, Layout<int8_t>{"wh i8", tavik_i8_rm_to_i8_wh_inplace, place_in_wh<4>,
-                                       [](Size r, Size c, std::vector<int8_t>& data) { steps(4, r, c, data); }, 4});
+  check_layout(random_, Layout<uint16_t>{"wh f16", tavik_f16_rm_to_f16_wh_inplace, test::place_in_wh<2>,
+                                         [](Size r, Size c, Vector<uint16_t>& data) { steps(2, r, c, data); }, 2});
+  check_layout(random_, Layout<int8_t>{"wh i8", tavik_i8_rm_to_i8_wh_inplace, test::place_in_wh<4>,
+                                       [](Size r, Size c, Vector<int8_t>& data) { steps(4, r, c, data); }, 4});
 }
 
 TEST_P(Layouts, ActivationTilesConvertBack) {
   for (const auto& [n_row, n_col] : {std::pair<Size, Size>{32, 32}, {96, 1056}, {64, 64}}) {
-    const std::vector<uint16_t> matrix = random_.any<uint16_t>(n_row * n_col);
-    std::vector<uint16_t> data = matrix;
+    const Vector<uint16_t> matrix = random_.any<uint16_t>(n_row * n_col);
+    Vector<uint16_t> data = matrix;
     tavik_f16_rm_to_f16_ah_inplace(n_row, n_col, data.data());
     EXPECT_NE(data, matrix);
     tavik_f16_ah_to_f16_rm_inplace(n_row, n_col, data.data());
@@ -190,7 +176,7 @@ TEST_P(Layouts, ActivationTilesConvertBack) {
   }
   // A partial band and a partial column of tiles: the inverses of the steps.
   const Size n_row = 40, n_col = 48;
-  std::vector<uint16_t> data = any_matrix<uint16_t>(random_, 64 * 64), expected = data;
+  Vector<uint16_t> data = random_.any<uint16_t>(64 * 64), expected = data;
   unlinearize(n_row / 2, 2 * n_col, 16, 64, expected);
   unlinearize(n_row, n_col, 2, 1, expected);
   tavik_f16_ah_to_f16_rm_inplace(n_row, n_col, data.data());
@@ -201,16 +187,16 @@ TEST_P(Layouts, FourBitTilesArePackedAndPadded) {
   for (const auto& [n_row, n_col] : {std::pair<Size, Size>{32, 32}, {64, 96}, {1, 8}, {33, 40}, {70, 1056}, {31, 64}}) {
     SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
     const Size tiles_down = (n_row + 31) / 32, tiles_across = (n_col + 31) / 32;
-    std::vector<uint32_t> data = random_.any<uint32_t>(tiles_down * tiles_across * 128);  // the room behind is not zero
-    std::vector<uint8_t> expected(tiles_down * tiles_across * 512), transposed(n_row * n_col);
+    Vector<uint32_t> data = random_.any<uint32_t>(tiles_down * tiles_across * 128);  // the room behind is not zero
+    Vector<uint8_t> expected(tiles_down * tiles_across * 512), transposed(n_row * n_col);
     for (Size r = 0; r < n_row; ++r)
       for (Size c = 0; c < n_col; ++c) {
         const uint32_t nibble = data[(r * n_col + c) / 8] >> 4 * (c % 8) & 15u;
-        const Size byte = (r / 32 * tiles_across + c / 32) * 512 + c % 32 / 8 * 128 + r % 32 * 4 + c % 4;
-        expected[byte] = static_cast<uint8_t>(expected[byte] | nibble << (c % 8 < 4 ? 0 : 4));
+        uint8_t& byte = expected[test::byte_of_nibble(r, c, n_col)];
+        byte = static_cast<uint8_t>(byte | nibble << test::shift_of_nibble(c));
         transposed[c * n_row + r] = static_cast<uint8_t>(nibble | 0xa0u);  // upper bits are not looked at
       }
-    std::vector<uint8_t> tiles(expected.size(), 0xee);
+    Vector<uint8_t> tiles(expected.size(), 0xee);
     tavik_host_layout_w4_flat_to_weight(tiles.data(), transposed.data(), n_col, n_row);
     EXPECT_EQ(tiles, expected);
     tavik_i4_rm_to_i4_wh_inplace(n_row, n_col, data.data());
@@ -220,7 +206,7 @@ TEST_P(Layouts, FourBitTilesArePackedAndPadded) {
 
 TEST(Blocks, OfFourByEight) {
   test::Random random(3);
-  std::vector<uint16_t> data = random.any<uint16_t>(12 * 24), expected = data;
+  Vector<uint16_t> data = random.any<uint16_t>(12 * 24), expected = data;
   linearize(12, 24, 4, 8, expected);
   tavik_f16_cm_to_f16_zb_inplace(12, 24, data.data());
   EXPECT_EQ(data, expected);
@@ -240,9 +226,9 @@ TEST(Sizes, RoundUp) {
 TEST(LayoutDigest, IsTheSameEverywhere) {
   test::Random random(4);
   const Size n_row = 256, n_col = 1024;
-  std::vector<uint16_t> halves = random.any<uint16_t>(n_row * n_col);
-  std::vector<int8_t> bytes = random.any<int8_t>(n_row * n_col);
-  std::vector<uint32_t> nibbles = random.any<uint32_t>(n_row * n_col / 8);
+  Vector<uint16_t> halves = random.any<uint16_t>(n_row * n_col);
+  Vector<int8_t> bytes = random.any<int8_t>(n_row * n_col);
+  Vector<uint32_t> nibbles = random.any<uint32_t>(n_row * n_col / 8);
   uint64_t digest = test::digest(halves);
   const auto add = [&](const auto& values) { digest = test::digest(values, digest); };
   for (const auto convert : {tavik_f16_rm_to_f16_ah_inplace, tavik_f16_rm_to_f16_wh_inplace,

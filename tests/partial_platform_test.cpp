@@ -1,6 +1,8 @@
 // The library on a platform that has some of the optional entries, as this program defines them: a debug log without its
 // configuration, and a list of domains that tells their number in its first answer only.
 #define PARLO_IMPLEMENTATION
+#include <dlfcn.h>
+
 #include <cstdarg>
 
 #include "include/dsp_capability.h"
@@ -30,13 +32,16 @@ int parlo_system_request(parlo_system_domains* request) {
 
 namespace {
 
-TEST(PartialPlatform, IsGivenTheFailuresToLog) {
+class PartialPlatform : public test::PlatformTest {};
+
+TEST_F(PartialPlatform, IsGivenTheFailuresToLog) {
+  ASSERT_EQ(dlsym(RTLD_DEFAULT, "platform_debug_log_configure"), nullptr);
   EXPECT_EQ(tavik_veyra_clear_cache(0x1234), PARLO_EMULATOR_BAD_HANDLE);
   EXPECT_EQ(logged,
             "3 build/tavik_stub:300 ERROR 0x207: handle=0x1234, scalar=0x2000000, method ID=2: _stub_method failed\n");
 }
 
-TEST(PartialPlatform, NeedsToCountItsDomainsOnce) {
+TEST_F(PartialPlatform, NeedsToCountItsDomainsOnce) {
   int count = 0;
   parlo_domain* domains = nullptr;
   ASSERT_EQ(get_domains_info(nullptr, &count, &domains), 0);

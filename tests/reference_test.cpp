@@ -1,4 +1,4 @@
-// The reference products against exact integer arithmetic: half multiply-adds with one rounding, sums in their order.
+// The reference products against exact half arithmetic: sums in their order, each step rounded once.
 #include <bit>
 #include <cstdio>
 
@@ -9,114 +9,14 @@
 
 namespace {
 
+using test::Vector;
+
 namespace simd = morun::simd;
 using test::exact_fma, test::exact_product, test::exact_sum, test::is_nan, test::last_error, test::sign_bit;
 
-struct Triple {
-  uint16_t a, b, c;
-};
-
-// Collects triples and compares eight at a time, in every form that a half multiply-add has.
-class Comparison {
- public:
-  void add(Triple t) {
-    a_[count_] = t.a, b_[count_] = t.b, c_[count_] = t.c;
-    if (++count_ == 8) compare();
-  }
-  size_t n_double_rounded() const { return n_double_rounded_; }
-
- private:
-  void compare() {
-    count_ = 0;
-    uint16_t anywhere[8], accumulated[8], sum[8], product[8];
-    const simd::f16x8 a = simd::load(a_), b = simd::load(b_), c = simd::load(c_);
-    simd::store(anywhere, simd::multiply_add(a, b, c));
-    simd::store(sum, simd::add(a, c));
-    simd::store(product, simd::multiply(a, b));
-    simd::in_half_arithmetic([&] {
-      simd::half8_sum total = simd::load_half8_sum(c_);
-      simd::accumulate(total, simd::load_half8(a_), simd::load_half8(b_));
-      simd::store(accumulated, total);
-    });
-    for (size_t i = 0; i < 8; ++i) {
-      const uint16_t expected = exact_fma(a_[i], b_[i], c_[i]);
-      expect(i, "half_fma", simd::half_fma(a_[i], b_[i], c_[i]), expected);
-      expect(i, "multiply_add", anywhere[i], expected);
-      expect(i, "accumulate", accumulated[i], expected);
-      expect(i, "add", sum[i], exact_sum(a_[i], c_[i]));
-      expect(i, "multiply", product[i], exact_product(a_[i], b_[i]));
-      const float twice = simd::widen_bits(a_[i]) * simd::widen_bits(b_[i]) + simd::widen_bits(c_[i]);
-      n_double_rounded_ += !is_nan(expected) && simd::narrow_bits(twice) != expected;
-    }
-  }
-  void expect(size_t i, const char* operation, uint16_t result, uint16_t expected) {
-    if (result == expected || (is_nan(result) && is_nan(expected))) return;
-    if (n_wrong_++ < 10)
-      ADD_FAILURE() << std::hex << operation << " of " << a_[i] << ' ' << b_[i] << ' ' << c_[i] << ": " << result
-                    << " instead of " << expected;
-  }
-
-  uint16_t a_[8], b_[8], c_[8];
-  size_t count_ = 0, n_wrong_ = 0, n_double_rounded_ = 0;
-};
-
-constexpr uint16_t notable[] = {0,      1,      2,      0x3ff,  0x400,  0x401,  0x1000, 0x13ff, 0x1400, 0x17ff,
-                                0x3bff, 0x3c00, 0x3c01, 0x3fff, 0x57ff, 0x6801, 0x7bfe, 0x7bff, 0x7c00, 0x7e01};
-
-uint16_t notable_of_either_sign(size_t i) {
-  return static_cast<uint16_t>(notable[i / 2] | (i % 2 ? sign_bit : 0));
-}
-
-// Zeros, subnormals, powers of two and their neighbours, the largest, infinity and NaN, with every other value.
-TEST(HalfMultiplyAdd, IsExactForNotableFactorsAndEveryAddend) {
-  Comparison comparison;
-  for (size_t i = 0; i < 2 * std::size(notable); i += 2)
-    for (size_t j = i; j < 2 * std::size(notable); j += 3)
-      for (uint32_t any = 0; any < 0x10000; ++any) {
-        const uint16_t a = notable_of_either_sign(i), b = notable_of_either_sign(j), c = static_cast<uint16_t>(any);
-        comparison.add({a, b, c});
-        if (i % 3 == 0) comparison.add({c, a, b});
-      }
-}
-
-// Where rounding to f32 first, then to f16, goes wrong: products just beside half of the addend's last place; and where
-// the sum cancels, or crosses the border to the subnormals or to infinity.
-TEST(HalfMultiplyAdd, IsExactBesideTiesAndUnderCancellation) {
-  test::Random random(1);
-  Comparison comparison;
-  for (size_t i = 0; i < 2'000'000; ++i) {
-    const uint64_t bits = random.bits();
-    auto a = static_cast<uint16_t>(bits), b = static_cast<uint16_t>(bits >> 16), c = static_cast<uint16_t>(bits >> 32);
-    const auto nudge = [&](uint16_t pattern) { return static_cast<uint16_t>(pattern + (bits >> 50) % 5 - 2); };
-    const auto with_exponent = [](uint16_t pattern, int exponent) {
-      return static_cast<uint16_t>((pattern & 0x83ff) | std::clamp(exponent, 0, 31) << 10);
-    };
-    const int exponent_c = c >> 10 & 0x1f;
-    const uint64_t kind = bits >> 61;
-    if (kind == 0) c = nudge(exact_product(a, b) ^ sign_bit);
-    if (kind == 1) a = with_exponent(a & 0x8003, exponent_c - 11), b = nudge(0x3c00);
-    if (kind == 2)  // (1 + m) * (1 - m) times half the last place
-      a = with_exponent(a & 0x8007, exponent_c - 11), b = static_cast<uint16_t>(0x3c00 - 2 * (a & 7));
-    if (kind == 3)  // a product of twelve bits, and an addend far below
-      a = with_exponent(a & 0x80ff, 20 + a % 8), b = 0x3e00, c &= 0x83ff;
-    if (kind == 4) a = with_exponent(a, 0), b = with_exponent(b, 14), c &= 0x8fff;
-    if (kind == 5) a = with_exponent(a & 0x8003, 15 + b % 12), b = nudge(0x3c00), c = nudge((c & sign_bit) | 0x7bfd);
-    comparison.add({a, b, c});
-  }
-  EXPECT_GT(comparison.n_double_rounded(), 100'000u);  // the triples are hard ones
-}
-
-TEST(HalfArithmetic, KeepsItsRoundingToItself) {
-  volatile float one = 1, little = 0x1.8p-24f;
-  uint16_t halves[8];
-  EXPECT_EQ(one + little, 1 + 0x1p-23f);
-  simd::in_half_arithmetic([&] { simd::store(halves, simd::half8_sum{}); });
-  EXPECT_EQ(one + little, 1 + 0x1p-23f);
-}
-
 // ---- Products, as their declarations tell them
 
-using Halves = std::vector<uint16_t>;
+using Halves = Vector<uint16_t>;
 
 float settled(float value) {
   return value == value ? value : std::bit_cast<float>(0x7fc00000u);
@@ -160,8 +60,8 @@ struct Matrices {
     if (c / 4 * 4 + 4 > n_col) return of_odd_column(r, c);
     return r / 4 * 4 + 4 > n_row ? of_row(r, c) : of_block(r, c);
   }
-  std::vector<float> product() const {
-    std::vector<float> result;
+  Vector<float> product() const {
+    Vector<float> result;
     for (uint64_t r = 0; r < n_row; ++r)
       for (uint64_t c = 0; c < n_col; ++c) result.push_back(at(r, c));
     return result;
@@ -188,8 +88,8 @@ Matrices matrices(test::Random& random, uint64_t n_row, uint64_t n_col, uint64_t
 }
 
 // To tell NaNs and zeros apart.
-std::vector<uint32_t> patterns(const std::vector<float>& values) {
-  std::vector<uint32_t> patterns;
+Vector<uint32_t> patterns(const Vector<float>& values) {
+  Vector<uint32_t> patterns;
   for (float v : values) patterns.push_back(std::bit_cast<uint32_t>(v));
   return patterns;
 }
@@ -208,7 +108,7 @@ TEST(ReferenceBlocks, CoverResultsOfAnyShapeToTheLastBit) {
     for (Values values : all_values) {
       SCOPED_TRACE(testing::Message() << s.n_row << " x " << s.n_col << " x " << s.n_inner << ' ' << int(values));
       const Matrices m = matrices(random, s.n_row, s.n_col, s.n_inner, values);
-      std::vector<float> c(s.n_row * s.n_col, untouched);
+      Vector<float> c(s.n_row * s.n_col, untouched);
       for (uint64_t p = 0; p < 4; ++p)
         for (uint64_t q = 0; q < 18; ++q)
           dravin_math_matmul_pq(s.n_row, s.n_col, s.n_inner, p, q, c.data(), m.a.data(), m.w.data());
@@ -232,8 +132,8 @@ TEST(ReferenceKernels, AddUpInTheirOrder) {
     for (Values values : all_values) {
       SCOPED_TRACE(testing::Message() << n_inner << ' ' << int(values));
       const Matrices m = matrices(random, 4, 4, n_inner, values);
-      std::vector<float> block(4 * pitch, untouched), in_floats = block, row(5, untouched);
-      std::vector<float> expected_block = block, expected_in_floats = block, expected_row = row;
+      Vector<float> block(4 * pitch, untouched), in_floats = block, row(5, untouched);
+      Vector<float> expected_block = block, expected_in_floats = block, expected_row = row;
       qmmbp_HxD(pitch, n_inner, block.data(), m.w.data(), m.a.data());
       qmmbp_HxD_(pitch, n_inner, in_floats.data(), m.w.data(), m.a.data());
       qdotxH(n_inner, row.data(), m.w.data(), m.a.data());
@@ -270,11 +170,11 @@ class ReferenceProducts : public test::PlatformTest {
 TEST_F(ReferenceProducts, TakeWeightsAsTheLayoutMakesThemAndHalvesOrFloats) {
   for (uint64_t n_row : {1, 4, 6, 19, 33}) {
     const uint64_t n_col = 96, n_inner = 64;
-    const std::vector<float> a = random_.values(n_row * n_inner);
+    const Vector<float> a = random_.values(n_row * n_inner);
     Matrices m = {n_row, n_col, n_inner, Halves(a.size()), halves(random_, n_col * n_inner, Values::ordinary)};
     tavik_f16_cm_to_f16_zb_inplace(n_col, n_inner, m.w.data());
     tavik_f32_to_f16(a.size(), a.data(), m.a.data());
-    std::vector<float> c(n_row * n_col + 1, untouched), d = c, expected = m.product();
+    Vector<float> c(n_row * n_col + 1, untouched), d = c, expected = m.product();
     expected.push_back(untouched);
     activation()[a.size()] = 0x1234;
     EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, n_row, n_col, n_inner, c.data(), m.a.data(), m.w.data()),
@@ -318,6 +218,10 @@ TEST_F(ReferenceProducts, RefuseInTheOrderOfTheirChecks) {
   // Limits may allow what the buffer, sized by other limits, cannot hold.
   context_->n_row_max = context_->input_matrix_size_max = context_->output_matrix_size_max = UINT64_MAX;
   const uint64_t n_row = context_->X_size / (2 * 32) + 1;
+  std::vector<float> a((n_row - 1) * 32), c(a.size(), untouched);
+  const Halves w(32 * 32);
+  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row - 1, 32, 32, c.data(), a.data(), w.data()), 0u);
+  EXPECT_EQ(c, a);
   expect_refusal(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row, 32, 32, nullptr, nullptr, nullptr),
                  "Activation of " + std::to_string(64 * n_row) + " bytes in whole tiles exceeds its buffer of " +
                      std::to_string(context_->X_size) + " (see tavik_options to adapt)");
@@ -326,9 +230,9 @@ TEST_F(ReferenceProducts, RefuseInTheOrderOfTheirChecks) {
 TEST_F(ReferenceProducts, OfNoRowsOrOfNothing) {
   EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, 0, 32, 32, nullptr, nullptr, nullptr), 0u);
   EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, 0, 32, 32, nullptr, nullptr, nullptr), 0u);
-  std::vector<float> c(5 * 32, untouched);
+  Vector<float> c(5 * 32, untouched);
   EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, 5, 32, 0, c.data(), nullptr, nullptr), 0u);
-  EXPECT_EQ(patterns(c), std::vector<uint32_t>(5 * 32, 0));
+  EXPECT_EQ(patterns(c), Vector<uint32_t>(5 * 32, 0));
 }
 
 // The same on every processor.
@@ -338,7 +242,7 @@ TEST_F(ReferenceProducts, AreTheSameToTheLastBitEverywhere) {
     for (uint64_t n_row : {6, 35}) {
       const uint64_t n_col = 64, n_inner = 1024;
       const Matrices m = matrices(random_, n_row, n_col, n_inner, values);
-      std::vector<float> wide_a(m.a.size()), c(n_row * n_col), d = c, e(n_row * 6), f(4 * 4), g = f, h(4);
+      Vector<float> wide_a(m.a.size()), c(n_row * n_col), d = c, e(n_row * 6), f(4 * 4), g = f, h(4);
       tavik_f16_to_f32(m.a.size(), m.a.data(), wide_a.data());
       for (float& v : wide_a) v *= 1 + 0x1p-12f;
       tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, n_row, n_col, n_inner, c.data(), m.a.data(), m.w.data());
@@ -349,7 +253,7 @@ TEST_F(ReferenceProducts, AreTheSameToTheLastBitEverywhere) {
       qmmbp_HxD(4, n_inner - 3, f.data(), m.w.data(), m.a.data());
       qmmbp_HxD_(4, n_inner, g.data(), m.w.data(), m.a.data());
       qdotxH(n_inner - 3, h.data(), m.w.data(), m.a.data());
-      for (const std::vector<float>& results : {c, d, e, f, g, h}) hash = test::digest(results, hash);
+      for (const Vector<float>& results : {c, d, e, f, g, h}) hash = test::digest(results, hash);
     }
   printf("digest %llu\n", static_cast<unsigned long long>(hash));
   EXPECT_EQ(hash, 14367766271978253130u);

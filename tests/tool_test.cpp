@@ -457,7 +457,9 @@ TEST_F(ToolTest, OutputAppearsWholeOrNotAtAll) {
   fs::create_symlink("new.npy", fs::path(work()) / "dangling");
   EXPECT_EQ(run("make 5 7 -o link").status, 0);
   EXPECT_EQ(run("make 5 7 -o dangling", "umask 027; ").status, 0);
-  EXPECT_EQ(std::tuple(mode("old.npy"), mode("new.npy")), std::tuple(0640u, 0640u));
+  write("i.npy", matrix_npy({1}, 1));
+  EXPECT_EQ(run("mm i.npy --pair i.npy i.npy -o first.npy second.npy", "umask 027; ").status, 0);
+  for (const char* const name : {"old.npy", "new.npy", "first.npy", "second.npy"}) EXPECT_EQ(mode(name), 0640u) << name;
   EXPECT_TRUE(fs::is_symlink(fs::path(work()) / "link") && fs::is_symlink(fs::path(work()) / "dangling"));
   EXPECT_NE(file("old.npy"), old);
   EXPECT_EQ(file("old.npy"), file("new.npy"));
@@ -465,7 +467,6 @@ TEST_F(ToolTest, OutputAppearsWholeOrNotAtAll) {
   // Standard output and pipes take the bytes as they come; the report goes elsewhere.
   EXPECT_EQ(run("make 5 7 -o -").out, file("new.npy"));
   EXPECT_EQ(run("make 5 7 -o fifo & cat fifo >../out; wait", "mkfifo fifo; ").out, file("new.npy"));
-  write("i.npy", matrix_npy({1}, 1));
   write("x.npy", matrix_npy({5}, 1));
   Outcome outcome = run("mm x.npy i.npy -o - --check");
   EXPECT_EQ(outcome.out.size(), 132u);
@@ -484,6 +485,7 @@ TEST_F(ToolTest, OutputAppearsWholeOrNotAtAll) {
       {"", {SIGINT}}, {"", {SIGTERM}}, {"", {SIGHUP}}, {"trap '' HUP; ", {SIGHUP, SIGTERM}}};
   for (const auto& [trap, signals] : endings) {
     const pid_t process = fork();
+    ASSERT_GE(process, 0);
     if (process == 0) {
       std::signal(SIGINT, SIG_DFL);
       execl("/bin/sh", "sh", "-c",
@@ -720,7 +722,9 @@ TEST_F(ToolTest, VerifyHoldsEveryKernelToItsDefinition) {
 
 TEST_F(ToolTest, BenchWritesWhatGoogleBenchmarkWrites) {
   const std::string f32 = "tavik_npu_mm_f32_rm_f32_rm_f16_wh";
-  report("bench --kernel " + f32 + " --shape 33x64x96 --json b.json");
+  // The trace finds no standard error, and no file in its place either.
+  EXPECT_EQ(run("bench --kernel " + f32 + " --shape 33x64x96 --json b.json <&- 2>&-", "export PARLO_TRACE=1; ").status,
+            0);
   const auto benchmarks = nlohmann::json::parse(file("b.json")).at("benchmarks");
   std::vector<std::string> names;
   for (const auto& entry : benchmarks) {

@@ -15,9 +15,7 @@ using Tensor = morun_tensor;
 using Bytes = std::vector<uint8_t>;
 using Values = std::vector<float>;  // small integers, row-major
 
-constexpr auto i4 = MORUN_DTYPE_I4, i8 = MORUN_DTYPE_I8, u8 = MORUN_DTYPE_U8, i32 = MORUN_DTYPE_I32,
-               f16 = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
-constexpr auto rm = MORUN_LAYOUT_2D_RM, wh = MORUN_LAYOUT_2D_WH, ah = MORUN_LAYOUT_2D_AH;
+using namespace test::formats;
 uint64_t bytes_of(uint32_t dtype, uint64_t count) {
   return count * std::array<uint64_t, 6>{4, 8, 8, 32, 16, 32}[dtype] / 8;
 }
@@ -39,16 +37,13 @@ Bytes encoded(uint32_t dtype, uint32_t layout, uint64_t n_row, uint64_t n_col, c
   return bytes;
 }
 
-struct Path {
-  uint32_t platform;
-  morun_tensor_dtype_e types[3];  // left, right, result
-  morun_tensor_layout_e layouts[3];
+struct Path : test::TensorFormats {
+  uint32_t platform = MORUN_PLATFORM_NPU0;
   bool right_is_shared = true, takes_gaps = true;
 };
-constexpr Path P1 = {3, {f32, f16, f32}, {rm, wh, rm}}, P2 = {3, {f16, f16, f16}, {ah, wh, ah}, false, false},
-               P3 = {3, {f16, f16, f16}, {rm, wh, rm}}, P4 = {3, {u8, i4, i32}, {rm, wh, rm}},
-               P5 = {3, {f16, f16, f16}, {rm, rm, rm}, false, false}, P6 = {3, {u8, i8, i32}, {rm, wh, rm}},
-               host = {0, {f16, f16, f16}, {rm, rm, rm}, false, false}, paths[] = {P1, P2, P3, P4, P5, P6, host};
+constexpr Path P1{test::paths::P1}, P2{test::paths::P2, MORUN_PLATFORM_NPU0, false, false}, P3{test::paths::P3},
+    P4{test::paths::P4}, P5{test::paths::P5, MORUN_PLATFORM_NPU0, false, false}, P6{test::paths::P6},
+    host{test::paths::P5, MORUN_PLATFORM_CPU, false, false}, paths[] = {P1, P2, P3, P4, P5, P6, host};
 
 struct Shape {
   uint64_t n_row, n_col, n_inner;
@@ -206,66 +201,6 @@ TEST_F(UpperProducts, GoOnWhereFilesAreOpenedBetweenThem) {
 }
 
 // ---- What is refused
-
-char text[1];
-
-using Call = std::function<int32_t(int32_t domain, std::array<int32_t, 3> extents, void* A, void* X, void* W)>;
-template <class A, class X, class W>
-Call erased(int32_t (*call)(int32_t, int32_t, int32_t, int32_t, A*, const X*, const W*)) {
-  return [call](int32_t domain, std::array<int32_t, 3> n, void* a, void* x, void* w) {
-    return call(domain, n[0], n[1], n[2], static_cast<A*>(a), static_cast<X*>(x), static_cast<W*>(w));
-  };
-}
-const Call mm_f16 = erased(morun_npu_mm_f16), mm_f16f16 = erased(morun_npu_mm_f16f16_f16),
-           mm_u8i8 = erased(morun_npu_mm_u8i8_i32);
-
-TEST_F(UpperProducts, OfCallsCheckTheirArgumentsInOrder) {
-  const auto check = [](const std::string& name, const Call& call, const std::string& type) {
-    const bool is_float = type == "F16";
-    const auto outcome = [&](int32_t domain, std::array<int32_t, 3> n, int given) {
-      const auto operand = [&](int bit) { return given & bit ? text : nullptr; };
-      return test::outcome([&] { return call(domain, n, operand(1), operand(2), operand(4)); });
-    };
-    EXPECT_EQ(outcome(2, {}, is_float ? 0 : 7),
-              "57 " + name + "Unsupported domain 2. The only supported domains are: 3 ");
-    for (const int given : {0, 1, 3, 5, 6}) {
-      const std::string of = is_float ? "" : given == 3 ? "W is " : given == 6 ? "A is " : "X is ";
-      EXPECT_EQ(outcome(is_float ? 3 : 2, {64, 64, 64}, given), "10 " + name + of + "NULL ptr provided");
-    }
-    for (size_t i = 0; i < 3 && !type.empty(); ++i)
-      for (const int32_t bad : {INT32_MIN, 0, 48}) {
-        std::array<int32_t, 3> n = {bad < 1 ? 48 : 64, 64, 64};
-        std::fill(&n[i], n.end(), bad);
-        const std::string extent = std::array{"n_row", "n_col", "n_inner"}[i], is = std::to_string(bad),
-                          multiple = (i == 0 && !is_float ? "64" : "32") + (" for TESSEL " + type) + " operations",
-                          refusal = bad < 1 ? "Invalid " + extent + ": " + is + ". Must be positive."
-                                            : extent + "=" + is + " must be multiple of " + multiple;
-        EXPECT_EQ(outcome(3, n, is_float ? 0 : 7), "14 " + name + refusal);
-      }
-  };
-  check("npu_mm_f16: ", mm_f16, "F16");
-  check("npu_mm_f16f16_f16: ", mm_f16f16, "F16");
-  check("npu_mm_f32f16_f32: ", erased(morun_npu_mm_f32f16_f32), "F16");
-  check("npu_mm_u8i8_i32: ", mm_u8i8, "INT8");
-  check("npu_mm_u8i4_i32: ", erased(morun_npu_mm_u8i4_i32), "");
-  tavik_context* const initialised = std::exchange(context, nullptr);
-  EXPECT_OUTCOME(mm_f16(2, {}, text, text, text), "107 npu_mm_f16: MORUN is not initialized");
-  const std::string twice = "npu_alloc: MORUN is not initialized\nnpu_alloc: MORUN is not initialized\n";
-  const auto end = [] { mm_u8i8(3, std::array{64, 32, 32}, text, text, text); };
-  EXPECT_EQ(ending(end), "exit 1 " + twice + "npu_mm_u8i8_i32:  nErr = 107");
-  context = initialised;
-}
-
-TEST_F(UpperProducts, OfCallsTakeStartsOfSharedBuffers) {
-  auto *const shared = static_cast<char*>(share(2048)), *const inside = shared + 2;
-  const std::string inner_failed = "\nnpu_mm_f16f16_f16: Internal morun_npu_mm_f16 call failed\n";
-  EXPECT_OUTCOME(mm_f16(3, {32, 32, 32}, shared, inside, text), "14 npu_mm_f16: " + not_shared("W", text));
-  EXPECT_OUTCOME(mm_f16(3, {32, 32, 32}, shared, inside, shared), "14 npu_mm_f16: " + not_shared("X", inside));
-  parlo_emulator_fail(PARLO_EMULATOR_MUNMAP, -1, 1, 0x77, EIO);  // the copy of X cannot be freed either
-  EXPECT_OUTCOME(mm_f16f16(3, {32, 32, 32}, shared, shared, text),
-                 "15 npu_mm_f16: " + not_shared("W", text) + inner_failed + "\nnpu_alloc.npu_free: Err = 1");
-  shared_.push_back(context->buffer_pointer[1]);
-}
 
 TEST_F(UpperProducts, OfTensorsAreRefused) {
   using T = Triple&;

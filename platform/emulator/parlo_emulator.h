@@ -32,7 +32,7 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_BAD_HANDLE = 0x207,        /* not an open handle */
   PARLO_EMULATOR_BAD_SCALARS = 0x208,       /* invoke: no such method, or buffers of the wrong number or size */
   PARLO_EMULATOR_SESSION_LOST = 0x209,      /* the session is lost, see PARLO_EMULATOR_FAULT_SESSION_LOST */
-  PARLO_EMULATOR_INHERITED = 0x20a,         /* the session or buffer belongs to the process that this one was forked from */
+  PARLO_EMULATOR_INHERITED = 0x20a, /* the session or buffer belongs to the process that this one was forked from */
 
   PARLO_EMULATOR_UNKNOWN_DESCRIPTOR = 0x301, /* map, unmap: no shared memory has this descriptor and address */
   PARLO_EMULATOR_WRONG_SIZE = 0x302,         /* map: not the size of the memory; unmap: not that of the mapping */
@@ -56,7 +56,8 @@ typedef enum parlo_emulator_status {
  *
  * The first session can be opened any number of times. Each of its handles is a module instance of its own, with its own
  * cross-session buffers, resources and reservation of the matrix unit. The handles share the session's address space,
- * which has config.session_bytes for each of them. So several contexts work side by side.
+ * which has config.session_bytes for each of them. So several contexts work side by side. When one of the handles is
+ * closed, the mappings of memory that is freed by then end too.
  *
  * There is a matrix unit for each set of four cross-session buffers that is handed over to modules. A context hands the
  * same four over to all of its sessions. Its sessions therefore exclude each other, and sessions of different contexts

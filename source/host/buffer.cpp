@@ -6,6 +6,21 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/buffer";
 
+// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+namespace reported_line {
+enum : int32_t {
+  alloc_without_output = 23,
+  alloc_past_limit = 26,
+  alloc_memory = 29,
+  alloc_descriptor = 34,
+  alloc_descriptor_too_high = 39,
+  alloc_mapping = 62,
+  free_unknown = 118,
+  free_clear_cache = 124,
+  free_unmapping = 130,
+};
+}  // namespace reported_line
+
 // Takes back what tavik_buffer_alloc has done so far, unless it is kept: the shared memory is freed and the caller's
 // outputs say that there is none.
 class Allocation {
@@ -39,31 +54,39 @@ uint64_t map_into_open_session(const tavik_context* context, const Allocation& b
   return session;
 }
 
-// Every open session maps the cross-session buffers: one that cannot is closed again.
+// Every open session maps the cross-session buffers: one that cannot is closed again, and its reservation ends.
 int32_t open_session_with_cross_session_buffers(tavik_context* context) {
   TAVIK_TRY(tavik_context_open_session(context));
   const uint64_t session = context->n_sessions - 1;
   const int32_t status = tavik_context_mmap_cross_session_buffers(context, session);
-  if (status != TAVIK_SUCCESS && tavik_close(context->session_handle[session]) == KESO_SUCCESS) --context->n_sessions;
+  if (status != TAVIK_SUCCESS && tavik_close(context->session_handle[session]) == KESO_SUCCESS) {
+    context->session_id[session] = 0;
+    --context->n_sessions;
+  }
   return status;
 }
 
 }  // namespace
 
 int32_t tavik_buffer_alloc(tavik_context* context, uint64_t size, void** pointer, int32_t* fd) {
-  if (pointer == nullptr && fd == nullptr) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 23, "no output address provided");
+  if (pointer == nullptr && fd == nullptr)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_without_output, "no output address provided");
   Allocation buffer(pointer, fd);
   if (context->n_buffers == TAVIK_MAX_BUFFERS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 26, "cannot hold more than %d buffers", TAVIK_MAX_BUFFERS);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_past_limit, "cannot hold more than %d buffers",
+                      TAVIK_MAX_BUFFERS);
 
   buffer.address = parlo_mem_alloc2(tavik::heap_id, tavik::buffer_allocation_flags, size);
   if (buffer.address == nullptr)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 29, "failed to allocate shared buffer of size %zu", size);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_memory, "failed to allocate shared buffer of size %zu",
+                      size);
   buffer.fd = parlo_mem_to_fd(buffer.address);
-  if (buffer.fd == -1) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 34, "failed to get descriptor from buffer address");
+  if (buffer.fd == -1)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_descriptor,
+                      "failed to get descriptor from buffer address");
   if (!tavik::is_in_descriptor_table(buffer.fd))
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 39, "descriptor %d too high for fd_to_session table (max: %d)", buffer.fd,
-                      TAVIK_MAX_DESCRIPTOR);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_descriptor_too_high,
+                      "descriptor %d too high for fd_to_session table (max: %d)", buffer.fd, TAVIK_MAX_DESCRIPTOR);
 
   uint64_t session = map_into_open_session(context, buffer, size);
   if (session == context->n_sessions) {
@@ -71,7 +94,8 @@ int32_t tavik_buffer_alloc(tavik_context* context, uint64_t size, void** pointer
     if (!map_into_session(context, session, buffer, size)) {
       // Kept: the domain named is that of the session after the new one. The new session stays open.
       const int32_t domain = session + 1 < TAVIK_MAX_SESSIONS ? context->session_domain[session + 1] : 0;
-      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 62, "Failed to mmap buffer to domain %d", domain);
+      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_mapping, "Failed to mmap buffer to domain %d",
+                        domain);
     }
   }
 
@@ -88,17 +112,17 @@ int32_t tavik_buffer_alloc(tavik_context* context, uint64_t size, void** pointer
 int32_t tavik_buffer_free(tavik_context* context, int32_t fd) {
   const uint64_t entry = tavik::find_buffer(context, fd);
   if (entry == context->n_buffers)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 118, "Failed to find buffer with descriptor %d", fd);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::free_unknown, "Failed to find buffer with descriptor %d", fd);
 
   const auto session = static_cast<uint64_t>(context->buffer_session[entry]);
   const uint64_t handle = context->session_handle[session];
-  TAVIK_TRY(TAVIK_REMOTE(124, tavik_veyra_clear_cache(handle)));
+  TAVIK_TRY(TAVIK_REMOTE(reported_line::free_clear_cache, tavik_veyra_clear_cache(handle)));
   const int32_t domain = context->session_domain[session];
   void* const address = context->buffer_pointer[entry];
   // Kept: the message names an output activation, although this is a caller's buffer.
   if (parlo_munmap(domain, fd, address, context->buffer_size[entry]) != KESO_SUCCESS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 130, "Failed to munmap internal buffer for output activation, domain %d",
-                      domain);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::free_unmapping,
+                      "Failed to munmap internal buffer for output activation, domain %d", domain);
   tavik_rpcmem_free(address);
 
   --context->n_buffers;

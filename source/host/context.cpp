@@ -13,7 +13,42 @@ MORUN_OWN(get_domain)
 namespace {
 
 constexpr char reporting_file[] = "source/host/context";
-constexpr uint64_t all_ones = ~uint64_t{0};
+
+// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+namespace reported_line {
+enum : int32_t {
+  alloc_without_output = 21,
+  pointer_without_output = 100,
+  pointer_unknown = 111,
+  session_without_output = 121,
+  session_unknown = 132,
+  handle_without_output = 140,
+  handle_not_initialised = 143,
+  handle_unknown = 146,
+  switch_release = 155,
+  switch_unlock = 157,
+  switch_acquire = 163,
+  switch_lock = 164,
+  lock_active = 172,
+  map_A0 = 190,
+  map_A1 = 197,
+  map_A2 = 204,
+  map_X = 211,
+  get_AX = 218,
+  put_AX = 229,
+  unmap_A0 = 235,
+  unmap_A1 = 242,
+  unmap_A2 = 249,
+  unmap_X = 256,
+  open_past_limit = 270,
+  open_without_domain = 277,
+  open_reserve = 296,
+  open_uri = 319,
+  open_unsigned_module = 337,
+  open_module = 344,
+};
+}  // namespace reported_line
+constexpr uint64_t no_session = ~uint64_t{0};
 
 // The platform's records take texts without the const that their meaning has.
 constexpr char domain_name[] = "cdsp";
@@ -29,24 +64,28 @@ struct CrossSessionBuffer {
   const char* name;
 };
 constexpr CrossSessionBuffer cross_session_buffers[] = {
-    {&tavik_context::A0, &tavik_context::A0_fd, &tavik_context::A_size, 190, 235, "output activation A0"},
-    {&tavik_context::A1, &tavik_context::A1_fd, &tavik_context::A_size, 197, 242, "output activation A1"},
-    {&tavik_context::A2, &tavik_context::A2_fd, &tavik_context::A_size, 204, 249, "output activation A2"},
-    {&tavik_context::X, &tavik_context::X_fd, &tavik_context::X_size, 211, 256, "input activation X"},
+    {&tavik_context::A0, &tavik_context::A0_fd, &tavik_context::A_size, reported_line::map_A0, reported_line::unmap_A0,
+     "output activation A0"},
+    {&tavik_context::A1, &tavik_context::A1_fd, &tavik_context::A_size, reported_line::map_A1, reported_line::unmap_A1,
+     "output activation A1"},
+    {&tavik_context::A2, &tavik_context::A2_fd, &tavik_context::A_size, reported_line::map_A2, reported_line::unmap_A2,
+     "output activation A2"},
+    {&tavik_context::X, &tavik_context::X_fd, &tavik_context::X_size, reported_line::map_X, reported_line::unmap_X,
+     "input activation X"},
 };
 
 // Closes the handle, if one was opened, unless the session is kept.
 class OpeningSession {
  public:
   ~OpeningSession() {
-    if (handle != all_ones) tavik_close(handle);
+    if (handle != tavik::no_handle) tavik_close(handle);
   }
   uint64_t keep() {
     const uint64_t kept = handle;
-    handle = all_ones;
+    handle = tavik::no_handle;
     return kept;
   }
-  uint64_t handle = all_ones;
+  uint64_t handle = tavik::no_handle;
 };
 
 uint32_t length_of(const char* text) {
@@ -62,11 +101,12 @@ void print_heading(FILE* stream, const char* what, uint64_t count) {
 }  // namespace
 
 int32_t tavik_context_alloc(tavik_context** context) {
-  if (context == nullptr) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 21, tavik::null_location);
+  if (context == nullptr)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_without_output, tavik::null_location);
   void* record = nullptr;
   TAVIK_TRY(tavik_malloc_zero(&record, sizeof(tavik_context)));
   *context = static_cast<tavik_context*>(record);
-  (*context)->active_session = all_ones;
+  (*context)->active_session = no_session;
   return TAVIK_SUCCESS;
 }
 
@@ -79,15 +119,16 @@ void tavik_context_free(tavik_context* context) {
 int32_t tavik_context_open_session(tavik_context* context) {
   const uint64_t index = context->n_sessions;
   if (index == TAVIK_MAX_SESSIONS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 270, "cannot open more than %d sessions", TAVIK_MAX_SESSIONS);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_past_limit, "cannot open more than %d sessions",
+                      TAVIK_MAX_SESSIONS);
   char* const name = context->session_name[index];
   snprintf(name, TAVIK_SESSION_NAME_SIZE, "%s_%zu", "Tavik", index);
   if (own::get_domain(DSP_DOMAIN_CDSP) == nullptr)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 277, "unable to get domain for CDSP");
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_without_domain, "unable to get domain for CDSP");
 
-  int32_t session_id = 0;
-  int32_t domain_id = DSP_DOMAIN_CDSP;
-  if (index > 0) {
+  int32_t session_id = context->session_id[index];
+  int32_t domain_id = index > 0 ? context->session_domain[index] : DSP_DOMAIN_CDSP;
+  if (index > 0 && !tavik::has_reservation(context)) {
     parlo_session_reserve reserve = {};
     reserve.domain_name = domain_name;
     reserve.domain_name_length = length_of(domain_name);
@@ -95,11 +136,12 @@ int32_t tavik_context_open_session(tavik_context* context) {
     reserve.session_name_length = length_of(name);
     const int status = parlo_session_control(PARLO_SESSION_RESERVE, &reserve, sizeof reserve);
     if (status != KESO_SUCCESS)
-      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 296,
+      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_reserve,
                         "remote_session_control failed to reserve new session %d : error 0x%x\n", session_id,
                         static_cast<unsigned>(status));
-    domain_id = static_cast<int32_t>(reserve.effective_domain_id);
-    session_id = static_cast<int32_t>(reserve.session_id);
+    // A reservation ends with the session's handle alone: where a later step fails, the next try goes on with it.
+    context->session_domain[index] = domain_id = static_cast<int32_t>(reserve.effective_domain_id);
+    context->session_id[index] = session_id = static_cast<int32_t>(reserve.session_id);
   }
 
   char session_uri[256] = {};
@@ -113,21 +155,22 @@ int32_t tavik_context_open_session(tavik_context* context) {
   uri.uri_length = sizeof session_uri;
   int status = parlo_session_control(PARLO_SESSION_GET_URI, &uri, sizeof uri);
   if (status != KESO_SUCCESS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 319, "remote_session_control failed to get URI for session %d: error 0x%x\n",
-                      session_id, static_cast<unsigned>(status));
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_uri,
+                      "remote_session_control failed to get URI for session %d: error 0x%x\n", session_id,
+                      static_cast<unsigned>(status));
 
   parlo_session_unsigned_module unsigned_module = {domain_id, 1};
   status = parlo_session_control(PARLO_SESSION_UNSIGNED_MODULE, &unsigned_module, sizeof unsigned_module);
   if (status != KESO_SUCCESS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 337,
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_unsigned_module,
                       "remote_session_control failed enable unsigned PD for session %d (domain id %d): error 0x%x\n",
                       session_id, domain_id, static_cast<unsigned>(status));
 
   OpeningSession session;
   status = tavik_open(session_uri, &session.handle);
   if (status != KESO_SUCCESS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 344, "Failed to open session %d: error 0x%x\n", session_id,
-                      static_cast<unsigned>(status));
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_module, "Failed to open session %d: error 0x%x\n",
+                      session_id, static_cast<unsigned>(status));
 
   context->session_id[index] = session_id;
   context->session_domain[index] = domain_id;
@@ -137,41 +180,50 @@ int32_t tavik_context_open_session(tavik_context* context) {
 }
 
 int32_t tavik_context_get_pointer_from_fd(tavik_context* context, int32_t fd, void** pointer) {
-  if (pointer == nullptr) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 100, tavik::null_location);
+  if (pointer == nullptr)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::pointer_without_output, tavik::null_location);
   const uint64_t index = tavik::find_buffer(context, fd);
   if (index == context->n_buffers)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 111, "Failed to find pointer for buffer with descriptor %d", fd);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::pointer_unknown,
+                      "Failed to find pointer for buffer with descriptor %d", fd);
   *pointer = context->buffer_pointer[index];
   return TAVIK_SUCCESS;
 }
 
 int32_t tavik_context_get_session_from_fd(tavik_context* context, int32_t fd, uint64_t* session) {
-  if (session == nullptr) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 121, tavik::null_location);
+  if (session == nullptr)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::session_without_output, tavik::null_location);
   const uint64_t index = tavik::find_buffer(context, fd);
   if (index == context->n_buffers)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 132, "Failed to find session for buffer with descriptor %d", fd);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::session_unknown,
+                      "Failed to find session for buffer with descriptor %d", fd);
   *session = static_cast<uint64_t>(context->buffer_session[index]);
   return TAVIK_SUCCESS;
 }
 
 int32_t tavik_context_get_handle_from_fd(tavik_context* context, int32_t fd, uint64_t* handle) {
-  if (handle == nullptr) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 140, tavik::null_location);
-  if (!tavik::has_active_session(context)) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 143, tavik::not_initialised);
+  if (handle == nullptr)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::handle_without_output, tavik::null_location);
+  if (!tavik::has_active_session(context))
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::handle_not_initialised, tavik::not_initialised);
   if (!tavik::is_in_descriptor_table(fd))
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 146, "Failed to find handle for buffer with descriptor %d", fd);
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::handle_unknown,
+                      "Failed to find handle for buffer with descriptor %d", fd);
 
   const auto session = static_cast<uint64_t>(context->fd_to_session[fd]);
   uint64_t active_handle = context->session_handle[context->active_session];
   if (session == context->active_session) {
-    if (!context->tessel_locked) TAVIK_TRY(TAVIK_REMOTE(172, tavik_veyra_lock_tessel(active_handle)));
+    if (!context->tessel_locked)
+      TAVIK_TRY(TAVIK_REMOTE(reported_line::lock_active, tavik_veyra_lock_tessel(active_handle)));
   } else {
     // Kept: the resources are released before the matrix unit is unlocked.
-    TAVIK_TRY(TAVIK_REMOTE(155, tavik_veyra_ressource_release(active_handle)));
-    if (context->tessel_locked) TAVIK_TRY(TAVIK_REMOTE(157, tavik_veyra_unlock_tessel(active_handle)));
+    TAVIK_TRY(TAVIK_REMOTE(reported_line::switch_release, tavik_veyra_ressource_release(active_handle)));
+    if (context->tessel_locked)
+      TAVIK_TRY(TAVIK_REMOTE(reported_line::switch_unlock, tavik_veyra_unlock_tessel(active_handle)));
     context->tessel_locked = false;
     active_handle = context->session_handle[session];
-    TAVIK_TRY(TAVIK_REMOTE(163, tavik_veyra_ressource_acquire(active_handle)));
-    TAVIK_TRY(TAVIK_REMOTE(164, tavik_veyra_lock_tessel(active_handle)));
+    TAVIK_TRY(TAVIK_REMOTE(reported_line::switch_acquire, tavik_veyra_ressource_acquire(active_handle)));
+    TAVIK_TRY(TAVIK_REMOTE(reported_line::switch_lock, tavik_veyra_lock_tessel(active_handle)));
     context->active_session = session;
   }
   context->tessel_locked = true;
@@ -189,14 +241,14 @@ int32_t tavik_context_mmap_cross_session_buffers(tavik_context* context, uint64_
       return TAVIK_FAIL(TAVIK_ERROR_FAILURE, buffer.map_line, "Failed to mmap internal buffer for %s, domain %d",
                         buffer.name, domain);
   }
-  return TAVIK_REMOTE(218,
+  return TAVIK_REMOTE(reported_line::get_AX,
                       tavik_veyra_mmap_get_AX(handle, context->A0_fd, context->A1_fd, context->A2_fd, context->X_fd));
 }
 
 int32_t tavik_context_munmap_cross_session_buffers(tavik_context* context, uint64_t session) {
   const int32_t domain = context->session_domain[session];
   const uint64_t handle = context->session_handle[session];
-  TAVIK_TRY(TAVIK_REMOTE(229, tavik_veyra_mmap_put_AX(handle)));
+  TAVIK_TRY(TAVIK_REMOTE(reported_line::put_AX, tavik_veyra_mmap_put_AX(handle)));
   for (const CrossSessionBuffer& buffer : cross_session_buffers) {
     const int status = parlo_munmap(domain, context->*buffer.fd, context->*buffer.address, context->*buffer.size);
     if (status != KESO_SUCCESS)
@@ -204,6 +256,13 @@ int32_t tavik_context_munmap_cross_session_buffers(tavik_context* context, uint6
                         buffer.name, domain);
   }
   return TAVIK_SUCCESS;
+}
+
+void tavik::munmap_what_is_left(const tavik_context* context, uint64_t session) {
+  tavik_veyra_mmap_put_AX(context->session_handle[session]);
+  for (const CrossSessionBuffer& buffer : cross_session_buffers)
+    parlo_munmap(context->session_domain[session], context->*buffer.fd, context->*buffer.address,
+                 context->*buffer.size);
 }
 
 void tavik_context_print(FILE* stream, const tavik_context* context) {

@@ -1,6 +1,7 @@
 // How the lower interface reports failures. A source file that uses these names itself once:
 //   constexpr char reporting_file[] = "source/host/...";
-// A line number that callers know is given by number, so that it stays when the code moves; elsewhere it is __LINE__.
+// Line numbers are published: a file lists its own in a table, reported_line, so that they stay when the code moves. The
+// products report __LINE__.
 #pragma once
 
 #include <cerrno>

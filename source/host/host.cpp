@@ -8,6 +8,21 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/host";
 
+// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+namespace reported_line {
+enum : int32_t {
+  init_acquire = 30,
+  init_too_large = 36,
+  init_descriptor_too_high = 60,
+  cleanup_not_initialised = 86,
+  cleanup_unlock = 93,
+  cleanup_release = 101,
+  cleanup_close = 114,
+  hello_options = 172,
+  hello_init = 173,
+};
+}  // namespace reported_line
+
 // Undoes what tavik_init has done so far, unless it is finished.
 class Initialisation {
  public:
@@ -51,6 +66,34 @@ bool cross_session_sizes(const tavik_options& options, CrossSessionSizes* sizes)
   return sizes->A <= limit && sizes->X <= limit;
 }
 
+bool close_session(tavik_context* context, uint64_t session) {
+  const bool closed = tavik_close(context->session_handle[session]) == KESO_SUCCESS;
+  if (closed) context->session_handle[session] = tavik::no_handle;
+  return closed;
+}
+
+// A reservation ends with its session's handle: the session that was left reserved becomes the last one.
+int32_t open_reserved_session(tavik_context* context) {
+  return tavik::has_reservation(context) ? tavik_context_open_session(context) : TAVIK_SUCCESS;
+}
+
+// What a cleanup that failed has left. Closing a session ends whatever it still has; only that must not fail.
+bool end_what_is_left(tavik_context* context) {
+  open_reserved_session(context);
+  const uint64_t active_handle = context->session_handle[context->active_session];
+  if (active_handle != tavik::no_handle) {
+    if (context->tessel_locked) tavik_veyra_unlock_tessel(active_handle);
+    tavik_veyra_ressource_release(active_handle);
+  }
+  bool all_closed = true;
+  for (uint64_t session = 0; session < context->n_sessions; ++session) {
+    if (context->session_handle[session] == tavik::no_handle) continue;
+    tavik::munmap_what_is_left(context, session);
+    all_closed &= close_session(context, session);
+  }
+  return all_closed;
+}
+
 [[noreturn]] void end_process(int line, const char* failed_call) {
   tavik_error_print(tavik_error_get_last());
   fprintf(stderr, "[Tavik] error (%s, %s, line %d): %s\n", "tavik_hello_veyra", reporting_file, line, failed_call);
@@ -64,14 +107,15 @@ int32_t tavik_init(const tavik_options* options, tavik_context** output) {
   TAVIK_TRY(tavik_context_alloc(&initialisation.context));
   tavik_context* const context = initialisation.context;
   TAVIK_TRY(tavik_context_open_session(context));
-  TAVIK_TRY(TAVIK_REMOTE(30, tavik_veyra_ressource_acquire(context->session_handle[0])));
+  TAVIK_TRY(TAVIK_REMOTE(reported_line::init_acquire, tavik_veyra_ressource_acquire(context->session_handle[0])));
   initialisation.has_resources = true;
   context->active_session = 0;
   context->tessel_locked = false;
 
   CrossSessionSizes sizes = {};
   if (!cross_session_sizes(*options, &sizes))
-    return TAVIK_FAIL(TAVIK_ERROR_MEMORY, 36, "options ask for a shared buffer of more than %d bytes", INT32_MAX);
+    return TAVIK_FAIL(TAVIK_ERROR_MEMORY, reported_line::init_too_large,
+                      "options ask for a shared buffer of more than %d bytes", INT32_MAX);
   context->A_size = sizes.A;
   context->X_size = sizes.X;
   context->output_matrix_size_max = options->output_matrix_size_max;
@@ -89,8 +133,8 @@ int32_t tavik_init(const tavik_options* options, tavik_context** output) {
   const int32_t descriptors[] = {context->A0_fd, context->A1_fd, context->A2_fd, context->X_fd};
   for (const int32_t fd : descriptors)
     if (!tavik::is_in_descriptor_table(fd))
-      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 60, "descriptor %d too high for fd_to_session table (max: %d)", fd,
-                        TAVIK_MAX_DESCRIPTOR);
+      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::init_descriptor_too_high,
+                        "descriptor %d too high for fd_to_session table (max: %d)", fd, TAVIK_MAX_DESCRIPTOR);
   TAVIK_TRY(tavik_context_mmap_cross_session_buffers(context, 0));
   for (const int32_t fd : descriptors) context->fd_to_session[fd] = 0;
   *output = initialisation.finish();
@@ -98,18 +142,31 @@ int32_t tavik_init(const tavik_options* options, tavik_context** output) {
 }
 
 int32_t tavik_cleanup(tavik_context* context) {
-  if (!tavik::has_active_session(context)) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 86, tavik::not_initialised);
+  if (!tavik::has_active_session(context))
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_not_initialised, tavik::not_initialised);
+  if (context->cleanup_failed) {
+    if (!end_what_is_left(context))
+      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_close, "Failed to close the handle");
+    tavik_context_free(context);
+    return TAVIK_SUCCESS;
+  }
+  context->cleanup_failed = true;  // unless it is freed
+
   const uint64_t active_handle = context->session_handle[context->active_session];
   if (context->tessel_locked && tavik_veyra_unlock_tessel(active_handle) != KESO_SUCCESS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 93, "Failed to unlock compute resource");
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_unlock, "Failed to unlock compute resource");
   context->tessel_locked = false;
   if (tavik_veyra_ressource_release(active_handle) != KESO_SUCCESS)
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 101, "Failed to release ressources");
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_release, "Failed to release ressources");
   for (uint64_t session = 0; session < context->n_sessions; ++session) {
     TAVIK_TRY(tavik_context_munmap_cross_session_buffers(context, session));
-    if (tavik_close(context->session_handle[session]) != KESO_SUCCESS)
-      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 114, "Failed to close the handle");
+    if (!close_session(context, session))
+      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_close, "Failed to close the handle");
   }
+  const uint64_t n_closed = context->n_sessions;
+  TAVIK_TRY(open_reserved_session(context));
+  if (context->n_sessions > n_closed && !close_session(context, n_closed))
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_close, "Failed to close the handle");
   tavik_context_free(context);
   return TAVIK_SUCCESS;
 }
@@ -137,9 +194,11 @@ int32_t tavik_hello_host() {
 
 int32_t tavik_hello_veyra() {
   tavik_options* options = nullptr;
-  if (tavik_options_alloc(&options) != TAVIK_SUCCESS) end_process(172, "tavik_options_alloc(&options)");
+  if (tavik_options_alloc(&options) != TAVIK_SUCCESS)
+    end_process(reported_line::hello_options, "tavik_options_alloc(&options)");
   tavik_context* context = nullptr;
-  if (tavik_init(options, &context) != TAVIK_SUCCESS) end_process(173, "tavik_init(options, &context)");
+  if (tavik_init(options, &context) != TAVIK_SUCCESS)
+    end_process(reported_line::hello_init, "tavik_init(options, &context)");
 
   void* buffer = nullptr;
   int32_t fd = -1;

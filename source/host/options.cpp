@@ -5,6 +5,13 @@
 namespace {
 
 constexpr char reporting_file[] = "source/host/options";
+
+// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+namespace reported_line {
+enum : int32_t {
+  alloc_without_output = 19,
+};
+}  // namespace reported_line
 constexpr tavik_options defaults = {
     .output_matrix_size_max = uint64_t{1} << 24,
     .n_row_max = 1024,
@@ -15,7 +22,8 @@ constexpr tavik_options defaults = {
 }  // namespace
 
 int32_t tavik_options_alloc(tavik_options** options) {
-  if (options == nullptr) return TAVIK_FAIL(TAVIK_ERROR_FAILURE, 19, tavik::null_location);
+  if (options == nullptr)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_without_output, tavik::null_location);
   void* record = nullptr;
   TAVIK_TRY(tavik_malloc_zero(&record, sizeof(tavik_options)));
   *options = static_cast<tavik_options*>(record);

@@ -1,6 +1,7 @@
 // What the layout calls demand of their arguments. Refusals are printed in the name of the call that asks.
 #pragma once
 
+#include "source/host/util/tiles.h"
 #include "source/log_line.h"
 
 namespace morun {
@@ -18,11 +19,11 @@ inline int32_t require_multiple(const Place& place, const char* name, int32_t di
                        static_cast<int32_t>(value));
 }
 
-// Of the calls that work in place on tiles of 32 x 32.
+// Of the calls that work in place on square tiles.
 inline int32_t require_square_tiles(const Place& place, uint64_t n_row, uint64_t n_col, const void* data) {
   MORUN_TRY(require_pointers(place, data));
-  MORUN_TRY(require_multiple(place, "n_row", 32, n_row));
-  return require_multiple(place, "n_col", 32, n_col);
+  MORUN_TRY(require_multiple(place, "n_row", tavik::tile_side, n_row));
+  return require_multiple(place, "n_col", tavik::tile_side, n_col);
 }
 
 }  // namespace morun

@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "include/morun_tensor.h"
-#include "source/host/kernels/size_check.h"
+#include "source/host/util/tiles.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
 namespace {
@@ -13,7 +13,7 @@ constexpr char allocation_of_A_failed[] = "Internal allocation of A failed\n\n";
 constexpr char layouting_of_A_failed[] = "Internal layouting of A failed\n\n";
 
 // left * right, validated.
-struct Product {
+struct TensorProduct {
   uint32_t platform;
   const morun_tensor& result;
   const morun_tensor& left;
@@ -41,9 +41,9 @@ T* start(const morun_tensor& tensor) {
 // Packed rows to the result, whatever its row stride. Products fill whole tiles of columns: what stands past those in
 // the packed rows is nobody's, and the result keeps what it held.
 template <class T>
-void copy_rows_to_result(const Product& product, const T* packed) {
+void copy_rows_to_result(const TensorProduct& product, const T* packed) {
   T* const to = start<T>(product.result);
-  const uint64_t n_col_filled = product.n_col - product.n_col % tavik::tile_cols;
+  const uint64_t n_col_filled = product.n_col - product.n_col % tavik::tile_side;
   for (uint64_t i = 0; i < product.n_row; ++i)
     memcpy(to + i * product.result.strides[0], packed + i * product.n_col, n_col_filled * sizeof(T));
 }
@@ -52,7 +52,7 @@ void copy_rows_to_result(const Product& product, const T* packed) {
 template <class T>
 class PackedRows {
  public:
-  explicit PackedRows(const Product& product) : product_(product) {
+  explicit PackedRows(const TensorProduct& product) : product_(product) {
     if (product.result.is_contiguous != 1 || product.result.strides[0] != product.result.dims[1])
       data_ = block_ = static_cast<T*>(malloc(product.n_row * product.n_col * sizeof(T)));
     else
@@ -69,7 +69,7 @@ class PackedRows {
   }
 
  private:
-  const Product& product_;
+  const TensorProduct& product_;
   T* block_ = nullptr;
   T* data_ = nullptr;
 };
@@ -86,7 +86,7 @@ struct Copies {
   int32_t release() const { return morun_npu_free(A) | morun_npu_free(W) | morun_npu_free(X); }
 };
 
-int32_t copy_operands(const Product& product, Copies& copies) {
+int32_t copy_operands(const TensorProduct& product, Copies& copies) {
   MORUN_TRY_STEP(this_call, morun_npu_alloc(product.A_bytes(), &copies.A), allocation_of_A_failed);
   MORUN_TRY_STEP(this_call, morun_npu_alloc(product.W_bytes(), &copies.W), "Internal allocation of W failed\n\n");
   MORUN_TRY_STEP(this_call, morun_npu_alloc(product.X_bytes(), &copies.X), "Internal allocation of X failed\n\n");
@@ -95,7 +95,7 @@ int32_t copy_operands(const Product& product, Copies& copies) {
   return MORUN_SUCCESS;
 }
 
-int32_t multiply_copies(const Product& product, const Copies& copies) {
+int32_t multiply_copies(const TensorProduct& product, const Copies& copies) {
   const morun::Shape shape = product.shape();
   MORUN_TRY_STEP(this_call,
                  morun_npu_mm_f16(product.domain(), shape.n_row, shape.n_col, shape.n_inner, copies.halves_of_A(),
@@ -105,11 +105,11 @@ int32_t multiply_copies(const Product& product, const Copies& copies) {
 }
 
 // Kept: one block, whatever the result's row stride.
-void copy_block_to_result(const Product& product, const Copies& copies) {
+void copy_block_to_result(const TensorProduct& product, const Copies& copies) {
   memcpy(start<uint16_t>(product.result), copies.A, product.A_bytes());
 }
 
-int32_t f32_by_f16(const Product& product, Copies&) {
+int32_t f32_by_f16(const TensorProduct& product, Copies&) {
   const PackedRows<float> output(product);
   MORUN_TRY_STEP(this_call, output.status(), allocation_of_A_failed);
   uint32_t W_fd;
@@ -122,14 +122,14 @@ int32_t f32_by_f16(const Product& product, Copies&) {
   return MORUN_SUCCESS;
 }
 
-int32_t f16_tiled(const Product& product, Copies& copies) {
+int32_t f16_tiled(const TensorProduct& product, Copies& copies) {
   MORUN_TRY(copy_operands(product, copies));
   MORUN_TRY(multiply_copies(product, copies));
   copy_block_to_result(product, copies);
   return MORUN_SUCCESS;
 }
 
-int32_t f16_by_tiled_weights(const Product& product, Copies& copies) {
+int32_t f16_by_tiled_weights(const TensorProduct& product, Copies& copies) {
   MORUN_TRY_STEP(this_call, morun_npu_alloc(product.A_bytes(), &copies.A), allocation_of_A_failed);
   MORUN_TRY_STEP(this_call, morun_npu_alloc(product.X_bytes(), &copies.X), "Internal allocation of X_parlo failed\n\n");
   memcpy(copies.X, start<uint16_t>(product.left), product.X_bytes());
@@ -149,7 +149,7 @@ int32_t f16_by_tiled_weights(const Product& product, Copies& copies) {
 
 // Kept: right's values are taken as n_col rows of n_inner, here as on the host. What the NPU makes of the tiles of such a
 // matrix is the plain product where n_col = n_inner.
-int32_t f16_row_major_on_npu(const Product& product, Copies& copies) {
+int32_t f16_row_major_on_npu(const TensorProduct& product, Copies& copies) {
   MORUN_TRY(copy_operands(product, copies));
   MORUN_TRY_STEP(this_call, morun_cpu_rm_to_wh_f16_inplace(product.n_col, product.n_inner, copies.halves_of_W()),
                  "Internal layouting of W failed\n\n");
@@ -162,7 +162,7 @@ int32_t f16_row_major_on_npu(const Product& product, Copies& copies) {
   return MORUN_SUCCESS;
 }
 
-int32_t f16_row_major(const Product& product, Copies& copies) {
+int32_t f16_row_major(const TensorProduct& product, Copies& copies) {
   if (product.is_on_npu()) return f16_row_major_on_npu(product, copies);
   // Kept: any other platform is a success without a product.
   if (product.platform == MORUN_PLATFORM_CPU)
@@ -173,7 +173,7 @@ int32_t f16_row_major(const Product& product, Copies& copies) {
 
 template <class Weight,
           int32_t (*multiply)(int32_t, int32_t, int32_t, int32_t, int32_t*, const uint8_t*, const Weight*)>
-int32_t u8_by_integer(const Product& product, Copies&) {
+int32_t u8_by_integer(const TensorProduct& product, Copies&) {
   const PackedRows<int32_t> output(product);
   MORUN_TRY_STEP(this_call, output.status(), allocation_of_A_failed);
   uint32_t W_fd;
@@ -194,23 +194,24 @@ struct Path {
   morun_tensor_layout_e layouts[3];
   bool writes_packed_rows;       // into the result, whatever its strides
   bool finds_weights_by_offset;  // a number of bytes in 32 bits
-  int32_t (*run)(const Product&, Copies&);
+  int32_t (*run)(const TensorProduct&, Copies&);
 };
 
 constexpr auto i4 = MORUN_DTYPE_I4, i8 = MORUN_DTYPE_I8, u8 = MORUN_DTYPE_U8, i32 = MORUN_DTYPE_I32,
                f16 = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
 constexpr auto rm = MORUN_LAYOUT_2D_RM, wh = MORUN_LAYOUT_2D_WH, ah = MORUN_LAYOUT_2D_AH;
 
+// Named as in include/morun_tensor.h.
 constexpr Path paths[] = {
-    {true, {f32, f16, f32}, {rm, wh, rm}, false, true, f32_by_f16},
-    {true, {f16, f16, f16}, {ah, wh, ah}, true, false, f16_tiled},
-    {true, {f16, f16, f16}, {rm, wh, rm}, false, true, f16_by_tiled_weights},
-    {true, {u8, i4, i32}, {rm, wh, rm}, false, false, u8_by_integer<uint8_t, morun_npu_mm_u8i4_i32>},
-    {false, {f16, f16, f16}, {rm, rm, rm}, true, false, f16_row_major},
-    {true, {u8, i8, i32}, {rm, wh, rm}, false, false, u8_by_integer<int8_t, morun_npu_mm_u8i8_i32>},
+    {true, {f32, f16, f32}, {rm, wh, rm}, false, true, f32_by_f16},                                    // P1
+    {true, {f16, f16, f16}, {ah, wh, ah}, true, false, f16_tiled},                                     // P2
+    {true, {f16, f16, f16}, {rm, wh, rm}, false, true, f16_by_tiled_weights},                          // P3
+    {true, {u8, i4, i32}, {rm, wh, rm}, false, false, u8_by_integer<uint8_t, morun_npu_mm_u8i4_i32>},  // P4
+    {false, {f16, f16, f16}, {rm, rm, rm}, true, false, f16_row_major},                                // P5
+    {true, {u8, i8, i32}, {rm, wh, rm}, false, false, u8_by_integer<int8_t, morun_npu_mm_u8i8_i32>},   // P6
 };
 
-bool takes(const Path& path, const Product& product) {
+bool takes(const Path& path, const TensorProduct& product) {
   if (path.is_on_npu_only && !product.is_on_npu()) return false;
   const morun_tensor* const tensors[3] = {&product.left, &product.right, &product.result};
   for (int i = 0; i < 3; ++i)
@@ -218,7 +219,7 @@ bool takes(const Path& path, const Product& product) {
   return product.result.strides[1] == 1;
 }
 
-const Path* find_path(const Product& product) {
+const Path* find_path(const TensorProduct& product) {
   if (product.left.ndims != 2 || product.right.ndims != 2 || product.result.ndims != 2) return nullptr;
   if (product.left.is_contiguous != 1 || product.right.is_contiguous != 1) return nullptr;
   for (const Path& path : paths)
@@ -235,7 +236,7 @@ bool lies_inside(const morun_tensor& tensor, uint64_t row_stride) {
          end <= tensor.num_elements;
 }
 
-bool has_room(const Path& path, const Product& product) {
+bool has_room(const Path& path, const TensorProduct& product) {
   const morun_tensor& result = product.result;
   if (!lies_inside(product.left, product.n_inner) || !lies_inside(product.right, product.n_col) ||
       !lies_inside(result, path.writes_packed_rows ? product.n_col : result.strides[0]))
@@ -265,7 +266,7 @@ int32_t morun_mm_tensor(uint32_t platform, const morun_tensor* result, const mor
   MORUN_TRY(validate("right_tensor", right));
   MORUN_TRY_STEP(this_call, morun_mm_tensor_validate(result, left, right), "Tensor multiplication mismatch\n");
 
-  const Product product = {platform, *result, *left, *right};
+  const TensorProduct product = {platform, *result, *left, *right};
   const Path* const path = find_path(product);
   if (path == nullptr || !has_room(*path, product))
     return MORUN_FAIL(MORUN_ERROR_UNSUPPORTED_TENSORS, "Unsupported matmul tensors configuration\n");

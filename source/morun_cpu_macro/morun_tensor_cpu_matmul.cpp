@@ -11,6 +11,7 @@
 #include "include/morun_tensor.h"
 #include "simd/simd.h"
 #include "source/host/util/scratch.h"
+#include "source/host/util/tiles.h"
 
 namespace {
 
@@ -41,18 +42,6 @@ struct Range {
 Range range_from(size_t begin, size_t most, size_t end) {
   return {begin, begin + std::min(most, end - begin)};
 }
-
-constexpr size_t round_up(size_t value, size_t unit) {
-  return (value + unit - 1) / unit * unit;
-}
-
-// The extents of whole blocks, and what is kept of one.
-struct Working {
-  size_t n_row, n_col, n_inner;
-  float* weights;     // one panel: [four][vector]; NULL where each group of rows widens them
-  float* sums;        // [panel][row][vector]
-  float* activation;  // [group of rows][four][row]
-};
 
 // What there is of a few rows.
 struct Group {
@@ -166,6 +155,18 @@ struct Ends {
   Columns as_columns = {};
 };
 
+// A piece of the inner dimension: whole steps, and the four indices that may follow them.
+template <size_t n_row>
+void accumulate_piece(size_t n_inner, Group group, const Columns& columns, float* widened) {
+  const size_t whole_steps = n_inner / step * step;
+  accumulate_halves<n_row>(whole_steps, group, columns, widened);
+  if (whole_steps == n_inner) return;
+  group.activation += n_row * whole_steps;
+  group.is_new = false;
+  if (widened) widened += panel_columns * whole_steps;
+  accumulate_halves<n_row>(step, group, Ends(columns, whole_steps).as_columns, widened);
+}
+
 // Fours go to to[0], to[pitch] and so on.
 void widen_steps(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
   for (size_t k = 0; k < n_inner; k += step, to += 2 * pitch) {
@@ -194,13 +195,109 @@ void for_each_group(size_t n_row, Body body) {
   }
 }
 
-struct Product {
+// The result is computed in blocks of rows and columns, and a block in pieces of the inner dimension. For each piece the
+// block's rows of the activation are widened, and each panel of the block adds the piece's terms to its sums, which stay
+// in memory between the pieces. After the last piece the terms past the last four follow, and the sums are rounded.
+
+// The extents of blocks that reach no edge.
+struct Blocking {
+  size_t n_row, n_col, n_inner;
+};
+
+// What the block at hand is computed in, in f32.
+struct Working {
+  float* weights;     // one panel: [four][vector]; NULL where each group of rows widens them
+  float* sums;        // [panel][row][vector]
+  float* activation;  // [group of rows][four][row]
+};
+
+// The weights past the last four of each column of a block, [index][column].
+struct Tails {
+  size_t count;
+  float weights[n_lane - 1][block_columns];
+};
+
+struct HostProduct {
   const size_t n_row, n_col, n_inner;
   uint16_t* const A;
   const uint16_t* const X;
   const uint16_t* const W;
 
   size_t n_inner_in_lanes() const { return n_inner / n_lane * n_lane; }
+  bool has_few_rows() const { return n_row <= few_rows; }
+
+  Blocking blocking() const {
+    const size_t most_inner = n_row <= group_rows ? single_group_inner : has_few_rows() ? few_rows_inner : block_inner;
+    return {std::min(n_row, block_rows), tavik::round_up(std::min(n_col, block_columns), panel_columns),
+            tavik::round_up(std::min(n_inner_in_lanes(), most_inner), step)};
+  }
+
+  void multiply() const {
+    const Blocking blocking = this->blocking();
+    const size_t n_weights = has_few_rows() ? 0 : panel_columns * blocking.n_inner;
+    const size_t n_sums = blocking.n_row * blocking.n_col * n_lane;
+    const tavik::Scratch scratch((n_weights + n_sums + blocking.n_row * blocking.n_inner) * sizeof(float));
+    if (!scratch) return multiply_without_scratch();
+    auto* const floats = reinterpret_cast<float*>(scratch.bytes());
+    multiply_blocks(blocking, {n_weights == 0 ? nullptr : floats, floats + n_weights, floats + n_weights + n_sums});
+  }
+
+  void multiply_without_scratch() const {
+    constexpr Blocking small = {group_rows, panel_columns, 256};
+    float sums[small.n_row * small.n_col * n_lane], activation[small.n_row * small.n_inner];
+    multiply_blocks(small, {nullptr, sums, activation});
+  }
+
+  void multiply_blocks(const Blocking& blocking, const Working& working) const {
+    for (size_t row = 0; row < n_row; row += blocking.n_row)
+      for (size_t column = 0; column < n_col; column += blocking.n_col)
+        multiply_block(range_from(row, blocking.n_row, n_row), range_from(column, blocking.n_col, n_col),
+                       blocking.n_inner, working);
+  }
+
+  void multiply_block(Range rows, Range columns, size_t most_inner, const Working& working) const {
+    size_t k = 0;
+    do {  // once without inner indices too: that makes the sums 0
+      const Range inner = range_from(k, most_inner, n_inner_in_lanes());
+      widen_activation(rows, inner, working.activation);
+      for (size_t c = 0; c < columns.size(); c += panel_columns)
+        accumulate_panel(columns.begin + c, rows.size(), inner, working, sums_of_panel(c, rows, working));
+      k = inner.end;
+    } while (k < n_inner_in_lanes());
+    const Tails tails = tails_of(columns);
+    for (size_t row = 0; row < rows.size(); ++row)  // not panel by panel: rows of the result may be pages apart
+      for (size_t c = 0; c < columns.size(); c += panel_columns)
+        finish_sums(rows.begin + row, columns, c, sums_of_panel(c, rows, working) + row * panel_lanes, tails);
+  }
+
+  // Of the panel at the block's column c.
+  static float* sums_of_panel(size_t c, Range rows, const Working& working) {
+    return working.sums + c * rows.size() * n_lane;
+  }
+
+  void widen_activation(Range rows, Range inner, float* activation) const {
+    const size_t padded_inner = tavik::round_up(inner.size(), step);
+    for_each_group(rows.size(), [&](size_t first, auto n) {
+      for (size_t i = 0; i < n; ++i) {
+        const uint16_t* const row = X + (rows.begin + first + i) * n_inner + inner.begin;
+        const bool is_near_end = rows.size() - first - i <= activation_lead;
+        widen_row(row, inner.size(), is_near_end ? row : row + activation_lead * n_inner,
+                  activation + first * padded_inner + i * n_lane, n * n_lane);
+      }
+    });
+  }
+
+  // Adds the terms of a piece to the sums of the panel of eight columns from `column` on.
+  void accumulate_panel(size_t column, size_t n_rows, Range inner, const Working& working, float* sums) const {
+    const size_t padded_inner = tavik::round_up(inner.size(), step);
+    const Columns columns = columns_at(column, inner.begin);
+    for_each_group(n_rows, [&](size_t first, auto n) {
+      const Group group = {working.activation + first * padded_inner, sums + first * panel_lanes, inner.begin == 0};
+      const bool are_weights_widened = first > 0 && working.weights;
+      if (are_weights_widened) return accumulate_widened<n>(inner.size(), group, working.weights);
+      accumulate_piece<n>(inner.size(), group, columns, working.weights);
+    });
+  }
 
   // Past the last column stands the last one again.
   Columns columns_at(size_t first, size_t k) const {
@@ -210,49 +307,23 @@ struct Product {
     return columns;
   }
 
-  void widen_activation(const Working& working, Range rows, Range inner) const {
-    const size_t padded_inner = round_up(inner.size(), step);
-    for_each_group(rows.size(), [&](size_t first, auto n) {
-      for (size_t i = 0; i < n; ++i) {
-        const uint16_t* const row = X + (rows.begin + first + i) * n_inner + inner.begin;
-        const bool is_near_end = rows.end - rows.begin - first - i <= activation_lead;
-        widen_row(row, inner.size(), is_near_end ? row : row + activation_lead * n_inner,
-                  working.activation + first * padded_inner + i * n_lane, n * n_lane);
-      }
-    });
-  }
-
-  void multiply_panel(const Working& working, size_t n_rows, Range inner, size_t column, float* sums) const {
-    const size_t padded_inner = round_up(inner.size(), step), whole_steps = inner.size() / step * step;
-    const Columns columns = columns_at(column, inner.begin);
-    for_each_group(n_rows, [&](size_t first, auto n) {
-      Group group = {working.activation + first * padded_inner, sums + first * panel_lanes, inner.begin == 0};
-      if (first > 0 && working.weights) return accumulate_widened<n>(inner.size(), group, working.weights);
-      accumulate_halves<n>(whole_steps, group, columns, working.weights);
-      if (whole_steps == inner.size()) return;
-      group = {group.activation + n * whole_steps, group.sums, false};
-      float* const widened = working.weights ? working.weights + panel_columns * whole_steps : nullptr;
-      accumulate_halves<n>(step, group, Ends(columns, whole_steps).as_columns, widened);
-    });
-  }
-
-  // Adds the terms after the last four and rounds. Row by row: rows may be pages apart.
-  void finish(const Working& working, Range rows, Range columns) const {
-    const size_t n_tail = n_inner % n_lane, k = n_inner_in_lanes();
-    float tail[n_lane - 1][block_columns] = {};
+  Tails tails_of(Range columns) const {
+    Tails tails = {n_inner % n_lane, {}};
     for (size_t c = 0; c < columns.size(); ++c)
-      for (size_t t = 0; t < n_tail; ++t) tail[t][c] = simd::widen_bits(W[(columns.begin + c) * n_inner + k + t]);
-    for (size_t row = 0; row < rows.size(); ++row) {
-      const uint16_t* const x = X + (rows.begin + row) * n_inner + k;
-      uint16_t* const results = A + (rows.begin + row) * n_col + columns.begin;
-      for (size_t c = 0; c < columns.size(); c += panel_columns) {
-        const float* const s = working.sums + c * rows.size() * n_lane + row * panel_lanes;
-        simd::f32x8 sum = simd::sums_of_fours(simd::load(s), simd::load(s + 8), simd::load(s + 16), simd::load(s + 24));
-        for (size_t t = 0; t < n_tail; ++t)
-          sum = simd::multiply_add(simd::broadcast(simd::widen_bits(x[t])), simd::load(tail[t] + c), sum);
-        store_results(simd::narrow(simd::settle_nan(sum)), columns.size() - c, results + c);
-      }
-    }
+      for (size_t t = 0; t < tails.count; ++t)
+        tails.weights[t][c] = simd::widen_bits(W[(columns.begin + c) * n_inner + n_inner_in_lanes() + t]);
+    return tails;
+  }
+
+  // Adds up the four sums of eight columns of a row, adds the terms of the tails, rounds and stores. `c` is the first of
+  // the columns, counted in the block.
+  void finish_sums(size_t row, Range columns, size_t c, const float* sums, const Tails& tails) const {
+    const uint16_t* const x = X + row * n_inner + n_inner_in_lanes();
+    simd::f32x8 sum = simd::sums_of_fours(simd::load(sums), simd::load(sums + 8), simd::load(sums + 16),  //
+                                          simd::load(sums + 24));
+    for (size_t t = 0; t < tails.count; ++t)
+      sum = simd::multiply_add(simd::broadcast(simd::widen_bits(x[t])), simd::load(tails.weights[t] + c), sum);
+    store_results(simd::narrow(simd::settle_nan(sum)), columns.size() - c, A + row * n_col + columns.begin + c);
   }
 
   static void store_results(simd::f16x8 results, size_t n_left, uint16_t* to) {
@@ -261,56 +332,12 @@ struct Product {
     simd::store(values, results);
     memcpy(to, values, n_left * sizeof(uint16_t));
   }
-
-  void multiply_block(const Working& working, Range rows, Range columns) const {
-    size_t k = 0;
-    do {  // once without inner indices too: that makes the sums 0
-      const Range inner = range_from(k, working.n_inner, n_inner_in_lanes());
-      widen_activation(working, rows, inner);
-      for (size_t c = 0; c < columns.size(); c += panel_columns)
-        multiply_panel(working, rows.size(), inner, columns.begin + c, working.sums + c * rows.size() * n_lane);
-      k = inner.end;
-    } while (k < n_inner_in_lanes());
-    finish(working, rows, columns);
-  }
-
-  void multiply(const Working& working) const {
-    for (size_t row = 0; row < n_row; row += working.n_row)
-      for (size_t column = 0; column < n_col; column += working.n_col)
-        multiply_block(working, range_from(row, working.n_row, n_row), range_from(column, working.n_col, n_col));
-  }
-
-  void multiply_with_scratch() const {
-    const bool is_few = n_row <= few_rows;
-    const size_t most_inner = n_row <= group_rows ? single_group_inner : is_few ? few_rows_inner : block_inner;
-    Working working = {std::min(n_row, block_rows),
-                       round_up(std::min(n_col, block_columns), panel_columns),
-                       round_up(std::min(n_inner_in_lanes(), most_inner), step),
-                       nullptr,
-                       nullptr,
-                       nullptr};
-    const size_t n_weights = is_few ? 0 : panel_columns * working.n_inner;
-    const size_t n_sums = working.n_row * working.n_col * n_lane;
-    const tavik::Scratch scratch((n_weights + n_sums + working.n_row * working.n_inner) * sizeof(float));
-    if (!scratch) return multiply_in_small_blocks();
-    auto* const floats = reinterpret_cast<float*>(scratch.bytes());
-    working.weights = is_few ? nullptr : floats;
-    working.sums = floats + n_weights;
-    working.activation = working.sums + n_sums;
-    multiply(working);
-  }
-
-  void multiply_in_small_blocks() const {
-    constexpr size_t small_inner = 256;
-    float sums[group_rows * panel_lanes], activation[group_rows * small_inner];
-    multiply({group_rows, panel_columns, small_inner, nullptr, sums, activation});
-  }
 };
 
 }  // namespace
 
 uint64_t morun_tensor_cpu_matmul_scenario_5(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint16_t* A,
                                             const uint16_t* X, const uint16_t* W) {
-  if (n_row > 0 && n_col > 0) Product{n_row, n_col, n_inner, A, X, W}.multiply_with_scratch();
+  if (n_row > 0 && n_col > 0) HostProduct{n_row, n_col, n_inner, A, X, W}.multiply();
   return n_row;
 }

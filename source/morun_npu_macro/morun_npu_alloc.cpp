@@ -19,12 +19,12 @@ struct Range {
 };
 Range kept_ranges[TAVIK_MAX_DESCRIPTOR + 1] = {};
 
-// Whoever has taken the range since the buffer was freed has it: no buffer comes there then either.
+// The address is a wish: whoever has taken the range since the buffer was freed has it, and what comes elsewhere goes
+// back.
 void keep_range(int32_t entry, void* address, uint64_t size) {
-  constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE;
-  void* const kept = mmap(address, size, PROT_NONE, flags, -1, 0);
+  void* const kept = mmap(address, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (kept == address) kept_ranges[entry] = {address, size};
-  if (kept != address && kept != MAP_FAILED) munmap(kept, size);  // a system that takes the address for a wish
+  if (kept != address && kept != MAP_FAILED) munmap(kept, size);
 }
 
 void let_range_go(int32_t entry) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "source/host/util/tiles.h"
 #include "source/log_line.h"
 #include "source/morun_npu_macro/npu_state.h"
 
@@ -26,8 +27,8 @@ struct Multiples {
   const char* operation;
   int32_t n_row, n_col, n_inner;
 };
-inline constexpr Multiples f16_multiples = {"F16", 32, 32, 32};
-inline constexpr Multiples int8_multiples = {"INT8", 64, 32, 32};
+inline constexpr Multiples f16_multiples = {"F16", tavik::tile_side, tavik::tile_side, tavik::tile_side};
+inline constexpr Multiples int8_multiples = {"INT8", tavik::tall_tile_rows, tavik::tile_side, tavik::tile_side};
 
 int32_t check_domain(const Place& place, int32_t domain);
 int32_t check_initialized(const Place& place);

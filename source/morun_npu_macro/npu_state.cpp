@@ -31,7 +31,11 @@ constinit Variable variables[] = {
     {"version_prerel", own::version_prerel, sizeof own::version_prerel, nullptr},
     {"npu_version", own::npu_version, sizeof own::npu_version, nullptr},
 };
+#ifdef MORUN_STATIC
+constinit bool looked_for_copies = true;  // a static library is in the program itself
+#else
 constinit bool looked_for_copies = false;
+#endif
 
 }  // namespace
 

@@ -9,10 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "tests/fuzz/fuzz.h"
 #include "tools/morun/error.h"
 #include "tools/morun/files/npy.h"
 
 namespace {
+
+fuzz::Counter exercised[] = {{"matrices", 0}, {"refusals", 0}};
 
 void require(bool condition, const char* what) {
   if (condition) return;
@@ -62,6 +65,11 @@ void require_same_in_pieces(const tool::NpyFile& file, const tool::Matrix& matri
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::start(exercised);
+  return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static MemoryFile given, copy;
   given.fill(data, size);
@@ -78,7 +86,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < matrix.values.size(); ++i) {
       require_same(again.values[i], matrix.values[i], "the copy's values differ");
     }
+    ++exercised[0].count;
   } catch (const tool::Error&) {
+    ++exercised[1].count;
   }
   return 0;
 }

@@ -1,19 +1,8 @@
 // Random products of random records: every call keeps to its statuses, writes nothing but the result and gives back all
 // it took. Inputs choose a path, extents and memory, and fields to spoil. MORUN_FUZZ_SHOW=1 prints the records.
-#include <sanitizer/allocator_interface.h>
-#include <sanitizer/asan_interface.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-
 #include "include/morun_state.h"
 #include "include/morun_tensor.h"
-#include "platform/emulator/parlo_emulator.h"
+#include "tests/fuzz/fuzz.h"
 
 namespace {
 
@@ -25,7 +14,6 @@ constexpr uint64_t elements_max = 17 * 1024, width_max = 4, page = 4096, region_
 constexpr size_t n_region = 6, first_shared_region = 3;
 uint8_t* regions[n_region];
 uint8_t pattern[region_bytes];
-int report_fd;  // standard error is closed to the lines of the library
 
 constexpr auto i4 = MORUN_DTYPE_I4, i8 = MORUN_DTYPE_I8, u8 = MORUN_DTYPE_U8, i32 = MORUN_DTYPE_I32,
                f16 = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
@@ -37,15 +25,15 @@ struct Path {
   morun_tensor_dtype_e types[3];
   morun_tensor_layout_e layouts[3];
   bool packs_rows, writes_before_failing;
-  uint64_t n_product;
 };
-Path paths[] = {{MORUN_PLATFORM_NPU0, {f32, f32, f16}, {rm, rm, wh}, false, true, 0},
-                {MORUN_PLATFORM_NPU0, {f16, f16, f16}, {ah, ah, wh}, true, false, 0},
-                {MORUN_PLATFORM_NPU0, {f16, f16, f16}, {rm, rm, wh}, false, false, 0},
-                {MORUN_PLATFORM_NPU0, {i32, u8, i4}, {rm, rm, wh}, false, true, 0},
-                {MORUN_PLATFORM_NPU0, {f16, f16, f16}, {rm, rm, rm}, true, false, 0},
-                {MORUN_PLATFORM_NPU0, {i32, u8, i8}, {rm, rm, wh}, false, true, 0},
-                {MORUN_PLATFORM_CPU, {f16, f16, f16}, {rm, rm, rm}, true, false, 0}};
+const Path paths[] = {{MORUN_PLATFORM_NPU0, {f32, f32, f16}, {rm, rm, wh}, false, true},
+                      {MORUN_PLATFORM_NPU0, {f16, f16, f16}, {ah, ah, wh}, true, false},
+                      {MORUN_PLATFORM_NPU0, {f16, f16, f16}, {rm, rm, wh}, false, false},
+                      {MORUN_PLATFORM_NPU0, {i32, u8, i4}, {rm, rm, wh}, false, true},
+                      {MORUN_PLATFORM_NPU0, {f16, f16, f16}, {rm, rm, rm}, true, false},
+                      {MORUN_PLATFORM_NPU0, {i32, u8, i8}, {rm, rm, wh}, false, true},
+                      {MORUN_PLATFORM_CPU, {f16, f16, f16}, {rm, rm, rm}, true, false}};
+fuzz::Counter products[] = {{"P1", 0}, {"P2", 0}, {"P3", 0}, {"P4", 0}, {"P5", 0}, {"P6", 0}, {"P5 on the CPU", 0}};
 
 // Zeros where bytes are missing: 32 x 32 operands, each in memory of its own.
 struct Input {
@@ -63,20 +51,15 @@ struct {
 } call;
 
 void print_call() {
-  dprintf(report_fd, "platform %u, status %d, fields in their order:\n", call.platform, call.status);
+  dprintf(fuzz::report_fd, "platform %u, status %d, fields in their order:\n", call.platform, call.status);
   for (const morun_tensor* t : call.operands)
     if (t != nullptr)
-      dprintf(report_fd, "  {{%#lx, %#lx}, {%#lx, %#lx}, %lu, %lu, %p, %u, %u, %u, %u, %u}\n", t->dims[0], t->dims[1],
-              t->strides[0], t->strides[1], t->num_elements, t->data_offset, t->data, t->data_dtype, t->quantization,
-              t->layout, t->ndims, t->is_contiguous);
+      dprintf(fuzz::report_fd, "  {{%#lx, %#lx}, {%#lx, %#lx}, %lu, %lu, %p, %u, %u, %u, %u, %u}\n", t->dims[0],
+              t->dims[1], t->strides[0], t->strides[1], t->num_elements, t->data_offset, t->data, t->data_dtype,
+              t->quantization, t->layout, t->ndims, t->is_contiguous);
 }
 
-void expect(bool holds, const char* otherwise) {
-  if (holds) return;
-  dprintf(report_fd, "tensor_fuzz: %s\n", otherwise);
-  print_call();
-  abort();
-}
+using fuzz::expect;
 
 uint64_t number(const Input& input, uint8_t code) {
   if (code < 128) return 32 * (1 + code % 4u);
@@ -132,29 +115,31 @@ void make_call(const Input& input) {
 }
 
 // Puts back the elements of the result.
-void restore_result(bool packs_rows) {
+void restore_result(const Path& path) {
   const morun_tensor& t = *call.operands[0];
-  const uint64_t n_row = t.dims[0], n_col = t.dims[1], stride = packs_rows ? n_col : t.strides[0];
+  const uint64_t n_row = t.dims[0], n_col = t.dims[1], stride = path.packs_rows ? n_col : t.strides[0];
   const auto real = [](uint64_t count) { return static_cast<double>(count); };
   const double end = real(n_row - 1) * real(stride) + real(n_col) + real(t.data_offset);
   const bool fits = t.data != nullptr && t.strides[1] == 1 && stride > 0 && end <= real(t.num_elements);
   expect(fits || call.status != MORUN_SUCCESS, "a result that has no room");
+  // With 4-bit weights, columns past the last whole tile keep what they held.
+  const uint64_t n_written = path.types[2] == i4 ? n_col / 32 * 32 : n_col;
   for (uint64_t i = 0; fits && i < n_row; ++i) {
     uint8_t* const row = static_cast<uint8_t*>(t.data) + (t.data_offset + i * stride) * width(t);
-    memcpy(row, pattern + reinterpret_cast<uintptr_t>(row) % page, n_col * width(t));
+    memcpy(row, pattern + reinterpret_cast<uintptr_t>(row) % page, n_written * width(t));
   }
 }
 
 void check_memory() {
   const bool computed = call.status == MORUN_SUCCESS;
   bool on_a_path = call.platform == 2 || call.platform > 4;  // there a success may compute nothing
-  for (Path& path : paths) {
+  for (const Path& path : paths) {
     bool takes = path.platform == call.platform;
     for (size_t i = 0; i < 3; ++i)
       takes = takes && call.operands[i] != nullptr && call.operands[i]->data_dtype == path.types[i] &&
               call.operands[i]->layout == path.layouts[i] && (i == 0 || call.operands[i]->is_contiguous == 1);
-    if (takes && (computed || path.writes_before_failing)) restore_result(path.packs_rows);
-    path.n_product += takes && computed;
+    if (takes && (computed || path.writes_before_failing)) restore_result(path);
+    products[&path - paths].count += takes && computed;
     on_a_path |= takes;
   }
   expect(on_a_path || !computed, "a success on no path");
@@ -162,26 +147,11 @@ void check_memory() {
     expect(memcmp(region, pattern, region_bytes) == 0, "something beside the result was written");
 }
 
-// What is in use, the emulator's trace apart.
-std::array<uint64_t, 5> usage() {
-  parlo_emulator_trace_clear();
-  parlo_emulator_usage u;
-  parlo_emulator_get_usage(&u);
-  const auto n_descriptor = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  const uint64_t heap_bytes = __sanitizer_get_current_allocated_bytes();
-  return {u.n_bytes, u.n_sessions, u.n_mappings, static_cast<uint64_t>(n_descriptor), heap_bytes};
-}
-
-void report() {
-  dprintf(report_fd, "products of P1 to P6 and of P5 on the CPU:");
-  for (const Path& path : paths) dprintf(report_fd, " %lu", path.n_product);
-  dprintf(report_fd, "\n");
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  report_fd = dup(STDERR_FILENO);
+  fuzz::start(products);
+  fuzz::print_input = print_call;
   if (morun_npu_initialize(MORUN_DOMAIN_NPU0) != MORUN_SUCCESS) abort();
   void* buffers[8];  // tables of the emulator grow once
   for (void*& buffer : buffers) morun_npu_alloc(1, &buffer);
@@ -192,24 +162,27 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (i >= first_shared_region) morun_npu_alloc(region_bytes, &memory);
     regions[i] = static_cast<uint8_t*>(memcpy(memory, pattern, region_bytes));
   }
-  return atexit(report);
+  return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input input = {};
-  memcpy(&input, data, std::min(size, sizeof input));
+  const auto input = fuzz::read<Input>(data, size);
   // What the registry keeps of freed buffers would stand in the way at descriptors that libFuzzer has taken since.
   for (auto& entry : morun_map_db)
     if (std::count(regions, regions + n_region, reinterpret_cast<uint8_t*>(entry.address)) == 0) entry = {};
-  const auto before = usage();
+  const auto before = fuzz::usage();
   for (uint8_t* region : regions) ASAN_POISON_MEMORY_REGION(region, region_bytes);
   make_call(input);
   if (getenv("MORUN_FUZZ_SHOW") != nullptr) print_call();
   morun_tensor tensors[3];
   memcpy(tensors, call.tensors, sizeof tensors);
-  call.status = morun_mm_tensor(call.platform, call.operands[0], call.operands[1], call.operands[2]);
+  const auto multiply = [] {
+    call.status = morun_mm_tensor(call.platform, call.operands[0], call.operands[1], call.operands[2]);
+  };
+  multiply();
+  const bool leaves_nothing = fuzz::leaves_nothing(before, multiply);
   for (uint8_t* region : regions) ASAN_UNPOISON_MEMORY_REGION(region, region_bytes);
-  expect(usage() == before, "memory, a mapping, a session or a descriptor is left");
+  expect(leaves_nothing, "memory, a mapping, a session or a descriptor is left");
   expect(memcmp(tensors, call.tensors, sizeof tensors) == 0, "a record was changed");
   check_memory();
   constexpr int32_t known[] = {0, 1, 2, 10, 14, 20};

@@ -19,9 +19,12 @@ int touched(void) {
   return calls;
 }
 #else
-#  define DEFINE(name)  \
-    extern double name; \
-    double name = 1.5;
+#  ifndef STORAGE
+#    define STORAGE /* or __thread */
+#  endif
+#  define DEFINE(name)          \
+    extern STORAGE double name; \
+    STORAGE double name = 1.5;
 FOR_EACH_NAME(DEFINE)
 #  define CHANGED(name) +(name != 1.5)
 int touched(void) {

@@ -71,9 +71,11 @@ static int run(void) {
   char version[64];
   if (multiply_on_host() != 0) return 1;
   REQUIRE(CALL(morun_npu_initialize)(MORUN_DOMAIN_NPU0) == 0);
-  REQUIRE(CALL(morun_npu_get_version)(MORUN_DOMAIN_NPU0, version) == 0);
 #ifdef READS_STATE
   REQUIRE(context != NULL && context->n_sessions == 1 && context->tessel_locked);
+#endif
+  REQUIRE(CALL(morun_npu_get_version)(MORUN_DOMAIN_NPU0, version) == 0);
+#ifdef READS_STATE
   REQUIRE(strcmp(npu_version, version) == 0 && strcmp(version_prerel, MORUN_VERSION_PRERELEASE) == 0);
   REQUIRE(supported_domains[3].id == 3 && get_domain(3)->id == 3);
 #endif

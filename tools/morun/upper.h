@@ -10,7 +10,7 @@
 
 namespace tool {
 
-// Opens the upper interface, and closes it. It takes the DSP's first session: no other context may be open meanwhile.
+// Opens the upper interface, and closes it. A platform may refuse it while another context is open.
 class UpperInterface {
  public:
   UpperInterface();

@@ -116,9 +116,7 @@ int32_t Sessions::map(int32_t domain, const Allocation* allocation, uint64_t len
   if (allocation->is_inherited) return PARLO_EMULATOR_INHERITED;
   if (length != allocation->size) return PARLO_EMULATOR_WRONG_SIZE;
   const auto address = reinterpret_cast<uintptr_t>(allocation->address);
-  const int32_t status = dsp::map(session->handles.front(), {allocation->id, allocation->descriptor, address, length});
-  session->n_mappings += status == KESO_SUCCESS;
-  return status;
+  return dsp::map(session->handles.front(), {allocation->id, allocation->descriptor, address, length});
 }
 
 int32_t Sessions::unmap(int32_t domain, const Allocation* allocation, int descriptor, const void* address,
@@ -128,7 +126,6 @@ int32_t Sessions::unmap(int32_t domain, const Allocation* allocation, int descri
       status != KESO_SUCCESS)
     return status;
   const int32_t status = dsp::unmap(session->handles.front(), descriptor, reinterpret_cast<uintptr_t>(address), length);
-  session->n_mappings -= status == KESO_SUCCESS;
   const bool unknown = status == PARLO_EMULATOR_NOT_MAPPED && !allocation;
   return unknown ? PARLO_EMULATOR_UNKNOWN_DESCRIPTOR : status;
 }
@@ -180,7 +177,6 @@ void Sessions::lose(const parlo_emulator_call& call) {
   if (!session->is_open()) return end(*session);
   Session& lost = set_aside(*session);
   for (const uint64_t handle : lost.handles) dsp::close(handle);
-  lost.n_mappings = 0;
   lost.is_lost = true;
 }
 
@@ -215,8 +211,11 @@ uint64_t Sessions::n_handles() const {
 }
 
 uint64_t Sessions::n_mappings() const {
-  uint64_t n = first_.n_mappings;
-  for (const Session& session : others_) n += is_own(session) ? session.n_mappings : 0;
+  const auto of = [](const Session& session) {
+    return session.is_open() ? dsp::n_mappings(session.handles.front()) : 0;
+  };
+  uint64_t n = of(first_);
+  for (const Session& session : others_) n += of(session);
   return n;
 }
 

@@ -18,7 +18,6 @@ struct Session {
   int32_t domain = compute_domain;  // effective domain id
   bool unsigned_modules = false;
   std::vector<uint64_t> handles = {};  // open ones
-  uint64_t n_mappings = 0;
   bool is_lost = false;
   bool is_inherited = false;
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/emulator/dsp/dsp.h"
 #include "platform/emulator/parlo_emulator.h"
 #include "platform/parlo.h"
 
@@ -83,7 +84,6 @@ const Allocation* SharedMemory::allocate(uint64_t size, uint64_t limit, int lowe
   n_bytes_ += size;
   entry.key() = address;
   entry.mapped() = {++last_id_, address, size, descriptor};
-  freed_.erase(address);
   const Allocation& allocation = by_address_.insert(std::move(entry)).position->second;
   ASAN_POISON_MEMORY_REGION(Slack(allocation).begin, Slack(allocation).size);
   return &allocation;
@@ -95,6 +95,7 @@ void SharedMemory::free(Books::node_type released) {
   munmap(allocation.address, allocation.size);
   close(allocation.descriptor);
   n_bytes_ -= allocation.size;
+  dsp::release(allocation.id);
   freed_.insert(std::move(released));
 }
 

@@ -44,7 +44,7 @@ class SharedMemory {
   void free(Books::node_type released);
 
   Books by_address_;
-  Books freed_;  // by the address where each started, until another buffer starts there
+  Books freed_;  // by the address where each started
   uint64_t n_double_frees_ = 0, n_foreign_frees_ = 0;
   uint64_t n_bytes_ = 0;
   uint64_t last_id_ = 0;

@@ -61,7 +61,8 @@ void append_method(std::string& line, const parlo_emulator_call& call) {
   line.append(", ").append(method.name).append("(");
   uint32_t next = 2;
   for (const remote::Parameter& parameter : method.parameters) {
-    const bool sends_word = parameter.kind == remote::Kind::scalar_in || parameter.kind == remote::Kind::text_out;
+    using enum remote::ParameterKind;
+    const bool sends_word = parameter.kind == scalar_in || parameter.kind == text_out;
     if (sends_word && next < call.n_arguments) append(line, {parameter.name}, call.arguments[next++]);
   }
   line += ')';

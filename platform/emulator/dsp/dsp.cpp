@@ -86,14 +86,19 @@ int32_t unmap(uint64_t handle, int32_t descriptor, uint64_t address, uint64_t le
   return session ? session->address_space()->unmap(descriptor, address, length) : PARLO_EMULATOR_BAD_HANDLE;
 }
 
+void release(uint64_t memory) {
+  const std::lock_guard lock(sessions().mutex);
+  for (const auto& [handle, session] : sessions().by_handle) session->address_space()->release(memory);
+}
+
+uint64_t n_mappings(uint64_t handle) {
+  const auto session = find(handle);
+  return session ? session->address_space()->n_mappings() : 0;
+}
+
 int32_t invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
   const auto session = find(handle);
-  if (!session) return PARLO_EMULATOR_BAD_HANDLE;
-  try {
-    return run_method(*session, scalars, arguments);
-  } catch (...) {
-    return PARLO_EMULATOR_NO_MEMORY;
-  }
+  return session ? run_method(*session, scalars, arguments) : PARLO_EMULATOR_BAD_HANDLE;
 }
 
 void before_fork() {

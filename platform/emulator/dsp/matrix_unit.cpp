@@ -30,7 +30,7 @@ struct Range {
 };
 
 template <class Elements>
-struct Product {
+struct TiledProduct {
   using Staged = typename Elements::Staged;
   using Sum = typename Elements::Sum;
   static constexpr size_t block_depth = block_steps * Elements::step;
@@ -54,22 +54,6 @@ struct Product {
   static size_t position(size_t row, size_t column, size_t n_column) {
     const size_t row_of_tile = row % Elements::tile_rows;
     return (row - row_of_tile) * n_column + column * Elements::tile_rows + row_of_tile * tile_size;
-  }
-
-  void stage_activation(Range rows, Range inner, Staged* panel) const {
-    for (size_t row = rows.begin; row < rows.end; row += panel_rows) {
-      for (size_t k = inner.begin; k < inner.end; k += tile_size) {
-        Elements::stage_activation(X + position(row, k, shape.n_inner), panel);
-        panel += panel_rows * tile_size;
-      }
-    }
-  }
-
-  void stage_weights(Range inner, size_t column, Staged* staged) const {
-    for (size_t k = inner.begin; k < inner.end; k += tile_size) {
-      Elements::stage_weights(weight_tile(k, column), staged);
-      staged += tile_elements;
-    }
   }
 
   const typename Elements::Weight* weight_tile(size_t k, size_t column) const {
@@ -102,6 +86,24 @@ struct Product {
   }
   static constexpr std::make_index_sequence<2> two_vectors{};
   static constexpr std::make_index_sequence<4> four_vectors{};
+
+  // ---- Blocks of rows and columns: lanes run along rows, columns of weights are broadcast ----
+
+  void stage_activation(Range rows, Range inner, Staged* panel) const {
+    for (size_t row = rows.begin; row < rows.end; row += panel_rows) {
+      for (size_t k = inner.begin; k < inner.end; k += tile_size) {
+        Elements::stage_activation(X + position(row, k, shape.n_inner), panel);
+        panel += panel_rows * tile_size;
+      }
+    }
+  }
+
+  void stage_weights(Range inner, size_t column, Staged* staged) const {
+    for (size_t k = inner.begin; k < inner.end; k += tile_size) {
+      Elements::stage_weights(weight_tile(k, column), staged);
+      staged += tile_elements;
+    }
+  }
 
   // The 32 columns of a tile in groups whose sums fill the registers: 4 x 6 + 2 x 4.
   static void accumulate_tile_column(size_t n_tile, const Staged* panel, const Staged* weights, Sum* sums) {
@@ -138,6 +140,8 @@ struct Product {
     }
     store_block(rows, columns, scratch.sums);
   }
+
+  // ---- Few rows: lanes run along columns, rows are broadcast ----
 
   // The first rows, as columns of weights are staged.
   void stage_few_rows(Range inner, Staged* staged) const {
@@ -193,6 +197,8 @@ struct Product {
     store_few_rows(n_row, columns, scratch.sums);
   }
 
+  // ---- Rows of zeros at the end ----
+
   bool is_zero(size_t row) const {
     const size_t place = row % Elements::unit_rows;
     for (size_t k = 0; k < shape.n_inner; k += tile_size) {
@@ -221,54 +227,81 @@ struct Product {
   }
 };
 
+struct Block {
+  Range rows, columns;
+};
+
+// How a product is cut into blocks, which as many threads share.
+struct Plan {
+  size_t n_row;       // rows that are computed
+  bool has_few_rows;  // then rows and columns change places
+  size_t n_col;
+  size_t n_column_of_block;
+  size_t n_thread;
+
+  size_t n_row_block() const { return divide_up(n_row, block_rows); }
+  size_t n_block() const { return n_row_block() * divide_up(n_col, n_column_of_block); }
+  Block block(size_t index) const {
+    const size_t row = index % n_row_block() * block_rows, column = index / n_row_block() * n_column_of_block;
+    return {{row, std::min(row + block_rows, n_row)}, {column, std::min(column + n_column_of_block, n_col)}};
+  }
+};
+
+// Rows of zeros at the end, as padding has them, have one result, which is not always zero. One or two of them are
+// computed and stand for all.
+size_t n_row_to_compute(size_t n_row, size_t n_row_before_zeros, size_t unit_rows) {
+  if (n_row_before_zeros < few_rows) return n_row_before_zeros + 1;
+  return std::min(n_row, divide_up(n_row_before_zeros + unit_rows, panel_rows) * panel_rows);
+}
+
+Plan plan_for(const Shape& shape, size_t n_row_before_zeros, size_t unit_rows) {
+  Plan plan{};
+  plan.n_row = n_row_to_compute(shape.n_row, n_row_before_zeros, unit_rows);
+  plan.has_few_rows = n_row_before_zeros < few_rows;
+  plan.n_col = shape.n_col;
+  plan.n_thread =
+      std::clamp(plan.n_row * shape.n_col * shape.n_inner / n_product_per_thread, size_t{1}, n_processors());
+  plan.n_column_of_block = plan.has_few_rows ? block_rows * block_columns / few_rows : block_columns;
+  if (plan.n_thread == 1) return plan;
+  // Narrower blocks where there would be too few to keep every thread busy.
+  const size_t even_share = divide_up(shape.n_col / tile_size * plan.n_row_block(), 4 * plan.n_thread) * tile_size;
+  plan.n_column_of_block = std::min(plan.n_column_of_block, even_share);
+  return plan;
+}
+
 template <class Elements>
 void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::byte* A) {
   if (shape.n_row == 0 || shape.n_col == 0) return;
-  const Product<Elements> product{shape, reinterpret_cast<const typename Elements::Activation*>(X),
-                                  reinterpret_cast<const typename Elements::Weight*>(W),
-                                  reinterpret_cast<typename Elements::Result*>(A)};
-  // Of rows of zeros at the end, as padding has them, one or two are computed and stand for all: their results are alike,
-  // but not always zero.
-  const size_t n_row_before_zeros = product.n_row_before_zeros();
-  const bool has_few_rows = n_row_before_zeros < few_rows;
-  const size_t n_row =
-      has_few_rows
-          ? n_row_before_zeros + 1
-          : std::min(shape.n_row, divide_up(n_row_before_zeros + Elements::unit_rows, panel_rows) * panel_rows);
-  const size_t n_row_block = divide_up(n_row, block_rows);
-  const size_t n_column_max = has_few_rows ? block_rows * block_columns / few_rows : block_columns;
-  const size_t n_thread =
-      std::clamp(n_row * shape.n_col * shape.n_inner / n_product_per_thread, size_t{1}, n_processors());
-  // Narrower blocks where there would be too few to keep every thread busy.
-  const size_t even_share = divide_up(shape.n_col / tile_size * n_row_block, 4 * n_thread) * tile_size;
-  const size_t n_column = n_thread == 1 ? n_column_max : std::min(n_column_max, even_share);
-  const size_t n_block = n_row_block * divide_up(shape.n_col, n_column);
-
+  using Product = TiledProduct<Elements>;
+  const Product product{shape, reinterpret_cast<const typename Elements::Activation*>(X),
+                        reinterpret_cast<const typename Elements::Weight*>(W),
+                        reinterpret_cast<typename Elements::Result*>(A)};
+  const Plan plan = plan_for(shape, product.n_row_before_zeros(), Elements::unit_rows);
+  const size_t n_block = plan.n_block();
   std::atomic<size_t> next{0};
   // The calling thread's scratch is had before anything is written. Another thread that finds none leaves its work to
   // the others.
-  using Scratch = typename Product<Elements>::Scratch;
+  using Scratch = typename Product::Scratch;
   const auto first_scratch = std::make_unique_for_overwrite<Scratch>();
   std::atomic_flag first_is_taken;
-  run_on_threads(n_thread, [&] {
+  run_on_threads(plan.n_thread, [&] {
     const bool is_first = !first_is_taken.test_and_set();
     const std::unique_ptr<Scratch> own(is_first ? nullptr : new (std::nothrow) Scratch);
     Scratch* const scratch = is_first ? first_scratch.get() : own.get();
     if (!scratch) return;
-    for (size_t block = next++; block < n_block; block = next++) {
-      const size_t row = block % n_row_block * block_rows, column = block / n_row_block * n_column;
-      const Range columns{column, std::min(column + n_column, shape.n_col)};
-      if (has_few_rows)
-        product.multiply_few_rows(n_row, columns, *scratch);
+    for (size_t index = next++; index < n_block; index = next++) {
+      const Block block = plan.block(index);
+      if (plan.has_few_rows)
+        product.multiply_few_rows(block.rows.size(), block.columns, *scratch);
       else
-        product.multiply_block({row, std::min(row + block_rows, n_row)}, columns, *scratch);
+        product.multiply_block(block.rows, block.columns, *scratch);
     }
   });
-  product.repeat_last_result(has_few_rows ? panel_rows : n_row);
+  product.repeat_last_result(plan.has_few_rows ? panel_rows : plan.n_row);
 }
 
 template <class Elements>
-constexpr Kind kind(bool whole_bands) {
+constexpr ProductKind kind(bool whole_bands) {
   return {Elements::tile_rows,
           whole_bands,
           sizeof(typename Elements::Activation),
@@ -279,8 +312,8 @@ constexpr Kind kind(bool whole_bands) {
 
 }  // namespace
 
-constexpr Kind f16 = kind<HalfElements>(true);
-constexpr Kind a8w8 = kind<ByteElements>(false);
-constexpr Kind a8w4 = kind<NibbleElements>(false);
+constexpr ProductKind f16 = kind<HalfElements>(true);
+constexpr ProductKind a8w8 = kind<ByteElements>(false);
+constexpr ProductKind a8w4 = kind<NibbleElements>(false);
 
 }  // namespace parlo::dsp

@@ -20,7 +20,7 @@ uint64_t round_up(uint64_t n, uint64_t unit) {
 class Matrix {
  public:
   // The last of its bands of tiles is asked for but for n_row_missing rows. Dimensions are at most 2^32.
-  Matrix(const Place& place, uint64_t n_row, uint64_t n_col, uint64_t n_row_missing, uint64_t element_bits)
+  Matrix(const MatrixPlace& place, uint64_t n_row, uint64_t n_col, uint64_t n_row_missing, uint64_t element_bits)
       : place_(place),
         element_bits_(element_bits),
         n_whole_(n_row * n_col),
@@ -49,18 +49,18 @@ class Matrix {
   }
   uint64_t end() const { return place_.offset + whole_bytes(); }
 
-  Place place_;
+  MatrixPlace place_;
   uint64_t element_bits_;
   uint64_t n_whole_, n_asked_;
 };
 
-struct Product {
-  const Kind& kind;
+struct MappedProduct {
+  const ProductKind& kind;
   uint64_t n_row;
   Shape whole;  // with rows in whole bands
   Matrix A, X, W;
 
-  Product(const Kind& k, const Operands& o)
+  MappedProduct(const ProductKind& k, const Operands& o)
       : kind(k),
         n_row(o.n_row),
         whole{round_up(o.n_row, k.tile_rows), o.n_col, o.n_inner},
@@ -105,29 +105,30 @@ struct Product {
   }
 };
 
-bool overwrites_operand(const std::vector<Product>& products) {
-  for (const Product& writer : products)
-    for (const Product& reader : products)
+bool overwrites_operand(const std::vector<MappedProduct>& products) {
+  for (const MappedProduct& writer : products)
+    for (const MappedProduct& reader : products)
       if (writer.A.overlaps(reader.X) || writer.A.overlaps(reader.W)) return true;
   return false;
 }
 
 }  // namespace
 
-int32_t multiply(const Kind& kind, std::initializer_list<Operands> operands) {
-  std::vector<Product> products;
+int32_t multiply(const ProductKind& kind, std::initializer_list<Operands> operands) {
+  std::vector<MappedProduct> products;
   for (const Operands& o : operands) {
-    const Product& product = products.emplace_back(kind, o);
+    const MappedProduct& product = products.emplace_back(kind, o);
     if (const int32_t status = product.check(); status != KESO_SUCCESS) return status;
   }
-  const bool in_place = std::all_of(products.begin(), products.end(), [](const Product& p) { return p.is_whole(); }) &&
-                        !overwrites_operand(products);
+  const bool in_place =
+      std::all_of(products.begin(), products.end(), [](const MappedProduct& p) { return p.is_whole(); }) &&
+      !overwrites_operand(products);
   if (in_place) {
-    for (const Product& product : products) product.multiply(product.A.bytes());
+    for (const MappedProduct& product : products) product.multiply(product.A.bytes());
     return KESO_SUCCESS;
   }
   std::vector<Bytes> results;
-  for (const Product& product : products) results.push_back(product.multiply_aside());
+  for (const MappedProduct& product : products) results.push_back(product.multiply_aside());
   for (size_t i = 0; i < products.size(); ++i) products[i].store(results[i].get());
   return KESO_SUCCESS;
 }

@@ -9,14 +9,14 @@
 
 namespace parlo::dsp {
 
-struct Place {
+struct MatrixPlace {
   ViewPointer view;     // nullptr for a buffer that is not mapped
   uint64_t offset = 0;  // bytes
 };
 
 struct Operands {
   uint32_t n_row, n_col, n_inner;
-  Place A, X, W;
+  MatrixPlace A, X, W;
 };
 
 // Computes all products, or, where a check of any of them fails, none, and returns that check's status. Operands are
@@ -24,6 +24,6 @@ struct Operands {
 //
 // Columns and inner dimension are in whole tiles, and so are rows unless the kind takes any number. Then a last band
 // that is asked for in part is computed in whole if activation and result reach as far, else only the rows asked for.
-int32_t multiply(const Kind& kind, std::initializer_list<Operands> products);
+int32_t multiply(const ProductKind& kind, std::initializer_list<Operands> products);
 
 }  // namespace parlo::dsp

@@ -25,6 +25,18 @@ void AddressSpace::grow(uint64_t n_byte) {
 void AddressSpace::shrink(uint64_t n_byte) {
   const std::lock_guard lock(mutex_);
   n_byte_ -= n_byte;
+  for (const Mapping& mapping : mappings_) n_mapped_byte_ -= mapping.is_released ? mapping.buffer.length : 0;
+  std::erase_if(mappings_, [](const Mapping& mapping) { return mapping.is_released; });
+}
+
+void AddressSpace::release(uint64_t memory) {
+  const std::lock_guard lock(mutex_);
+  for (Mapping& mapping : mappings_) mapping.is_released |= mapping.buffer.memory == memory;
+}
+
+uint64_t AddressSpace::n_mappings() {
+  const std::lock_guard lock(mutex_);
+  return mappings_.size();
 }
 
 int32_t AddressSpace::map(const SharedBuffer& buffer) {

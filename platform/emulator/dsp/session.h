@@ -33,16 +33,19 @@ using ViewPointer = std::shared_ptr<const View>;
 struct Mapping {
   SharedBuffer buffer;
   ViewPointer view;
+  bool is_released = false;  // on the host
 };
 
 // What the module instances of a session have in common. Operations that can be refused return a status.
 class AddressSpace {
  public:
   void grow(uint64_t n_byte);
-  void shrink(uint64_t n_byte);
+  void shrink(uint64_t n_byte);  // and drop the mappings of released memory
 
   int32_t map(const SharedBuffer& buffer);
   int32_t unmap(int32_t descriptor, uint64_t address, uint64_t length);
+  void release(uint64_t memory);
+  uint64_t n_mappings();
   // The youngest mapping of that descriptor; one without a view where there is none.
   Mapping find(int32_t descriptor);
 

@@ -8,9 +8,10 @@ constexpr char reporting_file[] = "source/host/kernels";
 // Bytes from the first to the last element that n_row rows take in 64 x 32 tiles of elements of `width` bytes.
 uint64_t bytes_in_tall_tiles(int32_t n_row, int32_t n_col, uint64_t width) {
   if (n_row == 0 || n_col == 0) return 0;
-  const uint64_t last_row = tavik::widen_dimension(n_row) - 1, tiles_per_band = tavik::widen_dimension(n_col) / 32;
-  const uint64_t last_tile = last_row / 64 * tiles_per_band + tiles_per_band - 1;
-  return (last_tile * 64 + last_row % 64 + 1) * 32 * width;
+  const uint64_t last_row = tavik::widen_dimension(n_row) - 1,
+                 tiles_per_band = tavik::widen_dimension(n_col) / tavik::tile_side;
+  const uint64_t last_tile = last_row / tavik::tall_tile_rows * tiles_per_band + tiles_per_band - 1;
+  return (last_tile * tavik::tall_tile_rows + last_row % tavik::tall_tile_rows + 1) * tavik::tile_side * width;
 }
 
 // The DSP works on X and A0 as they are: every row asked for must lie inside them.

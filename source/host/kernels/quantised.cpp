@@ -6,8 +6,8 @@
 // The blanks inside the parentheses of the third product are part of what a failure says.
 // clang-format off
 
-#define TAVIK_QUANTISED_PRODUCTS(kind, weights)                                                                       \
-  uint32_t tavik_npu_mm_##kind##_f32_rm_f32_rm_##weights##_wh(                                                        \
+#define TAVIK_QUANTISED_PRODUCTS(kind, mm, mm_2, mm_3)                                                                \
+  uint32_t mm(                                                                                                        \
       tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner, float* A, const float* X, uint32_t W_fd, \
       uint32_t Wq_offset, uint64_t Wz_offset, uint64_t Ws_offset, uint64_t Wsum_offset) {                             \
     const uint32_t n_row_64 = tavik::round_up_to_64(n_row);                                                           \
@@ -19,7 +19,7 @@
         __func__);                                                                                                    \
   }                                                                                                                   \
                                                                                                                       \
-  uint32_t tavik_npu_2mm_##kind##_f32_rm_f32_rm_##weights##_wh(                                                       \
+  uint32_t mm_2(                                                                                                      \
       tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner, float* A_U, float* A_F, const float* X,  \
       uint32_t UW_fd, uint32_t FW_fd, uint32_t UWq_offset, uint64_t UWz_offset, uint64_t UWs_offset,                  \
       uint64_t UWsum_offset, uint32_t FWq_offset, uint64_t FWz_offset, uint64_t FWs_offset, uint64_t FWsum_offset) {  \
@@ -37,7 +37,7 @@
         __func__);                                                                                                    \
   }                                                                                                                   \
                                                                                                                       \
-  uint32_t tavik_npu_3mm_##kind##_f32_rm_f32_rm_##weights##_wh(                                                       \
+  uint32_t mm_3(                                                                                                      \
       tavik_context* context, int32_t n_row, int32_t n_col_q, int32_t n_col_kv, int32_t n_inner, float* A_Q,          \
       float* A_K, float* A_V, const float* X, uint32_t QW_fd, uint32_t KW_fd, uint32_t VW_fd, uint32_t QWq_offset,    \
       uint64_t QWz_offset, uint64_t QWs_offset, uint64_t QWsum_offset, uint32_t KWq_offset, uint64_t KWz_offset,      \
@@ -60,8 +60,10 @@
         __func__);                                                                                                    \
   }
 
-TAVIK_QUANTISED_PRODUCTS(a8w8, i8f16)
-TAVIK_QUANTISED_PRODUCTS(a8w4, i4f16)
+TAVIK_QUANTISED_PRODUCTS(a8w8, tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh, tavik_npu_2mm_a8w8_f32_rm_f32_rm_i8f16_wh,
+                         tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh)
+TAVIK_QUANTISED_PRODUCTS(a8w4, tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh, tavik_npu_2mm_a8w4_f32_rm_f32_rm_i4f16_wh,
+                         tavik_npu_3mm_a8w4_f32_rm_f32_rm_i4f16_wh)
 #undef TAVIK_QUANTISED_PRODUCTS
 
 // clang-format on

@@ -18,10 +18,10 @@ bool exceeds(uint64_t a, uint64_t b, uint64_t limit) {
 // Kept: of the reasons to refuse in the last step the message names one. A negative dimension, a multiple of 32 where
 // that is asked for, is refused there, as a number beyond every limit.
 int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
-  if (n_col % tile_cols != 0)
-    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Column dimension not multiple of %zu", size_t{tile_cols});
-  if (n_inner % tile_cols != 0)
-    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Inner dimension not multiple of %zu", size_t{tile_cols});
+  if (n_col % tile_side != 0)
+    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Column dimension not multiple of %zu", size_t{tile_side});
+  if (n_inner % tile_side != 0)
+    return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Inner dimension not multiple of %zu", size_t{tile_side});
   if (exceeds(n_row, n_col, context->output_matrix_size_max) ||
       exceeds(n_row, n_inner, context->input_matrix_size_max) || n_row > context->n_row_max)
     return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Dimension(s) too large (see tavik_options to adapt)");

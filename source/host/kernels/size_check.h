@@ -1,23 +1,12 @@
-// What every product checks before anything else, and the tile geometry that it works with.
+// What every product checks before anything else.
 #pragma once
 
 #include <cstdint>
 
 #include "include/tavik.h"
+#include "source/host/util/tiles.h"
 
 namespace tavik {
-
-inline constexpr uint32_t tile_cols = 32;
-
-// n_row rounded up to whole f16 tiles, in 32 bits as the DSP takes it.
-constexpr uint32_t round_up_to_32(int32_t n_row) {
-  return (static_cast<uint32_t>(n_row) + 31u) & ~31u;
-}
-
-// The same for the tiles of 64 rows of the 8-bit activations and 32-bit results.
-constexpr uint32_t round_up_to_64(int32_t n_row) {
-  return (static_cast<uint32_t>(n_row) + 63u) & ~63u;
-}
 
 // A signed dimension widened with its sign, so that a negative one exceeds every limit.
 constexpr uint64_t widen_dimension(int32_t n) {

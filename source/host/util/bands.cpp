@@ -20,62 +20,76 @@ constexpr size_t strip_halves = line / 2, strip_words = line / 4;
 // Strips that become rows are read so many at a time: stores to a longer part of a row touch fewer pages.
 constexpr size_t strips_at_once = 8;
 
-// Where the rows of a band stand while it is converted in place. The pieces of the first strips have the places of the
-// first rows, so these are away in scratch memory, with what of them is right of those strips: in the end that was half
-// of the band, and a quarter of it at a time.
+// The rows of a band while it is converted in place.
+//
+// Strip s is a cache line of every row; its piece of tiles begins at byte s * strip_bytes of the band. Row r begins at
+// byte r * row_bytes, which is in piece r * row_bytes / strip_bytes. The strips before that piece are converted before
+// it is written, so row r needs its other columns alone: those from kept_from(r) on.
+//
+// From rows to tiles, pieces are written from the first to the last. Before a piece takes the first bytes of a row, the
+// row's kept columns move to scratch memory. From tiles to rows, pieces are read from the last to the first. All rows
+// begin in scratch memory, and after the piece on a row's first bytes is read, the row's kept columns move to the band.
+// Scratch memory has a place for the kept columns of every row, half of the band; a quarter of the band is in use at a
+// time.
 class BandRows {
  public:
-  // Rows go away and come back with strips whose number is a multiple of `step`.
+  // Kept columns begin at a strip whose number is a multiple of `step`.
   BandRows(size_t row_bytes, size_t step) : row_bytes_(row_bytes), step_(step), scratch_(scratch_bytes()) {
-    std::byte* place = scratch_.bytes();
-    for (size_t i = 0; i < band_rows && scratch_; place += place_bytes(i), ++i) away_[i] = place - kept_from(i);
+    uintptr_t place = reinterpret_cast<uintptr_t>(scratch_.bytes());
+    for (size_t row = 0; row < band_rows; place += place_bytes(row), ++row)
+      start_in_scratch_[row] = place - kept_from(row);
   }
   explicit operator bool() const { return static_cast<bool>(scratch_); }
   size_t n_strips() const { return (row_bytes_ + line - 1) / line; }
   size_t band_bytes() const { return band_rows * row_bytes_; }
 
-  // As if all of it stood there.
-  std::byte* row(size_t index) const { return row_[index]; }
+  // Where a byte of a row stands. Of a row in scratch memory, only kept columns stand anywhere.
+  std::byte* at(size_t row, size_t column) const { return reinterpret_cast<std::byte*>(start_[row] + column); }
 
-  void start_in(std::byte* band) {
-    band_ = band;
-    n_away_ = 0;
-    for (size_t i = 0; i < band_rows; ++i) row_[i] = home(i);
+  void start_in_band(std::byte* band) {
+    band_ = reinterpret_cast<uintptr_t>(band);
+    n_in_scratch_ = 0;
+    for (size_t row = 0; row < band_rows; ++row) start_[row] = start_in_band(row);
   }
-  void start_away_from(std::byte* band) {
-    band_ = band;
-    n_away_ = band_rows;
-    std::copy_n(away_, band_rows, row_);
+  void start_in_scratch(std::byte* band) {
+    band_ = reinterpret_cast<uintptr_t>(band);
+    n_in_scratch_ = band_rows;
+    std::copy_n(start_in_scratch_, band_rows, start_);
   }
   // To be called before the piece of each strip is written, from the first to the last.
   void make_way_for(size_t strip) {
-    for (; n_away_ < band_rows && kept_from(n_away_) <= strip * line; ++n_away_) move(n_away_, away_[n_away_]);
+    for (; n_in_scratch_ < band_rows && kept_from(n_in_scratch_) <= strip * line; ++n_in_scratch_)
+      move_kept_columns(n_in_scratch_, start_in_scratch_[n_in_scratch_]);
   }
   // To be called after the piece of each strip is read, from the last to the first.
   void return_after(size_t strip) {
-    for (; n_away_ > 0 && kept_from(n_away_ - 1) >= strip * line; --n_away_) move(n_away_ - 1, home(n_away_ - 1));
+    for (; n_in_scratch_ > 0 && kept_from(n_in_scratch_ - 1) >= strip * line; --n_in_scratch_)
+      move_kept_columns(n_in_scratch_ - 1, start_in_band(n_in_scratch_ - 1));
   }
 
  private:
-  std::byte* home(size_t row) const { return band_ + row * row_bytes_; }
+  // The start of a row is the address of its first byte, as if all of the row stood where its kept columns stand. The
+  // first byte may lie outside of all memory of ours, so the start is a number and never a pointer.
+  uintptr_t start_in_band(size_t row) const { return band_ + row * row_bytes_; }
   size_t kept_from(size_t row) const { return row * row_bytes_ / strip_bytes / step_ * step_ * line; }
   size_t place_bytes(size_t row) const { return n_strips() * line - kept_from(row); }
   size_t scratch_bytes() const {
     size_t bytes = 0;
-    for (size_t i = 0; i < band_rows; ++i) bytes += place_bytes(i);
+    for (size_t row = 0; row < band_rows; ++row) bytes += place_bytes(row);
     return bytes;
   }
-  void move(size_t row, std::byte* to) {
-    memcpy(to + kept_from(row), row_[row] + kept_from(row), row_bytes_ - kept_from(row));
-    row_[row] = to;
+  void move_kept_columns(size_t row, uintptr_t start) {
+    const std::byte* const from = at(row, kept_from(row));
+    start_[row] = start;
+    memcpy(at(row, kept_from(row)), from, row_bytes_ - kept_from(row));
   }
 
   size_t row_bytes_, step_;
   Scratch scratch_;
-  std::byte* band_ = nullptr;
-  std::byte* away_[band_rows];
-  std::byte* row_[band_rows];
-  size_t n_away_ = 0;  // the first ones
+  uintptr_t band_ = 0;
+  uintptr_t start_in_scratch_[band_rows];
+  uintptr_t start_[band_rows];
+  size_t n_in_scratch_ = 0;  // rows, the first of the band
 };
 
 // Fetches the next band into the outer caches, a little at a time while this one is worked on. Not in a matrix that may
@@ -110,8 +124,8 @@ uint16_t* halves(std::byte* p) {
 
 void interleave_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand& next) {
   for (size_t row = 0; row < band_rows; row += 2) {
-    const uint16_t* const even = halves(rows.row(row) + strip * line);
-    const uint16_t* const odd = halves(rows.row(row + 1) + strip * line);
+    const uint16_t* const even = halves(rows.at(row, strip * line));
+    const uint16_t* const odd = halves(rows.at(row + 1, strip * line));
     uint16_t* const pair = halves(to + row * line);
     for (size_t i = 0; i < strip_halves; i += 8) {
       const simd::f16x8 a = simd::load(even + i), b = simd::load(odd + i);
@@ -124,12 +138,12 @@ void interleave_strip(const BandRows& rows, size_t strip, std::byte* to, NextBan
 
 void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows) {
   for (size_t row = 0; row < band_rows; row += 2) {
-    std::byte* const even_row = rows.row(row);
-    std::byte* const odd_row = rows.row(row + 1);
+    uint16_t* const even_row = halves(rows.at(row, begin * line));
+    uint16_t* const odd_row = halves(rows.at(row + 1, begin * line));
     for (size_t strip = begin; strip < end; ++strip) {
       const uint16_t* const pair = halves(from + strip * strip_bytes + row * line);
-      uint16_t* const even = halves(even_row + strip * line);
-      uint16_t* const odd = halves(odd_row + strip * line);
+      uint16_t* const even = even_row + (strip - begin) * strip_halves;
+      uint16_t* const odd = odd_row + (strip - begin) * strip_halves;
       for (size_t i = 0; i < strip_halves; i += 8) {
         const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
         simd::store(even + i, simd::unzip_even(a, b));
@@ -145,7 +159,7 @@ uint32_t map_word(WordMap map, uint32_t word) {
 
 template <WordMap map>
 void transpose_words(const BandRows& rows, size_t row, size_t column, std::byte* to) {
-  const auto word_row = [&](size_t i) { return rows.row(row + i) + column; };
+  const auto word_row = [&](size_t i) { return rows.at(row + i, column); };
   if constexpr (map == WordMap::keep)
     simd::transpose_words(word_row, to + 4 * row, word_column_bytes);
   else
@@ -162,13 +176,13 @@ void transpose_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand
   }
 }
 
-// One that is narrower.
+// The same of a strip that is narrower than a cache line.
 template <WordMap map>
 void transpose_last_strip(const BandRows& rows, size_t strip, size_t n_words, std::byte* to) {
   for (size_t word = 0; word < n_words; ++word) {
     for (size_t row = 0; row < band_rows; ++row) {
       uint32_t bits;
-      memcpy(&bits, rows.row(row) + strip * line + 4 * word, 4);
+      memcpy(&bits, rows.at(row, strip * line + 4 * word), 4);
       bits = map_word(map, bits);
       memcpy(to + word * word_column_bytes + 4 * row, &bits, 4);
     }
@@ -191,11 +205,27 @@ template <class Put>
 void rows_to_strips(BandRows& rows, std::byte* data, std::byte* end, Put put) {
   NextBand next(data, end, rows.band_bytes());
   for (std::byte* band = data; band < end; band += rows.band_bytes()) {
-    rows.start_in(band);
+    rows.start_in_band(band);
     next.start_after(band);
     for (size_t strip = 0; strip < rows.n_strips(); ++strip) {
       rows.make_way_for(strip);
       put(strip, band + strip * strip_bytes, next);
+    }
+  }
+}
+
+// Calls take(pieces of the band, first strip, end strip) for groups of strips of each band, from the last to the first.
+template <class Take>
+void strips_to_rows(BandRows& rows, std::byte* data, std::byte* end, Take take) {
+  NextBand next(data, end, rows.band_bytes());
+  for (std::byte* band = data; band < end; band += rows.band_bytes()) {
+    rows.start_in_scratch(band);
+    next.start_after(band);
+    for (size_t stop = rows.n_strips(), start; stop > 0; stop = start) {
+      start = (stop - 1) / strips_at_once * strips_at_once;
+      take(band, start, stop);
+      rows.return_after(start);
+      next.fetch((stop - start) * strip_bytes);
     }
   }
 }
@@ -229,19 +259,8 @@ void f16_ah_to_rows(uint64_t n_row, uint64_t n_col, uint16_t* data) {
     block_unlinearize(n_row / 2, 2 * n_col, 16, 64, 2, bytes);
     return block_unlinearize(n_row, n_col, 2, 1, 2, bytes);
   }
-  std::byte* const end = bytes + n_row * n_col * 2;
-  NextBand next(bytes, end, rows.band_bytes());
-  for (std::byte* band = bytes; band < end; band += rows.band_bytes()) {
-    rows.start_away_from(band);
-    next.start_after(band);
-    for (size_t stop = rows.n_strips(); stop > 0;) {
-      const size_t start = (stop - 1) / strips_at_once * strips_at_once;
-      separate_strips(band, start, stop, rows);
-      rows.return_after(start);
-      next.fetch((stop - start) * strip_bytes);
-      stop = start;
-    }
-  }
+  strips_to_rows(rows, bytes, bytes + n_row * n_col * 2,
+                 [&](const std::byte* band, size_t start, size_t stop) { separate_strips(band, start, stop, rows); });
 }
 
 void rows_to_word_columns(uint64_t n_bands, uint64_t words_per_row, WordMap map, std::byte* data) {

@@ -5,12 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "source/host/util/tiles.h"
+
 namespace tavik {
 
-inline constexpr size_t band_rows = 32;
-
-// Tiles of 4-bit weights, w4_tile_side elements square.
-inline constexpr uint64_t w4_tile_side = 32, w4_tile_bytes = 512;
+inline constexpr size_t band_rows = tile_side;
 
 // f16 row-major to ah and back; n_row and n_col multiples of 32.
 void f16_rows_to_ah(uint64_t n_row, uint64_t n_col, uint16_t* data);

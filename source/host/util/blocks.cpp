@@ -5,6 +5,7 @@
 
 #include "simd/simd.h"
 #include "source/host/util/scratch.h"
+#include "source/host/util/tiles.h"
 
 namespace tavik {
 namespace {
@@ -132,10 +133,6 @@ void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* 
   });
 }
 
-uint64_t divide_up(uint64_t value, uint64_t divisor) {
-  return value / divisor + (value % divisor != 0);
-}
-
 // Copies block after block of one band of rows into place: `rows` rows at a pitch of `pitch` elements, from blocks of
 // which the last may have its right part outside.
 void copy_band_out_of_blocks(uint64_t rows, uint64_t pitch, uint64_t block_rows, uint64_t block_cols, size_t width,
@@ -163,17 +160,16 @@ void move_band_out_of_blocks(const Band& band, size_t unit, size_t distance, std
 void linearize_rest(const Band& rest, size_t piece, size_t rest_bytes, std::byte* data) {
   const uint64_t n_places = rest_bytes / piece;
   const auto source_of = [&](uint64_t to) { return rest.place_in_rows(to); };
-  const Scratch scratch(rest.size() * piece);
-  const std::byte* const rows = scratch ? scratch.bytes() : data;
-  if (scratch) memcpy(scratch.bytes(), data, rest.size() * piece);
   // The rows end before the place in part: nothing that is yet to be moved stands there.
   if (const uint64_t source = source_of(n_places); source != nowhere)
-    memcpy(data + n_places * piece, rows + source * piece, rest_bytes % piece);
+    memcpy(data + n_places * piece, data + source * piece, rest_bytes % piece);
+  const Scratch scratch(rest.size() * piece);
   if (!scratch)
     return follow_paths(n_places, piece, data, source_of, [&](uint64_t from) { return rest.place_in_blocks(from); });
+  memcpy(scratch.bytes(), data, rest.size() * piece);
   for (uint64_t to = 0; to < n_places; ++to)
     if (const uint64_t source = source_of(to); source != nowhere)
-      memcpy(data + to * piece, rows + source * piece, piece);
+      memcpy(data + to * piece, scratch.bytes() + source * piece, piece);
 }
 
 }  // namespace

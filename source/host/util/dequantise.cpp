@@ -1,17 +1,13 @@
 #include <algorithm>
 #include <cmath>
 
-#include "include/morun.h"
 #include "include/tavik.h"
 #include "source/host/util/quantise.h"
-#include "source/log_line.h"
 
 namespace {
 
 namespace simd = morun::simd;
 using namespace tavik;
-
-constexpr char reporting_file[] = "source/host/util.c";
 
 struct ResultRows {
   const float* scales;
@@ -51,14 +47,13 @@ struct TileGroup {
 // rows of a tile would fight for the same sets, so there few rows at a time.
 template <bool streaming, class Body>
 void for_each_tile_group(uint64_t n_row, uint64_t n_col, Body body) {
-  constexpr uint64_t group_rows = streaming ? int_tile_rows : 8;
-  const uint64_t n_tiles = n_col / int_tile_cols;
+  constexpr uint64_t group_rows = streaming ? tall_tile_rows : 8;
+  const uint64_t n_tiles = n_col / tile_side;
   for (uint64_t row = 0; row < n_row; row += group_rows) {
-    const uint64_t first_place =
-        row / int_tile_rows * n_tiles * int_tile_elements + row % int_tile_rows * int_tile_cols;
+    const uint64_t first_place = row / tall_tile_rows * n_tiles * tall_tile_elements + row % tall_tile_rows * tile_side;
     for (uint64_t tile = 0; tile < n_tiles; ++tile)
-      body(TileGroup{row, std::min(group_rows, n_row - row), tile * int_tile_cols,
-                     first_place + tile * int_tile_elements});
+      body(
+          TileGroup{row, std::min(group_rows, n_row - row), tile * tile_side, first_place + tile * tall_tile_elements});
   }
 }
 
@@ -76,20 +71,20 @@ bool are_scales_ordinary(uint64_t n_row, uint64_t n_col, const ResultRows& rows,
 
 // Its row that is at the place of `row`.
 void fetch_next_tile(const int32_t* row) {
-  simd::prefetch(row + int_tile_elements);
-  simd::prefetch(row + int_tile_elements + int_tile_cols / 2);
+  simd::prefetch(row + tall_tile_elements);
+  simd::prefetch(row + tall_tile_elements + tile_side / 2);
 }
 
 template <bool streaming, class ZeroPoint>
 void dequantise(uint64_t n_row, uint64_t n_col, float n_inner, float* dst, const int32_t* acc, const ResultRows& rows,
                 const ResultColumns<ZeroPoint>& columns) {
-  const bool can_be_nan = !are_scales_ordinary(n_row, n_col / int_tile_cols * int_tile_cols, rows, columns);
+  const bool can_be_nan = !are_scales_ordinary(n_row, n_col / tile_side * tile_side, rows, columns);
   for_each_tile_group<streaming>(n_row, n_col, [&](const TileGroup& group) {
     ColumnTerms terms[4];
     for (size_t i = 0; i < 4; ++i) terms[i] = load_columns(columns, group.column + 8 * i);
     for (uint64_t r = 0; r < group.n_row; ++r) {
       const uint64_t row = group.row + r;
-      const int32_t* const from = acc + group.place + r * int_tile_cols;
+      const int32_t* const from = acc + group.place + r * tile_side;
       float* const to = dst + row * n_col + group.column;
       const simd::f32x8 row_sum = simd::broadcast(static_cast<float>(rows.sums[row]));
       const simd::f32x8 row_scale = simd::broadcast(rows.scales[row]);
@@ -124,10 +119,10 @@ template <bool streaming>
 void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
   for_each_tile_group<streaming>(n_row, n_col, [&](const TileGroup& group) {
     for (uint64_t r = 0; r < group.n_row; ++r) {
-      const int32_t* const from = src + group.place + r * int_tile_cols;
+      const int32_t* const from = src + group.place + r * tile_side;
       int32_t* const to = dst + (group.row + r) * n_col + group.column;
       fetch_next_tile(from);
-      for (size_t i = 0; i < int_tile_cols; i += 8) put<streaming>(to + i, simd::load(from + i));
+      for (size_t i = 0; i < tile_side; i += 8) put<streaming>(to + i, simd::load(from + i));
     }
   });
 }
@@ -135,7 +130,7 @@ void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int3
 }  // namespace
 
 void tavik::i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
-  if (n_col < int_tile_cols) return;
+  if (n_col < tile_side) return;
   if (!should_stream(8 * n_row * n_col, dst) || n_col % 8 != 0)
     return copy_tiles_to_rows<false>(n_row, n_col, src, dst);
   copy_tiles_to_rows<true>(n_row, n_col, src, dst);
@@ -155,10 +150,4 @@ void tavik_a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, 
                                  const int32_t* weight_sums) {
   output_to_f32(n_row, n_col, n_inner, dst, acc, {activation_scales, activation_sums},
                 ResultColumns<uint32_t>{zero_points, weight_scales, weight_sums});
-}
-
-uint32_t morun_cpu_ui8i8_ah_to_i32_rm(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
-  if (src == nullptr || dst == nullptr) return MORUN_FAIL(MORUN_ERROR_NULL_POINTER, "NULL ptr provided\n");
-  tavik::i32_tiles_to_rows(n_row, n_col, src, dst);
-  return MORUN_SUCCESS;
 }

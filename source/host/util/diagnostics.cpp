@@ -65,18 +65,17 @@ int check_vector(FILE* stream, uint64_t count, const float* reference, const T* 
 
 }  // namespace
 
-#define TAVIK_VECTOR_FAMILY(suffix, type)                                                                             \
-  int tavik_vector_print_##suffix(FILE* stream, uint64_t count, const type* data, const char* label, uint64_t edge) { \
-    return print_vector(stream, count, data, label, edge);                                                            \
-  }                                                                                                                   \
-  int tavik_vector_check_##suffix(FILE* stream, uint64_t count, const float* reference, const type* data,             \
-                                  const char* label) {                                                                \
-    return check_vector(stream, count, reference, data, label);                                                       \
+#define TAVIK_VECTOR_FAMILY(type, print, check)                                                          \
+  int print(FILE* stream, uint64_t count, const type* data, const char* label, uint64_t edge) {          \
+    return print_vector(stream, count, data, label, edge);                                               \
+  }                                                                                                      \
+  int check(FILE* stream, uint64_t count, const float* reference, const type* data, const char* label) { \
+    return check_vector(stream, count, reference, data, label);                                          \
   }
-TAVIK_VECTOR_FAMILY(i8, int8_t)
-TAVIK_VECTOR_FAMILY(u8, uint8_t)
-TAVIK_VECTOR_FAMILY(f16, uint16_t)
-TAVIK_VECTOR_FAMILY(i32, int32_t)
-TAVIK_VECTOR_FAMILY(u32, uint32_t)
-TAVIK_VECTOR_FAMILY(f32, float)
+TAVIK_VECTOR_FAMILY(int8_t, tavik_vector_print_i8, tavik_vector_check_i8)
+TAVIK_VECTOR_FAMILY(uint8_t, tavik_vector_print_u8, tavik_vector_check_u8)
+TAVIK_VECTOR_FAMILY(uint16_t, tavik_vector_print_f16, tavik_vector_check_f16)
+TAVIK_VECTOR_FAMILY(int32_t, tavik_vector_print_i32, tavik_vector_check_i32)
+TAVIK_VECTOR_FAMILY(uint32_t, tavik_vector_print_u32, tavik_vector_check_u32)
+TAVIK_VECTOR_FAMILY(float, tavik_vector_print_f32, tavik_vector_check_f32)
 #undef TAVIK_VECTOR_FAMILY

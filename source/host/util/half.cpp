@@ -3,13 +3,13 @@
 #include "include/tavik.h"
 #include "simd/simd.h"
 #include "source/host/util/streaming.h"
+#include "source/host/util/tiles.h"
 
 namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t tile_side = 32;
-constexpr size_t tile_elements = tile_side * tile_side;
+using tavik::tile_side, tavik::tile_elements;
 constexpr size_t tiles_ahead = 2;  // whose lines are fetched before they are written
 
 bool should_stream(uint64_t n_row, uint64_t n_col, const void* dst) {

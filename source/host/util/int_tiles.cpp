@@ -11,7 +11,7 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t pair_cols = 2 * w4_tile_side;  // two tiles, side by side: a cache line of each row
+constexpr size_t pair_cols = 2 * tile_side;  // two tiles, side by side: a cache line of each row
 
 // Few rows at a time: the lines of more of them would fight for the same sets of the caches.
 template <bool streaming>
@@ -19,10 +19,10 @@ void copy_byte_rows(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t*
   constexpr uint64_t group_rows = 8;
   for (uint64_t row = 0; row < n_row; row += group_rows) {
     const uint8_t* const from = src + row * n_col;
-    uint8_t* to = dst + row / int_tile_rows * int_tile_rows * n_col + row % int_tile_rows * int_tile_cols;
-    for (uint64_t column = 0; column < n_col; column += int_tile_cols, to += int_tile_elements)
+    uint8_t* to = dst + row / tall_tile_rows * tall_tile_rows * n_col + row % tall_tile_rows * tile_side;
+    for (uint64_t column = 0; column < n_col; column += tile_side, to += tall_tile_elements)
       for (uint64_t i = 0; i < group_rows; ++i)
-        put<streaming>(to + i * int_tile_cols, simd::load(from + i * n_col + column));
+        put<streaming>(to + i * tile_side, simd::load(from + i * n_col + column));
   }
 }
 
@@ -43,9 +43,9 @@ void pack_pair(const uint8_t* rows, size_t pitch, std::byte* tiles) {
 void pack_edge(const uint8_t* rows, size_t pitch, size_t n_row, size_t n_col, std::byte* tiles) {
   uint8_t padded[band_rows][pair_cols] = {};
   for (size_t row = 0; row < n_row; ++row) memcpy(padded[row], rows + row * pitch, n_col);
-  std::byte pair[2 * w4_tile_bytes];
+  std::byte pair[2 * i4_tile_bytes];
   pack_pair(padded[0], pair_cols, pair);
-  memcpy(tiles, pair, n_col > w4_tile_side ? 2 * w4_tile_bytes : w4_tile_bytes);
+  memcpy(tiles, pair, n_col > tile_side ? 2 * i4_tile_bytes : i4_tile_bytes);
 }
 
 }  // namespace
@@ -70,7 +70,7 @@ void nibble_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, ui
         pack_pair(from, n_col, tiles);
       else
         pack_edge(from, n_col, rows, cols, tiles);
-      tiles += cols > w4_tile_side ? 2 * w4_tile_bytes : w4_tile_bytes;
+      tiles += cols > tile_side ? 2 * i4_tile_bytes : i4_tile_bytes;
     }
   }
 }

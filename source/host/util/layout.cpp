@@ -4,25 +4,29 @@
 #include "include/tavik.h"
 #include "source/host/util/bands.h"
 #include "source/host/util/blocks.h"
+#include "source/host/util/tiles.h"
 
 namespace {
 
-using tavik::w4_tile_bytes, tavik::w4_tile_side;
+using tavik::divide_up, tavik::i4_tile_bytes, tavik::tile_side;
 
 std::byte* bytes(void* data) {
   return static_cast<std::byte*>(data);
 }
 
 uint64_t tiles_along(uint64_t n) {
-  return n / w4_tile_side + (n % w4_tile_side != 0);
+  return divide_up(n, tile_side);
+}
+bool is_whole_tiles(uint64_t n) {
+  return n % tile_side == 0;
 }
 
 // Spreads packed 4-bit rows, in place and from the last to the first, so that the matrix is padded with zero to whole
 // tiles. Only whole words of a row are taken.
 void pad_packed_rows_to_tiles(uint64_t n_row, uint64_t n_col, std::byte* data) {
   const size_t row_bytes = n_col / 8 * 4;
-  const size_t padded_bytes = tiles_along(n_col) * w4_tile_side / 2;
-  const uint64_t padded_rows = tiles_along(n_row) * w4_tile_side;
+  const size_t padded_bytes = tiles_along(n_col) * tile_side / 2;
+  const uint64_t padded_rows = tiles_along(n_row) * tile_side;
   memset(data + n_row * padded_bytes, 0, (padded_rows - n_row) * padded_bytes);
   for (uint64_t row = n_row; row-- > 0;) {
     memmove(data + row * padded_bytes, data + row * row_bytes, row_bytes);
@@ -34,56 +38,60 @@ void pad_packed_rows_to_tiles(uint64_t n_row, uint64_t n_col, std::byte* data) {
 
 uint64_t tavik_align_offset(uint64_t value, uint64_t alignment) {
   if (alignment == 0) return 0;
-  return (value / alignment + (value % alignment != 0)) * alignment;
+  return tavik::round_up(value, alignment);
 }
 
 uint64_t tavik_apply_padding(uint64_t size) {
-  return (size + 2047) & ~uint64_t{2047};
+  return tavik::round_up(size, 2048);
 }
 
-#define TAVIK_MATRIX_FAMILY(suffix, type)                                                                              \
-  void tavik_matrix_block_linearize_##suffix(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, \
-                                             type* data) {                                                             \
-    tavik::block_linearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));                           \
-  }                                                                                                                    \
-  void tavik_matrix_block_unlinearize_##suffix(uint64_t n_row, uint64_t n_col, uint64_t block_rows,                    \
-                                               uint64_t block_cols, type* data) {                                      \
-    tavik::block_unlinearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));                         \
-  }                                                                                                                    \
-  void tavik_matrix_transpose_##suffix(uint64_t n_row, uint64_t n_col, type* data) {                                   \
-    tavik::transpose_units(n_row, n_col, sizeof(type), bytes(data));                                                   \
+#define TAVIK_MATRIX_FAMILY(type, linearize, unlinearize, transpose)                                       \
+  void linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, type* data) {   \
+    tavik::block_linearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));               \
+  }                                                                                                        \
+  void unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, type* data) { \
+    tavik::block_unlinearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));             \
+  }                                                                                                        \
+  void transpose(uint64_t n_row, uint64_t n_col, type* data) {                                             \
+    tavik::transpose_units(n_row, n_col, sizeof(type), bytes(data));                                       \
   }
-TAVIK_MATRIX_FAMILY(i8, int8_t)
-TAVIK_MATRIX_FAMILY(u8, uint8_t)
-TAVIK_MATRIX_FAMILY(f16, uint16_t)
-TAVIK_MATRIX_FAMILY(i32, int32_t)
-TAVIK_MATRIX_FAMILY(u32, uint32_t)
-TAVIK_MATRIX_FAMILY(f32, float)
+TAVIK_MATRIX_FAMILY(int8_t, tavik_matrix_block_linearize_i8, tavik_matrix_block_unlinearize_i8,
+                    tavik_matrix_transpose_i8)
+TAVIK_MATRIX_FAMILY(uint8_t, tavik_matrix_block_linearize_u8, tavik_matrix_block_unlinearize_u8,
+                    tavik_matrix_transpose_u8)
+TAVIK_MATRIX_FAMILY(uint16_t, tavik_matrix_block_linearize_f16, tavik_matrix_block_unlinearize_f16,
+                    tavik_matrix_transpose_f16)
+TAVIK_MATRIX_FAMILY(int32_t, tavik_matrix_block_linearize_i32, tavik_matrix_block_unlinearize_i32,
+                    tavik_matrix_transpose_i32)
+TAVIK_MATRIX_FAMILY(uint32_t, tavik_matrix_block_linearize_u32, tavik_matrix_block_unlinearize_u32,
+                    tavik_matrix_transpose_u32)
+TAVIK_MATRIX_FAMILY(float, tavik_matrix_block_linearize_f32, tavik_matrix_block_unlinearize_f32,
+                    tavik_matrix_transpose_f32)
 #undef TAVIK_MATRIX_FAMILY
 
 void tavik_f16_rm_to_f16_ah_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
-  if (n_row % 32 == 0 && n_col % 32 == 0) return tavik::f16_rows_to_ah(n_row, n_col, data);
+  if (is_whole_tiles(n_row) && is_whole_tiles(n_col)) return tavik::f16_rows_to_ah(n_row, n_col, data);
   tavik_matrix_block_linearize_f16(n_row, n_col, 2, 1, data);
   tavik_matrix_block_linearize_f16(n_row / 2, 2 * n_col, 16, 64, data);
 }
 
 void tavik_f16_ah_to_f16_rm_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
-  if (n_row % 32 == 0 && n_col % 32 == 0) return tavik::f16_ah_to_rows(n_row, n_col, data);
+  if (is_whole_tiles(n_row) && is_whole_tiles(n_col)) return tavik::f16_ah_to_rows(n_row, n_col, data);
   tavik_matrix_block_unlinearize_f16(n_row / 2, 2 * n_col, 16, 64, data);
   tavik_matrix_block_unlinearize_f16(n_row, n_col, 2, 1, data);
 }
 
 void tavik_f16_rm_to_f16_wh_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
-  if (n_row % 32 == 0 && n_col % 2 == 0)
-    return tavik::rows_to_word_columns(n_row / 32, n_col / 2, tavik::WordMap::keep, bytes(data));
+  if (is_whole_tiles(n_row) && n_col % 2 == 0)
+    return tavik::rows_to_word_columns(n_row / tile_side, n_col / 2, tavik::WordMap::keep, bytes(data));
   tavik_matrix_transpose_f16(n_row, n_col, data);
   tavik_matrix_block_linearize_f16(n_col, n_row, 2, 1, data);
   tavik_matrix_block_linearize_f16(n_col / 2, 2 * n_row, n_col / 2, 64, data);
 }
 
 void tavik_i8_rm_to_i8_wh_inplace(uint64_t n_row, uint64_t n_col, int8_t* data) {
-  if (n_row % 32 == 0 && n_col % 4 == 0)
-    return tavik::rows_to_word_columns(n_row / 32, n_col / 4, tavik::WordMap::keep, bytes(data));
+  if (is_whole_tiles(n_row) && n_col % 4 == 0)
+    return tavik::rows_to_word_columns(n_row / tile_side, n_col / 4, tavik::WordMap::keep, bytes(data));
   tavik_matrix_transpose_i8(n_row, n_col, data);
   tavik_matrix_block_linearize_i8(n_col, n_row, 4, 1, data);
   tavik_matrix_block_linearize_i8(n_col / 4, 4 * n_row, n_col / 4, 128, data);
@@ -94,18 +102,18 @@ void tavik_f16_cm_to_f16_zb_inplace(uint64_t n_row, uint64_t n_col, uint16_t* da
 }
 
 void tavik_i4_rm_to_i4_wh_inplace(uint64_t n_row, uint64_t n_col, uint32_t* data) {
-  const uint64_t bands = tiles_along(n_row), words_per_row = tiles_along(n_col) * w4_tile_side / 8;
+  const uint64_t bands = tiles_along(n_row), words_per_row = tiles_along(n_col) * tile_side / 8;
   if (bands == 0) return;
-  if (n_row % w4_tile_side != 0 || n_col % w4_tile_side != 0) pad_packed_rows_to_tiles(n_row, n_col, bytes(data));
+  if (!is_whole_tiles(n_row) || !is_whole_tiles(n_col)) pad_packed_rows_to_tiles(n_row, n_col, bytes(data));
   tavik::rows_to_word_columns(bands, words_per_row, tavik::WordMap::zip_nibbles, bytes(data));
 }
 
 void tavik_host_layout_flat_to_w4_tile32x32(uint8_t* dst, const uint8_t* src) {
   for (uint64_t group = 0; group < 4; ++group) {
-    for (uint64_t col = 0; col < w4_tile_side; ++col) {
+    for (uint64_t col = 0; col < tile_side; ++col) {
       for (uint64_t q = 0; q < 4; ++q) {
-        const unsigned low = src[(8 * group + q) * w4_tile_side + col];
-        const unsigned high = src[(8 * group + 4 + q) * w4_tile_side + col];
+        const unsigned low = src[(8 * group + q) * tile_side + col];
+        const unsigned high = src[(8 * group + 4 + q) * tile_side + col];
         dst[group * 128 + col * 4 + q] = static_cast<uint8_t>((low & 15u) | (high & 15u) << 4);
       }
     }
@@ -116,12 +124,12 @@ void tavik_host_layout_w4_flat_to_weight(uint8_t* dst, const uint8_t* src, uint6
   const uint64_t tile_rows = tiles_along(n_row), tile_cols = tiles_along(n_col);
   for (uint64_t t1 = 0; t1 < tile_rows; ++t1) {
     for (uint64_t t2 = 0; t2 < tile_cols; ++t2) {
-      uint8_t tile[w4_tile_side * w4_tile_side] = {};
-      const uint64_t rows = n_row - t1 * w4_tile_side < w4_tile_side ? n_row - t1 * w4_tile_side : w4_tile_side;
-      const uint64_t cols = n_col - t2 * w4_tile_side < w4_tile_side ? n_col - t2 * w4_tile_side : w4_tile_side;
+      uint8_t tile[tile_side * tile_side] = {};
+      const uint64_t rows = n_row - t1 * tile_side < tile_side ? n_row - t1 * tile_side : tile_side;
+      const uint64_t cols = n_col - t2 * tile_side < tile_side ? n_col - t2 * tile_side : tile_side;
       for (uint64_t row = 0; row < rows; ++row)
-        memcpy(tile + row * w4_tile_side, src + (t1 * w4_tile_side + row) * n_col + t2 * w4_tile_side, cols);
-      tavik_host_layout_flat_to_w4_tile32x32(dst + (t2 * tile_rows + t1) * w4_tile_bytes, tile);
+        memcpy(tile + row * tile_side, src + (t1 * tile_side + row) * n_col + t2 * tile_side, cols);
+      tavik_host_layout_flat_to_w4_tile32x32(dst + (t2 * tile_rows + t1) * i4_tile_bytes, tile);
     }
   }
 }

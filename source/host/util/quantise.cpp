@@ -69,12 +69,12 @@ struct RowMajor {
   uint8_t* row(uint64_t index) const { return dst + index * n_col; }
 };
 struct Tiles {
-  static constexpr uint64_t pitch = int_tile_elements;
+  static constexpr uint64_t pitch = tall_tile_elements;
   uint8_t* dst;
   uint64_t tiles_per_row;
 
   uint8_t* row(uint64_t index) const {
-    return dst + index / int_tile_rows * tiles_per_row * int_tile_elements + index % int_tile_rows * segment_cols;
+    return dst + index / tall_tile_rows * tiles_per_row * tall_tile_elements + index % tall_tile_rows * segment_cols;
   }
 };
 
@@ -211,7 +211,7 @@ void tavik_f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uin
 
 void tavik_f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
                            uint32_t* sums) {
-  const Tiles tiles = {dst, (n_col + int_tile_cols - 1) / int_tile_cols};
+  const Tiles tiles = {dst, divide_up(n_col, tile_side)};
   quantise_to_u8(n_row, n_col, src, tiles, scales, sums, should_stream(5 * n_row * n_col, dst));
 }
 

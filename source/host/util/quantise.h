@@ -7,15 +7,12 @@
 
 #include "simd/simd.h"
 #include "source/host/util/streaming.h"
+#include "source/host/util/tiles.h"
 
 namespace tavik {
 
-// u8 activations and i32 results stand in 64 x 32 tiles, row-major inside.
-constexpr uint64_t int_tile_rows = 64, int_tile_cols = 32;
-constexpr uint64_t int_tile_elements = int_tile_rows * int_tile_cols;
-
 // Rows are worked on in segments: 32 columns, a row of a tile, which is four vectors before it is packed to bytes.
-constexpr uint64_t segment_cols = int_tile_cols;
+constexpr uint64_t segment_cols = tile_side;
 using Segment = std::array<morun::simd::i32x8, 4>;
 
 // i32 in 64 x 32 tiles to row-major; columns past the last whole tile are not written.

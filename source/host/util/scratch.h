@@ -4,12 +4,13 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "source/host/util/tiles.h"
+
 namespace tavik {
 
 class Scratch {
  public:
-  explicit Scratch(size_t size)
-      : bytes_(static_cast<std::byte*>(aligned_alloc(line, (size + line - 1) / line * line))) {}
+  explicit Scratch(size_t size) : bytes_(static_cast<std::byte*>(aligned_alloc(line, round_up(size, line)))) {}
   ~Scratch() { free(bytes_); }
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;

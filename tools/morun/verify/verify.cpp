@@ -396,7 +396,7 @@ void verify_upper(std::span<const Case> cases, uint64_t seed, Report& report) {
 
 }  // namespace
 
-// One interface after the other: each takes the DSP's first session.
+// One interface after the other: on a device both together may be more than the DSP has room for.
 void verify(const VerifyArguments& arguments) {
   const std::vector<Case> cases = make_cases(arguments);
   const auto upper = std::ranges::find_if(cases, [](const Case& c) { return c.kernel->is_upper(); });

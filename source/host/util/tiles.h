@@ -1,0 +1,36 @@
+// Tile geometry and rounding up, for the whole library. The emulated platform has numbers of its own: it stands for the
+// DSP, and a wrong number here must give a wrong product there.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tavik {
+
+// Every tile is tile_side columns wide. Tiles of halves and of weights are square.
+inline constexpr uint64_t tile_side = 32;
+inline constexpr uint64_t tile_elements = tile_side * tile_side;
+inline constexpr uint64_t i4_tile_bytes = tile_elements / 2;
+
+// u8 activations and i32 results stand in tiles twice as high, row-major inside.
+inline constexpr uint64_t tall_tile_rows = 64;
+inline constexpr uint64_t tall_tile_elements = tall_tile_rows * tile_side;
+
+// The quotient and the multiple of `unit` that are next above. The sum of value and unit is not formed, so only a
+// multiple past 64 bits wraps.
+constexpr uint64_t divide_up(uint64_t value, uint64_t unit) {
+  return value / unit + (value % unit != 0);
+}
+constexpr uint64_t round_up(uint64_t value, uint64_t unit) {
+  return divide_up(value, unit) * unit;
+}
+
+// An extent in whole tiles, in 32 bits as the DSP takes it: a negative one is a large one, which may wrap to 0.
+constexpr uint32_t round_up_to_32(int32_t extent) {
+  return static_cast<uint32_t>(round_up(static_cast<uint32_t>(extent), tile_side));
+}
+constexpr uint32_t round_up_to_64(int32_t n_row) {
+  return static_cast<uint32_t>(round_up(static_cast<uint32_t>(n_row), tall_tile_rows));
+}
+
+}  // namespace tavik

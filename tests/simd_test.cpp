@@ -1,0 +1,421 @@
+// The vector vocabulary, operation by operation: each against a scalar definition over special values, on the backend
+// that is built. A new backend is finished when these tests pass. Memory is guarded: an operation that reads or writes
+// more than its vector ends the test.
+#include "simd/simd.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <functional>
+#include <numeric>
+
+#include "tests/definitions.h"
+
+namespace {
+
+namespace simd = morun::simd;
+using test::exact_fma, test::exact_product, test::exact_sum, test::is_nan, test::sign_bit, test::Vector;
+
+constexpr float infinity = INFINITY;
+constexpr float special_floats[] = {
+    0,           -0.0f,        1,          -1,         0.5f,       -0.5f,    1.5f,         -2.5f,
+    0.49999997f, -0.49999997f, 0x1p-149f,  -0x1p-149f, 0x1p-126f,  0x1p-25f, 0x1p-24f,     3e-8f,
+    65504,       65519.9f,     65520,      -65536,     8388607.5f, -8388609, 0x1p30f,      -0x1p30f,
+    0x1p127f,    -0x1p127f,    3.1415927f, 127.5f,     -128,       1e-3f,    0x1.ffcp-15f, 0x1.ffep-15f,
+    2049,        2051,         infinity,   -infinity};
+constexpr uint32_t nan_patterns[] = {0x7fc00000, 0xffc00000, 0x7f800001, 0xff812345, 0x7fffffff, 0x7f802000};
+constexpr uint16_t special_halves[] = {0,      1,      2,      0x3ff,  0x400,  0x401,  0x1000, 0x13ff, 0x1400, 0x17ff,
+                                       0x3bff, 0x3c00, 0x3c01, 0x3fff, 0x57ff, 0x6801, 0x7bfe, 0x7bff, 0x7c00, 0x7e01};
+
+uint32_t bits_of(float value) {
+  return std::bit_cast<uint32_t>(value);
+}
+uint16_t special_half(size_t i) {
+  return static_cast<uint16_t>(special_halves[i / 2 % std::size(special_halves)] | (i % 2 ? sign_bit : 0));
+}
+// Every special value meets every other in some lane and some round; random ones follow.
+float special_float(size_t i, bool with_nan = true) {
+  constexpr size_t n = std::size(special_floats), n_nan = std::size(nan_patterns);
+  const size_t at = i % (n + (with_nan ? n_nan : 0));
+  return at < n ? special_floats[at] : std::bit_cast<float>(nan_patterns[at - n]);
+}
+constexpr size_t n_round = 400;
+
+// Eight lanes in guarded memory.
+template <class T>
+struct Lanes : Vector<T> {
+  explicit Lanes(const std::function<T(size_t)>& lane, size_t n = 8) : Vector<T>(n) {
+    for (size_t i = 0; i < n; ++i) (*this)[i] = lane(i);
+  }
+  Lanes() : Vector<T>(8) {}
+  auto load() const { return simd::load(this->data()); }
+};
+template <class T, class V>
+Vector<T> stored(const V& v, size_t n = 8) {
+  Vector<T> lanes(n);
+  simd::store(lanes.data(), v);
+  return lanes;
+}
+// Bit by bit; where `any_nan`, one NaN is as good as another.
+template <class T>
+void expect_lanes(const Vector<T>& result, const std::function<T(size_t)>& lane, const char* operation,
+                  bool any_nan = false) {
+  const auto nan = [](T v) {
+    if constexpr (std::is_same_v<T, float>) return v != v;
+    if constexpr (std::is_same_v<T, uint16_t>) return is_nan(v);
+    return false;
+  };
+  for (size_t i = 0; i < result.size(); ++i) {
+    const T expected = lane(i);
+    if (memcmp(&result[i], &expected, sizeof(T)) == 0 || (any_nan && nan(result[i]) && nan(expected))) continue;
+    ADD_FAILURE() << operation << ", lane " << i << ": " << +result[i] << " instead of " << +expected;
+    return;
+  }
+}
+#define EXPECT_LANES(T, result, lane, ...) \
+  expect_lanes<T>(                         \
+      result, [&]([[maybe_unused]] size_t i) -> T { return lane; }, #result, ##__VA_ARGS__)
+
+class Simd : public testing::Test {
+ protected:
+  float random_float() { return std::ldexp(random.value(), static_cast<int>(random.bits() % 60) - 30); }
+  template <class T>
+  Lanes<T> any() {
+    return Lanes<T>([&](size_t) { return random.any<T>(1)[0]; });
+  }
+  test::Random random{1};
+};
+
+TEST_F(Simd, FloatsAreMovedWholeAndToWhereTheyBelong) {
+  const Lanes<float> a([](size_t i) { return special_float(34 + i); }),
+      b([](size_t i) { return static_cast<float>(i); });
+  EXPECT_LANES(float, stored<float>(a.load()), a[i]);
+  EXPECT_LANES(float, stored<float>(simd::broadcast(-0.0f)), -0.0f);
+  EXPECT_LANES(float, stored<float>(simd::broadcast_four(Lanes<float>([&](size_t i) { return a[i]; }, 4).data())),
+               a[i % 4]);
+  EXPECT_LANES(float, stored<float>(simd::lower_fours(a.load(), b.load())), i < 4 ? a[i] : b[i - 4]);
+  EXPECT_LANES(float, stored<float>(simd::upper_fours(a.load(), b.load())), i < 4 ? a[i + 4] : b[i]);
+  Vector<float> lower(4), upper(4), streamed(8);
+  simd::store_fours(lower.data(), upper.data(), a.load());
+  EXPECT_LANES(float, lower, a[i]);
+  EXPECT_LANES(float, upper, a[i + 4]);
+  simd::store_streaming(streamed.data(), a.load());
+  simd::fence_streaming();
+  EXPECT_LANES(float, streamed, a[i]);
+  simd::prefetch(nullptr);
+  simd::prefetch_outer(reinterpret_cast<const void*>(~uintptr_t{0}));
+}
+
+TEST_F(Simd, HalvesAreMovedWholeAndToWhereTheyBelong) {
+  const Lanes<uint16_t> a = any<uint16_t>(), b = any<uint16_t>();
+  EXPECT_LANES(uint16_t, stored<uint16_t>(a.load()), a[i]);
+  EXPECT_LANES(uint16_t, stored<uint16_t>(simd::zip_low(a.load(), b.load())), (i % 2 ? b : a)[i / 2]);
+  EXPECT_LANES(uint16_t, stored<uint16_t>(simd::zip_high(a.load(), b.load())), (i % 2 ? b : a)[4 + i / 2]);
+  EXPECT_LANES(uint16_t, stored<uint16_t>(simd::unzip_even(a.load(), b.load())), (i < 4 ? a : b)[i % 4 * 2]);
+  EXPECT_LANES(uint16_t, stored<uint16_t>(simd::unzip_odd(a.load(), b.load())), (i < 4 ? a : b)[i % 4 * 2 + 1]);
+  EXPECT_LANES(uint16_t, stored<uint16_t>(simd::lower_fours(a.load(), b.load())), (i < 4 ? a : b)[i % 4]);
+  EXPECT_LANES(uint16_t, stored<uint16_t>(simd::upper_fours(a.load(), b.load())), (i < 4 ? a : b)[4 + i % 4]);
+  Vector<uint16_t> streamed(8);
+  simd::store_streaming(streamed.data(), a.load());
+  simd::fence_streaming();
+  EXPECT_LANES(uint16_t, streamed, a[i]);
+}
+
+TEST_F(Simd, FloatArithmeticRoundsOnceAndSelectsAsDefined) {
+  for (size_t round = 0; round < n_round; ++round) {
+    const auto number = [&](size_t i) {
+      return round % 2 ? random_float() : special_float(i * (round / 2 + 1) + round);
+    };
+    const Lanes<float> a(number), b([&](size_t i) { return number(i + 1 + round % 41); }), c(number), d(number);
+    const auto A = a.load(), B = b.load(), C = c.load();
+    EXPECT_LANES(float, stored<float>(simd::add(A, B)), a[i] + b[i], true);
+    EXPECT_LANES(float, stored<float>(simd::multiply(A, B)), a[i] * b[i], true);
+    EXPECT_LANES(float, stored<float>(simd::fused_multiply_add(A, B, C)), std::fma(a[i], b[i], c[i]), true);
+    EXPECT_LANES(float, stored<float>(simd::greater(A, B)), a[i] > b[i] ? a[i] : b[i]);
+    EXPECT_LANES(float, stored<float>(simd::lesser(A, B)), a[i] < b[i] ? a[i] : b[i]);
+    EXPECT_LANES(float, stored<float>(simd::number_or_zero(A)), a[i] == a[i] ? a[i] : 0);
+    EXPECT_LANES(float, stored<float>(simd::settle_nan(A)), a[i] == a[i] ? a[i] : std::bit_cast<float>(0x7fc00000));
+    const auto sum = [](const float* l) { return (l[0] + l[1]) + (l[2] + l[3]); };
+    const Vector<float>* const four[] = {&a, &b, &c, &d};
+    EXPECT_LANES(float, stored<float>(simd::sums_of_fours(A, B, C, d.load())), sum(four[i % 4]->data() + i / 4 * 4),
+                 true);
+    EXPECT_LANES(uint16_t, stored<uint16_t>(simd::narrow(A)), simd::narrow_bits(a[i]));
+    // Products that are exact in f32, so that a fused operation gives the same.
+    const Lanes<float> x([&](size_t i) { return simd::widen_bits(simd::narrow_bits(a[i])); }),
+        y([&](size_t i) { return simd::widen_bits(simd::narrow_bits(b[i])); });
+    EXPECT_LANES(float, stored<float>(simd::multiply_add(x.load(), y.load(), C)), x[i] * y[i] + c[i], true);
+
+    const Lanes<float> in_range([&](size_t i) { return std::fabs(a[i]) < 0x1p31f ? a[i] : 0.5f; });
+    EXPECT_LANES(int32_t, stored<int32_t>(simd::to_nearest(in_range.load())),
+                 static_cast<int32_t>(std::round(in_range[i])));
+    const Lanes<int32_t> so_far([&](size_t i) { return static_cast<int32_t>(bits_of(number(i + 3)) & 0x7fffffff); });
+    const auto magnitude = [&](size_t i) { return static_cast<int32_t>(bits_of(a[i]) & 0x7fffffff); };
+    const auto greatest = stored<int32_t>(simd::greater_magnitude(a.data(), so_far.load()));
+    for (size_t i = 0; i < 8; ++i) {
+      const int32_t expected = std::max(magnitude(i), so_far[i]);
+      EXPECT_TRUE(greatest[i] == expected || (greatest[i] > 0x7f800000 && expected > 0x7f800000)) << a[i];
+    }
+  }
+}
+
+TEST_F(Simd, EveryHalfWidensExactlyAndNarrowsBack) {
+  for (uint32_t first = 0; first < 0x10000; first += 8) {
+    const Lanes<uint16_t> halves([&](size_t i) { return static_cast<uint16_t>(first + i); });
+    const Vector<float> wide = stored<float>(simd::widen(halves.load()));
+    EXPECT_LANES(float, wide,
+                 test::is_nan(halves[i])
+                     ? std::bit_cast<float>((halves[i] & 0x8000u) << 16 | 0x7fc00000u | (halves[i] & 0x3ffu) << 13)
+                     : static_cast<float>(test::value_of(halves[i])));
+    EXPECT_LANES(uint16_t, stored<uint16_t>(simd::narrow(simd::load(wide.data()))),
+                 static_cast<uint16_t>(halves[i] | (test::is_nan(halves[i]) ? 0x200 : 0)));
+  }
+}
+
+TEST_F(Simd, IntegersWrapAndCompareAndConvert) {
+  constexpr int32_t notable[] = {0, 1, -1, INT32_MAX, INT32_MIN, 0x1000001, -0x1000003, 127, 1 << 30};
+  for (size_t round = 0; round < n_round; ++round) {
+    const Lanes<int32_t> a([&](size_t i) {
+      return round % 2 ? static_cast<int32_t>(random.bits()) : notable[(i * (round + 2) + round) % std::size(notable)];
+    }),
+        b = any<int32_t>();
+    const auto wrapped = [](uint32_t value) { return static_cast<int32_t>(value); };
+    const auto u = [](int32_t value) { return static_cast<uint32_t>(value); };
+    EXPECT_LANES(int32_t, stored<int32_t>(a.load()), a[i]);
+    EXPECT_LANES(int32_t, stored<int32_t>(simd::add(a.load(), b.load())), wrapped(u(a[i]) + u(b[i])));
+    EXPECT_LANES(int32_t, stored<int32_t>(simd::greater(a.load(), b.load())), std::max(a[i], b[i]));
+    EXPECT_LANES(float, stored<float>(simd::to_float(a.load())), static_cast<float>(a[i]));
+    EXPECT_EQ(simd::greatest(a.load()), *std::max_element(a.begin(), a.end()));
+    EXPECT_EQ(simd::sum(a.load()),
+              std::accumulate(a.begin(), a.end(), 0u, [&](uint32_t s, int32_t v) { return s + u(v); }));
+    Vector<int32_t> streamed(8);
+    simd::store_streaming(streamed.data(), a.load());
+    simd::fence_streaming();
+    EXPECT_LANES(int32_t, streamed, a[i]);
+  }
+}
+
+TEST_F(Simd, BytesAndNibblesArePackedAndUnpacked) {
+  for (size_t round = 0; round < n_round; ++round) {
+    const Vector<uint8_t> bytes = random.any<uint8_t>(32);
+    const Vector<uint32_t> word = random.any<uint32_t>(1);
+    const Vector<int8_t> eight = random.any<int8_t>(8);
+    EXPECT_LANES(int32_t, stored<int32_t>(simd::load_i8(eight.data())), eight[i]);
+    EXPECT_LANES(int32_t, stored<int32_t>(simd::load_i4(word.data())),
+                 static_cast<int32_t>(word[0] >> 4 * i << 28) >> 28);
+    const auto v = simd::load(bytes.data());
+    EXPECT_LANES(uint8_t, stored<uint8_t>(v, 32), bytes[i]);
+    EXPECT_LANES(uint8_t, stored<uint8_t>(simd::flip_top_bits(v), 32), static_cast<uint8_t>(bytes[i] + 128));
+    Vector<uint8_t> streamed(32);
+    simd::store_streaming(streamed.data(), v);
+    simd::fence_streaming();
+    EXPECT_LANES(uint8_t, streamed, bytes[i]);
+    const Lanes<int32_t> sums = any<int32_t>();
+    EXPECT_EQ(simd::sum(simd::add_bytes(sums.load(), v)),
+              std::accumulate(bytes.begin(), bytes.end(), simd::sum(sums.load())));
+    const auto nibble = [&](size_t i) { return static_cast<uint32_t>(bytes[i] & 15); };
+    Vector<uint32_t> words(4), zipped(4);
+    simd::store_nibbles(words.data(), v);
+    simd::store_zipped_nibbles(zipped.data(), v);
+    for (size_t i = 0; i < 32; ++i) {
+      EXPECT_EQ(words[i / 8] >> 4 * (i % 8) & 15, nibble(i));
+      EXPECT_EQ(zipped[i / 8] >> 4 * (i % 4 * 2 + i / 4 % 2) & 15, nibble(i));
+    }
+    // Four vectors of integers to 32 bytes.
+    const auto pack = [&](int32_t low, int32_t high, const char* name, auto operation, auto lane) {
+      std::vector<Lanes<int32_t>> q;
+      for (int i = 0; i < 4; ++i)
+        q.emplace_back([&](size_t) {
+          const auto bits = static_cast<int32_t>(random.bits() % static_cast<uint64_t>(high - low + 1));
+          return random.bits() % 8 == 0 ? (random.bits() % 2 ? low : high) : low + bits;
+        });
+      expect_lanes<uint8_t>(
+          stored<uint8_t>(operation(q[0].load(), q[1].load(), q[2].load(), q[3].load()), 32),
+          [&](size_t i) { return static_cast<uint8_t>(lane(q[i / 8][i % 8])); }, name);
+    };
+    pack(
+        -128, 127, "pack_bytes", [](auto... q) { return simd::pack_bytes(q...); }, [](int32_t x) { return x; });
+    pack(
+        -32768, 32767, "low", [](auto... q) { return simd::pack_low_bytes(q...); }, [](int32_t x) { return x; });
+    pack(
+        -32768, 32767, "high", [](auto... q) { return simd::pack_high_bytes(q...); }, [](int32_t x) { return x >> 8; });
+  }
+}
+
+TEST_F(Simd, ScaledFloatsBecomeBytesAsRoundedOneByOne) {
+  for (const float factor : {1.0f, 0.037f, 1e-6f, 0x1p100f})
+    for (size_t round = 0; round < n_round; ++round) {
+      const Lanes<float> values(
+          [&](size_t) {
+            const auto whole = static_cast<float>(static_cast<int>(random.bits() % 254) - 127);
+            const float product = random.bits() % 4        ? 127 * random.value()
+                                  : std::fabs(whole) < 127 ? whole + 0.5f
+                                                           : whole;
+            return std::fabs(product / factor * factor) <= 127 ? product / factor : 0;
+          },
+          32);
+      const auto bytes = stored<uint8_t>(simd::scale_to_bytes(values.data(), simd::broadcast(factor)), 32);
+      EXPECT_LANES(uint8_t, bytes, static_cast<uint8_t>(static_cast<int>(std::round(values[i] * factor))));
+    }
+}
+
+TEST_F(Simd, WordsAreTransposedAndTheirNibblesZipped) {
+  for (const size_t from : {32, 36, 100})
+    for (const size_t to : {32, 44, 128}) {
+      const Vector<uint8_t> source = random.any<uint8_t>(7 * from + 32);
+      const auto* const bytes = reinterpret_cast<const std::byte*>(source.data());
+      const auto row = [&](size_t i) { return bytes + i * from; };
+      for (const int form : {0, 1, 2}) {
+        Vector<uint8_t> target(7 * to + 32, 0x5a), expected = target;
+        auto* const out = reinterpret_cast<std::byte*>(target.data());
+        if (form == 0) simd::transpose_words(row, out, to);
+        if (form == 1) simd::transpose_words(bytes, from, out, to);
+        if (form == 2) simd::transpose_zip_nibbles(row, out, to);
+        for (size_t r = 0; r < 8; ++r)
+          for (size_t c = 0; c < 8; ++c) {
+            uint32_t word, zipped = 0;
+            memcpy(&word, &source[r * from + 4 * c], 4);
+            for (size_t n = 0; n < 8; ++n) zipped |= (word >> 4 * n & 15) << 4 * (n % 4 * 2 + n / 4);
+            memcpy(&expected[c * to + 4 * r], form == 2 ? &zipped : &word, 4);
+          }
+        EXPECT_EQ(target, expected) << form;
+      }
+    }
+}
+
+template <int bit, int n_bit>
+void check_pair_rows(const Vector<uint8_t>& rows) {
+  Vector<int16_t> left(16), right(16);
+  simd::pair_rows<bit, n_bit>(rows.data(), left.data(), right.data());
+  for (int r = 0; r < 8; ++r)
+    for (int c = 0; c < 4; ++c) {
+      const int field = rows[static_cast<size_t>(4 * r + c)] >> bit & ((1 << n_bit) - 1),
+                value = field >> (n_bit - 1) ? field - (1 << n_bit) : field;
+      const int pair = r / 4 * 2 + r % 2, member = r % 4 / 2;
+      EXPECT_EQ((c < 2 ? left : right)[static_cast<size_t>(4 * pair + c % 2 * 2 + member)], value) << r << ' ' << c;
+    }
+}
+
+TEST_F(Simd, PairsAreFormedAndMultipliedExactly) {
+  for (size_t round = 0; round < n_round; ++round) {
+    const Vector<uint8_t> bytes = random.any<uint8_t>(32);
+    Vector<int16_t> even(16), odd(16);
+    simd::pair_bytes(bytes.data(), even.data(), odd.data());
+    EXPECT_LANES(int16_t, even, bytes[2 * i]);
+    EXPECT_LANES(int16_t, odd, bytes[2 * i + 1]);
+    check_pair_rows<0, 8>(bytes);
+    check_pair_rows<0, 4>(bytes);
+    check_pair_rows<4, 4>(bytes);
+
+    Vector<int16_t> pairs(16), one(2);
+    for (int16_t& x : pairs)
+      x = static_cast<int16_t>(random.bits() % 4 ? random.bits() : random.bits() % 2 ? 32767 : -32767);
+    for (int16_t& x : one) x = static_cast<int16_t>(random.bits() % 4 ? random.bits() : 32767);
+    if (one[0] == INT16_MIN) one[0] = 0;
+    const Lanes<int32_t> sums = any<int32_t>();
+    const auto result =
+        simd::multiply_add(simd::load_pairs(pairs.data()), simd::broadcast_pair(one.data()), sums.load());
+    EXPECT_LANES(int32_t, stored<int32_t>(result),
+                 static_cast<int32_t>(sums[i] + int64_t{pairs[2 * i]} * one[0] + int64_t{pairs[2 * i + 1]} * one[1]));
+  }
+}
+
+// ---- Half arithmetic
+
+struct Triple {
+  uint16_t a, b, c;
+};
+
+// Collects triples and compares eight at a time, in every form that a half multiply-add has.
+class Comparison {
+ public:
+  void add(Triple t) {
+    a_[count_] = t.a, b_[count_] = t.b, c_[count_] = t.c;
+    if (++count_ == 8) compare();
+  }
+  size_t n_double_rounded() const { return n_double_rounded_; }
+
+ private:
+  void compare() {
+    count_ = 0;
+    uint16_t anywhere[8], accumulated[8], sum[8], product[8];
+    const simd::f16x8 a = simd::load(a_), b = simd::load(b_), c = simd::load(c_);
+    simd::store(anywhere, simd::multiply_add(a, b, c));
+    simd::store(sum, simd::add(a, c));
+    simd::store(product, simd::multiply(a, b));
+    simd::in_half_arithmetic([&] {
+      simd::half8_sum total = simd::load_half8_sum(c_);
+      simd::accumulate(total, simd::load_half8(a_), simd::load_half8(b_));
+      simd::store(accumulated, total);
+    });
+    for (size_t i = 0; i < 8; ++i) {
+      const uint16_t expected = exact_fma(a_[i], b_[i], c_[i]);
+      expect(i, "half_fma", simd::half_fma(a_[i], b_[i], c_[i]), expected);
+      expect(i, "multiply_add", anywhere[i], expected);
+      expect(i, "accumulate", accumulated[i], expected);
+      expect(i, "add", sum[i], exact_sum(a_[i], c_[i]));
+      expect(i, "multiply", product[i], exact_product(a_[i], b_[i]));
+      const float twice = simd::widen_bits(a_[i]) * simd::widen_bits(b_[i]) + simd::widen_bits(c_[i]);
+      n_double_rounded_ += !is_nan(expected) && simd::narrow_bits(twice) != expected;
+    }
+  }
+  void expect(size_t i, const char* operation, uint16_t result, uint16_t expected) {
+    if (result == expected || (is_nan(result) && is_nan(expected))) return;
+    if (n_wrong_++ < 10)
+      ADD_FAILURE() << std::hex << operation << " of " << a_[i] << ' ' << b_[i] << ' ' << c_[i] << ": " << result
+                    << " instead of " << expected;
+  }
+
+  uint16_t a_[8], b_[8], c_[8];
+  size_t count_ = 0, n_wrong_ = 0, n_double_rounded_ = 0;
+};
+
+// Zeros, subnormals, powers of two and their neighbours, the largest, infinity and NaN, with every other value.
+TEST(HalfMultiplyAdd, IsExactForNotableFactorsAndEveryAddend) {
+  Comparison comparison;
+  for (size_t i = 0; i < 2 * std::size(special_halves); i += 2)
+    for (size_t j = i; j < 2 * std::size(special_halves); j += 3)
+      for (uint32_t any = 0; any < 0x10000; ++any) {
+        const uint16_t a = special_half(i), b = special_half(j), c = static_cast<uint16_t>(any);
+        comparison.add({a, b, c});
+        if (i % 3 == 0) comparison.add({c, a, b});
+      }
+}
+
+// Where rounding to f32 first, then to f16, goes wrong: products just beside half of the addend's last place; and where
+// the sum cancels, or crosses the border to the subnormals or to infinity.
+TEST(HalfMultiplyAdd, IsExactBesideTiesAndUnderCancellation) {
+  test::Random random(1);
+  Comparison comparison;
+  for (size_t i = 0; i < 2'000'000; ++i) {
+    const uint64_t bits = random.bits();
+    auto a = static_cast<uint16_t>(bits), b = static_cast<uint16_t>(bits >> 16), c = static_cast<uint16_t>(bits >> 32);
+    const auto nudge = [&](uint16_t pattern) { return static_cast<uint16_t>(pattern + (bits >> 50) % 5 - 2); };
+    const auto with_exponent = [](uint16_t pattern, int exponent) {
+      return static_cast<uint16_t>((pattern & 0x83ff) | std::clamp(exponent, 0, 31) << 10);
+    };
+    const int exponent_c = c >> 10 & 0x1f;
+    const uint64_t kind = bits >> 61;
+    if (kind == 0) c = nudge(exact_product(a, b) ^ sign_bit);
+    if (kind == 1) a = with_exponent(a & 0x8003, exponent_c - 11), b = nudge(0x3c00);
+    if (kind == 2)  // (1 + m) * (1 - m) times half the last place
+      a = with_exponent(a & 0x8007, exponent_c - 11), b = static_cast<uint16_t>(0x3c00 - 2 * (a & 7));
+    if (kind == 3)  // a product of twelve bits, and an addend far below
+      a = with_exponent(a & 0x80ff, 20 + a % 8), b = 0x3e00, c &= 0x83ff;
+    if (kind == 4) a = with_exponent(a, 0), b = with_exponent(b, 14), c &= 0x8fff;
+    if (kind == 5) a = with_exponent(a & 0x8003, 15 + b % 12), b = nudge(0x3c00), c = nudge((c & sign_bit) | 0x7bfd);
+    comparison.add({a, b, c});
+  }
+  EXPECT_GT(comparison.n_double_rounded(), 100'000u);  // the triples are hard ones
+}
+
+TEST(HalfArithmetic, KeepsItsRoundingToItself) {
+  volatile float one = 1, little = 0x1.8p-24f;
+  uint16_t halves[8];
+  EXPECT_EQ(one + little, 1 + 0x1p-23f);
+  simd::in_half_arithmetic([&] { simd::store(halves, simd::half8_sum{}); });
+  EXPECT_EQ(one + little, 1 + 0x1p-23f);
+}
+
+}  // namespace
