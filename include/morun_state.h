@@ -1,9 +1,16 @@
-/* libmorun, upper interface: its process-wide state, for debuggers, tests and programs that mix both interfaces. To be
- * read freely, written by the library alone. Apart from morun.h, because one of the names is a common word.
+/* libmorun, upper interface: its process-wide state, for debuggers, for tests and for programs that use both
+ * interfaces. Programs may read these variables; only the library writes them. They have a header of their own
+ * because `context` is a common word.
  *
- * The library works on variables that a program cannot replace: a program that does not include this header may have its
- * own `context`. Code that is compiled without a global offset table reads a copy of each variable inside the program. A
- * program that is linked with libmorun.so finds its copies up to date whenever a call of morun.h has returned.
+ * A program that does not include this header may have a `context` of its own: the library works on variables that
+ * a program cannot replace. Code that is compiled without a global offset table reads a copy of each variable
+ * inside the program. In a program that is linked with libmorun.so, these copies are up to date whenever a call of
+ * morun.h has returned.
+ *
+ * Threads: the variables change during calls of morun.h, so the thread that makes these calls reads them, or
+ * another thread between two calls.
+ *
+ * "Kept:" marks behaviour that surprises and that callers rely on. The library keeps such behaviour on purpose.
  *
  * Plain C11, also valid C++.
  */
@@ -18,19 +25,21 @@
 extern "C" {
 #endif
 
-/* The context of the lower interface on which all calls of morun.h work: NULL until morun_npu_initialize succeeds in
- * tavik_init. Kept: morun_npu_finalize leaves the dead address. */
+/* The context of the lower interface on which all calls of morun.h work. It is NULL until a morun_npu_initialize
+ * has opened the DSP.
+ * Kept: morun_npu_finalize leaves the address of the freed context in the variable. */
 extern tavik_context* context;
 
-/* The registry: the entry at the descriptor of a buffer describes it. Kept: never cleared. */
+/* The registry: entry `fd` describes the buffer of morun_npu_alloc that has descriptor `fd`.
+ * Kept: freeing a buffer does not clear its entry. */
 typedef struct morun_map_entry {
   uint64_t address; /* of the buffer on the host; 0 in an entry that was never used */
-  uint32_t size;    /* bytes asked for, the low 32 bits */
+  uint32_t size;    /* bytes that the caller asked for, the low 32 bits */
 } morun_map_entry;
 extern morun_map_entry morun_map_db[TAVIK_MAX_DESCRIPTOR + 1];
 
-/* What the last morun_npu_get_version learnt of the DSP module: its pre-release label and its version as text. Empty
- * before. */
+/* The DSP module's pre-release label, and the module's version as text, as the last morun_npu_get_version received
+ * them. Both are NUL-terminated, and empty until then. */
 extern char version_prerel[32];
 extern char npu_version[128];
 

@@ -16,7 +16,9 @@ namespace {
 using test::Vector;
 
 using Size = uint64_t;
-using Shape = std::pair<Size, Size>;
+struct Shape {
+  Size n_row, n_col;
+};
 
 TEST(CpuLayoutChecks, PrintOneLineAndLeaveTheDataAlone) {
   const Size past_32_bits = (Size{1} << 32) + 33;
@@ -87,7 +89,8 @@ TEST(CpuLayouts, FollowTheirDefinitions) {
   const auto check_in_place = [&]<class T>(uint32_t (*to_tiles)(Size, Size, T*), Size (*place)(Size, Size, Size),
                                            uint32_t (*to_rows)(Size, Size, T*) = nullptr) {
     const Shape shapes[] = {{32, 32}, {96, 64}, {64, 1056}, {32, 4096}, {0, 1 << 20}, {Size{1} << 40, 0}};
-    for (const auto& [n_row, n_col] : shapes) {
+    for (const Shape& shape : shapes) {
+      const Size n_row = shape.n_row, n_col = shape.n_col;
       SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
       const Vector<T> rows = random.any<T>(n_row * n_col);
       Vector<T> tiles = rows;
@@ -100,7 +103,8 @@ TEST(CpuLayouts, FollowTheirDefinitions) {
   check_in_place(morun_cpu_rm_to_wh_f16_inplace, test::place_in_wh<2>);
   check_in_place(morun_cpu_rm_to_wh_i8_inplace, test::place_in_wh<4>);
 
-  for (const auto& [n_row, n_col] : {Shape{64, 32}, {128, 96}, {2048, 1056}, {0, 64}, {Size{1} << 60, 0}}) {
+  for (const Shape& shape : {Shape{64, 32}, {128, 96}, {2048, 1056}, {0, 64}, {Size{1} << 60, 0}}) {
+    const Size n_row = shape.n_row, n_col = shape.n_col;
     SCOPED_TRACE(testing::Message() << "bytes " << n_row << " x " << n_col);
     const Vector<uint8_t> rows = random.any<uint8_t>(n_row * n_col + 1);  // never NULL
     Vector<uint8_t> tiles(n_row * n_col);
@@ -113,7 +117,8 @@ TEST(CpuLayouts, FollowTheirDefinitions) {
 
   const Shape weights[] = {{32, 64},  {33, 33},    {1, 1}, {31, 96},          {64, 65},
                            {70, 127}, {300, 1120}, {0, 9}, {Size{1} << 60, 0}};
-  for (const auto& [n_row, n_col] : weights) {
+  for (const Shape& shape : weights) {
+    const Size n_row = shape.n_row, n_col = shape.n_col;
     SCOPED_TRACE(testing::Message() << "nibbles " << n_row << " x " << n_col);
     const Vector<uint8_t> rows = random.any<uint8_t>(n_row * n_col + 1);  // upper bits are not looked at
     const Size tiles_across = (n_col + 31) / 32;
@@ -126,7 +131,8 @@ TEST(CpuLayouts, FollowTheirDefinitions) {
                   [&](uint8_t* dst) { return morun_cpu_rm_to_wh_i4(dst, rows.data(), n_col, n_row); });
   }
 
-  for (const auto& [n_row, n_col] : {Shape{65, 96}, {128, 32}, {3, 40}, {700, 1056}, {0, 32}, {Size{1} << 60, 0}}) {
+  for (const Shape& shape : {Shape{65, 96}, {128, 32}, {3, 40}, {700, 1056}, {0, 32}, {Size{1} << 60, 0}}) {
+    const Size n_row = shape.n_row, n_col = shape.n_col;
     SCOPED_TRACE(testing::Message() << "results " << n_row << " x " << n_col);
     const Vector<int32_t> tiles = random.any<int32_t>((n_row + 63) / 64 * (n_col / 32) * 2048 + 1);
     Vector<int32_t> rows(n_row * n_col, 90);  // columns past the last whole tile stay

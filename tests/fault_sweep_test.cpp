@@ -400,6 +400,7 @@ class FaultSweep : public testing::TestWithParam<Scenario> {
   bool play(const FaultClass& fault_class, uint32_t nth) {
     const Scenario& scenario = GetParam();
     start_afresh();
+    fired_flag() = false;  // before a child shares the page, and before memory runs out
     const uint64_t n_descriptor = test::open_descriptors();
     Runtime r;
     test::configure([](auto& config) { config.session_bytes = 2 * large; });

@@ -14,6 +14,7 @@
 namespace {
 
 using test::last_error;
+using Strings = std::vector<std::string>;
 
 TEST(ErrorRecord, CutsItsTextsAndOutlivesSuccess) {
   const std::string text(200, 'x');
@@ -195,7 +196,7 @@ TEST_F(Contexts, ASecondCleanupTakesEveryStepAgainAndInsistsOnClosing) {
   const Strings session = {"4", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_handle_close"};
   Strings expected = {"8", "6"};
   for (int i = 0; i < 2; ++i) expected.insert(expected.end(), session.begin(), session.end());
-  EXPECT_EQ(trace(), expected);
+  EXPECT_EQ(test::trace(), expected);
   EXPECT_EQ(context->session_handle[1], ~uint64_t{0});
   clean_up(context);
 }

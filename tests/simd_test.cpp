@@ -76,7 +76,7 @@ void expect_lanes(const Vector<T>& result, const std::function<T(size_t)>& lane,
 }
 #define EXPECT_LANES(T, result, lane, ...) \
   expect_lanes<T>(                         \
-      result, [&]([[maybe_unused]] size_t i) -> T { return lane; }, #result, ##__VA_ARGS__)
+      result, [&]([[maybe_unused]] size_t i) -> T { return lane; }, #result __VA_OPT__(, ) __VA_ARGS__)
 
 class Simd : public testing::Test {
  protected:

@@ -108,8 +108,9 @@ TEST(TensorProduct, IsRefusedForItsFirstMismatch) {
     if ((illegal[i] >> layout & 1) != 0) c.message = names[i] + " tensor illegal layout = " + std::to_string(layout);
     cases.push_back(c);
   }
-  for (const auto& [t, l, r, message] : cases)
-    EXPECT_OUTCOME(morun_mm_tensor_validate(&t, &l, &r), message.empty() ? "0" : "14" + call + message);
+  for (const Case& c : cases)
+    EXPECT_OUTCOME(morun_mm_tensor_validate(&c.result, &c.left, &c.right),
+                   c.message.empty() ? "0" : "14" + call + c.message);
   const std::string null = "10" + call + "One or more tensor pointers are NULL.";
   EXPECT_OUTCOME(morun_mm_tensor_validate(nullptr, &rank_0, &rank_0), null);
   EXPECT_OUTCOME(morun_mm_tensor_validate(&rank_0, nullptr, &rank_0), null);

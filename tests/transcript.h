@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -92,11 +94,12 @@ class Transcript : public testing::Test {
   }
   void TearDown() override {
     unsetenv("PARLO_TRACE");
-    context = nullptr;
-    parlo_emulator_reset();
+    start_afresh();
     if (!HasFatalFailure()) compare();
   }
+  // The context that is still there goes without a word to the platform, whose memory goes too.
   void start_afresh() {
+    free(std::exchange(*watched_, nullptr));
     parlo_emulator_reset();
     std::fill(std::begin(morun_map_db), std::end(morun_map_db), morun_map_entry{});
     configure([](auto& config) { config.lowest_descriptor = 100; });
