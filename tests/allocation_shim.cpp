@@ -1,6 +1,7 @@
 #include "tests/allocation_shim.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/mman.h>
 
 #include <atomic>
@@ -9,11 +10,15 @@
 #include <cstdlib>
 #include <new>
 
+extern "C" [[gnu::weak]] void __asan_init();
+
 namespace {
 
+std::atomic<pthread_t> arming_thread;
 std::atomic<uint64_t> n_calls, n_failed, first_to_fail, last_to_fail;
 
 bool fails() {
+  if (__asan_init && arming_thread != pthread_self()) return false;
   const uint64_t call = ++n_calls;
   if (call < first_to_fail || call > last_to_fail) return false;
   ++n_failed;
@@ -43,6 +48,7 @@ extern "C" {
 
 [[gnu::visibility("default")]] void allocation_shim_fail(uint64_t nth, bool from_then_on) {
   last_to_fail = 0;
+  arming_thread = pthread_self();
   n_calls = n_failed = 0;
   first_to_fail = nth;
   last_to_fail = from_then_on ? UINT64_MAX : nth;

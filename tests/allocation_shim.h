@@ -6,7 +6,8 @@
 // program that knows nothing of it; then the functions are found by dlsym, or a fault is armed from the start by
 // MORUN_FAIL_ALLOCATION=n. Under the address sanitizer preloading wants ASAN_OPTIONS=verify_asan_link_order=0.
 //
-// The allocations of every thread are counted. Not seen are those that the C library makes for itself, such as the stacks
+// The allocations of every thread are counted. Under the address sanitizer only those of the thread that arms the fault
+// are, because the sanitizer allocates when a thread starts and ends the process where it cannot. Not seen are those that the C library makes for itself, such as the stacks
 // of threads.
 #pragma once
 
