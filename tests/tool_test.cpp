@@ -520,13 +520,21 @@ TEST_F(ToolTest, ProductsHoldEachMatrixOnceAndShowHowFarTheyAre) {
   const std::string make[] = {"make 1 2047 -o x.npy", "make 2047 4033 -o w.npy", "make 131072 31 -o tall_x.npy",
                               "make 31 31 -o small_w.npy", "make 1 31 -o small_x.npy"};
   for (const std::string& arguments : make) report(arguments);
-  const long little = peak_kib("mm small_x.npy small_w.npy -o y.npy");
-  // Kibibytes as f32, and what may come on top of it for the conversion of some columns or rows at a time.
-  constexpr long n_kib = 32 * 1024, conversion = 16 * 1024, other = 4 * 1024;
-  for (const std::string kind : {"f16", "a8w8", "a8w4"})
-    EXPECT_LT(peak_kib("mm x.npy w.npy -o y.npy --weights " + kind), little + n_kib + other) << kind;
-  EXPECT_LT(peak_kib("mm x.npy w.npy -o y.npy --check"), little + n_kib / 2 + 2 * conversion + other);
-  EXPECT_LT(peak_kib("mm tall_x.npy small_w.npy -o y.npy"), little + n_kib + conversion);
+    // Sanitizers and an emulated processor take memory of their own.
+#ifdef __SANITIZE_ADDRESS__
+  constexpr bool has_peak_of_its_own = false;
+#else
+  constexpr bool has_peak_of_its_own = sizeof MORUN_RUNNER == 1;
+#endif
+  if (has_peak_of_its_own) {
+    const long little = peak_kib("mm small_x.npy small_w.npy -o y.npy");
+    // Kibibytes as f32, and what may come on top of it for the conversion of some columns or rows at a time.
+    constexpr long n_kib = 32 * 1024, conversion = 16 * 1024, other = 4 * 1024;
+    for (const std::string kind : {"f16", "a8w8", "a8w4"})
+      EXPECT_LT(peak_kib("mm x.npy w.npy -o y.npy --weights " + kind), little + n_kib + other) << kind;
+    EXPECT_LT(peak_kib("mm x.npy w.npy -o y.npy --check"), little + n_kib / 2 + 2 * conversion + other);
+    EXPECT_LT(peak_kib("mm tall_x.npy small_w.npy -o y.npy"), little + n_kib + conversion);
+  }
 
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
   ASSERT_TRUE(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
