@@ -145,14 +145,14 @@ class ToolTest : public testing::Test {
 
   // Plays the commands of the test's transcript. Told are both outputs, the exit status and the results that change.
   void play() const {
-    test::play_commands([this](const std::string& command) {
+    test::expect_kept_text(test::played_commands([this](const std::string& command) {
       auto before = results();
       const Outcome outcome = run(command);
       std::string told = test::indented(outcome.out) + test::indented(outcome.err, "  2> ");
       for (const auto& [name, bytes] : results())
         if (before[name] != bytes) told += "  writes " + name + '\n';
       return told + (outcome.status == 0 ? "" : text("  exit status ", outcome.status, '\n'));
-    });
+    }));
   }
 
   // All .npy files and hidden files, with what they hold and a mark that they are there.

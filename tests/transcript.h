@@ -89,6 +89,7 @@ class Transcript : public testing::Test {
   void TearDown() override {
     unsetenv("PARLO_TRACE");
     start_afresh();
+    parlo_emulator_reset();
     if (!HasFatalFailure()) expect_kept_text(text_);
   }
   // The context that is still there goes without a word to the platform, whose memory goes too.
@@ -115,6 +116,13 @@ class Transcript : public testing::Test {
   void play(const std::string& call, const std::function<int64_t()>& run) {
     say(call);
     text_ += observe(run);
+  }
+  // The commands that stand in the kept text. A call that tells nothing of its status succeeds.
+  void play_script(const std::function<void(const std::string& command)>& run) {
+    text_ = played_commands([&](const std::string& command) {
+      const std::string told = observe([&] { return run(command), 0; });
+      return told.substr(0, told.rfind("  = 0"));
+    });
   }
   // Without a word about it.
   void prepare(const std::function<void()>& run) {
