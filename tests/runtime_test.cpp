@@ -1,11 +1,10 @@
-// The error record, what starting reserves, contexts side by side and repeated cleanups. What each call does and says
+// What starting reserves, contexts side by side and repeated cleanups. What each call does and says
 // stands in the transcripts.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <thread>
 
 #include "include/morun.h"
 #include "platform/parlo.h"
@@ -15,32 +14,6 @@ namespace {
 
 using test::last_error;
 using Strings = std::vector<std::string>;
-
-TEST(ErrorRecord, CutsItsTextsAndOutlivesSuccess) {
-  const std::string text(200, 'x');
-  tavik_set_error(3, text.c_str(), text.c_str(), 7, "%s", text.c_str());
-  void* pointer = nullptr;
-  EXPECT_EQ(tavik_malloc(&pointer, 0), TAVIK_SUCCESS);
-  const std::string cut(127, 'x');
-  EXPECT_EQ(last_error(), "3 " + cut + " " + cut + " 7: " + cut);
-}
-
-TEST(ErrorRecord, BelongsToItsThread) {
-  tavik_set_error(1, "here", "file", 1, "message");
-  std::thread([] {
-    EXPECT_EQ(last_error(), "0   0: ");
-    tavik_set_error(2, "there", "file", 1, "message");
-  }).join();
-  EXPECT_EQ(last_error(), "1 here file 1: message");
-}
-
-TEST(ErrorRecord, PrintsTwoLines) {
-  const tavik_error error = {3, "failed to allocate 100 bytes", "tavik_malloc", "source/host/util", 35};
-  testing::internal::CaptureStderr();
-  tavik_error_print(&error);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "[Tavik] error 3 (tavik_malloc, source/host/util, line 35):\n          failed to allocate 100 bytes\n");
-}
 
 class Lifecycle : public test::PlatformTest {};
 
