@@ -2,6 +2,7 @@
 #include "tests/transcript.h"
 
 #include <dlfcn.h>
+#include <sys/mman.h>
 
 #include "include/dsp_capability.h"
 #include "platform/parlo.h"
@@ -264,6 +265,7 @@ TEST_F(Transcripts, MemoryWrappers) {
 // ---- Products
 
 using products::f16, products::a8w8, products::a8w4, products::Kind, products::WeightPlace;
+using test::make_view;
 
 // All weights of a matrix have one value, and the activations are 0 and 1 in turn: every element of a result is the value
 // n_inner / 2 times.
@@ -689,6 +691,107 @@ TEST_F(UpperTranscripts, UpperProducts) {
   PLAY(mm_u8i8(3, {64, 32, 96}, heap, bytes.data(), shared[2]));
   PLAY(mm_u8i4(3, {64, 32, 96}, heap, bytes.data(), shared[2]));
   PLAY(mm_u8i4(3, {128, 40, 64}, heap, bytes.data(), shared[2]));
+}
+
+// Products of tensors that are refused, or find their mistake on the way.
+TEST_F(UpperTranscripts, UpperRefusals) {
+  prepare([this] { start(3); });
+  aftermath = [this] { return result(heap); };
+  struct Triple {
+    morun_tensor result, left, right;
+  };
+  using T = Triple&;
+  using Change = std::function<void(T)>;
+  constexpr auto P1 = test::paths::P1, P2 = test::paths::P2, P3 = test::paths::P3, P4 = test::paths::P4,
+                 P5 = test::paths::P5, P6 = test::paths::P6;
+  const std::vector<std::pair<const char*, test::TensorFormats>> every_path = {{"P1", P1}, {"P2", P2}, {"P3", P3},
+                                                                               {"P4", P4}, {"P5", P5}, {"P6", P6}};
+  const auto play_path = [&](const std::string& call, uint32_t platform, const test::TensorFormats& f,
+                             std::array<uint64_t, 3> n, const Change& change) {
+    const auto matrix = [&](uint64_t n_row, uint64_t n_col, size_t i, void* data) {
+      return morun_tensor_matrix(n_row, n_col, f.types[i], f.layouts[i], data);
+    };
+    Triple t = {matrix(n[0], n[1], 2, heap), matrix(n[0], n[2], 0, shared[1]), matrix(n[2], n[1], 1, shared[2])};
+    if (change) change(t);
+    play(call, [&] { return morun_mm_tensor(platform, &t.result, &t.left, &t.right); });
+  };
+#define REFUSED(platform, path, ...)                                                                 \
+  play_path(#path " on " #platform ": " #__VA_ARGS__, MORUN_PLATFORM_##platform, path, {64, 32, 32}, \
+            [](T t) { t.result.is_contiguous = 1, __VA_ARGS__; })
+  REFUSED(NPU0, P3, t.result.data = t.left.data = t.right.data = nullptr);
+  REFUSED(NPU0, P3, t.left.data = t.right.data = nullptr);
+  REFUSED(NPU0, P3, t.right.data = nullptr);
+  REFUSED(NPU0, P3, t.left.dims[1] = t.left.strides[0] = 8);
+  REFUSED(NPU0, P2, make_view(t.result, 1, 1, 64 * 32 - 1));
+  REFUSED(NPU0, P5, make_view(t.result, 1, 1, 64 * 32 - 1));
+  REFUSED(CPU, P5, make_view(t.result, 1, 1, 64 * 32 - 1));
+  REFUSED(NPU0, P1, t.right.data_offset = 1u << 31, t.right.num_elements = uint64_t{1} << 32);
+  REFUSED(NPU0, P3, t.right.data_offset = 1u << 31, t.right.num_elements = uint64_t{1} << 32);
+  REFUSED(NPU0, P5, t.result.ndims = t.left.ndims = t.right.ndims = 1, t.result.layout = t.left.layout = 0,
+          t.right.layout = 0, t.result.dims[0] = t.left.dims[0] = t.right.dims[0] = 1,
+          t.result.strides[0] = t.left.strides[0] = t.right.strides[0] = 1);
+#undef REFUSED
+  // Extents that no memory has: those not 0.
+  const auto claims = [](uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
+    return [=](T t) {
+      for (morun_tensor* m : {&t.result, &t.left, &t.right}) m->num_elements = ~uint64_t{0};
+      if (n_row != 0) t.result.dims[0] = t.left.dims[0] = n_row;
+      if (n_col != 0) t.result.dims[1] = t.right.dims[1] = t.result.strides[0] = t.right.strides[0] = n_col;
+      if (n_inner != 0) t.left.dims[1] = t.right.dims[0] = t.left.strides[0] = n_inner;
+    };
+  };
+  constexpr uint64_t wraps = uint64_t{1} << 59, large = uint64_t{1} << 31;
+  const std::pair<const char*, Change> changes[] = {
+      {"a left with gaps", [](T t) { t.left.is_contiguous = 0; }},
+      {"a right with gaps", [](T t) { t.right.is_contiguous = 0; }},
+      {"left of i8", [](T t) { t.left.data_dtype = MORUN_DTYPE_I8; }},
+      {"right of u8", [](T t) { t.right.data_dtype = MORUN_DTYPE_U8; }},
+      {"result of i8", [](T t) { t.result.data_dtype = MORUN_DTYPE_I8; }},
+      {"left of layout 6", [](T t) { t.left.layout = MORUN_LAYOUT_2D_6; }},
+      {"right of layout 5", [](T t) { t.right.layout = MORUN_LAYOUT_2D_5; }},
+      {"result of layout 2", [](T t) { t.result.layout = MORUN_LAYOUT_2D_2; }},
+      {"a result with gaps in its rows", [](T t) { make_view(t.result, 64, 2, 1 << 20); }},
+      {"too many rows", claims(large, 0, 0)},
+      {"too many columns", claims(0, large, 0)},
+      {"too large an inner dimension", claims(0, 0, large)}};
+  for (const auto& [name, path] : every_path) {
+    for (const auto& [change_name, change] : changes)
+      play_path(std::string(name) + ", " + change_name, MORUN_PLATFORM_NPU0, path, {64, 32, 32}, change);
+    for (const uint32_t platform : {0u, 1u, 2u, 4u})
+      if (platform != 0 || path.types[1] != MORUN_DTYPE_F16 || path.layouts[1] != MORUN_LAYOUT_2D_RM)
+        play_path(std::string(name) + " on platform " + std::to_string(platform), platform, path, {64, 32, 32}, {});
+    for (const std::array<uint64_t, 3>& n :
+         {std::array<uint64_t, 3>{32, 48, 32}, {48, 48, 32}, {48, 32, 32}, {32, 32, 32}})
+      if (n[0] + n[1] != 64 || path.types[0] == MORUN_DTYPE_U8)
+        play_path(std::string(name) + " of " + std::to_string(n[0]) + " x " + std::to_string(n[1]), 3, path, n, {});
+    if (path.types[1] != MORUN_DTYPE_F16 || path.layouts[0] == MORUN_LAYOUT_2D_RM)
+      play_path(std::string(name) + ", weights that are not shared", MORUN_PLATFORM_NPU0, path, {64, 32, 32},
+                [this](T t) { t.right.data = static_cast<char*>(shared[0]) + 2; });
+  }
+  for (const auto& claim : {claims(wraps, 0, 0), claims(0, wraps, 0), claims(0, 0, wraps)})
+    play_path("P5 on the CPU, extents past 64 bits", MORUN_PLATFORM_CPU, P5, {64, 32, 32}, claim);
+  say("--- products of 4-bit weights");
+  const auto multiply = [&](int32_t n_row, int32_t n_col, int32_t n_inner, void* X) {
+    return upper_calls[4].call(3, {n_row, n_col, n_inner}, heap, X, shared[2]);
+  };
+  for (const auto& [n_row, n_inner] : {std::pair{-1, 32},
+                                       {-31, 16384},
+                                       {32, -32},
+                                       {100001, 16384},
+                                       {INT32_MAX, 32},
+                                       {64, -1},
+                                       {0, 48},
+                                       {-64, 20000001},
+                                       {64, INT32_MAX},
+                                       {64, INT32_MIN + 1}})
+    play(std::to_string(n_row) + " rows, inner " + std::to_string(n_inner),
+         [&, r = n_row, k = n_inner] { return multiply(r, 32, k, heap); });
+  void* const much = mmap(nullptr, 64 << 24, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  for (const auto& [n_row, n_col, n_inner] :
+       {std::array{64, 32, 1 << 24}, {-64, 32, 32}, {-64, 32, -32}, {64, -1, 32}, {64, -31, 32}, {64, -32, 32}})
+    play_to_the_end(std::to_string(n_row) + " x " + std::to_string(n_col) + ", inner " + std::to_string(n_inner),
+                    [&, r = n_row, n = n_col, k = n_inner] { multiply(r, n, k, much); });
+  munmap(much, 64 << 24);
 }
 
 TEST_F(UpperTranscripts, FailuresOfTheUpperInterface) {

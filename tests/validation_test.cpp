@@ -6,6 +6,7 @@
 #include "include/morun_tensor.h"
 #include "include/tavik.h"
 #include "tests/transcript.h"
+#include "tests/upper.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ class Validation : public test::Transcript {
 // ---- Tensors
 
 using Tensor = morun_tensor;
+using test::make_view;
 
 uint64_t memory[1];
 
@@ -29,12 +31,6 @@ Tensor vector(uint64_t length) {
   t.dims[1] = t.strides[1] = 0;  // not read
   return t;
 }
-void view(Tensor& t, uint64_t row_stride, uint64_t column_stride, uint64_t num_elements) {
-  t.is_contiguous = 0;
-  t.strides[0] = row_stride, t.strides[1] = column_stride;
-  t.num_elements = num_elements;
-}
-
 TEST_F(Validation, TensorRecords) {
 #define CHANGED(tensor, ...)               \
   play(#tensor " with " #__VA_ARGS__, [] { \
@@ -59,14 +55,14 @@ TEST_F(Validation, TensorRecords) {
   CHANGED(matrix(4, 8), t.layout = 6, t.is_contiguous = 2);
   CHANGED(matrix(4, 8), t.data_dtype = 6);
   CHANGED(matrix(4, 8), t.quantization = 1);
-  CHANGED(matrix(4, 8), view(t, 10, 2, 45), t.layout = 7);
-  CHANGED(matrix(4, 8), view(t, 10, 2, 45), t.layout = 0);
-  CHANGED(matrix(4, 8), view(t, 10, 2, 44));
+  CHANGED(matrix(4, 8), make_view(t, 10, 2, 45), t.layout = 7);
+  CHANGED(matrix(4, 8), make_view(t, 10, 2, 45), t.layout = 0);
+  CHANGED(matrix(4, 8), make_view(t, 10, 2, 44));
   CHANGED(matrix(4, 8), t.dims[0] = uint64_t{1} << 61);  // times 8 columns: nothing at all, in 64 bits
   CHANGED(vector(5), t.layout = 1, t.strides[0] = 2);
   CHANGED(vector(5), t.strides[0] = 2);
-  CHANGED(vector(5), view(t, 2, 0, 15), t.data_offset = 3);
-  CHANGED(vector(5), view(t, 2, 0, 14), t.data_offset = 3);
+  CHANGED(vector(5), make_view(t, 2, 0, 15), t.data_offset = 3);
+  CHANGED(vector(5), make_view(t, 2, 0, 14), t.data_offset = 3);
 #undef CHANGED
 }
 
