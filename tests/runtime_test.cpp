@@ -13,7 +13,6 @@
 namespace {
 
 using test::last_error;
-using Strings = std::vector<std::string>;
 
 class Lifecycle : public test::PlatformTest {};
 
@@ -87,25 +86,6 @@ TEST_F(Contexts, AndBothInterfacesWorkSideBySide) {
   clean_up(two);
 }
 
-TEST_F(Contexts, ThatShareAMatrixUnitFindItBusy) {
-  test::configure([](auto& config) { config.shared_matrix_unit = 1; });
-  tavik_context* const one = initialise();
-  tavik_context* const two = initialise();
-  {
-    const Weights w1(one), w2(two);
-    EXPECT_EQ(w1.multiply(1), 64);
-    EXPECT_EQ(tavik_lock_compute_device(two), PARLO_EMULATOR_DSP_BUSY);
-    EXPECT_EQ(w2.multiply(1), -1);
-    EXPECT_EQ(last_error(),
-              "1 tavik_context_get_handle_from_fd source/host/context 172: Device or resource busy in "
-              "tavik_veyra_lock_tessel(active_handle) != KESO_SUCCESS");
-    EXPECT_EQ(tavik_unlock_compute_device(one), 0);
-    EXPECT_EQ(w2.multiply(1), 64);
-  }
-  clean_up(one);
-  clean_up(two);
-}
-
 // Every platform call of a cleanup fails: once, from then on, or because its session is gone. A second cleanup then takes
 // the rest. Another context never notices, unless the first session is lost, which it shares.
 TEST_F(Contexts, CleanupGoesOnWhereItFailed) {
@@ -154,26 +134,6 @@ TEST_F(Contexts, CleanupGoesOnWhereItFailed) {
   }
 }
 
-TEST_F(Contexts, ASecondCleanupTakesEveryStepAgainAndInsistsOnClosing) {
-  test::configure([](auto& config) { config.session_bytes = 1 << 21; });
-  tavik_context* const context = initialise();
-  for (const int32_t fd : {allocate(context, 1 << 20), allocate(context, 1 << 20)}) release(context, fd);
-  ASSERT_EQ(context->n_sessions, 2u);
-  ASSERT_EQ(tavik_lock_compute_device(context), 0);
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 8, 1, 0x77, EIO);
-  EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(last_error(), "1 tavik_cleanup source/host/host 93: Failed to unlock compute resource");
-  parlo_emulator_trace_clear();
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_CLOSE, -1, 1, 0x77, EIO);
-  EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-  const Strings session = {"4", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_handle_close"};
-  Strings expected = {"8", "6"};
-  for (int i = 0; i < 2; ++i) expected.insert(expected.end(), session.begin(), session.end());
-  EXPECT_EQ(test::trace(), expected);
-  EXPECT_EQ(context->session_handle[1], ~uint64_t{0});
-  clean_up(context);
-}
-
 TEST_F(Contexts, AForkedChildNeedsOneOfItsOwn) {
   tavik_context* const context = initialise();
   {
@@ -202,48 +162,6 @@ TEST_F(Contexts, AForkedChildNeedsOneOfItsOwn) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
   }
   clean_up(context);
-}
-
-class Buffers : public test::PlatformTest {
- protected:
-  // Sessions that hold the cross-session buffers and one buffer of this size, no more.
-  static constexpr uint64_t buffer_bytes = 1 << 20;
-  static tavik_context* initialise_with_room_for_one() {
-    test::configure([](auto& config) { config.session_bytes = 2 * buffer_bytes; });
-    return initialise();
-  }
-};
-
-TEST_F(Buffers, KeepTheSessionThatCouldNotBeOpenedForTheNextTry) {
-  const auto domain = [](const tavik_context* context, uint64_t session) { return context->session_domain[session]; };
-  for (const int operation : {PARLO_EMULATOR_SESSION_CONTROL, PARLO_EMULATOR_HANDLE_OPEN}) {
-    tavik_context* const context = initialise_with_room_for_one();
-    const int32_t first = allocate(context, buffer_bytes);
-    parlo_emulator_fail(operation, -1, 2 - (operation == PARLO_EMULATOR_HANDLE_OPEN), 0x77, EIO);
-    void* pointer = nullptr;
-    EXPECT_EQ(tavik_buffer_alloc(context, buffer_bytes, &pointer, nullptr), TAVIK_ERROR_FAILURE);
-    EXPECT_EQ(context->n_sessions, 1u);
-    EXPECT_EQ(test::usage().n_sessions, 2u);
-    const int32_t id = context->session_id[1], kept = domain(context, 1);
-    parlo_emulator_trace_clear();
-    const int32_t second = allocate(context, buffer_bytes);
-    parlo_emulator_call call;
-    ASSERT_EQ(parlo_emulator_trace_get(3, &call), 0);
-    EXPECT_EQ(call.operation, PARLO_EMULATOR_SESSION_CONTROL);
-    EXPECT_EQ(call.arguments[0], PARLO_SESSION_GET_URI);
-    EXPECT_EQ(call.arguments[1], static_cast<uint64_t>(id));
-    EXPECT_EQ(std::pair(context->session_id[1], domain(context, 1)), std::pair(id, kept));
-    EXPECT_EQ(test::usage().n_sessions, 2u);
-
-    // One that is closed again is no longer reserved.
-    parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 3, 1, 0x77, EIO);
-    EXPECT_EQ(tavik_buffer_alloc(context, buffer_bytes, &pointer, nullptr), TAVIK_ERROR_FAILURE);
-    EXPECT_EQ(test::usage().n_sessions, 2u);
-    release(context, allocate(context, buffer_bytes));
-    release(context, first);
-    release(context, second);
-    clean_up(context);
-  }
 }
 
 }  // namespace

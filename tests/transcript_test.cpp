@@ -219,6 +219,42 @@ TEST_F(Transcripts, FailuresOfTheRuntime) {
   PLAY(tavik_hello_veyra());
 }
 
+TEST_F(Transcripts, SecondTries) {
+  say("--- a session that could not be opened is kept for the next try");
+  for (const int operation : {PARLO_EMULATOR_SESSION_CONTROL, PARLO_EMULATOR_HANDLE_OPEN}) {
+    start_afresh();
+    prepare([this] { start(1); });
+    parlo_emulator_fail(operation, -1, operation == PARLO_EMULATOR_HANDLE_OPEN ? 1 : 2, 0x77, EIO);
+    PLAY(tavik_buffer_alloc(c, large, &out, nullptr));
+    PLAY(tavik_buffer_alloc(c, large, &out, &fd[1]));
+    say("--- and one that is closed again is no longer reserved");
+    parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 3, 1, 0x77, EIO);
+    PLAY(tavik_buffer_alloc(c, large, &out, nullptr));
+    PLAY(tavik_buffer_alloc(c, large, &out, &fd[2]));
+    prepare([this] { tavik_buffer_free(c, fd[0]), tavik_buffer_free(c, fd[1]), tavik_buffer_free(c, fd[2]); });
+    PLAY(clean_up());
+  }
+  say("--- a second cleanup takes every step again, and insists on closing");
+  start_afresh();
+  prepare([this] { start(2), tavik_buffer_free(c, fd[0]), tavik_buffer_free(c, fd[1]), tavik_lock_compute_device(c); });
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 8, 1, 0x77, EIO);
+  PLAY(clean_up());
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_CLOSE, -1, 1, 0x77, EIO);
+  PLAY(clean_up());
+  PLAY(clean_up());
+  say("--- contexts that share a matrix unit find it busy");
+  start_afresh();
+  test::configure([](auto& config) { config.shared_matrix_unit = 1; });
+  tavik_context* rival = nullptr;
+  prepare([&] { start(), tavik_init(&limits, &rival); });
+  PLAY(tavik_lock_compute_device(c));
+  PLAY(tavik_lock_compute_device(rival));
+  PLAY(tavik_context_get_handle_from_fd(rival, rival->X_fd, &handle));
+  PLAY(tavik_unlock_compute_device(c));
+  PLAY(tavik_lock_compute_device(rival));
+  PLAY(tavik_cleanup(rival));
+}
+
 TEST_F(Transcripts, MemoryWrappers) {
   void *block = nullptr, *shared = nullptr;
   int32_t shared_fd = 0;
