@@ -55,7 +55,7 @@ const Exception exceptions[] = {
     {"@(UpperF16F16|Tensor*), from then on, *", false, false, 3, 1},
     {"@(Hello|UpperU8I8|TensorP6), *", true},
     // Stopping and unmapping leave off where they fail.
-    {"@(Cleanup|UpperFinalize), *", false, true},
+    {"@(Cleanup*|UpperFinalize), *", false, true},
     {"Unmap, *", false, true, 0, 0, false, true},
     // Mapping goes no further, and leaves what is mapped.
     {"Map, *", false, true, 0, 1, false, true},
@@ -134,6 +134,14 @@ int64_t locked(Runtime& r) {
 }
 int64_t emptied(Runtime& r) {
   return all({locked(r), release(r), release(r)});
+}
+// A third session that could not be opened is left reserved.
+int64_t reserved_third(Runtime& r) {
+  const int64_t status = locked(r);
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_OPEN, -1, 1, injected, EIO);
+  if (allocate(r) == 0) return -1;
+  parlo_emulator_clear_fault();
+  return all({status, release(r), release(r)});
 }
 int64_t switch_to_second(Runtime& r) {
   uint64_t handle;
@@ -239,6 +247,7 @@ const Scenario scenarios[] = {
     {"Lock", two_sessions, [](Runtime& r) -> int64_t { return tavik_lock_compute_device(r.context); }, false},
     {"Unlock", locked, [](Runtime& r) -> int64_t { return tavik_unlock_compute_device(r.context); }, false},
     {"Cleanup", emptied, stop},
+    {"CleanupOfAReservation", reserved_third, stop},
     {"Hello", nothing, [](Runtime&) -> int64_t { return tavik_hello_veyra(); }, false, true},
     {"SelfTest", two_sessions, [](Runtime& r) -> int64_t { return tavik_npu_test(r.context, 8, weights(r, 1)); }},
     {"SharedMemory", start, [](Runtime& r) -> int64_t { return tavik_rpcmem_alloc(&r.memory, 4096); }},

@@ -1,5 +1,4 @@
-// What starting reserves, contexts side by side and repeated cleanups. What each call does and says
-// stands in the transcripts.
+// What starting reserves, and contexts side by side. What each call does and says stands in the transcripts.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,54 +83,6 @@ TEST_F(Contexts, AndBothInterfacesWorkSideBySide) {
   EXPECT_EQ(morun_npu_free(W), 0);
   EXPECT_EQ(morun_npu_finalize(MORUN_DOMAIN_NPU0), 0);
   clean_up(two);
-}
-
-// Every platform call of a cleanup fails: once, from then on, or because its session is gone. A second cleanup then takes
-// the rest. Another context never notices, unless the first session is lost, which it shares.
-TEST_F(Contexts, CleanupGoesOnWhereItFailed) {
-  const auto fail = [](int fault_class, int operation, uint32_t nth) {
-    const parlo_emulator_fault fault = {fault_class, operation, -1, nth, 0x77, EIO};
-    parlo_emulator_arm(&fault);
-  };
-  test::configure([](auto& config) { config.session_bytes = 1 << 21; });
-  for (const int fault_class :
-       {PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_FAULT_FROM_THEN_ON, PARLO_EMULATOR_FAULT_SESSION_LOST}) {
-    // Unlock, release, six calls for each session; then four for the reserved one, which a second failure leaves.
-    const uint32_t n_call = fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON ? 14 : 19;
-    const bool shares = fault_class != PARLO_EMULATOR_FAULT_SESSION_LOST;
-    tavik_context* const witness = shares ? initialise() : nullptr;
-    const parlo_emulator_usage before = test::usage();
-    for (uint32_t nth = 1; nth <= n_call; ++nth) {
-      SCOPED_TRACE("class " + std::to_string(fault_class) + ", call " + std::to_string(nth));
-      tavik_context* const context = initialise();
-      // A second session with a buffer of its own, a third that is reserved only, the matrix unit locked in the second.
-      const int32_t fds[] = {allocate(context, shares ? 2 << 20 : 1 << 20), allocate(context, 1 << 20)};
-      fail(PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_HANDLE_OPEN, 1);
-      int32_t fd;
-      EXPECT_EQ(tavik_buffer_alloc(context, 1 << 21, nullptr, &fd), TAVIK_ERROR_FAILURE);
-      uint64_t handle;
-      EXPECT_EQ(tavik_context_get_handle_from_fd(context, fds[1], &handle), TAVIK_SUCCESS);
-      for (const int32_t buffer : fds) release(context, buffer);
-
-      fail(fault_class, PARLO_EMULATOR_ANY_OPERATION, nth);
-      const int32_t status = tavik_cleanup(context);
-      const bool fired = nth <= 18;
-      EXPECT_EQ(parlo_emulator_faults_fired() != 0, fired);
-      EXPECT_EQ(status, fired ? TAVIK_ERROR_FAILURE : TAVIK_SUCCESS);
-      if (fired && fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON) {
-        EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-        EXPECT_EQ(last_error(), "1 tavik_cleanup source/host/host 114: Failed to close the handle");
-      }
-      parlo_emulator_clear_fault();
-      if (fired) clean_up(context);
-      const parlo_emulator_usage after = test::usage();
-      EXPECT_EQ(std::memcmp(&before, &after, sizeof after), 0);
-      tavik_context* const other = shares ? witness : initialise();
-      EXPECT_EQ(Weights(other).multiply(2), 128);
-      if (!shares) clean_up(other);
-    }
-    if (shares) clean_up(witness);
-  }
 }
 
 TEST_F(Contexts, AForkedChildNeedsOneOfItsOwn) {
