@@ -1,9 +1,10 @@
-// Products with 8-bit and 4-bit weights. The two kinds differ in names alone; how they are staged and brought back, and
-// where they differ on purpose, stands in the table of products.cpp.
+// The products with 8-bit and with 4-bit weights. This file differs between the two formats only in names. The table of
+// families in products.cpp holds the other differences.
 #include "source/host/kernels/products.h"
 #include "source/host/kernels/size_check.h"
 
-// The blanks inside the parentheses of the third product are part of what a failure says.
+// The error record quotes the source text of a remote call, so the blanks inside the parentheses of the third product
+// are part of a published message.
 // clang-format off
 
 #define TAVIK_QUANTISED_PRODUCTS(kind, mm, mm_2, mm_3)                                                                \
