@@ -1,9 +1,10 @@
 // Query, key and value of an attention layer: three products of one activation in one call of the DSP, with weights
 // quantised to 8 bits.
 //
-// The weights come as frameworks store them, a row for each output feature, and so the library's quantiser takes them:
-// each row gets a scale and a zero point. All three matrices go into one shared buffer. A buffer for each does as well
-// when one session maps them all; fused products of 8-bit weights in several sessions are not to be had (see tavik.h).
+// Frameworks store weights with a row for each output feature. The library's quantiser takes the same order and gives
+// each row a scale and a zero point. All three matrices go into one shared buffer. A buffer for each also works when
+// one session maps all of them. Fused products of 8-bit weights in several sessions do not give all results (see
+// tavik.h).
 
 #include <tavik.h>
 
@@ -21,14 +22,15 @@
 
 namespace {
 
-// Grouped-query attention: four query heads share a head of keys and values. Any number of tokens; multiples of 32.
+// Grouped-query attention: four query heads share a head of keys and values. The number of tokens is arbitrary; the
+// other numbers are multiples of 32.
 constexpr uint64_t n_token = 40, n_inner = 512, n_col_q = 512, n_col_kv = 128;
 
 void check(int64_t status, const char* what) {
   if (status != TAVIK_SUCCESS) throw std::runtime_error(what + (": " + std::string(tavik_error_get_last()->message)));
 }
 
-// Where releasing fails there is nobody to throw to.
+// Destructors report a failed release by a line, because they cannot throw.
 bool released(int32_t status) {
   if (status != TAVIK_SUCCESS) tavik_error_print(tavik_error_get_last());
   return status == TAVIK_SUCCESS;
@@ -39,7 +41,8 @@ void close_context(tavik_context* context) {
 }
 using Context = std::unique_ptr<tavik_context, void (*)(tavik_context*)>;
 
-// The library sizes the buffers for activations and results by the largest matrices to come; their rows are padded.
+// The options state the sizes of the largest matrices to come, with the number of rows rounded up to whole tiles. The
+// library allocates its buffers for activations and results by these sizes.
 Context open_context() {
   constexpr uint64_t n_row = (n_token + 63) / 64 * 64;
   const tavik_options options{.output_matrix_size_max = n_row * n_col_q,
@@ -51,7 +54,7 @@ Context open_context() {
   return Context(context, close_context);
 }
 
-// Memory that the DSP sees too; it ends before its context does.
+// Memory that the host and the DSP share. It must be released before its context.
 struct BufferRelease {
   tavik_context* context;
   int32_t fd;
@@ -78,12 +81,12 @@ struct Projection {
   uint64_t n_col;
   std::vector<float> weights;  // n_col rows of n_inner
   std::vector<float> result;   // n_token x n_col
-  // The four arrays of a quantised weight matrix, as offsets in the shared buffer.
+  // Where the four arrays of a quantised weight matrix stand: byte offsets in the shared buffer.
   uint32_t values;
   uint64_t zero_points, scales, sums;
 };
 
-// Takes the next free bytes of the shared buffer for it.
+// Takes the projection's four arrays from the next free bytes of the shared buffer.
 Projection make_projection(const char* name, uint64_t n_col, uint64_t& n_used, std::mt19937& generator) {
   const auto take = [&](uint64_t n_byte) { return std::exchange(n_used, tavik_apply_padding(n_used + n_byte)); };
   return {.name = name,
@@ -106,7 +109,8 @@ void quantise_weights(const Projection& p, std::byte* buffer) {
   tavik_i8_rm_to_i8_wh_inplace(n_inner, p.n_col, values);
 }
 
-// From the product in double precision: root of the sum of squared differences, relative to that of the values.
+// Returns the relative deviation from the product in double precision: the root of the sum of squared differences,
+// divided by the root of the sum of squared values.
 double deviation(const Projection& p, const std::vector<float>& x) {
   double squared_differences = 0, squared_values = 0;
   for (size_t i = 0; i < p.result.size(); ++i) {
@@ -140,7 +144,7 @@ int main() try {
                                                   k.sums, v.values, v.zero_points, v.scales, v.sums),
         "tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh");
 
-  // A step of a weight is 1/255 of its row's range, a step of an activation 1/127 of its row's largest value.
+  // A step of a weight is 1/255 of its row's range. A step of an activation is 1/127 of its row's largest value.
   constexpr double bound = 0.02;
   bool passed = true;
   for (const Projection* const p : {&q, &k, &v}) {

@@ -1,12 +1,14 @@
 // A model larger than the address space of one session on the DSP.
 //
-// A session is a protection domain with an address space of its own, of a few GiB, for weights and for the buffers of
-// activations and results, which every session maps. tavik_buffer_alloc maps a new buffer into the first session that has
-// room and opens one more when none has, up to four. A product runs in the session of its weights; when that is another
-// than the last one's, the library moves the DSP's resources and the matrix unit over. So allocate the weights in the
-// order in which the model uses them: a pass then switches once a session, not once a product.
+// A session is a protection domain with an address space of its own, of a few GiB. The address space holds weights, and
+// the buffers for activations and results, which every session maps. tavik_buffer_alloc maps a new buffer into the
+// first session that has room. When no session has room, it opens one more, up to four. A product runs in the session
+// of its weights. When the last product ran in another session, the library first moves the DSP's resources and the
+// matrix unit. Allocate the weights in the order in which the model uses them: a pass through the model then switches
+// once for each session, not once for each product.
 //
-// On a device nothing is set for this. Here the emulated platform gets small sessions, for a small model to fill.
+// On a device the program needs no settings for this. Here the emulated platform gets small sessions that a small model
+// fills.
 
 #include <parlo_emulator.h>
 #include <tavik.h>
@@ -33,7 +35,7 @@ void check(int64_t status, const char* what) {
   if (status != TAVIK_SUCCESS) throw std::runtime_error(what + (": " + std::string(tavik_error_get_last()->message)));
 }
 
-// Where releasing fails there is nobody to throw to.
+// Destructors report a failed release by a line, because they cannot throw.
 bool released(int32_t status) {
   if (status != TAVIK_SUCCESS) tavik_error_print(tavik_error_get_last());
   return status == TAVIK_SUCCESS;
@@ -54,7 +56,8 @@ Context open_context() {
   return Context(context, close_context);
 }
 
-// Counts for sessions that are opened afterwards. Beside the layers there is room for what every session maps.
+// Applies to sessions that are opened afterwards. Besides the layers, a session has room for the buffers that every
+// session maps.
 void make_sessions_small() {
   parlo_emulator_config config;
   parlo_emulator_get_config(&config);
@@ -88,7 +91,8 @@ class Layer {
     return y;
   }
 
-  // Of y from x * weights in double precision: root of the sum of squared differences, relative to that of the values.
+  // Returns the relative deviation of y from x * weights in double precision: the root of the sum of squared
+  // differences, divided by the root of the sum of squared values.
   double deviation(const std::vector<float>& x, const std::vector<float>& y) const {
     double squared_differences = 0, squared_values = 0;
     for (size_t i = 0; i < y.size(); ++i) {
@@ -104,7 +108,7 @@ class Layer {
  private:
   tavik_context* context_;
   int32_t fd_ = -1;
-  std::vector<float> weights_;  // to compare with
+  std::vector<float> weights_;  // for the comparison
 };
 
 }  // namespace

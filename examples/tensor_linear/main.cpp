@@ -1,11 +1,12 @@
-// A linear layer, y = x * W^T, on tensor records: on the host, then on the NPU, and both compared.
+// A linear layer, y = x * W^T, on tensor records: first on the host, then on the NPU. The program compares the two
+// results.
 //
 // Frameworks store the weights of a linear layer as out_features rows of in_features values. The host's product reads
-// them so, as they are. The NPU takes an in_features x out_features matrix in weight tiles: transpose once, lay out
-// once, and keep it.
+// these rows as they are. The NPU takes an in_features x out_features matrix in weight tiles. A program transposes the
+// weights once, lays them out once, and keeps them.
 
 #include <morun_tensor.h>
-#include <tavik.h>  // conversions
+#include <tavik.h>  // for conversions
 
 #include <algorithm>
 #include <cmath>
@@ -22,9 +23,9 @@ namespace {
 
 constexpr uint64_t n_token = 96, in_features = 256, out_features = 384;  // multiples of 32 for the NPU
 
-using Halves = std::vector<uint16_t>;  // f16, by their bits
+using Halves = std::vector<uint16_t>;  // f16 bit patterns
 
-// The library has printed the reason.
+// The library has printed the reason already.
 void check(int64_t status, const char* what) {
   if (status != MORUN_SUCCESS) throw std::runtime_error(what + (" failed with status " + std::to_string(status)));
 }
@@ -36,7 +37,7 @@ struct Npu {
   Npu& operator=(const Npu&) = delete;
 };
 
-// Memory that the DSP sees too; it ends before the Npu does.
+// Memory that the host and the DSP share. It must be released before the Npu.
 struct BufferRelease {
   void operator()(uint16_t* buffer) const { morun_npu_free(buffer); }
 };
@@ -61,7 +62,7 @@ morun_tensor halves_record(uint64_t n_row, uint64_t n_col, morun_tensor_layout_e
   return morun_tensor_matrix(n_row, n_col, MORUN_DTYPE_F16, layout, data);
 }
 
-// The right operand of row-major halves is told as in_features x out_features, and read as its transpose.
+// The right operand of row-major halves is described as in_features x out_features, and is read as its transpose.
 Halves linear_on_host(Halves& x, Halves& weights) {
   Halves y(n_token * out_features);
   const morun_tensor result = halves_record(n_token, out_features, MORUN_LAYOUT_2D_RM, y.data());
@@ -85,7 +86,8 @@ Halves linear_on_npu(Halves& x, const Halves& weights) {
   return y;
 }
 
-// Root of the sum of squared differences, relative to that of the values expected.
+// Returns the relative deviation: the root of the sum of squared differences, divided by the root of the sum of squared
+// expected values.
 double deviation(const Halves& expected, const Halves& actual) {
   std::vector<float> wanted(expected.size()), found(actual.size());
   tavik_f16_to_f32(expected.size(), expected.data(), wanted.data());
@@ -106,7 +108,7 @@ int main() try {
   Halves x = random_halves(n_token * in_features, 1, generator);
   Halves weights = random_halves(out_features * in_features, 0.1f, generator);
   const double found = deviation(linear_on_host(x, weights), linear_on_npu(x, weights));
-  constexpr double bound = 0.0005;  // both add in f32, in different orders, and round to halves
+  constexpr double bound = 0.0005;  // both products add in f32, in different orders, and round to halves
   std::printf("linear layer of %lu to %lu features, %lu tokens\n", in_features, out_features, n_token);
   std::printf("relative deviation of the NPU from the host %.6f, bound %.4f\n", found, bound);
   return found < bound ? 0 : 1;

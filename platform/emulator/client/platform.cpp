@@ -8,7 +8,7 @@
 namespace parlo::client {
 namespace {
 
-// ---- Forks: the child finds all locks free, and none of its parent's sessions and buffers --------------------------
+// ---- Forks: the child finds all locks free, and its parent's sessions and buffers set aside ------------------------
 
 void before_fork() {
   platform().mutex.lock();

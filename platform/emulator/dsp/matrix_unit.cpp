@@ -17,10 +17,10 @@ constexpr size_t block_steps = 128;
 constexpr size_t block_rows = 256;
 constexpr size_t block_columns = 256;
 constexpr size_t few_rows = 8;
-constexpr size_t few_rows_depth =
-    2 * tile_size;  // inner elements of one pass; the pass reads weights nearly in the order of memory
-constexpr size_t n_product_per_thread = size_t{1}
-                                        << 21;  // for fewer products, starting a thread costs more than it saves
+// The inner elements of one pass with few rows. A short pass reads the weights nearly in the order of memory.
+constexpr size_t few_rows_depth = 2 * tile_size;
+// For fewer products, starting a thread costs more than the thread saves.
+constexpr size_t n_product_per_thread = size_t{1} << 21;
 
 size_t divide_up(size_t a, size_t b) {
   return (a + b - 1) / b;
@@ -144,10 +144,8 @@ struct TiledProduct {
   }
 
   // ---- Few rows: lanes run along columns, rows are broadcast ----
-  //
-  // Stages the first rows in the form in which stage_weights stages columns.
 
-  // The first rows, as columns of weights are staged.
+  // Stages the first rows in the form in which stage_weights stages columns.
   void stage_few_rows(Range inner, Staged* staged) const {
     for (size_t k = inner.begin; k < inner.end; k += tile_size) {
       alignas(64) Staged panel[panel_rows * tile_size];

@@ -15,12 +15,13 @@ struct NpyHeader {
   std::vector<uint64_t> shape;
 };
 
-// The header that `text` is: three keys in any order, then nothing but spaces. Throws an Error whose text is the reason
-// why `text` is none. A text of any content is read without recursion; what it gives has at most 32 extents and a type of
-// at most 16 printable characters.
+// Parses a header: three keys in any order, then only spaces. When `text` is no header, throws an Error that gives the
+// reason. The parser does not recurse, whatever the text contains. A returned header has at most 32 extents, and a type
+// of at most 16 printable characters.
 NpyHeader parse_npy_header(std::string_view text);
 
-// The header of a matrix in C order. Magic string, version, length, dictionary and padding are a multiple of 64 bytes.
+// Returns the header of a matrix in C order. Magic string, version, length, dictionary and padding together are a
+// multiple of 64 bytes.
 std::string npy_header(std::string_view type, size_t n_row, size_t n_col);
 
 }  // namespace tool
