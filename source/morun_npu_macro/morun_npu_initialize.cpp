@@ -4,7 +4,7 @@ namespace {
 
 constexpr char reporting_file[] = "source/morun_npu_macro/morun_npu_initialize";
 
-// The largest result, in elements, that the upper interface's context takes.
+// The limits of the upper interface's context, in elements and in rows.
 constexpr uint64_t output_matrix_size_max = 32768000;
 constexpr uint64_t n_row_max = 3200;
 constexpr uint64_t input_matrix_size_max = 486592000;
