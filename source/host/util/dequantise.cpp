@@ -71,10 +71,10 @@ bool are_scales_ordinary(uint64_t n_row, uint64_t n_col, const ResultRows& rows,
   return ordinary;
 }
 
-// Its row that is at the place of `row`.
+// Prefetches the row of the next tile that has the same place in its tile as `row`.
 void fetch_next_tile(const int32_t* row) {
-  simd::prefetch(row + tall_tile_elements);
-  simd::prefetch(row + tall_tile_elements + tile_side / 2);
+  fetch_ahead(row, tall_tile_elements);
+  fetch_ahead(row, tall_tile_elements + tile_side / 2);
 }
 
 template <bool streaming, class ZeroPoint>

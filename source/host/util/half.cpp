@@ -45,7 +45,7 @@ void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* d
     const float* const even = src + row * n_col + tile * tile_side;
     const float* const odd = is_pair ? even + n_col : zeros;
     uint16_t* const pair = dst + place_of_pair(row, tile, n_col);
-    tavik::fetch_for_put<streaming>(pair + tiles_ahead * tile_elements, 2 * tile_side);
+    tavik::fetch_for_put<streaming>(pair, tiles_ahead * tile_elements, 2 * tile_side);
     for (size_t i = 0; i < tile_side; i += 8) {
       const simd::f16x8 a = simd::narrow(simd::load(even + i)), b = simd::narrow(simd::load(odd + i));
       tavik::put<streaming>(pair + 2 * i, simd::zip_low(a, b));
@@ -60,8 +60,8 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
   for_each_row_pair<streaming>(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
     const uint16_t* const pair = src + place_of_pair(row, tile, n_col);
     float* const even = dst + row * n_col + tile * tile_side;
-    tavik::fetch_for_put<streaming>(even + tiles_ahead * tile_side, tile_side);
-    if (is_pair) tavik::fetch_for_put<streaming>(even + n_col + tiles_ahead * tile_side, tile_side);
+    tavik::fetch_for_put<streaming>(even, tiles_ahead * tile_side, tile_side);
+    if (is_pair) tavik::fetch_for_put<streaming>(even + n_col, tiles_ahead * tile_side, tile_side);
     // Writes 16 values, a whole cache line, of the even row, and then 16 values of the odd row.
     for (size_t i = 0; i < tile_side; i += 16) {
       const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
