@@ -25,7 +25,7 @@
 
 namespace {
 
-// Exit statuses besides EXIT_SUCCESS and EXIT_FAILURE.
+// The exit status besides EXIT_SUCCESS and EXIT_FAILURE.
 constexpr int exit_misuse = 2;
 
 constexpr char exit_statuses[] = R"(
@@ -68,7 +68,7 @@ void add_hello(CLI::App& app) {
   command->callback([] { tool::hello(); });
 }
 
-// The weights of one, two or three products, each form by an option of its own.
+// The files of the weights of one, two or three products. Each of these forms has an option of its own.
 struct WeightOptions {
   std::vector<std::filesystem::path> single, pair, qkv;
 
@@ -213,7 +213,7 @@ std::string unknown(const char* kind, const std::string& word, const std::vector
   return fmt::format("there is no {} {}; {}", kind, word, hint);
 }
 
-// A word that is none of ours explains more than what is missing for want of it.
+// An unknown word explains the failure better than a missing argument that follows from the unknown word.
 std::string explanation(CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> chosen = app.get_subcommands();
   const std::vector<std::string> rest = app.remaining(true);
@@ -234,7 +234,7 @@ void require_standard_output() {
   throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(EBADF)));
 }
 
-// What was printed may still wait to be written.
+// Printed text may still wait in a buffer, so a failure to write it shows only here.
 void finish_standard_output() {
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
   throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(errno)));
