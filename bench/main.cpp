@@ -1,4 +1,4 @@
-// morun_bench: one table of the library's operations, each as a ratio to a yardstick.
+// morun_bench prints a table of the library's operations and compares each with a yardstick.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 

@@ -356,7 +356,7 @@ inline void store_nibbles(uint32_t* p, u8x32 a) {
 }
 inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
   const __m256i nibbles = _mm256_and_si256(a.v, _mm256_set1_epi8(15));
-  const __m256i fours = _mm256_or_si256(nibbles, _mm256_srli_epi64(nibbles, 28));  // in every other word
+  const __m256i fours = _mm256_or_si256(nibbles, _mm256_srli_epi64(nibbles, 28));  // valid in every other word
   const __m256i words = _mm256_permutevar8x32_epi32(fours, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(words));
 }

@@ -55,7 +55,7 @@ inline uint16_t half_fma(uint16_t a, uint16_t b, uint16_t c) {
   return narrow_bits(add_to_odd(widen_bits(a) * widen_bits(b), widen_bits(c)));
 }
 
-// Nibbles 0 1 2 3 4 5 6 7 become 0 4 1 5 2 6 3 7, least significant first.
+// Reorders nibbles 0 1 2 3 4 5 6 7 to 0 4 1 5 2 6 3 7, least significant first.
 inline uint32_t zip_nibbles(uint32_t word) {
   word = (word & 0xff0000ffu) | (word & 0x00ff0000u) >> 8 | (word & 0x0000ff00u) << 8;
   const uint32_t differing = (word ^ word >> 4) & 0x00f000f0u;

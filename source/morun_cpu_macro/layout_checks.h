@@ -19,7 +19,7 @@ inline int32_t require_multiple(const Place& place, const char* name, int32_t di
                        static_cast<int32_t>(value));
 }
 
-// For the calls that convert in place between rows and square tiles.
+// Checks the arguments of the calls that convert in place between rows and square tiles.
 inline int32_t require_square_tiles(const Place& place, uint64_t n_row, uint64_t n_col, const void* data) {
   MORUN_TRY(require_pointers(place, data));
   MORUN_TRY(require_multiple(place, "n_row", tavik::tile_side, n_row));

@@ -19,7 +19,7 @@ constexpr size_t piece_inner = 128;
 struct Piece {
   size_t first_row;
   size_t n_row;
-  size_t first_col;  // of the block
+  size_t first_col;  // counted in the block of columns
   size_t n_col;
   double sums[piece_rows][piece_columns];
 };

@@ -53,7 +53,7 @@ struct WeightArrays {
 struct Product {
   int32_t n_col = 0;
   WeightArrays weights;
-  const uint16_t* host_weights = nullptr;  // host_f16, host_f32: in zb blocks
+  const uint16_t* host_weights = nullptr;  // for host_f16 and host_f32: in zb blocks
   float* result = nullptr;                 // for converted, host_f16, host_f32
 };
 
@@ -61,7 +61,7 @@ struct Call {
   tavik_context* context = nullptr;
   int32_t n_row = 0;  // for bytes: their number
   int32_t n_inner = 0;
-  const void* x = nullptr;  // converted, host_f32: f32; host_f16: f16
+  const void* x = nullptr;  // f32 for converted and host_f32, f16 for host_f16
   uint32_t a_offset = 0;    // for own_buffers: byte offsets in the buffer that holds the weights
   uint32_t x_offset = 0;
   std::array<Product, 3> products;

@@ -17,7 +17,7 @@ enum class Values { random, whole, extreme };
 
 struct WeightOperand {
   Matrix values;  // as stored: reals that binary16 can represent, or integers
-  // For the columns of quantised weights.
+  // Zero points and scales of quantised weights, one for each column.
   std::vector<int> zero_points;
   std::vector<double> scales;  // that binary16 can represent
   std::vector<int64_t> sums;

@@ -120,9 +120,9 @@ void write_f16(const Transfer& w) {
   tavik_f16_rm_to_f16_wh_inplace(w.n_inner, w.n_col, halves);
 }
 
-// Returns each column as a row. Padding columns repeat the column's first value. The repeated values leave the column's
-// range, scale and zero point as they are. They also leave the result as it is: the activation's padding stands for 0,
-// and the sums and n_inner with which the result is brought back count the repeated values too.
+// Returns each column as a row. A column is padded with copies of its first value. The copies leave the column's range,
+// scale and zero point as they are. They also leave the result as it is: the activation's padding stands for 0, and the
+// sums and n_inner with which the result is brought back count the copies too.
 std::vector<uint16_t> columns_as_rows(const Transfer& w, const Columns& columns) {
   const size_t n_col = columns.n_padded;
   std::vector<uint16_t> halves(w.n_inner * n_col);

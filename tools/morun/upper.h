@@ -10,8 +10,8 @@
 
 namespace tool {
 
-// The constructor opens the upper interface, the destructor closes it. A platform may refuse it while another context
-// is open.
+// The constructor opens the upper interface, the destructor closes it. While another context is open, a platform may
+// refuse to open this one.
 class UpperInterface {
  public:
   UpperInterface();

@@ -36,7 +36,7 @@ struct TiledProduct {
   using Staged = typename Elements::Staged;
   using Sum = typename Elements::Sum;
   static constexpr size_t block_depth = block_steps * Elements::step;
-  static constexpr size_t tile_weights =  // elements of W, in units of Elements::Weight
+  static constexpr size_t tile_weights =  // values of type Elements::Weight in a tile of W
       tile_elements * Elements::weight_bits / (8 * sizeof(typename Elements::Weight));
 
   const Shape shape;

@@ -21,7 +21,7 @@ class View {
   View(const View&) = delete;
   View& operator=(const View&) = delete;
 
-  std::byte* bytes() const { return bytes_; }  // nullptr where the memory could not be mapped
+  std::byte* bytes() const { return bytes_; }  // nullptr when the memory could not be mapped
   uint64_t length() const { return length_; }
 
  private:

@@ -1,5 +1,5 @@
-// The products with 8-bit and with 4-bit weights. This file differs between the two formats only in names. The table of
-// families in products.cpp holds the other differences.
+// The products with 8-bit and with 4-bit weights. In this file the two formats differ only in names. The table of families
+// in products.cpp holds their other differences.
 #include "source/host/kernels/products.h"
 #include "source/host/kernels/size_check.h"
 

@@ -18,7 +18,7 @@ constexpr size_t word_column_bytes = band_rows * 4;
 // a tile of f16, or columns of words.
 constexpr size_t strip_bytes = band_rows * line;
 constexpr size_t strip_halves = line / 2, strip_words = line / 4;
-// The number of strips that become rows at a time. Longer stores to each row touch fewer pages.
+// The number of strips that become rows together. Storing a longer part of one row at a time touches fewer pages.
 constexpr size_t strips_at_once = 8;
 
 // The rows of a band while the band is converted in place.

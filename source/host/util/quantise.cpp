@@ -111,7 +111,7 @@ struct Planes {
   RowMajor high, low;
 };
 
-// 16 bits, offset 32768, in two planes of bytes. The sum adds the 16 bits that are stored.
+// To16Bits stores 16 bits with an offset of 32768, in two planes of bytes. The sum adds the 16 bits that are stored.
 class To16Bits {
  public:
   static constexpr float divisor = 32767;
