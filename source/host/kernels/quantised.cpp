@@ -1,5 +1,7 @@
-// The products with 8-bit and with 4-bit weights. In this file the two formats differ only in names. The table of families
-// in products.cpp holds their other differences.
+// The products a8w8 and a8w4, with 8-bit and with 4-bit weights. In this file the two formats differ only in names. The
+// table of families in products.cpp holds their other differences, and run_products in that file runs each product: the
+// host quantises the activation, the DSP multiplies, and the host dequantises the result. On the emulator
+// platform/emulator/dsp/matrix_unit.cpp multiplies.
 #include "source/host/kernels/products.h"
 #include "source/host/kernels/size_check.h"
 
