@@ -29,9 +29,9 @@ namespace {
 constexpr int exit_misuse = 2;
 
 constexpr char exit_statuses[] = R"(
-Exit status: 0 when all is well; 1 when a file, an operand, memory or the DSP makes a command fail, or verify finds a
-wrong result; 2 when the command line cannot be understood. A signal ends the program as signals do: shells report 128 +
-its number. Standard error tells the cause in one line; warnings go there too and leave the status alone.)";
+Exit status: 0 when the command succeeds; 1 when a file, an operand, memory or the DSP makes it fail, or when verify
+finds a wrong result; 2 when the command line is wrong. When a signal ends the program, shells report 128 + its number.
+A failure prints its cause in one line on standard error. Warnings go there too and do not change the status.)";
 
 std::string failure_line(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
@@ -103,21 +103,21 @@ void add_mm(CLI::App& app) {
   morun mm X.npy --pair U.npy F.npy -o YU.npy YF.npy
   morun mm X.npy --qkv Q.npy K.npy V.npy -o YQ.npy YK.npy YV.npy --weights a8w8 --check
 
--o comes behind the matrices; "-" is standard output, and the report then goes to standard error. The matrices hold f16,
-f32 or f64 values, the last rounded to f32, and are of any shape; an array of rank 1 is one row. Results are written as
-f32. --pair and --qkv run one fused kernel, which takes the activation to the NPU once.
+-o stands behind the matrices. "-" is standard output, and the report then goes to standard error. The matrices hold
+f16, f32 or f64 values and have any shape. f64 values are rounded to f32. An array of rank 1 is a matrix of one row.
+Results are written as f32. --pair and --qkv run one fused kernel, which brings the activation to the NPU once.
 
-A warning tells of operands that are NaN, infinite, or beyond the range of f16 where they are rounded to it.
+The command warns of operands that are NaN or infinite, and of operands beyond the range of f16 that it rounds to f16.
 
 --weights f16: activation, weights and results are rounded to f16. a8w8 and a8w4: the weights are quantised to 8 or 4
 bits a value with a scale and a zero point for each column, the activation to 8 bits with a scale for each row, and the
 sums are exact. Zero points are cut to the range of the values: a column without values of both signs loses accuracy,
 and one of a single value becomes 0.
 
---check multiplies the values as given and prints for each result the largest |error| of all elements, as it is and
-relative to the largest |exact value|, and the Frobenius norm of the error relative to that of the exact product.
-Elements whose exact value is infinite or not a number are left out and counted; a result that is so where the exact
-value is finite deviates infinitely.)");
+--check multiplies the values as given. For each result it prints the largest |error| of all elements, the same relative
+to the largest |exact value|, and the Frobenius norm of the error relative to that of the exact product. Elements whose
+exact value is infinite or NaN are counted and left out. An infinite or NaN result with a finite exact value deviates
+infinitely.)");
   command->callback([arguments, weights, kind] {
     using enum tool::WeightKind;
     arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
@@ -141,16 +141,18 @@ void add_verify(CLI::App& app) {
                     "leave out weights in several sessions, for which some 6 GiB of shared memory are reserved");
   command->footer(
       R"(
-One line a call: shape as rows x columns x inner dimension, the values, the session of each weight matrix, the element
-that takes most of its bound (its deviation and that bound), the time of the call, and the verdict. Bounds follow from
-the roundings that the kernel has to make; where it has none to make, the bound is 0. "by design" marks calls that the
-library defines to give something else than the product, or to fail: where weights are in several sessions, or are
-row-major, or a strided result is packed. They are held to exactly that. Fails when one call does.
+Each call prints one line: the shape as rows x columns x inner dimension, the values, the session of each weight matrix,
+deviation and bound of the element that uses the largest share of its bound, the time of the call, and the verdict.
+Bounds follow from the roundings that the kernel must make; without roundings the bound is 0. "by design" marks calls
+that the library defines to give something else than the product, or to fail: weights in several sessions, row-major
+weights, or a strided result that is packed. The command checks these calls against that definition. It fails when one
+call fails.
 
-The upper interface (morun_...) follows when the lower one has closed the DSP: it opens it by itself, reserves 1.3 GiB of
-shared memory, and chooses sessions by itself. "+8" behind the columns: the rows of the result are 8 elements apart, and
-those have to stay as they are. Its integer products end the process when the DSP refuses them. They come last: a report
-without its last line, and an exit status of 1, tell of such a refusal, and standard error says which it was.
+The upper interface (morun_...) follows after the lower interface has closed the DSP. The upper interface opens the DSP,
+reserves 1.3 GiB of shared memory and chooses sessions by itself. "+8" behind the columns means that 8 elements lie
+between the rows of the result; the call must not change them. When the DSP refuses an integer product of the upper
+interface, the library ends the process, so these products come last. The report then lacks its last line, the exit
+status is 1, and standard error names the refused product.
 
 )" + kernel_list([](const tool::Kernel&) { return true; }));
   command->callback([arguments] { tool::verify(*arguments); });
@@ -169,8 +171,8 @@ void add_bench(CLI::App& app) {
       ->type_name("FILE");
   command->footer(
       R"(
-Times are the best of half a second. A call is the kernel as called; "convert" its conversions alone, on the same data;
-"remote" its remote method alone, called directly. What they leave of a call is checks.
+A time is the best of all calls within half a second. The table times the whole call of a kernel, its conversions alone
+on the same data ("convert"), and its remote method alone ("remote"). The rest of a call's time is checks.
 
 )" + kernel_list([](const tool::Kernel& kernel) { return kernel.is_timed(); }));
   command->callback([arguments, shape] {

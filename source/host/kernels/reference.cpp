@@ -67,7 +67,7 @@ void multiply_row(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Arow, ui
     for (uint64_t j = 0; j < side; ++j) simd::store(sums[odd][j], sum[odd][j]);
 }
 
-// Kept: such a column is read as n_inner consecutive weights, although a whole block stores its columns interleaved.
+// Kept: the function reads n_inner consecutive weights, although a whole block stores its four columns interleaved.
 float multiply_column(uint64_t n_inner, const uint16_t* column, const uint16_t* Arow) {
   float sum = 0;
   for (uint64_t k = 0; k < n_inner; ++k)
