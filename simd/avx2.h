@@ -144,10 +144,10 @@ class RoundingTowardZero {
   static void set(unsigned mode) { asm volatile("ldmxcsr %0" : : "m"(mode) : "memory"); }
   unsigned previous_;
 };
-// A compiler may move arithmetic across a change of the rounding mode, because for the compiler arithmetic depends on
-// its operands alone. It moves no arithmetic into or out of a function that it cannot identify. The mode therefore
-// changes in a function without arithmetic: in_half_arithmetic calls that function unseen, and that function calls the
-// body unseen.
+// Compilers move arithmetic across a change of the rounding mode, because they assume that arithmetic depends on its
+// operands alone. They move no arithmetic across the call of a function that they cannot identify, and call_unseen makes
+// such a call. in_half_arithmetic therefore changes the mode in one unseen function, which contains no arithmetic, and
+// calls the body as another.
 template <class Body>
 inline void call_unseen(const Body& body) {
   void (*call)(const Body&) = [](const Body& unseen) { unseen(); };

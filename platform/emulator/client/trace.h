@@ -26,7 +26,7 @@ class Trace {
  public:
   Trace() { choose_output(); }
 
-  // Chooses whether calls are also printed: when PARLO_TRACE=1.
+  // Decides whether calls are also printed. They are when the environment variable PARLO_TRACE is 1.
   void choose_output();
   bool printing() const { return printing_; }
 

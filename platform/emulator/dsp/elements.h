@@ -51,7 +51,7 @@ struct HalfElements {
   // The panel has n_lane rows in its lanes; the function writes 16 of them.
   template <size_t n_lane = panel_rows>
   static void stage_activation(const uint16_t* rows, float* panel) {
-    constexpr size_t n_word = 8;  // words of two rows of one column
+    constexpr size_t n_word = 8;  // words, each of two rows of one column
     alignas(32) uint16_t columns[n_word][panel_rows];
     for (size_t k = 0; k < tile_size; k += n_word) {
       simd::transpose_words(bytes_of(rows + 2 * k), 2 * pair_pitch, bytes_of(columns), sizeof columns[0]);
@@ -103,7 +103,7 @@ struct IntegerElements {
   static simd::same_pair8 broadcast(const int16_t* staged) { return simd::broadcast_pair(staged); }
 
   static void stage_activation(const uint8_t* rows, int16_t* panel) {
-    constexpr size_t n_word = 8;  // words of four inner elements of one row
+    constexpr size_t n_word = 8;  // words, each of four inner elements of one row
     alignas(32) uint8_t words[n_word][32];
     for (size_t row = 0; row < panel_rows; row += 8) {
       simd::transpose_words(bytes_of(rows + row * tile_size), tile_size, bytes_of(words), sizeof words[0]);
