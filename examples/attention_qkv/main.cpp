@@ -54,7 +54,7 @@ Context open_context() {
   return Context(context, close_context);
 }
 
-// Memory that the host and the DSP share. It must be released before its context.
+// Memory that the host and the DSP share. The memory must be released before its context.
 struct BufferRelease {
   tavik_context* context;
   int32_t fd;

@@ -37,7 +37,7 @@ struct Npu {
   Npu& operator=(const Npu&) = delete;
 };
 
-// Memory that the host and the DSP share. It must be released before the Npu.
+// Memory that the host and the DSP share. The memory must be released before the Npu.
 struct BufferRelease {
   void operator()(uint16_t* buffer) const { morun_npu_free(buffer); }
 };

@@ -24,7 +24,7 @@ Context open_context(const tavik_options& options);
 // Reserves the matrix unit for the active session. Most products reserve it themselves.
 void lock_matrix_unit(tavik_context* context);
 
-// Memory that the host and the DSP share. It must be released before its context.
+// Memory that the host and the DSP share. The memory must be released before its context.
 class SharedBuffer {
  public:
   // Allocates at least `size` bytes.

@@ -26,7 +26,7 @@ class TemporaryFile {
   int descriptor() const { return descriptor_.number(); }
 
   // Closes the file and gives it the name `target`, replacing an existing file in one step. Both names must be in one
-  // file system. When it fails, it throws a std::system_error and the file is still temporary.
+  // file system. On failure, it throws a std::system_error and the file is still temporary.
   void rename_to(const std::filesystem::path& target);
 
  private:
