@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tools/morun/files/matrix.h"
-#include "tools/morun/files/npy.h"
+#include "tools/morun/files/packed_file.h"
 #include "tools/morun/kernels.h"
 #include "tools/morun/library.h"
 
@@ -40,11 +40,11 @@ ProductPlan plan_product(WeightKind kind, const ProductShape& shape);
 // Is told of weights while they are read: values of matrix i, and zeros among them that pad it.
 using WeightObserver = std::function<void(size_t i, const std::vector<float>& values)>;
 
-// All weights of a product as the matrix unit reads them, in one shared buffer and so in one session. Quantised ones
-// are quantised column by column. Besides that buffer the constructor takes some megabytes, whatever the weights' size.
+// All weights of a product as the matrix unit reads them, in one shared buffer and so in one session. Those of packed files
+// are read straight into it; others are quantised column by column where the product takes quantised ones. Besides that buffer the constructor takes some megabytes, whatever the weights' size.
 class Weights {
  public:
-  Weights(tavik_context* context, const ProductPlan& plan, const std::vector<NpyFile>& files,
+  Weights(tavik_context* context, const ProductPlan& plan, const std::vector<WeightFile>& files,
           const WeightObserver& observe);
 
   const WeightArrays& operator[](size_t index) const { return arrays_[index]; }
