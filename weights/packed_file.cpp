@@ -86,3 +86,10 @@ const weights::PackedTensor& morun_weights_file::tensor(uint64_t index) const {
   weights::require_argument(index < tensors.size(), "index is not below the number of tensors");
   return tensors[index];
 }
+
+void morun_weights_file::require_checksum(const weights::PackedTensor& tensor, uint64_t checksum) const {
+  if (checksum == tensor.record.checksum) return;
+  throw weights::Error(MORUN_WEIGHTS_CHECKSUM, "%s: tensor %s: the bytes have checksum %016jx, not %016jx as packed",
+                       input.path().c_str(), weights::in_quotes(tensor.entry.name).c_str(), uintmax_t{checksum},
+                       uintmax_t{tensor.record.checksum});
+}
