@@ -91,7 +91,7 @@ enum {
   MORUN_WEIGHTS_RECORD_JSON = 44,       /* a record is not a flat JSON object, or names a member twice */
   MORUN_WEIGHTS_RECORD_MEMBER = 45,     /* a record lacks a member, or has one of a wrong type or out of range */
   MORUN_WEIGHTS_UNKNOWN_FORM = 46,      /* a record's form is none */
-  MORUN_WEIGHTS_UNKNOWN_QUANTISER = 47, /* a record's quantiser is none, or none for the form */
+  MORUN_WEIGHTS_UNKNOWN_QUANTISER = 47, /* the quantiser in the record of a quantised matrix is none */
   MORUN_WEIGHTS_PACKED_DTYPE = 48,      /* a packed tensor is not a U8 tensor of one dimension */
   MORUN_WEIGHTS_EXTENTS = 49,           /* an extent is 0, or the matrix takes more than 2^32 - 2048 bytes */
   MORUN_WEIGHTS_PARTS = 50,             /* the offsets of the parts are not those of form and extents */
@@ -262,8 +262,7 @@ typedef struct morun_weights_recipe {
  *   BAD_ARGUMENT    form, quantiser, columns, strides of 0 or packed_size; or a calibration that is not finished or of
  *                   another n_inner
  *   EXTENTS         as morun_weights_layout_of
- *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the
- *   order
+ *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the order
  *                   of columns. The columns' part of `packed` is undefined then
  *   NO_MEMORY       working memory for 32 columns could not be had */
 int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t first_column, uint64_t n_column,
@@ -273,12 +272,14 @@ int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t 
 /* Adds the figures of other columns of the same matrix. Neither may be NULL. */
 void morun_weights_statistics_add(morun_weights_statistics* statistics, const morun_weights_statistics* other);
 
-/* Sets elements 32 columns at a time, or fewer, of an f32 matrix to the values that a packed matrix stands for:
- * (q - zero point) * scale, rounded to f32 once; in form f16 the halves, widened. Only true elements are written.
+/* Sets columns first_column to first_column + n_column - 1 of an f32 matrix to the values that a packed matrix stands
+ * for: (q - zero point) * scale, which f32 holds exactly; in form f16 the halves, widened. Padding is left out. Calls for
+ * different columns may run in several threads at a time.
  *
- * first_column, n_column, values, inner_stride, column_stride   as in morun_weights_pack_columns, but any columns of
- * the
- *                                                               n_col
+ * packed         the whole packed matrix, packed_size bytes, at least the layout's n_byte
+ * first_column   any of the n_col, as is n_column; at least 1 column
+ * values         receives value (k, c) at values[k * inner_stride + (c - first_column) * column_stride]
+ *
  *   NULL_ARGUMENT   packed or values
  *   BAD_ARGUMENT    form, columns, strides of 0, or packed_size below the layout's n_byte
  *   EXTENTS         as morun_weights_layout_of */
@@ -451,7 +452,8 @@ int32_t morun_weights_file_verify(const morun_weights_file* file, uint64_t index
 /* Reads `n_byte` bytes from byte `offset` of a tensor on, as they stand, without a look at the checksum. On READ and
  * SHRUNK the bytes at `bytes` are undefined.
  *
- *   NULL_ARGUMENT, READ, SHRUNK
+ *   NULL_ARGUMENT   file; or bytes where n_byte is not 0
+ *   READ, SHRUNK
  *   BAD_ARGUMENT   index, or a range that does not lie in the tensor */
 int32_t morun_weights_file_read(const morun_weights_file* file, uint64_t index, uint64_t offset, uint64_t n_byte,
                                 void* bytes);

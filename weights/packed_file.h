@@ -33,6 +33,9 @@ struct morun_weights_file {
 
   const weights::PackedTensor& tensor(uint64_t index) const;  // throws BAD_ARGUMENT
 
+  // Throws CHECKSUM where `checksum`, of the bytes that were read, is not the record's.
+  void require_checksum(const weights::PackedTensor& tensor, uint64_t checksum) const;
+
   weights::InputFile input;
   std::vector<weights::PackedTensor> tensors;
   std::unordered_map<std::string, uint64_t> numbers;  // by name
