@@ -11,8 +11,6 @@
 namespace weights {
 namespace {
 
-constexpr uint64_t read_at_once = uint64_t{1} << 18;  // bytes; what was read is still in the cache when it is added up
-
 uint64_t checksum_of(const morun_weights_file& file, const PackedTensor& tensor) {
   std::vector<std::byte> bytes(std::min(read_at_once, tensor.n_byte()));
   Checksum checksum;
@@ -120,10 +118,7 @@ int32_t morun_weights_file_unpack(const morun_weights_file* file, uint64_t index
       throw weights::Error(MORUN_WEIGHTS_NOT_PACKED, "%s: tensor %s is not packed", file->input.path().c_str(),
                            weights::in_quotes(tensor.entry.name).c_str());
     std::vector<std::byte> bytes(tensor.n_byte());
-    file->input.read(tensor.file_offset, bytes.size(), bytes.data());
-    weights::Checksum checksum;
-    checksum.add(bytes.data(), bytes.size());
-    file->require_checksum(tensor, checksum.value());
+    file->read_tensor(tensor, true, bytes.data());
     const uint64_t n_col = tensor.record.n_col;
     const weights::PackedMatrix packed = {tensor.record.form, tensor.layout, bytes.data()};
     weights::unpack_columns(packed, tensor.record.n_inner, 0, n_col, values, n_col, 1);

@@ -1,7 +1,9 @@
 #include "weights/packed_file.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "weights/checksum.h"
 #include "weights/error.h"
 #include "weights/layout.h"
 
@@ -92,4 +94,15 @@ void morun_weights_file::require_checksum(const weights::PackedTensor& tensor, u
   throw weights::Error(MORUN_WEIGHTS_CHECKSUM, "%s: tensor %s: the bytes have checksum %016jx, not %016jx as packed",
                        input.path().c_str(), weights::in_quotes(tensor.entry.name).c_str(), uintmax_t{checksum},
                        uintmax_t{tensor.record.checksum});
+}
+
+void morun_weights_file::read_tensor(const weights::PackedTensor& tensor, bool compares_checksum, void* bytes) const {
+  weights::Checksum checksum;
+  for (uint64_t done = 0; done < tensor.n_byte(); done += weights::read_at_once) {
+    std::byte* const piece = static_cast<std::byte*>(bytes) + done;
+    const uint64_t n = std::min(weights::read_at_once, tensor.n_byte() - done);
+    input.read(tensor.file_offset + done, n, piece);
+    if (compares_checksum) checksum.add(piece, n);
+  }
+  if (compares_checksum) require_checksum(tensor, checksum.value());
 }

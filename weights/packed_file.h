@@ -13,6 +13,9 @@
 
 namespace weights {
 
+// Bytes: a checksum takes what was read out of the cache still.
+constexpr uint64_t read_at_once = uint64_t{1} << 18;
+
 struct PackedTensor {
   TensorEntry entry;
   Record record;
@@ -35,6 +38,9 @@ struct morun_weights_file {
 
   // Throws CHECKSUM where `checksum`, of the bytes that were read, is not the record's.
   void require_checksum(const weights::PackedTensor& tensor, uint64_t checksum) const;
+
+  // Reads a whole tensor to `bytes`. Throws READ, SHRUNK, and CHECKSUM if the checksum is to be compared.
+  void read_tensor(const weights::PackedTensor& tensor, bool compares_checksum, void* bytes) const;
 
   weights::InputFile input;
   std::vector<weights::PackedTensor> tensors;
