@@ -924,13 +924,19 @@ bool is_one_call(const std::array<Operand, n>& w) {
   return true;
 }
 
-/// The single a8w4 product runs in session 0, which has to be active and to hold the matrix unit.
-template <WeightForm Form>
-Result<void> prepare_session(tavik_context* context, const Operand& w) {
-  if constexpr (!std::same_as<Form, a8w4>) return {};
-  if (w.session != 0)
-    return misuse(Misuse::session, "weights a8w4 in session " + std::to_string(w.session) +
-                                       " are multiplied alone, which takes session 0");
+/// The single a8w4 product runs in session 0 alone.
+template <WeightForm Form, size_t n>
+Result<void> check_sessions(const std::array<Operand, n>& w) {
+  if (!std::same_as<Form, a8w4> || (n > 1 && is_one_call(w))) return {};
+  for (const Operand& one : w)
+    if (one.session != 0)
+      return misuse(Misuse::session, "weights a8w4 in session " + std::to_string(one.session) +
+                                         " are multiplied alone, which takes session 0");
+  return {};
+}
+
+/// The single a8w4 product takes for granted that session 0 is active and holds the matrix unit.
+inline Result<void> activate_session(tavik_context* context, const Operand& w) {
   uint64_t handle = 0;
   return lower(tavik_context_get_handle_from_fd(context, w.fd, &handle), "tavik_context_get_handle_from_fd");
 }
@@ -944,8 +950,8 @@ Result<void> compute(tavik_context* context, int32_t n_row, const float* x, cons
         if (Result<void> done = compute<Form, 1>(context, n_row, x, {w[i]}, {a[i]}); !done) return done;
       return {};
     }
-  } else {
-    if (Result<void> prepared = prepare_session<Form>(context, w[0]); !prepared) return prepared;
+  } else if constexpr (std::same_as<Form, a8w4>) {
+    if (Result<void> activated = activate_session(context, w[0]); !activated) return activated;
   }
   return lower(FormTraits<Form>::multiply(context, n_row, x, w, a), "multiply");
 }
@@ -963,6 +969,7 @@ Result<void> multiply_all(Matrix<const float> x, const std::array<const Weights<
     w[i] = weights[i]->operand();
     if (Result<void> checked = check_product(x, w[i], results[i]); !checked) return checked;
   }
+  if (Result<void> checked = check_sessions<Form>(w); !checked) return checked;
   Staged<const float> activation;
   if (!activation.stage(x)) return no_memory();
   if (activation.copy != nullptr)
@@ -995,7 +1002,8 @@ Result<void> multiply_all(Matrix<const float> x, const std::array<const Weights<
 ///   Misuse::session                 weights a8w4 that are multiplied alone are not in session 0
 ///   TAVIK_ERROR_BAD_DIMENSION       the matrices exceed the limits of the context
 ///   TAVIK_ERROR_FAILURE             the DSP refuses
-/// A failure leaves the results as they were, except that those before the failing one of several calls are written.
+/// A failure leaves the results as they were, except that where the DSP refuses one of several calls, the results of
+/// the calls before may be written.
 template <WeightForm Form>
 Result<void> multiply(Matrix<const float> x, const Weights<Form>& w, Matrix<float> a) {
   return detail::multiply_all<Form, 1>(x, {&w}, {a});
