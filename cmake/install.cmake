@@ -1,7 +1,7 @@
 # What `cmake --install` puts where, by components:
 #   library       libmorun.so.N
-#   development   public headers, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
-#   weights       the companion for weight files: libmorun_weights.so, its header, target and morun_weights.pc
+#   development   public headers but those for weight files, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
+#   weights       the companion for weight files: libmorun_weights.so, its headers, target and morun_weights.pc
 #   tool          the tool
 #   emulator      the emulated platform: its libparlo.so, control header, target and parlo_emulator.pc
 # and with each of them the licence. Nothing installed names the prefix: it may be moved.
@@ -20,7 +20,7 @@ install(TARGETS morun EXPORT morun
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h"
-  PATTERN "morun_weights.h" EXCLUDE)
+  PATTERN "*.hpp" PATTERN "morun_weights.*" EXCLUDE)
 install(FILES platform/parlo.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
 foreach(component IN ITEMS library development tool emulator)
   install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/morun" COMPONENT ${component})
@@ -57,7 +57,7 @@ if(MORUN_WEIGHTS)
   install(TARGETS morun_weights EXPORT morun_weights
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
     INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-  install(FILES include/morun_weights.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
+  install(FILES include/morun_weights.h include/morun_weights.hpp DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
   install(EXPORT morun_weights NAMESPACE morun:: FILE morun_weightsTargets.cmake DESTINATION "${package_dir}"
     COMPONENT weights)
   install_pkg_config_file(morun_weights.pc weights)
