@@ -914,13 +914,12 @@ inline Result<void> check_product(const Matrix<const float>& x, const Operand& w
                                      extents(a.n_row(), a.n_col()));
 }
 
-/// Whether one call computes all the products: the weights are in one session, and the widths are those of the call.
+/// Whether one call computes all the products: the weights are in one session, and the last two are of one width.
 template <size_t n>
 bool is_one_call(const std::array<Operand, n>& w) {
   for (const Operand& other : w)
     if (other.session != w[0].session) return false;
-  if constexpr (n == 2) return w[0].padded_n_col == w[1].padded_n_col;
-  if constexpr (n == 3) return w[1].padded_n_col == w[2].padded_n_col;
+  if constexpr (n > 1) return w[n - 2].padded_n_col == w[n - 1].padded_n_col;
   return true;
 }
 
