@@ -20,6 +20,7 @@
 
 #include "include/morun_weights.h"
 #include "tests/data.h"
+#include "tests/packed_file.h"
 #include "tests/packed_matrix.h"
 #include "tests/support.h"
 
@@ -64,28 +65,10 @@ class WeightsLoad : public test::PlatformTest {
     test::PlatformTest::TearDown();
   }
 
-  // Packs matrices of random values, "NAME FORM N_INNER N_COL ...", and opens the file.
+  // A file of "NAME FORM N_INNER N_COL ...".
   void open(const std::string& matrices) {
     morun_weights_file_close(std::exchange(file_, nullptr));
-    morun_weights_packer* packer = nullptr;
-    ASSERT_EQ(morun_weights_packer_create(nullptr, &packer), 0) << morun_weights_error_text();
-    std::istringstream words(matrices);
-    uint64_t n_inner, n_col;
-    for (std::string name, form; words >> name >> form >> n_inner >> n_col;) {
-      const std::string source = folder_ / (name + ".npy");
-      std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(n_inner) + ", " +
-                           std::to_string(n_col) + "), }";
-      header.resize(118, ' ');
-      const auto values = test::Random(n_col).values(n_inner * n_col);
-      std::ofstream(source, std::ios::binary)
-          << std::string("\x93NUMPY\x01\0\x76\0", 10) << header
-          << std::string_view(reinterpret_cast<const char*>(values.data()), 4 * values.size());
-      ASSERT_EQ(morun_weights_packer_add_source(packer, source.c_str()), 0) << morun_weights_error_text();
-      const int32_t number = form == "f16" ? f16 : form == "a8w8" ? a8w8 : form == "a8w4" ? a8w4 : 0;
-      ASSERT_EQ(morun_weights_packer_add_rule(packer, name.c_str(), number), 0) << morun_weights_error_text();
-    }
-    ASSERT_EQ(morun_weights_packer_run(packer, path_.c_str()), 0) << morun_weights_error_text();
-    morun_weights_packer_free(packer);
+    test::pack(path_, matrices);
     ASSERT_EQ(morun_weights_file_open(path_.c_str(), &file_), 0) << morun_weights_error_text();
   }
   // "NAME ...", each followed by "/GROUP" where it has one, and by "!" where it is alone too.
