@@ -4,15 +4,15 @@
 
 #include <cstring>
 
-MORUN_DEFINE_OWN(context)
-MORUN_DEFINE_OWN(morun_map_db)
-MORUN_DEFINE_OWN(version_prerel)
-MORUN_DEFINE_OWN(npu_version)
+tavik_context* own::context = nullptr;
+morun_map_entry own::morun_map_db[TAVIK_MAX_DESCRIPTOR + 1] = {};
+char own::version_prerel[32] = "";
+char own::npu_version[128] = "";
 
-tavik_context* context = nullptr;
-morun_map_entry morun_map_db[TAVIK_MAX_DESCRIPTOR + 1] = {};
-char version_prerel[32] = "";
-char npu_version[128] = "";
+MORUN_EXPORT_OWN(context)
+MORUN_EXPORT_OWN(morun_map_db)
+MORUN_EXPORT_OWN(version_prerel)
+MORUN_EXPORT_OWN(npu_version)
 
 // A program whose code reads a library's variable directly, without the global offset table, gets a copy of the variable
 // in itself, and all that asks for the name and its version node finds that copy. A variable of the program's own that

@@ -7,9 +7,9 @@
 #include "source/host/kernels/size_check.h"
 #include "source/own.h"
 
-MORUN_DEFINE_OWN(qmmbp_HxD)
-MORUN_DEFINE_OWN(qdotxH)
-MORUN_DEFINE_OWN(dravin_math_matmul_pq)
+MORUN_OWN(qmmbp_HxD)
+MORUN_OWN(qdotxH)
+MORUN_OWN(dravin_math_matmul_pq)
 MORUN_WEAK(qmmbp_HxD_)
 
 namespace {
@@ -83,12 +83,13 @@ uint64_t covered(uint64_t extent, uint64_t index) {
 
 }  // namespace
 
-void qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
+void own::qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
   float sums[side][side][group];
   simd::in_half_arithmetic([&] { multiply_block(n_inner, Wb, Ab, sums); });
   for (uint64_t i = 0; i < side; ++i)
     for (uint64_t j = 0; j < side; ++j) C[i * ldc + j] = sum_of_eights(sums[i][j]);
 }
+MORUN_EXPORT_OWN(qmmbp_HxD)
 
 // Two columns share a vector, four lanes each.
 void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
@@ -121,7 +122,7 @@ void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, co
 }
 
 // Kept: the sums are added up in f16, so that a row can differ in its last bits from the same row of qmmbp_HxD.
-void qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* Arow) {
+void own::qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* Arow) {
   uint16_t sums[2][side][group];
   simd::in_half_arithmetic([&] { multiply_row(n_inner, Wb, Arow, sums); });
   simd::f16x8 column[side];  // eight parts of each sum
@@ -137,8 +138,9 @@ void qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* A
   simd::store(totals, simd::widen(add_neighbours(two_each, two_each)));
   for (uint64_t j = 0; j < side; ++j) Crow[j] = settled(totals[j]);
 }
+MORUN_EXPORT_OWN(qdotxH)
 
-void dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint64_t p, uint64_t q, float* C,
+void own::dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint64_t p, uint64_t q, float* C,
                            const uint16_t* A, const uint16_t* W) {
   const uint64_t rows = covered(n_row, p), columns = covered(n_col, q);
   if (rows == 0 || columns == 0) return;
@@ -156,6 +158,7 @@ void dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uin
     for (uint64_t j = 0; j < columns; ++j) Crow[j] = multiply_column(n_inner, Wb + j * n_inner, Arow);
   }
 }
+MORUN_EXPORT_OWN(dravin_math_matmul_pq)
 
 uint32_t tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(const tavik_context* context, uint64_t n_row, uint64_t n_col,
                                               uint64_t n_inner, float* C, const uint16_t* A, const uint16_t* W) {
