@@ -219,6 +219,38 @@ TEST_F(WeightsLoad, PlansKeepGroupsTogetherAndPutFourBitMatricesFirst) {
               MORUN_WEIGHTS_NULL_ARGUMENT);
 }
 
+TEST_F(WeightsLoad, PlansReachOffsetsOf32Bits) {
+  // The data, of which nothing is read, is a hole: a and b take 2^31 bytes, c takes 2048.
+  constexpr uint64_t large = uint64_t{1} << 31;
+  std::ostringstream json;
+  json << R"({"__metadata__":{"morun.format":"1")";
+  for (const auto& [name, n_col] : {std::pair{'a', large / 64}, {'b', large / 64}, {'c', uint64_t{32}}})
+    json << R"(,"morun.tensor.)" << name << R"(":"{\"form\":\"f16\",\"n_inner\":32,\"n_col\":)" << n_col
+         << R"(,\"source\":\"\",\"source_dtype\":\"\",\"error\":0,\"checksum\":\"xxh3:0123456789abcdef\"}")";
+  json << '}';
+  uint64_t begin = 0;
+  for (const auto& [name, n_byte] : {std::pair{'a', large}, {'b', large}, {'c', uint64_t{2048}}}) {
+    json << ",\"" << name << R"(":{"dtype":"U8","shape":[)" << n_byte << R"(],"data_offsets":[)" << begin << ','
+         << begin + n_byte << "]}";
+    begin += n_byte;
+  }
+  json << '}';
+  std::ofstream(path_, std::ios::binary) << std::string("\xf8\x0f\0\0\0\0\0\0", 8) << json.str()
+                                         << std::string(4088 - json.str().size(), ' ');
+  fs::resize_file(path_, 4096 + begin);
+  ASSERT_EQ(morun_weights_file_open(path_.c_str(), &file_), 0) << morun_weights_error_text();
+  morun_weights_plan plan;
+  std::vector<morun_weights_place> places(3);
+  const auto make = [&](const Requests& all) {
+    return morun_weights_plan_places(file_, all.size(), all.data(), 2 * large - 2048, 32, &plan, places.data());
+  };
+  ASSERT_EQ(make(requests("a/1 b c/1")), 0) << morun_weights_error_text();
+  EXPECT_EQ(told(plan, places), "1048577 1048576 / 0: 0+0 1+0 0+1048576");
+  EXPECT_EQ(make(requests("a/1 b/1")), MORUN_WEIGHTS_GROUP_TOO_LARGE);
+  EXPECT_TEXT("takes 4294967296 bytes in one buffer, and the largest buffer has 4294965248");
+  EXPECT_EQ(make(requests("a/1 b/1 c/1")), MORUN_WEIGHTS_GROUP_TOO_LARGE);
+}
+
 TEST_F(WeightsLoad, PlansOfAnythingAreSound) {
   std::ostringstream matrices;
   for (int i = 0; i < 60; ++i) matrices << 'm' << i << (i % 5 == 0 ? " a8w4 32 " : " f16 32 ") << 32 + i * i / 2 << ' ';
