@@ -251,6 +251,27 @@ TEST_F(WeightsFile, ACheckpointOfTwoShardsComesBackAsWhatItHeld) {
 #endif
 }
 
+// The example of docs/weight-files.md.
+TEST_F(WeightsFile, EveryByteIsWhereTheFormatHasIt) {
+  write("w.npy", test::npy("<f4", false, "(2, 3)", encoded("F32", {155, 64, 255, -100, -63.5, 2})));
+  Packer packer;
+  ASSERT_EQ(packer.source(path("w.npy")).run(path("p.safetensors")), 0) << morun_weights_error_text();
+  std::string header =
+      R"({"__metadata__":{"morun.format":"1","morun.tensor.w":"{'form':'a8w8','n_inner':2,'n_col':3,'zero_points':2048,)"
+      R"('scales':4096,'sums':6144,'quantiser':'minmax','source':'w','source_dtype':'F32','error':0.0,)"
+      R"('checksum':'xxh3:e0fd663639f5ddde'}"},"w":{"dtype":"U8","shape":[8192],"data_offsets":[0,8192]}})";
+  for (size_t at = 0; (at = header.find('\'', at)) != std::string::npos; at += 2) header.replace(at, 1, "\\\"");
+  std::string expected = std::string("\xf8\x0f\0\0\0\0\0\0", 8) + header;
+  expected.resize(4096, ' ');
+  expected.resize(12288, '\0');
+  expected.replace(4096, 8, std::string("\x7f\x7f\x7f\0\x80\x80\x82\0", 8));
+  for (size_t row = 2; row < 32; ++row) expected.replace(4096 + 4 * row, 3, "\xe4\xff\x80");
+  expected.replace(6144, 3, "\xe4\xff\x80");
+  expected.replace(8192, 6, std::string("\0\x3c\0\x38\0\x3c", 6));
+  expected.replace(10240, 12, "\xb7\xfc\xff\xff\xe1\xff\xff\xff\x01\xf1\xff\xff");
+  EXPECT_TRUE(read("p.safetensors") == expected);
+}
+
 TEST_F(WeightsFile, AnyColumnsAreUnpackedIntoAnyStrides) {
   constexpr uint64_t n_inner = 45, n_col = 70, inner_stride = 3, column_stride = 150;
   const std::vector<float> w = some_values(n_inner * n_col, 1);
