@@ -10,12 +10,12 @@
 #include <functional>
 
 #include "include/dsp_capability.h"
-#ifdef MORUN_WITH_WEIGHTS
-#  include "tests/packed_file.h"
-#endif
 #include "platform/parlo.h"
 #include "tests/allocation_shim.h"
 #include "tests/upper.h"
+#ifdef MORUN_WITH_WEIGHTS
+#  include "tests/weight_files.h"
+#endif
 
 namespace {
 

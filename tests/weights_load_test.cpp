@@ -20,13 +20,14 @@
 
 #include "include/morun_weights.h"
 #include "tests/data.h"
-#include "tests/packed_file.h"
 #include "tests/packed_matrix.h"
 #include "tests/support.h"
+#include "tests/weight_files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using test::Json;
 
 // What the nth read from now on does; 0: none.
 uint64_t nth_read;
@@ -222,21 +223,25 @@ TEST_F(WeightsLoad, PlansKeepGroupsTogetherAndPutFourBitMatricesFirst) {
 TEST_F(WeightsLoad, PlansReachOffsetsOf32Bits) {
   // The data, of which nothing is read, is a hole: a and b take 2^31 bytes, c takes 2048.
   constexpr uint64_t large = uint64_t{1} << 31;
-  std::ostringstream json;
-  json << R"({"__metadata__":{"morun.format":"1")";
-  for (const auto& [name, n_col] : {std::pair{'a', large / 64}, {'b', large / 64}, {'c', uint64_t{32}}})
-    json << R"(,"morun.tensor.)" << name << R"(":"{\"form\":\"f16\",\"n_inner\":32,\"n_col\":)" << n_col
-         << R"(,\"source\":\"\",\"source_dtype\":\"\",\"error\":0,\"checksum\":\"xxh3:0123456789abcdef\"}")";
-  json << '}';
+  const std::pair<std::string, uint64_t> columns[] = {{"a", large / 64}, {"b", large / 64}, {"c", 32}};
+  Json header;
+  header["__metadata__"]["morun.format"] = "1";
   uint64_t begin = 0;
-  for (const auto& [name, n_byte] : {std::pair{'a', large}, {'b', large}, {'c', uint64_t{2048}}}) {
-    json << ",\"" << name << R"(":{"dtype":"U8","shape":[)" << n_byte << R"(],"data_offsets":[)" << begin << ','
-         << begin + n_byte << "]}";
-    begin += n_byte;
+  for (const auto& [name, n_col] : columns) {
+    const Json record = {{"form", "f16"},
+                         {"n_inner", 32},
+                         {"n_col", n_col},
+                         {"source", ""},
+                         {"source_dtype", ""},
+                         {"error", 0},
+                         {"checksum", "xxh3:0123456789abcdef"}};
+    header["__metadata__"]["morun.tensor." + name] = record.dump();
+    header[name] = {{"dtype", "U8"}, {"shape", {64 * n_col}}, {"data_offsets", {begin, begin + 64 * n_col}}};
+    begin += 64 * n_col;
   }
-  json << '}';
-  std::ofstream(path_, std::ios::binary) << std::string("\xf8\x0f\0\0\0\0\0\0", 8) << json.str()
-                                         << std::string(4088 - json.str().size(), ' ');
+  std::string text = header.dump();
+  text.resize(4088, ' ');
+  std::ofstream(path_, std::ios::binary) << std::string("\xf8\x0f\0\0\0\0\0\0", 8) << text;
   fs::resize_file(path_, 4096 + begin);
   ASSERT_EQ(morun_weights_file_open(path_.c_str(), &file_), 0) << morun_weights_error_text();
   morun_weights_plan plan;
