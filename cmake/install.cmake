@@ -22,7 +22,7 @@ install(TARGETS morun EXPORT morun
 install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h"
   PATTERN "*.hpp" PATTERN "morun_weights.*" EXCLUDE)
 install(FILES platform/parlo.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
-foreach(component IN ITEMS library development tool emulator)
+foreach(component IN ITEMS library development weights tool emulator)
   install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/morun" COMPONENT ${component})
 endforeach()
 install(EXPORT morun NAMESPACE morun:: FILE morunTargets.cmake DESTINATION "${package_dir}" COMPONENT development)
@@ -56,10 +56,16 @@ if(MORUN_WEIGHTS)
   set_target_properties(morun_weights PROPERTIES INSTALL_RPATH "$ORIGIN")
   install(TARGETS morun_weights EXPORT morun_weights
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
     INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
   install(FILES include/morun_weights.h include/morun_weights.hpp DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
   install(EXPORT morun_weights NAMESPACE morun:: FILE morun_weightsTargets.cmake DESTINATION "${package_dir}"
     COMPONENT weights)
+  # A program with the static library is linked with the C++ runtime, whatever it is written in.
+  set(private_libraries "")
+  if(type STREQUAL "STATIC_LIBRARY")
+    set(private_libraries "-lstdc++ -pthread")
+  endif()
   install_pkg_config_file(morun_weights.pc weights)
 endif()
 

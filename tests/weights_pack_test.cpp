@@ -1,12 +1,10 @@
-// From checkpoints to packed files: what is packed, every byte of the file, every refusal, and that a failure leaves
-// nothing. Files are written and read here by the format's definition.
+// From checkpoints to packed files: what is packed, every refusal, and that a failure leaves nothing.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cmath>
 #include <csignal>
 #include <cstring>
@@ -19,270 +17,18 @@
 #include <string>
 #include <vector>
 
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 #include "include/morun_weights.h"
-#include "tests/packed_matrix.h"
+#include "tests/weight_files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::json;
+using test::Json, test::PackedFile, test::Packer, test::Tensor, test::encoded, test::npy, test::safetensors,
+    test::some_values;
 
-template <typename Value>
-std::string bytes_of(const std::vector<Value>& values) {
-  return {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(Value)};
-}
-
-struct Tensor {
-  std::string name, dtype;
-  std::vector<uint64_t> shape;
-  std::string bytes;
-};
-
-// Not aligned to anything, as some writers leave it.
-std::string safetensors(const std::vector<Tensor>& tensors, const Json& metadata = {}) {
-  Json header = Json::object();
-  std::string data;
-  for (const Tensor& tensor : tensors) {
-    header[tensor.name] = {{"dtype", tensor.dtype},
-                           {"shape", tensor.shape},
-                           {"data_offsets", {data.size(), data.size() + tensor.bytes.size()}}};
-    data += tensor.bytes;
-  }
-  if (!metadata.is_null()) header["__metadata__"] = metadata;
-  const std::string json = header.dump();
-  std::string file(8, '\0');
-  for (size_t i = 0; i < 4; ++i) file[i] = static_cast<char>(json.size() >> 8 * i);
-  return file + json + data;
-}
-
-std::string npy(const std::string& descr, bool fortran, const std::string& shape, const std::string& bytes) {
-  std::string header =
-      "{'descr': '" + descr + "', 'fortran_order': " + (fortran ? "True" : "False") + ", 'shape': " + shape + ", }\n";
-  const auto size = static_cast<char>(header.size());
-  return std::string("\x93NUMPY\x01\0", 8) + size + '\0' + header + bytes;
-}
-
-// Values that halves and bfloats hold, from -2 to 2.
-std::vector<float> some_values(size_t n, unsigned seed) {
-  std::vector<float> values(n);
-  for (float& value : values) {
-    seed = seed * 1664525u + 1013904223u;
-    value = static_cast<float>(static_cast<int>(seed >> 20) % 129 - 64) / 32;
-  }
-  return values;
-}
-
-std::string encoded(const std::string& dtype, const std::vector<float>& values) {
-  std::string bytes;
-  for (const float value : values) {
-    uint32_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    if (dtype == "F64") bytes += bytes_of<double>({double{value}});
-    if (dtype == "F32") bytes += bytes_of<float>({value});
-    if (dtype == "F16") bytes += bytes_of<uint16_t>({morun::simd::narrow_bits(value)});
-    if (dtype == "BF16") bytes += bytes_of<uint16_t>({static_cast<uint16_t>(bits >> 16)});
-  }
-  return bytes;
-}
-
-class Packer {
- public:
-  explicit Packer(const std::function<void(morun_weights_pack_options&)>& change = {}) {
-    morun_weights_pack_options options;
-    morun_weights_pack_options_init(&options);
-    if (change) change(options);
-    EXPECT_EQ(morun_weights_packer_create(&options, &handle), 0) << morun_weights_error_text();
-  }
-  ~Packer() { morun_weights_packer_free(handle); }
-  Packer(const Packer&) = delete;
-  Packer& operator=(const Packer&) = delete;
-
-  Packer& source(const std::string& path) {
-    EXPECT_EQ(morun_weights_packer_add_source(handle, path.c_str()), 0) << morun_weights_error_text();
-    return *this;
-  }
-  Packer& rule(const char* pattern, int32_t form) {
-    EXPECT_EQ(morun_weights_packer_add_rule(handle, pattern, form), 0) << morun_weights_error_text();
-    return *this;
-  }
-  int32_t run(const std::string& path) { return morun_weights_packer_run(handle, path.c_str()); }
-  std::vector<morun_weights_decision> decisions() const {
-    uint64_t count = 0;
-    EXPECT_EQ(morun_weights_packer_count(handle, &count), 0);
-    std::vector<morun_weights_decision> all(count);
-    for (uint64_t i = 0; i < count; ++i) EXPECT_EQ(morun_weights_packer_decision(handle, i, &all[i]), 0);
-    return all;
-  }
-
-  morun_weights_packer* handle = nullptr;
-};
-
-class WeightsPack : public testing::Test {
- protected:
-  WeightsPack() : folder_(fs::path(testing::TempDir()) / ("weights_pack_test." + std::to_string(getpid()))) {
-    fs::create_directories(folder_);
-  }
-  ~WeightsPack() override { fs::remove_all(folder_); }
-
-  std::string path(const std::string& name) const { return folder_ / name; }
-  std::string write(const std::string& name, const std::string& bytes) const {
-    fs::create_directories(fs::path(path(name)).parent_path());
-    std::ofstream(path(name), std::ios::binary) << bytes;
-    return path(name);
-  }
-  std::string read(const std::string& name) const {
-    std::ifstream stream(path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
-  std::set<std::string> names() const {
-    std::set<std::string> all;
-    for (const auto& entry : fs::recursive_directory_iterator(folder_)) all.insert(entry.path());
-    return all;
-  }
-
-  const fs::path folder_;
-};
+class WeightsPack : public test::WeightFiles {};
 
 // ---- The file ------------------------------------------------------------------------------------------------------
-
-struct PackedFile {
-  explicit PackedFile(const std::string& file) : bytes(file) {
-    uint64_t size = 0;
-    std::memcpy(&size, file.data(), sizeof size);
-    data = 8 + size;
-    header = Json::parse(file.substr(8, size));
-    metadata = header["__metadata__"];
-    header.erase("__metadata__");
-  }
-  std::string tensor(const std::string& name) const {
-    const uint64_t begin = header.at(name)["data_offsets"][0], end = header.at(name)["data_offsets"][1];
-    return bytes.substr(data + begin, end - begin);
-  }
-  Json record(const std::string& name) const {
-    return Json::parse(metadata.at("morun.tensor." + name).get<std::string>());
-  }
-  test::PackedMatrix matrix(const std::string& name) const {
-    const std::string content = tensor(name);
-    const std::string form = record(name)["form"];
-    test::PackedMatrix packed = {form == "f16"    ? MORUN_WEIGHTS_F16
-                                 : form == "a8w8" ? MORUN_WEIGHTS_A8W8
-                                                  : MORUN_WEIGHTS_A8W4,
-                                 {},
-                                 {content.begin(), content.end()}};
-    EXPECT_EQ(morun_weights_layout_of(packed.form, record(name)["n_inner"], record(name)["n_col"], &packed.layout), 0);
-    return packed;
-  }
-
-  std::string bytes;
-  uint64_t data;
-  Json header, metadata;
-};
-
-TEST_F(WeightsPack, ACheckpointOfTwoShardsBecomesOneFileByTheDefinition) {
-  const std::vector<float> q = some_values(70 * 45, 1), k = some_values(33 * 45, 2), up = some_values(40 * 64, 3),
-                           head = some_values(5 * 3, 4), norm = some_values(45, 5);
-  write("model/a.safetensors", safetensors({{"odd", "U8", {3}, "abc"},
-                                            {"q.weight", "BF16", {70, 45}, encoded("BF16", q)},
-                                            {"k.weight", "F32", {33, 45}, encoded("F32", k)},
-                                            {"norm.weight", "F32", {45}, encoded("F32", norm)},
-                                            {"unlisted.weight", "F32", {1, 1}, "1234"}},
-                                           {{"format", "pt"}, {"morun.tensor.ghost", "{}"}}));
-  write("model/b.safetensors", safetensors({{"up.weight", "F16", {40, 64}, encoded("F16", up)},
-                                            {"lm_head.weight", "F64", {5, 3}, encoded("F64", head)},
-                                            {"steps", "I64", {2}, std::string(16, '\7')},
-                                            {"embed.weight", "F16", {2, 2}, "12345678"},
-                                            {"nothing.weight", "F32", {0, 4}, ""}}));
-  Json map;
-  for (const char* const name : {"odd", "q.weight", "k.weight", "norm.weight"}) map[name] = "a.safetensors";
-  for (const char* const name : {"up.weight", "lm_head.weight", "steps", "embed.weight", "nothing.weight"})
-    map[name] = "b.safetensors";
-  write("model/model.safetensors.index.json", Json{{"metadata", {{"deep", {{1, {2}}}}}}, {"weight_map", map}}.dump());
-
-  std::string first;
-  for (const uint32_t n_job : {1u, 3u}) {
-    for (const char* const source : {"model", "model/model.safetensors.index.json"}) {
-      Packer packer([&](auto& o) { o.n_job = n_job; });
-      packer.source(path(source)).rule("*.weight", MORUN_WEIGHTS_A8W4).rule("[kq].weight", MORUN_WEIGHTS_A8W8);
-      packer.rule("lm_*", MORUN_WEIGHTS_F16).rule("embed*", MORUN_WEIGHTS_CARRIED);
-      ASSERT_EQ(packer.run(path("packed")), 0) << morun_weights_error_text();
-      if (first.empty()) first = read("packed");
-      EXPECT_TRUE(first == read("packed")) << n_job << " jobs, " << source;
-      EXPECT_EQ(packer.run(path("packed")), MORUN_WEIGHTS_BAD_ARGUMENT);
-    }
-  }
-  const PackedFile file(first);
-  EXPECT_EQ(file.data % 4096, 0u);
-  EXPECT_EQ(file.bytes[8], '{');
-  EXPECT_EQ(file.metadata["morun.format"], "1");
-  EXPECT_EQ(file.metadata["format"], "pt");
-  EXPECT_EQ(file.metadata.size(), 2 + file.header.size()) << "no record of a tensor that is not there";
-
-  struct Expected {
-    const char* name;
-    const char* form;
-    const char* dtype;  // of the source
-    const std::vector<float>* values;
-    uint64_t n_col, n_inner;
-    std::string bytes;  // carried
-  };
-  const Expected expected[] = {{"q.weight", "a8w8", "BF16", &q, 70, 45, ""},
-                               {"k.weight", "a8w8", "F32", &k, 33, 45, ""},
-                               {"up.weight", "a8w4", "F16", &up, 40, 64, ""},
-                               {"lm_head.weight", "f16", "F64", &head, 5, 3, ""},
-                               {"odd", "carried", "U8", nullptr, 0, 0, "abc"},
-                               {"norm.weight", "carried", "F32", nullptr, 0, 0, encoded("F32", norm)},
-                               {"steps", "carried", "I64", nullptr, 0, 0, std::string(16, '\7')},
-                               {"embed.weight", "carried", "F16", nullptr, 0, 0, "12345678"},
-                               {"nothing.weight", "carried", "F32", nullptr, 0, 0, ""}};
-  ASSERT_EQ(file.header.size(), std::size(expected));
-  uint64_t covered = 0;
-  for (const Expected& e : expected) {
-    SCOPED_TRACE(e.name);
-    const Json record = file.record(e.name);
-    const std::string bytes = file.tensor(e.name);
-    EXPECT_EQ(file.header[e.name]["data_offsets"][0], covered);
-    covered += bytes.size();
-    EXPECT_EQ(record["form"], e.form);
-    EXPECT_EQ(record["source"], e.name);
-    EXPECT_EQ(record["source_dtype"], e.dtype);
-    char checksum[32];
-    std::snprintf(checksum, sizeof checksum, "xxh3:%016jx",
-                  static_cast<uintmax_t>(XXH3_64bits(bytes.data(), bytes.size())));
-    EXPECT_EQ(record["checksum"], checksum);
-    if (e.values == nullptr) {
-      EXPECT_EQ(bytes, e.bytes);
-      EXPECT_EQ(file.header[e.name]["dtype"], e.dtype);
-      continue;
-    }
-    EXPECT_EQ(file.header[e.name]["dtype"], "U8");
-    EXPECT_EQ(file.header[e.name]["shape"], Json({bytes.size()}));
-    EXPECT_EQ(record["n_inner"], e.n_inner);
-    EXPECT_EQ(record["n_col"], e.n_col);
-    const test::PackedMatrix matrix = file.matrix(e.name);
-    ASSERT_EQ(bytes.size(), matrix.layout.n_byte);
-    if (matrix.form != MORUN_WEIGHTS_F16) {
-      EXPECT_EQ(record["quantiser"], "minmax");
-      EXPECT_EQ(record["zero_points"], matrix.layout.zero_points);
-      EXPECT_EQ(record["scales"], matrix.layout.scales);
-      EXPECT_EQ(record["sums"], matrix.layout.sums);
-    }
-    double error = 0, all = 0;
-    for (uint64_t c = 0; c < e.n_col; ++c) {
-      const double half_step = matrix.form == MORUN_WEIGHTS_F16 ? 0 : 0.501 * matrix.scale(c);
-      for (uint64_t i = 0; i < e.n_inner; ++i) {
-        const double value = (*e.values)[c * e.n_inner + i];
-        ASSERT_NEAR(matrix.value(i, c), value, half_step) << i << ", " << c;
-        error += std::pow(matrix.value(i, c) - value, 2);
-        all += value * value;
-      }
-    }
-    EXPECT_NEAR(record["error"], std::sqrt(error / all), 1e-9);
-  }
-  EXPECT_EQ(file.data + covered, file.bytes.size());
-}
 
 TEST_F(WeightsPack, NpyMatricesAndUntransposedOnesAreInnerByColumns) {
   const std::vector<float> w = some_values(70 * 45, 6);  // 70 x 45, row-major

@@ -42,8 +42,8 @@ void InputFile::read(uint64_t offset, uint64_t n_byte, void* bytes) const {
     if (n_read < 0 && errno == EINTR) continue;
     if (n_read < 0) throw Error(MORUN_WEIGHTS_READ, "%s: %s", path_.c_str(), strerror(errno));
     if (n_read == 0)
-      throw Error(MORUN_WEIGHTS_SHRUNK, "%s: ends at byte %ju, and %ju bytes more are to be read", path_.c_str(),
-                  uintmax_t{offset}, uintmax_t{n_byte});
+      throw Error(MORUN_WEIGHTS_SHRUNK, "%s: has become shorter and ends before byte %ju", path_.c_str(),
+                  uintmax_t{offset} + n_byte);
     to += n_read;
     offset += static_cast<uint64_t>(n_read);
     n_byte -= static_cast<uint64_t>(n_read);

@@ -159,7 +159,8 @@ int32_t morun_weights_load(const morun_weights_file* file, tavik_context* contex
   });
   if (status == MORUN_WEIGHTS_SUCCESS || buffers.free_all()) return status;
   char text[1024];
-  snprintf(text, sizeof text, "%u buffers stay in the context, because the DSP refuses to free them (%s), after: %s",
+  snprintf(text, sizeof text,
+           "%u of the buffers stay in the context, because the DSP refuses to free them (%s), after: %s",
            buffers.count(), tavik_error_get_last()->message, morun_weights_error_text());
   return weights::record_failure(status, text);
 }
@@ -177,7 +178,7 @@ int32_t morun_weights_release(morun_weights_loaded* loaded) {
   return weights::guarded([&] {
     if (loaded == nullptr) return;
     if (!loaded->buffers.free_all())
-      throw weights::Error(MORUN_WEIGHTS_BUFFER, "%u buffers cannot be freed: %s", loaded->buffers.count(),
+      throw weights::Error(MORUN_WEIGHTS_BUFFER, "%u of the buffers cannot be freed: %s", loaded->buffers.count(),
                            tavik_error_get_last()->message);
     delete loaded;
   });

@@ -163,8 +163,8 @@ uint64_t sufficient_largest_buffer(const std::vector<Unit>& units, uint64_t too_
   const std::string advice = sufficient != 0 ? "a largest buffer of " + std::to_string(sufficient) + " bytes would do"
                                              : std::string("no largest buffer would do");
   throw Error(MORUN_WEIGHTS_TOO_MANY_BUFFERS,
-              "%s: the tensors take %zu buffers of at most %ju bytes, and %u are free; %s", path.c_str(), n_buffer,
-              uintmax_t{largest_buffer}, n_free, advice.c_str());
+              "%s: of buffers of at most %ju bytes the tensors take %zu, and %u are free; %s", path.c_str(),
+              uintmax_t{largest_buffer}, n_buffer, n_free, advice.c_str());
 }
 
 }  // namespace
