@@ -309,6 +309,12 @@ TEST_F(MorunHpp, MovesAndReleasesKeepOneOwnerAndLeaveNothing) {
     EXPECT_EQ(others.n_inner() + others.n_col(), 0u);
     EXPECT_EQ(others.operand().fd, -1);
 
+    others = std::move(weights);
+    const auto taken = std::move(others);
+    EXPECT_EQ(others.n_inner() + others.n_col(), 0u);
+    expect_said(said(others.release()), "layer 1 this weight matrix was moved from, released or closed");
+    weights = random_weights<a8w8>(*context, 70, 30);
+
     expect_said(said(context->close()), "layer 6 buffers or weights of the context are still there");
     buffer.reset();
     expect_said(said(context->close()), "layer 6 buffers or weights of the context are still there");
@@ -416,7 +422,6 @@ TEST_F(MorunHpp, ExceptionsAreOptIn) {
 }
 
 TEST_F(MorunHpp, AnUncheckedFailureEndsTheProgramWithItsText) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   const morun::Result<int> failure(morun::Error{Origin::layer, 1, "the text of the failure"}), success(5);
   EXPECT_EQ(*success, 5);
   EXPECT_DEATH((void)*failure, "morun: the text of the failure");
