@@ -310,7 +310,7 @@ TEST_F(MorunHpp, MovesAndReleasesKeepOneOwnerAndLeaveNothing) {
     EXPECT_EQ(others.operand().fd, -1);
 
     others = std::move(weights);
-    const auto taken = std::move(others);
+    (void)morun::Weights(std::move(others));
     EXPECT_EQ(others.n_inner() + others.n_col(), 0u);
     expect_said(said(others.release()), "layer 1 this weight matrix was moved from, released or closed");
     weights = random_weights<a8w8>(*context, 70, 30);
