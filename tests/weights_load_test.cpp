@@ -358,12 +358,12 @@ uint32_t multiply_pair(tavik_context* context, const morun_weights_operand& u, c
 
 TEST_F(WeightsLoad, ProductsOfLoadedMatricesAreThoseOfWhatWasPacked) {
   open(
-      "k a8w8 70 45  out f16 70 45  gate a8w4 70 90  up a8w4 70 90  q a8w8 70 64  down f16 33 64  head a8w4 70 31 "
+      "k a8w8 70 45  out f16 70 45  gate a8w4 70 90  up a8w4 70 91  q a8w8 70 64  down f16 33 64  head a8w4 70 31 "
       "big a8w8 96 256");
   // The last one has to be in session 0, which has not room for everything.
   const char* const requested = "big out q/3 gate/1 k/3 up/1 down head";
   const Requests all = requests(requested);
-  const int32_t n_inner[] = {96, 70, 70, 70, 70, 70, 33, 70}, n_col[] = {256, 45, 64, 90, 45, 90, 64, 31};
+  const int32_t n_inner[] = {96, 70, 70, 70, 70, 70, 33, 70}, n_col[] = {256, 45, 64, 90, 45, 91, 64, 31};
   constexpr size_t q = 2, gate = 3, k = 4, up = 5, head = 7;
   std::vector<test::PackedMatrix> W;
   for (const auto& r : all) W.push_back(matrix(r));
