@@ -536,9 +536,9 @@ typedef struct morun_weights_operand {
 } morun_weights_operand;
 
 /* Plans with the buffers that the context has left, makes the buffers and reads the tensors straight into them; takes
- * less than 1 MiB of host memory beside (above 2000 requests, 512 bytes for each). On success stores weights to be released before the context is cleaned up.
- * The file may be closed afterwards. `options` may be NULL for the defaults. Sessions that were opened for the buffers
- * stay open, after a failure too.
+ * less than 1 MiB of host memory beside (above 2000 requests, 512 bytes for each). On success stores weights to be
+ * released before the context is cleaned up. The file may be closed afterwards. `options` may be NULL for the
+ * defaults. Sessions that were opened for the buffers stay open, after a failure too.
  *
  *   NULL_ARGUMENT   file, context, loaded; or requests where n_request is not 0
  *   those of morun_weights_plan_places
