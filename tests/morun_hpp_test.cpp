@@ -642,7 +642,7 @@ TEST_F(PackedFile, LoadingFailsWithStatusAndTextAndLeavesNothing) {
   expect_said(said_by(unknown), "weights 60 *");
   expect_said(said_by(twice), "weights 90 *");
   expect_said(said_by(carried), "weights 61 *");
-  expect_said(said_by(group, {.largest_buffer = 10240}), "weights 91 *");
+  expect_said(said_by(group, {.largest_buffer = 16384}), "weights 91 *");
   expect_said(said_by(known, {.largest_buffer = 100}), "weights 2 *");
   fail_once(PARLO_EMULATOR_MEM_TO_FD);
   expect_said(said_by(known), "weights 93 *");
