@@ -51,7 +51,7 @@ void add_arguments(CLI::App& app, Arguments& arguments) {
 
 std::vector<bench::Row> all_rows() {
   std::vector<bench::Row> rows;
-  for (const auto& group : {bench::conversion_rows(), bench::product_rows()})
+  for (const auto& group : {bench::conversion_rows(), bench::product_rows(), bench::weight_rows()})
     rows.insert(rows.end(), group.begin(), group.end());
   return rows;
 }

@@ -41,6 +41,7 @@ struct CallRow {
 
 std::vector<Row> conversion_rows();
 std::vector<Row> product_rows();
+std::vector<Row> weight_rows();
 std::vector<CallRow> call_rows();
 
 }  // namespace bench

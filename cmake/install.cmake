@@ -1,6 +1,7 @@
 # What `cmake --install` puts where, by components:
 #   library       libmorun.so.N
-#   development   public headers, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
+#   development   public headers but those for weight files, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
+#   weights       the companion for weight files: libmorun_weights.so, its headers, target and morun_weights.pc
 #   tool          the tool
 #   emulator      the emulated platform: its libparlo.so, control header, target and parlo_emulator.pc
 # The licence goes with each of them. No installed file names the prefix, so the installed tree may be moved.
@@ -17,9 +18,10 @@ install(TARGETS morun EXPORT morun
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT library NAMELINK_COMPONENT development
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h"
+  PATTERN "*.hpp" PATTERN "morun_weights.*" EXCLUDE)
 install(FILES platform/parlo.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
-foreach(component IN ITEMS library development tool emulator)
+foreach(component IN ITEMS library development weights tool emulator)
   install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/morun" COMPONENT ${component})
 endforeach()
 install(EXPORT morun NAMESPACE morun:: FILE morunTargets.cmake DESTINATION "${package_dir}" COMPONENT development)
@@ -49,6 +51,23 @@ else()
   set(link_line "-lmorun -Wl,--allow-shlib-undefined")
 endif()
 install_pkg_config_file(morun.pc development)
+
+if(MORUN_WEIGHTS)
+  set_target_properties(morun_weights PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS morun_weights EXPORT morun_weights
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
+    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+  install(FILES include/morun_weights.h include/morun_weights.hpp DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
+  install(EXPORT morun_weights NAMESPACE morun:: FILE morun_weightsTargets.cmake DESTINATION "${package_dir}"
+    COMPONENT weights)
+  # A program with the static library is linked with the C++ runtime, whatever it is written in.
+  set(private_libraries "")
+  if(type STREQUAL "STATIC_LIBRARY")
+    set(private_libraries "-lstdc++ -pthread")
+  endif()
+  install_pkg_config_file(morun_weights.pc weights)
+endif()
 
 if(MORUN_PARLO STREQUAL "emulator")
   set_target_properties(morun PROPERTIES INSTALL_RPATH "$ORIGIN/parlo_emulator")

@@ -2,7 +2,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(cmake ninja-build g++ libcli11-dev libfmt-dev nlohmann-json3-dev)
+build_packages=(cmake ninja-build g++ libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev libeigen3-dev)
 test_packages=(g++-aarch64-linux-gnu qemu-user-static libgtest-dev clang-format pkg-config)
 fuzz_packages=(clang libclang-rt-14-dev)
 # The CMake file of libdnnl-dev needs the two OpenCL packages.

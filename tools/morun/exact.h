@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "tools/morun/files/matrix.h"
-#include "tools/morun/files/npy.h"
+#include "tools/morun/files/packed_file.h"
 
 namespace tool {
 
@@ -26,7 +26,7 @@ struct Deviation {
 
 // Compares y with x * w. Reads w in blocks of columns and uses all processors. The calling thread calls `on_piece` now
 // and then with the number of finished pieces of y.
-Deviation deviation_from_exact(const Matrix& x, const NpyFile& w, const Matrix& y,
+Deviation deviation_from_exact(const Matrix& x, const WeightFile& w, const Matrix& y,
                                const std::function<void(size_t n_done, size_t n)>& on_piece);
 
 }  // namespace tool

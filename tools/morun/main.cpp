@@ -10,6 +10,7 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -80,7 +81,9 @@ void add_mm(CLI::App& app) {
   auto arguments = std::make_shared<tool::MmArguments>();
   auto weights = std::make_shared<WeightOptions>();
   command->add_option("X", arguments->x, "n_row x n_inner activation, .npy")->required();
-  auto* const single = command->add_option("W", weights->single, "n_inner x n_col weights, .npy")->expected(1);
+  auto* const single =
+      command->add_option("W", weights->single, "n_inner x n_col weights, .npy or PACKED.safetensors:TENSOR")
+          ->expected(1);
   auto* const pair = command->add_option("--pair", weights->pair, "two weights instead, of equally many columns");
   pair->type_name("U F")->expected(2)->excludes(single);
   auto* const qkv =
@@ -90,11 +93,13 @@ void add_mm(CLI::App& app) {
       ->required()
       ->type_name("Y...")
       ->expected(1, 3);
-  auto kind = std::make_shared<std::string>("f16");
-  command->add_option("--weights", *kind, "what the NPU takes weights as")
-      ->check(CLI::IsMember({"f16", "a8w8", "a8w4"}))
-      ->capture_default_str();
-  command->add_flag("--check", arguments->check, "compare with a product in double precision on the host");
+  auto kind = std::make_shared<std::string>();
+  command->add_option("--weights", *kind, "what the NPU takes weights as; default f16, or as they are packed")
+      ->check(CLI::IsMember({"f16", "a8w8", "a8w4"}));
+  auto* const check =
+      command->add_flag("--check", arguments->check, "compare with a product in double precision on the host");
+  command->add_option("--max-error", arguments->max_error, "fail where a result's relative Frobenius error is larger")
+      ->needs(check);
   command->add_option("--repeat", arguments->n_repeat, "compute the product this often; times are best and mean")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
@@ -102,6 +107,10 @@ void add_mm(CLI::App& app) {
   morun mm X.npy W.npy -o Y.npy
   morun mm X.npy --pair U.npy F.npy -o YU.npy YF.npy
   morun mm X.npy --qkv Q.npy K.npy V.npy -o YQ.npy YK.npy YV.npy --weights a8w8 --check
+  morun mm X.npy packed.safetensors:model.layers.0.mlp.up_proj.weight -o Y.npy
+
+Weights of packed files (morun pack) are multiplied as they are packed, and --check compares with the values that they
+stand for.
 
 -o stands behind the matrices. "-" is standard output, and the report then goes to standard error. The matrices hold
 f16, f32 or f64 values and have any shape. f64 values are rounded to f32. An array of rank 1 is a matrix of one row.
@@ -120,7 +129,7 @@ exact value is infinite or NaN are counted and left out. An infinite or NaN resu
 infinitely.)");
   command->callback([arguments, weights, kind] {
     using enum tool::WeightKind;
-    arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
+    if (!kind->empty()) arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
     arguments->w = weights->given();
     if (arguments->w.empty()) throw CLI::ValidationError("mm", "one of W, --pair and --qkv is required");
     if (arguments->w.size() != arguments->y.size()) {
@@ -129,6 +138,83 @@ infinitely.)");
     }
     tool::mm(*arguments);
   });
+}
+
+// Rules keep their order: the last that matches decides.
+void add_rule_option(CLI::App& command, const char* name, const char* what,
+                     const std::function<void(std::string)>& add) {
+  command.add_option_function<std::string>(name, add, what)->trigger_on_parse()->expected(1)->allow_extra_args(false);
+}
+
+void add_pack(CLI::App& app) {
+  auto* const command = app.add_subcommand("pack", "Pack the weights of a checkpoint into one file that the NPU reads");
+  auto arguments = std::make_shared<tool::PackArguments>();
+  command
+      ->add_option("SOURCE", arguments->sources, "NAME.safetensors, NAME.safetensors.index.json, a directory, or .npy")
+      ->required();
+  auto* const output = command->add_option("-o,--output", arguments->output, "file to write")->type_name("FILE");
+  command->add_option("--weights", arguments->form, "the form of what is packed")
+      ->check(CLI::IsMember({"f16", "a8w8", "a8w4"}))
+      ->capture_default_str();
+  add_rule_option(*command, "--form", "PATTERN=FORM: another form, or carried, for tensors of such names; repeatable",
+                  [arguments](const std::string& rule) {
+                    const size_t at = rule.rfind('=');
+                    if (at == std::string::npos) throw CLI::ValidationError("--form", rule + " is not PATTERN=FORM");
+                    arguments->rules.emplace_back(rule.substr(0, at), rule.substr(at + 1));
+                  });
+  add_rule_option(*command, "--skip", "PATTERN: tensors of such names are carried over as they are; repeatable",
+                  [arguments](const std::string& pattern) { arguments->rules.emplace_back(pattern, "carried"); });
+  command->add_option("--quantiser", arguments->quantiser, "how scales and zero points are chosen")
+      ->check(CLI::IsMember({"minmax", "mse", "calibrated", "library"}))
+      ->capture_default_str();
+  command
+      ->add_option("--activations", arguments->activations,
+                   "a directory of TENSOR.npy, or one .npy file for one matrix")
+      ->type_name("PATH");
+  command->add_option("--damping", arguments->damping, "of calibrated, in mean diagonals of the covariance")
+      ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  command->add_option("--report", arguments->report, "also write errors and odd values as JSON")->type_name("FILE");
+  command->add_option("--jobs", arguments->n_job, "threads; the bytes are the same for any number")
+      ->check(CLI::Range(1, 256))
+      ->capture_default_str();
+  command->add_flag("--no-transpose", arguments->no_transpose, "matrices of safetensors files are n_inner x n_col");
+  command->add_flag("--allow-nonfinite", arguments->allow_non_finite, "take NaN and infinities among the weights");
+  auto* const dry_run =
+      command->add_flag("--dry-run", arguments->dry_run, "print what would become of each tensor, and write nothing");
+  command->footer(R"(
+  morun pack model.safetensors.index.json -o packed.safetensors --weights a8w8 --form '*.lm_head.weight=f16'
+  morun pack W.npy -o packed.safetensors --weights a8w4 --quantiser calibrated --activations X.npy
+
+Packed are 2-dimensional tensors of F64, F32, F16 or BF16 whose names end in "weight" and contain neither "embed" nor
+"norm", and .npy matrices of any name; all others are carried over as they are. --form and --skip take shell patterns;
+the last that matches a name decides. Matrices of safetensors files are n_col x n_inner, as PyTorch has those of linear
+layers, and are transposed; .npy matrices are n_inner x n_col.
+
+docs/weight-files.md describes the file and the quantisers.)");
+  command->callback([arguments, output, dry_run] {
+    if (output->count() == 0 && dry_run->count() == 0) throw CLI::RequiredError("--output");
+    tool::pack(*arguments);
+  });
+}
+
+void add_inspect(CLI::App& app) {
+  auto* const command = app.add_subcommand("inspect", "List the tensors of a packed file");
+  auto arguments = std::make_shared<tool::InspectArguments>();
+  command->add_option("FILE", arguments->file, "packed file")->required();
+  command->add_flag("--json", arguments->as_json, "print one JSON document");
+  command->add_flag("--verify", arguments->verify, "read every tensor and compare it with its checksum");
+  command->callback([arguments] { tool::inspect(*arguments); });
+}
+
+void add_unpack(CLI::App& app) {
+  auto* const command = app.add_subcommand("unpack", "Write the real values that a packed matrix stands for");
+  auto arguments = std::make_shared<tool::UnpackArguments>();
+  command->add_option("FILE", arguments->file, "packed file")->required();
+  command->add_option("TENSOR", arguments->tensor, "a packed matrix in it")->required();
+  command->add_option("-o,--output", arguments->output, "n_inner x n_col matrix of f32, .npy; - is standard output")
+      ->required();
+  command->callback([arguments] { tool::unpack(*arguments); });
 }
 
 void add_verify(CLI::App& app) {
@@ -258,6 +344,9 @@ int main(int n_argument, char** arguments) {
   add_info(app);
   add_hello(app);
   add_mm(app);
+  add_pack(app);
+  add_inspect(app);
+  add_unpack(app);
   add_verify(app);
   add_bench(app);
   add_make(app);

@@ -181,6 +181,15 @@ void write_quantised(WeightKind kind, const Transfer& w) {
   }
 }
 
+// A packed matrix takes no more than the arrays that are planned for it, and has them at places of its own.
+void read_packed(const WeightFile& file, std::byte* base, WeightArrays& arrays) {
+  file.read_packed(base + arrays.values);
+  const morun_weights_layout& layout = file.tensor().layout;
+  arrays.zero_points = arrays.values + layout.zero_points;
+  arrays.scales = arrays.values + layout.scales;
+  arrays.sums = arrays.values + layout.sums;
+}
+
 }  // namespace
 
 ProductPlan plan_product(WeightKind kind, const ProductShape& shape) {
@@ -208,14 +217,18 @@ ProductPlan plan_product(WeightKind kind, const ProductShape& shape) {
   return plan;
 }
 
-Weights::Weights(tavik_context* context, const ProductPlan& plan, const std::vector<NpyFile>& files,
+Weights::Weights(tavik_context* context, const ProductPlan& plan, const std::vector<WeightFile>& files,
                  const WeightObserver& observe)
     : buffer_(context, plan.weight_bytes), arrays_(plan.weights) {
   for (size_t i = 0; i < arrays_.size(); ++i) {
     arrays_[i].fd = buffer_.fd();
+    if (files[i].is_packed()) {
+      read_packed(files[i], static_cast<std::byte*>(buffer_.data()), arrays_[i]);
+      continue;
+    }
     const std::function observe_this = [&](const std::vector<float>& values) { observe(i, values); };
-    const Transfer transfer = {files[i],   observe_this, static_cast<std::byte*>(buffer_.data()),
-                               arrays_[i], plan.n_inner, plan.n_col[i]};
+    const Transfer transfer = {files[i].npy(), observe_this, static_cast<std::byte*>(buffer_.data()),
+                               arrays_[i],     plan.n_inner, plan.n_col[i]};
     if (plan.kernel->weights == WeightKind::f16) {
       write_f16(transfer);
     } else {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tools/morun/files/matrix.h"
-#include "tools/morun/files/npy.h"
+#include "tools/morun/files/packed_file.h"
 #include "tools/morun/kernels.h"
 #include "tools/morun/library.h"
 
@@ -40,12 +40,12 @@ ProductPlan plan_product(WeightKind kind, const ProductShape& shape);
 // Called while weights are read, with values of matrix i; they include the zeros that pad the matrix.
 using WeightObserver = std::function<void(size_t i, const std::vector<float>& values)>;
 
-// All weights of a product, in the layout of the matrix unit, in one shared buffer and therefore in one session.
-// Quantised weights are quantised column by column. The constructor takes that buffer and some megabytes, whatever the
-// size of the weights.
+// All weights of a product, in the layout of the matrix unit, in one shared buffer and therefore in one session. Packed
+// weights are read straight into the buffer. Other weights are quantised column by column when the product takes quantised
+// ones. The constructor takes that buffer and some megabytes, whatever the size of the weights.
 class Weights {
  public:
-  Weights(tavik_context* context, const ProductPlan& plan, const std::vector<NpyFile>& files,
+  Weights(tavik_context* context, const ProductPlan& plan, const std::vector<WeightFile>& files,
           const WeightObserver& observe);
 
   const WeightArrays& operator[](size_t index) const { return arrays_[index]; }

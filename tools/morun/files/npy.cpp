@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "tools/morun/error.h"
-#include "tools/morun/files/npy_header.h"
+#include "weights/npy_header.h"
 
 namespace tool {
 namespace {
@@ -68,32 +68,6 @@ void read_bytes(const Descriptor& descriptor, size_t offset, void* to, size_t n_
   }
 }
 
-struct LocatedHeader {
-  NpyHeader header;
-  size_t end;  // where the values start
-};
-
-LocatedHeader read_located_header(const Descriptor& descriptor) {
-  constexpr std::string_view magic = "\x93NUMPY";
-  constexpr size_t n_before_length = 8, longest = 65536;
-  std::array<char, n_before_length> start;
-  read_bytes(descriptor, 0, start.data(), start.size());
-  if (std::string_view(start.data(), magic.size()) != magic) throw Error("the file does not start as one");
-  const unsigned major = static_cast<unsigned char>(start[6]);
-  if (major < 1 || major > 3) throw Error("its format version {} is not 1, 2 or 3", major);
-
-  std::array<unsigned char, 4> length_bytes = {};
-  const size_t n_length_byte = major == 1 ? 2 : 4;
-  read_bytes(descriptor, n_before_length, length_bytes.data(), n_length_byte);
-  size_t length = 0;
-  for (size_t i = 0; i < n_length_byte; ++i) length |= size_t{length_bytes[i]} << (8 * i);
-  if (length > longest) throw Error("its header has {} bytes, more than {}", length, longest);
-
-  std::string text(length, ' ');
-  read_bytes(descriptor, n_before_length + n_length_byte, text.data(), length);
-  return {parse_npy_header(text), n_before_length + n_length_byte + length};
-}
-
 void reverse_each(std::byte* values, size_t n_value, size_t value_size) {
   for (size_t i = 0; i < n_value; ++i) std::reverse(values + i * value_size, values + (i + 1) * value_size);
 }
@@ -129,13 +103,14 @@ NpyFile::NpyFile(const std::filesystem::path& path) : path_(path), descriptor_(o
 
 void NpyFile::read_header() {
   const size_t n_byte = size_of_regular_file(descriptor_);
-  LocatedHeader located;
+  npy::LocatedHeader located;
   try {
-    located = read_located_header(descriptor_);
-  } catch (const Error& error) {
+    located = npy::read_header(
+        [&](uint64_t offset, size_t n, void* bytes) { read_bytes(descriptor_, offset, bytes, n); });
+  } catch (const std::runtime_error& error) {
     throw Error("not a .npy file that can be read ({})", error.what());
   }
-  const NpyHeader& header = located.header;
+  const npy::Header& header = located.header;
   const std::optional<NpyType> type = type_named(header.type);
   if (!type) throw Error("values are of type {}, which is none of f16 (f2), f32 (f4) and f64 (f8)", header.type);
   const size_t rank = header.shape.size();
@@ -202,7 +177,7 @@ void NpyFile::read_values(size_t first, size_t n_value, float* to) const {
 // ---- Writing -------------------------------------------------------------------------------------------------------
 
 void write_npy_header(const ByteSink& sink, size_t n_row, size_t n_col, bool as_f16) {
-  const std::string header = npy_header(as_f16 ? "<f2" : "<f4", n_row, n_col);
+  const std::string header = npy::format_header(as_f16 ? "<f2" : "<f4", n_row, n_col);
   sink(header.data(), header.size());
 }
 
