@@ -15,6 +15,9 @@
 #include "tests/allocation_shim.h"
 #include "tests/products.h"
 #include "tests/upper.h"
+#ifdef MORUN_WITH_WEIGHTS
+#  include "tests/weight_files.h"
+#endif
 
 namespace {
 
@@ -54,6 +57,12 @@ const Exception exceptions[] = {
     {"@(UpperF16F16|Tensor*), *, parlo_@(handle_invoke 2|munmap)", false, false, 1, 0},
     {"@(UpperF16F16|Tensor*), from then on, *", false, false, 3, 1},
     {"@(Hello|UpperU8I8|TensorP6), *", true},
+    // Weights that the DSP keeps stay in the context's table, or with their handle.
+    {"Load, *, parlo_mmap", true},
+    {"Load, host memory, *", true},
+    {"Load, *", false, false, 0, 1},
+    {"Load, from then on, *", false, false, 1, 1},
+    {"Release, *", false, true},
     // Stopping and unmapping leave off where they fail.
     {"@(Cleanup*|UpperFinalize), *", false, true},
     {"Unmap, *", false, true, 0, 0, false, true},
@@ -62,7 +71,7 @@ const Exception exceptions[] = {
     // A lock that fails leaves the upper interface initialised.
     {"UpperInitialize, *, parlo_handle_invoke 7", false, false, 4, 1},
     // Conversions do without the memory that they would have liked, and calls without the record of them.
-    {"*, host memory, *", true, false, 1, 1},
+    {"!(Load), host memory, *", true, false, 1, 1},
     // With a session everything in it is gone.
     {"*, lost, *", false, true, 3, 1, false, true},
     // A session that a caller opened is not mapped yet.
@@ -79,6 +88,10 @@ struct Runtime {
   std::vector<int32_t> fds;
   void* memory = nullptr;  // shared, of no context
   int32_t memory_fd = -1;
+#ifdef MORUN_WITH_WEIGHTS
+  morun_weights_file* file = nullptr;
+  morun_weights_loaded* loaded = nullptr;
+#endif
 };
 using Step = std::function<int64_t(Runtime&)>;
 struct Scenario {
@@ -219,6 +232,40 @@ int32_t* sums() {
   return reinterpret_cast<int32_t*>(A[0]);
 }
 
+#ifdef MORUN_WITH_WEIGHTS
+// The second matrix is too large for what is left of the first session.
+int64_t weights_opened(Runtime& r) {
+  const std::string path = testing::TempDir() + "/fault_sweep_test." + std::to_string(getpid());
+  test::pack(path, "a f16 32 32 b f16 512 128");
+  const int64_t status = all({one_buffer(r), morun_weights_file_open(path.c_str(), &r.file)});
+  unlink(path.c_str());
+  return status;
+}
+int64_t load_weights(Runtime& r) {
+  const morun_weights_request requests[] = {{0, 0, 0}, {1, 0, 0}};
+  const morun_weights_load_options options = {1 << 17, 0, 0};
+  const int32_t status = morun_weights_load(r.file, r.context, 2, requests, &options, &r.loaded);
+  EXPECT_EQ(r.loaded == nullptr, status != 0);
+  return status;
+}
+int64_t weights_loaded(Runtime& r) {
+  return all({weights_opened(r), load_weights(r)});
+}
+int64_t release_weights(Runtime& r) {
+  const int32_t status = morun_weights_release(r.loaded);
+  if (status == 0) r.loaded = nullptr;
+  return status;
+}
+void close_weights(Runtime& r) {
+  morun_weights_file_close(std::exchange(r.file, nullptr));
+}
+#else
+int64_t release_weights(Runtime&) {
+  return 0;
+}
+void close_weights(Runtime&) {}
+#endif
+
 Scenario tensors(const char* name, const test::TensorFormats& formats, bool ends = false) {
   const auto run = [=](Runtime&) -> int64_t {
     const auto matrix = [&](uint64_t n_row, size_t i, void* data) {
@@ -287,6 +334,10 @@ const Scenario scenarios[] = {
     {"UpperU8I4", upper_buffer,
      [](Runtime&) -> int64_t { return morun_npu_mm_u8i4_i32(3, m, n, k, sums(), bytes(), shared<uint8_t>()); }, false,
      true},
+#ifdef MORUN_WITH_WEIGHTS
+    {"Load", weights_opened, load_weights, false},
+    {"Release", weights_loaded, release_weights, false},
+#endif
     tensors("TensorP1", test::paths::P1),
     tensors("TensorP2", test::paths::P2),
     tensors("TensorP3", test::paths::P3),
@@ -352,6 +403,8 @@ void start_afresh() {
 // Ends by hand what a cleanup cannot.
 void salvage(Runtime& r) {
   for (uint64_t i = 0; i < r.context->n_buffers; ++i) tavik_rpcmem_free(r.context->buffer_pointer[i]);
+  r.context->n_buffers = 0;
+  EXPECT_EQ(release_weights(r), 0);
   for (uint64_t i = 0; i < r.context->n_sessions; ++i) tavik_close(r.context->session_handle[i]);
   tavik_context_free(std::exchange(r.context, nullptr));
 }
@@ -359,8 +412,10 @@ void salvage(Runtime& r) {
 // By the calls that a caller would use; a cleanup that fails may be tried again.
 void release_everything(Runtime& r, bool by_hand) {
   tavik_rpcmem_free(r.memory);
+  close_weights(r);
   if (r.context == nullptr) return;
-  bool released = true;
+  bool released = release_weights(r) == 0;
+  r.fds.assign(r.context->buffer_fd, r.context->buffer_fd + r.context->n_buffers);
   while (released && !r.fds.empty()) released = release(r) == 0;
   released = released && (stop(r) == 0 || stop(r) == 0);
   EXPECT_TRUE(released || by_hand) << last_error();
@@ -438,10 +493,7 @@ class FaultSweep : public testing::TestWithParam<Scenario> {
     }
     if (fired && status != 0) expect_as_before(before, after, allowed);
 
-    if (context != nullptr) {
-      r.context = std::exchange(context, nullptr);
-      r.fds.assign(r.context->buffer_fd, r.context->buffer_fd + r.context->n_buffers);
-    }
+    if (context != nullptr) r.context = std::exchange(context, nullptr);
     release_everything(r, allowed.by_hand);
     if (!allowed.stays) {
       EXPECT_EQ(held(), (Held{0, 0, 0, 0, 0, n_descriptor}));

@@ -7,10 +7,10 @@
 #include "platform/parlo.h"
 #include "source/own.h"
 
-MORUN_DEFINE_OWN(supported_domains)
-MORUN_DEFINE_OWN(is_CDSP)
-MORUN_DEFINE_OWN(get_domain)
-MORUN_DEFINE_OWN(is_unsignedpd_supported)
+MORUN_OWN(supported_domains)
+MORUN_OWN(is_CDSP)
+MORUN_OWN(get_domain)
+MORUN_OWN(is_unsignedpd_supported)
 MORUN_WEAK(get_domains_info)
 MORUN_WEAK(get_dsp_support)
 MORUN_WEAK(get_effective_domain_id)
@@ -49,7 +49,7 @@ Answer query(int domain, uint32_t attribute) {
   return {status, record.capability};
 }
 
-// Whether the platform can be asked at all; says so where it cannot.
+// Tells whether the platform offers capability queries, and prints a line when it does not.
 bool has_interface() {
   if (parlo_handle_control == nullptr) puts(no_interface);
   return parlo_handle_control != nullptr;
@@ -100,20 +100,23 @@ int request_domains(parlo_system_domains* request) {
 
 }  // namespace
 
-const dsp_domain supported_domains[DSP_N_DOMAINS] = {
+const dsp_domain own::supported_domains[DSP_N_DOMAINS] = {
     {DSP_DOMAIN_ADSP, "&_dom=adsp"}, {DSP_DOMAIN_MDSP, "&_dom=mdsp"},   {DSP_DOMAIN_SDSP, "&_dom=sdsp"},
     {DSP_DOMAIN_CDSP, "&_dom=cdsp"}, {DSP_DOMAIN_CDSP1, "&_dom=cdsp1"},
 };
+MORUN_EXPORT_OWN(supported_domains)
 
-bool is_CDSP(int domain_id) {
+bool own::is_CDSP(int domain_id) {
   return domain_id == DSP_DOMAIN_CDSP || domain_id == DSP_DOMAIN_CDSP1;
 }
+MORUN_EXPORT_OWN(is_CDSP)
 
-const dsp_domain* get_domain(int domain_id) {
+const dsp_domain* own::get_domain(int domain_id) {
   for (const dsp_domain& domain : own::supported_domains)
     if (domain.id == domain_id) return &domain;
   return nullptr;
 }
+MORUN_EXPORT_OWN(get_domain)
 
 bool is_valid_domain_id(int domain_id, bool compute_only) {
   return compute_only ? own::is_CDSP(domain_id) : own::get_domain(domain_id) != nullptr;
@@ -150,7 +153,7 @@ int get_domains_info(const char* domain_type, int* n_domains, parlo_domain** dom
     fputs("Unable to allocate memory for req.sys.domains", stdout);  // kept: no line end
     return no_memory;
   }
-  // A platform may tell the count in its first answer alone.
+  // Some platforms store the count only in their answer to the first request.
   request = {PARLO_SYSTEM_DOMAINS, type, capacity, capacity, records};
   status = request_domains(&request);
   if (status != success) {
@@ -180,7 +183,7 @@ int get_dsp_support(int* domain) {
   }
   if (answer.capability == 0) {
     answer = query(DSP_DOMAIN_ADSP, PARLO_ATTRIBUTE_DOMAIN_SUPPORT);
-    // Kept: with neither supported the output stays 3 and the result is success.
+    // Kept: when neither DSP is supported, *domain stays 3 and the function returns success.
     if (answer.capability != 0) *domain = DSP_DOMAIN_ADSP;
   }
   if (answer.status != success)
@@ -203,7 +206,7 @@ int get_vtcm_info(int domain, uint32_t* capability, uint32_t attribute) {
   return query_number(__func__, domain, attribute, capability);
 }
 
-bool is_unsignedpd_supported(int domain) {
+bool own::is_unsignedpd_supported(int domain) {
   if (parlo_handle_control == nullptr) {
     printf("%s. Falling back to signed pd.\n", no_interface);
     return false;
@@ -221,6 +224,7 @@ bool is_unsignedpd_supported(int domain) {
   }
   return answer.capability == 1;
 }
+MORUN_EXPORT_OWN(is_unsignedpd_supported)
 
 bool get_unsignedpd_support() {
   return own::is_unsignedpd_supported(DSP_DOMAIN_CDSP);

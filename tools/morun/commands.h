@@ -1,10 +1,12 @@
-// The sub-commands. Each returns when it has done its work and throws an Error when it could not.
+// The sub-commands. Each returns when its work is done, and throws an Error when it fails.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/morun/kernels.h"
@@ -22,8 +24,9 @@ struct MmArguments {
   std::filesystem::path x;
   std::vector<std::filesystem::path> w;  // one, two or three
   std::vector<std::filesystem::path> y;
-  WeightKind weights = WeightKind::f16;
+  std::optional<WeightKind> weights;  // as packed, or f16
   bool check = false;
+  std::optional<double> max_error;  // of the check
   uint32_t n_repeat = 1;
 };
 void mm(const MmArguments& arguments);
@@ -53,5 +56,35 @@ struct MakeArguments {
   bool f16 = false;
 };
 void make(const MakeArguments& arguments);
+
+struct PackArguments {
+  std::vector<std::filesystem::path> sources;
+  std::filesystem::path output;
+  std::string form = "a8w8";
+  std::vector<std::pair<std::string, std::string>> rules;  // pattern and form
+  std::string quantiser = "minmax";
+  std::filesystem::path activations;  // empty: none
+  double damping = 0.05;
+  std::filesystem::path report;  // empty: none
+  uint32_t n_job = 1;
+  bool no_transpose = false;
+  bool allow_non_finite = false;
+  bool dry_run = false;
+};
+void pack(const PackArguments& arguments);
+
+struct InspectArguments {
+  std::filesystem::path file;
+  bool as_json = false;
+  bool verify = false;
+};
+void inspect(const InspectArguments& arguments);
+
+struct UnpackArguments {
+  std::filesystem::path file;
+  std::string tensor;
+  std::filesystem::path output;
+};
+void unpack(const UnpackArguments& arguments);
 
 }  // namespace tool

@@ -10,8 +10,8 @@
 namespace tool {
 namespace {
 
-// A piece of the result for one thread at a time, small enough for a stack. Of the weights it takes 128 x 512 floats in
-// turn, which stay in a core's second cache while all rows of the piece pass over them.
+// One thread computes a piece of the result at a time, and a piece fits on a stack. The weights are taken in blocks of
+// 128 x 512 floats. Such a block stays in a core's second-level cache while all rows of the piece are multiplied by it.
 constexpr size_t piece_rows = 64;
 constexpr size_t piece_columns = 512;
 constexpr size_t piece_inner = 128;
@@ -19,12 +19,12 @@ constexpr size_t piece_inner = 128;
 struct Piece {
   size_t first_row;
   size_t n_row;
-  size_t first_col;  // of the block
+  size_t first_col;  // counted in the block of columns
   size_t n_col;
   double sums[piece_rows][piece_columns];
 };
 
-// Columns of w.
+// A block of columns of w.
 struct ColumnBlock {
   size_t first_col;
   Matrix w;
@@ -124,7 +124,7 @@ void Deviation::add(const Deviation& other) {
   n_left_out += other.n_left_out;
 }
 
-Deviation deviation_from_exact(const Matrix& x, const NpyFile& w, const Matrix& y,
+Deviation deviation_from_exact(const Matrix& x, const WeightFile& w, const Matrix& y,
                                const std::function<void(size_t n_done, size_t n)>& on_piece) {
   constexpr size_t n_value_at_a_time = 1 << 22;
   const size_t n_col_at_a_time = std::max(n_value_at_a_time / w.n_row() / piece_columns, size_t{1}) * piece_columns;
@@ -133,7 +133,7 @@ Deviation deviation_from_exact(const Matrix& x, const NpyFile& w, const Matrix& 
   Deviation total;
   for (size_t first = 0; first < y.n_col; first += n_col_at_a_time) {
     ColumnBlock block = {first, Matrix(w.n_row(), std::min(n_col_at_a_time, y.n_col - first))};
-    w.read({0, w.n_row(), first, block.w.n_col}, block.w.row(0), block.w.row_stride);
+    w.read_columns(first, block.w.n_col, block.w.row(0), block.w.row_stride);
     const size_t n_done_before = first / piece_columns * n_down;
     total.add(deviation_of(block, x, y, [&](size_t n_done) { on_piece(n_done_before + n_done, n_piece); }));
   }

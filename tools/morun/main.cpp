@@ -11,6 +11,7 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -26,13 +27,13 @@
 
 namespace {
 
-// Exit statuses besides EXIT_SUCCESS and EXIT_FAILURE.
+// The exit status besides EXIT_SUCCESS and EXIT_FAILURE.
 constexpr int exit_misuse = 2;
 
 constexpr char exit_statuses[] = R"(
-Exit status: 0 when all is well; 1 when a file, an operand, memory or the DSP makes a command fail, or verify finds a
-wrong result; 2 when the command line cannot be understood. A signal ends the program as signals do: shells report 128 +
-its number. Standard error tells the cause in one line; warnings go there too and leave the status alone.)";
+Exit status: 0 when the command succeeds; 1 when a file, an operand, memory or the DSP makes it fail, or when verify
+finds a wrong result; 2 when the command line is wrong. When a signal ends the program, shells report 128 + its number.
+A failure prints its cause in one line on standard error. Warnings go there too and do not change the status.)";
 
 std::string kernel_list(bool (*is_listed)(const tool::Kernel&)) {
   std::string list = "Kernels:";
@@ -64,7 +65,7 @@ void add_hello(CLI::App& app) {
   command->callback([] { tool::hello(); });
 }
 
-// The weights of one, two or three products, each form by an option of its own.
+// The files of the weights of one, two or three products. Each of these forms has an option of its own.
 struct WeightOptions {
   std::vector<std::filesystem::path> single, pair, qkv;
 
@@ -76,7 +77,9 @@ void add_mm(CLI::App& app) {
   auto arguments = std::make_shared<tool::MmArguments>();
   auto weights = std::make_shared<WeightOptions>();
   command->add_option("X", arguments->x, "n_row x n_inner activation, .npy")->required();
-  auto* const single = command->add_option("W", weights->single, "n_inner x n_col weights, .npy")->expected(1);
+  auto* const single =
+      command->add_option("W", weights->single, "n_inner x n_col weights, .npy or PACKED.safetensors:TENSOR")
+          ->expected(1);
   auto* const pair = command->add_option("--pair", weights->pair, "two weights instead, of equally many columns");
   pair->type_name("U F")->expected(2)->excludes(single);
   auto* const qkv =
@@ -86,11 +89,13 @@ void add_mm(CLI::App& app) {
       ->required()
       ->type_name("Y...")
       ->expected(1, 3);
-  auto kind = std::make_shared<std::string>("f16");
-  command->add_option("--weights", *kind, "what the NPU takes weights as")
-      ->check(CLI::IsMember({"f16", "a8w8", "a8w4"}))
-      ->capture_default_str();
-  command->add_flag("--check", arguments->check, "compare with a product in double precision on the host");
+  auto kind = std::make_shared<std::string>();
+  command->add_option("--weights", *kind, "what the NPU takes weights as; default f16, or as they are packed")
+      ->check(CLI::IsMember({"f16", "a8w8", "a8w4"}));
+  auto* const check =
+      command->add_flag("--check", arguments->check, "compare with a product in double precision on the host");
+  command->add_option("--max-error", arguments->max_error, "fail where a result's relative Frobenius error is larger")
+      ->needs(check);
   command->add_option("--repeat", arguments->n_repeat, "compute the product this often; times are best and mean")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
@@ -98,25 +103,29 @@ void add_mm(CLI::App& app) {
   morun mm X.npy W.npy -o Y.npy
   morun mm X.npy --pair U.npy F.npy -o YU.npy YF.npy
   morun mm X.npy --qkv Q.npy K.npy V.npy -o YQ.npy YK.npy YV.npy --weights a8w8 --check
+  morun mm X.npy packed.safetensors:model.layers.0.mlp.up_proj.weight -o Y.npy
 
--o comes behind the matrices; "-" is standard output, and the report then goes to standard error. The matrices hold f16,
-f32 or f64 values, the last rounded to f32, and are of any shape; an array of rank 1 is one row. Results are written as
-f32. --pair and --qkv run one fused kernel, which takes the activation to the NPU once.
+Weights of packed files (morun pack) are multiplied as they are packed, and --check compares with the values that they
+stand for.
 
-A warning tells of operands that are NaN, infinite, or beyond the range of f16 where they are rounded to it.
+-o stands behind the matrices. "-" is standard output, and the report then goes to standard error. The matrices hold
+f16, f32 or f64 values and have any shape. f64 values are rounded to f32. An array of rank 1 is a matrix of one row.
+Results are written as f32. --pair and --qkv run one fused kernel, which brings the activation to the NPU once.
+
+The command warns of operands that are NaN or infinite, and of operands beyond the range of f16 that it rounds to f16.
 
 --weights f16: activation, weights and results are rounded to f16. a8w8 and a8w4: the weights are quantised to 8 or 4
 bits a value with a scale and a zero point for each column, the activation to 8 bits with a scale for each row, and the
 sums are exact. Zero points are cut to the range of the values: a column without values of both signs loses accuracy,
 and one of a single value becomes 0.
 
---check multiplies the values as given and prints for each result the largest |error| of all elements, as it is and
-relative to the largest |exact value|, and the Frobenius norm of the error relative to that of the exact product.
-Elements whose exact value is infinite or not a number are left out and counted; a result that is so where the exact
-value is finite deviates infinitely.)");
+--check multiplies the values as given. For each result it prints the largest |error| of all elements, the same relative
+to the largest |exact value|, and the Frobenius norm of the error relative to that of the exact product. Elements whose
+exact value is infinite or NaN are counted and left out. An infinite or NaN result with a finite exact value deviates
+infinitely.)");
   command->callback([arguments, weights, kind] {
     using enum tool::WeightKind;
-    arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
+    if (!kind->empty()) arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
     arguments->w = weights->given();
     if (arguments->w.empty()) throw CLI::ValidationError("mm", "one of W, --pair and --qkv is required");
     if (arguments->w.size() != arguments->y.size()) {
@@ -125,6 +134,83 @@ value is finite deviates infinitely.)");
     }
     tool::mm(*arguments);
   });
+}
+
+// Rules keep their order: the last that matches decides.
+void add_rule_option(CLI::App& command, const char* name, const char* what,
+                     const std::function<void(std::string)>& add) {
+  command.add_option_function<std::string>(name, add, what)->trigger_on_parse()->expected(1)->allow_extra_args(false);
+}
+
+void add_pack(CLI::App& app) {
+  auto* const command = app.add_subcommand("pack", "Pack the weights of a checkpoint into one file that the NPU reads");
+  auto arguments = std::make_shared<tool::PackArguments>();
+  command
+      ->add_option("SOURCE", arguments->sources, "NAME.safetensors, NAME.safetensors.index.json, a directory, or .npy")
+      ->required();
+  auto* const output = command->add_option("-o,--output", arguments->output, "file to write")->type_name("FILE");
+  command->add_option("--weights", arguments->form, "the form of what is packed")
+      ->check(CLI::IsMember({"f16", "a8w8", "a8w4"}))
+      ->capture_default_str();
+  add_rule_option(*command, "--form", "PATTERN=FORM: another form, or carried, for tensors of such names; repeatable",
+                  [arguments](const std::string& rule) {
+                    const size_t at = rule.rfind('=');
+                    if (at == std::string::npos) throw CLI::ValidationError("--form", rule + " is not PATTERN=FORM");
+                    arguments->rules.emplace_back(rule.substr(0, at), rule.substr(at + 1));
+                  });
+  add_rule_option(*command, "--skip", "PATTERN: tensors of such names are carried over as they are; repeatable",
+                  [arguments](const std::string& pattern) { arguments->rules.emplace_back(pattern, "carried"); });
+  command->add_option("--quantiser", arguments->quantiser, "how scales and zero points are chosen")
+      ->check(CLI::IsMember({"minmax", "mse", "calibrated", "library"}))
+      ->capture_default_str();
+  command
+      ->add_option("--activations", arguments->activations,
+                   "a directory of TENSOR.npy, or one .npy file for one matrix")
+      ->type_name("PATH");
+  command->add_option("--damping", arguments->damping, "of calibrated, in mean diagonals of the covariance")
+      ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  command->add_option("--report", arguments->report, "also write errors and odd values as JSON")->type_name("FILE");
+  command->add_option("--jobs", arguments->n_job, "threads; the bytes are the same for any number")
+      ->check(CLI::Range(1, 256))
+      ->capture_default_str();
+  command->add_flag("--no-transpose", arguments->no_transpose, "matrices of safetensors files are n_inner x n_col");
+  command->add_flag("--allow-nonfinite", arguments->allow_non_finite, "take NaN and infinities among the weights");
+  auto* const dry_run =
+      command->add_flag("--dry-run", arguments->dry_run, "print what would become of each tensor, and write nothing");
+  command->footer(R"(
+  morun pack model.safetensors.index.json -o packed.safetensors --weights a8w8 --form '*.lm_head.weight=f16'
+  morun pack W.npy -o packed.safetensors --weights a8w4 --quantiser calibrated --activations X.npy
+
+Packed are 2-dimensional tensors of F64, F32, F16 or BF16 whose names end in "weight" and contain neither "embed" nor
+"norm", and .npy matrices of any name; all others are carried over as they are. --form and --skip take shell patterns;
+the last that matches a name decides. Matrices of safetensors files are n_col x n_inner, as PyTorch has those of linear
+layers, and are transposed; .npy matrices are n_inner x n_col.
+
+docs/weight-files.md describes the file and the quantisers.)");
+  command->callback([arguments, output, dry_run] {
+    if (output->count() == 0 && dry_run->count() == 0) throw CLI::RequiredError("--output");
+    tool::pack(*arguments);
+  });
+}
+
+void add_inspect(CLI::App& app) {
+  auto* const command = app.add_subcommand("inspect", "List the tensors of a packed file");
+  auto arguments = std::make_shared<tool::InspectArguments>();
+  command->add_option("FILE", arguments->file, "packed file")->required();
+  command->add_flag("--json", arguments->as_json, "print one JSON document");
+  command->add_flag("--verify", arguments->verify, "read every tensor and compare it with its checksum");
+  command->callback([arguments] { tool::inspect(*arguments); });
+}
+
+void add_unpack(CLI::App& app) {
+  auto* const command = app.add_subcommand("unpack", "Write the real values that a packed matrix stands for");
+  auto arguments = std::make_shared<tool::UnpackArguments>();
+  command->add_option("FILE", arguments->file, "packed file")->required();
+  command->add_option("TENSOR", arguments->tensor, "a packed matrix in it")->required();
+  command->add_option("-o,--output", arguments->output, "n_inner x n_col matrix of f32, .npy; - is standard output")
+      ->required();
+  command->callback([arguments] { tool::unpack(*arguments); });
 }
 
 void add_verify(CLI::App& app) {
@@ -137,16 +223,18 @@ void add_verify(CLI::App& app) {
                     "leave out weights in several sessions, for which some 6 GiB of shared memory are reserved");
   command->footer(
       R"(
-One line a call: shape as rows x columns x inner dimension, the values, the session of each weight matrix, the element
-that takes most of its bound (its deviation and that bound), the time of the call, and the verdict. Bounds follow from
-the roundings that the kernel has to make; where it has none to make, the bound is 0. "by design" marks calls that the
-library defines to give something else than the product, or to fail: where weights are in several sessions, or are
-row-major, or a strided result is packed. They are held to exactly that. Fails when one call does.
+Each call prints one line: the shape as rows x columns x inner dimension, the values, the session of each weight matrix,
+deviation and bound of the element that uses the largest share of its bound, the time of the call, and the verdict.
+Bounds follow from the roundings that the kernel must make; without roundings the bound is 0. "by design" marks calls
+that the library defines to give something else than the product, or to fail: weights in several sessions, row-major
+weights, or a strided result that is packed. The command checks these calls against that definition. It fails when one
+call fails.
 
-The upper interface (morun_...) follows when the lower one has closed the DSP: it opens it by itself, reserves 1.3 GiB of
-shared memory, and chooses sessions by itself. "+8" behind the columns: the rows of the result are 8 elements apart, and
-those have to stay as they are. Its integer products end the process when the DSP refuses them. They come last: a report
-without its last line, and an exit status of 1, tell of such a refusal, and standard error says which it was.
+The upper interface (morun_...) follows after the lower interface has closed the DSP. The upper interface opens the DSP,
+reserves 1.3 GiB of shared memory and chooses sessions by itself. "+8" behind the columns means that 8 elements lie
+between the rows of the result; the call must not change them. When the DSP refuses an integer product of the upper
+interface, the library ends the process, so these products come last. The report then lacks its last line, the exit
+status is 1, and standard error names the refused product.
 
 )" + kernel_list([](const tool::Kernel&) { return true; }));
   command->callback([arguments] { tool::verify(*arguments); });
@@ -165,8 +253,8 @@ void add_bench(CLI::App& app) {
       ->type_name("FILE");
   command->footer(
       R"(
-Times are the best of half a second. A call is the kernel as called; "convert" its conversions alone, on the same data;
-"remote" its remote method alone, called directly. What they leave of a call is checks.
+A time is the best of all calls within half a second. The table times the whole call of a kernel, its conversions alone
+on the same data ("convert"), and its remote method alone ("remote"). The rest of a call's time is checks.
 
 )" + kernel_list([](const tool::Kernel& kernel) { return kernel.is_timed(); }));
   command->callback([arguments, shape] {
@@ -209,7 +297,7 @@ std::string unknown(const char* kind, const std::string& word, const std::vector
   return fmt::format("there is no {} {}; {}", kind, word, hint);
 }
 
-// A word that is none of ours explains more than what is missing for want of it.
+// An unknown word explains the failure better than a missing argument that follows from the unknown word.
 std::string explanation(CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> chosen = app.get_subcommands();
   const std::vector<std::string> rest = app.remaining(true);
@@ -230,7 +318,7 @@ void require_standard_output() {
   throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(EBADF)));
 }
 
-// What was printed may still wait to be written.
+// Printed text may still wait in a buffer, so a failure to write it shows only here.
 void finish_standard_output() {
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
   throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(errno)));
@@ -269,6 +357,9 @@ int run(int n_argument, char** arguments) {
   add_info(app);
   add_hello(app);
   add_mm(app);
+  add_pack(app);
+  add_inspect(app);
+  add_unpack(app);
   add_verify(app);
   add_bench(app);
   add_make(app);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -11,6 +12,7 @@
 #include "tools/morun/exact.h"
 #include "tools/morun/files/npy.h"
 #include "tools/morun/files/output_file.h"
+#include "tools/morun/files/packed_file.h"
 #include "tools/morun/operand_check.h"
 #include "tools/morun/product.h"
 #include "tools/morun/progress.h"
@@ -38,20 +40,20 @@ Timing time_repeated(uint32_t n_repeat, const Work& work) {
   return timing;
 }
 
-// What the kernels of several products take: U and F alike, K and V alike.
-void require_equal_columns(const std::vector<NpyFile>& w) {
+// The kernels of several products require equal numbers of columns: of U and F, and of K and V.
+void require_equal_columns(const std::vector<WeightFile>& w) {
   if (w.size() < 2 || w.back().n_col() == w[w.size() - 2].n_col()) return;
-  const NpyFile& other = w[w.size() - 2];
-  throw Error("{} has {} columns and {} has {}; the numbers must be equal", other.path().native(), other.n_col(),
-              w.back().path().native(), w.back().n_col());
+  const WeightFile& other = w[w.size() - 2];
+  throw Error("{} has {} columns and {} has {}; the numbers must be equal", other.name(), other.n_col(),
+              w.back().name(), w.back().n_col());
 }
 
-ProductShape shape_of(const NpyFile& x, const std::vector<NpyFile>& w) {
+ProductShape shape_of(const NpyFile& x, const std::vector<WeightFile>& w) {
   ProductShape shape = {x.n_row(), x.n_col(), {}};
-  for (const NpyFile& file : w) {
+  for (const WeightFile& file : w) {
     if (x.n_col() != file.n_row()) {
       throw Error("{} has {} columns and {} has {} rows; the numbers must be equal", x.path().native(), x.n_col(),
-                  file.path().native(), file.n_row());
+                  file.name(), file.n_row());
     }
     shape.n_col.push_back(file.n_col());
   }
@@ -68,7 +70,26 @@ void require_different_files(const std::vector<OutputFile>& files) {
   }
 }
 
-// Rows of padded length.
+WeightKind kind_of_form(int32_t form) {
+  return form == MORUN_WEIGHTS_A8W8   ? WeightKind::a8w8
+         : form == MORUN_WEIGHTS_A8W4 ? WeightKind::a8w4
+                                      : WeightKind::f16;
+}
+
+// The form in which the NPU gets the weights: that of packed weights, and otherwise the one of the command line.
+WeightKind kind_of(const std::vector<WeightFile>& w, const std::optional<WeightKind>& wanted) {
+  std::optional<WeightKind> kind = wanted;
+  for (const WeightFile& file : w) {
+    if (!file.is_packed()) continue;
+    const WeightKind packed = kind_of_form(file.tensor().form);
+    if (kind && *kind != packed)
+      throw Error("{} is packed in another form than the other weights or --weights", file.name());
+    kind = packed;
+  }
+  return kind.value_or(WeightKind::f16);
+}
+
+// Reads the activation into rows of padded length.
 Matrix read_activation(const NpyFile& file, const ProductPlan& plan, Progress& progress) {
   Matrix x(file.n_row(), file.n_col(), plan.n_inner);
   OperandCheck check(file, plan.kernel->weights == WeightKind::f16);
@@ -85,28 +106,32 @@ Matrix read_activation(const NpyFile& file, const ProductPlan& plan, Progress& p
   return x;
 }
 
-// Looks on while weights are read.
+// Checks weights and shows progress while the weights are read.
 class WeightReading {
  public:
-  WeightReading(const std::vector<NpyFile>& files, const ProductPlan& plan, Progress& progress) : progress_(progress) {
-    for (const NpyFile& file : files) checks_.emplace_back(file, true);
-    for (const size_t n_col : plan.n_col) n_value_ += plan.n_inner * n_col;
+  WeightReading(const std::vector<WeightFile>& files, const ProductPlan& plan, Progress& progress)
+      : progress_(progress) {
+    for (size_t i = 0; i < files.size(); ++i) {
+      if (files[i].is_packed()) continue;
+      checks_.emplace(i, OperandCheck(files[i].npy(), true));
+      n_value_ += plan.n_inner * plan.n_col[i];
+    }
   }
 
   void observe(size_t i, const std::vector<float>& values) {
-    checks_[i].add(values.data(), values.size());
+    checks_.at(i).add(values.data(), values.size());
     n_done_ += values.size();
     progress_.show(n_done_, n_value_, "weights read");
   }
 
   void conclude() const {
     progress_.clear();
-    for (const OperandCheck& check : checks_) fmt::print(stderr, "{}", check.warnings());
+    for (const auto& [i, check] : checks_) fmt::print(stderr, "{}", check.warnings());
   }
 
  private:
   Progress& progress_;
-  std::vector<OperandCheck> checks_;
+  std::map<size_t, OperandCheck> checks_;  // of files that are not packed
   size_t n_value_ = 0, n_done_ = 0;
 };
 
@@ -121,7 +146,7 @@ void print_timing(const ProductShape& shape, const ProductPlan& plan, const Timi
   fmt::print("speed  {:.2f} {}/s\n", n_flop / timing.best * 1e-9, plan.kernel->is_quantised() ? "GOP" : "GFLOP");
 }
 
-// `label` is empty, or the name of one result of several.
+// `label` is empty, or names one of several results.
 void print_deviation(const std::string& label, const Deviation& deviation) {
   fmt::print("check  {}largest deviation {:.3g} absolute, {:.3g} relative to the largest value {:.4g}\n", label,
              deviation.largest_error, deviation.relative(), deviation.largest_exact);
@@ -131,12 +156,12 @@ void print_deviation(const std::string& label, const Deviation& deviation) {
 
 }  // namespace
 
-// Results are written without their padding.
+// The files of results hold no padding.
 void mm(const MmArguments& arguments) {
   const NpyFile x_file(arguments.x);
-  const std::vector<NpyFile> w_files(arguments.w.begin(), arguments.w.end());
+  const std::vector<WeightFile> w_files(arguments.w.begin(), arguments.w.end());
   const ProductShape shape = shape_of(x_file, w_files);
-  const ProductPlan plan = plan_product(arguments.weights, shape);
+  const ProductPlan plan = plan_product(kind_of(w_files, arguments.weights), shape);
   std::vector<OutputFile> outputs(arguments.y.begin(), arguments.y.end());
   require_different_files(outputs);
   std::optional<StandardOutputAside> report_aside;
@@ -153,7 +178,7 @@ void mm(const MmArguments& arguments) {
   for (size_t i = 0; i < plan.n_col.size(); ++i) y.emplace_back(shape.n_row, shape.n_col[i], plan.n_col[i]);
 
   lock_matrix_unit(context.get());
-  size_t n_row_before = 0;  // in earlier repetitions
+  size_t n_row_before = 0;  // before this repetition
   const size_t n_row = plan.n_row * arguments.n_repeat;
   progress.show(0, n_row, "rows multiplied");
   const Timing timing = time_repeated(arguments.n_repeat, [&] {
@@ -169,12 +194,16 @@ void mm(const MmArguments& arguments) {
   }
   print_timing(shape, plan, timing, arguments.n_repeat);
   if (!arguments.check) return;
+  double largest_error = 0;
   for (size_t i = 0; i < y.size(); ++i) {
     const Deviation deviation = deviation_from_exact(
         x, w_files[i], y[i], [&](size_t n_done, size_t n) { progress.show(n_done, n, "pieces compared"); });
     progress.clear();
     print_deviation(y.size() == 1 ? "" : arguments.y[i].native() + ": ", deviation);
+    largest_error = std::max(largest_error, deviation.relative_frobenius());
   }
+  if (arguments.max_error && !(largest_error <= *arguments.max_error))
+    throw Error("the relative Frobenius error is {:.3g}, above {:.3g}", largest_error, *arguments.max_error);
 }
 
 }  // namespace tool

@@ -1,4 +1,5 @@
-// One line on the terminal that is written over, and gone at the end; nothing where standard error is no terminal.
+// One line on the terminal, which is overwritten and finally removed. Prints nothing when standard error is no
+// terminal.
 #pragma once
 
 #include <fmt/format.h>
@@ -16,13 +17,12 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // The line changes at most ten times a second.
+  // Updates the line at most ten times a second.
   void show(size_t n_done, size_t n, std::string_view things) {
-    if (!is_seen_) return;
-    const auto now = std::chrono::steady_clock::now();
-    if (now < next_) return;
-    next_ = now + std::chrono::milliseconds(100);
-    fmt::print(stderr, "\r\x1b[K{} of {} {}", n_done, n, things);
+    if (is_due()) fmt::print(stderr, "\r\x1b[K{} of {} {}", n_done, n, things);
+  }
+  void show(std::string_view line) {
+    if (is_due()) fmt::print(stderr, "\r\x1b[K{}", line);
   }
   void clear() {
     if (is_seen_) fmt::print(stderr, "\r\x1b[K");
@@ -30,6 +30,13 @@ class Progress {
   }
 
  private:
+  bool is_due() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!is_seen_ || now < next_) return false;
+    next_ = now + std::chrono::milliseconds(100);
+    return true;
+  }
+
   bool is_seen_;
   std::chrono::steady_clock::time_point next_;
 };

@@ -1,0 +1,196 @@
+// Checkpoints and packed files, written and read by the format's definition.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "include/morun_weights.h"
+#include "simd/scalar.h"
+#include "tests/packed_matrix.h"
+
+namespace test {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+template <typename Value>
+std::string bytes_of(const std::vector<Value>& values) {
+  return {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(Value)};
+}
+
+struct Tensor {
+  std::string name, dtype;
+  std::vector<uint64_t> shape;
+  std::string bytes;
+};
+
+// Not aligned to anything, as some writers leave it.
+inline std::string safetensors(const std::vector<Tensor>& tensors, const Json& metadata = {}) {
+  Json header = Json::object();
+  std::string data;
+  for (const Tensor& tensor : tensors) {
+    header[tensor.name] = {{"dtype", tensor.dtype},
+                           {"shape", tensor.shape},
+                           {"data_offsets", {data.size(), data.size() + tensor.bytes.size()}}};
+    data += tensor.bytes;
+  }
+  if (!metadata.is_null()) header["__metadata__"] = metadata;
+  const std::string json = header.dump();
+  std::string file(8, '\0');
+  for (size_t i = 0; i < 4; ++i) file[i] = static_cast<char>(json.size() >> 8 * i);
+  return file + json + data;
+}
+
+inline std::string npy(const std::string& descr, bool fortran, const std::string& shape, const std::string& bytes) {
+  std::string header =
+      "{'descr': '" + descr + "', 'fortran_order': " + (fortran ? "True" : "False") + ", 'shape': " + shape + ", }\n";
+  const auto size = static_cast<char>(header.size());
+  return std::string("\x93NUMPY\x01\0", 8) + size + '\0' + header + bytes;
+}
+
+// Values that halves and bfloats hold, from -2 to 2.
+inline std::vector<float> some_values(size_t n, unsigned seed) {
+  std::vector<float> values(n);
+  for (float& value : values) {
+    seed = seed * 1664525u + 1013904223u;
+    value = static_cast<float>(static_cast<int>(seed >> 20) % 129 - 64) / 32;
+  }
+  return values;
+}
+
+inline std::string encoded(const std::string& dtype, const std::vector<float>& values) {
+  std::string bytes;
+  for (const float value : values) {
+    uint32_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    if (dtype == "F64") bytes += bytes_of<double>({double{value}});
+    if (dtype == "F32") bytes += bytes_of<float>({value});
+    if (dtype == "F16") bytes += bytes_of<uint16_t>({morun::simd::narrow_bits(value)});
+    if (dtype == "BF16") bytes += bytes_of<uint16_t>({static_cast<uint16_t>(bits >> 16)});
+  }
+  return bytes;
+}
+
+class Packer {
+ public:
+  explicit Packer(const std::function<void(morun_weights_pack_options&)>& change = {}) {
+    morun_weights_pack_options options;
+    morun_weights_pack_options_init(&options);
+    if (change) change(options);
+    EXPECT_EQ(morun_weights_packer_create(&options, &handle), 0) << morun_weights_error_text();
+  }
+  ~Packer() { morun_weights_packer_free(handle); }
+  Packer(const Packer&) = delete;
+  Packer& operator=(const Packer&) = delete;
+
+  Packer& source(const std::string& path) {
+    EXPECT_EQ(morun_weights_packer_add_source(handle, path.c_str()), 0) << morun_weights_error_text();
+    return *this;
+  }
+  Packer& rule(const char* pattern, int32_t form) {
+    EXPECT_EQ(morun_weights_packer_add_rule(handle, pattern, form), 0) << morun_weights_error_text();
+    return *this;
+  }
+  int32_t run(const std::string& path) { return morun_weights_packer_run(handle, path.c_str()); }
+  std::vector<morun_weights_decision> decisions() const {
+    uint64_t count = 0;
+    EXPECT_EQ(morun_weights_packer_count(handle, &count), 0);
+    std::vector<morun_weights_decision> all(count);
+    for (uint64_t i = 0; i < count; ++i) EXPECT_EQ(morun_weights_packer_decision(handle, i, &all[i]), 0);
+    return all;
+  }
+
+  morun_weights_packer* handle = nullptr;
+};
+
+// Packs matrices of some values into a file at `path`: "NAME FORM N_INNER N_COL ...".
+inline void pack(const std::string& path, const std::string& matrices) {
+  const fs::path sources = path + ".sources";
+  fs::create_directories(sources);
+  Packer packer;
+  std::istringstream words(matrices);
+  unsigned n_inner, n_col;
+  for (std::string name, form; words >> name >> form >> n_inner >> n_col;) {
+    const std::string source = sources / (name + ".npy");
+    const std::string shape = "(" + std::to_string(n_inner) + ", " + std::to_string(n_col) + ")";
+    std::ofstream(source, std::ios::binary)
+        << npy("<f4", false, shape, bytes_of(some_values(size_t{n_inner} * n_col, n_col)));
+    packer.source(source).rule(name.c_str(), form == "f16"    ? MORUN_WEIGHTS_F16
+                                             : form == "a8w8" ? MORUN_WEIGHTS_A8W8
+                                             : form == "a8w4" ? MORUN_WEIGHTS_A8W4
+                                                              : MORUN_WEIGHTS_CARRIED);
+  }
+  EXPECT_EQ(packer.run(path), 0) << morun_weights_error_text();
+  fs::remove_all(sources);
+}
+
+class WeightFiles : public testing::Test {
+ protected:
+  WeightFiles() : folder_(fs::path(testing::TempDir()) / ("weight_files." + std::to_string(getpid()))) {
+    fs::create_directories(folder_);
+  }
+  ~WeightFiles() override { fs::remove_all(folder_); }
+
+  std::string path(const std::string& name) const { return folder_ / name; }
+  std::string write(const std::string& name, const std::string& bytes) const {
+    fs::create_directories(fs::path(path(name)).parent_path());
+    std::ofstream(path(name), std::ios::binary) << bytes;
+    return path(name);
+  }
+  std::string read(const std::string& name) const {
+    std::ifstream stream(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+  }
+  std::set<std::string> names() const {
+    std::set<std::string> all;
+    for (const auto& entry : fs::recursive_directory_iterator(folder_)) all.insert(entry.path());
+    return all;
+  }
+
+  const fs::path folder_;
+};
+
+struct PackedFile {
+  explicit PackedFile(const std::string& file) : bytes(file) {
+    uint64_t size = 0;
+    std::memcpy(&size, file.data(), sizeof size);
+    data = 8 + size;
+    header = Json::parse(file.substr(8, size));
+    metadata = header["__metadata__"];
+    header.erase("__metadata__");
+  }
+  std::string tensor(const std::string& name) const {
+    const uint64_t begin = header.at(name)["data_offsets"][0], end = header.at(name)["data_offsets"][1];
+    return bytes.substr(data + begin, end - begin);
+  }
+  Json record(const std::string& name) const {
+    return Json::parse(metadata.at("morun.tensor." + name).get<std::string>());
+  }
+  PackedMatrix matrix(const std::string& name) const {
+    const std::string content = tensor(name);
+    const std::string form = record(name)["form"];
+    PackedMatrix packed = {form == "f16"    ? MORUN_WEIGHTS_F16
+                           : form == "a8w8" ? MORUN_WEIGHTS_A8W8
+                                            : MORUN_WEIGHTS_A8W4,
+                           {},
+                           {content.begin(), content.end()}};
+    EXPECT_EQ(morun_weights_layout_of(packed.form, record(name)["n_inner"], record(name)["n_col"], &packed.layout), 0);
+    return packed;
+  }
+
+  std::string bytes;
+  uint64_t data;
+  Json header, metadata;
+};
+
+}  // namespace test

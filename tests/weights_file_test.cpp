@@ -1,0 +1,633 @@
+// Packed files: a checkpoint comes back as what it held, by the tool and by the C interface, and every file that is not
+// as the format has it is refused.
+
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include "tests/allocation_shim.h"
+#include "tests/weight_files.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using test::Json, test::PackedFile, test::Packer, test::encoded, test::safetensors, test::some_values;
+
+std::string checksum_of(const std::string& bytes) {
+  char text[32];
+  std::snprintf(text, sizeof text, "xxh3:%016jx", static_cast<uintmax_t>(XXH3_64bits(bytes.data(), bytes.size())));
+  return text;
+}
+
+// An open packed file.
+class Reader {
+ public:
+  explicit Reader(const std::string& path) {
+    EXPECT_EQ(morun_weights_file_open(path.c_str(), &handle), 0) << morun_weights_error_text();
+  }
+  ~Reader() { morun_weights_file_close(handle); }
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+
+  morun_weights_tensor tensor(uint64_t index) const {
+    morun_weights_tensor tensor = {};
+    EXPECT_EQ(morun_weights_file_tensor(handle, index, &tensor), 0) << morun_weights_error_text();
+    return tensor;
+  }
+  std::string bytes(uint64_t index, uint64_t offset, uint64_t n_byte) const {
+    std::string bytes(n_byte, '?');
+    EXPECT_EQ(morun_weights_file_read(handle, index, offset, n_byte, bytes.data()), 0) << morun_weights_error_text();
+    return bytes;
+  }
+
+  morun_weights_file* handle = nullptr;
+};
+
+class WeightsFile : public test::WeightFiles {
+ protected:
+  // Standard output of the tool, which has to succeed.
+  std::string tool(const std::string& arguments) const {
+#ifdef MORUN_TOOL_PATH
+    const std::string command = "cd '" + folder_.string() + "' && " MORUN_RUNNER " '" MORUN_TOOL_PATH "' " + arguments;
+    EXPECT_EQ(std::system((command + " > out").c_str()), 0) << command;
+#endif
+    return read("out");
+  }
+  std::vector<float> floats_of(const std::string& npy_file) const {
+    const std::string bytes = read(npy_file);
+    const size_t begin = 10 + static_cast<uint8_t>(bytes[8]) + 256 * size_t{static_cast<uint8_t>(bytes[9])};
+    std::vector<float> values((bytes.size() - begin) / sizeof(float));
+    std::memcpy(values.data(), bytes.data() + begin, values.size() * sizeof(float));
+    return values;
+  }
+};
+
+// ---- From checkpoint to values -------------------------------------------------------------------------------------
+
+struct Expected {
+  const char* name;
+  const char* form;
+  const char* dtype;  // of the source
+  std::vector<uint64_t> shape;
+  std::vector<float> values;  // packed
+  std::string bytes;          // carried
+};
+
+// n_inner x n_col of what a packed matrix stands for, by the definition of its layout.
+std::vector<float> values_of(const test::PackedMatrix& matrix, uint64_t n_inner, uint64_t n_col) {
+  std::vector<float> values;
+  for (uint64_t i = 0; i < n_inner * n_col; ++i)
+    values.push_back(static_cast<float>(matrix.value(i / n_col, i % n_col)));
+  return values;
+}
+
+void expect_packed(const PackedFile& file, const Expected& e) {
+  const uint64_t n_col = e.shape[0], n_inner = e.shape[1];
+  const Json record = file.record(e.name);
+  EXPECT_EQ(file.header[e.name]["dtype"], "U8");
+  EXPECT_EQ(file.header[e.name]["shape"], Json({file.tensor(e.name).size()}));
+  EXPECT_EQ(record["n_inner"], n_inner);
+  EXPECT_EQ(record["n_col"], n_col);
+  const test::PackedMatrix matrix = file.matrix(e.name);
+  ASSERT_EQ(file.tensor(e.name).size(), matrix.layout.n_byte);
+  if (matrix.form != MORUN_WEIGHTS_F16) {
+    EXPECT_EQ(record["quantiser"], "minmax");
+    EXPECT_EQ(record["zero_points"], matrix.layout.zero_points);
+    EXPECT_EQ(record["scales"], matrix.layout.scales);
+    EXPECT_EQ(record["sums"], matrix.layout.sums);
+  }
+  double error = 0, all = 0;
+  for (uint64_t c = 0; c < n_col; ++c) {
+    const double half_step = matrix.form == MORUN_WEIGHTS_F16 ? 0 : 0.501 * matrix.scale(c);
+    for (uint64_t k = 0; k < n_inner; ++k) {
+      const double value = e.values[c * n_inner + k];
+      ASSERT_NEAR(matrix.value(k, c), value, half_step) << k << ", " << c;
+      error += std::pow(matrix.value(k, c) - value, 2);
+      all += value * value;
+    }
+  }
+  EXPECT_NEAR(record["error"], std::sqrt(error / all), 1e-9);
+}
+
+// The relative error of a product, n_row x n_col, of x and what a packed matrix stands for.
+double product_error(const std::vector<float>& y, const std::vector<float>& x, const std::vector<float>& w,
+                     uint64_t n_inner) {
+  const uint64_t n_col = w.size() / n_inner;
+  double error = 0, all = 0;
+  for (uint64_t i = 0; i < y.size(); ++i) {
+    double exact = 0;
+    for (uint64_t k = 0; k < n_inner; ++k) exact += double{x[i / n_col * n_inner + k]} * w[k * n_col + i % n_col];
+    error += std::pow(y[i] - exact, 2);
+    all += exact * exact;
+  }
+  return std::sqrt(error / all);
+}
+
+TEST_F(WeightsFile, ACheckpointOfTwoShardsComesBackAsWhatItHeld) {
+  const Expected expected[] = {
+      {"q.weight", "a8w8", "BF16", {70, 45}, some_values(70 * 45, 1), ""},
+      {"k.weight", "a8w8", "F32", {33, 45}, some_values(33 * 45, 2), ""},
+      {"up.weight", "a8w4", "F16", {40, 64}, some_values(40 * 64, 3), ""},
+      {"lm_head.weight", "f16", "F64", {5, 3}, some_values(5 * 3, 4), ""},
+      {"odd", "carried", "U8", {3}, {}, "abc"},
+      {"norm.weight", "carried", "F32", {45}, {}, encoded("F32", some_values(45, 5))},
+      {"steps", "carried", "I64", {2}, {}, std::string(16, '\7')},
+      {"embed.weight", "carried", "F16", {2, 2}, {}, "12345678"},
+      {"nothing.weight", "carried", "F32", {0, 4}, {}, ""},
+  };
+  const auto source = [&](size_t i) {
+    const Expected& e = expected[i];
+    return test::Tensor{e.name, e.dtype, e.shape, e.values.empty() ? e.bytes : encoded(e.dtype, e.values)};
+  };
+  const test::Tensor unlisted = {"unlisted.weight", "F32", {1, 1}, "1234"};
+  const Json metadata = {{"format", "pt"}, {"morun.tensor.ghost", "{}"}};
+  write("model/a.safetensors", safetensors({source(4), source(0), source(1), source(5), unlisted}, metadata));
+  write("model/b.safetensors", safetensors({source(2), source(3), source(6), source(7), source(8)}));
+  Json map;
+  for (const size_t i : {4, 0, 1, 5}) map[expected[i].name] = "a.safetensors";
+  for (const size_t i : {2, 3, 6, 7, 8}) map[expected[i].name] = "b.safetensors";
+  write("model/model.safetensors.index.json", Json{{"metadata", {{"deep", {{1, {2}}}}}}, {"weight_map", map}}.dump());
+
+  std::string first;
+  for (const uint32_t n_job : {1u, 3u}) {
+    for (const char* const model : {"model", "model/model.safetensors.index.json"}) {
+      Packer packer([&](auto& o) { o.n_job = n_job; });
+      packer.source(path(model)).rule("*.weight", MORUN_WEIGHTS_A8W4).rule("[kq].weight", MORUN_WEIGHTS_A8W8);
+      packer.rule("lm_*", MORUN_WEIGHTS_F16).rule("embed*", MORUN_WEIGHTS_CARRIED);
+      ASSERT_EQ(packer.run(path("p.safetensors")), 0) << morun_weights_error_text();
+      if (first.empty()) first = read("p.safetensors");
+      EXPECT_TRUE(first == read("p.safetensors")) << n_job << " jobs, " << model;
+      EXPECT_EQ(packer.run(path("p.safetensors")), MORUN_WEIGHTS_BAD_ARGUMENT);
+    }
+  }
+  const PackedFile file(first);
+  EXPECT_EQ(file.data % 4096, 0u);
+  EXPECT_EQ(file.bytes[8], '{');
+  EXPECT_EQ(file.metadata["morun.format"], "1");
+  EXPECT_EQ(file.metadata["format"], "pt");
+  EXPECT_EQ(file.metadata.size(), 2 + file.header.size()) << "no record of a tensor that is not there";
+  ASSERT_EQ(file.header.size(), std::size(expected));
+
+  const Reader reader(path("p.safetensors"));
+  uint64_t covered = 0, index = 0, count = 0;
+  EXPECT_EQ(morun_weights_file_count(reader.handle, &count), 0);
+  ASSERT_EQ(count, std::size(expected));
+  for (const Expected& e : expected) {
+    SCOPED_TRACE(e.name);
+    const Json record = file.record(e.name);
+    const std::string bytes = file.tensor(e.name);
+    EXPECT_EQ(file.header[e.name]["data_offsets"][0], covered);
+    EXPECT_EQ(record["form"], e.form);
+    EXPECT_EQ(record["source"], e.name);
+    EXPECT_EQ(record["source_dtype"], e.dtype);
+    EXPECT_EQ(record["checksum"], checksum_of(bytes));
+    if (e.values.empty()) {
+      EXPECT_EQ(bytes, e.bytes);
+      EXPECT_EQ(file.header[e.name]["dtype"], e.dtype);
+    } else {
+      expect_packed(file, e);
+    }
+
+    uint64_t found = 99;
+    EXPECT_EQ(morun_weights_file_find(reader.handle, e.name, &found), 0);
+    EXPECT_EQ(found, index);
+    const morun_weights_tensor tensor = reader.tensor(index);
+    EXPECT_STREQ(tensor.name, e.name);
+    EXPECT_STREQ(tensor.source_name, e.name);
+    EXPECT_STREQ(tensor.source_dtype, e.dtype);
+    EXPECT_EQ(file.header[e.name]["dtype"], tensor.dtype);
+    EXPECT_EQ(file.header[e.name]["shape"], std::vector<uint64_t>(tensor.shape, tensor.shape + tensor.n_dimension));
+    EXPECT_EQ(tensor.file_offset, file.data + covered);
+    EXPECT_EQ(tensor.n_byte, bytes.size());
+    EXPECT_EQ(tensor.product_error, e.values.empty() ? -1 : tensor.product_error);
+    EXPECT_EQ(tensor.checksum, XXH3_64bits(bytes.data(), bytes.size()));
+    EXPECT_EQ(morun_weights_file_verify(reader.handle, index), 0) << morun_weights_error_text();
+    EXPECT_EQ(reader.bytes(index, 0, bytes.size()), bytes);
+    EXPECT_EQ(reader.bytes(index, bytes.size() / 3, bytes.size() / 2),
+              bytes.substr(bytes.size() / 3, bytes.size() / 2));
+    covered += bytes.size();
+    ++index;
+    if (e.values.empty()) {
+      EXPECT_EQ(tensor.n_inner + tensor.n_col + tensor.layout.n_byte, 0u);
+      continue;
+    }
+    const uint64_t n_col = e.shape[0], n_inner = e.shape[1];
+    const test::PackedMatrix matrix = file.matrix(e.name);
+    EXPECT_EQ(tensor.form, matrix.form);
+    EXPECT_EQ(tensor.n_inner, n_inner);
+    EXPECT_EQ(tensor.n_col, n_col);
+    EXPECT_EQ(std::memcmp(&tensor.layout, &matrix.layout, sizeof matrix.layout), 0);
+    EXPECT_EQ(record["error"], tensor.error);
+    const std::vector<float> w = values_of(matrix, n_inner, n_col);
+    std::vector<float> unpacked(w.size());
+    EXPECT_EQ(morun_weights_file_unpack(reader.handle, found, unpacked.data()), 0) << morun_weights_error_text();
+    EXPECT_TRUE(unpacked == w);
+  }
+  EXPECT_EQ(file.data + covered, file.bytes.size());
+
+#ifdef MORUN_TOOL_PATH
+  tool(
+      "pack model -o t.safetensors --weights a8w8 --jobs 2 --form '*.weight=a8w4' --form '[kq].weight=a8w8'"
+      " --form 'lm_*=f16' --skip 'embed*'");
+  EXPECT_TRUE(read("t.safetensors") == first);
+  EXPECT_TRUE(tool("inspect t.safetensors --verify").ends_with("9 checksums are right\n")) << read("out");
+  for (const Expected& e : expected) {
+    if (e.values.empty()) continue;
+    SCOPED_TRACE(e.name);
+    const uint64_t n_col = e.shape[0], n_inner = e.shape[1];
+    const std::vector<float> w = values_of(file.matrix(e.name), n_inner, n_col), x = some_values(3 * n_inner, 11);
+    tool(std::string("unpack t.safetensors ") + e.name + " -o w.npy");
+    EXPECT_TRUE(floats_of("w.npy") == w);
+    write("x.npy", test::npy("<f4", false, "(3, " + std::to_string(n_inner) + ")", encoded("F32", x)));
+    tool(std::string("mm x.npy t.safetensors:") + e.name + " -o y.npy");
+    EXPECT_LT(product_error(floats_of("y.npy"), x, w, n_inner), 0.01);
+  }
+#endif
+}
+
+// The example of docs/weight-files.md.
+TEST_F(WeightsFile, EveryByteIsWhereTheFormatHasIt) {
+  write("w.npy", test::npy("<f4", false, "(2, 3)", encoded("F32", {155, 64, 255, -100, -63.5, 2})));
+  Packer packer;
+  ASSERT_EQ(packer.source(path("w.npy")).run(path("p.safetensors")), 0) << morun_weights_error_text();
+  std::string header =
+      R"({"__metadata__":{"morun.format":"1","morun.tensor.w":"{'form':'a8w8','n_inner':2,'n_col':3,'zero_points':2048,)"
+      R"('scales':4096,'sums':6144,'quantiser':'minmax','source':'w','source_dtype':'F32','error':0.0,)"
+      R"('checksum':'xxh3:e0fd663639f5ddde'}"},"w":{"dtype":"U8","shape":[8192],"data_offsets":[0,8192]}})";
+  for (size_t at = 0; (at = header.find('\'', at)) != std::string::npos; at += 2) header.replace(at, 1, "\\\"");
+  std::string expected = std::string("\xf8\x0f\0\0\0\0\0\0", 8) + header;
+  expected.resize(4096, ' ');
+  expected.resize(12288, '\0');
+  expected.replace(4096, 8, std::string("\x7f\x7f\x7f\0\x80\x80\x82\0", 8));
+  for (size_t row = 2; row < 32; ++row) expected.replace(4096 + 4 * row, 3, "\xe4\xff\x80");
+  expected.replace(6144, 3, "\xe4\xff\x80");
+  expected.replace(8192, 6, std::string("\0\x3c\0\x38\0\x3c", 6));
+  expected.replace(10240, 12, "\xb7\xfc\xff\xff\xe1\xff\xff\xff\x01\xf1\xff\xff");
+  EXPECT_TRUE(read("p.safetensors") == expected);
+}
+
+TEST_F(WeightsFile, AnyColumnsAreUnpackedIntoAnyStrides) {
+  constexpr uint64_t n_inner = 45, n_col = 70, inner_stride = 3, column_stride = 150;
+  const std::vector<float> w = some_values(n_inner * n_col, 1);
+  for (const int32_t form : {MORUN_WEIGHTS_F16, MORUN_WEIGHTS_A8W8, MORUN_WEIGHTS_A8W4}) {
+    test::PackedMatrix packed = {form, {}, {}};
+    const morun_weights_recipe recipe = {form, MORUN_WEIGHTS_MINMAX, n_inner, n_col, nullptr, 0, 0};
+    ASSERT_EQ(morun_weights_layout_of(form, n_inner, n_col, &packed.layout), 0);
+    packed.bytes.resize(packed.layout.n_byte);
+    ASSERT_EQ(morun_weights_pack_columns(&recipe, 0, n_col, w.data(), n_col, 1, packed.bytes.data(),
+                                         packed.bytes.size(), nullptr),
+              0);
+    const auto unpack = [&](uint64_t first, uint64_t n, float* values, uint64_t by_row = 3, uint64_t n_missing = 0,
+                            int32_t as = 0) {
+      return morun_weights_unpack_columns(as == 0 ? form : as, n_inner, n_col, packed.bytes.data(),
+                                          packed.bytes.size() - n_missing, first, n, values, by_row, column_stride);
+    };
+    for (const auto& [first, n] : {std::pair{0ul, 70ul}, {5, 1}, {30, 40}, {33, 30}, {69, 1}}) {
+      std::vector<float> values(column_stride * n_col, 99), expected = values;
+      EXPECT_EQ(unpack(first, n, values.data()), 0) << morun_weights_error_text();
+      for (uint64_t i = 0; i < n_inner * n; ++i)
+        expected[i / n * inner_stride + i % n * column_stride] = static_cast<float>(packed.value(i / n, first + i % n));
+      EXPECT_TRUE(values == expected) << "form " << form << ", columns from " << first;
+    }
+    float value = 99;
+    EXPECT_EQ(unpack(70, 1, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(unpack(69, 2, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(unpack(1, UINT64_MAX, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(unpack(0, 0, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(unpack(0, 1, &value, 0), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(unpack(0, 1, &value, 1, 1), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(unpack(0, 1, &value, 1, 0, 4), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(unpack(0, 1, nullptr), MORUN_WEIGHTS_NULL_ARGUMENT);
+    EXPECT_EQ(value, 99);
+  }
+}
+
+// ---- Malformed files -----------------------------------------------------------------------------------------------
+
+// A packed file of three tensors. In the records ' stands for \", and $a for the checksum of tensor a.
+constexpr char good_header[] =
+    R"({"__metadata__":{"morun.format":"1","note":"kept","morun.later":"?",
+"morun.tensor.a":"{'form':'f16','n_inner':33,'n_col':40,'source':'A','source_dtype':'F32','error':0.5,'checksum':'$a'}",
+"morun.tensor.b":"{'form':'a8w4','n_inner':33,'n_col':40,'zero_points':2048,'scales':4096,'sums':6144,)"
+    R"('quantiser':'mse','source':'B','source_dtype':'F64','error':1e-3,'product_error':0,'checksum':'$b','later':null}",
+"morun.tensor.c":"{'form':'carried','source':'C','source_dtype':'I16','checksum':'$c'}"},
+"a":{"dtype":"U8","shape":[8192],"data_offsets":[0,8192]},
+"b":{"dtype":"U8","shape":[8192],"data_offsets":[8192,16384]},
+"c":{"shape":[2,3],"data_offsets":[16384,16396],"dtype":"I16"}})";
+
+void replace(std::string& text, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+    text.replace(at, from.size(), to);
+}
+
+void set_length(std::string& file, uint64_t length) {
+  for (size_t i = 0; i < 8; ++i) file[i] = static_cast<char>(length >> 8 * i);
+}
+
+std::string file_of(std::string header, bool is_padded = true) {
+  std::string data;
+  for (size_t i = 0; i < 16396; ++i) data += static_cast<char>(i * i >> 3);
+  replace(header, "'", "\\\"");
+  replace(header, "$a", checksum_of(data.substr(0, 8192)));
+  replace(header, "$b", checksum_of(data.substr(8192, 8192)));
+  replace(header, "$c", checksum_of(data.substr(16384)));
+  const size_t size = is_padded ? (8 + header.size() + 4095) / 4096 * 4096 : 8 + header.size();
+  std::string file = std::string(8, '\0') + header + std::string(size - 8 - header.size(), ' ') + data;
+  set_length(file, size - 8);
+  return file;
+}
+
+using Change = std::function<void(std::string&)>;
+Change cut(size_t size) {
+  return [=](std::string& file) { file.resize(size); };
+}
+Change length(uint64_t length) {
+  return [=](std::string& file) { set_length(file, length); };
+}
+Change byte(size_t at, char value) {
+  return [=](std::string& file) { file.resize(std::max(file.size(), at + 1)), file[at] = value; };
+}
+
+struct Malformed {
+  const char* status;
+  const char* text;
+  std::string from, to;  // in the header
+  Change change = {};    // of the file
+};
+
+TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
+  const std::string a = R"("a":{"dtype":"U8","shape":[8192],"data_offsets":[0,8192]})", form_a = "'form':'f16'";
+  const std::string many(1 << 20, '['), longest = std::to_string(UINT64_MAX), half = "9223372036854775808";
+  const std::string nul("\0", 1);
+  const Malformed table[] = {
+      {"TOO_SHORT", "has 0 bytes, fewer than the 8", "", "", cut(0)},
+      {"TOO_SHORT", "has 7 bytes", "", "", cut(7)},
+      {"HEADER_TOO_LONG", "is 100000001, above 100000000", "", "", length(100'000'001)},
+      {"HEADER_TOO_LONG", "is 18446744073709551615", "", "", length(UINT64_MAX)},
+      {"HEADER_CUT", "is 100000000, and 20484 bytes follow", "", "", length(100'000'000)},
+      {"HEADER_CUT", "is 4088, and 4087 bytes follow", "", "", cut(4095)},
+      {"HEADER_START", "does not begin with '{'", "", "", length(0)},
+      {"HEADER_START", "does not begin with '{'", "{\"__m", " {\"__m"},
+      {"HEADER_START", "does not begin with '{'", "{\"__m", "[{\"__m"},
+      {"HEADER_JSON", "not JSON at its byte", "\"dtype\":\"I16\"}}", "\"dtype\":\"I16\"}"},
+      {"HEADER_JSON", "not JSON at its byte", "\"dtype\":\"I16\"}}", "\"dtype\":\"I16\"}}}"},
+      {"HEADER_JSON", "not JSON at its byte", "\"a\":{", "\"a\" {"},
+      {"HEADER_JSON", "not JSON at its byte 3000", "", "", byte(8 + 2999, '\0')},
+      {"HEADER_JSON", "not JSON at its byte", "kept",
+       "k\xff"
+       "ept"},
+      {"HEADER_JSON", "not JSON at its byte", "kept", "\\ud800"},
+      {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,03]"},
+      {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,1e999]"},
+      {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,NaN]"},
+      {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,/*3*/3]"},
+      {"HEADER_DEPTH", "an array in the entry of \"c\"", "[2,3]", "[[2,3]]"},
+      {"HEADER_DEPTH", "an array in the entry of \"c\"", "[2,3]", many},
+      {"HEADER_DEPTH", "an object in the entry of \"a\"", "\"dtype\":\"U8\"", "\"dtype\":{}"},
+      {"HEADER_DEPTH", "an object in the entry of \"note\"", "\"kept\"", "{}"},
+      {"HEADER_DEPTH", "an array in the entry of \"note\"", "\"kept\"", "[]"},
+      {"HEADER_ENTRY", "null in the entry of \"a\"", a, "\"a\":null"},
+      {"HEADER_ENTRY", "an array in the entry of \"a\"", a, "\"a\":[]"},
+      {"HEADER_ENTRY", "a number in the entry of \"a\"", "\"dtype\":\"U8\"", "\"dtype\":8"},
+      {"HEADER_ENTRY", "a string in the entry of \"c\"", "[2,3]", "\"2,3\""},
+      {"HEADER_ENTRY", "a boolean in the entry of \"c\"", "[2,3]", "[2,true]"},
+      {"HEADER_ENTRY", "a negative number in the entry of \"c\"", "[2,3]", "[2,-3]"},
+      {"HEADER_ENTRY", "no 64-bit integer in the entry of \"c\"", "[2,3]", "[2,3.5]"},
+      {"HEADER_ENTRY", "no 64-bit integer in the entry of \"c\"", "[2,3]", "[2,18446744073709551616]"},
+      {"HEADER_ENTRY", "\"c\" has a member \"sape\", which is none", "\"c\":{\"shape\"", "\"c\":{\"sape\""},
+      {"HEADER_ENTRY", "\"c\" has a member \"shape\" twice", "[2,3],", "[2,3],\"shape\":[6],"},
+      {"HEADER_ENTRY", "\"c\" lacks dtype, shape or two", ",\"dtype\":\"I16\"", ""},
+      {"HEADER_ENTRY", "\"c\" lacks dtype, shape or two", "[16384,16396]", "[16396]"},
+      {"HEADER_ENTRY", "\"c\" lacks dtype, shape or two", "[16384,16396]", "[16384,16396,16396]"},
+      {"HEADER_METADATA", "a number in the entry of \"note\"", "\"kept\"", "1"},
+      {"HEADER_METADATA", "null in the entry of \"note\"", "\"kept\"", "null"},
+      {"HEADER_METADATA", "a string in the entry of \"__metadata__\"", "", "",
+       [](std::string& file) { file = file_of(R"({"__metadata__":""})"); }},
+      {"HEADER_NAME", "the name \"\" is empty", "\"c\":", "\"\":"},
+      {"HEADER_NAME", "the name \"c?\" is empty or holds a NUL", "\"c\":", "\"c\\u0000\":"},
+      {"DUPLICATE_NAME", "two entries are named \"a\"", "\"c\":", "\"a\":"},
+      {"DUPLICATE_NAME", "two entries are named \"a\"", "\"c\":", "\"\\u0061\":"},
+      {"DUPLICATE_NAME", "two entries are named \"note\"", "\"kept\"", "\"kept\",\"note\":\"kept\""},
+      {"DUPLICATE_NAME", "two entries are named \"__metadata__\"", a, a + ",\"__metadata__\":{}"},
+      {"UNKNOWN_DTYPE", "tensor \"c\" has dtype \"i16\"", "\"I16\"", "\"i16\""},
+      {"SHAPE_OVERFLOW", "tensor \"c\" takes more than 2^61 bytes", "[2,3]", "[4611686018427387904,4]"},
+      {"SHAPE_OVERFLOW", "tensor \"c\" takes more than 2^61 bytes", "[2,3]", "[4294967296,4294967296,0]"},
+      {"SHAPE_OVERFLOW", "or no whole bytes", "[2,3],\"data_offsets\":[16384,16396],\"dtype\":\"I16\"",
+       "[1,1],\"data_offsets\":[16384,16385],\"dtype\":\"F4\""},
+      {"SHAPE_MISMATCH", "tensor \"c\" has 12 bytes, and its shape takes 14", "[2,3]", "[7]"},
+      {"SHAPE_MISMATCH", "tensor \"c\" has 12 bytes, and its shape takes 2", "[2,3]", "[]"},
+      {"SHAPE_MISMATCH", "tensor \"c\" has 12 bytes, and its shape takes 0", "[2,3]", "[0]"},
+      {"RANGE_REVERSED", "\"c\" begins at byte 16396 and ends at byte 16384", "[16384,16396]", "[16396,16384]"},
+      {"RANGE_OUTSIDE", "\"c\" ends at byte 16396 of the data, which have 16395", "", "", cut(4096 + 16395)},
+      {"RANGE_OUTSIDE", "\"a\" ends at byte 8192 of the data, which have 0", "", "", cut(4096)},
+      {"RANGE_OUTSIDE", "\"c\" ends at byte 18446744073709551615", "[16384,16396]", "[16384," + longest + "]"},
+      {"RANGE_OUTSIDE", "\"c\" ends at byte 9223372036854775820", "[16384,16396]",
+       "[" + half + ",9223372036854775820]"},
+      {"RANGE_OVERLAP", "\"c\" begins at byte 16383, inside another that ends at 16384", "[16384,16396]",
+       "[16383,16395]"},
+      {"RANGE_OVERLAP", "\"b\" begins at byte 0, inside another that ends at 8192", "[8192,16384]", "[0,8192]"},
+      {"RANGE_OVERLAP", "\"d\" begins at byte 5, inside another", a,
+       a + ",\"d\":{\"dtype\":\"U8\",\"shape\":[0],\"data_offsets\":[5,5]}"},
+      {"RANGE_GAP", "bytes 16384 to 16385, before tensor \"c\"", "[16384,16396]", "[16385,16397]", byte(20492, 'x')},
+      {"RANGE_GAP", "bytes 0 to 8192, before tensor \"b\"", a + ",", ""},
+      {"TRAILING_DATA", "bytes 16396 to 16397, behind the last tensor", "", "", byte(20492, 'x')},
+
+      {"NOT_PACKED_FILE", "its __metadata__ has no morun.format", "morun.format", "morun.fromat"},
+      {"UNKNOWN_VERSION", "of version \"2\"", "\"1\"", "\"2\""},
+      {"UNKNOWN_VERSION", "of version \"01\"", "\"1\"", "\"01\""},
+      {"RECORD_MISSING", "tensor \"c\": has no record", "morun.tensor.c", "tensor.c"},
+      {"RECORD_STRAY", "the record \"morun.tensor.d\" belongs to no tensor", "\"kept\"",
+       "\"\",\"morun.tensor.d\":\"{}\""},
+      {"RECORD_STRAY", "the record \"morun.tensor.\" belongs to no tensor", "\"kept\"",
+       "\"\",\"morun.tensor.\":\"{}\""},
+      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c'"},
+      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c'} x"},
+      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c'}\\u0000"},
+      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c','later':1e999}"},
+      {"RECORD_JSON", "tensor \"c\": the record is no flat object, but holds an array", "'$c'}",
+       "'$c','later':" + many},
+      {"RECORD_JSON", "tensor \"c\": the record is no flat object, but holds an object", "'$c'}", "'$c','later':{}}"},
+      {"RECORD_JSON", "tensor \"c\": the record is no flat object, but holds no members", "{'form':'carried'",
+       "1,{'f':1"},
+      {"RECORD_JSON", "tensor \"c\": the record has two members \"form\"", "'$c'}", "'$c','form':'carried'}"},
+      {"RECORD_MEMBER", "tensor \"a\": the record lacks n_inner, an unsigned integer", "'n_inner':33,'n_col':40,'so",
+       "'so"},
+      {"RECORD_MEMBER", "tensor \"a\": the record lacks form, a string", form_a + ",", ""},
+      {"RECORD_MEMBER", "tensor \"a\": the record lacks error, a number", "'error':0.5,", ""},
+      {"RECORD_MEMBER", "tensor \"a\": the record lacks checksum", ",'checksum':'$a'", ""},
+      {"RECORD_MEMBER", "tensor \"a\": the record's form is not a string", form_a, "'form':1"},
+      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned integer", "6144", "-6144"},
+      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned integer", "6144", "6144.0"},
+      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned integer", "6144", "18446744073709551616"},
+      {"RECORD_MEMBER", "tensor \"a\": the record's error is not a number of 0 or more", "0.5", "-0.5"},
+      {"RECORD_MEMBER", "tensor \"a\": the record's error is not a number of 0 or more", "0.5", "'0.5'"},
+      {"RECORD_MEMBER", "tensor \"a\": the record's source is not a string without NUL", "'A'", "'A\\\\u0000'"},
+      {"UNKNOWN_FORM", "tensor \"a\": the form \"f8\" is none", form_a, "'form':'f8'"},
+      {"UNKNOWN_QUANTISER", "tensor \"b\": the quantiser \"best\" is none", "'mse'", "'best'"},
+      {"PACKED_DTYPE", "tensor \"a\": a packed matrix is a U8 tensor of 1 dimension, not I8 of 1",
+       "\"U8\",\"shape\":[8192],\"data_offsets\":[0,", "\"I8\",\"shape\":[8192],\"data_offsets\":[0,"},
+      {"PACKED_DTYPE", "tensor \"a\": a packed matrix is a U8 tensor of 1 dimension, not U8 of 2",
+       "[8192],\"data_offsets\":[0,", "[2,4096],\"data_offsets\":[0,"},
+      {"EXTENTS", "tensor \"a\": a matrix of 0 x 40 is empty", form_a + ",'n_inner':33", form_a + ",'n_inner':0"},
+      {"EXTENTS", "x 40 in form f16 takes more than 4294965248 bytes", form_a + ",'n_inner':33",
+       form_a + ",'n_inner':" + longest},
+      {"EXTENTS", "x 40 in form f16 takes more than 4294965248 bytes", form_a + ",'n_inner':33",
+       form_a + ",'n_inner':33554432"},
+      {"EXTENTS", "in form f16 takes more than", form_a + ",'n_inner':33,'n_col':40",
+       form_a + ",'n_inner':" + half + ",'n_col':" + half},
+      {"PARTS", "tensor \"b\": zero points, scales and sums are said to stand at bytes 4096, 4096 and 6144",
+       "'zero_points':2048", "'zero_points':4096"},
+      {"PARTS", "stand at 2048, 4096 and 6144", "'scales':4096", "'scales':6144"},
+      {"PARTS", "stand at 2048, 4096 and 6144", "'sums':6144", "'sums':0"},
+      {"PARTS", "tensor \"b\": zero points", "a8w4','n_inner':33,'n_col':40", "a8w4','n_inner':65,'n_col':65"},
+      {"PACKED_SIZE", "tensor \"a\": has 8192 bytes, and 65 x 40 in form f16 takes 12288", form_a + ",'n_inner':33",
+       form_a + ",'n_inner':65"},
+      {"PACKED_SIZE", "tensor \"a\": has 8192 bytes, and 1 x 1 in form f16 takes 2048",
+       form_a + ",'n_inner':33,'n_col':40", form_a + ",'n_inner':1,'n_col':1"},
+      {"MISALIGNED", "the data begin at byte", "", "", [](std::string& file) { file = file_of(good_header, false); }},
+      {"MISALIGNED", "the data begin at byte 6144", "", "",
+       [](std::string& file) { file.insert(4096, 2048, ' '), set_length(file, 6136); }},
+      {"MISALIGNED", "tensor \"a\": begins at byte 4108 of the file, which is no multiple of 2048", "", "",
+       [](std::string& file) {
+         replace(file, "[8192,16384]", "[8204,16396]"), replace(file, "[0,8192]", "[12,8204]"),
+             replace(file, "[16384,16396]", "[0,12]      ");
+       }},
+      {"CHECKSUM_TEXT", "tensor \"c\": the checksum \"xxh3:0123456789abcde\" is not xxh3: and 16", "$c",
+       "xxh3:0123456789abcde"},
+      {"CHECKSUM_TEXT", "tensor \"c\": the checksum \"xxh3:0123456789ABCDEF\"", "$c", "xxh3:0123456789ABCDEF"},
+      {"CHECKSUM_TEXT", "tensor \"c\": the checksum \"crc3:0123456789abcdef\"", "$c", "crc3:0123456789abcdef"},
+  };
+  const std::string file = write("p.safetensors", "");
+  for (const Malformed& test : table) {
+    SCOPED_TRACE(test.text);
+    std::string header = good_header;
+    const size_t at = header.find(test.from);
+    ASSERT_NE(at, std::string::npos);
+    std::string bytes = file_of(header.replace(at, test.from.size(), test.to));
+    if (test.change) test.change(bytes);
+    write("p.safetensors", bytes);
+    morun_weights_file* opened = nullptr;
+    EXPECT_STREQ(morun_weights_status_name(morun_weights_file_open(file.c_str(), &opened)), test.status);
+    EXPECT_EQ(opened, nullptr);
+    const std::string text = morun_weights_error_text();
+    EXPECT_TRUE(text.starts_with(file + ": ")) << text;
+    EXPECT_NE(text.find(test.text), std::string::npos) << text;
+  }
+}
+
+// ---- Refusals of calls ---------------------------------------------------------------------------------------------
+
+TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
+  const std::string file = write("p.safetensors", file_of(good_header));
+  morun_weights_file* none = nullptr;
+  mkfifo(path("pipe").c_str(), 0600);
+  const std::pair<std::string, const char*> paths[] = {
+      {path("absent"), "No such file"}, {folder_, "no regular file"}, {path("pipe"), "no regular file"}};
+  for (const auto& [name, text] : paths) {
+    EXPECT_EQ(morun_weights_file_open(name.c_str(), &none), MORUN_WEIGHTS_OPEN);
+    EXPECT_NE(std::string(morun_weights_error_text()).find(text), std::string::npos) << morun_weights_error_text();
+  }
+  EXPECT_EQ(morun_weights_file_open(nullptr, &none), MORUN_WEIGHTS_NULL_ARGUMENT);
+  EXPECT_EQ(morun_weights_file_open(file.c_str(), nullptr), MORUN_WEIGHTS_NULL_ARGUMENT);
+  EXPECT_EQ(none, nullptr);
+  morun_weights_file_close(nullptr);
+
+  const Reader reader(file);
+  EXPECT_STREQ(reader.tensor(0).source_name, "A");
+  EXPECT_EQ(reader.tensor(0).error, 0.5);
+  EXPECT_EQ(reader.tensor(0).product_error, -1);
+  EXPECT_EQ(reader.tensor(1).product_error, 0);
+  EXPECT_EQ(reader.tensor(1).quantiser, MORUN_WEIGHTS_MSE);
+  for (uint64_t i = 0; i < 3; ++i) EXPECT_EQ(morun_weights_file_verify(reader.handle, i), 0);
+  const morun_weights_file* const good = reader.handle;
+  uint64_t number = 99;
+  morun_weights_tensor tensor;
+  char bytes[16] = "untouched";
+  std::vector<float> values(33 * 40, 99);
+  const std::tuple<const char*, int32_t, const char*> calls[] = {
+      {"NULL_ARGUMENT", morun_weights_file_count(nullptr, &number), "file"},
+      {"NULL_ARGUMENT", morun_weights_file_count(good, nullptr), "count"},
+      {"NULL_ARGUMENT", morun_weights_file_tensor(nullptr, 0, &tensor), "file"},
+      {"NULL_ARGUMENT", morun_weights_file_tensor(good, 0, nullptr), "tensor"},
+      {"BAD_ARGUMENT", morun_weights_file_tensor(good, 3, &tensor), "index"},
+      {"NULL_ARGUMENT", morun_weights_file_find(nullptr, "a", &number), "file"},
+      {"NULL_ARGUMENT", morun_weights_file_find(good, nullptr, &number), "name"},
+      {"NULL_ARGUMENT", morun_weights_file_find(good, "a", nullptr), "index"},
+      {"NOT_FOUND", morun_weights_file_find(good, "A", &number), "has no tensor \"A\""},
+      {"NULL_ARGUMENT", morun_weights_file_verify(nullptr, 0), "file"},
+      {"BAD_ARGUMENT", morun_weights_file_verify(good, UINT64_MAX), "index"},
+      {"NULL_ARGUMENT", morun_weights_file_read(nullptr, 2, 0, 12, bytes), "file"},
+      {"NULL_ARGUMENT", morun_weights_file_read(good, 2, 0, 12, nullptr), "bytes"},
+      {"BAD_ARGUMENT", morun_weights_file_read(good, 3, 0, 12, bytes), "index"},
+      {"BAD_ARGUMENT", morun_weights_file_read(good, 2, 13, 0, bytes), "range"},
+      {"BAD_ARGUMENT", morun_weights_file_read(good, 2, 1, 12, bytes), "range"},
+      {"BAD_ARGUMENT", morun_weights_file_read(good, 2, 8, UINT64_MAX - 4, bytes), "range"},
+      {"SUCCESS", morun_weights_file_read(good, 2, 12, 0, nullptr), ""},
+      {"NULL_ARGUMENT", morun_weights_file_unpack(nullptr, 0, values.data()), "file"},
+      {"NULL_ARGUMENT", morun_weights_file_unpack(good, 0, nullptr), "values"},
+      {"BAD_ARGUMENT", morun_weights_file_unpack(good, 3, values.data()), "index"},
+      {"NOT_PACKED", morun_weights_file_unpack(good, 2, values.data()), "tensor \"c\" is not packed"}};
+  for (const auto& [status, got, what] : calls) EXPECT_STREQ(morun_weights_status_name(got), status) << what;
+  EXPECT_EQ(number, 99u);
+  EXPECT_STREQ(bytes, "untouched");
+  EXPECT_EQ(values, std::vector<float>(33 * 40, 99));
+
+  // A bit that falls over, in place, and a file that becomes shorter.
+  for (const auto& [at, index] : {std::pair{4096, 0}, {4096 + 8191, 0}, {4096 + 8192, 1}, {4096 + 16395, 2}}) {
+    const uint64_t damaged = static_cast<uint64_t>(index);
+    std::string changed = file_of(good_header);
+    changed[static_cast<size_t>(at)] ^= 1;
+    write("p.safetensors", changed);
+    for (uint64_t i = 0; i < 3; ++i) {
+      const int32_t expected = i == damaged ? MORUN_WEIGHTS_CHECKSUM : MORUN_WEIGHTS_SUCCESS;
+      EXPECT_EQ(morun_weights_file_verify(good, i), expected);
+      if (i < 2) {
+        EXPECT_EQ(morun_weights_file_unpack(good, i, values.data()), expected);
+      }
+      EXPECT_EQ(reader.bytes(i, 0, 4), changed.substr(4096 + 8192 * i, 4));
+    }
+    EXPECT_NE(std::string(morun_weights_error_text()).find(reader.tensor(damaged).name), std::string::npos);
+  }
+  fs::resize_file(file, 4096 + 8192 + 8191);
+  EXPECT_EQ(morun_weights_file_verify(good, 1), MORUN_WEIGHTS_SHRUNK);
+  EXPECT_EQ(morun_weights_file_unpack(good, 1, values.data()), MORUN_WEIGHTS_SHRUNK);
+  EXPECT_EQ(morun_weights_file_read(good, 2, 0, 1, bytes), MORUN_WEIGHTS_SHRUNK);
+  EXPECT_EQ(reader.bytes(1, 8000, 191).size(), 191u) << "up to the end of the file";
+}
+
+TEST_F(WeightsFile, MemoryThatRunsOutIsAStatusWhereverItDoes) {
+  const std::string file = write("p.safetensors", file_of(good_header));
+  std::vector<float> values(33 * 40);
+  const auto n_descriptor = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+  const auto before = n_descriptor();
+  uint64_t n_failure = 0, n_survived = 0;
+  for (bool has_run_out = true; has_run_out; ++n_failure) {
+    allocation_shim_fail(n_failure + 1, false);
+    morun_weights_file* opened = nullptr;
+    uint64_t index = 0;
+    int32_t status = morun_weights_file_open(file.c_str(), &opened);
+    if (status == 0) status = morun_weights_file_find(opened, "b, which is a name of more than a few letters", &index);
+    if (status == MORUN_WEIGHTS_NOT_FOUND) status = morun_weights_file_verify(opened, 1);
+    if (status == 0) status = morun_weights_file_unpack(opened, 1, values.data());
+    has_run_out = allocation_shim_failed() != 0;
+    allocation_shim_fail(0, false);
+    // Sorting works without memory of its own, and throwing has a reserve.
+    if (has_run_out && status == MORUN_WEIGHTS_SUCCESS) {
+      ++n_survived;
+    } else {
+      EXPECT_EQ(status, has_run_out ? MORUN_WEIGHTS_NO_MEMORY : MORUN_WEIGHTS_SUCCESS) << n_failure;
+    }
+    morun_weights_file_close(opened);
+    EXPECT_EQ(n_descriptor(), before);
+  }
+  EXPECT_GT(n_failure, 50u);
+  EXPECT_LE(n_survived, 2u);
+}
+
+}  // namespace

@@ -1,0 +1,560 @@
+// Packed matrices in shared buffers: what is planned, that products of what is loaded are right, every refusal, and
+// that a failure leaves nothing.
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <numeric>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "include/morun_weights.h"
+#include "tests/data.h"
+#include "tests/packed_matrix.h"
+#include "tests/support.h"
+#include "tests/weight_files.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using test::Json;
+
+// What the nth read from now on does; 0: none.
+uint64_t nth_read;
+enum { whole, short_read, interrupted, input_output_error, end_of_file } read_result;
+
+}  // namespace
+
+extern "C" ssize_t pread(int file, void* bytes, size_t n_byte, off_t offset) {
+  const auto result = nth_read != 0 && --nth_read == 0 ? read_result : whole;
+  if (result == end_of_file) return 0;
+  if (result == short_read) n_byte = (n_byte + 1) / 2;
+  if (result != interrupted && result != input_output_error) return syscall(SYS_pread64, file, bytes, n_byte, offset);
+  errno = result == interrupted ? EINTR : EIO;
+  return -1;
+}
+
+namespace {
+
+constexpr int32_t f16 = MORUN_WEIGHTS_F16, a8w8 = MORUN_WEIGHTS_A8W8, a8w4 = MORUN_WEIGHTS_A8W4;
+constexpr uint64_t kib = 1024;
+using Requests = std::vector<morun_weights_request>;
+
+bool tells(const std::string& text) {
+  return std::string(morun_weights_error_text()).find(text) != std::string::npos;
+}
+#define EXPECT_TEXT(text) EXPECT_TRUE(tells(text)) << morun_weights_error_text()
+
+class WeightsLoad : public test::PlatformTest {
+ protected:
+  WeightsLoad() : folder_(fs::path(testing::TempDir()) / ("weights_load_test." + std::to_string(getpid()))) {
+    fs::create_directories(folder_);
+  }
+  ~WeightsLoad() override { fs::remove_all(folder_); }
+  void TearDown() override {
+    morun_weights_file_close(file_);
+    test::PlatformTest::TearDown();
+  }
+
+  // A file of "NAME FORM N_INNER N_COL ...".
+  void open(const std::string& matrices) {
+    morun_weights_file_close(std::exchange(file_, nullptr));
+    test::pack(path_, matrices);
+    ASSERT_EQ(morun_weights_file_open(path_.c_str(), &file_), 0) << morun_weights_error_text();
+  }
+  // "NAME ...", each followed by "/GROUP" where it has one, and by "!" where it is alone too.
+  Requests requests(const std::string& text) const {
+    Requests all;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+      morun_weights_request& request = all.emplace_back();
+      const size_t end = word.find('/');
+      if (end != word.npos) request.group = static_cast<uint32_t>(std::stoul(word.substr(end + 1)));
+      request.alone = word.back() == '!';
+      EXPECT_EQ(morun_weights_file_find(file_, word.substr(0, end).c_str(), &request.tensor), 0) << word;
+    }
+    return all;
+  }
+  // For so many bytes in each session.
+  static tavik_context* initialise_with_room(uint64_t n_byte) {
+    test::configure([&](auto& c) { c.session_bytes = 3 * (4 << 16) + 3 * 1024 + 2 * (1 << 16) + n_byte; });
+    return initialise();
+  }
+  morun_weights_tensor tensor(uint64_t index) const {
+    morun_weights_tensor tensor;
+    EXPECT_EQ(morun_weights_file_tensor(file_, index, &tensor), 0);
+    return tensor;
+  }
+  int32_t load(tavik_context* context, const std::string& text, uint64_t largest_buffer = 0, int32_t skips = 0) {
+    const Requests all = requests(text);
+    const morun_weights_load_options options = {largest_buffer, skips, 0};
+    loaded_ = nullptr;
+    return morun_weights_load(file_, context, all.size(), all.data(), &options, &loaded_);
+  }
+  void expect_success(tavik_context* context, const std::string& text) {
+    ASSERT_EQ(load(context, text), 0) << morun_weights_error_text();
+    const Requests all = requests(text);
+    for (size_t i = 0; i < all.size(); ++i) {
+      morun_weights_operand operand;
+      EXPECT_EQ(morun_weights_operand_of(loaded_, i, &operand), 0);
+      const std::vector<uint8_t> expected = matrix(all[i]).bytes;
+      EXPECT_EQ(memcmp(operand.bytes, expected.data(), expected.size()), 0) << text << ", " << i;
+    }
+    EXPECT_EQ(morun_weights_release(loaded_), 0) << morun_weights_error_text();
+  }
+  // Nothing is left but sessions.
+  void expect_failure(tavik_context* context, const std::string& requested, int32_t status, const std::string& text,
+                      uint64_t largest_buffer = 0) {
+    const parlo_emulator_usage before = test::usage();
+    const uint64_t n_buffers = context->n_buffers;
+    EXPECT_EQ(load(context, requested, largest_buffer), status);
+    EXPECT_TEXT(text);
+    EXPECT_EQ(loaded_, nullptr);
+    EXPECT_EQ(context->n_buffers, n_buffers);
+    EXPECT_EQ(test::usage().n_allocations, before.n_allocations);
+    EXPECT_EQ(test::usage().n_bytes, before.n_bytes);
+  }
+  test::PackedMatrix matrix(const morun_weights_request& request) const {
+    const morun_weights_tensor t = tensor(request.tensor);
+    test::PackedMatrix matrix = {t.form, t.layout, std::vector<uint8_t>(t.n_byte)};
+    EXPECT_EQ(morun_weights_file_read(file_, request.tensor, 0, t.n_byte, matrix.bytes.data()), 0);
+    return matrix;
+  }
+
+  const fs::path folder_;
+  const std::string path_ = folder_ / "packed.safetensors";
+  morun_weights_file* file_ = nullptr;
+  morun_weights_loaded* loaded_ = nullptr;
+};
+
+// ---- Plans ---------------------------------------------------------------------------------------------------------
+
+// In 2048 bytes: "SIZES of the buffers / of which in session 0: BUFFER+OFFSET of each request".
+std::string told(const morun_weights_plan& plan, const std::vector<morun_weights_place>& places) {
+  std::ostringstream text;
+  for (uint32_t i = 0; i < plan.n_buffer; ++i) text << plan.buffer_size[i] / 2048 << ' ';
+  text << "/ " << plan.n_first_session << ':';
+  for (const auto& place : places) text << ' ' << place.buffer << '+' << place.offset / 2048;
+  return text.str();
+}
+
+TEST_F(WeightsLoad, PlansKeepGroupsTogetherAndPutFourBitMatricesFirst) {
+  // fN takes N times 2048 bytes; q4 and q5, of 4 bits, take 4 and 5 times.
+  open(
+      "f1 f16 32 32  f2 f16 32 64  f3 f16 96 32  f4 f16 64 64  f5 f16 32 160  f6 f16 96 64  q4 a8w4 32 32 "
+      "q5 a8w4 32 256  plain carried 1 1");
+  struct Case {
+    const char* requests;
+    uint64_t largest;  // in 2048 bytes; 0: the default
+    uint32_t n_free;
+    const char* expected;
+    int32_t status = 0;
+  };
+  const Case cases[] = {
+      {"", 1, 0, "/ 0:"},
+      // In the order of the requests, while that takes few buffers enough.
+      {"f3 f1 f4 f2", 0, 32, "10 / 0: 0+0 0+3 0+4 0+8"},
+      {"f3 f2 f4 f1", 6, 2, "5 5 / 0: 0+0 0+3 1+0 1+4"},
+      {"f3 f5 f4 f1 f2", 6, 4, "3 5 5 2 / 0: 0+0 1+0 2+0 2+4 3+0"},
+      // Fewer by putting the largest first.
+      {"f3 f5 f4 f1 f2", 6, 3, "6 6 3 / 0: 2+0 0+0 1+0 0+5 1+4"},
+      {"q5 f3 f5 f4 f1 f2", 6, 4, "5 6 6 3 / 1: 0+0 3+0 1+0 2+0 1+5 2+4"},
+      // Groups are one piece, whatever stands between their tensors.
+      {"f3/7 f5 f1/9 f2/7", 6, 4, "5 6 / 0: 0+0 1+0 1+5 0+3"},
+      // 4 bits: alone first; of a group only where that is said.
+      {"f1 q4 f2 q5", 9, 32, "9 3 / 1: 1+0 0+0 1+1 0+4"},
+      {"f1 q4/1 f2 q5/1", 12, 32, "12 / 0: 0+0 0+1 0+10 0+5"},
+      {"f1 q4/1 f2/2 q5/1! f3/2!", 12, 32, "9 6 / 1: 1+0 0+0 1+1 0+4 1+3"},
+      // Buffers of session 0 take other matrices only where there are too few.
+      {"f3 q5", 8, 2, "5 3 / 1: 1+0 0+0"},
+      {"f3 q5", 8, 1, "8 / 1: 0+5 0+0"},
+      {"f1 plain", 0, 32, "tensor \"plain\" is not packed", MORUN_WEIGHTS_NOT_PACKED},
+      {"f1 f2 f1/1", 0, 32, "tensor \"f1\" is requested twice", MORUN_WEIGHTS_REQUESTED_TWICE},
+      {"f1 f4", 3, 32, "tensor \"f4\" takes 8192 bytes in one buffer, and the largest buffer has 6144",
+       MORUN_WEIGHTS_GROUP_TOO_LARGE},
+      {"f2 f1/5 f4/5", 4, 32, "group 5, of 2 tensors from tensor \"f1\" on, takes 10240 bytes in one buffer, and the",
+       MORUN_WEIGHTS_GROUP_TOO_LARGE},
+      {"f3 f5 f4 f6", 6, 3,
+       "at most 12288 bytes the tensors take 4, and 3 are free; a largest buffer of 14336 bytes would do",
+       MORUN_WEIGHTS_TOO_MANY_BUFFERS},
+      {"f1", 1, 0, "at most 2048 bytes the tensors take 1, and 0 are free; no largest buffer would do",
+       MORUN_WEIGHTS_TOO_MANY_BUFFERS},
+      {"f1", (1 << 21) - 1, 32, "1 / 0: 0+0"},
+      {"f1", 1 << 21, 32, "largest_buffer", MORUN_WEIGHTS_BAD_ARGUMENT},
+      {"f1", 1, 33, "n_free_buffer", MORUN_WEIGHTS_BAD_ARGUMENT},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.expected);
+    const Requests all = requests(c.requests);
+    std::vector<morun_weights_place> places(all.size(), {77, 77});
+    morun_weights_plan plan = {};
+    EXPECT_EQ(
+        morun_weights_plan_places(file_, all.size(), all.data(), 2048 * c.largest, c.n_free, &plan, places.data()),
+        c.status);
+    if (c.status == 0) {
+      EXPECT_EQ(told(plan, places), c.expected);
+      continue;
+    }
+    EXPECT_TEXT(c.expected);
+    EXPECT_EQ(plan.n_buffer + places[0].buffer + places[0].offset, 154u) << "unchanged";
+  }
+
+  const morun_weights_request any = {0, 0, 0}, none = {9, 0, 0};
+  morun_weights_plan plan;
+  morun_weights_place place;
+  const auto status = [&](auto... arguments) { return morun_weights_plan_places(arguments...); };
+  EXPECT_EQ(status(file_, 1, &any, 2047, 32, &plan, &place), MORUN_WEIGHTS_BAD_ARGUMENT);
+  EXPECT_EQ(status(file_, 1, &none, 0, 32, &plan, &place), MORUN_WEIGHTS_BAD_ARGUMENT);
+  for (int null = 0; null < 4; ++null)
+    EXPECT_EQ(status(null == 0 ? nullptr : file_, 1, null == 1 ? nullptr : &any, 0, 32, null == 2 ? nullptr : &plan,
+                     null == 3 ? nullptr : &place),
+              MORUN_WEIGHTS_NULL_ARGUMENT);
+}
+
+TEST_F(WeightsLoad, PlansReachOffsetsOf32Bits) {
+  // The data, of which nothing is read, is a hole: a and b take 2^31 bytes, c takes 2048.
+  constexpr uint64_t large = uint64_t{1} << 31;
+  const std::pair<std::string, uint64_t> columns[] = {{"a", large / 64}, {"b", large / 64}, {"c", 32}};
+  Json header;
+  header["__metadata__"]["morun.format"] = "1";
+  uint64_t begin = 0;
+  for (const auto& [name, n_col] : columns) {
+    const Json record = {{"form", "f16"},
+                         {"n_inner", 32},
+                         {"n_col", n_col},
+                         {"source", ""},
+                         {"source_dtype", ""},
+                         {"error", 0},
+                         {"checksum", "xxh3:0123456789abcdef"}};
+    header["__metadata__"]["morun.tensor." + name] = record.dump();
+    header[name] = {{"dtype", "U8"}, {"shape", {64 * n_col}}, {"data_offsets", {begin, begin + 64 * n_col}}};
+    begin += 64 * n_col;
+  }
+  std::string text = header.dump();
+  text.resize(4088, ' ');
+  std::ofstream(path_, std::ios::binary) << std::string("\xf8\x0f\0\0\0\0\0\0", 8) << text;
+  fs::resize_file(path_, 4096 + begin);
+  ASSERT_EQ(morun_weights_file_open(path_.c_str(), &file_), 0) << morun_weights_error_text();
+  morun_weights_plan plan;
+  std::vector<morun_weights_place> places(3);
+  const auto make = [&](const Requests& all) {
+    return morun_weights_plan_places(file_, all.size(), all.data(), 2 * large - 2048, 32, &plan, places.data());
+  };
+  ASSERT_EQ(make(requests("a/1 b c/1")), 0) << morun_weights_error_text();
+  EXPECT_EQ(told(plan, places), "1048577 1048576 / 0: 0+0 1+0 0+1048576");
+  EXPECT_EQ(make(requests("a/1 b/1")), MORUN_WEIGHTS_GROUP_TOO_LARGE);
+  EXPECT_TEXT("takes 4294967296 bytes in one buffer, and the largest buffer has 4294965248");
+  EXPECT_EQ(make(requests("a/1 b/1 c/1")), MORUN_WEIGHTS_GROUP_TOO_LARGE);
+  const Requests a = requests("a");
+  EXPECT_EQ(morun_weights_plan_places(file_, 1, a.data(), 0, 32, &plan, places.data()), MORUN_WEIGHTS_GROUP_TOO_LARGE);
+  EXPECT_TEXT("and the largest buffer has 268435456");
+}
+
+TEST_F(WeightsLoad, PlansOfAnythingAreSound) {
+  std::ostringstream matrices;
+  for (int i = 0; i < 60; ++i) matrices << 'm' << i << (i % 5 == 0 ? " a8w4 32 " : " f16 32 ") << 32 + i * i / 2 << ' ';
+  open(matrices.str());
+  test::Random random(1);
+  const auto below = [&](uint64_t end) { return static_cast<uint32_t>(random.bits() % end); };
+  int n_planned = 0, n_refused = 0;
+  for (int n = 0; n < 2000; ++n) {
+    Requests all;
+    for (uint64_t i = 0; i < 60; ++i)
+      if (below(2) == 0) all.push_back({i, below(9), below(8) == 0});
+    std::vector<morun_weights_place> places(all.size());
+    morun_weights_plan plan;
+    const uint64_t largest = 2048 * (50 + below(500));
+    const uint32_t n_free = 1 + below(32);
+    const auto make = [&](uint64_t most) {
+      return morun_weights_plan_places(file_, all.size(), all.data(), most, n_free, &plan, places.data());
+    };
+    int32_t status = make(largest);
+    if (status == MORUN_WEIGHTS_TOO_MANY_BUFFERS) {
+      const std::string text = morun_weights_error_text();
+      uint64_t sufficient = 0;
+      ASSERT_EQ(sscanf(text.c_str() + text.find("; "), "; a largest buffer of %ju", &sufficient), 1) << text;
+      ASSERT_GT(sufficient, largest);
+      status = make(sufficient);
+      ASSERT_EQ(status, 0) << text;
+      ++n_refused;
+    }
+    if (status != 0) continue;
+    ++n_planned;
+    ASSERT_LE(plan.n_buffer, n_free);
+    // Everything has a place, nothing overlaps, and no byte of a buffer is left over.
+    std::vector<std::set<std::pair<uint64_t, uint64_t>>> ranges(plan.n_buffer);
+    std::map<uint32_t, uint32_t> buffer_of_group;
+    for (size_t i = 0; i < all.size(); ++i) {
+      const auto [buffer, offset] = places[i];
+      const morun_weights_tensor t = tensor(all[i].tensor);
+      ranges.at(buffer).insert({offset, offset + t.n_byte});
+      const bool is_alone = all[i].group == 0 || all[i].alone != 0;
+      ASSERT_TRUE(t.form == f16 || !is_alone || buffer < plan.n_first_session);
+      ASSERT_TRUE(all[i].group == 0 || buffer_of_group.emplace(all[i].group, buffer).first->second == buffer);
+    }
+    for (uint32_t b = 0; b < plan.n_buffer; ++b) {
+      uint64_t end = 0;
+      for (const auto& [begin, next] : ranges[b]) ASSERT_EQ(std::exchange(end, next), begin);
+      ASSERT_EQ(end, plan.buffer_size[b]);
+    }
+  }
+  EXPECT_GT(n_planned, 1000);
+  EXPECT_GT(n_refused, 50);
+}
+
+// ---- Products ------------------------------------------------------------------------------------------------------
+
+constexpr int32_t n_row = 3;
+
+// Integers up to 127, which 127 makes exact in 8 bits; the padding is 0.
+std::vector<float> activation_of(const morun_weights_operand& o) {
+  const auto n_inner = static_cast<size_t>(o.padded_n_inner);
+  std::vector<float> X(n_row * n_inner);
+  test::Random random(5);
+  for (size_t at = 0; at < X.size(); ++at)
+    if (at % n_inner < static_cast<size_t>(o.n_inner))
+      X[at] = at % n_inner == 3 ? 127 : static_cast<float>(random.bits() % 255) - 127;
+  return X;
+}
+
+void expect_product(const test::PackedMatrix& W, const std::vector<float>& X, const std::vector<float>& A) {
+  const size_t n_inner = W.layout.padded_n_inner, n_col = W.layout.padded_n_col;
+  for (size_t at = 0; at < A.size(); ++at) {
+    double exact = 0, size = 0;
+    for (size_t k = 0; k < n_inner; ++k) {
+      const double term = X[at / n_col * n_inner + k] * W.value(k, at % n_col);
+      exact += term;
+      size += std::abs(term);
+    }
+    ASSERT_NEAR(A[at], exact, size * (W.form == f16 ? 1e-3 : 1e-6)) << at / n_col << ", " << at % n_col;
+  }
+}
+
+uint32_t multiply(tavik_context* context, const morun_weights_operand& o, float* A, const float* X) {
+  const auto fd = static_cast<uint32_t>(o.fd);
+  if (o.form == f16)
+    return tavik_npu_mm_f32_rm_f32_rm_f16_wh(context, n_row, o.padded_n_col, o.padded_n_inner, A, X, fd, o.q_offset);
+  uint64_t handle;
+  if (o.form == a8w4) tavik_context_get_handle_from_fd(context, o.fd, &handle);  // the product changes no session
+  const auto product =
+      o.form == a8w4 ? tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh : tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh;
+  return product(context, n_row, o.padded_n_col, o.padded_n_inner, A, X, fd, o.q_offset, o.z_offset, o.s_offset,
+                 o.sum_offset);
+}
+
+uint32_t multiply_pair(tavik_context* context, const morun_weights_operand& u, const morun_weights_operand& f,
+                       float* A_U, float* A_F, const float* X) {
+  return tavik_npu_2mm_a8w4_f32_rm_f32_rm_i4f16_wh(context, n_row, u.padded_n_col, u.padded_n_inner, A_U, A_F, X,
+                                                   static_cast<uint32_t>(u.fd), static_cast<uint32_t>(f.fd), u.q_offset,
+                                                   u.z_offset, u.s_offset, u.sum_offset, f.q_offset, f.z_offset,
+                                                   f.s_offset, f.sum_offset);
+}
+
+TEST_F(WeightsLoad, ProductsOfLoadedMatricesAreThoseOfWhatWasPacked) {
+  open(
+      "k a8w8 70 45  out f16 70 45  gate a8w4 70 90  up a8w4 70 91  q a8w8 70 64  down f16 33 64  head a8w4 70 31 "
+      "big a8w8 96 256");
+  // The last one has to be in session 0, which has not room for everything.
+  const char* const requested = "big out q/3 gate/1 k/3 up/1 down head";
+  const Requests all = requests(requested);
+  const int32_t n_inner[] = {96, 70, 70, 70, 70, 70, 33, 70}, n_col[] = {256, 45, 64, 90, 45, 91, 64, 31};
+  constexpr size_t q = 2, gate = 3, k = 4, up = 5, head = 7;
+  std::vector<test::PackedMatrix> W;
+  for (const auto& r : all) W.push_back(matrix(r));
+  tavik_context* const context = initialise_with_room(60 * kib);
+  for (const int32_t skip_checksums : {0, 1}) {
+    ASSERT_EQ(load(context, requested, 32 * kib, skip_checksums), 0) << morun_weights_error_text();
+    if (skip_checksums != 0) morun_weights_file_close(std::exchange(file_, nullptr));  // which is not needed any more
+    std::vector<morun_weights_operand> operands(all.size());
+    std::vector<std::vector<float>> X, A;
+    std::set<uint64_t> sessions;
+    for (size_t i = 0; i < all.size(); ++i) {
+      SCOPED_TRACE(i);
+      morun_weights_operand& o = operands[i];
+      ASSERT_EQ(morun_weights_operand_of(loaded_, i, &o), 0);
+      EXPECT_EQ(memcmp(o.bytes, W[i].bytes.data(), W[i].bytes.size()), 0);
+      EXPECT_TRUE(o.form == W[i].form && o.n_inner == n_inner[i] && o.n_col == n_col[i]);
+      EXPECT_TRUE(o.form != f16 || o.z_offset + o.s_offset + o.sum_offset == 0);
+      uint64_t session = 77;
+      EXPECT_EQ(tavik_context_get_session_from_fd(context, o.fd, &session), 0);
+      EXPECT_EQ(session, o.session);
+      sessions.insert(session);
+      X.push_back(activation_of(o));
+      A.emplace_back(n_row * static_cast<size_t>(o.padded_n_col));
+      if (i == gate || i == up) continue;
+      ASSERT_EQ(multiply(context, o, A[i].data(), X[i].data()), 0u) << test::last_error();
+      expect_product(W[i], X[i], A[i]);
+    }
+    EXPECT_EQ(operands[head].session, 0u);
+    EXPECT_GT(sessions.size(), 1u);
+    EXPECT_EQ(operands[q].fd, operands[k].fd);
+    ASSERT_EQ(multiply_pair(context, operands[gate], operands[up], A[gate].data(), A[up].data(), X[gate].data()), 0u)
+        << test::last_error();
+    expect_product(W[gate], X[gate], A[gate]);
+    expect_product(W[up], X[up], A[up]);
+    EXPECT_EQ(morun_weights_operand_of(loaded_, all.size(), &operands[0]), MORUN_WEIGHTS_BAD_ARGUMENT);
+    EXPECT_EQ(morun_weights_operand_of(nullptr, 0, &operands[0]), MORUN_WEIGHTS_NULL_ARGUMENT);
+    EXPECT_EQ(morun_weights_operand_of(loaded_, 0, nullptr), MORUN_WEIGHTS_NULL_ARGUMENT);
+    EXPECT_EQ(morun_weights_release(loaded_), 0) << morun_weights_error_text();
+    EXPECT_EQ(context->n_buffers, 0u);
+  }
+  clean_up(context);
+}
+
+// ---- Failures ------------------------------------------------------------------------------------------------------
+
+TEST_F(WeightsLoad, WhatDoesNotFitIsRefusedAndLeavesNothing) {
+  open("a a8w4 32 32  b a8w4 64 1024  c f16 64 128  plain carried 1 1");  // 8, 40 and 16 KiB
+  tavik_context* context = initialise_with_room(50 * kib);
+  expect_success(context, "");
+  expect_success(context, "c b a");
+  const int32_t taken = allocate(context, 8 * kib);
+  expect_failure(context, "c b a", MORUN_WEIGHTS_SESSION,
+                 "be in session 0 and take 49152 bytes; session 0 has no room for 49152 bytes beside 0 of them");
+  expect_failure(context, "c b a", MORUN_WEIGHTS_SESSION,
+                 "take 49152 bytes; session 0 has no room for 8192 bytes beside 40960 of them", 40 * kib);
+  expect_success(context, "c b");
+  expect_failure(context, "plain", MORUN_WEIGHTS_NOT_PACKED, "\"plain\" is not packed");
+  expect_failure(context, "b", MORUN_WEIGHTS_GROUP_TOO_LARGE, "takes 40960 bytes", 36 * kib);
+  expect_failure(context, "c", MORUN_WEIGHTS_BAD_ARGUMENT, "largest_buffer", 2047);
+  const uint64_t n_allocated = test::usage().n_bytes;
+  test::configure([&](auto& config) { config.allocation_bytes = n_allocated + 20 * kib; });
+  expect_failure(context, "c a", MORUN_WEIGHTS_BUFFER,
+                 "buffer 2 of 2, of 16384 bytes, cannot be had beside 8192 bytes in those before it; the context has 2 "
+                 "sessions: failed to allocate shared buffer of size 16384");
+  release(context, taken);
+  clean_up(context);
+
+  parlo_emulator_reset();
+  context = initialise();
+  std::vector<int32_t> fds;
+  while (fds.size() < 31) fds.push_back(allocate(context, 2048));
+  expect_failure(context, "c a", MORUN_WEIGHTS_TOO_MANY_BUFFERS, "take 2, and 1 are free", 16 * kib);
+  expect_success(context, "c a");
+  for (const int32_t fd : fds) release(context, fd);
+  const morun_weights_request any = {0, 0, 0};
+  for (int null = 0; null < 4; ++null)
+    EXPECT_EQ(morun_weights_load(null == 0 ? nullptr : file_, null == 1 ? nullptr : context, 1,
+                                 null == 2 ? nullptr : &any, nullptr, null == 3 ? nullptr : &loaded_),
+              MORUN_WEIGHTS_NULL_ARGUMENT);
+  morun_weights_load_options options = {1, 2, 3};
+  morun_weights_load_options_init(&options);
+  EXPECT_EQ(options.largest_buffer, 1u << 28);
+  EXPECT_EQ(options.skip_checksums, 0);
+  clean_up(context);
+}
+
+TEST_F(WeightsLoad, ReadsThatFailLeaveNothingAndShortOnesGoOn) {
+  constexpr char matrices[] = "a a8w8 512 1024  b f16 64 128  c a8w4 64 64";  // the first takes several reads
+  open(matrices);
+  tavik_context* const context = initialise();
+  for (const auto result : {short_read, interrupted, input_output_error, end_of_file}) {
+    read_result = result;
+    const int32_t expected = result == end_of_file          ? MORUN_WEIGHTS_SHRUNK
+                             : result == input_output_error ? MORUN_WEIGHTS_READ
+                                                            : MORUN_WEIGHTS_SUCCESS;
+    uint64_t nth = 0;
+    do {
+      nth_read = ++nth;
+      const int32_t status = load(context, "c b a");
+      EXPECT_EQ(status, nth_read == 0 ? expected : 0) << result << ", read " << nth;
+      EXPECT_EQ(context->n_buffers == 0, loaded_ == nullptr);
+      EXPECT_EQ(morun_weights_release(loaded_), 0);
+    } while (nth_read == 0);
+    EXPECT_GT(nth, 5u);
+    nth_read = 0;
+  }
+
+  // A file that shrinks, by as little as a byte; and one that has changed.
+  const uint64_t size = fs::file_size(path_), size_of_c = tensor(2).n_byte;
+  for (const uint64_t less : {uint64_t{1}, size_of_c, size_of_c + 1, size - tensor(1).file_offset, size - 1}) {
+    fs::resize_file(path_, size - less);
+    expect_failure(context, "a b c", MORUN_WEIGHTS_SHRUNK, "has become shorter and ends before byte ");
+  }
+  fs::resize_file(path_, size);
+  expect_failure(context, "c b a", MORUN_WEIGHTS_CHECKSUM, "tensor \"a\"");
+  EXPECT_EQ(load(context, "c b a", 0, 1), 0);
+  EXPECT_EQ(morun_weights_release(loaded_), 0);
+  open(matrices);
+  std::fstream(path_, std::ios::in | std::ios::out | std::ios::binary).seekp(static_cast<int64_t>(size) - 1).put('\1');
+  expect_success(context, "b a");
+  expect_failure(context, "c b a", MORUN_WEIGHTS_CHECKSUM, "tensor \"c\": the bytes have checksum");
+  clean_up(context);
+}
+
+TEST_F(WeightsLoad, BuffersThatTheDspKeepsAreReleasedLater) {
+  open("a f16 32 32  b f16 32 64");
+  tavik_context* const context = initialise();
+  ASSERT_EQ(load(context, "a b", 4 * kib), 0) << morun_weights_error_text();
+  for (const uint64_t left : {2, 1}) {  // the DSP keeps both; then the second alone
+    parlo_emulator_fail(PARLO_EMULATOR_MUNMAP, -1, left == 2 ? 0 : 2, 0x77, EIO);
+    EXPECT_EQ(morun_weights_release(loaded_), MORUN_WEIGHTS_BUFFER);
+    EXPECT_TEXT(std::to_string(left) + " of the buffers cannot be freed: Failed to ");
+    EXPECT_EQ(context->n_buffers, left);
+    parlo_emulator_clear_fault();
+  }
+  EXPECT_EQ(morun_weights_release(loaded_), 0);
+  EXPECT_EQ(context->n_buffers, 0u);
+
+  // A failure half-way, and a DSP that keeps a buffer.
+  fs::resize_file(path_, fs::file_size(path_) - 1);
+  parlo_emulator_fail(PARLO_EMULATOR_MUNMAP, -1, 1, 0x77, EIO);
+  EXPECT_EQ(load(context, "a b", 4 * kib), MORUN_WEIGHTS_SHRUNK);
+  EXPECT_TEXT("1 of the buffers stay in the context, because the DSP refuses to free them (Failed to ");
+  EXPECT_TEXT("ends before byte");
+  EXPECT_EQ(context->n_buffers, 1u);
+  release(context, context->buffer_fd[0]);
+
+  // What the program has freed is gone, and nobody else's buffer with it.
+  ASSERT_EQ(load(context, "a"), 0) << morun_weights_error_text();
+  const int32_t freed = context->buffer_fd[0];
+  release(context, freed);
+  void* elsewhere = nullptr;
+  const int32_t other = allocate(context, 1 << 20, &elsewhere);
+  EXPECT_EQ(other, freed);
+  EXPECT_EQ(morun_weights_release(loaded_), 0);
+  EXPECT_EQ(context->n_buffers, 1u);
+  release(context, other);
+  EXPECT_EQ(morun_weights_release(nullptr), 0);
+  clean_up(context);
+}
+
+TEST_F(WeightsLoad, LoadingTakesLittleMemoryBesideTheBuffers) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the address sanitizer maps memory of its own";
+#endif
+  std::ostringstream matrices, requested;
+  matrices << "large f16 2048 2048 ", requested << "large ";
+  for (int i = 0; i < 400; ++i) matrices << 'm' << i << " f16 32 32 ", requested << 'm' << i << ' ';
+  open(matrices.str());
+  tavik_context* const context = initialise();
+  const Requests all = requests(requested.str());
+  // Private writable memory, which shared buffers are not. What the heap has to give counts as taken.
+  malloc_trim(0);
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  rlim_t held_kib = 0;
+  while (status >> word && word != "VmData:") continue;
+  status >> held_kib;
+  rlimit limit;
+  getrlimit(RLIMIT_DATA, &limit);
+  const rlimit small = {held_kib * kib + (1 << 20) - mallinfo2().fordblks, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_DATA, &small), 0);
+  const int32_t result = morun_weights_load(file_, context, all.size(), all.data(), nullptr, &loaded_);
+  setrlimit(RLIMIT_DATA, &limit);
+  EXPECT_EQ(result, 0) << morun_weights_error_text();
+  EXPECT_EQ(morun_weights_release(loaded_), 0);
+  clean_up(context);
+}
+
+}  // namespace

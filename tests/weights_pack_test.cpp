@@ -1,0 +1,349 @@
+// From checkpoints to packed files: what is packed, every refusal, and that a failure leaves nothing.
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "include/morun_weights.h"
+#include "tests/weight_files.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using test::Json, test::PackedFile, test::Packer, test::Tensor, test::encoded, test::npy, test::safetensors,
+    test::some_values;
+
+class WeightsPack : public test::WeightFiles {};
+
+// ---- The file ------------------------------------------------------------------------------------------------------
+
+TEST_F(WeightsPack, NpyMatricesAndUntransposedOnesAreInnerByColumns) {
+  const std::vector<float> w = some_values(70 * 45, 6);  // 70 x 45, row-major
+  std::vector<float> by_columns(w.size());
+  for (size_t i = 0; i < w.size(); ++i) by_columns[i % 45 * 70 + i / 45] = w[i];
+  write("c.npy", npy("<f4", false, "(70, 45)", encoded("F32", w)));
+  write("fortran.npy", npy("<f2", true, "(70, 45)", encoded("F16", by_columns)));
+  write("double.npy", npy("<f8", false, "(70, 45)", encoded("F64", w)));
+  write("s.safetensors", safetensors({{"s.weight", "BF16", {70, 45}, encoded("BF16", w)}}));
+  Packer packer([](auto& o) { o.transpose = 0, o.n_job = 2; });
+  for (const char* const name : {"c.npy", "fortran.npy", "double.npy", "s.safetensors"}) packer.source(path(name));
+  ASSERT_EQ(packer.run(path("packed")), 0) << morun_weights_error_text();
+  const PackedFile file(read("packed"));
+  for (const char* const name : {"c", "fortran", "double", "s.weight"}) {
+    const test::PackedMatrix matrix = file.matrix(name);
+    for (size_t i = 0; i < w.size(); ++i)
+      ASSERT_NEAR(matrix.value(i / 45, i % 45), w[i], 0.501 * matrix.scale(i % 45)) << name;
+    EXPECT_EQ(file.tensor(name), file.tensor("c"));
+  }
+}
+
+TEST_F(WeightsPack, TheLastRuleThatMatchesDecidesAndSoDoNames) {
+  const std::vector<Tensor> tensors = {{"a.weight", "F32", {1, 1}, "1234"},     {"a.bias", "F32", {1, 1}, "1234"},
+                                       {"embed.weight", "F32", {1, 1}, "1234"}, {"x.norm2.weight", "F16", {1, 1}, "12"},
+                                       {"b.weight", "I32", {1, 1}, "1234"},     {"c.weight", "F32", {1, 1, 1}, "1234"},
+                                       {"d.weight", "F32", {0, 3}, ""}};
+  write("m.safetensors", safetensors(tensors));
+  write("norm.npy", npy("<f4", false, "(1, 1)", "1234"));
+  Packer packer([](auto& o) { o.form = MORUN_WEIGHTS_F16; });
+  packer.source(path("m.safetensors")).source(path("norm.npy"));
+  const auto told = [&] {
+    std::map<std::string, std::string> all;
+    for (const morun_weights_decision& d : packer.decisions()) all[d.name] = std::to_string(d.form) + " " + d.reason;
+    return all;
+  };
+  std::map<std::string, std::string> expected = {{"a.weight", "1 name ends in weight"},
+                                                 {"a.bias", "0 name does not end in weight"},
+                                                 {"embed.weight", "0 name contains embed"},
+                                                 {"x.norm2.weight", "0 name contains norm"},
+                                                 {"b.weight", "0 dtype is none of F64, F32, F16, BF16"},
+                                                 {"c.weight", "0 not 2-dimensional"},
+                                                 {"d.weight", "0 an extent is 0"},
+                                                 {"norm", "1 a .npy matrix"}};
+  EXPECT_EQ(told(), expected);
+  packer.rule("*", MORUN_WEIGHTS_A8W8).rule("*.weight", MORUN_WEIGHTS_A8W4).rule("?orm", MORUN_WEIGHTS_CARRIED);
+  expected["a.weight"] = expected["embed.weight"] = expected["x.norm2.weight"] = "3 rule *.weight";
+  expected["a.bias"] = "2 rule *";
+  expected["norm"] = "0 rule ?orm";
+  EXPECT_EQ(told(), expected);
+  std::vector<std::string> order;
+  for (const morun_weights_decision& d : packer.decisions()) order.push_back(d.name);
+  EXPECT_EQ(order, (std::vector<std::string>{"a.weight", "a.bias", "embed.weight", "x.norm2.weight", "b.weight",
+                                             "c.weight", "d.weight", "norm"}));
+}
+
+TEST_F(WeightsPack, CalibrationTakesTheActivationOfEachTensor) {
+  const std::vector<float> w = some_values(64 * 45, 7), few = some_values(100 * 5, 8);
+  std::vector<float> x = some_values(100 * 45, 9);
+  for (size_t i = 0; i < x.size(); ++i) x[i] = x[i] / 4 + few[i / 45 * 5 + i % 5];  // columns that go together
+  write("m.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)},
+                                      {"b.weight", "F32", {64, 45}, encoded("F32", w)}}));
+  std::vector<float> by_columns(x.size());
+  for (size_t i = 0; i < x.size(); ++i) by_columns[i % 45 * 100 + i / 45] = x[i];
+  write("x/a.weight.npy", npy("<f4", false, "(100, 45)", encoded("F32", x)));
+  write("x/b.weight.npy", npy("<f2", true, "(100, 45)", encoded("F16", by_columns)));
+  const std::string activations = path("x");
+  std::map<int32_t, double> product_errors;
+  for (const int32_t quantiser : {MORUN_WEIGHTS_MINMAX, MORUN_WEIGHTS_CALIBRATED}) {
+    Packer packer([&](auto& o) {
+      o.quantiser = quantiser, o.activations = activations.c_str(), o.form = MORUN_WEIGHTS_A8W4, o.n_job = 2;
+    });
+    ASSERT_EQ(packer.source(path("m.safetensors")).run(path("packed")), 0) << morun_weights_error_text();
+    const PackedFile file(read("packed"));
+    EXPECT_EQ(file.tensor("a.weight"), file.tensor("b.weight"));
+    const test::PackedMatrix matrix = file.matrix("a.weight");
+    double error = 0, all = 0;
+    for (size_t r = 0; r < 100; ++r) {
+      for (size_t c = 0; c < 64; ++c) {
+        double exact = 0, got = 0;
+        for (size_t k = 0; k < 45; ++k) {
+          exact += double{x[r * 45 + k]} * w[c * 45 + k];
+          got += x[r * 45 + k] * matrix.value(k, c);
+        }
+        error += std::pow(got - exact, 2);
+        all += exact * exact;
+      }
+    }
+    EXPECT_NEAR(file.record("a.weight")["product_error"], std::sqrt(error / all), 1e-6);
+    product_errors[quantiser] = packer.decisions()[0].product_error;
+  }
+  EXPECT_LT(product_errors[MORUN_WEIGHTS_CALIBRATED], 0.8 * product_errors[MORUN_WEIGHTS_MINMAX]);
+}
+
+// ---- Refusals ------------------------------------------------------------------------------------------------------
+
+TEST_F(WeightsPack, SourcesThatAreNoneAreRefused) {
+  const std::string good = safetensors({{"a.weight", "F32", {1, 1}, "1234"}});
+  write("good.safetensors", good);
+  write("packed/p.safetensors", safetensors({}, {{"morun.format", "1"}}));
+  write("cut.safetensors", good.substr(0, good.size() - 1));
+  write("none.safetensors", safetensors({}));
+  write("text.txt", "text");
+  fs::create_directories(path("empty"));
+  write("two/a.index.json", "{}");
+  write("two/b.index.json", "{}");
+  write("twice/a.safetensors", good);
+  write("twice/b.safetensors", good);
+  const auto index = [&](const std::string& name, const std::string& json) {
+    return write(name + ".index.json", json);
+  };
+  index("json", "{\"weight_map\":");
+  index("list", "{\"weight_map\":[]}");
+  index("outside", "{\"weight_map\":{\"a.weight\":\"../good.safetensors\"}}");
+  index("number", "{\"weight_map\":{\"a.weight\":1}}");
+  index("missing", "{\"weight_map\":{\"b.weight\":\"good.safetensors\"}}");
+  index("nowhere", "{\"weight_map\":{\"b.weight\":\"nowhere.safetensors\"}}");
+  index("nothing", "{\"weight_map\":{}}");
+  write("cut.npy", npy("<f4", false, "(2, 2)", "123"));
+  write("big.npy", npy(">f4", false, "(1, 1)", "1234"));
+  write("text.npy", npy("<U1", false, "(1, 1)", "1234"));
+  write("huge.npy", npy("<f8", false, "(4294967296, 4294967296)", "1234"));
+  write("short.npy", "\x93NUM");
+  write("other.npy", "not one of these files");
+  write("a\xff.npy", npy("<f4", false, "(1, 1)", "1234"));
+  const std::tuple<const char*, int32_t, const char*> cases[] = {
+      {"absent.safetensors", MORUN_WEIGHTS_OPEN, "No such file"},
+      {"absent", MORUN_WEIGHTS_OPEN, "No such file"},
+      {"text.txt", MORUN_WEIGHTS_SOURCE_KIND, "neither a directory nor"},
+      {"packed", MORUN_WEIGHTS_ALREADY_PACKED, "is a packed file already"},
+      {"cut.safetensors", MORUN_WEIGHTS_RANGE_OUTSIDE, "ends at byte 4"},
+      {"none.safetensors", MORUN_WEIGHTS_SOURCE_EMPTY, "no tensors"},
+      {"empty", MORUN_WEIGHTS_SOURCE_EMPTY, "no tensors"},
+      {"nothing.index.json", MORUN_WEIGHTS_SOURCE_EMPTY, "no tensors"},
+      {"two", MORUN_WEIGHTS_INDEX, "2 files *.index.json"},
+      {"twice", MORUN_WEIGHTS_DUPLICATE_NAME, "too"},
+      {"json.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with a weight_map"},
+      {"list.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with a weight_map"},
+      {"outside.index.json", MORUN_WEIGHTS_INDEX, "none of the index's folder"},
+      {"number.index.json", MORUN_WEIGHTS_INDEX, "none of the index's folder"},
+      {"missing.index.json", MORUN_WEIGHTS_INDEX, "does not have tensor \"b.weight\""},
+      {"nowhere.index.json", MORUN_WEIGHTS_OPEN, "No such file"},
+      {"cut.npy", MORUN_WEIGHTS_NPY, "holds 3 bytes"},
+      {"huge.npy", MORUN_WEIGHTS_NPY, "holds 4 bytes"},
+      {"short.npy", MORUN_WEIGHTS_NPY, "cut short"},
+      {"other.npy", MORUN_WEIGHTS_NPY, "does not start as one"},
+      {"big.npy", MORUN_WEIGHTS_NPY_TYPE, "type >f4"},
+      {"text.npy", MORUN_WEIGHTS_NPY_TYPE, "type <U1"},
+      {"a\xff.npy", MORUN_WEIGHTS_HEADER_NAME, "no UTF-8"},
+  };
+  for (const auto& [name, status, text] : cases) {
+    Packer packer;
+    EXPECT_EQ(morun_weights_packer_add_source(packer.handle, path(name).c_str()), status) << name;
+    EXPECT_NE(std::string(morun_weights_error_text()).find(text), std::string::npos) << morun_weights_error_text();
+    EXPECT_TRUE(packer.decisions().empty());
+    EXPECT_EQ(packer.run(path("out")), MORUN_WEIGHTS_SOURCE_EMPTY);
+  }
+  Packer packer;
+  packer.source(path("good.safetensors"));
+  EXPECT_EQ(morun_weights_packer_add_source(packer.handle, path("good.safetensors").c_str()),
+            MORUN_WEIGHTS_DUPLICATE_NAME);
+  EXPECT_EQ(packer.decisions().size(), 1u);
+  EXPECT_EQ(packer.run(path("out")), 0);
+  for (const auto& change : std::vector<std::function<void(morun_weights_pack_options&)>>{
+           [](auto& o) { o.form = MORUN_WEIGHTS_CARRIED; }, [](auto& o) { o.quantiser = 4; },
+           [](auto& o) { o.n_job = 0; }, [](auto& o) { o.n_job = 257; }, [](auto& o) { o.damping = -1; },
+           [](auto& o) { o.damping = NAN; }, [](auto& o) { o.quantiser = MORUN_WEIGHTS_CALIBRATED; }}) {
+    morun_weights_pack_options options;
+    morun_weights_pack_options_init(&options);
+    change(options);
+    morun_weights_packer* made = nullptr;
+    EXPECT_EQ(morun_weights_packer_create(&options, &made), MORUN_WEIGHTS_BAD_ARGUMENT);
+  }
+}
+
+TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
+  std::vector<float> w = some_values(64 * 45, 9);
+  write("m.safetensors",
+        safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)}, {"b.bias", "U8", {4}, "1234"}}));
+  w[3 * 45 + 2] = NAN;
+  write("nan.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)}}));
+  write("carried.npy", npy("<f4", true, "(1, 2, 2)", std::string(16, '1')));
+  write("x/other.npy", npy("<f4", false, "(1, 1)", "1234"));
+  write("wide/a.weight.npy", npy("<f4", false, "(1, 46)", std::string(4 * 46, '\0')));
+  write("zero/a.weight.npy", npy("<f4", false, "(1, 45)", std::string(4 * 45, '\0')));
+  write("infinite/a.weight.npy", npy("<f4", false, "(1, 45)", encoded("F32", std::vector<float>(45, INFINITY))));
+  write("one.npy", npy("<f4", false, "(1, 45)", encoded("F32", std::vector<float>(45, 1))));
+  struct Case {
+    const char* source;
+    int32_t status;
+    const char* text;
+    const char* activations = nullptr;
+    double damping = 0.05;
+    const char* rule = nullptr;
+    const char* output = "packed";
+  };
+  const Case cases[] = {
+      {"nan.safetensors", MORUN_WEIGHTS_NON_FINITE, "\"a.weight\": weight (2, 3) is NaN"},
+      {"m.safetensors", MORUN_WEIGHTS_RULE_UNUSED, "\"z*\"", nullptr, 0, "z*"},
+      {"carried.npy", MORUN_WEIGHTS_NPY, "Fortran order"},
+      {"m.safetensors", MORUN_WEIGHTS_NO_ACTIVATION, "there is no activation", "x"},
+      {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_SHAPE, "no matrix of 45 columns", "wide"},
+      {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_VALUE, "zeros alone", "zero"},
+      {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_VALUE, "not finite at row 0, column 0", "infinite"},
+      {"m.safetensors", MORUN_WEIGHTS_COVARIANCE, "larger damping", "one.npy", 0},
+      {"m.safetensors", MORUN_WEIGHTS_WRITE, "No such file", nullptr, 0, nullptr, "nowhere/packed"},
+      {"m.safetensors", MORUN_WEIGHTS_WRITE, "Is a directory", nullptr, 0, nullptr, "x"},
+  };
+  write("packed", "what was there");
+  const std::set<std::string> before = names();
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.text);
+    const std::string activations = test.activations != nullptr ? path(test.activations) : "";
+    Packer packer([&](auto& o) {
+      o.damping = test.damping;
+      if (!activations.empty()) o.activations = activations.c_str(), o.quantiser = MORUN_WEIGHTS_CALIBRATED;
+    });
+    packer.source(path(test.source));
+    if (test.rule != nullptr) packer.rule(test.rule, MORUN_WEIGHTS_A8W8);
+    EXPECT_EQ(packer.run(path(test.output)), test.status);
+    EXPECT_NE(std::string(morun_weights_error_text()).find(test.text), std::string::npos) << morun_weights_error_text();
+    EXPECT_EQ(names(), before);
+    EXPECT_EQ(read("packed"), "what was there");
+  }
+
+  // A full disk; and the same packer afterwards.
+  Packer packer;
+  packer.source(path("m.safetensors"));
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit;
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit small = {6000, limit.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  const int32_t status = packer.run(path("packed"));
+  setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_EQ(status, MORUN_WEIGHTS_WRITE);
+  EXPECT_EQ(names(), before);
+  EXPECT_EQ(read("packed"), "what was there");
+  // A source that shrinks.
+  fs::resize_file(path("m.safetensors"), fs::file_size(path("m.safetensors")) - 1);
+  EXPECT_EQ(packer.run(path("packed")), MORUN_WEIGHTS_SHRUNK);
+  EXPECT_EQ(names(), before);
+  std::ofstream(path("m.safetensors"), std::ios::app | std::ios::binary) << '4';
+  fs::permissions(path("packed"), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(packer.run(path("packed")), 0) << morun_weights_error_text();
+  EXPECT_EQ(names(), before);
+  EXPECT_EQ(PackedFile(read("packed")).tensor("b.bias"), "1234");
+  EXPECT_EQ(fs::status(path("packed")).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+}
+
+struct Interruption {
+  morun_weights_packer* packer;
+  int n_call;
+};
+
+TEST_F(WeightsPack, InterruptionEndsSoonAndLeavesNothing) {
+  const std::string zeros = path("m.safetensors");
+  write("m.safetensors", safetensors({{"a.weight", "F32", {4096, 4096}, ""}}));
+  std::string header = read("m.safetensors");
+  header.replace(header.find("[0,0]"), 5, "[0,67108864]");
+  header[0] = static_cast<char>(header.size() - 8);
+  write("m.safetensors", header);
+  fs::resize_file(zeros, header.size() + 67108864);
+  Interruption interruption = {};
+  Packer packer([&](auto& o) {
+    o.user = &interruption;
+    o.n_job = 2;
+    o.quantiser = MORUN_WEIGHTS_MSE;
+    o.progress = [](void* user, const morun_weights_progress* progress) {
+      auto& state = *static_cast<Interruption*>(user);
+      EXPECT_LE(progress->n_byte_done, progress->n_byte);
+      EXPECT_EQ(progress->n_tensor, 1u);
+      if (++state.n_call == 1) morun_weights_packer_interrupt(state.packer);
+    };
+  });
+  packer.source(zeros);
+  interruption.packer = packer.handle;
+  const std::set<std::string> before = names();
+  morun_weights_packer_interrupt(packer.handle);
+  EXPECT_EQ(packer.run(path("packed")), MORUN_WEIGHTS_INTERRUPTED);
+  EXPECT_EQ(names(), before);
+  interruption.n_call = 1;
+  EXPECT_EQ(packer.run(path("packed")), 0) << morun_weights_error_text();
+  EXPECT_GT(interruption.n_call, 1);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__aarch64__)
+// A child that packs has its own peak.
+TEST_F(WeightsPack, AGibibyteIsPackedInTheMemoryOfOneMatrix) {
+  constexpr uint64_t n = 8192, size = n * n * 4;
+  Json header;
+  for (uint64_t i = 0; i < 4; ++i)
+    header[std::to_string(i) + ".weight"] = {
+        {"dtype", "F32"}, {"shape", {n, n}}, {"data_offsets", {i * size, (i + 1) * size}}};
+  const std::string json = header.dump();
+  std::string start(8, '\0');
+  start[0] = static_cast<char>(json.size());
+  start[1] = static_cast<char>(json.size() >> 8);
+  write("m.safetensors", start + json);
+  fs::resize_file(path("m.safetensors"), 8 + json.size() + 4 * size);
+  for (const int32_t transpose : {1, 0}) {
+    const pid_t child = fork();
+    if (child == 0) {
+      Packer packer([&](auto& o) { o.n_job = 2, o.transpose = transpose; });
+      _exit(packer.source(path("m.safetensors")).run(path("packed")));
+    }
+    int status = 0;
+    rusage usage = {};
+    ASSERT_EQ(wait4(child, &status, 0, &usage), child);
+    EXPECT_EQ(status, 0);
+    const uint64_t largest = n * n + 3 * 65536;
+    std::printf("peak %ld MiB of resident memory\n", usage.ru_maxrss / 1024);
+    EXPECT_LT(static_cast<uint64_t>(usage.ru_maxrss) * 1024, 2 * (uint64_t{64} << 20) + largest);
+    EXPECT_GT(fs::file_size(path("packed")), 4 * n * n);
+  }
+}
+#endif
+
+}  // namespace
