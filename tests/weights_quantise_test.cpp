@@ -27,9 +27,6 @@ struct Matrix {
 
   float at(uint64_t r, uint64_t c) const { return values[r * n_col + c]; }
 };
-}
-}
-;
 
 Matrix normal(uint64_t n_row, uint64_t n_col, double mean, double deviation, unsigned seed) {
   std::mt19937 generator(seed);
