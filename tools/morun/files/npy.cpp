@@ -105,8 +105,8 @@ void NpyFile::read_header() {
   const size_t n_byte = size_of_regular_file(descriptor_);
   npy::LocatedHeader located;
   try {
-    located = npy::read_header(
-        [&](uint64_t offset, size_t n, void* bytes) { read_bytes(descriptor_, offset, bytes, n); });
+    located =
+        npy::read_header([&](uint64_t offset, size_t n, void* bytes) { read_bytes(descriptor_, offset, bytes, n); });
   } catch (const std::runtime_error& error) {
     throw Error("not a .npy file that can be read ({})", error.what());
   }
