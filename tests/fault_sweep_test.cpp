@@ -153,6 +153,7 @@ int64_t reserved_third(Runtime& r) {
   const int64_t status = locked(r);
   parlo_emulator_fail(PARLO_EMULATOR_HANDLE_OPEN, -1, 1, injected, EIO);
   if (allocate(r) == 0) return -1;
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_OPEN, -1, ~0u, 0, 0);  // counts its firing anew
   parlo_emulator_clear_fault();
   return all({status, release(r), release(r)});
 }
