@@ -211,8 +211,6 @@ TEST_F(MorunHpp, EveryRefusalHasAStatusAndAText) {
   const struct {
     std::string got, expected;
   } cases[] = {
-      {said(morun::Context::open({.n_row = uint64_t{1} << 31})), "tavik 3 tavik_init: *"},
-      {said(context.allocate(uint64_t{1} << 50)), "tavik 1 tavik_buffer_alloc: *"},
       {said(moved_from.allocate(10)), "layer 1 this context was moved from, released or closed"},
       {said(moved_from.close()), "layer 1 this context was moved from, released or closed"},
       {said(morun::pack<f16>(moved_from, {x, 7, 40})), "layer 1 this context was moved from, released or closed"},
@@ -225,8 +223,6 @@ TEST_F(MorunHpp, EveryRefusalHasAStatusAndAText) {
       {said(morun::multiply({x, (uint64_t{1} << 61) + 7, 40}, w, result)),
        "layer 2 a view of 2305843009213693959 x 40 has 280 values"},
       {said(morun::multiply({x, 0, 40}, w, result)), "layer 2 a view of 0 x 40 has 280 values"},
-      {said(morun::multiply(activation, w, {a, 50, 7})),
-       "layer 3 an activation of 7 x 40 and weights of 40 x 50 do not make a result of 50 x 7"},
       {said(morun::multiply(activation, w, {std::span(a).first(300), 6, 50})),
        "layer 3 an activation of 7 x 40 and weights of 40 x 50 do not make a result of 6 x 50"},
       {said(morun::multiply(activation, w, wide, result, result)),
@@ -376,7 +372,6 @@ TEST_F(MorunHpp, CalibratesOnActivationsOfTheLayer) {
   morun::Calibration calibration = morun::or_throw(morun::Calibration::create(n_inner));
   expect_said(said(calibration.add({x, n_row * 2, n_inner / 2})),
               "layer 3 an activation of 128 x 32 is added to a calibration of 64");
-  expect_said(said(calibration.finish()), "weights 84 *");
   EXPECT_EQ(said(calibration.add({x, n_row, n_inner})), "");
   EXPECT_EQ(said(calibration.finish(0.01)), "");
   double errors[2];
@@ -389,8 +384,6 @@ TEST_F(MorunHpp, CalibratesOnActivationsOfTheLayer) {
     errors[is_calibrated] = relative_error(plain_product(x, w, n_inner), a);
   }
   EXPECT_LT(errors[1], 0.8 * errors[0]);
-  expect_said(said(morun::pack<a8w4>(context, {w, n_inner, n_col}, {.quantiser = morun::Quantiser::calibrated})),
-              "weights 1 *");
   const morun::Calibration taken = std::move(calibration);
   expect_said(said(calibration.finish()), "layer 1 this calibration was moved from, released or closed");
   expect_said(said(morun::Calibration::create(0)), "weights 2 *");
@@ -619,11 +612,9 @@ TEST_F(PackedFile, LoadingFailsWithStatusAndTextAndLeavesNothing) {
     expect_said(said(loaded.weights<f16>(0)), "layer 1 this set of weights was moved from, released or closed");
   }
   EXPECT_EQ(test::usage().n_allocations, n_own);
-  expect_said(said(file.tensor(matrices.size())), "weights 2 *");
   const morun::WeightFile taken = std::move(file);
   expect_said(said(file.find("q.weight")), "weights 1 *");
   EXPECT_EQ(file.size(), 0u);
-  expect_said(said(morun::WeightFile::open(checkpoint)), "weights 40 *");
   expect_said(said(morun::WeightFile::open(path("gone"))), "weights 10 *");
   morun::Packer packer = morun::or_throw(morun::Packer::create());
   expect_said(said(packer.add_source(path("gone.npy"))), "weights 10 *");
