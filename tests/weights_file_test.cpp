@@ -288,7 +288,6 @@ struct Malformed {
 TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
   const std::string a = R"("a":{"dtype":"U8","shape":[8192],"data_offsets":[0,8192]})", form_a = "'form':'f16'";
   const std::string many(1 << 20, '['), longest = std::to_string(UINT64_MAX), half = "9223372036854775808";
-  const std::string nul("\0", 1);
   const Malformed table[] = {
       {"TOO_SHORT", "has 0 bytes, fewer than the 8", "", "", cut(0)},
       {"TOO_SHORT", "has 7 bytes", "", "", cut(7)},
