@@ -55,7 +55,8 @@ TEST_F(WeightsPack, TheLastRuleThatMatchesDecidesAndSoDoNames) {
   packer.source(path("m.safetensors")).source(path("norm.npy"));
   const auto told = [&] {
     std::vector<std::string> all;
-    for (const auto& d : packer.decisions()) all.push_back(std::string(d.name) + " " + std::to_string(d.form) + " " + d.reason);
+    for (const auto& d : packer.decisions())
+      all.push_back(std::string(d.name) + " " + std::to_string(d.form) + " " + d.reason);
     return all;
   };
   // Packed tensors are the first.
