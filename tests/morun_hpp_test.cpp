@@ -2,14 +2,9 @@
 
 #include <fnmatch.h>
 
-#include <cmath>
-#include <fstream>
-#include <functional>
-#include <random>
-
 #include "include/morun_weights.hpp"
-#include "tests/packed_matrix.h"
 #include "tests/support.h"
+#include "tests/weight_files.h"
 
 namespace {
 
@@ -17,30 +12,18 @@ using morun::a8w4, morun::a8w8, morun::f16;
 using morun::Misuse, morun::Origin;
 using Floats = std::vector<float>;
 
+using test::relative_error;
+
 Floats random_values(uint64_t n) {
-  static std::mt19937 generator(7);
-  Floats values(n);
-  for (float& value : values) value = std::normal_distribution<float>()(generator);
-  return values;
+  static unsigned seed = 7;
+  return test::normal_values(n, seed++);
 }
 
-// Row-major n_row x n_inner times n_inner x n_col, or times the transpose of n_col x n_inner.
-std::vector<double> plain_product(const Floats& x, const Floats& w, uint64_t n_row, uint64_t n_inner, uint64_t n_col,
-                                  bool is_transposed = false) {
-  std::vector<double> a(n_row * n_col);
-  for (uint64_t i = 0; i < a.size(); ++i)
-    for (uint64_t k = 0, r = i / n_col, c = i % n_col; k < n_inner; ++k)
-      a[i] += double{x[r * n_inner + k]} * double{w[is_transposed ? c * n_inner + k : k * n_col + c]};
-  return a;
-}
-
-double relative_error(const std::vector<double>& expected, const Floats& actual) {
-  double differences = 0, squares = 0;
-  for (size_t i = 0; i < expected.size(); ++i) {
-    differences += std::pow(expected[i] - double{actual[i]}, 2);
-    squares += expected[i] * expected[i];
-  }
-  return std::sqrt(differences / squares);
+// Of n_inner x n_col weights, or of the transpose of n_col x n_inner.
+std::vector<double> plain_product(const Floats& x, const Floats& w, uint64_t n_inner, bool is_transposed = false) {
+  const uint64_t n_col = w.size() / n_inner;
+  return test::product(x, n_inner, n_col,
+                       [&](uint64_t k, uint64_t c) { return w[is_transposed ? c * n_inner + k : k * n_col + c]; });
 }
 
 // What a result says: "", or whose status, which one, and the text.
@@ -102,7 +85,7 @@ void check_products(double bound) {
       ASSERT_EQ(said(morun::multiply({x, n_row, n_inner}, weights, {inner, n_row, n_col})), "");
       EXPECT_EQ(a.front(), -7.5f);
       EXPECT_EQ(a.back(), -7.5f);
-      const auto expected = plain_product(x, w, n_row, n_inner, n_col, is_transposed);
+      const auto expected = plain_product(x, w, n_inner, is_transposed);
       EXPECT_LT(relative_error(expected, Floats(inner.begin(), inner.end())), n_inner > 1 ? bound : 2);
 
       // The companion library packs the same bytes by its quantiser `library`, and other ones otherwise.
@@ -132,63 +115,68 @@ void make_sessions_small(const morun::Limits& limits, uint64_t n_inner, uint64_t
   test::configure([](auto& config) { config.session_bytes = test::usage().n_bytes; });
 }
 
-// Two and three products at once give what the products give one by one, in one call of the DSP where that is possible.
+// Two and three products at once give what the products give one by one. `expected` is what one that cannot be computed
+// says. Returns the number of the DSP's calls for two and for three.
 template <typename Form>
-void check_fused(uint64_t n_col_1, uint64_t n_col_2, bool has_sessions, size_t n_call_2, size_t n_call_3,
-                 const std::string& expected = "") {
+std::pair<size_t, size_t> check_fused(const std::vector<morun::Weights<Form>>& w, const std::string& expected = "") {
+  constexpr uint64_t n_row = 7;
+  const Floats x = random_values(n_row * w[0].n_inner());
+  const morun::Matrix<const float> activation(x, n_row, w[0].n_inner());
+  std::vector<Floats> one_by_one, at_once;
+  std::vector<morun::Matrix<float>> results;
+  for (size_t i = 0; i < 3; ++i) {
+    one_by_one.push_back(Floats(n_row * w[i].n_col()));
+    at_once.push_back(Floats(n_row * w[i].n_col()));
+    results.emplace_back(at_once[i], n_row, w[i].n_col());
+    const auto done = morun::multiply(activation, w[i], {one_by_one[i], n_row, w[i].n_col()});
+    EXPECT_EQ(said(done), i == 2 ? expected : "");
+  }
+  (void)morun::multiply(activation, w[0], results[0]);  // sessions and unit are where the calls want them
+  at_once[0].assign(at_once[0].size(), 0);
+  parlo_emulator_trace_clear();
+  EXPECT_EQ(said(morun::multiply(activation, w[0], w[1], results[0], results[1])), "");
+  const size_t n_call_2 = n_invocation();
+  EXPECT_EQ(at_once[0], one_by_one[0]);
+  EXPECT_EQ(at_once[1], one_by_one[1]);
+  for (Floats& result : at_once) std::fill(result.begin(), result.end(), 0);
+  parlo_emulator_trace_clear();
+  EXPECT_EQ(said(morun::multiply(activation, w[0], w[1], w[2], results[0], results[1], results[2])), expected);
+  for (size_t i = 0; i < 3; ++i)
+    EXPECT_EQ(at_once[i], expected.empty() ? one_by_one[i] : Floats(at_once[i].size())) << i;
+  return {n_call_2, n_invocation()};
+}
+
+// Of 50 columns and as many as are given; the last one in a session of its own where that is said.
+template <typename Form>
+std::pair<size_t, size_t> n_call_for(uint64_t n_col_1, uint64_t n_col_2, bool has_sessions,
+                                     const std::string& expected = "") {
   SCOPED_TRACE(testing::Message() << n_col_1 << " " << n_col_2 << " " << has_sessions);
   parlo_emulator_reset();
-  constexpr uint64_t n_row = 7, n_inner = 40, n_col = 50;
-  const morun::Limits limits = morun::Limits::up_to(n_row, n_inner, 96);
-  if (has_sessions) make_sessions_small<Form>(limits, n_inner, n_col);
+  constexpr uint64_t n_inner = 40;
+  const morun::Limits limits = morun::Limits::up_to(7, n_inner, 96);
+  if (has_sessions) make_sessions_small<Form>(limits, n_inner, 50);
   const morun::Context context = morun::or_throw(morun::Context::open(limits));
-  const Floats x = random_values(n_row * n_inner);
-  const uint64_t widths[] = {n_col, n_col_1, n_col_2};
   std::vector<morun::Weights<Form>> w;
-  for (const uint64_t width : widths)
+  for (const uint64_t width : {uint64_t{50}, n_col_1, n_col_2})
     w.push_back(morun::or_throw(morun::pack<Form>(context, {random_values(n_inner * width), n_inner, width})));
-  ASSERT_EQ(w[0].session(), 0u);
-  ASSERT_EQ(w[2].session() != 0, has_sessions);
-  std::vector<Floats> one_by_one, a_2, a_3;
-  for (size_t i = 0; i < 3; ++i) {
-    for (auto* const results : {&one_by_one, &a_2, &a_3}) results->push_back(Floats(n_row * widths[i]));
-    const auto done = morun::multiply({x, n_row, n_inner}, w[i], {one_by_one[i], n_row, widths[i]});
-    ASSERT_EQ(said(done), i == 2 ? expected : "");
-  }
-  // Sessions and unit are where the calls want them.
-  const morun::Matrix<const float> activation(x, n_row, n_inner);
-  const morun::Matrix<float> b[] = {{a_2[0], n_row, n_col}, {a_2[1], n_row, n_col_1}};
-  const morun::Matrix<float> c[] = {{a_3[0], n_row, n_col}, {a_3[1], n_row, n_col_1}, {a_3[2], n_row, n_col_2}};
-  (void)morun::multiply(activation, w[0], b[0]);
-  parlo_emulator_trace_clear();
-  ASSERT_EQ(said(morun::multiply(activation, w[0], w[1], b[0], b[1])), "");
-  EXPECT_EQ(n_invocation(), n_call_2);
-  EXPECT_EQ(a_2[0], one_by_one[0]);
-  EXPECT_EQ(a_2[1], one_by_one[1]);
-  parlo_emulator_trace_clear();
-  ASSERT_EQ(said(morun::multiply(activation, w[0], w[1], w[2], c[0], c[1], c[2])), expected);
-  if (!has_sessions) {
-    EXPECT_EQ(n_invocation(), n_call_3);
-  }
-  EXPECT_EQ(a_3[0], expected.empty() ? one_by_one[0] : Floats(n_row * n_col));
-  EXPECT_EQ(a_3[1], expected.empty() ? one_by_one[1] : Floats(n_row * n_col_1));
-  EXPECT_EQ(a_3[2], one_by_one[2]);
+  EXPECT_EQ(w[0].session(), 0u);
+  EXPECT_EQ(w[2].session() != 0, has_sessions);
+  return check_fused(w, expected);
 }
 
 TEST_F(MorunHpp, FusedProductsAreThoseOfSingleCallsInOneCallWherePossible) {
-  for (const auto check : {check_fused<f16>, check_fused<a8w8>, check_fused<a8w4>}) {
-    check(50, 50, false, 1, 1, "");
-    check(64, 33, false, 1, 1, "");  // the same number of tiles
-    check(70, 70, false, 2, 1, "");
-    check(70, 20, false, 2, 3, "");
+  for (const auto n_call : {n_call_for<f16>, n_call_for<a8w8>, n_call_for<a8w4>}) {
+    EXPECT_EQ(n_call(50, 50, false, ""), std::pair(1ul, 1ul));
+    EXPECT_EQ(n_call(64, 33, false, ""), std::pair(1ul, 1ul));  // the same number of tiles
+    EXPECT_EQ(n_call(70, 70, false, ""), std::pair(2ul, 1ul));
+    EXPECT_EQ(n_call(70, 20, false, ""), std::pair(2ul, 3ul));
   }
 }
 
 TEST_F(MorunHpp, FusedProductsInSeveralSessionsAreComputedOneByOne) {
-  check_fused<f16>(50, 50, true, 1, 0);
-  check_fused<a8w8>(50, 50, true, 1, 0);
-  check_fused<a8w4>(50, 50, true, 1, 0,
-                    "layer 5 weights a8w4 in session 1 are multiplied alone, which takes session 0");
+  EXPECT_EQ(n_call_for<f16>(50, 50, true).first, 1u);
+  EXPECT_EQ(n_call_for<a8w8>(50, 50, true).first, 1u);
+  n_call_for<a8w4>(50, 50, true, "layer 5 weights a8w4 in session 1 are multiplied alone, which takes session 0");
 }
 
 TEST_F(MorunHpp, MultipliesAlonesA8w4AfterAnotherSessionWasActive) {
@@ -223,8 +211,6 @@ TEST_F(MorunHpp, EveryRefusalHasAStatusAndAText) {
   const struct {
     std::string got, expected;
   } cases[] = {
-      {said(morun::Context::open({.n_row = uint64_t{1} << 31})), "tavik 3 tavik_init: *"},
-      {said(context.allocate(uint64_t{1} << 50)), "tavik 1 tavik_buffer_alloc: *"},
       {said(moved_from.allocate(10)), "layer 1 this context was moved from, released or closed"},
       {said(moved_from.close()), "layer 1 this context was moved from, released or closed"},
       {said(morun::pack<f16>(moved_from, {x, 7, 40})), "layer 1 this context was moved from, released or closed"},
@@ -237,8 +223,6 @@ TEST_F(MorunHpp, EveryRefusalHasAStatusAndAText) {
       {said(morun::multiply({x, (uint64_t{1} << 61) + 7, 40}, w, result)),
        "layer 2 a view of 2305843009213693959 x 40 has 280 values"},
       {said(morun::multiply({x, 0, 40}, w, result)), "layer 2 a view of 0 x 40 has 280 values"},
-      {said(morun::multiply(activation, w, {a, 50, 7})),
-       "layer 3 an activation of 7 x 40 and weights of 40 x 50 do not make a result of 50 x 7"},
       {said(morun::multiply(activation, w, {std::span(a).first(300), 6, 50})),
        "layer 3 an activation of 7 x 40 and weights of 40 x 50 do not make a result of 6 x 50"},
       {said(morun::multiply(activation, w, wide, result, result)),
@@ -388,7 +372,6 @@ TEST_F(MorunHpp, CalibratesOnActivationsOfTheLayer) {
   morun::Calibration calibration = morun::or_throw(morun::Calibration::create(n_inner));
   expect_said(said(calibration.add({x, n_row * 2, n_inner / 2})),
               "layer 3 an activation of 128 x 32 is added to a calibration of 64");
-  expect_said(said(calibration.finish()), "weights 84 *");
   EXPECT_EQ(said(calibration.add({x, n_row, n_inner})), "");
   EXPECT_EQ(said(calibration.finish(0.01)), "");
   double errors[2];
@@ -398,11 +381,9 @@ TEST_F(MorunHpp, CalibratesOnActivationsOfTheLayer) {
         morun::pack<a8w4>(context, {w, n_inner, n_col}, {.quantiser = quantiser, .calibration = &calibration}));
     Floats a(n_row * n_col);
     ASSERT_EQ(said(morun::multiply({x, n_row, n_inner}, weights, {a, n_row, n_col})), "");
-    errors[is_calibrated] = relative_error(plain_product(x, w, n_row, n_inner, n_col), a);
+    errors[is_calibrated] = relative_error(plain_product(x, w, n_inner), a);
   }
   EXPECT_LT(errors[1], 0.8 * errors[0]);
-  expect_said(said(morun::pack<a8w4>(context, {w, n_inner, n_col}, {.quantiser = morun::Quantiser::calibrated})),
-              "weights 1 *");
   const morun::Calibration taken = std::move(calibration);
   expect_said(said(calibration.finish()), "layer 1 this calibration was moved from, released or closed");
   expect_said(said(morun::Calibration::create(0)), "weights 2 *");
@@ -449,7 +430,7 @@ TEST_F(MorunHpp, NpuMultipliesRecordsAndIsOpenOnce) {
   const auto right = record(MORUN_DTYPE_F16, MORUN_LAYOUT_2D_WH, buffer->bytes().data(), n);
   const auto result = record(MORUN_DTYPE_F32, MORUN_LAYOUT_2D_RM, a.data(), n);
   EXPECT_EQ(said(npu->multiply(MORUN_PLATFORM_NPU0, result, left, right)), "");
-  EXPECT_LT(relative_error(plain_product(x, w, n, n, n), a), 0.001);
+  EXPECT_LT(relative_error(plain_product(x, w, n), a), 0.001);
 
   const auto wrong = record(MORUN_DTYPE_F32, MORUN_LAYOUT_2D_RM, a.data(), n - 1);
   tavik_set_error(TAVIK_ERROR_MEMORY, "", "", 0, "%s", "of an earlier failure");
@@ -502,27 +483,13 @@ struct Matrix {
   Floats values;
 };
 
-class PackedFile : public MorunHpp {
+class PackedFile : public MorunHpp, public test::Folder {
  protected:
   PackedFile() {
-    std::string header = "{";
-    uint64_t offset = 0;
-    for (const Matrix& m : matrices) {
-      const uint64_t end = offset + m.values.size() * sizeof(float);
-      header += (offset == 0 ? "\"" : ",\"") + m.name + "\":{\"dtype\":\"F32\",\"shape\":[" + std::to_string(m.n_col) +
-                "," + std::to_string(m.n_inner) + "],\"data_offsets\":[" + std::to_string(offset) + "," +
-                std::to_string(end) + "]}";
-      offset = end;
-    }
-    header += "}";
-    std::ofstream stream(checkpoint, std::ios::binary);
-    const uint64_t length = header.size();
-    stream.write(reinterpret_cast<const char*>(&length), sizeof length) << header;
-    for (const Matrix& m : matrices)
-      stream.write(reinterpret_cast<const char*>(m.values.data()),
-                   static_cast<std::streamsize>(m.values.size() * sizeof(float)));
+    std::vector<test::Tensor> tensors;
+    for (const Matrix& m : matrices) tensors.push_back({m.name, "F32", {m.n_col, m.n_inner}, test::bytes_of(m.values)});
+    write("model.safetensors", test::safetensors(tensors));
   }
-  ~PackedFile() override { std::filesystem::remove_all(folder); }
 
   void pack_file() {
     morun::Packer packer = morun::or_throw(morun::Packer::create());
@@ -537,12 +504,10 @@ class PackedFile : public MorunHpp {
     const Floats x = random_values(3 * m.n_inner);
     Floats a(3 * m.n_col);
     ASSERT_EQ(said(morun::multiply({x, 3, m.n_inner}, weights, {a, 3, m.n_col})), "");
-    EXPECT_LT(relative_error(plain_product(x, m.values, 3, m.n_inner, m.n_col, true), a), bound) << m.name;
+    EXPECT_LT(relative_error(plain_product(x, m.values, m.n_inner, true), a), bound) << m.name;
   }
 
-  const std::string folder = std::filesystem::temp_directory_path() / ("morun_hpp_" + std::to_string(getpid()));
-  const bool is_made = std::filesystem::create_directory(folder);
-  const std::string checkpoint = folder + "/model.safetensors", packed = folder + "/packed.safetensors";
+  const std::string checkpoint = path("model.safetensors"), packed = path("packed.safetensors");
   const std::vector<Matrix> matrices = {
       {"q.weight", 50, 40, random_values(2000)},    {"up.weight", 70, 33, random_values(2310)},
       {"down.weight", 32, 64, random_values(2048)}, {"k.weight", 32, 40, random_values(1280)},
@@ -578,9 +543,9 @@ TEST_F(PackedFile, LoadedWeightsMultiplyInTheirFormAndEndWithTheLastOfThem) {
   const uint64_t index = morun::or_throw(file->find("down.weight"));
   EXPECT_EQ(said(file->verify(index)), "");
   EXPECT_EQ(said(file->unpack(index, {values, 64, 32})), "");
-  std::vector<double> expected;
-  for (uint64_t i = 0; i < values.size(); ++i) expected.push_back(double{matrices[2].values[i % 32 * 64 + i / 32]});
-  EXPECT_LT(relative_error(expected, values), 0.01);
+  Floats by_rows;
+  for (uint64_t i = 0; i < values.size(); ++i) by_rows.push_back(matrices[2].values[i % 32 * 64 + i / 32]);
+  EXPECT_LT(relative_error(by_rows, values), 0.01);
   expect_said(said(file->unpack(index, {values, 32, 64})), "layer 3 a tensor of 64 x 32 is unpacked into 32 x 64");
 
   expect_said(said(loaded->release()), "layer 6 weights of the set are still there");
@@ -606,20 +571,10 @@ void check_group(const std::string& checkpoint, const std::string& packed, int32
   const auto loaded = morun::or_throw(morun::load(file, context, requests));
   EXPECT_EQ(context.get()->n_buffers, 1u);
   std::vector<morun::Weights<Form>> w;
-  std::vector<Floats> one_by_one, a_2, a_3;
-  const Floats x = random_values(7 * 40);
-  for (const uint64_t i : {0, 1, 2}) {
-    w.push_back(morun::or_throw(loaded.template weights<Form>(i)));
-    for (auto* const results : {&one_by_one, &a_2, &a_3}) results->push_back(Floats(7 * w[i].n_col()));
-    morun::or_throw(morun::multiply({x, 7, 40}, w[i], {one_by_one[i], 7, w[i].n_col()}));
-  }
-  a_2[0] = one_by_one[0];
-  parlo_emulator_trace_clear();
-  morun::or_throw(morun::multiply({x, 7, 40}, w[1], w[2], {a_2[1], 7, 32}, {a_2[2], 7, 32}));
-  morun::or_throw(morun::multiply({x, 7, 40}, w[0], w[1], w[2], {a_3[0], 7, 50}, {a_3[1], 7, 32}, {a_3[2], 7, 32}));
-  EXPECT_EQ(n_invocation(), 2u);
-  EXPECT_EQ(a_2, one_by_one);
-  EXPECT_EQ(a_3, one_by_one);
+  for (const uint64_t i : {1, 2, 0}) w.push_back(morun::or_throw(loaded.template weights<Form>(i)));
+  EXPECT_EQ(check_fused(w), std::pair(1ul, 3ul));
+  std::swap(w[0], w[2]);
+  EXPECT_EQ(check_fused(w), std::pair(2ul, 1ul));
 }
 
 TEST_F(PackedFile, AGroupInOneBufferIsMultipliedInOneCall) {
@@ -633,17 +588,13 @@ TEST_F(PackedFile, LoadingFailsWithStatusAndTextAndLeavesNothing) {
   const morun::Context context = open();
   const uint64_t n_own = test::usage().n_allocations;
   morun::WeightFile file = morun::or_throw(morun::WeightFile::open(packed));
-  const morun::Request known[] = {{"q.weight"}, {"up.weight"}}, twice[] = {{"q.weight"}, {"q.weight"}},
-                       unknown[] = {{"q.weight"}, {"gone.weight"}}, carried[] = {{"norm.weight"}},
+  const morun::Request known[] = {{"q.weight"}, {"up.weight"}}, unknown[] = {{"q.weight"}, {"gone.weight"}},
                        group[] = {{"q.weight", 1}, {"up.weight", 1}};
   const auto said_by = [&](std::span<const morun::Request> requests, const morun::LoadOptions& options = {}) {
     return said(morun::load(file, context, requests, options));
   };
   expect_said(said_by(unknown), "weights 60 *");
-  expect_said(said_by(twice), "weights 90 *");
-  expect_said(said_by(carried), "weights 61 *");
   expect_said(said_by(group, {.largest_buffer = 16384}), "weights 91 *");
-  expect_said(said_by(known, {.largest_buffer = 100}), "weights 2 *");
   fail_once(PARLO_EMULATOR_MEM_TO_FD);
   expect_said(said_by(known), "weights 93 *");
 
@@ -651,7 +602,6 @@ TEST_F(PackedFile, LoadingFailsWithStatusAndTextAndLeavesNothing) {
   const uint64_t offset = morun::or_throw(file.tensor(index)).file_offset;
   std::fstream(packed, std::ios::in | std::ios::out).seekp(static_cast<std::streamoff>(offset)).put('\x55');
   expect_said(said_by(known), "weights 54 *");
-  expect_said(said(file.verify(index)), "weights 54 *");
   EXPECT_EQ(test::usage().n_allocations, n_own);
   {
     morun::LoadedWeights loaded = morun::or_throw(morun::load(file, context, known, {.skip_checksums = true}));
@@ -662,14 +612,12 @@ TEST_F(PackedFile, LoadingFailsWithStatusAndTextAndLeavesNothing) {
     expect_said(said(loaded.weights<f16>(0)), "layer 1 this set of weights was moved from, released or closed");
   }
   EXPECT_EQ(test::usage().n_allocations, n_own);
-  expect_said(said(file.tensor(matrices.size())), "weights 2 *");
   const morun::WeightFile taken = std::move(file);
   expect_said(said(file.find("q.weight")), "weights 1 *");
   EXPECT_EQ(file.size(), 0u);
-  expect_said(said(morun::WeightFile::open(checkpoint)), "weights 40 *");
-  expect_said(said(morun::WeightFile::open(folder + "/gone")), "weights 10 *");
+  expect_said(said(morun::WeightFile::open(path("gone"))), "weights 10 *");
   morun::Packer packer = morun::or_throw(morun::Packer::create());
-  expect_said(said(packer.add_source(folder + "/gone.npy")), "weights 10 *");
+  expect_said(said(packer.add_source(path("gone.npy"))), "weights 10 *");
   expect_said(said(packer.run(packed)), "weights 71 *");
 }
 

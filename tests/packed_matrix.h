@@ -1,8 +1,10 @@
-// A packed matrix, read by the definitions of the layouts.
+// A packed matrix, read by the definitions of the layouts, and plain products to compare products with.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "include/morun_weights.h"
@@ -40,5 +42,34 @@ struct PackedMatrix {
   uint64_t tile(uint64_t k, uint64_t c) const { return k / 32 * (layout.padded_n_col / 32) + c / 32; }
   static int nibble(uint8_t byte, bool is_high) { return static_cast<int8_t>(is_high ? byte : byte << 4) >> 4; }
 };
+
+inline std::vector<float> normal_values(uint64_t n, unsigned seed, double mean = 0, double deviation = 1) {
+  std::mt19937 generator(seed);
+  std::normal_distribution<double> distribution(mean, deviation);
+  std::vector<float> values(n);
+  for (float& value : values) value = static_cast<float>(distribution(generator));
+  return values;
+}
+
+// X * W of a row-major X of n_inner columns; weight(k, c) is an element of W.
+std::vector<double> product(const std::vector<float>& x, uint64_t n_inner, uint64_t n_col, const auto& weight) {
+  std::vector<double> a(x.size() / n_inner * n_col);
+  for (uint64_t k = 0; k < n_inner; ++k) {
+    for (uint64_t c = 0; c < n_col; ++c) {
+      const double w = double{weight(k, c)};
+      for (uint64_t r = 0; r < x.size() / n_inner; ++r) a[r * n_col + c] += double{x[r * n_inner + k]} * w;
+    }
+  }
+  return a;
+}
+
+double relative_error(const auto& expected, const auto& actual) {
+  double error = 0, all = 0;
+  for (size_t i = 0; i < expected.size(); ++i) {
+    error += std::pow(double{actual[i]} - double{expected[i]}, 2);
+    all += double{expected[i]} * double{expected[i]};
+  }
+  return error == 0 ? 0 : std::sqrt(error / all);
+}
 
 }  // namespace test

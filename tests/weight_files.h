@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +13,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "include/morun_weights.h"
@@ -34,6 +36,12 @@ struct Tensor {
   std::string bytes;
 };
 
+inline std::string with_length(const std::string& header) {
+  std::string length(8, '\0');
+  for (size_t i = 0; i < 4; ++i) length[i] = static_cast<char>(header.size() >> 8 * i);
+  return length + header;
+}
+
 // Not aligned to anything, as some writers leave it.
 inline std::string safetensors(const std::vector<Tensor>& tensors, const Json& metadata = {}) {
   Json header = Json::object();
@@ -45,10 +53,18 @@ inline std::string safetensors(const std::vector<Tensor>& tensors, const Json& m
     data += tensor.bytes;
   }
   if (!metadata.is_null()) header["__metadata__"] = metadata;
-  const std::string json = header.dump();
-  std::string file(8, '\0');
-  for (size_t i = 0; i < 4; ++i) file[i] = static_cast<char>(json.size() >> 8 * i);
-  return file + json + data;
+  return with_length(header.dump()) + data;
+}
+
+// n_col x n_inner zeros of f32 for each name, without the bytes.
+inline std::string safetensors_of_zeros(const std::vector<std::string>& names, uint64_t n_col, uint64_t n_inner) {
+  Json header;
+  uint64_t end = 0;
+  for (const std::string& name : names) {
+    const uint64_t begin = std::exchange(end, end + 4 * n_col * n_inner);
+    header[name] = {{"dtype", "F32"}, {"shape", {n_col, n_inner}}, {"data_offsets", {begin, end}}};
+  }
+  return with_length(header.dump());
 }
 
 inline std::string npy(const std::string& descr, bool fortran, const std::string& shape, const std::string& bytes) {
@@ -66,6 +82,17 @@ inline std::vector<float> some_values(size_t n, unsigned seed) {
     value = static_cast<float>(static_cast<int>(seed >> 20) % 129 - 64) / 32;
   }
   return values;
+}
+
+inline int32_t form_of(const std::string& name) {
+  const std::string names[] = {"carried", "f16", "a8w8", "a8w4"};
+  return static_cast<int32_t>(std::find(names, names + 4, name) - names);
+}
+
+inline void expect_status(int32_t status, int32_t expected, const std::string& text) {
+  EXPECT_STREQ(morun_weights_status_name(status), morun_weights_status_name(expected)) << text;
+  const std::string told = morun_weights_error_text();
+  EXPECT_NE(told.find(text), std::string::npos) << told << "\n  does not contain\n" << text;
 }
 
 inline std::string encoded(const std::string& dtype, const std::vector<float>& values) {
@@ -126,21 +153,19 @@ inline void pack(const std::string& path, const std::string& matrices) {
     shape << '(' << n_inner << ", " << n_col << ')';
     std::ofstream(source, std::ios::binary)
         << npy("<f4", false, shape.str(), bytes_of(some_values(size_t{n_inner} * n_col, n_col)));
-    packer.source(source).rule(name.c_str(), form == "f16"    ? MORUN_WEIGHTS_F16
-                                             : form == "a8w8" ? MORUN_WEIGHTS_A8W8
-                                             : form == "a8w4" ? MORUN_WEIGHTS_A8W4
-                                                              : MORUN_WEIGHTS_CARRIED);
+    packer.source(source).rule(name.c_str(), form_of(form));
   }
   EXPECT_EQ(packer.run(path), 0) << morun_weights_error_text();
   fs::remove_all(sources);
 }
 
-class WeightFiles : public testing::Test {
+// A folder for the files of one test.
+class Folder {
  protected:
-  WeightFiles() : folder_(fs::path(testing::TempDir()) / ("weight_files." + std::to_string(getpid()))) {
+  Folder() : folder_(fs::path(testing::TempDir()) / ("weight_files." + std::to_string(getpid()))) {
     fs::create_directories(folder_);
   }
-  ~WeightFiles() override { fs::remove_all(folder_); }
+  ~Folder() { fs::remove_all(folder_); }
 
   std::string path(const std::string& name) const { return folder_ / name; }
   std::string write(const std::string& name, const std::string& bytes) const {
@@ -179,12 +204,7 @@ struct PackedFile {
   }
   PackedMatrix matrix(const std::string& name) const {
     const std::string content = tensor(name);
-    const std::string form = record(name)["form"];
-    PackedMatrix packed = {form == "f16"    ? MORUN_WEIGHTS_F16
-                           : form == "a8w8" ? MORUN_WEIGHTS_A8W8
-                                            : MORUN_WEIGHTS_A8W4,
-                           {},
-                           {content.begin(), content.end()}};
+    PackedMatrix packed = {form_of(record(name)["form"]), {}, {content.begin(), content.end()}};
     EXPECT_EQ(morun_weights_layout_of(packed.form, record(name)["n_inner"], record(name)["n_col"], &packed.layout), 0);
     return packed;
   }

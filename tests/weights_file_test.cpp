@@ -1,11 +1,8 @@
-// Packed files: a checkpoint comes back as what it held, by the tool and by the C interface, and every file that is not
-// as the format has it is refused.
+// Packed files: a checkpoint comes back as what it held, and every file that is not as the format has it is refused.
 
 #include <sys/stat.h>
 
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <iterator>
 
 #define XXH_INLINE_ALL
@@ -49,24 +46,7 @@ class Reader {
   morun_weights_file* handle = nullptr;
 };
 
-class WeightsFile : public test::WeightFiles {
- protected:
-  // Standard output of the tool, which has to succeed.
-  std::string tool([[maybe_unused]] const std::string& arguments) const {
-#ifdef MORUN_TOOL_PATH
-    const std::string command = "cd '" + folder_.string() + "' && " MORUN_RUNNER " '" MORUN_TOOL_PATH "' " + arguments;
-    EXPECT_EQ(std::system((command + " > out").c_str()), 0) << command;
-#endif
-    return read("out");
-  }
-  std::vector<float> floats_of(const std::string& npy_file) const {
-    const std::string bytes = read(npy_file);
-    const size_t begin = 10 + static_cast<uint8_t>(bytes[8]) + 256 * size_t{static_cast<uint8_t>(bytes[9])};
-    std::vector<float> values((bytes.size() - begin) / sizeof(float));
-    std::memcpy(values.data(), bytes.data() + begin, values.size() * sizeof(float));
-    return values;
-  }
-};
+class WeightsFile : public testing::Test, public test::Folder {};
 
 // ---- From checkpoint to values -------------------------------------------------------------------------------------
 
@@ -79,54 +59,33 @@ struct Expected {
   std::string bytes;          // carried
 };
 
-// n_inner x n_col of what a packed matrix stands for, by the definition of its layout.
-std::vector<float> values_of(const test::PackedMatrix& matrix, uint64_t n_inner, uint64_t n_col) {
-  std::vector<float> values;
-  for (uint64_t i = 0; i < n_inner * n_col; ++i)
-    values.push_back(static_cast<float>(matrix.value(i / n_col, i % n_col)));
-  return values;
-}
-
-void expect_packed(const PackedFile& file, const Expected& e) {
-  const uint64_t n_col = e.shape[0], n_inner = e.shape[1];
+void expect_packed(const PackedFile& file, const Reader& reader, uint64_t index, const Expected& e) {
   const Json record = file.record(e.name);
+  const uint64_t n_col = e.shape[0], n_inner = e.shape[1];
   EXPECT_EQ(file.header[e.name]["dtype"], "U8");
   EXPECT_EQ(file.header[e.name]["shape"], Json({file.tensor(e.name).size()}));
   EXPECT_EQ(record["n_inner"], n_inner);
   EXPECT_EQ(record["n_col"], n_col);
   const test::PackedMatrix matrix = file.matrix(e.name);
+  const bool is_quantised = matrix.form != MORUN_WEIGHTS_F16;
   ASSERT_EQ(file.tensor(e.name).size(), matrix.layout.n_byte);
-  if (matrix.form != MORUN_WEIGHTS_F16) {
-    EXPECT_EQ(record["quantiser"], "minmax");
-    EXPECT_EQ(record["zero_points"], matrix.layout.zero_points);
-    EXPECT_EQ(record["scales"], matrix.layout.scales);
-    EXPECT_EQ(record["sums"], matrix.layout.sums);
+  std::vector<float> transposed, stored, unpacked(n_inner * n_col);
+  for (uint64_t i = 0; i < n_inner * n_col; ++i) {
+    const uint64_t k = i / n_col, c = i % n_col;
+    transposed.push_back(e.values[c * n_inner + k]);
+    stored.push_back(static_cast<float>(matrix.value(k, c)));
+    ASSERT_NEAR(stored[i], transposed[i], is_quantised ? 0.501 * matrix.scale(c) : 0) << k << ", " << c;
   }
-  double error = 0, all = 0;
-  for (uint64_t c = 0; c < n_col; ++c) {
-    const double half_step = matrix.form == MORUN_WEIGHTS_F16 ? 0 : 0.501 * matrix.scale(c);
-    for (uint64_t k = 0; k < n_inner; ++k) {
-      const double value = e.values[c * n_inner + k];
-      ASSERT_NEAR(matrix.value(k, c), value, half_step) << k << ", " << c;
-      error += std::pow(matrix.value(k, c) - value, 2);
-      all += value * value;
-    }
-  }
-  EXPECT_NEAR(record["error"], std::sqrt(error / all), 1e-9);
-}
+  EXPECT_NEAR(record["error"], test::relative_error(transposed, stored), 1e-9);
+  EXPECT_EQ(morun_weights_file_unpack(reader.handle, index, unpacked.data()), 0) << morun_weights_error_text();
+  EXPECT_TRUE(unpacked == stored);
 
-// The relative error of a product, n_row x n_col, of x and what a packed matrix stands for.
-[[maybe_unused]] double product_error(const std::vector<float>& y, const std::vector<float>& x,
-                                      const std::vector<float>& w, uint64_t n_inner) {
-  const uint64_t n_col = w.size() / n_inner;
-  double error = 0, all = 0;
-  for (uint64_t i = 0; i < y.size(); ++i) {
-    double exact = 0;
-    for (uint64_t k = 0; k < n_inner; ++k) exact += double{x[i / n_col * n_inner + k]} * w[k * n_col + i % n_col];
-    error += std::pow(y[i] - exact, 2);
-    all += exact * exact;
-  }
-  return std::sqrt(error / all);
+  const morun_weights_tensor tensor = reader.tensor(index);
+  EXPECT_EQ(tensor.form, matrix.form);
+  EXPECT_EQ(tensor.n_inner, n_inner);
+  EXPECT_EQ(tensor.n_col, n_col);
+  EXPECT_EQ(std::memcmp(&tensor.layout, &matrix.layout, sizeof matrix.layout), 0);
+  EXPECT_EQ(tensor.error, record["error"]);
 }
 
 TEST_F(WeightsFile, ACheckpointOfTwoShardsComesBackAsWhatItHeld) {
@@ -184,15 +143,7 @@ TEST_F(WeightsFile, ACheckpointOfTwoShardsComesBackAsWhatItHeld) {
     const std::string bytes = file.tensor(e.name);
     EXPECT_EQ(file.header[e.name]["data_offsets"][0], covered);
     EXPECT_EQ(record["form"], e.form);
-    EXPECT_EQ(record["source"], e.name);
-    EXPECT_EQ(record["source_dtype"], e.dtype);
     EXPECT_EQ(record["checksum"], checksum_of(bytes));
-    if (e.values.empty()) {
-      EXPECT_EQ(bytes, e.bytes);
-      EXPECT_EQ(file.header[e.name]["dtype"], e.dtype);
-    } else {
-      expect_packed(file, e);
-    }
 
     uint64_t found = 99;
     EXPECT_EQ(morun_weights_file_find(reader.handle, e.name, &found), 0);
@@ -205,50 +156,23 @@ TEST_F(WeightsFile, ACheckpointOfTwoShardsComesBackAsWhatItHeld) {
     EXPECT_EQ(file.header[e.name]["shape"], std::vector<uint64_t>(tensor.shape, tensor.shape + tensor.n_dimension));
     EXPECT_EQ(tensor.file_offset, file.data + covered);
     EXPECT_EQ(tensor.n_byte, bytes.size());
-    EXPECT_EQ(tensor.product_error, e.values.empty() ? -1 : tensor.product_error);
     EXPECT_EQ(tensor.checksum, XXH3_64bits(bytes.data(), bytes.size()));
+    EXPECT_EQ(tensor.product_error, -1);
     EXPECT_EQ(morun_weights_file_verify(reader.handle, index), 0) << morun_weights_error_text();
     EXPECT_EQ(reader.bytes(index, 0, bytes.size()), bytes);
     EXPECT_EQ(reader.bytes(index, bytes.size() / 3, bytes.size() / 2),
               bytes.substr(bytes.size() / 3, bytes.size() / 2));
+    if (e.values.empty()) {
+      EXPECT_EQ(bytes, e.bytes);
+      EXPECT_STREQ(tensor.dtype, e.dtype);
+      EXPECT_EQ(tensor.n_inner + tensor.n_col + tensor.layout.n_byte, 0u);
+    } else {
+      expect_packed(file, reader, index, e);
+    }
     covered += bytes.size();
     ++index;
-    if (e.values.empty()) {
-      EXPECT_EQ(tensor.n_inner + tensor.n_col + tensor.layout.n_byte, 0u);
-      continue;
-    }
-    const uint64_t n_col = e.shape[0], n_inner = e.shape[1];
-    const test::PackedMatrix matrix = file.matrix(e.name);
-    EXPECT_EQ(tensor.form, matrix.form);
-    EXPECT_EQ(tensor.n_inner, n_inner);
-    EXPECT_EQ(tensor.n_col, n_col);
-    EXPECT_EQ(std::memcmp(&tensor.layout, &matrix.layout, sizeof matrix.layout), 0);
-    EXPECT_EQ(record["error"], tensor.error);
-    const std::vector<float> w = values_of(matrix, n_inner, n_col);
-    std::vector<float> unpacked(w.size());
-    EXPECT_EQ(morun_weights_file_unpack(reader.handle, found, unpacked.data()), 0) << morun_weights_error_text();
-    EXPECT_TRUE(unpacked == w);
   }
   EXPECT_EQ(file.data + covered, file.bytes.size());
-
-#ifdef MORUN_TOOL_PATH
-  tool(
-      "pack model -o t.safetensors --weights a8w8 --jobs 2 --form '*.weight=a8w4' --form '[kq].weight=a8w8'"
-      " --form 'lm_*=f16' --skip 'embed*'");
-  EXPECT_TRUE(read("t.safetensors") == first);
-  EXPECT_TRUE(tool("inspect t.safetensors --verify").ends_with("9 checksums are right\n")) << read("out");
-  for (const Expected& e : expected) {
-    if (e.values.empty()) continue;
-    SCOPED_TRACE(e.name);
-    const uint64_t n_col = e.shape[0], n_inner = e.shape[1];
-    const std::vector<float> w = values_of(file.matrix(e.name), n_inner, n_col), x = some_values(3 * n_inner, 11);
-    tool(std::string("unpack t.safetensors ") + e.name + " -o w.npy");
-    EXPECT_TRUE(floats_of("w.npy") == w);
-    write("x.npy", test::npy("<f4", false, "(3, " + std::to_string(n_inner) + ")", encoded("F32", x)));
-    tool(std::string("mm x.npy t.safetensors:") + e.name + " -o y.npy");
-    EXPECT_LT(product_error(floats_of("y.npy"), x, w, n_inner), 0.01);
-  }
-#endif
 }
 
 // The example of docs/weight-files.md.
@@ -364,7 +288,6 @@ struct Malformed {
 TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
   const std::string a = R"("a":{"dtype":"U8","shape":[8192],"data_offsets":[0,8192]})", form_a = "'form':'f16'";
   const std::string many(1 << 20, '['), longest = std::to_string(UINT64_MAX), half = "9223372036854775808";
-  const std::string nul("\0", 1);
   const Malformed table[] = {
       {"TOO_SHORT", "has 0 bytes, fewer than the 8", "", "", cut(0)},
       {"TOO_SHORT", "has 7 bytes", "", "", cut(7)},
@@ -375,19 +298,11 @@ TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
       {"HEADER_START", "does not begin with '{'", "", "", length(0)},
       {"HEADER_START", "does not begin with '{'", "{\"__m", " {\"__m"},
       {"HEADER_START", "does not begin with '{'", "{\"__m", "[{\"__m"},
-      {"HEADER_JSON", "not JSON at its byte", "\"dtype\":\"I16\"}}", "\"dtype\":\"I16\"}"},
       {"HEADER_JSON", "not JSON at its byte", "\"dtype\":\"I16\"}}", "\"dtype\":\"I16\"}}}"},
-      {"HEADER_JSON", "not JSON at its byte", "\"a\":{", "\"a\" {"},
       {"HEADER_JSON", "not JSON at its byte 3000", "", "", byte(8 + 2999, '\0')},
-      {"HEADER_JSON", "not JSON at its byte", "kept",
-       "k\xff"
-       "ept"},
       {"HEADER_JSON", "not JSON at its byte", "kept", "\\ud800"},
-      {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,03]"},
       {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,1e999]"},
-      {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,NaN]"},
       {"HEADER_JSON", "not JSON at its byte", "[2,3]", "[2,/*3*/3]"},
-      {"HEADER_DEPTH", "an array in the entry of \"c\"", "[2,3]", "[[2,3]]"},
       {"HEADER_DEPTH", "an array in the entry of \"c\"", "[2,3]", many},
       {"HEADER_DEPTH", "an object in the entry of \"a\"", "\"dtype\":\"U8\"", "\"dtype\":{}"},
       {"HEADER_DEPTH", "an object in the entry of \"note\"", "\"kept\"", "{}"},
@@ -405,7 +320,6 @@ TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
       {"HEADER_ENTRY", "\"c\" lacks dtype, shape or two", ",\"dtype\":\"I16\"", ""},
       {"HEADER_ENTRY", "\"c\" lacks dtype, shape or two", "[16384,16396]", "[16396]"},
       {"HEADER_ENTRY", "\"c\" lacks dtype, shape or two", "[16384,16396]", "[16384,16396,16396]"},
-      {"HEADER_METADATA", "a number in the entry of \"note\"", "\"kept\"", "1"},
       {"HEADER_METADATA", "null in the entry of \"note\"", "\"kept\"", "null"},
       {"HEADER_METADATA", "a string in the entry of \"__metadata__\"", "", "",
        [](std::string& file) { file = file_of(R"({"__metadata__":""})"); }},
@@ -420,7 +334,6 @@ TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
       {"SHAPE_OVERFLOW", "tensor \"c\" takes more than 2^61 bytes", "[2,3]", "[4294967296,4294967296,0]"},
       {"SHAPE_OVERFLOW", "or no whole bytes", "[2,3],\"data_offsets\":[16384,16396],\"dtype\":\"I16\"",
        "[1,1],\"data_offsets\":[16384,16385],\"dtype\":\"F4\""},
-      {"SHAPE_MISMATCH", "tensor \"c\" has 12 bytes, and its shape takes 14", "[2,3]", "[7]"},
       {"SHAPE_MISMATCH", "tensor \"c\" has 12 bytes, and its shape takes 2", "[2,3]", "[]"},
       {"SHAPE_MISMATCH", "tensor \"c\" has 12 bytes, and its shape takes 0", "[2,3]", "[0]"},
       {"RANGE_REVERSED", "\"c\" begins at byte 16396 and ends at byte 16384", "[16384,16396]", "[16396,16384]"},
@@ -440,34 +353,24 @@ TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
 
       {"NOT_PACKED_FILE", "its __metadata__ has no morun.format", "morun.format", "morun.fromat"},
       {"UNKNOWN_VERSION", "of version \"2\"", "\"1\"", "\"2\""},
-      {"UNKNOWN_VERSION", "of version \"01\"", "\"1\"", "\"01\""},
       {"RECORD_MISSING", "tensor \"c\": has no record", "morun.tensor.c", "tensor.c"},
-      {"RECORD_STRAY", "the record \"morun.tensor.d\" belongs to no tensor", "\"kept\"",
-       "\"\",\"morun.tensor.d\":\"{}\""},
-      {"RECORD_STRAY", "the record \"morun.tensor.\" belongs to no tensor", "\"kept\"",
-       "\"\",\"morun.tensor.\":\"{}\""},
-      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c'"},
-      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c'} x"},
-      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c'}\\u0000"},
-      {"RECORD_JSON", "tensor \"c\": the record is not JSON at its byte", "'$c'}", "'$c','later':1e999}"},
-      {"RECORD_JSON", "tensor \"c\": the record is no flat object, but holds an array", "'$c'}",
-       "'$c','later':" + many},
-      {"RECORD_JSON", "tensor \"c\": the record is no flat object, but holds an object", "'$c'}", "'$c','later':{}}"},
-      {"RECORD_JSON", "tensor \"c\": the record is no flat object, but holds no members", "{'form':'carried'",
-       "1,{'f':1"},
+      {"RECORD_STRAY", "\"morun.tensor.d\" belongs to no tensor", "\"kept\"", "\"\",\"morun.tensor.d\":\"{}\""},
+      {"RECORD_STRAY", "\"morun.tensor.\" belongs to no tensor", "\"kept\"", "\"\",\"morun.tensor.\":\"{}\""},
+      {"RECORD_JSON", "\"c\": the record is not JSON at its byte", "'$c'}", "'$c'} x"},
+      {"RECORD_JSON", "\"c\": the record is not JSON at its byte", "'$c'}", "'$c'}\\u0000"},
+      {"RECORD_JSON", "\"c\": the record is not JSON at its byte", "'$c'}", "'$c','later':1e999}"},
+      {"RECORD_JSON", "is no flat object, but holds an array", "'$c'}", "'$c','later':" + many},
+      {"RECORD_JSON", "is no flat object, but holds an object", "'$c'}", "'$c','later':{}}"},
+      {"RECORD_JSON", "is no flat object, but holds no members", "{'form':'carried'", "1,{'f':1"},
       {"RECORD_JSON", "tensor \"c\": the record has two members \"form\"", "'$c'}", "'$c','form':'carried'}"},
-      {"RECORD_MEMBER", "tensor \"a\": the record lacks n_inner, an unsigned integer", "'n_inner':33,'n_col':40,'so",
-       "'so"},
-      {"RECORD_MEMBER", "tensor \"a\": the record lacks form, a string", form_a + ",", ""},
+      {"RECORD_MEMBER", "\"a\": the record lacks n_inner, an", "'n_inner':33,'n_col':40,'so", "'so"},
       {"RECORD_MEMBER", "tensor \"a\": the record lacks error, a number", "'error':0.5,", ""},
-      {"RECORD_MEMBER", "tensor \"a\": the record lacks checksum", ",'checksum':'$a'", ""},
       {"RECORD_MEMBER", "tensor \"a\": the record's form is not a string", form_a, "'form':1"},
-      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned integer", "6144", "-6144"},
-      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned integer", "6144", "6144.0"},
-      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned integer", "6144", "18446744073709551616"},
-      {"RECORD_MEMBER", "tensor \"a\": the record's error is not a number of 0 or more", "0.5", "-0.5"},
-      {"RECORD_MEMBER", "tensor \"a\": the record's error is not a number of 0 or more", "0.5", "'0.5'"},
-      {"RECORD_MEMBER", "tensor \"a\": the record's source is not a string without NUL", "'A'", "'A\\\\u0000'"},
+      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned", "6144", "-6144"},
+      {"RECORD_MEMBER", "tensor \"b\": the record's sums is not an unsigned", "6144", "18446744073709551616"},
+      {"RECORD_MEMBER", "tensor \"a\": the record's error is not a number of 0", "0.5", "-0.5"},
+      {"RECORD_MEMBER", "tensor \"a\": the record's error is not a number of 0", "0.5", "'0.5'"},
+      {"RECORD_MEMBER", "tensor \"a\": the record's source is not a string without", "'A'", "'A\\\\u0000'"},
       {"UNKNOWN_FORM", "tensor \"a\": the form \"f8\" is none", form_a, "'form':'f8'"},
       {"UNKNOWN_QUANTISER", "tensor \"b\": the quantiser \"best\" is none", "'mse'", "'best'"},
       {"PACKED_DTYPE", "tensor \"a\": a packed matrix is a U8 tensor of 1 dimension, not I8 of 1",
@@ -516,8 +419,7 @@ TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
     EXPECT_STREQ(morun_weights_status_name(morun_weights_file_open(file.c_str(), &opened)), test.status);
     EXPECT_EQ(opened, nullptr);
     const std::string text = morun_weights_error_text();
-    EXPECT_TRUE(text.starts_with(file + ": ")) << text;
-    EXPECT_NE(text.find(test.text), std::string::npos) << text;
+    EXPECT_TRUE(text.starts_with(file + ": ") && text.find(test.text) != text.npos) << text;
   }
 }
 
@@ -529,10 +431,8 @@ TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
   mkfifo(path("pipe").c_str(), 0600);
   const std::pair<std::string, const char*> paths[] = {
       {path("absent"), "No such file"}, {folder_, "no regular file"}, {path("pipe"), "no regular file"}};
-  for (const auto& [name, text] : paths) {
-    EXPECT_EQ(morun_weights_file_open(name.c_str(), &none), MORUN_WEIGHTS_OPEN);
-    EXPECT_NE(std::string(morun_weights_error_text()).find(text), std::string::npos) << morun_weights_error_text();
-  }
+  for (const auto& [name, text] : paths)
+    test::expect_status(morun_weights_file_open(name.c_str(), &none), MORUN_WEIGHTS_OPEN, text);
   EXPECT_EQ(morun_weights_file_open(nullptr, &none), MORUN_WEIGHTS_NULL_ARGUMENT);
   EXPECT_EQ(morun_weights_file_open(file.c_str(), nullptr), MORUN_WEIGHTS_NULL_ARGUMENT);
   EXPECT_EQ(none, nullptr);
