@@ -6,6 +6,7 @@ groups and all other operators run in NumPy, in f32. Operators that the module d
 
 from __future__ import annotations
 
+import inspect
 import os
 import time
 from collections.abc import Callable, Mapping, Sequence
@@ -69,6 +70,18 @@ class Result:
 # ---- Operators in NumPy ----
 
 
+def _cast(x: Array, to: int) -> Array:
+    if x.dtype.kind not in "fiub" or to in (onnx.TensorProto.STRING, onnx.TensorProto.BFLOAT16):
+        raise NotImplementedError(f"Cast of {x.dtype} to {onnx.TensorProto.DataType.Name(to)}")
+    return x.astype(onnx.mapping.TENSOR_TYPE_TO_NP_TYPE[to])
+
+
+def _div(a: Array, b: Array) -> Array:
+    if a.dtype.kind not in "iu":
+        return np.divide(a, b)
+    return (np.abs(a) // np.abs(b) * np.sign(a) * np.sign(b)).astype(a.dtype)  # toward zero
+
+
 def _sigmoid(x: Array) -> Array:
     with np.errstate(over="ignore"):
         return (np.float32(1) / (np.float32(1) + np.exp(-x))).astype(x.dtype)
@@ -80,14 +93,18 @@ def _softmax(x: Array, axis: int = -1) -> Array:
 
 
 def _batch_normalization(x: Array, scale: Array, bias: Array, mean: Array, variance: Array, epsilon: float = 1e-5,
-                         **_: Any) -> Array:
+                         momentum: float = 0.9, training_mode: int = 0) -> Array:
+    if training_mode:
+        raise NotImplementedError("BatchNormalization in training mode")
     factor = scale / np.sqrt(variance + np.float32(epsilon))
     shape = (1, -1) + (1,) * (x.ndim - 2)
     return x * factor.reshape(shape) + (bias - mean * factor).reshape(shape)
 
 
-def _clip(x: Array, low: Array | None = None, high: Array | None = None, **bounds: float) -> Array:
-    return np.clip(x, bounds.get("min", low), bounds.get("max", high)).astype(x.dtype)  # attributes until opset 11
+def _clip(x: Array, low: Any = None, high: Any = None, min: float | None = None, max: float | None = None) -> Array:
+    low, high = low if min is None else min, high if max is None else max  # attributes until opset 11
+    x = x if low is None else np.maximum(x, low)
+    return (x if high is None else np.minimum(x, high)).astype(x.dtype)
 
 
 def _slice(x: Array, starts: Any, ends: Any, axes: Any = None, steps: Any = None) -> Array:
@@ -121,9 +138,8 @@ def _patches(x: Array, kernel: Sequence[int], strides: Sequence[int], pads: Sequ
     return windows[:, :, ::strides[0], ::strides[1], ::dilations[0], ::dilations[1]]
 
 
-def _attributes_of_windows(kernel_shape: Sequence[int], strides: Sequence[int] = (1, 1),
-                           pads: Sequence[int] = (0, 0, 0, 0), dilations: Sequence[int] = (1, 1),
-                           auto_pad: bytes = b"NOTSET", ceil_mode: int = 0) -> tuple[Sequence[int], ...]:
+def _window(kernel_shape: Sequence[int], strides: Sequence[int] = (1, 1), pads: Sequence[int] = (0, 0, 0, 0),
+            dilations: Sequence[int] = (1, 1), auto_pad: bytes = b"NOTSET", ceil_mode: int = 0) -> tuple[Any, ...]:
     if auto_pad not in (b"NOTSET", b"VALID") or ceil_mode:
         raise NotImplementedError("windows with auto_pad or ceil_mode")
     if len(kernel_shape) != 2:
@@ -133,7 +149,7 @@ def _attributes_of_windows(kernel_shape: Sequence[int], strides: Sequence[int] =
 
 def _conv(product: Product, x: Array, w: Array, b: Array | None = None, group: int = 1, **attributes: Any) -> Array:
     attributes.setdefault("kernel_shape", w.shape[2:])
-    windows = _attributes_of_windows(**attributes)
+    windows = _window(**attributes)
     if group == 1:
         patches = _patches(x, *windows)
         n, _, height, width = patches.shape[:4]
@@ -158,7 +174,7 @@ def _grouped_conv(x: Array, w: Array, group: int, *windows: Sequence[int]) -> Ar
 
 
 def _average_pool(x: Array, count_include_pad: int = 0, **attributes: Any) -> Array:
-    windows = _attributes_of_windows(**attributes)
+    windows = _window(**attributes)
     sums = _patches(x, *windows).sum(axis=(4, 5), dtype=np.float32)
     if count_include_pad or not any(windows[2]):
         return sums / np.float32(np.prod(windows[0]))
@@ -173,22 +189,19 @@ def _constant(value: Any = None, **other: Any) -> Array:
 
 _NUMPY: dict[str, Callable[..., Array]] = {
     "Add": np.add, "AveragePool": _average_pool, "BatchNormalization": _batch_normalization,
-    "Cast": lambda x, to: x.astype(onnx.mapping.TENSOR_TYPE_TO_NP_TYPE[to]),
-    "Clip": _clip, "Concat": lambda *xs, axis: np.concatenate(xs, axis), "Constant": _constant, "Div": np.divide,
+    "Cast": _cast, "Clip": _clip, "Concat": lambda *xs, axis: np.concatenate(xs, axis), "Constant": _constant, "Div": _div,
     "GlobalAveragePool": lambda x: x.mean(axis=tuple(range(2, x.ndim)), keepdims=True, dtype=np.float32),
     "HardSigmoid": lambda x, alpha=0.2, beta=0.5: np.clip(np.float32(alpha) * x + np.float32(beta), 0, 1),
-    "Identity": lambda x: x,
-    "Mul": np.multiply, "Pow": np.power,
+    "Mul": np.multiply, "Pow": lambda x, y: np.power(x, y).astype(x.dtype),
     "ReduceMean": lambda x, axes=None, keepdims=1: x.mean(
         axis=None if axes is None else tuple(axes), keepdims=bool(keepdims), dtype=x.dtype),
-    "Relu": lambda x: np.maximum(x, 0), "Reshape": _reshape, "Shape": lambda x: np.array(x.shape, np.int64),
+    "Relu": lambda x: np.maximum(x, 0), "Reshape": _reshape, "Shape": lambda x, start=0, end=None: np.array(x.shape[start:end], np.int64),
     "Sigmoid": _sigmoid, "Slice": _slice, "Softmax": _softmax, "Sqrt": np.sqrt, "Squeeze": _squeeze,
     "Sub": np.subtract, "Transpose": lambda x, perm=None: np.transpose(x, perm),
 }
 _PRODUCTS: dict[str, Callable[..., Array]] = {"Conv": _conv, "Gemm": _gemm,
                                               "MatMul": lambda product, a, b: product(a, b)}
 OPERATORS = tuple(sorted([*_NUMPY, *_PRODUCTS]))
-_DIVISIONS_OF_INTEGERS = "Div"
 
 
 # ---- The model ----
@@ -203,6 +216,11 @@ class _Node:
             raise NotImplementedError(f"the operator {node.domain or 'ai.onnx'}.{self.operator}")
         if len([name for name in self.outputs if name]) != 1:
             raise NotImplementedError(f"{self.operator} with {len(self.outputs)} outputs")
+        function = _PRODUCTS.get(self.operator) or _NUMPY[self.operator]
+        known = {} if isinstance(function, np.ufunc) else inspect.signature(function).parameters
+        variable = any(p.kind is inspect.Parameter.VAR_KEYWORD for p in getattr(known, "values", list)())
+        if not variable and (strangers := self.attributes.keys() - set(known)):
+            raise NotImplementedError(f"{self.operator} with {', '.join(sorted(strangers))}")
 
     @property
     def name(self) -> str:
@@ -252,6 +270,8 @@ class Session:
         self._nodes = [node for node in self._nodes if node.operator != "Constant"]
         self.inputs = [value.name for value in graph.input if value.name not in self._constants]
         self.outputs = [value.name for value in graph.output]
+        if any(v.type.tensor_type.elem_type == onnx.TensorProto.BFLOAT16 for v in [*graph.input, *graph.output]):
+            raise NotImplementedError("inputs or outputs of bf16")
         self.context = context
         self.forms = self._choose_forms(weights, dict(layers or {}))
         self._uploaded: dict[str, Weights] = {}
