@@ -13,8 +13,8 @@ from ._arrays import as_f32
 from ._context import Context, Weights, info
 from ._files import Decision, PackedFile, Tensor, inspect, pack
 from ._library import Error
+from ._version import VERSION as __version__
 from .quant import PackedMatrix
 
-__version__ = "1.0.0"
 __all__ = ["Context", "Decision", "Error", "PackedFile", "PackedMatrix", "Tensor", "Weights", "as_f32", "half", "info",
            "inspect", "layouts", "pack", "quant", "reference"]

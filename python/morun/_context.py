@@ -15,9 +15,10 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _library, quant
-from ._arrays import operand, round_up
+from ._arrays import operand
 from ._files import PackedFile
-from ._library import FORMS, GRANULE, Error, address, check, check_weights
+from ._library import FORMS, Error, address, check, check_weights
+from ._version import VERSION
 
 F32Array = NDArray[np.float32]
 
@@ -425,7 +426,7 @@ def info() -> dict[str, Any]:
     with open("/proc/self/maps") as maps:
         platform = next((line.split()[-1] for line in maps if "libparlo" in line), None)
     return {
-        "package": "1.0.0", "library": _library.tavik_path, "weights library": _library.weights_path,
+        "package": VERSION, "library": _library.tavik_path, "weights library": _library.weights_path,
         "platform": platform, "dsp domain": domain,
         "dsp architecture": None if architecture is None else f"{architecture & 0xff:x}",
         "vector memory": None if page is None or count is None else page * count,

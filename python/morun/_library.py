@@ -11,7 +11,6 @@ from typing import Any
 from numpy.typing import NDArray
 
 MAX_SESSIONS, MAX_BUFFERS, MAX_DESCRIPTOR, SESSION_NAME_SIZE, WORST_COLUMNS = 4, 32, 1023, 256, 8
-GRANULE = 2048  # bytes; parts of packed matrices begin at multiples
 FORMS = ("carried", "f16", "a8w8", "a8w4")  # by number
 QUANTISERS = ("minmax", "mse", "calibrated", "library")
 

@@ -164,9 +164,9 @@ def _grouped_conv(x: Array, w: Array, group: int, *windows: Sequence[int]) -> Ar
     patches = _patches(x, *windows)
     n, channels, height, width = patches.shape[:4]
     if w.shape[1] == 1 and channels == len(w) == group:  # depthwise: one plane after the other of the kernel
-        y = np.zeros((n, channels, height, width), np.float32)
+        y, scaled = np.zeros((2, n, channels, height, width), np.float32)
         for i, j in np.ndindex(*w.shape[2:]):
-            y += patches[..., i, j] * w[None, :, 0, i, j, None, None]
+            y += np.multiply(patches[..., i, j], w[None, :, 0, i, j, None, None], out=scaled)
         return y
     split = patches.reshape(n, group, channels // group, *patches.shape[2:])
     kernels = w.reshape(group, len(w) // group, *w.shape[1:])
