@@ -8,7 +8,7 @@ fuzz_packages=(clang libclang-rt-14-dev)
 # The CMake file of libdnnl-dev asks for the two of OpenCL.
 bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev opencl-headers)
 python_packages=(python3-numpy python3-pytest python3-hypothesis python3-onnx python3-pil python3-matplotlib python3-build
-  python3-setuptools python3-wheel python3-venv fonts-dejavu-core)
+  python3-setuptools python3-wheel python3-venv fonts-dejavu-core mypy)
 python=/usr/bin/python3
 
 # The preset that is optimised for this machine.

@@ -169,7 +169,6 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
     raised: list[BaseException] = []
     handle = ctypes.c_void_p()
 
-    @_library.PROGRESS_FUNCTION
     def report(_: Any, p: Any) -> None:
         try:  # an interrupt of the keyboard arrives here too
             if progress is not None and not raised:
@@ -185,7 +184,7 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
     options.transpose, options.allow_non_finite, options.damping = transpose, allow_non_finite, damping
     if not 0 < n_job <= 256:
         raise ValueError(f"n_job is {n_job}; it has to be 1 to 256")
-    options.n_job, options.progress = n_job, report
+    options.n_job, options.progress = n_job, _library.PROGRESS_FUNCTION(report)
     options.activations = _path(activations) if activations is not None else None
     with _Packer(options) as packer:
         handle = packer.handle

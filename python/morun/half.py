@@ -16,7 +16,7 @@ __all__ = ["to_f16", "to_f16_numpy", "to_f32", "to_f32_numpy"]
 def _converted(function: Any, values: NDArray[Any], dtype: type) -> NDArray[Any]:
     source = np.zeros(-(-values.size // 8) * 8, values.dtype)  # the library converts whole groups of eight
     source[:values.size] = values.ravel()
-    result = np.empty(source.size, dtype)
+    result: NDArray[Any] = np.empty(source.size, dtype)
     function(source.size, address(source), address(result))
     return result[:values.size].reshape(values.shape)
 

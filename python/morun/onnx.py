@@ -129,12 +129,12 @@ def _gemm(product: Product, a: Array, b: Array, c: Array | None = None, alpha: f
     return y if c is None else y + np.float32(beta) * c
 
 
-def _patches(x: Array, kernel: Sequence[int], strides: Sequence[int], pads: Sequence[int], dilations: Sequence[int],
-             fill: float = 0) -> Array:
+def _patches(x: Array, kernel: Sequence[int], strides: Sequence[int], pads: Sequence[int],
+             dilations: Sequence[int]) -> Array:
     """n, channel, height, width, kernel height, kernel width."""
-    x = np.pad(x, ((0, 0), (0, 0), (pads[0], pads[2]), (pads[1], pads[3])), constant_values=fill)
+    x = np.pad(x, ((0, 0), (0, 0), (pads[0], pads[2]), (pads[1], pads[3])))
     spans = [(k - 1) * d + 1 for k, d in zip(kernel, dilations)]
-    windows = sliding_window_view(x, spans, (2, 3))
+    windows = sliding_window_view(x, spans, (2, 3))  # type: ignore[call-overload]
     return windows[:, :, ::strides[0], ::strides[1], ::dilations[0], ::dilations[1]]
 
 
@@ -326,19 +326,19 @@ class Session:
     def _on_npu(self, node: _Node) -> Product:
         if self.forms.get(node.name) is None:
             return np.matmul
-        context, uploaded = self.context, self._uploaded.get(node.name)
-        assert context is not None
+        assert self.context is not None
+        matmul, uploaded = self.context.matmul, self._uploaded.get(node.name)
 
         def product(x: Array, w: Array) -> Array:
             x = np.ascontiguousarray(x, np.float32)
             if uploaded is not None:
-                return context.matmul(x, uploaded)
+                return matmul(x, uploaded)
             if w.ndim == 2:
-                return context.matmul(x, np.ascontiguousarray(w, np.float32))
+                return matmul(x, np.ascontiguousarray(w, np.float32))
             pairs = np.broadcast_shapes(x.shape[:-2], w.shape[:-2])  # one product for each matrix of the batch
             xs = np.broadcast_to(x, pairs + x.shape[-2:]).reshape(-1, *x.shape[-2:])
             ws = np.broadcast_to(w, pairs + w.shape[-2:]).reshape(-1, *w.shape[-2:])
-            results = [context.matmul(a, np.ascontiguousarray(b, np.float32)) for a, b in zip(xs, ws)]
+            results = [matmul(a, np.ascontiguousarray(b, np.float32)) for a, b in zip(xs, ws)]
             return np.stack(results).reshape(*pairs, x.shape[-2], w.shape[-1])
         return product
 

@@ -173,13 +173,16 @@ def _output(form: str, tiles: NDArray[np.int32], n_inner: int, activation_scales
     layouts._tiles(tiles, np.int32, (64, 32), (64, 32), n_row, n_col)
     if n_inner < 0 or n_inner >= 2**31:
         raise ValueError(f"n_inner is {n_inner}")
-    for name, values, dtype, length in (
-            ("activation_scales", activation_scales, np.float32, n_row), ("zero_points", zero_points, np.int8, n_col),
-            ("weight_scales", weight_scales, np.float16, n_col), ("weight_sums", weight_sums, np.int32, n_col),
-            ("activation_sums", activation_sums.view(np.int32), np.int32, n_row)):
+    operands: tuple[tuple[str, NDArray[Any], type, int], ...] = (
+        ("activation_scales", activation_scales, np.float32, n_row),
+        ("activation_sums", activation_sums.view(np.int32), np.int32, n_row),
+        ("zero_points", zero_points, np.int8, n_col), ("weight_scales", weight_scales, np.float16, n_col),
+        ("weight_sums", weight_sums, np.int32, n_col))
+    for name, values, dtype, length in operands:
         if len(operand(values, name, (dtype,), 1)) != length:
             raise ValueError(f"{name} has {len(values)} elements; it has to have {length}")
-    columns = [padded(values[None], 1, 32) for values in (zero_points, weight_scales, weight_sums)]
+    of_columns: tuple[NDArray[Any], ...] = (zero_points, weight_scales, weight_sums)
+    columns = [padded(values[None], 1, 32) for values in of_columns]
     if form == "a8w4":
         columns[0] = layouts.pack_i4(columns[0])
     result = np.empty((n_row, tiles.shape[1] * 32), np.float32)
@@ -239,7 +242,7 @@ def output_numpy(sums: NDArray[np.int32], n_inner: int, activation_scales: F32Ar
     with np.errstate(all="ignore"):
         t = sums.astype(np.float32) - np.float32(128) * weight_sums.astype(np.float32)[None]
         t = _fused(-z, activation_sums.view(np.int32).astype(np.float32)[:, None], t)
-        t = _fused(np.float32(128) * z, np.float32(n_inner), t)
+        t = _fused(np.float32(128) * z, np.array(n_inner, np.float32), t)
         t = (t * activation_scales[:, None]) * weight_scales.astype(np.float32)[None]
     t[np.isnan(t)] = np.nan
     return t

@@ -53,7 +53,7 @@ def matmul(x: NDArray[Any], w: NDArray[Any]) -> F32Array:
 def _fused_sums(x: F16Array, w: F16Array, n_sum: int, dtype: type) -> NDArray[Any]:
     """n_row x n_col x n_sum: sum l adds the inner indices l, l + n_sum, ... by fused multiply-add."""
     n_inner = x.shape[1] // n_sum * n_sum
-    sums = np.zeros((x.shape[0], w.shape[1], n_sum), dtype)
+    sums: NDArray[Any] = np.zeros((x.shape[0], w.shape[1], n_sum), dtype)
     with np.errstate(all="ignore"):
         for k in range(0, n_inner, n_sum):
             a, b = x[:, None, k:k + n_sum].astype(np.float64), w[k:k + n_sum].T[None].astype(np.float64)
@@ -134,10 +134,10 @@ def npu_matmul_numpy(x: F32Array, packed: quant.PackedMatrix) -> F32Array:
     if packed.form == "f16":
         with np.errstate(all="ignore"):
             a, w = x.astype(np.float16).astype(np.float32), values.astype(np.float32)
-            sums = np.zeros((len(x), n_col), np.float32)
+            real_sums = np.zeros((len(x), n_col), np.float32)
             for k in range(n_inner):
-                sums += a[:, k, None] * w[k]
-            return sums.astype(np.float16).astype(np.float32)
+                real_sums += a[:, k, None] * w[k]
+            return real_sums.astype(np.float16).astype(np.float32)
     wide = padded(x, 1, 32)
     q, scales, row_sums = quant.quantise_u8_numpy(wide)
     sums = (q.astype(np.int64) @ values.astype(np.int64)).astype(np.int32)
