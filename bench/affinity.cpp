@@ -23,7 +23,7 @@ void keep_to(const cpu_set_t& mask) {
     throw std::system_error(errno, std::generic_category(), "sched_setaffinity");
 }
 
-// The pinned processor and the next ones given.
+// Returns the pinned processor and the next ones that the process was given.
 cpu_set_t processors(size_t n_processor) {
   cpu_set_t mask;
   CPU_ZERO(&mask);

@@ -1,4 +1,4 @@
-// The processors that the process works on. The software matrix unit takes as many threads.
+// The processors that the process uses. The software matrix unit runs as many threads as there are processors.
 #pragma once
 
 #include <cstddef>
@@ -6,13 +6,13 @@
 
 namespace bench {
 
-// Pins the process to the processor it is on, and returns that.
+// Pins the process to the processor on which it runs, and returns that processor.
 int pin();
 
-// How many the process was given before it was pinned.
+// Returns the number of processors that the process was given before it was pinned.
 size_t n_processors_given();
 
-// Runs `work` on that many of them.
+// Runs `work` on that number of processors.
 void run_on_processors(size_t n_processor, const std::function<void()>& work);
 
 }  // namespace bench

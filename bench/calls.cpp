@@ -1,4 +1,4 @@
-// Whole calls of the application: how much of each is the library's own.
+// Whole calls of the application, and the library's own share of each call's time.
 #include <fmt/format.h>
 
 #include <memory>
@@ -18,11 +18,12 @@ struct Shape {
   int32_t n_row, n_col, n_inner;
 };
 
-// One activation and result in ordinary memory, one weight matrix with what belongs to it in a shared buffer.
+// Memory for one call: activation and result in ordinary memory, and one weight matrix with its zero points, scales and
+// sums in a shared buffer.
 struct Operands {
   std::shared_ptr<std::byte> A, X;
   SharedBuffer W;
-  uint64_t zero_points, scales, sums;  // bytes from the start of the buffer
+  uint64_t zero_points, scales, sums;  // byte offsets in the shared buffer
 };
 
 using Kernel = uint32_t (*)(tavik_context*, const Shape&, const Operands&);
@@ -56,18 +57,18 @@ std::function<void()> prepare(const KernelCall& call) {
   const Shape s = call.shape;
   const auto n_row = static_cast<uint64_t>(s.n_row), n_col = static_cast<uint64_t>(s.n_col),
              n_inner = static_cast<uint64_t>(s.n_inner);
-  const uint64_t values = 2 * n_inner * n_col, vector = 4 * n_col;  // bytes, enough for every kind
+  const uint64_t values = 2 * n_inner * n_col, vector = 4 * n_col;  // bytes; enough for every kind of weights
   const Operands operands = {filled_memory(4 * n_row * n_col),
                              filled_memory(4 * n_row * n_inner),
                              npu->filled_buffer(values + 3 * vector),
                              values,
                              values + vector,
                              values + 2 * vector};
-  npu->handle(operands.W);  // locks the matrix unit, which not every kernel does
+  npu->handle(operands.W);  // locks the matrix unit; not every kernel locks it
   return [npu, s, operands, kernel = call.kernel] { require(kernel(npu->context(), s, operands)); };
 }
 
-// The upper interface, while it is initialised. Its buffers are freed with it.
+// The upper interface while it is initialised. The destructor frees its buffers and finalises it.
 class Upper {
  public:
   Upper() { require_upper(morun_npu_initialize(MORUN_DOMAIN_NPU0)); }
@@ -89,11 +90,11 @@ class Upper {
   }
 };
 
-// Matrices of the smallest product, each in a buffer that is large enough for every type.
+// Matrices of the smallest product. Each has a buffer that is large enough for every type.
 struct Buffers {
   void *A, *X, *W;
 };
-constexpr int32_t n_row = 64, side = 32;  // bytes come in tiles of 64 rows, halves in tiles of 32
+constexpr int32_t n_row = 64, side = 32;  // tiles of bytes have 64 rows, tiles of halves have 32
 constexpr uint64_t buffer_bytes = 4 * n_row * side;
 
 template <auto multiply, class Result, class Activation, class Weight, int32_t rows = side>

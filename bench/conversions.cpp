@@ -22,7 +22,7 @@ struct Shape {
 };
 constexpr std::array<Shape, 3> shapes = {{{128, 2048}, {1024, 4096}, {4096, 4096}}};
 
-// Filled, of the type that it is passed as.
+// Filled memory, which converts to a pointer of any element type.
 struct Memory {
   std::shared_ptr<std::byte> bytes;
   template <class T>
@@ -31,12 +31,12 @@ struct Memory {
   }
 };
 
-// What quantisation keeps of each row or each column, at most 4 bytes of each.
+// The data that quantisation stores for each row or for each column, at most 4 bytes each.
 struct Vectors {
   Memory scales, sums, zero_points;
 };
 
-// A conversion leaves alone what it has no use for.
+// The operands of every conversion. A conversion uses only some of them.
 struct Operands {
   Shape shape;
   Memory source, target;
@@ -67,7 +67,7 @@ Convert activation(Function quantise) {
   };
 }
 
-// To high bytes, then low bytes.
+// Quantises to a plane of high bytes and a plane of low bytes behind it.
 template <class Function>
 Convert activation_in_two(Function quantise) {
   return [quantise](const Operands& o) {
@@ -88,7 +88,7 @@ template <class Function>
 Convert output(Function dequantise) {
   return [dequantise](const Operands& o) {
     const auto n_row = static_cast<int32_t>(o.shape.n_row), n_col = static_cast<int32_t>(o.shape.n_col);
-    const int32_t n_inner = 2048;  // any would do
+    const int32_t n_inner = 2048;  // any value will do
     dequantise(n_row, n_col, n_inner, o.target, o.source, o.rows.scales, o.rows.sums, o.columns.zero_points,
                o.columns.scales, o.columns.sums);
   };
@@ -104,13 +104,14 @@ void flat_to_weight(const Operands& o) {
   tavik_host_layout_w4_flat_to_weight(o.target, o.source, o.shape.n_row, o.shape.n_col);
 }
 
-// 16 x 64, as the f16 tiles have them.
+// The block size of the f16 tiles, 16 x 64.
 template <class Function>
 Convert blocks(Function rearrange) {
   return [rearrange](const Operands& o) { rearrange(o.shape.n_row, o.shape.n_col, 16, 64, o.target); };
 }
 
-// f32 where the library's elements are smaller, and then fewer rows: as many bytes.
+// oneDNN reorders f32 where the library converts smaller elements. There are fewer rows then, so both move equally many
+// bytes.
 struct PeerReorder {
   PeerMatrix from, to;
   uint64_t row_divisor = 1;
@@ -131,7 +132,7 @@ constexpr PeerReorder to_blocks = {f32_rows, f32_blocks, 2}, from_blocks = {f32_
 struct Conversion {
   const char* name;
   double bytes_read, bytes_written;          // of an element; vectors do not count
-  std::array<double, shapes.size()> wanted;  // ratio for each shape; 0: for information
+  std::array<double, shapes.size()> wanted;  // ratio to reach for each shape; 0: for information only
   Convert convert;
   std::optional<PeerReorder> peer = {};
 };

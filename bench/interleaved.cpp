@@ -16,7 +16,7 @@ double seconds(Clock clock) {
   return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-// Between the values around it where the place is not a whole one. `sorted` is not empty.
+// Interpolates between neighbouring values where the position is not a whole number. `sorted` is not empty.
 double quantile(const std::vector<double>& sorted, double fraction) {
   const double place = fraction * static_cast<double>(sorted.size() - 1);
   const auto below = static_cast<size_t>(place);

@@ -1,4 +1,5 @@
-// An operation and its yardstick, timed in turn: what other work does to caches and clock rate meets both alike.
+// Times an operation and its yardstick in turn. A change of the caches or of the clock rate by other programs then affects
+// both alike.
 #pragma once
 
 #include <vector>
@@ -7,7 +8,8 @@
 
 namespace bench {
 
-// Seconds of one call each; the yardstick's is the mean of before and after. 0 for what there is not.
+// Seconds of one call of each. The yardstick runs before and after the operation, and its time is the mean. 0 for a
+// part that the work does not have.
 struct Round {
   double operation;
   double yardstick;
@@ -16,13 +18,14 @@ struct Round {
 
 class Interleaved {
  public:
-  // Warms up and finds out how often to call each, so that it takes `least_seconds`; 0: once.
+  // Warms up and chooses how often each round calls the operation and the yardstick, so that each takes
+  // `least_seconds`. With `least_seconds` 0, a round calls each once.
   Interleaved(Work work, double least_seconds);
 
   Round next_round() const;
 
  private:
-  // Calls in a row, enough for the clock.
+  // A number of calls in a row, long enough for the clock's resolution.
   struct Calls {
     std::function<void()> call;
     size_t count = 0;

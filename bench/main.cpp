@@ -1,4 +1,4 @@
-// morun_bench: one table of the library's operations, each as a ratio to a yardstick.
+// morun_bench prints a table of the library's operations and compares each with a yardstick.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
@@ -63,7 +63,7 @@ std::vector<Row> chosen(std::vector<Row> rows, const std::string& filter) {
   return rows;
 }
 
-// One of each operation: the part of the names before the shape.
+// Keeps one row of each operation. The operation is the part of the name before the shape.
 template <class Row>
 void keep_first_shapes(std::vector<Row>& rows) {
   std::set<std::string> operations;
@@ -71,7 +71,7 @@ void keep_first_shapes(std::vector<Row>& rows) {
                 [&](const Row& row) { return !operations.insert(row.name.substr(0, row.name.find('/'))).second; });
 }
 
-// The rows must live until they are measured.
+// The benchmarks refer to the rows, so the rows must live until they are measured.
 template <class Row>
 void register_rows(const std::vector<Row>& rows, int n_round) {
   for (const Row& row : rows)
@@ -99,7 +99,7 @@ void describe(const std::string& key, const std::string& value) {
   benchmark::AddCustomContext(key, value);
 }
 
-// `flags` must live until the end: Google Benchmark keeps a pointer to the first.
+// `flags` must live until the end: Google Benchmark keeps a pointer to the first string.
 void start_google_benchmark(std::vector<std::string>& flags) {
   std::vector<char*> pointers;
   for (std::string& flag : flags) pointers.push_back(flag.data());
@@ -107,7 +107,7 @@ void start_google_benchmark(std::vector<std::string>& flags) {
   benchmark::Initialize(&n_flag, pointers.data());
 }
 
-// Rows that were registered are measured and printed; false when one of them failed.
+// Measures and prints the registered rows. Returns false when a row failed.
 bool print_table(size_t name_width) {
   bench::Table table(name_width);
   benchmark::RunSpecifiedBenchmarks(&table);

@@ -1,4 +1,4 @@
-// Ordinary memory with contents that no arithmetic stumbles over.
+// Ordinary memory with contents on which arithmetic runs at its usual speed: no subnormals, infinities or NaN.
 #pragma once
 
 #include <cstddef>
@@ -6,10 +6,11 @@
 
 namespace bench {
 
-// Halves of either sign whose size is from 1 to 2. Read as f32 they are finite and normal, and stay so as f16.
+// Halves of either sign with magnitudes from 1 to 2. Read as f32 they are finite and normal, and still are after
+// conversion to f16.
 void fill(void* data, size_t n_byte);
 
-// Page-aligned and filled.
+// Returns page-aligned memory that fill() has filled.
 std::shared_ptr<std::byte> filled_memory(size_t n_byte);
 
 }  // namespace bench

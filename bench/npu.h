@@ -1,4 +1,4 @@
-// A context with default options on the emulated platform, and shared buffers in it.
+// A context with default options on the emulated platform, and shared buffers of this context.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@
 
 namespace bench {
 
-// Throws with the library's last message where `status` tells of a failure.
+// Throws an exception with the library's last message when `status` reports a failure.
 void require(uint32_t status);
-// Throws with the status itself, which is all that a remote call leaves.
+// Throws an exception with the status itself. A remote call leaves no message.
 void require_remote(int status);
 
 struct SharedBuffer {
@@ -25,9 +25,9 @@ class Npu {
   Npu& operator=(const Npu&) = delete;
 
   tavik_context* context() const { return context_; }
-  // A new shared buffer, filled; it lives as long as this.
+  // Returns a new, filled shared buffer, which lives as long as the Npu.
   SharedBuffer filled_buffer(uint64_t n_byte);
-  // The handle of the session that maps the buffer, ready to multiply.
+  // Returns the handle of the session that maps the buffer, after locking the matrix unit for that session.
   uint64_t handle(const SharedBuffer& buffer) const;
 
  private:

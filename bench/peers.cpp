@@ -14,7 +14,7 @@ namespace {
 using Tag = dnnl::memory::format_tag;
 using Type = dnnl::memory::data_type;
 
-// One engine; its primitives keep to the calling thread and to AVX2.
+// The single oneDNN engine. Its primitives run on the calling thread and use AVX2 at most.
 const dnnl::engine& engine() {
   static const dnnl::engine engine = [] {
     omp_set_num_threads(1);

@@ -1,5 +1,6 @@
-// The nearest that a well-known library offers, for comparison: oneDNN, on one thread, with the vectors that this build
-// uses. A peer's operation moves as many bytes or multiplies as much as ours; its layouts are its own.
+// The nearest operations of a well-known library, oneDNN, for comparison. oneDNN runs on one thread and with the vector
+// instructions of this build. A peer moves as many bytes or multiplies as much as the library's operation, in layouts
+// of its own.
 #pragma once
 
 #include <cstddef>
@@ -20,10 +21,10 @@ struct PeerMatrix {
 
 using Peer = std::function<void()>;
 
-// From one memory to another, with one given scale where `scaled`.
+// Copies from one memory to another, with a given scale when `scaled` is true.
 Peer reorder_peer(size_t n_row, size_t n_col, PeerMatrix from, PeerMatrix to, bool scaled = false);
 
-// Row-major operands; u8 by i8 to i32 is exact only as far as the processor's instructions are.
+// Operands are row-major. A product of u8 and i8 to i32 is exact only where the processor's instructions are exact.
 Peer matmul_peer(size_t n_row, size_t n_col, size_t n_inner, Element left, Element right, Element result);
 
 std::string onednn_description();

@@ -14,11 +14,11 @@ double now() {
   return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-// What is known of the call under way.
+// The split of the running call.
 struct Recorder {
   Split split;
   bool product_seen;
-  double left_platform;  // when the library went on, last
+  double left_platform;  // when the last platform call returned
 
   void enter_platform(double time) {
     (product_seen ? split.bringing_back : split.staging) += time - left_platform;
@@ -31,7 +31,7 @@ struct Recorder {
   }
 };
 
-Recorder* recorder = nullptr;  // while a call is split
+Recorder* recorder = nullptr;  // not null while a call is split
 
 template <class Call>
 auto timed(bool is_product, Call call) {
@@ -62,8 +62,7 @@ Split split(const std::function<void()>& call) {
 
 }  // namespace bench
 
-// Of the platform's entries those that contexts, buffers and products use. Only products carry input buffers beside the
-// handle.
+// The platform entries that contexts, buffers and products use. Only products have input buffers besides the handle.
 #define PLATFORM_ENTRY(result, name, parameters, arguments, is_product)                  \
   extern "C" result name parameters {                                                    \
     static const auto next = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \

@@ -1,5 +1,6 @@
-// Where the time of a call goes: this program's own parlo_* stand before the platform's and take the time that passes in
-// them. What remains is the library's.
+// Splits the time of a call between library and platform. This program defines parlo_* functions of its own, which the
+// loader finds before the platform's. They call the platform and add up the time that passes there. The rest of the
+// call's time is the library's.
 #pragma once
 
 #include <cstddef>
@@ -9,9 +10,9 @@ namespace bench {
 
 // Seconds of one call.
 struct Split {
-  double staging;        // the library's, until the product's remote call
+  double staging;        // in the library, before the product's remote call
   double platform;       // in the platform
-  double bringing_back;  // the library's, from then on
+  double bringing_back;  // in the library, after that call
   size_t n_platform_calls;
 
   double library() const { return staging + bringing_back; }

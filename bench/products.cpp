@@ -1,6 +1,6 @@
-// Products of matrices in shared buffers, in the layouts that the products take: on the software matrix unit, by the
-// remote call alone or with the conversions around it, and on the host. The unit uses as many threads as the process
-// may use processors, here one.
+// Products of matrices in shared buffers, in the products' own layouts: on the software matrix unit, by the remote call
+// alone or with the conversions around it, and on the host. The unit runs as many threads as the process has
+// processors, here one.
 #include <fmt/format.h>
 
 #include <cstdint>
@@ -20,7 +20,7 @@ struct Shape {
   uint32_t n_row, n_col, n_inner;  // rows in whole tiles
 };
 
-// Several weights of one activation follow one another in W, and so do their results in A.
+// Several weight matrices of one activation stand one after the other in W, and their results in A.
 struct Operands {
   SharedBuffer A, X, W;
 };
@@ -41,7 +41,7 @@ void npu_3mm_f16(const Npu& npu, const Shape& s, const Operands& o) {
   const auto n_row = static_cast<int32_t>(s.n_row), n_col = static_cast<int32_t>(s.n_col);
   auto* const A = static_cast<float*>(o.A.data);
   const uint64_t A_size = uint64_t{s.n_row} * s.n_col;  // elements of one result
-  const uint32_t W_size = 2 * s.n_inner * s.n_col;      // bytes of one weight
+  const uint32_t W_size = 2 * s.n_inner * s.n_col;      // bytes of one weight matrix
   require(tavik_npu_3mm_f32_rm_f32_rm_f16_wh(npu.context(), n_row, n_col, n_col, static_cast<int32_t>(s.n_inner), A,
                                              A + A_size, A + 2 * A_size, static_cast<const float*>(o.X.data), o.W.fd,
                                              o.W.fd, o.W.fd, 0, W_size, 2 * W_size));
@@ -53,7 +53,7 @@ void npu_mm_f32(const Npu& npu, const Shape& s, const Operands& o) {
                                             static_cast<const float*>(o.X.data), o.W.fd, 0));
 }
 
-// On the cross-session buffers.
+// Runs the product on the cross-session buffers.
 template <auto product>
 void integer_mm(const Npu& npu, const Shape& s, const Operands& o) {
   require(product(npu.context(), static_cast<int32_t>(s.n_row), static_cast<int32_t>(s.n_col),
@@ -66,7 +66,7 @@ void cpu_mm(const Npu& npu, const Shape& s, const Operands& o) {
                   static_cast<const Activation*>(o.X.data), static_cast<const uint16_t*>(o.W.data)));
 }
 
-// The reference products' two other kernels, block by block and row by row.
+// The two other kernels of the reference product: block by block, and row by row.
 void qmmbp(const Npu&, const Shape& s, const Operands& o) {
   for (uint32_t row = 0; row < s.n_row; row += 4)
     for (uint32_t col = 0; col < s.n_col; col += 4)
@@ -107,9 +107,9 @@ Peer no_peer(const Shape&) {
 struct TimedProduct {
   const char* name;
   double A_bytes, X_bytes, W_bytes;  // of an element
-  uint32_t n_weights;                // of one activation
+  uint32_t n_weights;                // weight matrices of one activation
   std::vector<Shape> shapes;
-  double wanted;  // ratio for each shape; 0: for information
+  double wanted;  // ratio to reach for each shape; 0: for information only
   Multiply multiply;
   Peer (*peer)(const Shape& shape);
   Yardstick (*yardstick)(const Shape& shape) = nn;
@@ -159,7 +159,7 @@ Work prepare(const TimedProduct& product, const Shape& s) {
           product.yardstick({s.n_row, n_col, s.n_inner}), product.peer({s.n_row, n_col, s.n_inner})};
 }
 
-// A product on two threads, by the same on one.
+// Times a product on two threads against the same product on one thread.
 struct ProductOnThreads {
   const char* name;
   double A_bytes, X_bytes, W_bytes;

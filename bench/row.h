@@ -1,4 +1,4 @@
-// A row of the table: an operation, the yardstick it is measured by, and the ratio to reach.
+// A row of the table: an operation, the yardstick for it, and the ratio to reach.
 #pragma once
 
 #include <functional>
@@ -8,16 +8,16 @@
 namespace bench {
 
 enum class Clock {
-  thread,  // CPU time of the calling thread: other work that takes the processor away does not count
-  wall     // for work on several threads
+  thread,  // CPU time of the calling thread: excludes time in which other programs have the processor
+  wall     // real time, for work on several threads
 };
 
 struct Yardstick {
   std::string name;
-  std::function<void()> run;  // empty: the operation is timed alone
+  std::function<void()> run;  // empty: no yardstick, the operation is timed alone
 };
 
-// The closures own the memory they work on.
+// The functions own the memory that they use.
 struct Work {
   std::function<void()> operation;
   Yardstick yardstick;
@@ -27,14 +27,15 @@ struct Work {
 
 struct Row {
   std::string name;               // operation/shape
-  double wanted;                  // ratio of the yardstick's time to the operation's; 0: for information
-  std::function<Work()> prepare;  // called when the row's turn comes; throws std::exception
+  double wanted;                  // ratio of the yardstick's time to the operation's; 0: for information only
+  std::function<Work()> prepare;  // called just before the row is measured; throws std::exception
 };
 
-// A row of the second table: a whole call of the application, and the share of it that the library may take.
+// A row of the second table: a whole call of the application, and the largest share of its time that the library may
+// take.
 struct CallRow {
   std::string name;     // operation/shape
-  double wanted_share;  // of the whole call's time; 0: for information
+  double wanted_share;  // share of the whole call's time; 0: for information only
   std::function<std::function<void()>()> prepare;
 };
 

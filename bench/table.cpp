@@ -39,12 +39,12 @@ void report(const Row& row, const std::vector<Round>& rounds, benchmark::State& 
   if (row.wanted > 0) state.counters["wanted"] = row.wanted;
 }
 
-// A round takes at least so long, or is one call where there is but one round.
+// A round takes at least this long. When there is only one round, it makes one call.
 double least_seconds(const benchmark::State& state) {
   return state.max_iterations > 1 ? 0.010 : 0;
 }
 
-// Medians over single calls: the odd one is hit by an interrupt or by a page that is not there yet.
+// Takes medians over single calls, because an interrupt or a page fault makes single calls slower.
 void measure_calls(const CallRow& row, benchmark::State& state) {
   const std::function<void()> call = row.prepare();
   for (int i = 0; i < 3; ++i) call();

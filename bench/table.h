@@ -1,4 +1,4 @@
-// The measurements of a row as Google Benchmark's counters, and the table that they are printed in.
+// Reports the measurements of a row as Google Benchmark's counters, and prints the table of them.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -10,11 +10,11 @@
 
 namespace bench {
 
-// Measures in rounds, an iteration each. A failing operation becomes an error of the run.
+// Measures in rounds; each round is an iteration of the benchmark. A failing operation becomes an error of the run.
 void measure(const Row& row, benchmark::State& state);
 void measure(const CallRow& row, benchmark::State& state);
 
-// Prints a line a row as it is done, and a head for each kind of row.
+// Prints a line for each row when the row is done, and a heading for each kind of row.
 class Table : public benchmark::BenchmarkReporter {
  public:
   explicit Table(size_t name_width) : name_width_(name_width) {}
@@ -31,7 +31,7 @@ class Table : public benchmark::BenchmarkReporter {
   void print_head(const char* head);
 
   size_t name_width_;
-  const char* head_ = nullptr;  // of the rows printed last
+  const char* head_ = nullptr;  // the heading of the rows printed last
   bool any_error_ = false;
 };
 

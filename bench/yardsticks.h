@@ -1,4 +1,4 @@
-// What operations are measured by. Each yardstick works on memory of its own.
+// The yardsticks that operations are measured against. Each yardstick has memory of its own.
 #pragma once
 
 #include <cstddef>
@@ -8,19 +8,19 @@
 
 namespace bench {
 
-// memcpy of as many bytes as the operation moves: it reads half of `n_byte_moved` and writes the other half.
+// Copies by memcpy as many bytes as the operation moves: half of `n_byte_moved` is read and half is written.
 Yardstick memcpy_yardstick(size_t n_byte_moved);
 
-// OpenBLAS' product in f32 of row-major (n_row x n_inner) and (n_inner x n_col) matrices, on one thread.
+// Multiplies row-major (n_row x n_inner) and (n_inner x n_col) matrices in f32 by OpenBLAS, on one thread.
 Yardstick sgemm_nn_yardstick(size_t n_row, size_t n_col, size_t n_inner);
 
-// The same with the second matrix stored as n_col rows of n_inner.
+// The same product, with the second matrix stored as n_col rows of n_inner.
 Yardstick sgemm_nt_yardstick(size_t n_row, size_t n_col, size_t n_inner);
 
-// OpenBLAS' product in f32 of a row-major n_row x n_col matrix and a vector, on one thread.
+// Multiplies a row-major n_row x n_col matrix by a vector in f32 by OpenBLAS, on one thread.
 Yardstick sgemv_yardstick(size_t n_row, size_t n_col);
 
-// With the processor type whose kernels OpenBLAS chose.
+// Returns OpenBLAS's version with the processor type whose kernels OpenBLAS chose.
 std::string openblas_description();
 
 }  // namespace bench

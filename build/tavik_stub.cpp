@@ -1,4 +1,5 @@
-// Client stub of the remote interface: packs each method's arguments into one invocation, as the table of methods says.
+// The client stub of the remote interface. Each function packs a method's arguments into one invocation, as the table
+// of methods says.
 #include <cerrno>
 #include <type_traits>
 
@@ -8,8 +9,8 @@
 namespace tavik::remote {
 namespace {
 
-// The marshalling routine that a failure is logged under. Methods with the same number of scalars share one. Its name and
-// its line are published: they are what the log says, not places in this file.
+// The name of the marshalling routine that the log line of a failure shows. Methods with the same number of scalars
+// share a name. Names and line numbers are published interface and name no place in this file.
 struct Routine {
   uint32_t n_scalars;
   const char* name;
@@ -28,19 +29,19 @@ constexpr const Routine* routine_of(const Method& method) {
   return nullptr;
 }
 
-// Opening and closing are the platform's own operations.
+// The platform has operations of its own for opening and closing.
 constexpr bool is_invoked(const Method& method) {
   return method.number != open_method && method.number != close_method;
 }
 static_assert(are_all_methods([](const Method& method) { return !is_invoked(method) || routine_of(method); }),
               "no method had so many scalars yet: name the routine of these methods in reported_routines");
 
-// A failure reaches the platform's debug log where the platform has one.
+// Writes a failure to the platform's debug log, if the platform has one.
 void log_failure(const Method& method, uint64_t handle, int status) {
   if (platform_debug_log == nullptr) return;
   constexpr int error_level = 3;
   const Routine& routine = *routine_of(method);
-  const int error_number = errno;  // callers report it next
+  const int error_number = errno;  // callers put errno into their error record next
   platform_debug_log(error_level, "build/tavik_stub", routine.line,
                      "ERROR 0x%x: handle=0x%lx, scalar=0x%x, method ID=%d: %s failed\n", static_cast<unsigned>(status),
                      static_cast<unsigned long>(handle), method.scalars(), static_cast<int>(method.number),
@@ -77,7 +78,7 @@ int tavik_close(uint64_t handle) {
   return parlo_handle_close(handle);
 }
 
-// One function for each row of TAVIK_SCALAR_METHODS in remote/methods.h, under the name that stands there.
+// Defines one function for each row of TAVIK_SCALAR_METHODS in remote/methods.h, under the name in that row.
 #define TAVIK_STUB_TYPE(name) , uint32_t
 #define TAVIK_STUB_PARAMETER(name) , uint32_t name
 #define TAVIK_STUB_ARGUMENT(name) name,

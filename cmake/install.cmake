@@ -1,16 +1,15 @@
 # What `cmake --install` puts where, by components:
 #   library       libmorun.so.N
-#   development   public headers, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
-#   weights       the companion for weight files: libmorun_weights.so, its header, target and morun_weights.pc
+#   development   public headers but those for weight files, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
+#   weights       the companion for weight files: libmorun_weights.so, its headers, target and morun_weights.pc
 #   tool          the tool
 #   emulator      the emulated platform: its libparlo.so, control header, target and parlo_emulator.pc
-# and with each of them the licence. Nothing installed names the prefix: it may be moved.
+# The licence goes with each of them. No installed file names the prefix, so the installed tree may be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# The emulator keeps to folders of its own, so that no loader takes it for the vendor's libparlo.so unasked. libmorun.so
-# looks there first (see its run path below) and then where the system keeps libraries: where the component is not
-# installed, it finds the vendor's.
+# The emulator has folders of its own, which no loader searches by itself. libmorun.so searches there first (see its run
+# path below) and then in the system's folders. Without the emulator it finds the vendor's libparlo.so.
 set(emulator_libdir "${CMAKE_INSTALL_LIBDIR}/parlo_emulator")
 set(emulator_includedir "${CMAKE_INSTALL_INCLUDEDIR}/parlo_emulator")
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/morun")
@@ -20,7 +19,7 @@ install(TARGETS morun EXPORT morun
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h"
-  PATTERN "morun_weights.h" EXCLUDE)
+  PATTERN "*.hpp" PATTERN "morun_weights.*" EXCLUDE)
 install(FILES platform/parlo.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
 foreach(component IN ITEMS library development weights tool emulator)
   install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/morun" COMPONENT ${component})
@@ -33,7 +32,7 @@ write_basic_package_version_file(package/morunConfigVersion.cmake COMPATIBILITY 
 install(FILES "${PROJECT_BINARY_DIR}/package/morunConfig.cmake" "${PROJECT_BINARY_DIR}/package/morunConfigVersion.cmake"
   DESTINATION "${package_dir}" COMPONENT development)
 
-# Places in them are relative to the file itself.
+# Paths in these files are relative to the file itself.
 file(RELATIVE_PATH prefix "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 file(RELATIVE_PATH includedir "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
 function(install_pkg_config_file name component)
@@ -41,8 +40,9 @@ function(install_pkg_config_file name component)
   install(FILES "${PROJECT_BINARY_DIR}/package/${name}" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
     COMPONENT "${component}")
 endfunction()
-# A program with the static library runs on the emulator where that is installed beside the library, as one with the shared
-# library does. For the shared one, no libparlo.so need be on the machine that a program for a device is linked on.
+# When the emulator is installed beside the library, a program with the static library runs on the emulator, as a
+# program with the shared library does. Linking a program with the shared library needs no libparlo.so on the linking
+# machine.
 get_target_property(type morun TYPE)
 if(type STREQUAL "STATIC_LIBRARY")
   set(emulator "\${libdir}/parlo_emulator")
@@ -58,7 +58,7 @@ if(MORUN_WEIGHTS)
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
     ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
     INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-  install(FILES include/morun_weights.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
+  install(FILES include/morun_weights.h include/morun_weights.hpp DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
   install(EXPORT morun_weights NAMESPACE morun:: FILE morun_weightsTargets.cmake DESTINATION "${package_dir}"
     COMPONENT weights)
   # A program with the static library is linked with the C++ runtime, whatever it is written in.

@@ -1,5 +1,5 @@
-# What holds for every target of ours, and for no target of a project that adds this one: language, warnings, floating
-# point, hardening, vector backend, sanitizers, places of the output.
+# Options for every target of this project, and for no target of a project that adds this one: language, warnings,
+# floating point, hardening, vector backend, sanitizers, output folders.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -15,13 +15,14 @@ if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
-# In C++ only clang takes changes of signedness for conversions to warn of.
+# For C++, only clang includes changes of signedness in -Wconversion.
 add_compile_options("$<$<COMPILE_LANGUAGE:CXX>:-Wno-sign-conversion>")
 option(MORUN_WERROR "warnings are errors" OFF)
 if(MORUN_WERROR)
   add_compile_options(-Werror)
 endif()
-# Fused means an explicit fused operation, and not fused means none.
+# Compilers must not fuse a multiplication and an addition by themselves. The code asks for a fused operation
+# explicitly.
 add_compile_options(-ffp-contract=off)
 include_directories("${PROJECT_SOURCE_DIR}")
 
@@ -31,8 +32,9 @@ if(MORUN_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
-# What makes a fault harder to exploit. Stack and library calls are checked where the code is optimised, all symbols are
-# bound before the program starts, and jumps land where code expects them. The sanitizers do more, and want the plain calls.
+# These options make a fault harder to exploit. Optimised code checks its stack and its library calls, all symbols are
+# bound before the program starts, and indirect jumps land only at marked places. The sanitizers check more, and need
+# plain library calls.
 option(MORUN_HARDENING "stack protector, FORTIFY, RELRO, BIND_NOW, and CET or BTI" ON)
 if(MORUN_HARDENING AND NOT MORUN_SANITIZE)
   add_compile_options(-fstack-protector-strong)
@@ -45,7 +47,7 @@ if(MORUN_HARDENING AND NOT MORUN_SANITIZE)
   add_link_options(LINKER:-z,relro LINKER:-z,now)
 endif()
 
-# The vector backend (simd): one for the whole build.
+# The vector backend of simd/, one for the whole build.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
   set(default_simd neon)
 elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")

@@ -490,7 +490,8 @@ typedef struct morun_weights_plan {
 } morun_weights_plan;
 
 /* Plans which tensor goes where, without a context. Buffers that have to be in session 0 come first, because a buffer
- * goes into the first session that has room.
+ * goes into the first session that has room. The plan keeps the order of the requests as long as that takes no more
+ * buffers than there are, because changes of sessions between products take remote calls.
  *
  * largest_buffer   bytes that no buffer exceeds, 2048 to 2^32 - 2048; 0 stands for 2^28
  * n_free_buffer    buffers that may be made, at most TAVIK_MAX_BUFFERS
@@ -535,9 +536,9 @@ typedef struct morun_weights_operand {
 } morun_weights_operand;
 
 /* Plans with the buffers that the context has left, makes the buffers and reads the tensors straight into them; takes
- * less than 1 MiB of host memory beside. On success stores weights to be released before the context is cleaned up.
- * The file may be closed afterwards. `options` may be NULL for the defaults. Sessions that were opened for the buffers
- * stay open, after a failure too.
+ * less than 1 MiB of host memory beside (above 2000 requests, 512 bytes for each). On success stores weights to be
+ * released before the context is cleaned up. The file may be closed afterwards. `options` may be NULL for the
+ * defaults. Sessions that were opened for the buffers stay open, after a failure too.
  *
  *   NULL_ARGUMENT   file, context, loaded; or requests where n_request is not 0
  *   those of morun_weights_plan_places
@@ -556,7 +557,8 @@ int32_t morun_weights_load(const morun_weights_file* file, tavik_context* contex
  *   BAD_ARGUMENT   index */
 int32_t morun_weights_operand_of(const morun_weights_loaded* loaded, uint64_t index, morun_weights_operand* operand);
 
-/* Frees the buffers and `loaded`. NULL is allowed.
+/* Frees the buffers and `loaded`. NULL is allowed. A buffer that the program has freed by tavik_buffer_free is passed
+ * over.
  *
  *   BUFFER   the DSP refuses to let go of a buffer. `loaded` stays with the buffers that could not be freed, to be
  *            released again; its operands are not to be used any more */

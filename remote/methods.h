@@ -1,5 +1,5 @@
-// The remote interface of the DSP module: one table, from which the stub functions, the interface description and the
-// dispatcher on the other side are made.
+// The remote interface of the DSP module, as one table. The stub functions, the interface description and the
+// dispatcher of the emulated DSP are made from it.
 #pragma once
 
 #include <array>
@@ -9,9 +9,9 @@
 
 #include "platform/parlo.h"
 
-// The methods that take 32-bit scalars only: METHOD(number, host function, scalars in order). The published name of a
-// method is that of its function without "tavik_". Methods 0 (open), 1 (close) and 22 (version) have shapes of their own
-// and stand below. "ressource" is the interface's own spelling.
+// The methods whose parameters are 32-bit scalars only: METHOD(number, host function, scalars in order). A method's
+// published name is the name of its host function without "tavik_". Methods 0 (open), 1 (close) and 22 (version) have
+// other parameters and stand below. The spelling "ressource" is part of the interface.
 #define TAVIK_SCALAR_METHODS(METHOD)                            \
   METHOD(2, tavik_veyra_clear_cache)                            \
   METHOD(3, tavik_veyra_mmap_get_AX, A0_fd, A1_fd, A2_fd, X_fd) \
@@ -72,13 +72,13 @@ struct Method {
     return static_cast<uint32_t>(parameters.size()) - count(ParameterKind::none);
   }
 
-  // A string or text sends its length along in the primitive input buffer.
+  // A method with a uri or a text also passes its length, as a word of the primitive input buffer.
   constexpr uint32_t primitive_in_bytes() const {
     return 4 * (count(ParameterKind::scalar_in) + count(ParameterKind::uri) + count(ParameterKind::text_out));
   }
   constexpr uint32_t primitive_out_bytes() const { return 4 * count(ParameterKind::scalar_out); }
 
-  // The scalars word without the method number: the counts of buffers and handles.
+  // The scalars word without the method number: the numbers of buffers and handles.
   constexpr uint32_t buffer_counts() const {
     const uint32_t n_in = (primitive_in_bytes() != 0) + count(ParameterKind::uri);
     const uint32_t n_out = (primitive_out_bytes() != 0) + count(ParameterKind::text_out);
@@ -93,13 +93,13 @@ inline constexpr uint32_t open_method = 0, close_method = 1, get_version_method 
 inline constexpr size_t n_methods = 3 TAVIK_SCALAR_METHODS(TAVIK_COUNT_METHOD);
 #undef TAVIK_COUNT_METHOD
 
-// "" where the function is not one of ours.
+// Returns "" for a function whose name does not begin with tavik_.
 constexpr const char* published_name(std::string_view function) {
   constexpr std::string_view prefix = "tavik_";
   return function.starts_with(prefix) ? function.data() + prefix.size() : "";
 }
 
-// Each method at the place of its number.
+// methods[n] is the method with number n.
 inline constexpr std::array<Method, n_methods> methods = [] {
   using enum ParameterKind;
   std::array<Method, n_methods> table;
@@ -119,7 +119,7 @@ inline constexpr std::array<Method, n_methods> methods = [] {
   return table;
 }();
 
-// The arguments of each scalar method as a record, field by field the primitive input buffer.
+// The arguments of each scalar method as a record, which is the primitive input buffer field by field.
 #define TAVIK_SCALAR_FIELD(name) uint32_t name;
 #define TAVIK_ARGUMENTS_RECORD(number, function, ...) \
   struct function##_arguments {                       \
@@ -141,7 +141,7 @@ static_assert(are_all_methods([](const Method& method) { return *method.name != 
               "the functions of methods begin with tavik_");
 static_assert(n_methods <= 32, "the scalars word has five bits for the number of a method");
 
-// The published words.
+// The published scalars words and buffer sizes.
 static_assert(methods[0].buffer_counts() == 0x20001 && methods[1].buffer_counts() == 0x10);
 static_assert(methods[2].scalars() == 0x02000000 && methods[8].scalars() == 0x08000000);
 static_assert(methods[3].scalars() == 0x03010000 && methods[3].primitive_in_bytes() == 16);

@@ -1,4 +1,4 @@
-// The interface description, made from the table of methods while compiling.
+// The interface description. The compiler computes it from the table of methods.
 #include <array>
 #include <string_view>
 
@@ -94,7 +94,7 @@ constexpr auto parameters = [] {
   return list;
 }();
 
-// Alignments of the primitive buffers, in bytes. 1 and 0 are the interface's own ways to say none.
+// Alignments of the primitive buffers, in bytes. The interface description uses 1 or 0 when there is no such buffer.
 struct Alignments {
   uint8_t in, out;
 };
@@ -111,7 +111,7 @@ constexpr auto method_records = [] {
   for (const Method& method : methods) {
     const Alignments alignments = alignments_of(method);
     const uint32_t n = method.n_parameters();
-    // A text received counts two arguments more: its length on the way in and on the way out.
+    // A text from the DSP counts as two more arguments: its length in the input and its length in the output.
     const uint32_t max_arguments = n + 2 * method.count(ParameterKind::text_out);
     records[method.number] = {method.buffer_counts(),
                               method.primitive_in_bytes(),

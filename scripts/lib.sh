@@ -1,11 +1,11 @@
-# Shared by the scripts beside it; sourced, not run.
+# Functions and lists that the other scripts of this folder share. They source this file.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(cmake ninja-build g++ libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev libeigen3-dev)
 test_packages=(g++-aarch64-linux-gnu qemu-user-static libgtest-dev clang-format pkg-config)
 fuzz_packages=(clang libclang-rt-14-dev)
-# The CMake file of libdnnl-dev asks for the two of OpenCL.
+# The CMake file of libdnnl-dev needs the two OpenCL packages.
 bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev opencl-headers)
 python_packages=(python3-numpy python3-pytest python3-hypothesis python3-onnx python3-pil python3-matplotlib python3-build
   python3-setuptools python3-wheel python3-venv fonts-dejavu-core mypy)
@@ -19,7 +19,7 @@ esac
 
 say() { printf '\n== %s\n' "$*"; }
 
-# Installs those of the Debian packages named that are missing, and names them.
+# Installs the missing ones of the given Debian packages, and prints their names.
 ensure_packages() {
   local package missing=() as_root=()
   for package in "$@"; do

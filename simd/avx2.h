@@ -75,7 +75,7 @@ inline f32x8 widen(f16x8 a) {
   return {_mm256_cvtph_ps(a.v)};
 }
 
-// A sum and a product of halves rounded to f32 and then to f16 are those rounded once.
+// A sum or product of halves has the same value whether it is rounded to f32 and then to f16, or to f16 at once.
 inline f16x8 add(f16x8 a, f16x8 b) {
   return narrow(add(widen(a), widen(b)));
 }
@@ -94,7 +94,8 @@ inline f16x8 multiply_add(f16x8 a, f16x8 b, f16x8 c) {
   return narrow({_mm256_castsi256_ps(_mm256_or_si256(truncated, _mm256_srli_epi32(inexact, 31)))});
 }
 
-// Half arithmetic in f32 registers, five operations a step. The rounding mode is toward zero meanwhile.
+// Half arithmetic in f32 registers takes five operations for each step. During the sum the rounding mode is toward
+// zero.
 struct half8 {
   __m256 v;
 };
@@ -103,8 +104,8 @@ inline half8 load_half8(const uint16_t* p) {
   return {widen(load(p)).v};
 }
 
-// Held as halves in memory: widened on the way from there and narrowed on the way back, a sum takes two operations less
-// than between registers, and there are more sums than registers anyway.
+// A sum is held as halves in memory. Loads widen and stores narrow, which saves two operations over sums in registers.
+// There are more sums than registers in any case.
 struct half8_sum {
   f16x8 halves;
 };
@@ -125,7 +126,7 @@ inline void accumulate(half8_sum& sum, half8 a, half8 b) {
   keep_in_memory(sum);
   const __m256 before = widen(sum.halves).v;
   const __m256 truncated = _mm256_fmadd_ps(a.v, b.v, before);
-  const __m256 difference = _mm256_fnmadd_ps(a.v, b.v, truncated);  // the sum again, unless something was cut off
+  const __m256 difference = _mm256_fnmadd_ps(a.v, b.v, truncated);  // equals `before` unless the addition cut bits off
   const __m256 inexact = _mm256_cmp_ps(difference, before, _CMP_NEQ_OQ);
   const __m256 odd = _mm256_or_ps(truncated, _mm256_and_ps(inexact, _mm256_castsi256_ps(_mm256_set1_epi32(1))));
   sum.halves = narrow({odd});
@@ -143,9 +144,10 @@ class RoundingTowardZero {
   static void set(unsigned mode) { asm volatile("ldmxcsr %0" : : "m"(mode) : "memory"); }
   unsigned previous_;
 };
-// Compilers move arithmetic across a change of the rounding mode, for to them it depends on its operands alone. They
-// leave it in its function when they cannot see which function is called. So the mode changes in a function without
-// arithmetic: on one side of it what the caller computes, on the other the body.
+// Compilers move arithmetic across a change of the rounding mode, because they assume that arithmetic depends on its
+// operands alone. They move no arithmetic across the call of a function that they cannot identify, and call_unseen makes
+// such a call. in_half_arithmetic therefore changes the mode in one unseen function, which contains no arithmetic, and
+// calls the body as another.
 template <class Body>
 inline void call_unseen(const Body& body) {
   void (*call)(const Body&) = [](const Body& unseen) { unseen(); };
@@ -180,7 +182,7 @@ inline f32x8 upper_fours(f32x8 a, f32x8 b) {
   return {_mm256_permute2f128_ps(a.v, b.v, 0x31)};
 }
 
-// Even lanes to the lower half, odd lanes to the upper half.
+// Moves even lanes to the lower half and odd lanes to the upper half.
 inline __m128i part_lanes(__m128i a) {
   return _mm_shuffle_epi8(a, _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15));
 }
@@ -200,7 +202,7 @@ inline __m256i zip_nibbles(__m256i words) {
   return _mm256_xor_si256(swapped, _mm256_xor_si256(differing, _mm256_slli_epi16(differing, 4)));
 }
 
-// Rows i and i + 4 are loaded into the two halves of one register, so that no exchange between halves is needed.
+// Rows i and i + 4 are loaded into the two halves of one register. No exchange between the halves is needed then.
 template <class Row, class Map>
 inline void transpose_words_with(const Row& row, std::byte* destination, size_t destination_pitch, Map map) {
   for (size_t half = 0; half < 2; ++half) {  // columns 0 to 3, then 4 to 7
@@ -230,7 +232,7 @@ inline void transpose_zip_nibbles(const Row& row, std::byte* destination, size_t
   transpose_words_with(row, destination, destination_pitch, [](__m256i words) { return zip_nibbles(words); });
 }
 
-// Quantisation.
+// Operations for quantisation.
 
 struct i32x8 {
   __m256i v;
@@ -283,7 +285,7 @@ inline f32x8 settle_nan(f32x8 a) {
   return {_mm256_blendv_ps(a.v, nan, _mm256_cmp_ps(a.v, a.v, _CMP_UNORD_Q))};
 }
 inline i32x8 to_nearest(f32x8 a) {
-  // The largest float below one half: it lifts halves, and nothing below them, to the next whole number.
+  // Adding the largest float below 0.5 takes a fraction of 0.5 to the next whole number, and no smaller fraction.
   const __m256 half = _mm256_set1_ps(0x0.ffffffp-1f);
   const __m256 signed_half = _mm256_or_ps(half, _mm256_and_ps(a.v, _mm256_set1_ps(-0.0f)));
   return {_mm256_cvttps_epi32(_mm256_add_ps(a.v, signed_half))};
@@ -313,7 +315,8 @@ inline uint32_t sum(i32x8 a) {
   return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_add_epi32(two, _mm_shuffle_epi32(two, 0xb1))));
 }
 
-// Packing works on each half of a register apart and leaves the groups of four bytes in the order 0 2 4 6 1 3 5 7.
+// The pack instructions work on each half of a register separately and leave the groups of four bytes in the order 0 2
+// 4 6 1 3 5 7.
 inline u8x32 order_groups(__m256i packed) {
   return {_mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7))};
 }
@@ -329,7 +332,7 @@ inline u8x32 pack_high_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
   return order_groups(_mm256_packs_epi16(_mm256_srai_epi16(_mm256_packs_epi32(a.v, b.v), 8),
                                          _mm256_srai_epi16(_mm256_packs_epi32(c.v, d.v), 8)));
 }
-// Twice the products, cut off, hold what rounds them: half of a magnitude, rounded up.
+// Twice a product, truncated, tells how the product rounds: half of its magnitude, rounded up, is the rounded product.
 inline u8x32 scale_to_bytes(const float* p, f32x8 factor) {
   const f32x8 twice_factor = add(factor, factor);
   const auto twice = [&](size_t i) { return _mm256_cvttps_epi32(multiply(load(p + 8 * i), twice_factor).v); };
@@ -353,12 +356,12 @@ inline void store_nibbles(uint32_t* p, u8x32 a) {
 }
 inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
   const __m256i nibbles = _mm256_and_si256(a.v, _mm256_set1_epi8(15));
-  const __m256i fours = _mm256_or_si256(nibbles, _mm256_srli_epi64(nibbles, 28));  // in every other word
+  const __m256i fours = _mm256_or_si256(nibbles, _mm256_srli_epi64(nibbles, 28));  // valid in every other word
   const __m256i words = _mm256_permutevar8x32_epi32(fours, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(words));
 }
 
-// Exact products of small integers.
+// Operations for exact products of small integers.
 
 struct pairs8 {
   __m256i v;
@@ -383,7 +386,7 @@ template <int bit, int n_bit>
 inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
   const __m256i transpose = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,  //
                                              0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-  const __m256i columns =  // each half: four rows of column 0, of column 1, ...
+  const __m256i columns =  // each half holds four rows of column 0, then of column 1, and so on
       _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(source)), transpose);
   const __m256i even = _mm256_srai_epi16(_mm256_slli_epi16(columns, 16 - bit - n_bit), 16 - n_bit);
   const __m256i odd = _mm256_srai_epi16(_mm256_slli_epi16(columns, 8 - bit - n_bit), 16 - n_bit);

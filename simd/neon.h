@@ -150,7 +150,7 @@ inline uint32x4_t zip_nibbles(uint32x4_t words) {
   return vreinterpretq_u32_u16(veorq_u16(swapped, veorq_u16(differing, vshlq_n_u16(differing, 4))));
 }
 
-// Four blocks of 4 x 4 words.
+// Transposes four blocks of 4 x 4 words.
 template <class Row, class Map>
 inline void transpose_words_with(const Row& row, std::byte* destination, size_t destination_pitch, Map map) {
   const auto load_row = [&](size_t i, size_t column) {
@@ -184,7 +184,7 @@ inline void transpose_zip_nibbles(const Row& row, std::byte* destination, size_t
   transpose_words_with(row, destination, destination_pitch, [](uint32x4_t words) { return zip_nibbles(words); });
 }
 
-// Quantisation.
+// Operations for quantisation.
 
 struct i32x8 {
   int32x4_t low, high;
@@ -226,7 +226,8 @@ inline void store_streaming(uint8_t* p, u8x32 a) {
 inline f32x8 fused_multiply_add(f32x8 a, f32x8 b, f32x8 c) {
   return {vfmaq_f32(c.low, a.low, b.low), vfmaq_f32(c.high, a.high, b.high)};
 }
-// Not the processor's maximum: that lets a NaN win, or, in its other form, a signalling one.
+// The processor's own maximum follows other rules: one form returns NaN when either operand is NaN, and the other form
+// does so for a signalling NaN.
 inline f32x8 greater(f32x8 a, f32x8 b) {
   return {vbslq_f32(vcgtq_f32(a.low, b.low), a.low, b.low), vbslq_f32(vcgtq_f32(a.high, b.high), a.high, b.high)};
 }
@@ -303,7 +304,7 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
   vst1q_u32(p, vreinterpretq_u32_u8(vsliq_n_u8(vandq_u8(even, vdupq_n_u8(15)), odd, 4)));
 }
 
-// Exact products of small integers.
+// Operations for exact products of small integers.
 
 struct pairs8 {
   int16x8_t first, second;
@@ -313,7 +314,8 @@ inline pairs8 load_pairs(const int16_t* p) {
   const int16x8x2_t pairs = vld2q_s16(p);
   return {pairs.val[0], pairs.val[1]};
 }
-// Multiplied lane by lane out of the lower half of a register: takes fewer of them than two broadcasts.
+// The pair stands in the lower half of a register, and the products multiply by a lane of it. That takes fewer
+// registers than two broadcasts.
 struct same_pair8 {
   int16x4_t v;
 };
@@ -340,7 +342,7 @@ template <int bit, int n_bit>
 inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
   static constexpr uint8_t transpose[16] = {0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15};
   for (size_t half = 0; half < 2; ++half) {
-    // Four rows of column 0, of column 1, ...
+    // columns holds four rows of column 0, then of column 1, and so on.
     const int16x8_t columns = vreinterpretq_s16_u8(vqtbl1q_u8(vld1q_u8(source + 16 * half), vld1q_u8(transpose)));
     const int64x2_t even = vreinterpretq_s64_s16(vshrq_n_s16(vshlq_n_s16(columns, 16 - bit - n_bit), 16 - n_bit));
     const int64x2_t odd = vreinterpretq_s64_s16(vshrq_n_s16(vshlq_n_s16(columns, 8 - bit - n_bit), 16 - n_bit));

@@ -172,7 +172,7 @@ inline void transpose_zip_nibbles(const Row& row, std::byte* destination, size_t
   transpose_words_with(row, destination, destination_pitch, [](uint32_t word) { return zip_nibbles(word); });
 }
 
-// Quantisation.
+// Operations for quantisation.
 
 struct i32x8 {
   int32_t lane[8];
@@ -312,7 +312,7 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 v) {
   for (int i = 0; i < 4; ++i) p[i] = zip_nibbles(p[i]);
 }
 
-// Exact products of small integers.
+// Operations for exact products of small integers.
 
 struct pairs8 {
   int16_t lane[16];

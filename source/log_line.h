@@ -1,5 +1,5 @@
-// How the upper interface reports failures: one line on standard error, flushed. A source file that uses these names
-// itself once:
+// The upper interface reports each failure as one line on standard error and flushes the stream. A source file that
+// uses these macros first names itself:
 //   constexpr char reporting_file[] = "source/morun_npu_macro/...";
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace morun {
 
-// The call in whose name a line is printed.
+// The place that a line names: a source file, the public call that the application made, and a line.
 struct Place {
   const char* file;
   const char* function;
@@ -19,24 +19,26 @@ struct Place {
 
 }  // namespace morun
 
-// Here, in the name of the function itself or of the public call that it is a part of.
+// MORUN_HERE names the function that the macro stands in. MORUN_HERE_IN names the public call that this function is a
+// part of.
 #define MORUN_HERE (morun::Place{reporting_file, __func__, __LINE__})
 #define MORUN_HERE_IN(call) (morun::Place{reporting_file, (call), __LINE__})
 
-// Prints the line; the value is `status`. `format` is a literal of printf's kind.
+// Prints the line and has the value `status`. `format` is a string literal for printf.
 #define MORUN_FAIL_AT(place, status, format, ...)                                                             \
   (fprintf(stderr, "[MORUN][ERROR] file = %s, func = %s, line = %d: " format, (place).file, (place).function, \
            (place).line __VA_OPT__(, ) __VA_ARGS__),                                                          \
    fflush(stderr), (status))
 #define MORUN_FAIL(status, format, ...) MORUN_FAIL_AT(MORUN_HERE, status, format __VA_OPT__(, ) __VA_ARGS__)
 
-// Leaves the calling function with the status of `expression` unless that is success.
+// Returns the status of `expression` from the calling function unless that status is success.
 #define MORUN_TRY(expression)                                                                          \
   do {                                                                                                 \
     if (const int32_t morun_status = (expression); morun_status != MORUN_SUCCESS) return morun_status; \
   } while (false)
 
-// Leaves the calling function with the status of a step of the public call named, after a line in that call's name.
+// When the step fails, prints a line that names the public call `call`, and returns the step's status from the calling
+// function.
 #define MORUN_TRY_STEP(call, step, message)                                                  \
   do {                                                                                       \
     if (const auto morun_status = static_cast<int32_t>(step); morun_status != MORUN_SUCCESS) \

@@ -122,9 +122,10 @@ inline void pack(const std::string& path, const std::string& matrices) {
   unsigned n_inner, n_col;
   for (std::string name, form; words >> name >> form >> n_inner >> n_col;) {
     const std::string source = sources / (name + ".npy");
-    const std::string shape = "(" + std::to_string(n_inner) + ", " + std::to_string(n_col) + ")";
+    std::ostringstream shape;
+    shape << '(' << n_inner << ", " << n_col << ')';
     std::ofstream(source, std::ios::binary)
-        << npy("<f4", false, shape, bytes_of(some_values(size_t{n_inner} * n_col, n_col)));
+        << npy("<f4", false, shape.str(), bytes_of(some_values(size_t{n_inner} * n_col, n_col)));
     packer.source(source).rule(name.c_str(), form == "f16"    ? MORUN_WEIGHTS_F16
                                              : form == "a8w8" ? MORUN_WEIGHTS_A8W8
                                              : form == "a8w4" ? MORUN_WEIGHTS_A8W4

@@ -1,5 +1,5 @@
-// Packed matrices in shared buffers: what is planned, that products of what is loaded are right, every refusal, and that
-// a failure leaves nothing.
+// Packed matrices in shared buffers: what is planned, that products of what is loaded are right, every refusal, and
+// that a failure leaves nothing.
 #include <malloc.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -168,6 +168,7 @@ TEST_F(WeightsLoad, PlansKeepGroupsTogetherAndPutFourBitMatricesFirst) {
       {"f3 f5 f4 f1 f2", 6, 4, "3 5 5 2 / 0: 0+0 1+0 2+0 2+4 3+0"},
       // Fewer by putting the largest first.
       {"f3 f5 f4 f1 f2", 6, 3, "6 6 3 / 0: 2+0 0+0 1+0 0+5 1+4"},
+      {"q5 f3 f5 f4 f1 f2", 6, 4, "5 6 6 3 / 1: 0+0 3+0 1+0 2+0 1+5 2+4"},
       // Groups are one piece, whatever stands between their tensors.
       {"f3/7 f5 f1/9 f2/7", 6, 4, "5 6 / 0: 0+0 1+0 1+5 0+3"},
       // 4 bits: alone first; of a group only where that is said.
@@ -254,6 +255,9 @@ TEST_F(WeightsLoad, PlansReachOffsetsOf32Bits) {
   EXPECT_EQ(make(requests("a/1 b/1")), MORUN_WEIGHTS_GROUP_TOO_LARGE);
   EXPECT_TEXT("takes 4294967296 bytes in one buffer, and the largest buffer has 4294965248");
   EXPECT_EQ(make(requests("a/1 b/1 c/1")), MORUN_WEIGHTS_GROUP_TOO_LARGE);
+  const Requests a = requests("a");
+  EXPECT_EQ(morun_weights_plan_places(file_, 1, a.data(), 0, 32, &plan, places.data()), MORUN_WEIGHTS_GROUP_TOO_LARGE);
+  EXPECT_TEXT("and the largest buffer has 268435456");
 }
 
 TEST_F(WeightsLoad, PlansOfAnythingAreSound) {
@@ -358,12 +362,12 @@ uint32_t multiply_pair(tavik_context* context, const morun_weights_operand& u, c
 
 TEST_F(WeightsLoad, ProductsOfLoadedMatricesAreThoseOfWhatWasPacked) {
   open(
-      "k a8w8 70 45  out f16 70 45  gate a8w4 70 90  up a8w4 70 90  q a8w8 70 64  down f16 33 64  head a8w4 70 31 "
+      "k a8w8 70 45  out f16 70 45  gate a8w4 70 90  up a8w4 70 91  q a8w8 70 64  down f16 33 64  head a8w4 70 31 "
       "big a8w8 96 256");
   // The last one has to be in session 0, which has not room for everything.
   const char* const requested = "big out q/3 gate/1 k/3 up/1 down head";
   const Requests all = requests(requested);
-  const int32_t n_inner[] = {96, 70, 70, 70, 70, 70, 33, 70}, n_col[] = {256, 45, 64, 90, 45, 90, 64, 31};
+  const int32_t n_inner[] = {96, 70, 70, 70, 70, 70, 33, 70}, n_col[] = {256, 45, 64, 90, 45, 91, 64, 31};
   constexpr size_t q = 2, gate = 3, k = 4, up = 5, head = 7;
   std::vector<test::PackedMatrix> W;
   for (const auto& r : all) W.push_back(matrix(r));

@@ -112,7 +112,7 @@ class Parser {
     return extents;
   }
 
-  // Python 2 wrote an L behind large numbers.
+  // A number may end in L, which Python 2 wrote behind large numbers.
   uint64_t extent() {
     if (accept('-')) throw refusal("an extent of its shape is negative");
     uint64_t value = 0;

@@ -16,13 +16,13 @@ struct Header {
   std::vector<uint64_t> shape;
 };
 
-// The header that `text` is: three keys in any order, then nothing but spaces. Throws a std::runtime_error whose text is the
-// reason why `text` is none. A text of any content is read without recursion; what it gives has at most 32 extents and a type of
-// at most 16 printable characters.
+// Parses a header: three keys in any order, then only spaces. When `text` is no header, throws a std::runtime_error that
+// gives the reason. The parser does not recurse, whatever the text contains. A returned header has at most 32 extents, and
+// a type of at most 16 printable characters.
 Header parse_header(std::string_view text);
 
-// The header of a file of format 1 to 3, and where its values start. `read` stores n_byte bytes from an offset on and
-// throws where the file ends before.
+// The header of a file of format 1 to 3, and the byte where the values start. `read` stores n_byte bytes that begin at an
+// offset of the file, and throws when the file ends before.
 struct LocatedHeader {
   Header header;
   uint64_t end;
@@ -30,7 +30,8 @@ struct LocatedHeader {
 using ByteReader = std::function<void(uint64_t offset, size_t n_byte, void* bytes)>;
 LocatedHeader read_header(const ByteReader& read);
 
-// The header of a matrix in C order. Magic string, version, length, dictionary and padding are a multiple of 64 bytes.
+// Returns the header of a matrix in C order. Magic string, version, length, dictionary and padding together are a
+// multiple of 64 bytes.
 std::string format_header(std::string_view type, size_t n_row, size_t n_col);
 
 }  // namespace npy

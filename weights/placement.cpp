@@ -182,6 +182,7 @@ Placement place(const morun_weights_file& file, std::span<const morun_weights_re
     refuse_buffers(file.input.path(), all.units, made.sizes.size(), largest_buffer, n_free_buffer);
 
   Placement placement;
+  placement.places.reserve(all.members.size());
   placement.plan.n_buffer = static_cast<uint32_t>(made.sizes.size());
   placement.plan.n_first_session = static_cast<uint32_t>(made.n_first_session);
   std::copy(made.sizes.begin(), made.sizes.end(), placement.plan.buffer_size);

@@ -1,70 +1,26 @@
 // Query, key and value of an attention layer: three products of one activation in one call of the DSP, with weights
 // quantised to 8 bits.
 //
-// The weights come as frameworks store them, a row for each output feature, and so the library's quantiser takes them:
-// each row gets a scale and a zero point. All three matrices go into one shared buffer. A buffer for each does as well
-// when one session maps them all; fused products of 8-bit weights in several sessions are not to be had (see tavik.h).
+// The weights come as frameworks store them, a row for each output feature. Packing quantises them and lays them out; each
+// output feature gets a scale and a zero point. What packing returns is of the type of its form, and the product of three
+// weight matrices takes one form alone. Failures become exceptions by or_throw.
 
-#include <tavik.h>
+#include <morun.hpp>
 
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <random>
-#include <stdexcept>
-#include <string>
-#include <utility>
 #include <vector>
 
 namespace {
 
-// Grouped-query attention: four query heads share a head of keys and values. Any number of tokens; multiples of 32.
+using morun::or_throw;
+
+// Grouped-query attention: four query heads share a head of keys and values. Any number of tokens.
 constexpr uint64_t n_token = 40, n_inner = 512, n_col_q = 512, n_col_kv = 128;
-
-void check(int64_t status, const char* what) {
-  if (status != TAVIK_SUCCESS) throw std::runtime_error(what + (": " + std::string(tavik_error_get_last()->message)));
-}
-
-// Where releasing fails there is nobody to throw to.
-bool released(int32_t status) {
-  if (status != TAVIK_SUCCESS) tavik_error_print(tavik_error_get_last());
-  return status == TAVIK_SUCCESS;
-}
-
-void close_context(tavik_context* context) {
-  if (!released(tavik_cleanup(context))) tavik_context_free(context);
-}
-using Context = std::unique_ptr<tavik_context, void (*)(tavik_context*)>;
-
-// The library sizes the buffers for activations and results by the largest matrices to come; their rows are padded.
-Context open_context() {
-  constexpr uint64_t n_row = (n_token + 63) / 64 * 64;
-  const tavik_options options{.output_matrix_size_max = n_row * n_col_q,
-                              .n_row_max = n_row,
-                              .input_matrix_size_max = n_row * n_inner,
-                              .reserved = 0};
-  tavik_context* context = nullptr;
-  check(tavik_init(&options, &context), "tavik_init");
-  return Context(context, close_context);
-}
-
-// Memory that the DSP sees too; it ends before its context does.
-struct BufferRelease {
-  tavik_context* context;
-  int32_t fd;
-  void operator()(std::byte*) const { released(tavik_buffer_free(context, fd)); }
-};
-using Buffer = std::unique_ptr<std::byte, BufferRelease>;
-
-Buffer allocate_buffer(tavik_context* context, uint64_t size) {
-  void* data = nullptr;
-  int32_t fd = -1;
-  check(tavik_buffer_alloc(context, size, &data, &fd), "tavik_buffer_alloc");
-  return Buffer(static_cast<std::byte*>(data), {context, fd});
-}
 
 std::vector<float> random_values(uint64_t n, std::mt19937& generator) {
   std::normal_distribution<float> distribution;
@@ -76,34 +32,17 @@ std::vector<float> random_values(uint64_t n, std::mt19937& generator) {
 struct Projection {
   const char* name;
   uint64_t n_col;
-  std::vector<float> weights;  // n_col rows of n_inner
-  std::vector<float> result;   // n_token x n_col
-  // The four arrays of a quantised weight matrix, as offsets in the shared buffer.
-  uint32_t values;
-  uint64_t zero_points, scales, sums;
+  std::vector<float> values;  // of the weights, n_col rows of n_inner
+  morun::Weights<morun::a8w8> weights;
+  std::vector<float> result;  // n_token x n_col
+
+  morun::Matrix<float> view() { return {result, n_token, n_col}; }
 };
 
-// Takes the next free bytes of the shared buffer for it.
-Projection make_projection(const char* name, uint64_t n_col, uint64_t& n_used, std::mt19937& generator) {
-  const auto take = [&](uint64_t n_byte) { return std::exchange(n_used, tavik_apply_padding(n_used + n_byte)); };
-  return {.name = name,
-          .n_col = n_col,
-          .weights = random_values(n_col * n_inner, generator),
-          .result = std::vector<float>(n_token * n_col),
-          .values = static_cast<uint32_t>(take(n_inner * n_col)),
-          .zero_points = take(n_col),
-          .scales = take(n_col * sizeof(uint16_t)),
-          .sums = take(n_col * sizeof(int32_t))};
-}
-
-void quantise_weights(const Projection& p, std::byte* buffer) {
-  std::vector<uint16_t> halves(p.weights.size());
-  tavik_f32_to_f16(halves.size(), p.weights.data(), halves.data());
-  auto* const values = reinterpret_cast<int8_t*>(buffer + p.values);
-  tavik_f16_rm_to_i8_rm(p.n_col, n_inner, halves.data(), values, reinterpret_cast<int8_t*>(buffer + p.zero_points),
-                        reinterpret_cast<uint16_t*>(buffer + p.scales), reinterpret_cast<int32_t*>(buffer + p.sums));
-  tavik_matrix_transpose_i8(p.n_col, n_inner, values);
-  tavik_i8_rm_to_i8_wh_inplace(n_inner, p.n_col, values);
+Projection make_projection(const morun::Context& context, const char* name, uint64_t n_col, std::mt19937& generator) {
+  std::vector<float> values = random_values(n_col * n_inner, generator);
+  auto weights = or_throw(morun::pack<morun::a8w8>(context, morun::transposed({values, n_col, n_inner})));
+  return {name, n_col, std::move(values), std::move(weights), std::vector<float>(n_token * n_col)};
 }
 
 // From the product in double precision: root of the sum of squared differences, relative to that of the values.
@@ -112,7 +51,7 @@ double deviation(const Projection& p, const std::vector<float>& x) {
   for (size_t i = 0; i < p.result.size(); ++i) {
     const size_t row = i / p.n_col, column = i % p.n_col;
     double sum = 0;
-    for (size_t k = 0; k < n_inner; ++k) sum += double{x[row * n_inner + k]} * double{p.weights[column * n_inner + k]};
+    for (size_t k = 0; k < n_inner; ++k) sum += double{x[row * n_inner + k]} * double{p.values[column * n_inner + k]};
     squared_differences += std::pow(double{p.result[i]} - sum, 2);
     squared_values += sum * sum;
   }
@@ -123,22 +62,13 @@ double deviation(const Projection& p, const std::vector<float>& x) {
 
 int main() try {
   std::mt19937 generator(1);
-  uint64_t n_byte = 0;
-  Projection q = make_projection("query", n_col_q, n_byte, generator);
-  Projection k = make_projection("key", n_col_kv, n_byte, generator);
-  Projection v = make_projection("value", n_col_kv, n_byte, generator);
-
-  const Context context = open_context();
-  const Buffer buffer = allocate_buffer(context.get(), n_byte);
-  for (const Projection* const p : {&q, &k, &v}) quantise_weights(*p, buffer.get());
+  const morun::Context context = or_throw(morun::Context::open(morun::Limits::up_to(n_token, n_inner, n_col_q)));
+  Projection q = make_projection(context, "query", n_col_q, generator);
+  Projection k = make_projection(context, "key", n_col_kv, generator);
+  Projection v = make_projection(context, "value", n_col_kv, generator);
 
   const std::vector<float> x = random_values(n_token * n_inner, generator);
-  const auto fd = static_cast<uint32_t>(buffer.get_deleter().fd);
-  check(tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh(context.get(), n_token, n_col_q, n_col_kv, n_inner, q.result.data(),
-                                                  k.result.data(), v.result.data(), x.data(), fd, fd, fd, q.values,
-                                                  q.zero_points, q.scales, q.sums, k.values, k.zero_points, k.scales,
-                                                  k.sums, v.values, v.zero_points, v.scales, v.sums),
-        "tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh");
+  or_throw(morun::multiply({x, n_token, n_inner}, q.weights, k.weights, v.weights, q.view(), k.view(), v.view()));
 
   // A step of a weight is 1/255 of its row's range, a step of an activation 1/127 of its row's largest value.
   constexpr double bound = 0.02;

@@ -1,14 +1,15 @@
-// The first product: A = X * W on the NPU, from start to finish, with every status looked at.
+// A first product A = X * W on the NPU, from start to finish. The program looks at every status.
 //
-// Activations X and results A are ordinary row-major f32. The weights W are halves in a buffer that the DSP sees too, in
-// the order in which its matrix unit reads them; an application lays them out once and multiplies by them many times.
+// Activations X and results A are ordinary row-major f32. The weights W are halves in a buffer that the host and the
+// DSP share, in the order in which the matrix unit reads them. An application lays out its weights once and multiplies
+// by them many times.
 
 #include <math.h>
 #include <morun.h>
 #include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <tavik.h>  // tavik_f32_to_f16, which needs no context
+#include <tavik.h>  // for tavik_f32_to_f16, which needs no context
 
 enum { N_ROW = 64, N_INNER = 512, N_COL = 256 };  // multiples of 32
 
@@ -20,7 +21,8 @@ static void fill_with_random_values(float* values, int count) {
   for (int i = 0; i < count; ++i) values[i] = 2.0f * (float)rand() / (float)RAND_MAX - 1.0f;
 }
 
-// Of A from the product in double precision: root of the sum of squared differences, relative to that of the values.
+// Returns the relative deviation of A from the product in double precision: the root of the sum of squared differences,
+// divided by the root of the sum of squared values.
 static double deviation(void) {
   double squared_differences = 0;
   double squared_values = 0;
@@ -57,7 +59,7 @@ static bool multiply_with_buffer(void) {
   return passed && freed;
 }
 
-// A call that fails prints why to standard error; what is left to do is to release what there is.
+// A call that fails prints the reason to standard error. The program then only releases what it has.
 int main(void) {
   fill_with_random_values(X, N_ROW * N_INNER);
   fill_with_random_values(W, N_INNER * N_COL);

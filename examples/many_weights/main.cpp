@@ -9,50 +9,23 @@
 // On a device nothing is set for this. Here the emulated platform gets small sessions, for a small model to fill.
 
 #include <parlo_emulator.h>
-#include <tavik.h>
+#include <morun.hpp>
 
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <deque>
 #include <exception>
-#include <memory>
 #include <random>
-#include <stdexcept>
-#include <string>
 #include <utility>
 #include <vector>
 
 namespace {
 
+using morun::or_throw;
+
 constexpr uint64_t n_token = 32, n_feature = 512, n_layer = 7, n_layer_in_session = 2;
 constexpr uint64_t activation_size = n_token * n_feature;
 constexpr uint64_t weights_bytes = n_feature * n_feature * sizeof(uint16_t);
-
-void check(int64_t status, const char* what) {
-  if (status != TAVIK_SUCCESS) throw std::runtime_error(what + (": " + std::string(tavik_error_get_last()->message)));
-}
-
-// Where releasing fails there is nobody to throw to.
-bool released(int32_t status) {
-  if (status != TAVIK_SUCCESS) tavik_error_print(tavik_error_get_last());
-  return status == TAVIK_SUCCESS;
-}
-
-void close_context(tavik_context* context) {
-  if (!released(tavik_cleanup(context))) tavik_context_free(context);
-}
-using Context = std::unique_ptr<tavik_context, void (*)(tavik_context*)>;
-
-Context open_context() {
-  const tavik_options options{.output_matrix_size_max = activation_size,
-                              .n_row_max = n_token,
-                              .input_matrix_size_max = activation_size,
-                              .reserved = 0};
-  tavik_context* context = nullptr;
-  check(tavik_init(&options, &context), "tavik_init");
-  return Context(context, close_context);
-}
 
 // Counts for sessions that are opened afterwards. Beside the layers there is room for what every session maps.
 void make_sessions_small() {
@@ -65,26 +38,15 @@ void make_sessions_small() {
 // A layer's weights, n_feature x n_feature, in a shared buffer of their own.
 class Layer {
  public:
-  Layer(tavik_context* context, std::mt19937& generator) : context_(context), weights_(n_feature * n_feature) {
-    std::normal_distribution<float> distribution(0, 1 / std::sqrt(float{n_feature}));  // activations stay near 1
-    for (float& weight : weights_) weight = distribution(generator);
-    void* data = nullptr;
-    check(tavik_buffer_alloc(context_, weights_bytes, &data, &fd_), "tavik_buffer_alloc");
-    auto* const halves = static_cast<uint16_t*>(data);
-    tavik_f32_to_f16(weights_.size(), weights_.data(), halves);
-    tavik_f16_rm_to_f16_wh_inplace(n_feature, n_feature, halves);
-  }
-  ~Layer() { released(tavik_buffer_free(context_, fd_)); }
-  Layer(const Layer&) = delete;
-  Layer& operator=(const Layer&) = delete;
+  Layer(const morun::Context& context, std::mt19937& generator)
+      : values_(random_values(generator)),
+        weights_(or_throw(morun::pack<morun::f16>(context, {values_, n_feature, n_feature}))) {}
 
-  uint64_t session() const { return static_cast<uint64_t>(context_->fd_to_session[fd_]); }
+  uint64_t session() const { return weights_.session(); }
 
   std::vector<float> multiply(const std::vector<float>& x) const {
     std::vector<float> y(activation_size);
-    check(tavik_npu_mm_f32_rm_f32_rm_f16_wh(context_, n_token, n_feature, n_feature, y.data(), x.data(),
-                                            static_cast<uint32_t>(fd_), 0),
-          "tavik_npu_mm_f32_rm_f32_rm_f16_wh");
+    or_throw(morun::multiply({x, n_token, n_feature}, weights_, {y, n_token, n_feature}));
     return y;
   }
 
@@ -94,7 +56,7 @@ class Layer {
     for (size_t i = 0; i < y.size(); ++i) {
       const float* const row = &x[i / n_feature * n_feature];
       double sum = 0;
-      for (size_t k = 0; k < n_feature; ++k) sum += double{row[k]} * double{weights_[k * n_feature + i % n_feature]};
+      for (size_t k = 0; k < n_feature; ++k) sum += double{row[k]} * double{values_[k * n_feature + i % n_feature]};
       squared_differences += std::pow(double{y[i]} - sum, 2);
       squared_values += sum * sum;
     }
@@ -102,31 +64,38 @@ class Layer {
   }
 
  private:
-  tavik_context* context_;
-  int32_t fd_ = -1;
-  std::vector<float> weights_;  // to compare with
+  static std::vector<float> random_values(std::mt19937& generator) {
+    std::normal_distribution<float> distribution(0, 1 / std::sqrt(float{n_feature}));  // activations stay near 1
+    std::vector<float> values(n_feature * n_feature);
+    for (float& value : values) value = distribution(generator);
+    return values;
+  }
+
+  std::vector<float> values_;  // to compare with
+  morun::Weights<morun::f16> weights_;
 };
 
 }  // namespace
 
 int main() try {
   make_sessions_small();
-  const Context context = open_context();
+  const morun::Context context = or_throw(morun::Context::open(morun::Limits::up_to(n_token, n_feature, n_feature)));
+  const tavik_context& state = *context.get();
   std::mt19937 generator(1);
-  std::deque<Layer> layers;
-  while (layers.size() < n_layer) layers.emplace_back(context.get(), generator);
-  std::printf("%lu layers of %lu KiB in %lu sessions\n", n_layer, weights_bytes / 1024, context->n_sessions);
+  std::vector<Layer> layers;
+  while (layers.size() < n_layer) layers.emplace_back(context, generator);
+  std::printf("%lu layers of %lu KiB in %lu sessions\n", n_layer, weights_bytes / 1024, state.n_sessions);
 
   constexpr double bound = 0.001;  // activations, weights and results are rounded to halves, of 11 significant bits
-  bool passed = context->n_sessions == (n_layer + n_layer_in_session - 1) / n_layer_in_session;
+  bool passed = state.n_sessions == (n_layer + n_layer_in_session - 1) / n_layer_in_session;
   std::vector<float> x(activation_size);
   for (float& value : x) value = std::normal_distribution<float>()(generator);
   for (const Layer& layer : layers) {
     std::vector<float> y = layer.multiply(x);
     const double found = layer.deviation(x, y);
     std::printf("weights in session %lu, active session %lu, relative deviation %.5f, bound %.3f\n", layer.session(),
-                context->active_session, found, bound);
-    passed = passed && found < bound && layer.session() == context->active_session;
+                state.active_session, found, bound);
+    passed = passed && found < bound && layer.session() == state.active_session;
     x = std::move(y);
   }
   return passed ? 0 : 1;

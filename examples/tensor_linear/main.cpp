@@ -4,49 +4,23 @@
 // them so, as they are. The NPU takes an in_features x out_features matrix in weight tiles: transpose once, lay out
 // once, and keep it.
 
-#include <morun_tensor.h>
-#include <tavik.h>  // conversions
+#include <morun.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <random>
-#include <stdexcept>
-#include <string>
 #include <vector>
 
 namespace {
 
+using morun::or_throw;
+
 constexpr uint64_t n_token = 96, in_features = 256, out_features = 384;  // multiples of 32 for the NPU
 
 using Halves = std::vector<uint16_t>;  // f16, by their bits
-
-// The library has printed the reason.
-void check(int64_t status, const char* what) {
-  if (status != MORUN_SUCCESS) throw std::runtime_error(what + (" failed with status " + std::to_string(status)));
-}
-
-struct Npu {
-  Npu() { check(morun_npu_initialize(MORUN_DOMAIN_NPU0), "morun_npu_initialize"); }
-  ~Npu() { morun_npu_finalize(MORUN_DOMAIN_NPU0); }
-  Npu(const Npu&) = delete;
-  Npu& operator=(const Npu&) = delete;
-};
-
-// Memory that the DSP sees too; it ends before the Npu does.
-struct BufferRelease {
-  void operator()(uint16_t* buffer) const { morun_npu_free(buffer); }
-};
-using Buffer = std::unique_ptr<uint16_t[], BufferRelease>;
-
-Buffer allocate_buffer(uint64_t n_half) {
-  void* buffer = nullptr;
-  check(morun_npu_alloc(n_half * sizeof(uint16_t), &buffer), "morun_npu_alloc");
-  return Buffer(static_cast<uint16_t*>(buffer));
-}
 
 Halves random_halves(uint64_t n, float largest, std::mt19937& generator) {
   std::uniform_real_distribution<float> distribution(-largest, largest);
@@ -62,26 +36,27 @@ morun_tensor halves_record(uint64_t n_row, uint64_t n_col, morun_tensor_layout_e
 }
 
 // The right operand of row-major halves is told as in_features x out_features, and read as its transpose.
-Halves linear_on_host(Halves& x, Halves& weights) {
+Halves linear_on_host(const morun::Npu& npu, Halves& x, Halves& weights) {
   Halves y(n_token * out_features);
   const morun_tensor result = halves_record(n_token, out_features, MORUN_LAYOUT_2D_RM, y.data());
   const morun_tensor left = halves_record(n_token, in_features, MORUN_LAYOUT_2D_RM, x.data());
   const morun_tensor right = halves_record(in_features, out_features, MORUN_LAYOUT_2D_RM, weights.data());
-  check(morun_mm_tensor(MORUN_PLATFORM_CPU, &result, &left, &right), "morun_mm_tensor on the host");
+  or_throw(npu.multiply(MORUN_PLATFORM_CPU, result, left, right));
   return y;
 }
 
-Halves linear_on_npu(Halves& x, const Halves& weights) {
-  const Buffer tiles = allocate_buffer(weights.size());
-  std::copy(weights.begin(), weights.end(), tiles.get());
-  tavik_matrix_transpose_f16(out_features, in_features, tiles.get());
-  check(morun_cpu_rm_to_wh_f16_inplace(in_features, out_features, tiles.get()), "morun_cpu_rm_to_wh_f16_inplace");
+Halves linear_on_npu(const morun::Npu& npu, Halves& x, const Halves& weights) {
+  const morun::NpuBuffer buffer = or_throw(npu.allocate(weights.size() * sizeof(uint16_t)));
+  auto* const tiles = buffer.as<uint16_t>();
+  std::copy(weights.begin(), weights.end(), tiles);
+  tavik_matrix_transpose_f16(out_features, in_features, tiles);
+  tavik_f16_rm_to_f16_wh_inplace(in_features, out_features, tiles);
 
   Halves y(n_token * out_features);
   const morun_tensor result = halves_record(n_token, out_features, MORUN_LAYOUT_2D_RM, y.data());
   const morun_tensor left = halves_record(n_token, in_features, MORUN_LAYOUT_2D_RM, x.data());
-  const morun_tensor right = halves_record(in_features, out_features, MORUN_LAYOUT_2D_WH, tiles.get());
-  check(morun_mm_tensor(MORUN_PLATFORM_NPU0, &result, &left, &right), "morun_mm_tensor on the NPU");
+  const morun_tensor right = halves_record(in_features, out_features, MORUN_LAYOUT_2D_WH, tiles);
+  or_throw(npu.multiply(MORUN_PLATFORM_NPU0, result, left, right));
   return y;
 }
 
@@ -101,11 +76,11 @@ double deviation(const Halves& expected, const Halves& actual) {
 }  // namespace
 
 int main() try {
-  const Npu npu;
+  const morun::Npu npu = or_throw(morun::Npu::open());
   std::mt19937 generator(1);
   Halves x = random_halves(n_token * in_features, 1, generator);
   Halves weights = random_halves(out_features * in_features, 0.1f, generator);
-  const double found = deviation(linear_on_host(x, weights), linear_on_npu(x, weights));
+  const double found = deviation(linear_on_host(npu, x, weights), linear_on_npu(npu, x, weights));
   constexpr double bound = 0.0005;  // both add in f32, in different orders, and round to halves
   std::printf("linear layer of %lu to %lu features, %lu tokens\n", in_features, out_features, n_token);
   std::printf("relative deviation of the NPU from the host %.6f, bound %.4f\n", found, bound);

@@ -49,7 +49,7 @@ Answer query(int domain, uint32_t attribute) {
   return {status, record.capability};
 }
 
-// Whether the platform can be asked at all; says so where it cannot.
+// Tells whether the platform offers capability queries, and prints a line when it does not.
 bool has_interface() {
   if (parlo_handle_control == nullptr) puts(no_interface);
   return parlo_handle_control != nullptr;
@@ -153,7 +153,7 @@ int get_domains_info(const char* domain_type, int* n_domains, parlo_domain** dom
     fputs("Unable to allocate memory for req.sys.domains", stdout);  // kept: no line end
     return no_memory;
   }
-  // A platform may tell the count in its first answer alone.
+  // Some platforms store the count only in their answer to the first request.
   request = {PARLO_SYSTEM_DOMAINS, type, capacity, capacity, records};
   status = request_domains(&request);
   if (status != success) {
@@ -183,7 +183,7 @@ int get_dsp_support(int* domain) {
   }
   if (answer.capability == 0) {
     answer = query(DSP_DOMAIN_ADSP, PARLO_ATTRIBUTE_DOMAIN_SUPPORT);
-    // Kept: with neither supported the output stays 3 and the result is success.
+    // Kept: when neither DSP is supported, *domain stays 3 and the function returns success.
     if (answer.capability != 0) *domain = DSP_DOMAIN_ADSP;
   }
   if (answer.status != success)

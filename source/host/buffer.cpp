@@ -6,7 +6,8 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/buffer";
 
-// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+// The line numbers that failures report. They are published interface (see include/tavik.h) and name no place in this
+// file.
 namespace reported_line {
 enum : int32_t {
   alloc_without_output = 23,
@@ -21,8 +22,8 @@ enum : int32_t {
 };
 }  // namespace reported_line
 
-// Takes back what tavik_buffer_alloc has done so far, unless it is kept: the shared memory is freed and the caller's
-// outputs say that there is none.
+// The destructor frees the shared memory and stores NULL and -1 in the caller's outputs, unless keep() was called.
+// keep() marks the allocation as complete; then the outputs receive address and descriptor.
 class Allocation {
  public:
   Allocation(void** pointer_output, int32_t* fd_output) : pointer_output_(pointer_output), fd_output_(fd_output) {}
@@ -47,14 +48,15 @@ bool map_into_session(const tavik_context* context, uint64_t session, const Allo
          KESO_SUCCESS;
 }
 
-// The first open session that accepts the mapping, or n_sessions.
+// Returns the first open session that accepts the mapping, or n_sessions when none accepts it.
 uint64_t map_into_open_session(const tavik_context* context, const Allocation& buffer, uint64_t size) {
   uint64_t session = 0;
   while (session < context->n_sessions && !map_into_session(context, session, buffer, size)) ++session;
   return session;
 }
 
-// Every open session maps the cross-session buffers: one that cannot is closed again, and its reservation ends.
+// Opens one more session and maps the cross-session buffers into it. When that mapping fails, the function closes the
+// session again, and the session's reservation ends with it.
 int32_t open_session_with_cross_session_buffers(tavik_context* context) {
   TAVIK_TRY(tavik_context_open_session(context));
   const uint64_t session = context->n_sessions - 1;
@@ -92,7 +94,7 @@ int32_t tavik_buffer_alloc(tavik_context* context, uint64_t size, void** pointer
   if (session == context->n_sessions) {
     TAVIK_TRY(open_session_with_cross_session_buffers(context));
     if (!map_into_session(context, session, buffer, size)) {
-      // Kept: the domain named is that of the session after the new one. The new session stays open.
+      // Kept: the message names the domain of the session after the new one. The new session stays open.
       const int32_t domain = session + 1 < TAVIK_MAX_SESSIONS ? context->session_domain[session + 1] : 0;
       return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_mapping, "Failed to mmap buffer to domain %d",
                         domain);

@@ -14,7 +14,8 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/context";
 
-// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+// The line numbers that failures report. They are published interface (see include/tavik.h) and name no place in this
+// file.
 namespace reported_line {
 enum : int32_t {
   alloc_without_output = 21,
@@ -50,11 +51,12 @@ enum : int32_t {
 }  // namespace reported_line
 constexpr uint64_t no_session = ~uint64_t{0};
 
-// The platform's records take texts without the const that their meaning has.
+// The platform's records declare their text fields without const, although the platform only reads the texts.
 constexpr char domain_name[] = "cdsp";
 constexpr char module_uri[] = "file:///libtavik_skel.so?tavik_skel_handle_invoke&_modver=1.0";
 
-// The cross-session buffers in the order in which they are mapped, with what a failure says.
+// The cross-session buffers in the order in which sessions map them, with the line numbers and the name that failures
+// report.
 struct CrossSessionBuffer {
   void* tavik_context::*address;
   int32_t tavik_context::*fd;
@@ -74,7 +76,7 @@ constexpr CrossSessionBuffer cross_session_buffers[] = {
      "input activation X"},
 };
 
-// Closes the handle, if one was opened, unless the session is kept.
+// The destructor closes the handle if one was opened. keep() hands the handle over, and then nothing is closed.
 class OpeningSession {
  public:
   ~OpeningSession() {
@@ -139,7 +141,8 @@ int32_t tavik_context_open_session(tavik_context* context) {
       return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_reserve,
                         "remote_session_control failed to reserve new session %d : error 0x%x\n", session_id,
                         static_cast<unsigned>(status));
-    // A reservation ends with the session's handle alone: where a later step fails, the next try goes on with it.
+    // The platform ends a reservation only when the session's handle is closed. The context therefore keeps the
+    // reservation, and when a later step fails, the next attempt continues with the same reservation.
     context->session_domain[index] = domain_id = static_cast<int32_t>(reserve.effective_domain_id);
     context->session_id[index] = session_id = static_cast<int32_t>(reserve.session_id);
   }

@@ -1,7 +1,8 @@
-// How the lower interface reports failures. A source file that uses these names itself once:
+// The lower interface records each failure in the error record. A source file that uses these macros first names
+// itself:
 //   constexpr char reporting_file[] = "source/host/...";
-// Line numbers are published: a file lists its own in a table, reported_line, so that they stay when the code moves. The
-// products report __LINE__.
+// Most reported line numbers are published interface. Each file lists its own in a table, reported_line, so that the
+// numbers stay when the code moves. The products in source/host/kernels report __LINE__ instead.
 #pragma once
 
 #include <cerrno>
@@ -11,16 +12,16 @@
 #include "include/tavik.h"
 #include "platform/parlo.h"
 
-// Fills the error record in the name of the calling function; the value is `code`.
+// Records a failure of the calling function and has the value `code`.
 #define TAVIK_FAIL(code, line, ...) (tavik_set_error((code), __func__, reporting_file, (line), __VA_ARGS__), (code))
 
-// Leaves the calling function with the status of `expression` unless that is success.
+// Returns the status of `expression` from the calling function unless that status is success.
 #define TAVIK_TRY(expression)                                                                          \
   do {                                                                                                 \
     if (const int32_t tavik_status = (expression); tavik_status != TAVIK_SUCCESS) return tavik_status; \
   } while (false)
 
-// Makes a remote call; a failure is recorded with the source text of its test, which callers see and rely on.
+// Makes a remote call. When the call fails, the error record quotes the call's source text; callers rely on that text.
 #define TAVIK_REMOTE(line, call) \
   tavik::record_remote((call), #call " != KESO_SUCCESS", __func__, reporting_file, (line))
 

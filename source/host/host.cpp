@@ -8,7 +8,8 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/host";
 
-// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+// The line numbers that failures report. They are published interface (see include/tavik.h) and name no place in this
+// file.
 namespace reported_line {
 enum : int32_t {
   init_acquire = 30,
@@ -23,16 +24,16 @@ enum : int32_t {
 };
 }  // namespace reported_line
 
-// Undoes what tavik_init has done so far, unless it is finished.
+// The destructor undoes what tavik_init has done so far, unless finish() has handed the context over.
 class Initialisation {
  public:
   ~Initialisation() {
     if (context == nullptr) return;
     for (void** buffer : {&context->A0, &context->A1, &context->A2, &context->X}) {
       tavik_rpcmem_free(*buffer);
-      *buffer = nullptr;  // tavik_context_free releases them too
+      *buffer = nullptr;  // tavik_context_free releases these buffers too
     }
-    // Kept: the warnings have no line end, and the first its spelling.
+    // Kept: both warnings lack a line end, and the first is spelt "ressources".
     if (has_resources && tavik_veyra_ressource_release(context->session_handle[0]) != KESO_SUCCESS)
       fprintf(stderr, "[Tavik] warning: failed to release session ressources");
     if (context->n_sessions > 0 && tavik_close(context->session_handle[0]) != KESO_SUCCESS)
@@ -49,13 +50,13 @@ class Initialisation {
   bool has_resources = false;
 };
 
-// Bytes of A0, A1, A2 and of X. X holds an activation in f16, or one in u8 with a scale and a sum for each row behind
-// it.
+// The sizes in bytes of A0, A1 and A2 (each A) and of X. X holds an activation in f16, or an activation in u8 followed
+// by a scale and a sum for each row.
 struct CrossSessionSizes {
   uint64_t A, X;
 };
 
-// False where a size is beyond what one shared buffer can have, 2^31 - 1 bytes.
+// Returns false when a buffer would need more than 2^31 - 1 bytes, the most that one shared buffer can have.
 bool cross_session_sizes(const tavik_options& options, CrossSessionSizes* sizes) {
   constexpr uint64_t limit = INT32_MAX;
   if (options.output_matrix_size_max > limit || options.input_matrix_size_max > limit || options.n_row_max > limit)
@@ -72,12 +73,14 @@ bool close_session(tavik_context* context, uint64_t session) {
   return closed;
 }
 
-// A reservation ends with its session's handle: the session that was left reserved becomes the last one.
+// Opens the session that is still only reserved, if there is one, as the context's last session. The platform ends a
+// reservation only when the session's handle is closed, so cleaning up needs that handle.
 int32_t open_reserved_session(tavik_context* context) {
   return tavik::has_reservation(context) ? tavik_context_open_session(context) : TAVIK_SUCCESS;
 }
 
-// What a cleanup that failed has left. Closing a session ends whatever it still has; only that must not fail.
+// Runs when an earlier cleanup has failed. Closing a session ends everything that the session still has, so the other
+// steps may fail here. The function returns false only when a session cannot be closed.
 bool end_what_is_left(tavik_context* context) {
   open_reserved_session(context);
   const uint64_t active_handle = context->session_handle[context->active_session];
@@ -150,7 +153,7 @@ int32_t tavik_cleanup(tavik_context* context) {
     tavik_context_free(context);
     return TAVIK_SUCCESS;
   }
-  context->cleanup_failed = true;  // unless it is freed
+  context->cleanup_failed = true;  // stays set when a step below fails: only success frees the context
 
   const uint64_t active_handle = context->session_handle[context->active_session];
   if (context->tessel_locked && tavik_veyra_unlock_tessel(active_handle) != KESO_SUCCESS)
@@ -211,7 +214,7 @@ int32_t tavik_hello_veyra() {
       fprintf(stderr, "Hello Tavik [veyra says answer to life, universe and everything is %d]\n", *byte);
   }
   tavik_options_free(options);
-  tavik_buffer_free(context, fd);  // of the -1 that a failed allocation leaves, it just fails
+  tavik_buffer_free(context, fd);  // fails harmlessly for the -1 that a failed allocation leaves
   tavik_cleanup(context);
   return status;
 }

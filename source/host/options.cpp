@@ -6,7 +6,8 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/options";
 
-// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+// The line numbers that failures report. They are published interface (see include/tavik.h) and name no place in this
+// file.
 namespace reported_line {
 enum : int32_t {
   alloc_without_output = 19,

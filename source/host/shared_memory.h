@@ -1,4 +1,4 @@
-// The platform's own numbers for shared memory that the DSP can map; they are passed on as they are.
+// The platform's own identifiers for shared memory that the DSP can map. The library passes them on unchanged.
 #pragma once
 
 #include <cstdint>

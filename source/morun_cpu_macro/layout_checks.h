@@ -1,4 +1,4 @@
-// What the layout calls demand of their arguments. Refusals are printed in the name of the call that asks.
+// Checks of the layout calls' arguments. The log line of a failed check names the call that made the check.
 #pragma once
 
 #include "source/host/util/tiles.h"
@@ -19,7 +19,7 @@ inline int32_t require_multiple(const Place& place, const char* name, int32_t di
                        static_cast<int32_t>(value));
 }
 
-// Of the calls that work in place on square tiles.
+// Checks the arguments of the calls that convert in place between rows and square tiles.
 inline int32_t require_square_tiles(const Place& place, uint64_t n_row, uint64_t n_col, const void* data) {
   MORUN_TRY(require_pointers(place, data));
   MORUN_TRY(require_multiple(place, "n_row", tavik::tile_side, n_row));

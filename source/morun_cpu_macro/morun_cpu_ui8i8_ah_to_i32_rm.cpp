@@ -4,7 +4,7 @@
 
 namespace {
 
-// Kept: the log line names another file, and with its ending.
+// Kept: the log line names a file that does not exist, with its ending.
 constexpr char reporting_file[] = "source/host/util.c";
 
 }  // namespace

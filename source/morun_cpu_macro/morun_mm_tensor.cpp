@@ -12,7 +12,7 @@ constexpr char this_call[] = "morun_mm_tensor";
 constexpr char allocation_of_A_failed[] = "Internal allocation of A failed\n\n";
 constexpr char layouting_of_A_failed[] = "Internal layouting of A failed\n\n";
 
-// left * right, validated.
+// The operands left * right and the result, after validation.
 struct TensorProduct {
   uint32_t platform;
   const morun_tensor& result;
@@ -22,13 +22,13 @@ struct TensorProduct {
 
   bool is_on_npu() const { return platform == MORUN_PLATFORM_NPU0; }
   int32_t domain() const { return is_on_npu() ? MORUN_DOMAIN_NPU0 : -1; }
-  // Dimensions as the NPU's products take them.
+  // The dimensions in the type that the NPU's products take.
   morun::Shape shape() const {
     return {static_cast<int32_t>(n_row), static_cast<int32_t>(n_col), static_cast<int32_t>(n_inner)};
   }
-  // Where f16 weights begin in their buffer, in bytes.
+  // The byte offset of f16 weights in their buffer.
   uint32_t W_offset() const { return static_cast<uint32_t>(right.data_offset * 2); }
-  uint64_t X_bytes() const { return 2 * n_row * n_inner; }  // of f16, as are the next two
+  uint64_t X_bytes() const { return 2 * n_row * n_inner; }  // this and the next two: for f16 elements
   uint64_t W_bytes() const { return 2 * n_col * n_inner; }
   uint64_t A_bytes() const { return 2 * n_row * n_col; }
 };
@@ -38,8 +38,8 @@ T* start(const morun_tensor& tensor) {
   return static_cast<T*>(tensor.data) + tensor.data_offset;
 }
 
-// Packed rows to the result, whatever its row stride. Products fill whole tiles of columns: what stands past those in
-// the packed rows is nobody's, and the result keeps what it held.
+// Copies packed rows to the result with the result's row stride. Products write only whole tiles of columns, so the
+// last n_col % 32 columns of packed rows hold nothing, and the result keeps its values there.
 template <class T>
 void copy_rows_to_result(const TensorProduct& product, const T* packed) {
   T* const to = start<T>(product.result);
@@ -48,7 +48,8 @@ void copy_rows_to_result(const TensorProduct& product, const T* packed) {
     memcpy(to + i * product.result.strides[0], packed + i * product.n_col, n_col_filled * sizeof(T));
 }
 
-// Packed rows of 4-byte elements that a product writes: those of the result, or a block that is copied there.
+// Packed rows of 4-byte elements for a product to write. They are the result itself, or a block that deliver() copies
+// to the result.
 template <class T>
 class PackedRows {
  public:
@@ -74,7 +75,7 @@ class PackedRows {
   T* data_ = nullptr;
 };
 
-// Copies of the operands in shared buffers, f16.
+// Copies of the f16 operands in shared buffers.
 struct Copies {
   void* A = nullptr;
   void* W = nullptr;
@@ -104,7 +105,7 @@ int32_t multiply_copies(const TensorProduct& product, const Copies& copies) {
   return MORUN_SUCCESS;
 }
 
-// Kept: one block, whatever the result's row stride.
+// Kept: the result is copied as one block and its row stride is ignored.
 void copy_block_to_result(const TensorProduct& product, const Copies& copies) {
   memcpy(start<uint16_t>(product.result), copies.A, product.A_bytes());
 }
@@ -147,8 +148,8 @@ int32_t f16_by_tiled_weights(const TensorProduct& product, Copies& copies) {
   return MORUN_SUCCESS;
 }
 
-// Kept: right's values are taken as n_col rows of n_inner, here as on the host. What the NPU makes of the tiles of such a
-// matrix is the plain product where n_col = n_inner.
+// Kept: the values of `right` are read as n_col rows of n_inner, as on the host. The NPU takes the tiles of these rows for
+// tiles of an n_inner x n_col matrix. That gives the plain product left * right only when n_col = n_inner.
 int32_t f16_row_major_on_npu(const TensorProduct& product, Copies& copies) {
   MORUN_TRY(copy_operands(product, copies));
   MORUN_TRY_STEP(this_call, morun_cpu_rm_to_wh_f16_inplace(product.n_col, product.n_inner, copies.halves_of_W()),
@@ -164,7 +165,7 @@ int32_t f16_row_major_on_npu(const TensorProduct& product, Copies& copies) {
 
 int32_t f16_row_major(const TensorProduct& product, Copies& copies) {
   if (product.is_on_npu()) return f16_row_major_on_npu(product, copies);
-  // Kept: any other platform is a success without a product.
+  // Kept: every other platform returns success and computes nothing.
   if (product.platform == MORUN_PLATFORM_CPU)
     morun_tensor_cpu_matmul_scenario_5(product.n_row, product.n_col, product.n_inner, start<uint16_t>(product.result),
                                        start<uint16_t>(product.left), start<uint16_t>(product.right));
@@ -179,7 +180,7 @@ int32_t u8_by_integer(const TensorProduct& product, Copies&) {
   uint32_t W_fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE_IN(this_call), "W", product.right.data, &W_fd));
   const morun::Shape shape = product.shape();
-  // Kept: right's data offset is not looked at.
+  // Kept: the data offset of `right` is ignored.
   MORUN_TRY_LOWER_AT(MORUN_HERE_IN(this_call),
                      multiply(product.domain(), shape.n_row, shape.n_col, shape.n_inner, output.data(),
                               start<uint8_t>(product.left), static_cast<const Weight*>(product.right.data)));
@@ -187,13 +188,13 @@ int32_t u8_by_integer(const TensorProduct& product, Copies&) {
   return MORUN_SUCCESS;
 }
 
-// What a path takes, left, right and result in this order, and what it relies on beyond.
+// What a path accepts (types and layouts of left, right and result, in this order), and its further requirements.
 struct Path {
   bool is_on_npu_only;
   morun_tensor_dtype_e types[3];
   morun_tensor_layout_e layouts[3];
-  bool writes_packed_rows;       // into the result, whatever its strides
-  bool finds_weights_by_offset;  // a number of bytes in 32 bits
+  bool writes_packed_rows;       // writes rows without gaps into the result, whatever its strides
+  bool finds_weights_by_offset;  // passes the weights' byte offset in 32 bits
   int32_t (*run)(const TensorProduct&, Copies&);
 };
 
@@ -201,7 +202,7 @@ constexpr auto i4 = MORUN_DTYPE_I4, i8 = MORUN_DTYPE_I8, u8 = MORUN_DTYPE_U8, i3
                f16 = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
 constexpr auto rm = MORUN_LAYOUT_2D_RM, wh = MORUN_LAYOUT_2D_WH, ah = MORUN_LAYOUT_2D_AH;
 
-// Named as in include/morun_tensor.h.
+// P1 to P6 are the paths of include/morun_tensor.h.
 constexpr Path paths[] = {
     {true, {f32, f16, f32}, {rm, wh, rm}, false, true, f32_by_f16},                                    // P1
     {true, {f16, f16, f16}, {ah, wh, ah}, true, false, f16_tiled},                                     // P2
@@ -227,8 +228,8 @@ const Path* find_path(const TensorProduct& product) {
   return nullptr;
 }
 
-// Whether a matrix of that row stride, columns being dense, lies within num_elements. Validation counts in 64 bits that
-// wrap; here nothing does.
+// Tells whether a matrix with that row stride and dense columns lies within num_elements. Validation counts in 64 bits
+// that wrap; this function detects the overflow instead.
 bool lies_inside(const morun_tensor& tensor, uint64_t row_stride) {
   uint64_t end;
   return !__builtin_mul_overflow(tensor.dims[0] - 1, row_stride, &end) &&

@@ -25,7 +25,7 @@ int32_t check_contiguous_vector(const morun::Place& place, const morun_tensor& t
   return MORUN_SUCCESS;
 }
 
-// Tiled matrices too are described with the strides of a row-major one.
+// A tiled matrix has the strides of a row-major one.
 int32_t check_contiguous_matrix(const morun::Place& place, const morun_tensor& tensor) {
   if (tensor.layout < MORUN_LAYOUT_2D_RM || tensor.layout > last_layout)
     return TENSOR_FAIL("2D tensor, unsupported layout: = %d\n", static_cast<int>(tensor.layout));
@@ -47,7 +47,7 @@ int32_t check_contiguous(const morun::Place& place, const morun_tensor& tensor, 
 }
 
 int32_t check_strided(const morun::Place& place, const morun_tensor& tensor, uint64_t greatest_distance) {
-  // Kept: the offset counts twice, here and in the bound.
+  // Kept: the bound adds the offset twice, here and in the next line.
   const uint64_t max_index = tensor.data_offset + 1 + greatest_distance;
   const uint64_t needed = tensor.data_offset + max_index;
   if (tensor.num_elements >= needed) return MORUN_SUCCESS;
@@ -57,7 +57,7 @@ int32_t check_strided(const morun::Place& place, const morun_tensor& tensor, uin
       ull{tensor.num_elements}, ull{needed}, ull{tensor.data_offset}, ull{max_index});
 }
 
-// Extents, strides and the elements that they reach. Sums and products wrap at 64 bits.
+// Checks extents, strides and the elements that they reach. Sums and products wrap at 64 bits.
 int32_t check_extents(const morun::Place& place, const morun_tensor& tensor) {
   uint64_t product_of_dims = 1, greatest_distance = 0;
   for (int i = 0; i < tensor.ndims; ++i) {
@@ -142,7 +142,8 @@ int32_t check_shapes(const morun::Place& place, const morun_tensor& result, cons
                      unsigned{right.ndims});
 }
 
-// Layouts as bits. 7 is beyond those that a valid record may have, and is refused here too.
+// Sets of refused layouts, one bit for each layout. A valid record never has layout 7, and this check refuses 7 as
+// well.
 constexpr uint32_t weight_side = 1u << MORUN_LAYOUT_2D_WH | 1u << MORUN_LAYOUT_2D_5 | 1u << 7;
 constexpr uint32_t activation_side = 1u << MORUN_LAYOUT_2D_AH | 1u << MORUN_LAYOUT_2D_6 | 1u << 7;
 

@@ -1,9 +1,9 @@
-// Each lane of a register is one of the prescribed sums. A panel is eight columns of the result; what it has for each
-// row or for each four inner indices, lane sums or weights, stands in four vectors, of which the v-th holds the four
-// lanes of column v and then those of column v + 4. The activation is broadcast four values at a time.
+// Each lane of a register holds one of the four sums whose order is prescribed. A panel is eight columns of the result.
+// The panel's sums of one row, or the panel's weights of four inner indices, stand in four vectors: vector v holds the
+// four lanes of column v and then the four lanes of column v + 4. The activation is broadcast four values at a time.
 //
-// Inner indices are taken in steps of eight. The four zeros that may fill up the last step leave every sum as it is, for
-// none is -0.
+// Inner indices are taken in steps of eight. Four zeros may fill up the last step. Adding zeros leaves every sum as it
+// is, because no sum is -0.
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
@@ -22,18 +22,19 @@ constexpr size_t step = 8;
 constexpr size_t panel_columns = 8;
 constexpr size_t n_vector = 4;
 constexpr size_t panel_lanes = panel_columns * n_lane;
-constexpr size_t group_rows = 3;  // their sums, their activation and a vector of weights take sixteen registers
+constexpr size_t group_rows = 3;  // their sums, activation and one vector of weights fill sixteen registers
 
-// Largest extents of a block: its widened activation stays in the second-level cache, a panel's weights in the first.
+// The largest extents of a block. The block's widened activation stays in the second-level cache, and a panel's weights
+// stay in the first-level cache.
 constexpr size_t block_rows = 129, block_columns = 256, block_inner = 512;
-// So few rows have the weights widened again for each group, which costs less than keeping them.
+// With at most few_rows rows, each group of rows widens the weights again, which costs less than storing them widened.
 constexpr size_t few_rows = 6, few_rows_inner = 1024;
-// A single group meets weights but once: the longer it stays with a column, the better memory keeps up.
+// A single group of rows reads each weight only once. Longer runs along a column then read memory faster.
 constexpr size_t single_group_inner = 4096;
 
 constexpr size_t line_halves = tavik::Scratch::line / sizeof(uint16_t);
-constexpr size_t weights_lead = 512;   // halves of a column, fetched so far ahead
-constexpr size_t activation_lead = 8;  // rows
+constexpr size_t weights_lead = 512;   // halves of a column between the prefetch and the use
+constexpr size_t activation_lead = 8;  // rows between the prefetch and the use
 
 struct Range {
   size_t begin, end;
@@ -43,7 +44,7 @@ Range range_from(size_t begin, size_t most, size_t end) {
   return {begin, begin + std::min(most, end - begin)};
 }
 
-// What there is of a few rows.
+// The activation and the sums of up to three rows.
 struct Group {
   const float* activation;  // [four][row]
   float* sums;              // [row][vector]
@@ -93,12 +94,13 @@ void accumulate_widened(size_t n_inner, const Group& group, const float* weights
   store_sums<n_row>(sums, group);
 }
 
-// The weights of a panel as they are in memory.
+// The weights of a panel in the order of memory.
 struct Columns {
   const uint16_t* column[panel_columns];
   size_t to_next_panel;  // halves
 
-  // One line of each column. What is asked for past the end of the block is what the next panel starts with.
+  // Prefetches one cache line of each column. Near the end of the block, the function prefetches the first lines of the
+  // next panel instead.
   void fetch_ahead(size_t k, size_t n_inner) const {
     const size_t ahead = k + weights_lead < n_inner ? weights_lead : weights_lead + to_next_panel - n_inner;
     for (const uint16_t* const start : column) {
@@ -108,7 +110,7 @@ struct Columns {
   }
 };
 
-// With `keep` the widened weights are stored for the groups that follow.
+// With `keep`, the function stores the widened weights for the groups of rows that follow.
 template <size_t n_row, bool keep>
 void accumulate_halves(size_t n_inner, const Group& group, const Columns& columns, [[maybe_unused]] float* widened) {
   Sums<n_row> sums;
@@ -143,7 +145,7 @@ void accumulate_halves(size_t n_inner, const Group& group, const Columns& column
   accumulate_halves<n_row, false>(n_inner, group, columns, nullptr);
 }
 
-// The last four weights of each column, filled up to a step.
+// The last four weights of each column, padded with zeros to a step.
 struct Ends {
   Ends(const Columns& columns, size_t k) {
     for (size_t c = 0; c < panel_columns; ++c) {
@@ -155,7 +157,7 @@ struct Ends {
   Columns as_columns = {};
 };
 
-// A piece of the inner dimension: whole steps, and the four indices that may follow them.
+// Adds a piece of the inner dimension: whole steps, and the four indices that may follow them.
 template <size_t n_row>
 void accumulate_piece(size_t n_inner, Group group, const Columns& columns, float* widened) {
   const size_t whole_steps = n_inner / step * step;
@@ -167,7 +169,7 @@ void accumulate_piece(size_t n_inner, Group group, const Columns& columns, float
   accumulate_halves<n_row>(step, group, Ends(columns, whole_steps).as_columns, widened);
 }
 
-// Fours go to to[0], to[pitch] and so on.
+// Writes the values four at a time to to[0], to[pitch] and so on.
 void widen_steps(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
   for (size_t k = 0; k < n_inner; k += step, to += 2 * pitch) {
     if (k % line_halves == 0) simd::prefetch(row_to_fetch + k);
@@ -195,23 +197,24 @@ void for_each_group(size_t n_row, Body body) {
   }
 }
 
-// The result is computed in blocks of rows and columns, and a block in pieces of the inner dimension. For each piece the
-// block's rows of the activation are widened, and each panel of the block adds the piece's terms to its sums, which stay
-// in memory between the pieces. After the last piece the terms past the last four follow, and the sums are rounded.
+// The result is computed in blocks of rows and columns, and a block in pieces of the inner dimension. For each piece,
+// the block's rows of the activation are widened and each panel of the block adds the piece's terms to its sums. The
+// sums stay in memory between the pieces. After the last piece come the terms past the last four inner indices, and the
+// sums are rounded.
 
-// The extents of blocks that reach no edge.
+// The extents of a block that does not reach an edge of the result.
 struct Blocking {
   size_t n_row, n_col, n_inner;
 };
 
-// What the block at hand is computed in, in f32.
+// Memory for the current block, in f32.
 struct Working {
-  float* weights;     // one panel: [four][vector]; NULL where each group of rows widens them
+  float* weights;     // one panel: [four][vector]; NULL when each group widens its weights
   float* sums;        // [panel][row][vector]
   float* activation;  // [group of rows][four][row]
 };
 
-// The weights past the last four of each column of a block, [index][column].
+// The weights past the last four inner indices of each column of a block, [index][column].
 struct Tails {
   size_t count;
   float weights[n_lane - 1][block_columns];
@@ -257,7 +260,7 @@ struct HostProduct {
 
   void multiply_block(Range rows, Range columns, size_t most_inner, const Working& working) const {
     size_t k = 0;
-    do {  // once without inner indices too: that makes the sums 0
+    do {  // also once when n_inner is 0, which sets the sums to 0
       const Range inner = range_from(k, most_inner, n_inner_in_lanes());
       widen_activation(rows, inner, working.activation);
       for (size_t c = 0; c < columns.size(); c += panel_columns)
@@ -265,12 +268,12 @@ struct HostProduct {
       k = inner.end;
     } while (k < n_inner_in_lanes());
     const Tails tails = tails_of(columns);
-    for (size_t row = 0; row < rows.size(); ++row)  // not panel by panel: rows of the result may be pages apart
+    for (size_t row = 0; row < rows.size(); ++row)  // not panel by panel: rows of the result may lie pages apart
       for (size_t c = 0; c < columns.size(); c += panel_columns)
         finish_sums(rows.begin + row, columns, c, sums_of_panel(c, rows, working) + row * panel_lanes, tails);
   }
 
-  // Of the panel at the block's column c.
+  // The sums of the panel at column c of the block.
   static float* sums_of_panel(size_t c, Range rows, const Working& working) {
     return working.sums + c * rows.size() * n_lane;
   }
@@ -287,7 +290,7 @@ struct HostProduct {
     });
   }
 
-  // Adds the terms of a piece to the sums of the panel of eight columns from `column` on.
+  // Adds the terms of a piece to the sums of the panel of eight columns that starts at `column`.
   void accumulate_panel(size_t column, size_t n_rows, Range inner, const Working& working, float* sums) const {
     const size_t padded_inner = tavik::round_up(inner.size(), step);
     const Columns columns = columns_at(column, inner.begin);
@@ -299,7 +302,7 @@ struct HostProduct {
     });
   }
 
-  // Past the last column stands the last one again.
+  // Past the last column, the function repeats the last column.
   Columns columns_at(size_t first, size_t k) const {
     Columns columns;
     for (size_t c = 0; c < panel_columns; ++c) columns.column[c] = W + std::min(first + c, n_col - 1) * n_inner + k;
@@ -315,8 +318,8 @@ struct HostProduct {
     return tails;
   }
 
-  // Adds up the four sums of eight columns of a row, adds the terms of the tails, rounds and stores. `c` is the first of
-  // the columns, counted in the block.
+  // Adds up the four sums of each of eight columns of a row, adds the terms of the tails, rounds and stores. `c` is the
+  // first of the columns, counted from the block's first column.
   void finish_sums(size_t row, Range columns, size_t c, const float* sums, const Tails& tails) const {
     const uint16_t* const x = X + row * n_inner + n_inner_in_lanes();
     simd::f32x8 sum = simd::sums_of_fours(simd::load(sums), simd::load(sums + 8), simd::load(sums + 16),  //

@@ -11,16 +11,16 @@ uint64_t address_of(const void* pointer) {
   return reinterpret_cast<uintptr_t>(pointer);
 }
 
-// Address ranges in which nothing is, one for an entry of the registry at most: that of a freed buffer whose address
-// the entry still has, kept from everybody who asks the system for memory.
+// The registry entry of a freed buffer keeps the buffer's address. The library can reserve that address range, so that
+// neither the program nor the platform gets memory there. An entry has at most one reserved range.
 struct Range {
   void* address;
   uint64_t size;
 };
 Range kept_ranges[TAVIK_MAX_DESCRIPTOR + 1] = {};
 
-// The address is a wish: whoever has taken the range since the buffer was freed has it, and what comes elsewhere goes
-// back.
+// Another allocation may have taken the range since the buffer was freed. Then the system maps memory elsewhere, and
+// the function unmaps it again.
 void keep_range(int32_t entry, void* address, uint64_t size) {
   void* const kept = mmap(address, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (kept == address) kept_ranges[entry] = {address, size};
@@ -32,7 +32,7 @@ void let_range_go(int32_t entry) {
   kept_ranges[entry] = {};
 }
 
-// Whether the address that `entry` has would be looked up in vain for a newer buffer at `fd`.
+// Tells whether the older `entry` with the same address would be found instead of a newer buffer at `fd`.
 bool hides(int32_t entry, int32_t fd) {
   return entry != -1 && entry < fd;
 }
@@ -42,8 +42,8 @@ bool hides(int32_t entry, int32_t fd) {
 int32_t morun_npu_alloc(uint64_t size, void** out_ptr) {
   if (out_ptr == nullptr) return MORUN_FAIL(MORUN_ERROR_NULL_POINTER, "NULL ptr provided\n");
   MORUN_TRY(morun::check_initialized(MORUN_HERE));
-  // A buffer at the address of an older entry goes back, its range is kept, and the next one is elsewhere: as often as
-  // there are entries.
+  // A new buffer may have the address that an older registry entry keeps. Then the call frees the buffer, reserves the
+  // address range and allocates again. There are at most as many attempts as registry entries.
   for (int32_t attempt = 0; attempt <= TAVIK_MAX_DESCRIPTOR; ++attempt) {
     int32_t fd = -1;
     MORUN_TRY_LOWER(tavik_buffer_alloc(own::context, size, out_ptr, &fd));
@@ -73,6 +73,6 @@ int32_t morun_npu_free(void* ptr) {
   uint32_t fd;
   MORUN_TRY(morun::find_registered(MORUN_HERE, "addr", ptr, &fd));
   MORUN_TRY_LOWER(tavik_buffer_free(own::context, static_cast<int32_t>(fd)));
-  // Kept: the entry stays.
+  // Kept: the registry keeps the entry of a freed buffer.
   return MORUN_SUCCESS;
 }

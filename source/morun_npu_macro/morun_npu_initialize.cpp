@@ -4,7 +4,7 @@ namespace {
 
 constexpr char reporting_file[] = "source/morun_npu_macro/morun_npu_initialize";
 
-// The upper interface's capacity.
+// The limits of the upper interface's context, in elements and in rows.
 constexpr uint64_t output_matrix_size_max = 32768000;
 constexpr uint64_t n_row_max = 3200;
 constexpr uint64_t input_matrix_size_max = 486592000;
@@ -18,7 +18,7 @@ int32_t morun_npu_initialize(int32_t domain) {
   options->output_matrix_size_max = output_matrix_size_max;
   options->n_row_max = n_row_max;
   options->input_matrix_size_max = input_matrix_size_max;
-  // Kept: a context that is still open is replaced, not closed.
+  // Kept: a context that is still open is replaced and not closed.
   const int32_t status = tavik_init(options, &own::context);
   morun::publish_state();
   tavik_options_free(options);
@@ -30,7 +30,7 @@ int32_t morun_npu_initialize(int32_t domain) {
 int32_t morun_npu_finalize(int32_t domain) {
   MORUN_TRY(morun::check_domain(MORUN_HERE, domain));
   MORUN_TRY_LOWER(tavik_unlock_compute_device(own::context));
-  // Kept: the dead address stays in `context`.
+  // Kept: `context` still holds the freed address afterwards.
   MORUN_TRY_LOWER(tavik_cleanup(own::context));
   return MORUN_SUCCESS;
 }

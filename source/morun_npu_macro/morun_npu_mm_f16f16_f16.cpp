@@ -7,13 +7,14 @@ namespace {
 constexpr char reporting_file[] = "source/morun_npu_macro/morun_npu_mm_f16f16_f16";
 constexpr char this_call[] = "morun_npu_mm_f16f16_f16";
 
-// Bytes of X. Kept: its elements are counted in 32 bits, signed. What does not fit there is more than any buffer holds.
+// The size of X in bytes. Kept: the number of elements is computed in signed 32 bits. A product that does not fit
+// exceeds every buffer.
 uint64_t activation_bytes(int32_t n_row, int32_t n_inner) {
   int32_t count;
   return __builtin_mul_overflow(n_row, n_inner, &count) ? INT64_MAX : 2 * static_cast<uint64_t>(count);
 }
 
-// With X, still row-major, in the buffer X_parlo.
+// X_parlo is a shared buffer that holds X in row-major order.
 int32_t multiply(const morun::Shape& shape, uint16_t* A, uint16_t* X_parlo, const uint16_t* W) {
   const auto n_row = static_cast<uint64_t>(shape.n_row), n_col = static_cast<uint64_t>(shape.n_col),
              n_inner = static_cast<uint64_t>(shape.n_inner);

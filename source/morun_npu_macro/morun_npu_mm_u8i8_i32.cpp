@@ -23,7 +23,7 @@ int32_t morun_npu_mm_u8i8_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
   const uint64_t W_size = tavik_apply_padding(width * depth);
   void* W_i8_npu = nullptr;
   if (morun_npu_alloc(W_size, &W_i8_npu) != MORUN_SUCCESS) {
-    // Kept: tried once more, for the status to print.
+    // Kept: the call allocates once more to get the status that it prints.
     const int32_t status = morun_npu_alloc(W_size, &W_i8_npu);
     exit(MORUN_FAIL(1, " nErr = %d\n", status));
   }

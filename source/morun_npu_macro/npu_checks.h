@@ -1,5 +1,5 @@
-// What the calls on the NPU check before anything else. Each check that fails prints its line in the name of `place` and
-// gives the status.
+// The checks that the calls on the NPU make before all other work. A failed check prints a line that names `place` and
+// returns the status.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,8 @@
 #include "source/log_line.h"
 #include "source/morun_npu_macro/npu_state.h"
 
-// Leaves the calling function with status 1 when a call of the lower interface fails; its own status is printed.
+// Returns MORUN_ERROR_FAILURE (1) from the calling function when a call of the lower interface fails. The printed line
+// shows the call's own status.
 #define MORUN_TRY_LOWER_AT(place, expression)                                        \
   do {                                                                               \
     if (const auto lower = static_cast<int32_t>(expression); lower != TAVIK_SUCCESS) \
@@ -22,7 +23,7 @@ struct Shape {
   int32_t n_row, n_col, n_inner;
 };
 
-// What a kind of product asks of its dimensions.
+// The multiples that the dimensions of a kind of product must have.
 struct Multiples {
   const char* operation;
   int32_t n_row, n_col, n_inner;
@@ -34,32 +35,34 @@ int32_t check_domain(const Place& place, int32_t domain);
 int32_t check_initialized(const Place& place);
 int32_t check_dimensions(const Place& place, const Shape& shape, const Multiples& multiples);
 
-// What the f16 products have in common: initialised, domain, dimensions, no operand NULL.
+// The checks of all f16 products: the interface is initialised, the domain and the dimensions are valid, no operand is
+// NULL.
 int32_t check_f16_product(const Place& place, int32_t domain, const Shape& shape, const void* A, const void* X,
                           const void* W);
 
-// What the integer products have in common: no operand NULL, X first.
+// The check of all integer products: no operand is NULL. X is checked first.
 int32_t check_operands(const Place& place, const void* X, const void* A, const void* W);
 
-// The descriptor of the buffer that starts at `operand`, as the products take it; `name` stands in the line.
+// Stores the descriptor of the buffer that starts at `operand`. `name` is the operand's name in the printed line.
 int32_t find_registered(const Place& place, const char* name, const void* operand, uint32_t* fd);
 
-// Those of a product that leaves all three in shared buffers: A, W and X, looked up in this order.
+// The descriptors of a product whose operands all stand in shared buffers. A is looked up first, then W, then X.
 struct Descriptors {
   uint32_t A, W, X;
 };
 int32_t find_all_registered(const Place& place, const void* A, const void* W, const void* X, Descriptors* fds);
 
-// Whether the u8 activation fits the context's buffer for it. Where it does not, the product that follows refuses the
-// dimensions.
+// Tells whether the u8 activation fits into the context's activation buffer. When it does not, the call still runs the
+// product, and the product refuses the dimensions.
 bool activation_fits(const Shape& shape);
 
-// Prints the lower interface's error record and the call that failed, and ends the process with exit status 1.
+// Prints the lower interface's error record and the failed call, and ends the process with exit status 1.
 [[noreturn]] void end_process(const Place& place, const char* call);
 
 }  // namespace morun
 
-// Kept: integer products do not return from a failure of the lower interface. The line shows the call's source text.
+// Kept: when the lower interface fails, an integer product ends the process. The printed line quotes the call's source
+// text.
 #define MORUN_DEMAND(call)                                              \
   do {                                                                  \
     if ((call) != TAVIK_SUCCESS) morun::end_process(MORUN_HERE, #call); \

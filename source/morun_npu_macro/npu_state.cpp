@@ -14,9 +14,9 @@ MORUN_EXPORT_OWN(morun_map_db)
 MORUN_EXPORT_OWN(version_prerel)
 MORUN_EXPORT_OWN(npu_version)
 
-// A program whose code reads a library's variable directly, without the global offset table, gets a copy of the variable
-// in itself, and all that asks for the name and its version node finds that copy. A variable of the program's own that
-// happens to have the name has no version node, and is not found.
+// A program may read a library's variable directly, without the global offset table. Then the linker gives the program
+// a copy of the variable, and every lookup of the variable's name with its version node finds that copy. A variable of
+// the program's own under the same name has no version node, and the lookup does not find it.
 namespace {
 
 struct Variable {
@@ -32,7 +32,7 @@ constinit Variable variables[] = {
     {"npu_version", own::npu_version, sizeof own::npu_version, nullptr},
 };
 #ifdef MORUN_STATIC
-constinit bool looked_for_copies = true;  // a static library is in the program itself
+constinit bool looked_for_copies = true;  // a static library is part of the program, so there are no copies
 #else
 constinit bool looked_for_copies = false;
 #endif

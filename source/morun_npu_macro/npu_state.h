@@ -1,4 +1,4 @@
-// The variables of morun_state.h as the library works on them.
+// The variables of morun_state.h under the names by which the library uses them.
 #pragma once
 
 #include "include/morun_state.h"
@@ -11,7 +11,7 @@ MORUN_OWN(npu_version)
 
 namespace morun {
 
-// Brings the copies of these variables that the program holds up to date; called after each change.
+// Copies the current values to the program's copies of these variables. Must be called after each change.
 void publish_state();
 
 }  // namespace morun

@@ -4,7 +4,7 @@
 #include <string.h>
 
 static float values[33 * 40], unpacked[33 * 40];
-static uint32_t packed[8192 / 4];
+static uint32_t packed[10240 / 4];
 
 int main(void) {
   for (int i = 0; i < 33 * 40; ++i) values[i] = (float)(i % 61 - 30);

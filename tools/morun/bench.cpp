@@ -31,8 +31,8 @@ constexpr size_t n_iteration_max = 2000;
 
 // ---- Conversions alone ---------------------------------------------------------------------------------------------
 
-// What a kernel converts on the host, on the memory that its call works on. Row scales and sums go to memory of their
-// own.
+// The conversions that a kernel makes on the host, on the memory that its call uses. Row scales and sums go to separate
+// memory.
 class Conversions {
  public:
   Conversions(const Kernel& kernel, const Call& call)
@@ -98,7 +98,7 @@ class Conversions {
 
 struct Time {
   double real = 0;  // milliseconds
-  double cpu = 0;   // of this thread
+  double cpu = 0;   // CPU time of this thread
 };
 
 double cpu_milliseconds() {
@@ -128,11 +128,11 @@ struct Measurement {
   const Kernel* kernel;
   size_t n_iteration;
   Time call;
-  std::optional<Time> convert;  // none where the kernel has nothing of it
+  std::optional<Time> convert;  // none when the kernel makes no such call
   std::optional<Time> remote;
 };
 
-// The three in turn, so that what disturbs one disturbs all.
+// Times the three parts in turn, so that a disturbance affects all of them.
 Measurement measure(tavik_context* context, const Kernel& kernel, const PreparedCall& prepared) {
   const Call& call = prepared.call();
   Conversions conversions(kernel, call);
@@ -200,7 +200,7 @@ Json context_entry() {
           {"library_version", MORUN_VERSION}};
 }
 
-// A part of a measurement as Google Benchmark reports a benchmark.
+// A part of a measurement, in the form in which Google Benchmark reports a benchmark.
 Json entry(const Measurement& measurement, size_t family, const std::string& shape, size_t part_index,
            const char* part_name, const Time& time) {
   const std::string name = fmt::format("{}/{}/{}", measurement.kernel->name, shape, part_name);

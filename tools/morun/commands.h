@@ -1,4 +1,4 @@
-// The sub-commands. Each returns when it has done its work and throws an Error when it could not.
+// The sub-commands. Each returns when its work is done, and throws an Error when it fails.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// The one kind of failure that the tool reports.
+// The exception by which the tool reports every failure.
 #pragma once
 
 #include <fmt/format.h>
@@ -8,7 +8,7 @@
 
 namespace tool {
 
-// Its text is one line for the user; the command line puts "morun: " in front.
+// The text is one line for the user. The command line prints "morun: " before it.
 class Error : public std::runtime_error {
  public:
   template <typename... Arguments>

@@ -10,8 +10,8 @@
 namespace tool {
 namespace {
 
-// A piece of the result for one thread at a time, small enough for a stack. Of the weights it takes 128 x 512 floats in
-// turn, which stay in a core's second cache while all rows of the piece pass over them.
+// One thread computes a piece of the result at a time, and a piece fits on a stack. The weights are taken in blocks of
+// 128 x 512 floats. Such a block stays in a core's second-level cache while all rows of the piece are multiplied by it.
 constexpr size_t piece_rows = 64;
 constexpr size_t piece_columns = 512;
 constexpr size_t piece_inner = 128;
@@ -19,12 +19,12 @@ constexpr size_t piece_inner = 128;
 struct Piece {
   size_t first_row;
   size_t n_row;
-  size_t first_col;  // of the block
+  size_t first_col;  // counted in the block of columns
   size_t n_col;
   double sums[piece_rows][piece_columns];
 };
 
-// Columns of w.
+// A block of columns of w.
 struct ColumnBlock {
   size_t first_col;
   Matrix w;

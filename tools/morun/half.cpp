@@ -34,8 +34,8 @@ double round(double value) {
   return std::abs(rounded) > largest ? std::copysign(std::numeric_limits<double>::infinity(), value) : rounded;
 }
 
-// The product is exact in double. A sum that is not is made odd in its last bit, which keeps it on its side of every
-// midpoint between two halves: rounding it again is then rounding once.
+// The product is exact in double. When the sum is inexact, its last bit is set, which keeps it on the exact sum's side
+// of every midpoint between two halves. Rounding the sum again then gives the exact sum rounded once.
 double fused(double a, double b, double c) {
   const double product = a * b;
   const double sum = product + c;
@@ -59,7 +59,7 @@ uint16_t bits(double value) {
   if (std::isinf(value)) return static_cast<uint16_t>(sign | 0x7c00u);
   const int exponent = exponent_of(magnitude);
   const auto field = static_cast<unsigned>(exponent - lowest_exponent) << n_mantissa_bits;
-  // Has its leading bit in it, which adds one to the exponent where the value is normal.
+  // The mantissa includes its leading bit, which adds one to the exponent when the value is normal.
   const auto mantissa = static_cast<unsigned>(std::ldexp(magnitude, n_mantissa_bits - exponent));
   return static_cast<uint16_t>(sign | (field + mantissa));
 }

@@ -1,20 +1,20 @@
-// Half precision by its definition, apart from the library's: values that binary16 holds, kept as double.
+// Half precision by its definition, independent of the library. Values are doubles that binary16 can represent.
 #pragma once
 
 #include <cstdint>
 
 namespace tool::half {
 
-// The nearest binary16 value, ties to even.
+// Returns the nearest binary16 value, ties to even.
 double round(double value);
 
-// a * b + c, rounded once.
+// Returns a * b + c, rounded once.
 double fused(double a, double b, double c);
 
-// Half the distance between the binary16 values around `value`: what rounding changes at most.
+// Returns half the distance between the binary16 values around `value`, which is the largest error that rounding makes.
 double half_step(double value);
 
-// The pattern of a binary16 value, and its value.
+// Return the bit pattern of a binary16 value, and the value of a bit pattern.
 uint16_t bits(double value);
 double value(uint16_t bits);
 

@@ -3,7 +3,8 @@
 
 void tool::hello() {
   require(tavik_hello_host(), "the host does not greet");
-  // The DSP's greeting ends the process where its context cannot be had; here that is an error like any other.
+  // Without a context, tavik_hello_veyra ends the process. Opening a context first reports that failure as an ordinary
+  // error.
   open_context(default_options());
   require(tavik_hello_veyra(), "the DSP does not greet");
 }

@@ -60,7 +60,7 @@ Json domains() {
   return list;
 }
 
-// The answer of a query, or null.
+// Returns the answer of a query, or null.
 template <typename Query, typename... Attribute>
 Json capability(const Query& query, Attribute... attribute) {
   uint32_t value = 0;
@@ -131,7 +131,7 @@ Json module_in_session() {
           {"effective_domain", status == 0 ? Json(effective_domain) : Json()}};
 }
 
-// Whether library and module fit together.
+// Tells whether the versions of library and module match.
 Json version_query() {
   const UpperInterface upper;
   const UpperVersions versions = upper_versions();
@@ -141,7 +141,7 @@ Json version_query() {
           {"status", versions.status}};
 }
 
-// A DSP that does not answer is a finding too.
+// A DSP that does not answer is a result too.
 Json answer_of(Json (*ask)()) {
   try {
     return ask();
@@ -151,7 +151,7 @@ Json answer_of(Json (*ask)()) {
 }
 
 Json report() {
-  const StandardOutputAside aside;  // the capability utilities explain their failures there
+  const StandardOutputAside aside;  // the capability functions print their failures there
   return {{"library", library()},
           {"limits", limits()},
           {"platform", {{"library", platform_library()}}},

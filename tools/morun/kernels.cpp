@@ -15,7 +15,7 @@ uint32_t run_on_own_buffers(const Call& c) {
                                            c.x_offset, w.values);
 }
 
-// The descriptors of A and X are not used.
+// The kernel ignores the descriptors of A and X.
 template <auto kernel>
 uint32_t run_on_cross_session_buffers(const Call& c) {
   const auto& [n_col, w, host_weights, result] = c.products[0];
@@ -85,7 +85,7 @@ uint32_t run_quantised_3(const Call& c) {
 
 // ---- Remote methods ------------------------------------------------------------------------------------------------
 
-// Rows as the method takes them, in tiles of `tile_rows`.
+// The number of rows that a method takes, in tiles of `tile_rows`.
 template <uint32_t tile_rows>
 uint32_t rows(const Call& c) {
   return (static_cast<uint32_t>(c.n_row) + tile_rows - 1) / tile_rows * tile_rows;
@@ -162,7 +162,7 @@ constexpr auto run_on_cpu = run_tensors<MORUN_PLATFORM_CPU>;
 constexpr auto rm = MORUN_LAYOUT_2D_RM, ah = MORUN_LAYOUT_2D_AH, wh = MORUN_LAYOUT_2D_WH;
 constexpr auto u8 = MORUN_DTYPE_U8, half = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F32;
 
-// The integer products of the upper interface end the process when the DSP refuses: they come last.
+// The integer products of the upper interface end the process when the DSP refuses them, so they come last.
 constexpr Kernel table[] = {
     {"tavik_npu_test", bytes, f16, 1, run_test, remote_test},
     {"tavik_npu_mm_f16_ah_f16_ah_f16_wh", own_buffers, f16, 1, run_on_own_buffers, remote_on_own_buffers},

@@ -1,5 +1,5 @@
-// The layouts by their definitions: where an element stands, in elements. Extents are whole tiles; n_col and n_inner are
-// those of the matrix.
+// The layouts by their definitions: the index at which an element stands. Extents are whole tiles. n_col and n_inner
+// are the extents of the whole matrix.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,7 @@ inline size_t place_f16_wh(size_t r, size_t c, size_t n_col) {
 inline size_t place_i8_wh(size_t r, size_t c, size_t n_col) {
   return tile_32(r, c, n_col) + c % 32 / 4 * 128 + r % 32 * 4 + c % 4;
 }
-// Columns 4 to 7 of every eight stand in the high nibbles.
+// Columns 4 to 7 of every eight columns stand in the high nibbles.
 inline size_t byte_of_i4_wh(size_t r, size_t c, size_t n_col) {
   return tile_32(r, c, n_col) / 2 + c % 32 / 8 * 128 + r % 32 * 4 + c % 4;
 }

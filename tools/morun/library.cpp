@@ -16,7 +16,7 @@ tavik_options default_options() {
   return defaults;
 }
 
-// A context that could not be torn down still holds memory. Its DSP sessions end with the process.
+// A context that cannot be cleaned up still holds memory. Its DSP sessions end with the process.
 void ContextRelease::operator()(tavik_context* context) const {
   if (tavik_cleanup(context) != TAVIK_SUCCESS) tavik_context_free(context);
 }

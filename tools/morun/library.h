@@ -1,4 +1,4 @@
-// The library's resources, released on every path, and its failures as Errors.
+// Owners for the library's resources, and Errors for its failures.
 #pragma once
 
 #include <tavik.h>
@@ -9,7 +9,7 @@
 
 namespace tool {
 
-// Throws "WHAT: MESSAGE" with the message of the error record, unless `status` is a success.
+// Throws "WHAT: MESSAGE" with the message of the error record unless `status` is a success.
 void require(int64_t status, std::string_view what);
 
 tavik_options default_options();
@@ -21,13 +21,13 @@ using Context = std::unique_ptr<tavik_context, ContextRelease>;
 
 Context open_context(const tavik_options& options);
 
-// Reserves the matrix unit for the active session. Most products do that themselves.
+// Reserves the matrix unit for the active session. Most products reserve it themselves.
 void lock_matrix_unit(tavik_context* context);
 
-// Memory that the DSP sees too. It ends before its context does.
+// Memory that the host and the DSP share. The memory must be released before its context.
 class SharedBuffer {
  public:
-  // Of at least `size` bytes.
+  // Allocates at least `size` bytes.
   SharedBuffer(tavik_context* context, uint64_t size);
   ~SharedBuffer();
   SharedBuffer(const SharedBuffer&) = delete;

@@ -26,13 +26,13 @@
 
 namespace {
 
-// Exit statuses besides EXIT_SUCCESS and EXIT_FAILURE.
+// The exit status besides EXIT_SUCCESS and EXIT_FAILURE.
 constexpr int exit_misuse = 2;
 
 constexpr char exit_statuses[] = R"(
-Exit status: 0 when all is well; 1 when a file, an operand, memory or the DSP makes a command fail, or verify finds a
-wrong result; 2 when the command line cannot be understood. A signal ends the program as signals do: shells report 128 +
-its number. Standard error tells the cause in one line; warnings go there too and leave the status alone.)";
+Exit status: 0 when the command succeeds; 1 when a file, an operand, memory or the DSP makes it fail, or when verify
+finds a wrong result; 2 when the command line is wrong. When a signal ends the program, shells report 128 + its number.
+A failure prints its cause in one line on standard error. Warnings go there too and do not change the status.)";
 
 std::string failure_line(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
@@ -69,7 +69,7 @@ void add_hello(CLI::App& app) {
   command->callback([] { tool::hello(); });
 }
 
-// The weights of one, two or three products, each form by an option of its own.
+// The files of the weights of one, two or three products. Each of these forms has an option of its own.
 struct WeightOptions {
   std::vector<std::filesystem::path> single, pair, qkv;
 
@@ -112,21 +112,21 @@ void add_mm(CLI::App& app) {
 Weights of packed files (morun pack) are multiplied as they are packed, and --check compares with the values that they
 stand for.
 
--o comes behind the matrices; "-" is standard output, and the report then goes to standard error. The matrices hold f16,
-f32 or f64 values, the last rounded to f32, and are of any shape; an array of rank 1 is one row. Results are written as
-f32. --pair and --qkv run one fused kernel, which takes the activation to the NPU once.
+-o stands behind the matrices. "-" is standard output, and the report then goes to standard error. The matrices hold
+f16, f32 or f64 values and have any shape. f64 values are rounded to f32. An array of rank 1 is a matrix of one row.
+Results are written as f32. --pair and --qkv run one fused kernel, which brings the activation to the NPU once.
 
-A warning tells of operands that are NaN, infinite, or beyond the range of f16 where they are rounded to it.
+The command warns of operands that are NaN or infinite, and of operands beyond the range of f16 that it rounds to f16.
 
 --weights f16: activation, weights and results are rounded to f16. a8w8 and a8w4: the weights are quantised to 8 or 4
 bits a value with a scale and a zero point for each column, the activation to 8 bits with a scale for each row, and the
 sums are exact. Zero points are cut to the range of the values: a column without values of both signs loses accuracy,
 and one of a single value becomes 0.
 
---check multiplies the values as given and prints for each result the largest |error| of all elements, as it is and
-relative to the largest |exact value|, and the Frobenius norm of the error relative to that of the exact product.
-Elements whose exact value is infinite or not a number are left out and counted; a result that is so where the exact
-value is finite deviates infinitely.)");
+--check multiplies the values as given. For each result it prints the largest |error| of all elements, the same relative
+to the largest |exact value|, and the Frobenius norm of the error relative to that of the exact product. Elements whose
+exact value is infinite or NaN are counted and left out. An infinite or NaN result with a finite exact value deviates
+infinitely.)");
   command->callback([arguments, weights, kind] {
     using enum tool::WeightKind;
     if (!kind->empty()) arguments->weights = *kind == "a8w8" ? a8w8 : *kind == "a8w4" ? a8w4 : f16;
@@ -227,16 +227,18 @@ void add_verify(CLI::App& app) {
                     "leave out weights in several sessions, for which some 6 GiB of shared memory are reserved");
   command->footer(
       R"(
-One line a call: shape as rows x columns x inner dimension, the values, the session of each weight matrix, the element
-that takes most of its bound (its deviation and that bound), the time of the call, and the verdict. Bounds follow from
-the roundings that the kernel has to make; where it has none to make, the bound is 0. "by design" marks calls that the
-library defines to give something else than the product, or to fail: where weights are in several sessions, or are
-row-major, or a strided result is packed. They are held to exactly that. Fails when one call does.
+Each call prints one line: the shape as rows x columns x inner dimension, the values, the session of each weight matrix,
+deviation and bound of the element that uses the largest share of its bound, the time of the call, and the verdict.
+Bounds follow from the roundings that the kernel must make; without roundings the bound is 0. "by design" marks calls
+that the library defines to give something else than the product, or to fail: weights in several sessions, row-major
+weights, or a strided result that is packed. The command checks these calls against that definition. It fails when one
+call fails.
 
-The upper interface (morun_...) follows when the lower one has closed the DSP: it opens it by itself, reserves 1.3 GiB of
-shared memory, and chooses sessions by itself. "+8" behind the columns: the rows of the result are 8 elements apart, and
-those have to stay as they are. Its integer products end the process when the DSP refuses them. They come last: a report
-without its last line, and an exit status of 1, tell of such a refusal, and standard error says which it was.
+The upper interface (morun_...) follows after the lower interface has closed the DSP. The upper interface opens the DSP,
+reserves 1.3 GiB of shared memory and chooses sessions by itself. "+8" behind the columns means that 8 elements lie
+between the rows of the result; the call must not change them. When the DSP refuses an integer product of the upper
+interface, the library ends the process, so these products come last. The report then lacks its last line, the exit
+status is 1, and standard error names the refused product.
 
 )" + kernel_list([](const tool::Kernel&) { return true; }));
   command->callback([arguments] { tool::verify(*arguments); });
@@ -255,8 +257,8 @@ void add_bench(CLI::App& app) {
       ->type_name("FILE");
   command->footer(
       R"(
-Times are the best of half a second. A call is the kernel as called; "convert" its conversions alone, on the same data;
-"remote" its remote method alone, called directly. What they leave of a call is checks.
+A time is the best of all calls within half a second. The table times the whole call of a kernel, its conversions alone
+on the same data ("convert"), and its remote method alone ("remote"). The rest of a call's time is checks.
 
 )" + kernel_list([](const tool::Kernel& kernel) { return kernel.is_timed(); }));
   command->callback([arguments, shape] {
@@ -299,7 +301,7 @@ std::string unknown(const char* kind, const std::string& word, const std::vector
   return fmt::format("there is no {} {}; {}", kind, word, hint);
 }
 
-// A word that is none of ours explains more than what is missing for want of it.
+// An unknown word explains the failure better than a missing argument that follows from the unknown word.
 std::string explanation(CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> chosen = app.get_subcommands();
   const std::vector<std::string> rest = app.remaining(true);
@@ -320,7 +322,7 @@ void require_standard_output() {
   throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(EBADF)));
 }
 
-// What was printed may still wait to be written.
+// Printed text may still wait in a buffer, so a failure to write it shows only here.
 void finish_standard_output() {
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
   throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(errno)));

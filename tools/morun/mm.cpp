@@ -40,7 +40,7 @@ Timing time_repeated(uint32_t n_repeat, const Work& work) {
   return timing;
 }
 
-// What the kernels of several products take: U and F alike, K and V alike.
+// The kernels of several products require equal numbers of columns: of U and F, and of K and V.
 void require_equal_columns(const std::vector<WeightFile>& w) {
   if (w.size() < 2 || w.back().n_col() == w[w.size() - 2].n_col()) return;
   const WeightFile& other = w[w.size() - 2];
@@ -76,7 +76,7 @@ WeightKind kind_of_form(int32_t form) {
                                       : WeightKind::f16;
 }
 
-// What the NPU takes the weights as: packed ones as they are, others as the command line says.
+// The form in which the NPU gets the weights: that of packed weights, and otherwise the one of the command line.
 WeightKind kind_of(const std::vector<WeightFile>& w, const std::optional<WeightKind>& wanted) {
   std::optional<WeightKind> kind = wanted;
   for (const WeightFile& file : w) {
@@ -89,7 +89,7 @@ WeightKind kind_of(const std::vector<WeightFile>& w, const std::optional<WeightK
   return kind.value_or(WeightKind::f16);
 }
 
-// Rows of padded length.
+// Reads the activation into rows of padded length.
 Matrix read_activation(const NpyFile& file, const ProductPlan& plan, Progress& progress) {
   Matrix x(file.n_row(), file.n_col(), plan.n_inner);
   OperandCheck check(file, plan.kernel->weights == WeightKind::f16);
@@ -106,7 +106,7 @@ Matrix read_activation(const NpyFile& file, const ProductPlan& plan, Progress& p
   return x;
 }
 
-// Looks on while weights are read.
+// Checks weights and shows progress while the weights are read.
 class WeightReading {
  public:
   WeightReading(const std::vector<WeightFile>& files, const ProductPlan& plan, Progress& progress)
@@ -146,7 +146,7 @@ void print_timing(const ProductShape& shape, const ProductPlan& plan, const Timi
   fmt::print("speed  {:.2f} {}/s\n", n_flop / timing.best * 1e-9, plan.kernel->is_quantised() ? "GOP" : "GFLOP");
 }
 
-// `label` is empty, or the name of one result of several.
+// `label` is empty, or names one of several results.
 void print_deviation(const std::string& label, const Deviation& deviation) {
   fmt::print("check  {}largest deviation {:.3g} absolute, {:.3g} relative to the largest value {:.4g}\n", label,
              deviation.largest_error, deviation.relative(), deviation.largest_exact);
@@ -156,7 +156,7 @@ void print_deviation(const std::string& label, const Deviation& deviation) {
 
 }  // namespace
 
-// Results are written without their padding.
+// The files of results hold no padding.
 void mm(const MmArguments& arguments) {
   const NpyFile x_file(arguments.x);
   const std::vector<WeightFile> w_files(arguments.w.begin(), arguments.w.end());
@@ -178,7 +178,7 @@ void mm(const MmArguments& arguments) {
   for (size_t i = 0; i < plan.n_col.size(); ++i) y.emplace_back(shape.n_row, shape.n_col[i], plan.n_col[i]);
 
   lock_matrix_unit(context.get());
-  size_t n_row_before = 0;  // in earlier repetitions
+  size_t n_row_before = 0;  // before this repetition
   const size_t n_row = plan.n_row * arguments.n_repeat;
   progress.show(0, n_row, "rows multiplied");
   const Timing timing = time_repeated(arguments.n_repeat, [&] {

@@ -8,7 +8,7 @@
 namespace tool {
 namespace {
 
-// Halfway between the largest half and what would be the next.
+// Halfway between the largest half and the value that the next half would have.
 constexpr float f16_limit = 65520;
 
 }  // namespace

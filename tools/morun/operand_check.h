@@ -1,4 +1,4 @@
-// Warnings about operands that a product does not take as they are.
+// Warnings about operand values that a product changes.
 #pragma once
 
 #include <cstddef>
@@ -8,21 +8,21 @@
 
 namespace tool {
 
-// Looks at the values of one file.
+// Examines the values of one file.
 class OperandCheck {
  public:
-  // `becomes_f16` says whether the product rounds the values to halves.
+  // `becomes_f16` tells whether the product rounds the values to halves.
   OperandCheck(const NpyFile& file, bool becomes_f16);
 
-  // Zeros may be among the values that are not the file's.
+  // The values may include padding zeros that are not in the file.
   void add(const float* values, size_t n_value);
 
-  // One line for standard error about each thing that is odd; empty where nothing is.
+  // Returns one line for standard error about each finding; empty when there is none.
   std::string warnings() const;
 
  private:
   const NpyFile& file_;
-  float limit_;  // values of this magnitude are infinite in the product
+  float limit_;  // values of this magnitude become infinite in the product
   size_t n_not_a_number_ = 0;
   size_t n_infinite_ = 0;
 };

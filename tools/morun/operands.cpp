@@ -39,8 +39,8 @@ Range range_of(WeightKind kind) {
   return kind == WeightKind::a8w8 ? Range{-128, 127} : Range{-8, 7};
 }
 
-// Large factors meet small ones: no product is beyond 64, so that sums stay finite in half precision. Some of the
-// activation's values are halfway between two halves or too small for any.
+// Large factors meet small ones: no product exceeds 64, so sums stay finite in half precision. Some values of the
+// activation lie halfway between two halves, and some are too small for any half.
 constexpr double large_halves[] = {65504, -65504, 32768, -1, 65519.996};
 constexpr double small_halves[] = {0x1p-24, -0x1p-24, 1023 * 0x1p-24, -0x1p-14, 0x1p-10, -0x1p-10};
 constexpr double small_reals[] = {0x1p-24, 0x1p-25, 3 * 0x1p-25, 1e-40, -1023 * 0x1p-24, 0x1p-10, -0x1p-10};
@@ -57,7 +57,7 @@ double half_activation(Generator& generator, Values values, size_t inner) {
   return inner % 2 == 0 ? generator.one_of(large_halves) : generator.one_of(small_reals);
 }
 
-// Rows that are quantised with the smallest and with very large scales, and values halfway between two steps.
+// Some rows are quantised with the smallest scale or with very large scales. Some values lie halfway between two steps.
 double quantised_activation(Generator& generator, Values values, size_t row) {
   constexpr double row_largest[] = {1, 0x1p-121, 0x1p90};
   constexpr double parts[] = {1, -1, 0, 0.5, 0.5 / 127, -1.5 / 127};

@@ -1,5 +1,5 @@
-// Operands to verify or to time a kernel with: made of random or extreme values, and written into their layouts element
-// by element, by the layouts' definitions alone.
+// Operands with which a kernel is verified or timed. Their values are random or extreme. They are written into their
+// layouts element by element, by the definitions of the layouts.
 #pragma once
 
 #include <cstddef>
@@ -16,10 +16,10 @@ namespace tool {
 enum class Values { random, whole, extreme };
 
 struct WeightOperand {
-  Matrix values;  // as they are stored: reals that binary16 holds, or integers
-  // Of the columns of quantised weights.
+  Matrix values;  // as stored: reals that binary16 can represent, or integers
+  // Zero points and scales of quantised weights, one for each column.
   std::vector<int> zero_points;
-  std::vector<double> scales;  // that binary16 holds
+  std::vector<double> scales;  // that binary16 can represent
   std::vector<int64_t> sums;
 };
 
@@ -28,10 +28,10 @@ struct OperandSet {
   std::vector<WeightOperand> weights;
 };
 
-// The same for the same seed.
+// Equal seeds give equal operands.
 OperandSet make_operands(const Kernel& kernel, const ProductShape& shape, Values values, uint64_t seed);
 
-// Writes weight (k, c) to its place in the wh form of `kind`. Memory for 4-bit weights is zero before.
+// Writes weight (k, c) to its place in the wh form of `kind`. Memory for 4-bit weights must be zero before.
 void write_weight(WeightKind kind, uint8_t* base, size_t k, size_t c, size_t n_col, float value);
 
 // A shared buffer that is filled from its start.
@@ -41,7 +41,7 @@ class Region {
 
   uint32_t fd() const { return buffer_.fd(); }
   void clear() { used_ = 0; }
-  // The offset of `n_byte` more bytes, a multiple of 2048.
+  // Takes `n_byte` more bytes and returns their offset, a multiple of 2048.
   uint32_t take(uint64_t n_byte);
 
   template <typename Element>
@@ -55,13 +55,13 @@ class Region {
   uint64_t used_ = 0;
 };
 
-// Bytes of a region for all operands of any kernel of this shape.
+// Returns the bytes that a region needs for all operands of any kernel of this shape.
 uint64_t region_bytes(const ProductShape& shape);
 
-// Limits under which every kernel takes this shape.
+// Returns limits under which every kernel takes this shape.
 tavik_options options_for(const ProductShape& shape);
 
-// A call that is ready to be run, and the memory that it works on.
+// A call that is ready to run, and the memory that it uses.
 class PreparedCall {
  public:
   // Weight matrix i goes into regions[i].
@@ -71,12 +71,12 @@ class PreparedCall {
   PreparedCall& operator=(const PreparedCall&) = delete;
 
   const Call& call() const { return call_; }
-  // Element (r, c) of result i.
+  // Returns element (r, c) of result i.
   double result(size_t i, size_t r, size_t c) const;
 
-  // What results in ordinary memory hold before the call.
+  // The value of all results in ordinary memory before the call.
   static constexpr float untouched = -0x1.234p100f;
-  // What element (r, c) of cross-session result buffer i holds as a sum before the call.
+  // Returns the sum that element (r, c) of cross-session result buffer i holds before the call.
   static int32_t earlier_sum(size_t i, size_t r, size_t c);
 
  private:
@@ -90,7 +90,7 @@ class PreparedCall {
   std::vector<uint16_t> x_halves_;
   std::vector<uint16_t> host_weights_;
   std::vector<std::vector<float>> results_;
-  uint16_t* own_result_ = nullptr;  // own_buffers
+  uint16_t* own_result_ = nullptr;  // for own_buffers
 };
 
 }  // namespace tool

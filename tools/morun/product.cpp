@@ -16,18 +16,18 @@ size_t whole_tiles(size_t extent) {
 
 // ---- Limits of the context -----------------------------------------------------------------------------------------
 
-// What a kernel's results take of a result buffer, which has 4 bytes for an element of its limit.
+// The room that a kernel's results take in a result buffer, which has 4 bytes for each element of its limit.
 struct ResultTiles {
   size_t n_row;
-  size_t n_limit_per_column;  // elements of the limit that one tile's height of a column takes
+  size_t n_limit_per_column;  // elements of the limit for one column of a tile
 };
 
 ResultTiles result_tiles(WeightKind kind) {
   return kind == WeightKind::f16 ? ResultTiles{32, 16} : ResultTiles{64, 64};  // halves; sums of 32 bits
 }
 
-// The lowest limits that leave room for one row of tiles. The activation buffer has 2 bytes for an element of its
-// limit, as a half takes and as two rows of bytes take.
+// Returns the lowest limits that leave room for one row of tiles. Each element of the activation's limit is 2 bytes of
+// the activation buffer: a half of one row, or a byte of two rows.
 tavik_options options_for(WeightKind kind, size_t n_inner, size_t n_col) {
   tavik_options options = default_options();
   options.input_matrix_size_max = std::max(options.input_matrix_size_max, tile * n_inner);
@@ -36,7 +36,7 @@ tavik_options options_for(WeightKind kind, size_t n_inner, size_t n_col) {
   return options;
 }
 
-// Whole tiles, so that the padding of a band stays within the limits too.
+// Returns a number of rows in whole tiles, so that the padding of a band stays within the limits too.
 size_t band_height(WeightKind kind, const tavik_options& options, size_t n_inner, size_t n_col) {
   const size_t highest =
       std::min({options.n_row_max, options.input_matrix_size_max / n_inner, options.output_matrix_size_max / n_col});
@@ -52,7 +52,7 @@ size_t bits_of(WeightKind kind) {
   return kind == WeightKind::f16 ? 16 : kind == WeightKind::a8w8 ? 8 : 4;
 }
 
-// Places arrays one after the other.
+// Assigns offsets to arrays, one behind the other.
 class Layout {
  public:
   uint64_t add(uint64_t size) {
@@ -76,7 +76,7 @@ WeightArrays place(Layout& layout, WeightKind kind, size_t n_inner, size_t n_col
   return arrays;
 }
 
-// A weight matrix in its file, where it goes, and its padded extents there.
+// A weight matrix in its file, its place in the shared buffer, and its padded extents there.
 struct Transfer {
   const NpyFile& file;
   const std::function<void(const std::vector<float>&)>& observe;
@@ -91,15 +91,15 @@ struct Transfer {
   }
 };
 
-// Columns of a weight matrix that are converted together, and their number with the padding.
+// A group of columns of a weight matrix that are converted together, and their number with the padding.
 struct Columns {
   size_t first, n, n_padded;
 };
 
-// What a conversion takes of ordinary memory at a time, in values.
+// The number of values that a conversion holds in ordinary memory at a time.
 constexpr size_t n_value_at_a_time = 1 << 20;
 
-// Rows of n_padded halves. Columns are padded with zeros.
+// Writes rows of n_padded halves. Padding columns are zero.
 void narrow_rows(const Transfer& w, const Columns& columns, uint16_t* halves) {
   const size_t n_row = w.file.n_row();
   const size_t n_row_at_a_time = std::clamp(n_value_at_a_time / columns.n_padded, size_t{1}, n_row);
@@ -120,9 +120,9 @@ void write_f16(const Transfer& w) {
   tavik_f16_rm_to_f16_wh_inplace(w.n_inner, w.n_col, halves);
 }
 
-// One column a row. Columns are padded with copies of their first value: those change neither a column's range, and so
-// its scale and zero point, nor the result, because the activation's padding stands for 0 and the sums and n_inner that
-// the result is brought back with count the copies too.
+// Returns each column as a row. A column is padded with copies of its first value. The copies leave the column's range,
+// scale and zero point as they are. They also leave the result as it is: the activation's padding stands for 0, and the
+// sums and n_inner with which the result is brought back count the copies too.
 std::vector<uint16_t> columns_as_rows(const Transfer& w, const Columns& columns) {
   const size_t n_col = columns.n_padded;
   std::vector<uint16_t> halves(w.n_inner * n_col);
@@ -132,7 +132,7 @@ std::vector<uint16_t> columns_as_rows(const Transfer& w, const Columns& columns)
   return halves;
 }
 
-// The columns' tiles, and their zero points, scales and sums in place.
+// Returns the tiles of the columns, and stores the columns' zero points, scales and sums in their places.
 std::vector<uint8_t> quantised_tiles_a8w8(const Transfer& w, const Columns& columns) {
   const std::vector<uint16_t> halves = columns_as_rows(w, columns);
   std::vector<uint8_t> bytes(halves.size());
@@ -160,10 +160,10 @@ std::vector<uint8_t> quantised_tiles_a8w4(const Transfer& w, const Columns& colu
   return bytes;
 }
 
-// Tiles of some columns stand together within each row of tiles of the whole matrix.
+// In each row of tiles of the whole matrix, the tiles of a group of columns stand together.
 void write_tiles(const Transfer& w, const Columns& columns, const std::vector<uint8_t>& tiles) {
   const size_t n_band = w.n_inner / tile;
-  const size_t n_byte = tiles.size() / n_band;  // of a row of tiles
+  const size_t n_byte = tiles.size() / n_band;  // bytes of one row of tiles
   const size_t tile_size = n_byte / (columns.n_padded / tile);
   auto* const to = w.at<uint8_t>(w.arrays.values);
   for (size_t band = 0; band < n_band; ++band) {

@@ -1,4 +1,5 @@
-// One line on the terminal that is written over, and gone at the end; nothing where standard error is no terminal.
+// One line on the terminal, which is overwritten and finally removed. Prints nothing when standard error is no
+// terminal.
 #pragma once
 
 #include <fmt/format.h>
@@ -16,7 +17,7 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // The line changes at most ten times a second.
+  // Updates the line at most ten times a second.
   void show(size_t n_done, size_t n, std::string_view things) {
     if (is_due()) fmt::print(stderr, "\r\x1b[K{} of {} {}", n_done, n, things);
   }

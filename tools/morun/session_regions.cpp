@@ -22,7 +22,7 @@ SessionRegions::SessionRegions(tavik_context* context, uint64_t size, size_t n_w
   }
 }
 
-// Where a large buffer cannot be had, one of half the size may.
+// When a large buffer cannot be allocated, one of half the size may succeed.
 void SessionRegions::add_session(tavik_context* context, uint64_t size, uint64_t& large_size) {
   while (true) {
     try {

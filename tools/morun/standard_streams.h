@@ -1,4 +1,4 @@
-// Standard output and standard error, taken care of.
+// Standard output and standard error: keeping them open, and redirecting one to the other.
 #pragma once
 
 #include <fcntl.h>
@@ -10,8 +10,8 @@
 
 namespace tool {
 
-// What the program prints to standard output goes to standard error meanwhile: where a library explains its failures there,
-// or where standard output is to have a file's bytes alone.
+// While the object lives, everything that the program prints to standard output goes to standard error. The tool uses the
+// object when a library prints failures to standard output, and when standard output is reserved for the bytes of a file.
 class StandardOutputAside {
  public:
   StandardOutputAside() : saved_(move(STDOUT_FILENO)) { dup2(STDERR_FILENO, STDOUT_FILENO); }
@@ -31,8 +31,8 @@ class StandardOutputAside {
   Descriptor saved_;
 };
 
-// Standard streams that the program was started without get a descriptor that refuses reading and writing, so that no file
-// opened later takes their place.
+// A program may be started without some standard streams. This function opens descriptors in their places that refuse
+// reading and writing, so that no file opened later takes these places.
 inline void occupy_standard_streams() {
   while (true) {
     const int descriptor = open("/", O_PATH);

@@ -7,7 +7,7 @@
 namespace tool {
 namespace {
 
-// Characters to insert, delete or replace.
+// Returns the smallest number of characters to insert, delete or replace.
 size_t distance(std::string_view from, std::string_view to) {
   std::vector<size_t> row(to.size() + 1);
   std::iota(row.begin(), row.end(), size_t{0});

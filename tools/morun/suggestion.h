@@ -1,4 +1,4 @@
-// The word that somebody may have meant.
+// Suggestions for a mistyped word.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace tool {
 
-// The candidate that takes the fewest single-character changes from `word`; empty where even that one differs in more than
-// half of the characters.
+// Returns the candidate that takes the fewest single-character changes from `word`. Returns an empty string when even
+// that candidate differs in more than half of its characters.
 std::string nearest(std::string_view word, const std::vector<std::string>& candidates);
 
 }  // namespace tool

@@ -14,9 +14,9 @@
 namespace tool {
 namespace {
 
-constexpr size_t bits_of[] = {4, 8, 8, 32, 16, 32};  // of the elements of each type
-constexpr int untouched = 0x7e;                      // bytes; as a half or a float not a number or a very large one
-constexpr uint64_t elements_around = 1024;           // in front of the first one of a tensor, behind the last result
+constexpr size_t bits_of[] = {4, 8, 8, 32, 16, 32};  // of an element of each type
+constexpr int untouched = 0x7e;             // byte value; halves and floats of such bytes are NaN or very large
+constexpr uint64_t elements_around = 1024;  // before the first element of a tensor, and behind the result's last
 
 morun_tensor_dtype_e weight_type(WeightKind kind) {
   return kind == WeightKind::f16 ? MORUN_DTYPE_F16 : kind == WeightKind::a8w8 ? MORUN_DTYPE_I8 : MORUN_DTYPE_I4;
@@ -31,7 +31,7 @@ void start_behind(uint64_t n_element, morun_tensor& tensor) {
   tensor.num_elements += n_element;
 }
 
-// The room that a strided record has to have counts its offset twice.
+// For a strided record, validation counts the offset twice, so num_elements does too.
 void widen_rows(uint64_t gap, morun_tensor& tensor) {
   tensor.is_contiguous = 0;
   tensor.strides[0] += gap;
@@ -43,15 +43,15 @@ Element* elements(const morun_tensor& tensor) {
   return static_cast<Element*>(tensor.data) + tensor.data_offset;
 }
 
-// Row-major weights are taken as n_col rows of n_inner: where each of them stands for the weight (k, c) that it is then
-// used as. The host takes those rows for columns.
+// Row-major weights are read as n_col rows of n_inner. places[i] is the place of the weight that is used as weight i of
+// the n_inner x n_col matrix. The host takes each row as a column.
 std::vector<size_t> places_for_host(size_t n_inner, size_t n_col) {
   std::vector<size_t> places(n_inner * n_col);
   for (size_t i = 0; i < places.size(); ++i) places[i] = i % n_col * n_inner + i / n_col;
   return places;
 }
 
-// For the NPU they are brought into tiles, which it takes for those of n_inner rows.
+// The NPU's path lays out the rows in tiles, and its product reads these tiles as tiles of n_inner rows.
 std::vector<size_t> places_for_npu(size_t n_inner, size_t n_col) {
   std::vector<size_t> places(n_inner * n_col), source_of(n_inner * n_col);
   for (size_t i = 0; i < places.size(); ++i) source_of[place_f16_wh(i / n_inner, i % n_inner, n_inner)] = i;
@@ -61,7 +61,7 @@ std::vector<size_t> places_for_npu(size_t n_inner, size_t n_col) {
 
 }  // namespace
 
-// An earlier context's dead address stays where it was.
+// When initialising fails before a context is open, `context` keeps the address that it had before.
 UpperInterface::UpperInterface() {
   const tavik_context* const before = context;
   const int32_t status = morun_npu_initialize(MORUN_DOMAIN_NPU0);
@@ -97,7 +97,7 @@ UpperCall::UpperCall(const Kernel& kernel, const OperandSet& operands, size_t ro
   if (form.takes_tensors) {
     start_behind(elements_around, result);
     start_behind(elements_around, left);
-    // Those of integer weights are taken from the start of their buffer, whatever their offset.
+    // Integer weights are read from the start of their buffer, whatever the data offset.
     if (kernel.weights == WeightKind::f16) start_behind(elements_around, right);
   }
   if (row_gap > 0) widen_rows(row_gap, result);

@@ -1,4 +1,4 @@
-// The upper interface: its process-wide context, and calls that are ready to be run.
+// The upper interface: its process-wide context, and calls that are ready to run.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,8 @@
 
 namespace tool {
 
-// Opens the upper interface, and closes it. A platform may refuse it while another context is open.
+// The constructor opens the upper interface, the destructor closes it. While another context is open, a platform may
+// refuse to open this one.
 class UpperInterface {
  public:
   UpperInterface();
@@ -19,22 +20,22 @@ class UpperInterface {
   UpperInterface& operator=(const UpperInterface&) = delete;
 };
 
-// What the version query answers.
+// The answers of the version query.
 struct UpperVersions {
   int32_t status = 0;
-  std::string library, dsp_module;  // empty where it is not known
+  std::string library, dsp_module;  // empty when unknown
 };
 UpperVersions upper_versions();
 
-// A call of the upper interface, and the memory that it works on.
+// A call of the upper interface, and the memory that it uses.
 class UpperCall {
  public:
-  // Each row of the result is followed by `row_gap` elements that are not its own.
+  // In the result, `row_gap` elements behind each row do not belong to the result.
   UpperCall(const Kernel& kernel, const OperandSet& operands, size_t row_gap);
 
   const Call& call() const { return call_; }
   double result(size_t i, size_t r, size_t c) const;
-  // Of the memory around and between the result's elements.
+  // Tells whether the memory around and between the result's elements is unchanged.
   bool leaves_the_rest() const;
 
  private:

@@ -1,4 +1,4 @@
-// parlo_emulator_*: limits, usage, trace, faults.
+// The functions parlo_emulator_*: limits, usage, trace and faults.
 #include "platform/emulator/client/platform.h"
 
 using namespace parlo::client;

@@ -18,7 +18,7 @@ struct Domain {
   bool up;
 };
 
-// In order of their ids.
+// Sorted by id.
 std::span<const Domain> domains();
 const Domain* find_domain(std::string_view name);
 

@@ -7,7 +7,8 @@
 namespace parlo::client {
 namespace {
 
-constexpr int32_t first_method_with_reply = 9;  // from here on products, the self-test, the version
+// Products, the self-test and the version query have this number or a higher one.
+constexpr int32_t first_method_with_reply = 9;
 
 bool has_reply(const parlo_emulator_call& call) {
   return call.operation == PARLO_EMULATOR_HANDLE_INVOKE && call.method >= first_method_with_reply;

@@ -1,4 +1,4 @@
-// The one fault that can be armed.
+// The fault that a test has armed. At most one fault is armed at a time.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +15,10 @@ class Fault {
   void arm(const parlo_emulator_fault& fault);
   void clear();
 
-  // Counts the call that is about to be made; what is to become of it.
+  // Counts the call that is about to be made and returns the fault's effect on it.
   Effect strike(const parlo_emulator_call& call);
 
-  // Of the fault as it is armed.
+  // The status and errno of the armed fault.
   Outcome outcome() const { return {fault_.status, fault_.error_number}; }
   uint32_t n_fired() const { return n_fired_; }
 
@@ -27,7 +27,7 @@ class Fault {
 
   bool armed_ = false;
   parlo_emulator_fault fault_{};
-  uint32_t n_until_ = 0;  // calls until it fires, this one included
+  uint32_t n_until_ = 0;  // calls until the fault fires, including the call that fires it
   uint32_t n_fired_ = 0;
 };
 

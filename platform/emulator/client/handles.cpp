@@ -23,7 +23,7 @@ dsp::Module configured_module(const parlo_emulator_config& config) {
   return module;
 }
 
-// The call with as many words of its primitive input buffer as there is room for.
+// Describes the invocation for the trace, with as many words of the primitive input buffer as the record has room for.
 parlo_emulator_call describe_invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
   parlo_emulator_call call = make_call(PARLO_EMULATOR_HANDLE_INVOKE, {handle, scalars});
   call.method = static_cast<int32_t>(PARLO_SCALARS_METHOD(scalars));
@@ -41,7 +41,8 @@ parlo_emulator_call describe_invoke(uint64_t handle, uint32_t scalars, const par
 
 constexpr uint32_t self_test = 13;
 
-// Of methods that reply by shared memory, the first word of the input says how much: rows, or bytes of the self-test.
+// Runs a method that replies in shared memory for the first half of its work. The first word of the input is the number
+// of rows, or for the self-test the number of bytes.
 int32_t invoke_in_part(uint64_t handle, uint32_t scalars, const parlo_argument& input) {
   std::vector<uint32_t> words(input.length / sizeof(uint32_t));
   std::memcpy(words.data(), input.data, words.size() * sizeof(uint32_t));
@@ -51,7 +52,7 @@ int32_t invoke_in_part(uint64_t handle, uint32_t scalars, const parlo_argument& 
   return parlo::dsp::invoke(handle, scalars, &part);
 }
 
-// The back half of a buffer as it is now, to be put back.
+// The second half of a buffer with its current contents, which put_back() restores.
 class BackHalf {
  public:
   explicit BackHalf(const parlo_argument& buffer)
@@ -99,7 +100,7 @@ int parlo_handle_invoke(uint64_t handle, uint32_t scalars, parlo_argument* argum
     if (const int32_t status = p.sessions.with_handle(handle, session); status != KESO_SUCCESS)
       return outcome_of(status);
     const bool truncated = p.truncates_reply;
-    lock.unlock();  // others go on while the DSP computes
+    lock.unlock();  // other calls continue while the DSP computes
     const int32_t status =
         truncated ? invoke_truncated(handle, scalars, arguments) : parlo::dsp::invoke(handle, scalars, arguments);
     lock.lock();

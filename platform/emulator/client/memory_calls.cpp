@@ -25,7 +25,7 @@ void report(const void* address, const char* misuse) {
   std::fprintf(stderr, "[parlo] parlo_mem_free(address=%p): %s\n", address, misuse);
 }
 
-// The shared memory that has this descriptor and starts at this address, or nullptr.
+// Returns the shared memory with this descriptor and this start address, or nullptr.
 const Allocation* find(const SharedMemory& memory, int descriptor, const void* address) {
   const Allocation* allocation = memory.at(address);
   return allocation && allocation->descriptor == descriptor ? allocation : nullptr;

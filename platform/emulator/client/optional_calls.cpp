@@ -1,4 +1,4 @@
-// The calls that a platform may lack: parlo_handle_control, parlo_system_request, platform_debug_log*.
+// The entries that a platform may lack: parlo_handle_control, parlo_system_request, platform_debug_log*.
 #define PARLO_IMPLEMENTATION
 
 #include <algorithm>
@@ -70,7 +70,7 @@ int32_t list_domains(parlo_system_domains& record) {
 
 // ---- Debug log ---------------------------------------------------------------------------------------------------
 
-constexpr int error_level = 3;  // from here on, lines are traced without being asked for
+constexpr int error_level = 3;  // this level and higher ones are traced without a filter
 
 bool selects(const LogFilter& filter, int level, const char* file) {
   if (level < 0 || level > 31 || !(filter.level_mask >> level & 1)) return false;

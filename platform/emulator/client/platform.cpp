@@ -8,7 +8,7 @@
 namespace parlo::client {
 namespace {
 
-// ---- Forks: the child finds everything unlocked, and neither sessions nor buffers of its parent's -----------------
+// ---- Forks: the child finds all locks free, and its parent's sessions and buffers set aside ------------------------
 
 void before_fork() {
   platform().mutex.lock();

@@ -1,4 +1,4 @@
-// The client half's state, and the way that every platform call takes through it.
+// The state of the client half, and the function that carries out every platform call.
 #pragma once
 
 #include <cerrno>
@@ -18,30 +18,31 @@ namespace parlo::client {
 
 parlo_emulator_config default_config();
 
-// Lines of the debug log that are printed: levels by bit, files by name or, without any, all of them.
+// The lines of the debug log that are printed: one bit for each level, and the names of files. Without names, all files
+// are printed.
 struct LogFilter {
   uint32_t level_mask = 0;
   std::vector<std::string> files;
 };
 
 struct Platform {
-  std::mutex mutex;  // guards all of the rest
+  std::mutex mutex;  // guards all other members
   Platform() noexcept = default;
   parlo_emulator_config config = default_config();
   SharedMemory memory;
   Sessions sessions;
   Trace trace;
   Fault fault;
-  bool truncates_reply = false;  // of the call that is being carried out
+  bool truncates_reply = false;  // for the call that is being carried out
   LogFilter log_filter;
 };
 
-// Never destroyed: a program may end with buffers and sessions alive.
+// The object is never destroyed, because a program may end with buffers and sessions alive.
 Platform& platform();
 
 using PlatformLock = std::unique_lock<std::mutex>;
 
-// The outcome of body(), which may unlock and lock `lock`, or of running out of memory in it.
+// Returns the outcome of body(), or the failure for memory that runs out in body(). body() may unlock and lock `lock`.
 template <class Body>
 Outcome attempt(const parlo_emulator_call& call, PlatformLock& lock, Body body) {
   try {
@@ -52,7 +53,8 @@ Outcome attempt(const parlo_emulator_call& call, PlatformLock& lock, Body body) 
   }
 }
 
-// The outcome of a call that the armed fault strikes; the body's where it does not, and of one whose reply is truncated.
+// Returns the outcome of body(), unless the armed fault strikes the call. A fault that truncates the reply lets body()
+// run and replaces a success by the fault's outcome. Every other fault prevents body() from running.
 template <class Body>
 Outcome outcome_under_fault(Platform& p, PlatformLock& lock, const parlo_emulator_call& call, Body body) {
   const Fault::Effect effect = p.fault.strike(call);
@@ -66,8 +68,8 @@ Outcome outcome_under_fault(Platform& p, PlatformLock& lock, const parlo_emulato
   return effect == Fault::Effect::truncated_reply && outcome.result == 0 ? p.fault.outcome() : outcome;
 }
 
-// Carries out the platform call that `call` describes: body(platform, lock) returns its Outcome and may add to `call`.
-// Records the call, sets errno where it failed, and returns its result. Throws nothing.
+// Carries out the platform call that `call` describes. body(platform, lock) returns the Outcome and may add to `call`.
+// carry_out records the call, sets errno when it failed, and returns its result. It throws nothing.
 template <class Body>
 int32_t carry_out(parlo_emulator_call& call, Body body) {
   Platform& p = platform();

@@ -14,7 +14,7 @@ std::string_view text_of(const char* text, uint32_t length) {
   return text ? std::string_view(text, strnlen(text, length)) : std::string_view();
 }
 
-// What a request names, and then its answer, in its call's record.
+// Writes the session that a request names, and later the answer to the request, into the record of the call.
 void describe(parlo_emulator_call& call, uint64_t id, uint64_t answer, std::string_view text) {
   call.n_arguments = 3;
   call.arguments[1] = id;
@@ -86,7 +86,7 @@ int32_t use_record(void* record, uint32_t size, Body body) {
   return body(*static_cast<Record*>(record));
 }
 
-// body(record of that request); refused where it is not one.
+// Calls body with the request's record. Refuses a record that is not of the request's size.
 template <class Body>
 int32_t use(uint32_t request, void* record, uint32_t size, Body body) {
   switch (request) {

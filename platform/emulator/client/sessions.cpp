@@ -8,10 +8,10 @@
 namespace parlo::client {
 namespace {
 
-// Handles look like addresses and are never given twice, so that a stale one is found out.
+// Handles look like addresses. No handle is given twice, so a stale handle is always recognised.
 constexpr uint64_t handle_step = 0x140;
 
-// Away from the ids of whole domains.
+// The ids of reserved sessions lie apart from the ids of whole domains.
 int32_t domain_of_reserved(uint32_t id) {
   return static_cast<int32_t>(8 + id);
 }
@@ -164,7 +164,8 @@ Session* Sessions::named_by(const parlo_emulator_call& call) {
   }
 }
 
-// The session as it is, which for the first one is a successor's predecessor from now on.
+// Moves a first session into the list of other sessions, where it stands beside its successor. Every other session
+// stays where it is.
 Session& Sessions::set_aside(Session& session) {
   if (&session != &first_) return session;
   Session& former = others_.emplace_back();

@@ -1,4 +1,4 @@
-// Sessions on the compute DSP and their handles.
+// Sessions on the compute DSP, and the handles of these sessions.
 #pragma once
 
 #include <cstdint>
@@ -15,30 +15,31 @@ namespace parlo::client {
 
 struct Session {
   uint32_t id = 0;
-  int32_t domain = compute_domain;  // effective domain id
+  int32_t domain = compute_domain;  // the effective domain id
   bool unsigned_modules = false;
-  std::vector<uint64_t> handles = {};  // open ones
+  std::vector<uint64_t> handles = {};  // open handles
   bool is_lost = false;
   bool is_inherited = false;
 
   bool is_open() const { return !handles.empty(); }
-  // The status of every call on it.
+  // The status with which the session refuses every call, or success.
   int32_t refusal() const {
     if (is_inherited) return PARLO_EMULATOR_INHERITED;
     return is_lost ? PARLO_EMULATOR_SESSION_LOST : KESO_SUCCESS;
   }
 };
 
-// Session 0 is always there, on the compute domain itself, and may be opened any number of times. The others are reserved
-// one by one, get domain ids of their own, are opened once, and are gone again when their handle is closed. Lost sessions
-// stay until their last handle is closed; a lost session 0 stands beside its successor. Operations that can be refused
-// return a status.
+// Session 0 exists always, on the compute domain itself, and may be opened any number of times. The other sessions are
+// reserved one by one. Each of them gets a domain id of its own, is opened once, and ends when its handle is closed. A
+// lost session stays until its last handle is closed; a lost session 0 stands beside its successor. Operations that can
+// be refused return a status.
 class Sessions {
  public:
-  // nullptr where `n_session` are taken, the first always counted.
+  // Returns nullptr when `n_session` sessions exist already. Session 0 counts always.
   const Session* reserve(uint32_t n_session);
 
-  // Store the session that is named so; refused where there is none, or where it refuses its calls.
+  // Store the session with that id, domain or handle. Refused when there is no such session or when it refuses its
+  // calls.
   int32_t with_id(uint32_t id, Session*& session);
   int32_t with_domain(int32_t domain, Session*& session);
   int32_t with_handle(uint64_t handle, Session*& session);
@@ -47,17 +48,18 @@ class Sessions {
   int32_t close(uint64_t handle);
   void end_all();
 
-  // `allocation` is nullptr where no shared memory has this descriptor and address.
+  // `allocation` is nullptr when no shared memory has this descriptor and address.
   int32_t map(int32_t domain, const Allocation* allocation, uint64_t length);
   int32_t unmap(int32_t domain, const Allocation* allocation, int descriptor, const void* address, uint64_t length);
 
-  // The session that `call` names is lost.
+  // Marks the session that `call` names as lost.
   void lose(const parlo_emulator_call& call);
   static bool names_session(const parlo_emulator_call& call);
 
-  // In a forked child: all of them are the parent's.
+  // Runs in a forked child: all sessions now belong to the parent.
   void inherit();
-  // And are the child's again; a first session that the child has opened itself meanwhile stays.
+  // Runs in a forked child: all sessions belong to the child again. A first session that the child has opened meanwhile
+  // remains the first session.
   void take_over();
 
   uint64_t n_sessions() const;  // reserved or open
@@ -75,7 +77,7 @@ class Sessions {
   void end(Session& session);
 
   Session first_;
-  std::list<Session> others_;  // reserved ones, and former first ones
+  std::list<Session> others_;  // reserved sessions, and former first sessions
   uint64_t last_handle_ = 0x7a5c'0000'0000;
 };
 

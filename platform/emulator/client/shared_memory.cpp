@@ -24,7 +24,8 @@ void close_keeping_errno(int descriptor) {
   errno = error;
 }
 
-// False where the process has all the descriptors that it may have; keeps errno then.
+// Raises the limit on open descriptors as far as the system allows. Returns false, with errno unchanged, when the limit
+// is already that high.
 bool raise_descriptor_limit() {
   const int error = errno;
   rlimit limit;
@@ -49,7 +50,7 @@ int create_file_from(int lowest_descriptor) {
   return moved;
 }
 
-// What the last page holds beyond the buffer. The address sanitizer, where it watches, lets nobody touch it.
+// The bytes of the last page behind the buffer. The address sanitizer, if it is active, forbids access to them.
 struct Slack {
   explicit Slack(const Allocation& allocation)
       : begin(static_cast<char*>(allocation.address) + allocation.size),
@@ -120,7 +121,7 @@ void SharedMemory::release_all() {
 void SharedMemory::inherit() {
   for (auto& [address, allocation] : by_address_) {
     allocation.is_inherited = true;
-    // Where the host refuses the copy, the child had better find nothing there than the parent's memory.
+    // When the host refuses the copy, the address range must not give the child access to the parent's memory.
     if (mmap(allocation.address, allocation.size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED | MAP_NORESERVE,
              allocation.descriptor, 0) == MAP_FAILED)
       mmap(allocation.address, allocation.size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1,

@@ -1,4 +1,4 @@
-// Shared memory of the process: each buffer is an anonymous file, known by its descriptor and by its address.
+// Shared memory of the process. Each buffer is an anonymous file that has a descriptor and an address.
 #pragma once
 
 #include <cstdint>
@@ -16,21 +16,21 @@ struct Allocation {
 
 class SharedMemory {
  public:
-  // `limit` is in bytes and for all buffers together; the descriptor is the lowest free one from `lowest_descriptor`.
-  // Pages come to be when they are touched. nullptr with errno set on failure; throws where there is no memory for the
-  // books.
+  // `limit` is in bytes and applies to all buffers together. The descriptor is the lowest free one from
+  // `lowest_descriptor` on. Pages take memory when they are first used. Returns nullptr with errno set on failure.
+  // Throws std::bad_alloc when the books cannot grow.
   const Allocation* allocate(uint64_t size, uint64_t limit, int lowest_descriptor);
 
-  // Returns a status: an address where no buffer starts is refused and counted.
+  // Returns a status. An address at which no buffer starts is refused and counted.
   int32_t release(const void* address);
   void release_all();
 
-  // In a forked child: gives every buffer pages of its own, which the parent does not see.
+  // Runs in a forked child: gives every buffer pages of its own, which the parent does not see.
   void inherit();
-  // Gives every such buffer the parent's pages back.
+  // Gives every inherited buffer the parent's pages back.
   void take_over();
 
-  // The buffer that starts at `address`, or nullptr.
+  // Returns the buffer that starts at `address`, or nullptr.
   const Allocation* at(const void* address) const;
 
   uint64_t n_allocations() const { return by_address_.size(); }
@@ -44,7 +44,7 @@ class SharedMemory {
   void free(Books::node_type released);
 
   Books by_address_;
-  Books freed_;  // by the address where each started
+  Books freed_;  // freed buffers by their start addresses
   uint64_t n_double_frees_ = 0, n_foreign_frees_ = 0;
   uint64_t n_bytes_ = 0;
   uint64_t last_id_ = 0;

@@ -7,7 +7,7 @@
 
 namespace parlo::client {
 
-// What a call returns, and errno where it failed (0 where it did not).
+// The result that a call returns, and the errno that it sets. `error` is 0 when the call succeeded.
 struct Outcome {
   int32_t result;
   int error;
@@ -15,11 +15,12 @@ struct Outcome {
 
 inline constexpr Outcome success{0, 0};
 
-// The refusal `status` (parlo_emulator_status) with the errno that fits it; success where it is 0.
+// Returns the refusal `status` (a parlo_emulator_status) with the errno that belongs to it. Returns success when
+// `status` is 0.
 Outcome outcome_of(int32_t status);
 
-// The failure of `call` that `outcome` tells. A call that returns an address or a descriptor tells it by errno alone: its
-// result is -1.
+// Returns `outcome` in the form in which `call` reports failures. A call that returns an address or a descriptor
+// reports a failure by errno, and its result is -1.
 Outcome failure_of(const parlo_emulator_call& call, Outcome outcome);
 
 }  // namespace parlo::client

@@ -29,7 +29,7 @@ struct Operation {
 
 constexpr Format hex = Format::hexadecimal;
 
-// In order of parlo_emulator_operation.
+// In the order of parlo_emulator_operation.
 constexpr Operation operations[] = {
     {"parlo_handle_open", {{"handle", hex}}},
     {"parlo_handle_invoke", {{"handle", hex}, {"scalars", hex}}},
@@ -55,7 +55,7 @@ void append(std::string& line, const Argument& argument, uint64_t value) {
   line += text;
 }
 
-// "veyra_test(size=1, v_fd=7)" from the words of the primitive input buffer.
+// Appends "veyra_test(size=1, v_fd=7)" and the like, from the words of the primitive input buffer.
 void append_method(std::string& line, const parlo_emulator_call& call) {
   const remote::Method& method = remote::methods[static_cast<uint32_t>(call.method)];
   line.append(", ").append(method.name).append("(");

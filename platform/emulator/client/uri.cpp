@@ -14,7 +14,7 @@ constexpr std::string_view version_option = "_modver=", version = "1.0";
 constexpr std::string_view domain_option = "_dom=", domain = "cdsp";
 constexpr std::string_view session_option = "_session=";
 
-// Cuts the text up to the next "&" off the front of `rest`.
+// Removes the text up to the next "&" from the front of `rest` and returns it.
 std::string_view next_option(std::string_view& rest) {
   const size_t end = rest.find('&');
   const std::string_view option = rest.substr(0, end);

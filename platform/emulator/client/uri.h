@@ -8,10 +8,10 @@
 
 namespace parlo::client {
 
-// `module_uri` completed with the compute domain and a session.
+// Returns `module_uri` with the compute domain and a session appended.
 std::string session_uri(std::string_view module_uri, uint32_t session_id);
 
-// Finds the session that a URI opens the module in; returns a status.
+// Stores the session in which a URI opens the module. Returns a status.
 int32_t parse_uri(std::string_view uri, uint32_t& session_id);
 
 }  // namespace parlo::client

@@ -17,10 +17,10 @@ using SessionMap = std::map<uint64_t, std::shared_ptr<Session>>;
 struct Sessions {
   std::mutex mutex;
   SessionMap by_handle;
-  SessionMap of_parent;  // in a forked child: those that the parent goes on with
+  SessionMap of_parent;  // in a forked child: the instances that the parent continues to use
 };
 
-// Never destroyed: a call may still run while the process ends.
+// The object is never destroyed, because a call may still run while the process ends.
 Sessions& sessions() {
   alignas(Sessions) static std::byte storage[sizeof(Sessions)];
   static Sessions& all = *new (storage) Sessions;
@@ -68,7 +68,7 @@ void open(uint64_t handle, const Module& module, uint64_t sibling) {
 }
 
 void close(uint64_t handle) {
-  std::shared_ptr<Session> ended;  // taken apart outside the lock
+  std::shared_ptr<Session> ended;  // destroyed after the lock is released
   const std::lock_guard lock(sessions().mutex);
   const auto found = sessions().by_handle.find(handle);
   if (found == sessions().by_handle.end()) return;
@@ -106,7 +106,8 @@ void before_fork() {
 }
 
 void after_fork(bool in_child) {
-  // Another thread of the parent may have been at work in them: they are put aside as they are.
+  // Another thread of the parent may have been in a call to an instance. The child therefore keeps the instances aside
+  // as they are.
   if (in_child) sessions().of_parent.merge(sessions().by_handle);
   sessions().mutex.unlock();
 }

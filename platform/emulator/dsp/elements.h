@@ -1,9 +1,10 @@
-// How the matrix unit works on the elements of each kind of product: from tiles to what its kernel reads, and from the
-// kernel's sums to tiles.
+// How the matrix unit handles the elements of each kind of product: from tiles to the data that its kernel reads, and
+// from the kernel's sums to tiles.
 //
-// The kernel takes the inner dimension in steps. A step is one word of 32 bits in the staged operands: one inner element
-// widened to f32, or two widened to 16 bits. Its lanes run along rows and its broadcasts along columns: then weights,
-// of which there are more, hardly need rearranging, and the activation is transposed once for many columns.
+// The kernel takes the inner dimension in steps. A step is one word of 32 bits in the staged operands: one inner
+// element widened to f32, or two inner elements widened to 16 bits. The kernel's lanes run along rows, and it
+// broadcasts columns of the weights. The weights, the larger operand, then need little rearranging, and the activation
+// is transposed once for many columns.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +19,7 @@ namespace simd = morun::simd;
 
 inline constexpr size_t panel_rows = 16;  // two vectors
 inline constexpr size_t tile_elements = tile_size * tile_size;
-inline constexpr size_t pair_pitch = 2 * tile_size;  // elements of two columns, or rows, of a tile
+inline constexpr size_t pair_pitch = 2 * tile_size;  // elements of two columns, or two rows, of a tile
 
 inline const std::byte* bytes_of(const auto* elements) {
   return reinterpret_cast<const std::byte*>(elements);
@@ -27,11 +28,11 @@ inline std::byte* bytes_of(auto* elements) {
   return reinterpret_cast<std::byte*>(elements);
 }
 
-// Each kind has
-//   stage_activation  16 rows x 32 inner elements to [step][16 rows]
-//   stage_weights     a tile to [column pair][step][2 columns]
-//   stage_columns     a tile to [step][32 lanes], where a lane is the column that column_of_lane tells
-//   store_columns     eight of a tile's columns, from [column][16 rows] to 16 rows x 32 columns
+// Each kind has these functions:
+//   stage_activation  converts 16 rows x 32 inner elements to [step][16 rows]
+//   stage_weights     converts a tile to [column pair][step][2 columns]
+//   stage_columns     converts a tile to [step][32 lanes]; a lane is the column column_of_lane(lane)
+//   store_columns     converts eight of a tile's columns from [column][16 rows] to 16 rows x 32 columns
 
 struct HalfElements {
   using Activation = uint16_t;
@@ -40,17 +41,17 @@ struct HalfElements {
   using Staged = float;
   using Sum = float;
   static constexpr size_t tile_rows = 32;
-  static constexpr size_t unit_rows = 2;  // whose elements mingle
+  static constexpr size_t unit_rows = 2;  // rows whose elements alternate in memory
   static constexpr size_t step = 1;       // inner elements
   static constexpr size_t weight_bits = 16;
 
   static simd::f32x8 load(const float* staged) { return simd::load(staged); }
   static simd::f32x8 broadcast(const float* staged) { return simd::broadcast(*staged); }
 
-  // Along the lanes go n_lane rows, not all of which are these.
+  // The panel has n_lane rows in its lanes; the function writes 16 of them.
   template <size_t n_lane = panel_rows>
   static void stage_activation(const uint16_t* rows, float* panel) {
-    constexpr size_t n_word = 8;  // each two rows of one column
+    constexpr size_t n_word = 8;  // words, each of two rows of one column
     alignas(32) uint16_t columns[n_word][panel_rows];
     for (size_t k = 0; k < tile_size; k += n_word) {
       simd::transpose_words(bytes_of(rows + 2 * k), 2 * pair_pitch, bytes_of(columns), sizeof columns[0]);
@@ -66,7 +67,7 @@ struct HalfElements {
     for (size_t i = 0; i < tile_elements; i += 8) simd::store(staged + i, simd::widen(simd::load(tile + i)));
   }
 
-  // Tiles of weights are to columns what those of the activation are to rows.
+  // Columns stand in tiles of weights as rows stand in tiles of the activation.
   static void stage_columns(const uint16_t* tile, float* panel) {
     for (size_t column = 0; column < tile_size; column += panel_rows)
       stage_activation<tile_size>(tile + column * tile_size, panel + column);
@@ -85,7 +86,7 @@ struct HalfElements {
   }
 };
 
-// Inner elements 4i and 4i + 2 make a step, and 4i + 1 and 4i + 3.
+// One step takes inner elements 4i and 4i + 2, the next step 4i + 1 and 4i + 3.
 template <size_t n_bit>
 struct IntegerElements {
   using Activation = uint8_t;
@@ -102,7 +103,7 @@ struct IntegerElements {
   static simd::same_pair8 broadcast(const int16_t* staged) { return simd::broadcast_pair(staged); }
 
   static void stage_activation(const uint8_t* rows, int16_t* panel) {
-    constexpr size_t n_word = 8;  // each four inner elements of one row
+    constexpr size_t n_word = 8;  // words, each of four inner elements of one row
     alignas(32) uint8_t words[n_word][32];
     for (size_t row = 0; row < panel_rows; row += 8) {
       simd::transpose_words(bytes_of(rows + row * tile_size), tile_size, bytes_of(words), sizeof words[0]);
@@ -114,7 +115,7 @@ struct IntegerElements {
     }
   }
 
-  // A group of four columns in a field of its bytes.
+  // Stages a group of four columns, whose weights are n_bit bits of each byte, from `bit` on.
   template <int bit>
   static void stage_group(const uint8_t* group, int16_t* staged) {
     for (size_t k = 0; k < tile_size; k += 8)
@@ -131,7 +132,7 @@ struct IntegerElements {
     }
   }
 
-  // In the lanes lie the first columns of all pairs, then the second ones.
+  // The lanes hold the first columns of all pairs, then the second columns.
   static void stage_columns(const uint8_t* tile, int16_t* panel) {
     constexpr size_t n_pair = tile_size / 2, pitch = pair_pitch * sizeof(int16_t), word = 4;
     alignas(32) int16_t pairs[tile_elements];

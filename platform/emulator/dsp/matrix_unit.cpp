@@ -12,13 +12,15 @@
 namespace parlo::dsp {
 namespace {
 
-// Steps of one pass: a panel and a column of tiles fit the first-level cache.
+// The number of steps in one pass. A panel and a column of tiles of this depth fit into the first-level cache.
 constexpr size_t block_steps = 128;
 constexpr size_t block_rows = 256;
 constexpr size_t block_columns = 256;
 constexpr size_t few_rows = 8;
-constexpr size_t few_rows_depth = 2 * tile_size;          // inner elements of one pass: weights come nearly as they lie
-constexpr size_t n_product_per_thread = size_t{1} << 21;  // below, starting a thread costs more than it saves
+// The inner elements of one pass with few rows. A short pass reads the weights nearly in the order of memory.
+constexpr size_t few_rows_depth = 2 * tile_size;
+// For fewer products, starting a thread costs more than the thread saves.
+constexpr size_t n_product_per_thread = size_t{1} << 21;
 
 size_t divide_up(size_t a, size_t b) {
   return (a + b - 1) / b;
@@ -34,7 +36,7 @@ struct TiledProduct {
   using Staged = typename Elements::Staged;
   using Sum = typename Elements::Sum;
   static constexpr size_t block_depth = block_steps * Elements::step;
-  static constexpr size_t tile_weights =  // elements of W, as its type counts them
+  static constexpr size_t tile_weights =  // values of type Elements::Weight in a tile of W
       tile_elements * Elements::weight_bits / (8 * sizeof(typename Elements::Weight));
 
   const Shape shape;
@@ -42,15 +44,15 @@ struct TiledProduct {
   const typename Elements::Weight* W;
   typename Elements::Result* A;
 
-  // What one thread works in.
+  // The working memory of one thread.
   struct Scratch {
-    alignas(64) Staged panels[block_rows * block_depth];  // what lies in lanes
-    alignas(64) Staged tiles[tile_size * block_depth];    // what is broadcast, tile after tile
-    // Panel after panel, each [column][16 rows]; with few rows tile after tile, each [row][32 columns in lane order].
+    alignas(64) Staged panels[block_rows * block_depth];  // the operand in lanes
+    alignas(64) Staged tiles[tile_size * block_depth];    // the operand that is broadcast, tile after tile
+    // Panel after panel, each [column][16 rows]. With few rows: tile after tile, each [row][32 columns in lane order].
     alignas(64) Sum sums[block_rows * block_columns];
   };
 
-  // Where that row of the tile at that column begins, in a matrix in tiles of that many columns.
+  // Returns the index at which row `row` of the tile at column `column` begins, in a tiled matrix of n_column columns.
   static size_t position(size_t row, size_t column, size_t n_column) {
     const size_t row_of_tile = row % Elements::tile_rows;
     return (row - row_of_tile) * n_column + column * Elements::tile_rows + row_of_tile * tile_size;
@@ -60,8 +62,8 @@ struct TiledProduct {
     return W + (k / tile_size * (shape.n_col / tile_size) + column / tile_size) * tile_weights;
   }
 
-  // Adds the products of what lies in the lanes of as many vectors as there are `v` and n_broadcast rows or columns, over
-  // n_tile tiles of the inner dimension, to sums[n_broadcast][lanes].
+  // Multiplies the panel, whose lanes fill one vector for each `v`, by n_broadcast rows or columns, over n_tile tiles
+  // of the inner dimension. Adds the products to sums[n_broadcast][lanes].
   template <size_t n_broadcast, size_t... v>
   static void accumulate(std::index_sequence<v...>, size_t n_tile, const Staged* panel, const Staged* tiles,
                          Sum* sums) {
@@ -105,7 +107,7 @@ struct TiledProduct {
     }
   }
 
-  // The 32 columns of a tile in groups whose sums fill the registers: 4 x 6 + 2 x 4.
+  // Takes the 32 columns of a tile in groups whose sums fill the registers: 4 x 6 + 2 x 4.
   static void accumulate_tile_column(size_t n_tile, const Staged* panel, const Staged* weights, Sum* sums) {
     size_t column = 0;
     for (; column < 24; column += 6)
@@ -143,7 +145,7 @@ struct TiledProduct {
 
   // ---- Few rows: lanes run along columns, rows are broadcast ----
 
-  // The first rows, as columns of weights are staged.
+  // Stages the first rows in the form in which stage_weights stages columns.
   void stage_few_rows(Range inner, Staged* staged) const {
     for (size_t k = inner.begin; k < inner.end; k += tile_size) {
       alignas(64) Staged panel[panel_rows * tile_size];
@@ -165,7 +167,7 @@ struct TiledProduct {
     }
   }
 
-  // Sixteen rows, those after the first n_row like the last of these.
+  // Stores sixteen rows. The rows after the first n_row are copies of row n_row - 1.
   void store_few_rows(size_t n_row, Range columns, const Sum* sums) const {
     for (size_t column = columns.begin; column < columns.end; column += tile_size) {
       alignas(64) Sum block[tile_size][panel_rows];
@@ -178,9 +180,9 @@ struct TiledProduct {
     }
   }
 
-  // Few rows change places with the columns: lanes go along the columns of a tile, and rows are broadcast. All weights
-  // have to be rearranged for that, but no lane works in vain. They are taken as they lie in memory, which is what such
-  // a product waits for.
+  // With few rows, rows and columns change places: lanes run along the columns of a tile, and rows are broadcast. All
+  // weights have to be rearranged for this, but every lane computes a result that is needed. The weights are read in
+  // the order of memory, because reading them takes most of the time.
   void multiply_few_rows(size_t n_row, Range columns, Scratch& scratch) const {
     std::fill_n(scratch.sums, few_rows * columns.size(), Sum{0});
     for (size_t k = 0; k < shape.n_inner; k += few_rows_depth) {
@@ -216,7 +218,7 @@ struct TiledProduct {
     return n_row;
   }
 
-  // Gives the rows from n_row on the result of the unit of rows before them.
+  // Copies the result of the last unit of rows before n_row to all rows from n_row on.
   void repeat_last_result(size_t n_row) const {
     constexpr size_t n_element = Elements::unit_rows * tile_size;
     for (size_t column = 0; column < shape.n_col; column += tile_size) {
@@ -231,10 +233,10 @@ struct Block {
   Range rows, columns;
 };
 
-// How a product is cut into blocks, which as many threads share.
+// How a product is cut into blocks, which n_thread threads share.
 struct Plan {
   size_t n_row;       // rows that are computed
-  bool has_few_rows;  // then rows and columns change places
+  bool has_few_rows;  // rows and columns change places
   size_t n_col;
   size_t n_column_of_block;
   size_t n_thread;
@@ -247,8 +249,8 @@ struct Plan {
   }
 };
 
-// Rows of zeros at the end, as padding has them, have one result, which is not always zero. One or two of them are
-// computed and stand for all.
+// Padding makes rows of zeros at the end of the activation. These rows all have the same result, which is not always
+// zero. One or two of them are computed, and the result is copied to the others.
 size_t n_row_to_compute(size_t n_row, size_t n_row_before_zeros, size_t unit_rows) {
   if (n_row_before_zeros < few_rows) return n_row_before_zeros + 1;
   return std::min(n_row, divide_up(n_row_before_zeros + unit_rows, panel_rows) * panel_rows);
@@ -263,7 +265,7 @@ Plan plan_for(const Shape& shape, size_t n_row_before_zeros, size_t unit_rows) {
       std::clamp(plan.n_row * shape.n_col * shape.n_inner / n_product_per_thread, size_t{1}, n_processors());
   plan.n_column_of_block = plan.has_few_rows ? block_rows * block_columns / few_rows : block_columns;
   if (plan.n_thread == 1) return plan;
-  // Narrower blocks where there would be too few to keep every thread busy.
+  // Makes blocks narrower when there are too few of them to keep every thread busy.
   const size_t even_share = divide_up(shape.n_col / tile_size * plan.n_row_block(), 4 * plan.n_thread) * tile_size;
   plan.n_column_of_block = std::min(plan.n_column_of_block, even_share);
   return plan;
@@ -279,8 +281,8 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
   const Plan plan = plan_for(shape, product.n_row_before_zeros(), Elements::unit_rows);
   const size_t n_block = plan.n_block();
   std::atomic<size_t> next{0};
-  // The calling thread's scratch is had before anything is written. Another thread that finds none leaves its work to
-  // the others.
+  // The calling thread allocates its scratch memory before anything is written. Another thread that cannot allocate its
+  // own leaves its work to the others.
   using Scratch = typename Product::Scratch;
   const auto first_scratch = std::make_unique_for_overwrite<Scratch>();
   std::atomic_flag first_is_taken;

@@ -20,7 +20,7 @@ ViewPointer view(Session& session, uint32_t descriptor) {
   return session.view(static_cast<int32_t>(descriptor));
 }
 
-// Host and DSP share coherent memory here.
+// Host and DSP share coherent memory here, so there is no cache to clear.
 int32_t run(Session&, const remote::tavik_veyra_clear_cache_arguments&) {
   return KESO_SUCCESS;
 }
@@ -62,7 +62,7 @@ int32_t run(Session& session, const remote::tavik_veyra_test_arguments& a) {
 
 // ---- Products ----------------------------------------------------------------------------------------------------
 
-// compute(A0, A1, A2, X): the operands of the products of an activation in X.
+// Calls compute(A0, A1, A2, X) with the operands of products whose activation is in X.
 template <class Compute>
 int32_t run_with_AX(Session& session, Compute compute) {
   if (const int32_t status = session.may_multiply(); status != KESO_SUCCESS) return status;
@@ -143,12 +143,12 @@ bool has_length(const parlo_argument& argument, uint64_t length) {
   return argument.length == length && (argument.data || length == 0);
 }
 
-// The buffers of a method that may be invoked: a primitive input, a primitive output, a text.
+// Checks the buffers of a method that may be invoked: a primitive input, a primitive output, a text.
 bool buffers_match(const remote::Method& method, const parlo_argument* arguments) {
   uint32_t text_length = 0;
   if (method.primitive_in_bytes() != 0) {
     if (!has_length(*arguments, method.primitive_in_bytes())) return false;
-    std::memcpy(&text_length, arguments->data, sizeof text_length);  // where the method has a text, its only input
+    std::memcpy(&text_length, arguments->data, sizeof text_length);  // a method with a text has no other input
     ++arguments;
   }
   if (method.primitive_out_bytes() != 0 && !has_length(*arguments++, method.primitive_out_bytes())) return false;

@@ -1,4 +1,4 @@
-// The remote methods as the software DSP runs them.
+// Runs the remote methods on the software DSP.
 #pragma once
 
 #include <cstdint>

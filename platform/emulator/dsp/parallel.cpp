@@ -20,7 +20,7 @@ void run_on_threads(size_t n_thread, const std::function<void()>& worker) {
   try {
     threads.reserve(n_thread);
     while (threads.size() + 1 < n_thread) threads.emplace_back(worker);
-  } catch (const std::exception&) {  // neither threads nor memory to be had: those at hand do it all
+  } catch (const std::exception&) {  // no further thread: the threads that run share all the work
   }
   worker();
 }

@@ -1,4 +1,4 @@
-// Work shared among the processors that the caller may use.
+// Sharing work among the processors that the caller may use.
 #pragma once
 
 #include <cstddef>
@@ -6,11 +6,11 @@
 
 namespace parlo::dsp {
 
-// Processors in the calling thread's affinity mask, at least 1.
+// Returns the number of processors in the calling thread's affinity mask, at least 1.
 size_t n_processors();
 
-// Starts `worker` on n_thread threads, the caller's among them, and returns when all have ended. Fewer are started
-// where the system gives no more; the workers have to share the work out among themselves. They throw nothing.
+// Runs `worker` on n_thread threads, one of which is the calling thread, and returns when all have ended. When the
+// system refuses a thread, fewer threads run. The workers must divide the work among themselves, and must not throw.
 void run_on_threads(size_t n_thread, const std::function<void()>& worker);
 
 }  // namespace parlo::dsp

@@ -16,10 +16,10 @@ uint64_t round_up(uint64_t n, uint64_t unit) {
   return (n + unit - 1) / unit * unit;
 }
 
-// A matrix in tiles, somewhere in a view that stays as long as the matrix does.
+// A matrix in tiles, at an offset of a view. The view lives at least as long as the matrix.
 class Matrix {
  public:
-  // The last of its bands of tiles is asked for but for n_row_missing rows. Dimensions are at most 2^32.
+  // The call asks for all rows of the last band of tiles except n_row_missing. Dimensions are at most 2^32.
   Matrix(const MatrixPlace& place, uint64_t n_row, uint64_t n_col, uint64_t n_row_missing, uint64_t element_bits)
       : place_(place),
         element_bits_(element_bits),
@@ -28,7 +28,7 @@ class Matrix {
 
   std::byte* bytes() const { return place_.view->bytes() + place_.offset; }
   uint64_t whole_bytes() const { return n_whole_ * element_bits_ / 8; }
-  uint64_t asked_bytes() const { return n_asked_ * element_bits_ / 8; }  // up to the last one asked for
+  uint64_t asked_bytes() const { return n_asked_ * element_bits_ / 8; }  // up to the last element asked for
   bool is_whole() const { return reaches(n_whole_); }
 
   int32_t check() const {
@@ -36,13 +36,13 @@ class Matrix {
     if (place_.offset * 8 % std::max<uint64_t>(element_bits_, 8) != 0) return PARLO_EMULATOR_DSP_MISALIGNED;
     return reaches(n_asked_) ? KESO_SUCCESS : PARLO_EMULATOR_DSP_OUT_OF_RANGE;
   }
-  // Of matrices that passed their checks.
+  // Requires that both matrices have passed check().
   bool overlaps(const Matrix& other) const {
     return place_.view == other.place_.view && place_.offset < other.end() && other.place_.offset < end();
   }
 
  private:
-  // Elements are counted, not bytes, which might be more than 2^64.
+  // The function compares numbers of elements, because numbers of bytes may exceed 2^64.
   bool reaches(uint64_t n_element) const {
     const uint64_t length = place_.view->length();
     return place_.offset <= length && n_element <= (length - place_.offset) * 8 / element_bits_;
@@ -57,7 +57,7 @@ class Matrix {
 struct MappedProduct {
   const ProductKind& kind;
   uint64_t n_row;
-  Shape whole;  // with rows in whole bands
+  Shape whole;  // with rows rounded up to whole bands
   Matrix A, X, W;
 
   MappedProduct(const ProductKind& k, const Operands& o)
@@ -96,7 +96,7 @@ struct MappedProduct {
       std::memcpy(A.bytes(), result, A.whole_bytes());
       return;
     }
-    const uint64_t row_bytes = tile_size * kind.result_bytes;  // of a tile
+    const uint64_t row_bytes = tile_size * kind.result_bytes;  // bytes of one row of a tile
     const uint64_t last_rows = n_row % kind.tile_rows;
     const uint64_t last_band = (n_row - last_rows) * whole.n_col * kind.result_bytes;
     std::memcpy(A.bytes(), result, last_band);

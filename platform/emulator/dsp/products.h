@@ -1,4 +1,5 @@
-// Products of matrices in shared memory: what may be computed, and how it is where the buffers end early or overlap.
+// Products of matrices in shared memory. This file decides which products may be computed, and handles buffers that end
+// early or overlap.
 #pragma once
 
 #include <cstdint>
@@ -19,11 +20,12 @@ struct Operands {
   MatrixPlace A, X, W;
 };
 
-// Computes all products, or, where a check of any of them fails, none, and returns that check's status. Operands are
-// read as they are before the first result is written.
+// Computes all products. When a check of any product fails, computes none and returns that check's status. All operands
+// are read before the first result is written.
 //
-// Columns and inner dimension are in whole tiles, and so are rows unless the kind takes any number. Then a last band
-// that is asked for in part is computed in whole if activation and result reach as far, else only the rows asked for.
+// Columns and inner dimension must be whole tiles, and rows too, unless the kind takes any number of rows. The last
+// band may then have fewer rows. It is computed in whole if activation and result have room for whole tiles, otherwise
+// only its rows.
 int32_t multiply(const ProductKind& kind, std::initializer_list<Operands> products);
 
 }  // namespace parlo::dsp

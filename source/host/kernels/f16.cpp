@@ -34,7 +34,8 @@ uint32_t tavik_npu_mm_f32_rm_f32_rm_f16_wh(tavik_context* context, int32_t n_row
       __func__);
 }
 
-// The blanks inside the parentheses of the third product are part of what a failure says.
+// The error record quotes the source text of a remote call, so the blanks inside the parentheses of the third product
+// are part of a published message.
 // clang-format off
 
 uint32_t tavik_npu_2mm_f32_rm_f32_rm_f16_wh(tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner,

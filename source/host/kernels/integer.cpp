@@ -5,7 +5,8 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/kernels";
 
-// Bytes from the first to the last element that n_row rows take in 64 x 32 tiles of elements of `width` bytes.
+// Returns the number of bytes from the first to the last element of n_row rows that stand in 64 x 32 tiles. An element
+// takes `width` bytes.
 uint64_t bytes_in_tall_tiles(int32_t n_row, int32_t n_col, uint64_t width) {
   if (n_row == 0 || n_col == 0) return 0;
   const uint64_t last_row = tavik::widen_dimension(n_row) - 1,
@@ -14,7 +15,7 @@ uint64_t bytes_in_tall_tiles(int32_t n_row, int32_t n_col, uint64_t width) {
   return (last_tile * tavik::tall_tile_rows + last_row % tavik::tall_tile_rows + 1) * tavik::tile_side * width;
 }
 
-// The DSP works on X and A0 as they are: every row asked for must lie inside them.
+// The DSP reads X and writes A0 without padding them, so all n_row rows must lie inside these buffers.
 int32_t check(const tavik_context* context, int32_t n_row, int32_t n_col, int32_t n_inner) {
   TAVIK_TRY(tavik::mm_size_check(context, tavik::widen_dimension(n_row), tavik::widen_dimension(n_col),
                                  tavik::widen_dimension(n_inner)));

@@ -10,13 +10,13 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/kernels";
 
-// What a quantised activation takes of X: the bytes in 64 x 32 tiles, then a scale and a sum for each row.
+// Where a quantised activation stands in X: first the bytes in 64 x 32 tiles, then one scale and one sum for each row.
 struct QuantisedStaging {
   QuantisedStaging(const Activation& activation)
       : scales(tavik_align_offset(widen_dimension(activation.n_inner) * round_up_to_64(activation.n_row), 2048)),
         sums(scales + tavik_align_offset(uint64_t{4} * round_up_to_64(activation.n_row), 2048)),
         end(sums + 4 * widen_dimension(activation.n_row)) {}
-  uint64_t scales;  // byte offsets from X
+  uint64_t scales;  // this and the next two: byte offsets from X
   uint64_t sums;
   uint64_t end;
 };
@@ -62,7 +62,7 @@ void stage_quantised(const tavik_context* context, const Activation& activation)
                         at<uint32_t>(context->X, staging.sums));
 }
 
-// The address of a weight buffer whose side data lie inside it.
+// Stores the address of the weight buffer in *base. Fails when zero points, scales or sums reach past the buffer's end.
 int32_t find_side_data(tavik_context* context, const Weights& weights, uint64_t zero_point_bytes, void** base) {
   const auto fd = static_cast<int32_t>(weights.fd);
   *base = nullptr;
@@ -76,7 +76,7 @@ int32_t find_side_data(tavik_context* context, const Weights& weights, uint64_t 
                     "quantisation data reach past the end of the buffer with descriptor %d", fd);
 }
 
-// For zero points of `n_bit` bits that `output_to_f32` takes as elements of type ZeroPoints.
+// `n_bit` is the number of bits of a zero point. `output_to_f32` takes the zero points as an array of ZeroPoints.
 template <class ZeroPoints, uint64_t n_bit, auto output_to_f32>
 int32_t bring_back_quantised(tavik_context* context, const Activation& activation, const Weights& weights, int buffer) {
   void* base;
@@ -93,26 +93,27 @@ constexpr auto bring_back_a8w4 = bring_back_quantised<uint32_t, 4, tavik_a8w4_ou
 
 }  // namespace
 
-// How the products of one kind of weights are staged and brought back, and where they differ on purpose.
+// The functions that stage activations and bring back results for one weight format, and the deliberate differences
+// between the formats.
 struct Family {
   uint64_t (*activation_bytes)(const Activation&);
   uint64_t (*result_bytes)(int32_t n_row, int32_t n_col);
   void (*stage)(const tavik_context*, const Activation&);
   int32_t (*bring_back)(tavik_context*, const Activation&, const Weights&, int buffer);
 
-  // The result buffer (A0, A1, A2) that the nth of several products made one after the other is read from. Each leaves
-  // its result in A0.
+  // The fields below apply when several products run one after the other. Each product leaves its result in A0.
+  // buffer_read[n] is the number of the result buffer (A0, A1, A2) from which the nth result is brought back.
   int buffer_read[3];
-  // The weights by whose descriptor the handle of the nth of those is found.
+  // The nth product runs in the session that holds weight matrix handle_source[n].
   int handle_source[3];
-  // Whether a single product runs on session 0 as it is, whichever session holds its weights, without making that
+  // When true, a single product runs on session 0, whichever session holds its weights, and session 0 is not made
   // active.
   bool single_on_session_0;
 };
 
-// Kept: the value product runs in the session of the key weights, in all families. a8w8 reads its second and third
-// result from A1 and A2, where products made one after the other leave nothing. The single a8w4 product does not look
-// its session up.
+// Kept, in all families: the value product runs in the session of the key weights. Kept, in a8w8: the second and third
+// result are read from A1 and A2, although products made one after the other leave nothing there. Kept, in a8w4: the
+// single product does not look up the session of its weights.
 constinit const Family f16_family = {
     f16_activation_bytes, f16_result_bytes, stage_f16, bring_back_f16, {0, 0, 0}, {0, 1, 1}, false};
 constinit const Family a8w8_family = {

@@ -1,4 +1,5 @@
-// The one body of all products with a row-major f32 activation: one, two or three weight matrices that share it.
+// One function runs all products with a row-major f32 activation: one, two or three weight matrices that share the
+// activation.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +28,7 @@ struct SideData {
   uint64_t sums = 0;
 };
 
-// One weight matrix of a call: where it is, where its product goes, and the call that computes it alone.
+// One weight matrix of a call, the place of its result, and the remote call that computes its product alone.
 struct Weights {
   uint32_t fd;
   int32_t n_col;
@@ -36,9 +37,9 @@ struct Weights {
   SideData side = {};
 };
 
-// Checks, stages the activation once, computes and brings back. Where all weights are in one session `together`
-// computes all products in one call; otherwise they are computed one after the other. Failures of remote calls are
-// recorded as ones of `function`.
+// Checks the sizes, stages the activation once, computes all products and brings the results back. When one session
+// holds all weights, the remote call `together` computes all products. Otherwise each product has a remote call of its
+// own. The error record names `function` as the caller of a remote call that fails.
 int32_t run_products(tavik_context* context, const Family& family, const Activation& activation,
                      std::initializer_list<Weights> weights, const RemoteCall& together, const char* function);
 

@@ -1,9 +1,12 @@
-// Products with 8-bit and 4-bit weights. The two kinds differ in names alone; how they are staged and brought back, and
-// where they differ on purpose, stands in the table of products.cpp.
+// The products a8w8 and a8w4, with 8-bit and with 4-bit weights. In this file the two formats differ only in names. The
+// table of families in products.cpp holds their other differences, and run_products in that file runs each product: the
+// host quantises the activation, the DSP multiplies, and the host dequantises the result. On the emulator
+// platform/emulator/dsp/matrix_unit.cpp multiplies.
 #include "source/host/kernels/products.h"
 #include "source/host/kernels/size_check.h"
 
-// The blanks inside the parentheses of the third product are part of what a failure says.
+// The error record quotes the source text of a remote call, so the blanks inside the parentheses of the third product
+// are part of a published message.
 // clang-format off
 
 #define TAVIK_QUANTISED_PRODUCTS(kind, mm, mm_2, mm_3)                                                                \

@@ -17,11 +17,11 @@ namespace {
 namespace simd = morun::simd;
 
 constexpr uint64_t side = 4;             // rows and columns of an output block
-constexpr uint64_t group = 8;            // inner indices that stand together in a column of the weights
+constexpr uint64_t group = 8;            // inner indices of one weight column that stand together
 constexpr uint64_t super_block = 4;      // blocks along each side of the part of the result that stays in the caches
-constexpr uint64_t group_elements = 32;  // of the weights: one group of a block's four columns
+constexpr uint64_t group_elements = 32;  // weights of one group: 8 inner indices of a block's 4 columns
 
-// Backends produce different NaNs; results hold one.
+// The backends produce different NaNs. Stored results hold this one.
 float settled(float sum) {
   return sum == sum ? sum : std::bit_cast<float>(0x7fc00000u);
 }
@@ -32,7 +32,8 @@ float sum_of_eights(const float lane[8]) {
   return settled(((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7])));
 }
 
-// The sums of four rows times four columns: lane l takes the inner indices l, l + 8, l + 16 and so on.
+// Computes the sums of four rows times four columns. Lane l of a sum takes the inner indices l, l + 8, l + 16 and so
+// on.
 void multiply_block(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, float (*sums)[side][group]) {
   simd::half8_sum sum[side][side] = {};
   for (uint64_t g = 0; g < n_inner / group; ++g) {
@@ -43,14 +44,15 @@ void multiply_block(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, fl
       for (uint64_t j = 0; j < side; ++j) simd::accumulate(sum[i][j], a, w[j]);
     }
   }
-  // Unrolled early: sums that are addressed by a variable index would be kept in memory in the loop above too.
+  // The unrolling lets the compiler keep the sums in registers. With a variable index here, the sums would stay in
+  // memory in the loop above as well.
 #pragma GCC unroll 4
   for (uint64_t i = 0; i < side; ++i)
 #pragma GCC unroll 4
     for (uint64_t j = 0; j < side; ++j) simd::store(sums[i][j], sum[i][j]);
 }
 
-// Even groups in sums[0], odd ones in sums[1].
+// Adds even groups to sums[0] and odd groups to sums[1].
 void multiply_row(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Arow, uint16_t (*sums)[side][group]) {
   simd::half8_sum sum[2][side] = {};
   for (uint64_t g = 0; g < n_inner / (2 * group) * 2; g += 2)
@@ -65,7 +67,7 @@ void multiply_row(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Arow, ui
     for (uint64_t j = 0; j < side; ++j) simd::store(sums[odd][j], sum[odd][j]);
 }
 
-// Kept: the weights of such a column are read as n_inner consecutive values, not in the order of a whole block.
+// Kept: the function reads n_inner consecutive weights, although a whole block stores its four columns interleaved.
 float multiply_column(uint64_t n_inner, const uint16_t* column, const uint16_t* Arow) {
   float sum = 0;
   for (uint64_t k = 0; k < n_inner; ++k)
@@ -76,7 +78,7 @@ float multiply_column(uint64_t n_inner, const uint16_t* column, const uint16_t* 
 uint64_t count_blocks(uint64_t extent) {
   return extent / side + (extent % side != 0);
 }
-// Rows or columns that block `index` covers: less than four at the edge, none past it.
+// Returns the number of rows or columns that block `index` covers: four, fewer at the edge, and 0 past the edge.
 uint64_t covered(uint64_t extent, uint64_t index) {
   return index < count_blocks(extent) ? std::min(side, extent - index * side) : 0;
 }
@@ -91,7 +93,7 @@ void own::qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb
 }
 MORUN_EXPORT_OWN(qmmbp_HxD)
 
-// Two columns share a vector, four lanes each.
+// Two columns share a vector of eight lanes; each column has four lanes.
 void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
   simd::f32x8 sum[side][2];
   for (auto& pairs : sum) pairs[0] = pairs[1] = simd::broadcast(0);
@@ -121,11 +123,11 @@ void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, co
     }
 }
 
-// Kept: the sums are added up in f16, so that a row can differ in its last bits from the same row of qmmbp_HxD.
+// Kept: the sums are added up in f16, and a row can therefore differ in its last bits from the same row of qmmbp_HxD.
 void own::qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* Arow) {
   uint16_t sums[2][side][group];
   simd::in_half_arithmetic([&] { multiply_row(n_inner, Wb, Arow, sums); });
-  simd::f16x8 column[side];  // eight parts of each sum
+  simd::f16x8 column[side];  // eight partial sums of each column
   for (uint64_t j = 0; j < side; ++j) column[j] = simd::add(simd::load(sums[0][j]), simd::load(sums[1][j]));
   const auto fold = [](simd::f16x8 a, simd::f16x8 b) {
     return simd::add(simd::lower_fours(a, b), simd::upper_fours(a, b));
@@ -141,7 +143,7 @@ void own::qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16
 MORUN_EXPORT_OWN(qdotxH)
 
 void own::dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint64_t p, uint64_t q, float* C,
-                           const uint16_t* A, const uint16_t* W) {
+                                const uint16_t* A, const uint16_t* W) {
   const uint64_t rows = covered(n_row, p), columns = covered(n_col, q);
   if (rows == 0 || columns == 0) return;
   float* const block = C + p * side * n_col + q * side;

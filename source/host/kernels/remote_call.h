@@ -1,13 +1,13 @@
-// A remote call to be made later, on a handle that is yet to be found, with the source text that a failure is recorded
-// with.
+// A remote call that is prepared before the handle for it is known. The object holds the call's source text, which the
+// error record quotes when the call fails.
 #pragma once
 
 #include <cstdint>
 
 #include "source/host/error.h"
 
-// The call as an expression in which `handle` stands for the handle. It refers to the variables around it and lives as
-// long as the full expression that it stands in.
+// `call` is an expression in which `handle` stands for the handle. The object refers to the local variables around the
+// macro and is valid until the end of the full expression that contains the macro.
 #define TAVIK_REMOTE_CALL(call) \
   tavik::RemoteCall([&](uint64_t handle) { return call; }, #call " != KESO_SUCCESS", __LINE__)
 
@@ -22,7 +22,7 @@ class RemoteCall {
         test_(test),
         line_(line) {}
 
-  // Status 0, or 1 with the failure recorded as one of `function`.
+  // Makes the call. Returns 0, or 1 after recording the failure as a failure of `function`.
   int32_t operator()(uint64_t handle, const char* function) const {
     return record_remote(make_(call_, handle), test_, function, "source/host/kernels", line_);
   }

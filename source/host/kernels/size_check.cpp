@@ -7,7 +7,7 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/kernels";
 
-// A product past 64 bits exceeds every limit.
+// A product that does not fit into 64 bits exceeds every limit.
 bool exceeds(uint64_t a, uint64_t b, uint64_t limit) {
   uint64_t product;
   return __builtin_mul_overflow(a, b, &product) || product > limit;
@@ -15,8 +15,8 @@ bool exceeds(uint64_t a, uint64_t b, uint64_t limit) {
 
 }  // namespace
 
-// Kept: of the reasons to refuse in the last step the message names one. A negative dimension, a multiple of 32 where
-// that is asked for, is refused there, as a number beyond every limit.
+// Kept: the last refusal has the same message for each of its reasons. The last refusal also covers a negative
+// dimension that passes the two checks before it, because the widened dimension exceeds every limit.
 int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
   if (n_col % tile_side != 0)
     return TAVIK_FAIL(TAVIK_ERROR_BAD_DIMENSION, __LINE__, "Column dimension not multiple of %zu", size_t{tile_side});

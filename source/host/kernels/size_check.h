@@ -1,4 +1,4 @@
-// What every product checks before anything else.
+// The checks that each product makes before all other work.
 #pragma once
 
 #include <cstdint>
@@ -8,19 +8,20 @@
 
 namespace tavik {
 
-// A signed dimension widened with its sign, so that a negative one exceeds every limit.
+// Widens a dimension with its sign, so that a negative dimension exceeds every limit.
 constexpr uint64_t widen_dimension(int32_t n) {
   return static_cast<uint64_t>(int64_t{n});
 }
 
-// Columns and inner dimension in whole tiles, and all within the limits that the options set. Status 0 or 2.
+// Requires whole tiles of columns and of the inner dimension, and dimensions within the limits of the options. Returns
+// 0 or 2.
 int32_t mm_size_check(const tavik_context* context, uint64_t n_row, uint64_t n_col, uint64_t n_inner);
 
-// Whether an activation and a result of that many bytes, padded to whole tiles, fit the cross-session buffers. Status 0
-// or 2; a failure is recorded as one of mm_size_check.
+// Requires that the cross-session buffers have room for an activation and a result of these sizes, both padded to whole
+// tiles. Returns 0 or 2; the error record names mm_size_check as the function that failed.
 int32_t cross_session_size_check(const tavik_context* context, uint64_t activation_bytes, uint64_t result_bytes);
 
-// tavik_context_get_handle_from_fd of a descriptor as the products take it.
+// Calls tavik_context_get_handle_from_fd with an unsigned descriptor, the type that the products take.
 inline int32_t find_handle(tavik_context* context, uint32_t fd, uint64_t* handle) {
   *handle = ~uint64_t{0};
   return tavik_context_get_handle_from_fd(context, static_cast<int32_t>(fd), handle);

@@ -14,23 +14,25 @@ namespace simd = morun::simd;
 
 constexpr size_t line = Scratch::line;
 constexpr size_t word_column_bytes = band_rows * 4;
-// A strip is a line of each row of a band. In the tiled layouts it is one piece: a tile of f16, or columns of words.
+// A strip is one cache line of each row of a band. In the tiled layouts a strip occupies one piece of contiguous bytes:
+// a tile of f16, or columns of words.
 constexpr size_t strip_bytes = band_rows * line;
 constexpr size_t strip_halves = line / 2, strip_words = line / 4;
-// Strips that become rows are read so many at a time: stores to a longer part of a row touch fewer pages.
+// The number of strips that become rows together. Storing a longer part of one row at a time touches fewer pages.
 constexpr size_t strips_at_once = 8;
 
-// The rows of a band while it is converted in place.
+// The rows of a band while the band is converted in place.
 //
 // Strip s is a cache line of every row; its piece of tiles begins at byte s * strip_bytes of the band. Row r begins at
-// byte r * row_bytes, which is in piece r * row_bytes / strip_bytes. The strips before that piece are converted before
-// it is written, so row r needs its other columns alone: those from kept_from(r) on.
+// byte r * row_bytes, which lies in piece r * row_bytes / strip_bytes. All strips before that piece are converted
+// before the piece is written, so only the columns of row r from kept_from(r) on are still needed then: the kept
+// columns.
 //
 // From rows to tiles, pieces are written from the first to the last. Before a piece takes the first bytes of a row, the
 // row's kept columns move to scratch memory. From tiles to rows, pieces are read from the last to the first. All rows
-// begin in scratch memory, and after the piece on a row's first bytes is read, the row's kept columns move to the band.
-// Scratch memory has a place for the kept columns of every row, half of the band; a quarter of the band is in use at a
-// time.
+// begin in scratch memory. After the piece that covers a row's first bytes has been read, the row's kept columns move
+// to the band. Scratch memory has a place for the kept columns of every row, which is half of the band. At any time a
+// quarter of the band is in use.
 class BandRows {
  public:
   // Kept columns begin at a strip whose number is a multiple of `step`.
@@ -43,7 +45,7 @@ class BandRows {
   size_t n_strips() const { return (row_bytes_ + line - 1) / line; }
   size_t band_bytes() const { return band_rows * row_bytes_; }
 
-  // Where a byte of a row stands. Of a row in scratch memory, only kept columns stand anywhere.
+  // Returns the address of byte `column` of a row. For a row in scratch memory, `column` must be a kept column.
   std::byte* at(size_t row, size_t column) const { return reinterpret_cast<std::byte*>(start_[row] + column); }
 
   void start_in_band(std::byte* band) {
@@ -56,20 +58,20 @@ class BandRows {
     n_in_scratch_ = band_rows;
     std::copy_n(start_in_scratch_, band_rows, start_);
   }
-  // To be called before the piece of each strip is written, from the first to the last.
+  // Must be called before the piece of each strip is written, from the first strip to the last.
   void make_way_for(size_t strip) {
     for (; n_in_scratch_ < band_rows && kept_from(n_in_scratch_) <= strip * line; ++n_in_scratch_)
       move_kept_columns(n_in_scratch_, start_in_scratch_[n_in_scratch_]);
   }
-  // To be called after the piece of each strip is read, from the last to the first.
+  // Must be called after the piece of each strip is read, from the last strip to the first.
   void return_after(size_t strip) {
     for (; n_in_scratch_ > 0 && kept_from(n_in_scratch_ - 1) >= strip * line; --n_in_scratch_)
       move_kept_columns(n_in_scratch_ - 1, start_in_band(n_in_scratch_ - 1));
   }
 
  private:
-  // The start of a row is the address of its first byte, as if all of the row stood where its kept columns stand. The
-  // first byte may lie outside of all memory of ours, so the start is a number and never a pointer.
+  // The start of a row is the address that the row's first byte would have if the whole row stood where its kept
+  // columns stand. That address may lie outside all allocated memory, so a start is an integer and never a pointer.
   uintptr_t start_in_band(size_t row) const { return band_ + row * row_bytes_; }
   size_t kept_from(size_t row) const { return row * row_bytes_ / strip_bytes / step_ * step_ * line; }
   size_t place_bytes(size_t row) const { return n_strips() * line - kept_from(row); }
@@ -89,11 +91,11 @@ class BandRows {
   uintptr_t band_ = 0;
   uintptr_t start_in_scratch_[band_rows];
   uintptr_t start_[band_rows];
-  size_t n_in_scratch_ = 0;  // rows, the first of the band
+  size_t n_in_scratch_ = 0;  // number of rows in scratch memory, counted from the band's first row
 };
 
-// Fetches the next band into the outer caches, a little at a time while this one is worked on. Not in a matrix that may
-// well be there already.
+// Prefetches the next band into the outer caches, in small steps while the current band is converted. A small matrix is
+// likely to be in the caches already, and for a small matrix the class prefetches nothing.
 class NextBand {
  public:
   NextBand(const std::byte* data, const std::byte* end, size_t band_bytes)
@@ -168,7 +170,7 @@ void transpose_words(const BandRows& rows, size_t row, size_t column, std::byte*
 
 template <WordMap map>
 void transpose_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand& next) {
-  // Eight lines at a time: those of all rows may fall into the same sets of the first-level cache.
+  // Only eight rows at a time: the cache lines of all 32 rows may compete for the same sets of the first-level cache.
   for (size_t row = 0; row < band_rows; row += 8) {
     for (size_t word = 0; word < strip_words; word += 8)
       transpose_words<map>(rows, row, strip * line + 4 * word, to + word * word_column_bytes);
@@ -176,7 +178,7 @@ void transpose_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand
   }
 }
 
-// The same of a strip that is narrower than a cache line.
+// Does the work of transpose_strip for a strip that is narrower than a cache line.
 template <WordMap map>
 void transpose_last_strip(const BandRows& rows, size_t strip, size_t n_words, std::byte* to) {
   for (size_t word = 0; word < n_words; ++word) {
@@ -189,7 +191,7 @@ void transpose_last_strip(const BandRows& rows, size_t strip, size_t n_words, st
   }
 }
 
-// Without scratch: the same permutation along its cycles, then the nibbles.
+// Converts a band without scratch memory: follows the cycles of the permutation, then zips the nibbles of each word.
 void transpose_band_in_place(uint64_t words_per_row, WordMap map, std::byte* band) {
   transpose_units(band_rows, words_per_row, 4, band);
   for (size_t i = 0; map == WordMap::zip_nibbles && i < band_rows * words_per_row; ++i) {
@@ -200,7 +202,8 @@ void transpose_band_in_place(uint64_t words_per_row, WordMap map, std::byte* ban
   }
 }
 
-// Calls put(strip, place of its piece, next band) for each strip of each band; put fetches as much as it writes.
+// Calls put(strip, place of the strip's piece, next band) for each strip of each band. `put` prefetches as many bytes
+// of the next band as it writes.
 template <class Put>
 void rows_to_strips(BandRows& rows, std::byte* data, std::byte* end, Put put) {
   NextBand next(data, end, rows.band_bytes());
@@ -214,7 +217,8 @@ void rows_to_strips(BandRows& rows, std::byte* data, std::byte* end, Put put) {
   }
 }
 
-// Calls take(pieces of the band, first strip, end strip) for groups of strips of each band, from the last to the first.
+// Calls take(pieces of the band, first strip, end strip) for groups of strips of each band, from the last group to the
+// first.
 template <class Take>
 void strips_to_rows(BandRows& rows, std::byte* data, std::byte* end, Take take) {
   NextBand next(data, end, rows.band_bytes());

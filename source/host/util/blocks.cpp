@@ -14,8 +14,9 @@ namespace simd = morun::simd;
 
 constexpr uint64_t nowhere = ~uint64_t{0};
 
-// Where the units of a band of block_rows rows stand in rows and in blocks. The band has n_row of its rows, and its last
-// block n_col % block_cols of its columns where that is not 0: the other places in the blocks are padding.
+// Maps the places of units in a row-major band to their places in blocks, and back. The band has n_row of block_rows
+// rows. When n_col is no multiple of block_cols, the last block has n_col % block_cols columns. All other places in the
+// blocks are padding.
 struct Band {
   uint64_t n_row, n_col, block_rows, block_cols;
 
@@ -32,8 +33,8 @@ struct Band {
   }
 };
 
-// Each cycle is walked from its lowest place alone, which is found by walking: slower than with a note of the places
-// done, but without memory.
+// Each cycle of the permutation is walked once, from its lowest place. The function finds the lowest place by walking
+// the cycle; that takes longer than marking visited places but needs no memory.
 template <class Source>
 bool is_lowest_of_its_cycle(uint64_t place, Source source_of) {
   uint64_t other = source_of(place);
@@ -41,9 +42,10 @@ bool is_lowest_of_its_cycle(uint64_t place, Source source_of) {
   return other == place;
 }
 
-// Moves units of `unit` bytes, slice by slice: each of the first n_places places takes the unit at source_of(place) and
-// keeps its own where that is nowhere. destination_of is the inverse; a place at which none of the first n_places waits
-// for the unit is the end of an open path, which is walked from there.
+// Moves units of `unit` bytes, one slice of a unit at a time. Each of the first n_places places takes the unit at
+// source_of(place), or keeps its own unit when source_of(place) is nowhere. destination_of is the inverse of source_of.
+// A place whose unit goes to none of the first n_places places is the end of an open path, and the path is walked from
+// there.
 template <class Source, class Destination>
 void follow_paths(uint64_t n_places, size_t unit, std::byte* data, Source source_of, Destination destination_of) {
   constexpr size_t slice_bytes = 64;
@@ -53,7 +55,7 @@ void follow_paths(uint64_t n_places, size_t unit, std::byte* data, Source source
     const auto slice = [&](uint64_t place) { return data + place * unit + offset; };
     for (uint64_t first = 0; first < n_places; ++first) {
       const uint64_t destination = destination_of(first);
-      if (destination < first) continue;  // neither an end nor the lowest
+      if (destination < first) continue;  // neither the end of an open path nor the lowest place of a cycle
       if (destination < n_places && !is_lowest_of_its_cycle(first, source_of)) continue;
       memcpy(held, slice(first), length);
       uint64_t to = first, from = source_of(to);
@@ -66,7 +68,7 @@ void follow_paths(uint64_t n_places, size_t unit, std::byte* data, Source source
   }
 }
 
-// The usual sizes of units as constants, so that a unit's copy is an instruction or a few.
+// Passes the usual unit sizes as constants, so that copying a unit compiles to one or a few instructions.
 template <class Body>
 void with_constant_size(size_t size, Body body) {
   switch (size) {
@@ -83,7 +85,8 @@ void with_constant_size(size_t size, Body body) {
   }
 }
 
-// Rows [row, row_end) and columns [column, column_end) of an n_row x n_col matrix to their places in the transpose.
+// A patch is rows [row, row_end) and columns [column, column_end) of an n_row x n_col matrix. The function copies a
+// patch to its place in the transpose.
 struct Patch {
   uint64_t row, row_end, column, column_end;
 };
@@ -95,12 +98,12 @@ void transpose_patch(uint64_t n_row, uint64_t n_col, const Patch& patch, Size si
       memcpy(to + (column * n_row + row) * size(), from + (row * n_col + column) * size(), size());
 }
 
-// Eight by eight elements of 2 or 4 bytes; pitches in bytes.
+// Transposes eight by eight elements of 2 or 4 bytes. Pitches are in bytes.
 void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch, size_t width) {
   if (width == 4) return simd::transpose_words(from, from_pitch, to, to_pitch);
   simd::f16x8 row[8], zipped[8];
   for (size_t i = 0; i < 8; ++i) row[i] = simd::load(reinterpret_cast<const uint16_t*>(from + i * from_pitch));
-  // Rows i and i + 4 become neighbours, three times over.
+  // Each round interleaves rows i and i + 4. Three rounds transpose the eight rows.
   for (int again = 0; again < 3; ++again) {
     for (size_t i = 0; i < 4; ++i) {
       zipped[2 * i] = simd::zip_low(row[i], row[i + 4]);
@@ -111,8 +114,8 @@ void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, si
   for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch), row[i]);
 }
 
-// To other memory. In patches: down a column, lines are read whole that the next columns need again, and rows of a power
-// of two would fight for the same sets of the caches.
+// Transposes to other memory, in patches of 32 x 32. Without patches, each column would read whole cache lines that the
+// next columns need again, and rows whose length is a power of two would compete for the same sets of the caches.
 void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* from, std::byte* to) {
   constexpr uint64_t side = 32;
   with_constant_size(unit, [&](auto size) {
@@ -133,8 +136,8 @@ void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* 
   });
 }
 
-// Copies block after block of one band of rows into place: `rows` rows at a pitch of `pitch` elements, from blocks of
-// which the last may have its right part outside.
+// Copies the blocks of one band into `rows` row-major rows of `pitch` elements. The right part of the last block may
+// lie outside the rows.
 void copy_band_out_of_blocks(uint64_t rows, uint64_t pitch, uint64_t block_rows, uint64_t block_cols, size_t width,
                              const std::byte* blocks, std::byte* band) {
   for (uint64_t column = 0; column < pitch; column += block_cols) {
@@ -145,7 +148,8 @@ void copy_band_out_of_blocks(uint64_t rows, uint64_t pitch, uint64_t block_rows,
   }
 }
 
-// The same in place, without scratch, of blocks that begin `distance` bytes behind the rows.
+// Does the work of copy_band_out_of_blocks in place, without scratch memory. The blocks begin `distance` bytes behind
+// the rows.
 void move_band_out_of_blocks(const Band& band, size_t unit, size_t distance, std::byte* rows) {
   const uint64_t ahead = distance / unit;
   const auto source_of = [&](uint64_t to) {
@@ -156,11 +160,12 @@ void move_band_out_of_blocks(const Band& band, size_t unit, size_t distance, std
                [&](uint64_t from) { return from < ahead ? nowhere : band.place_in_rows(from - ahead); });
 }
 
-// Rows at the start of `rest_bytes` bytes to the places in blocks that lie in there, the last maybe in part.
+// Moves row-major units at the start of `data` to their places in blocks, as far as these places lie inside rest_bytes.
+// The last place may lie inside only in part.
 void linearize_rest(const Band& rest, size_t piece, size_t rest_bytes, std::byte* data) {
   const uint64_t n_places = rest_bytes / piece;
   const auto source_of = [&](uint64_t to) { return rest.place_in_rows(to); };
-  // The rows end before the place in part: nothing that is yet to be moved stands there.
+  // The partial place lies behind the last row-major unit, so writing it overwrites no unit that still has to move.
   if (const uint64_t source = source_of(n_places); source != nowhere)
     memcpy(data + n_places * piece, data + source * piece, rest_bytes % piece);
   const Scratch scratch(rest.size() * piece);
@@ -187,8 +192,8 @@ void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* dat
   memcpy(data, scratch.bytes(), n_row * n_col * unit);
 }
 
-// A band of block_rows rows and the same band of blocks occupy the same bytes: the band's rows, cut into pieces of
-// block_cols elements, are transposed.
+// A band of block_rows rows and the blocks of this band occupy the same bytes. Cutting the band's rows into pieces of
+// block_cols elements and transposing the pieces therefore gives the blocks.
 void block_linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, size_t width,
                      std::byte* data) {
   if (block_rows == 0 || block_cols == 0) return;
@@ -198,7 +203,7 @@ void block_linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64
   for (uint64_t band = 0; band < n_row / block_rows; ++band)
     transpose_units(block_rows, n_block_cols, piece, data + band * band_bytes);
 
-  // The rows left over keep the places of a whole band, as far as those lie inside the array.
+  // The remaining rows are placed like the rows of a whole band, as far as their places lie inside the array.
   const Band rest = {n_row % block_rows, n_block_cols, block_rows, 1};
   if (rest.size() == 0) return;
   const size_t rest_bytes = n_row * n_col * width - n_row / block_rows * band_bytes;

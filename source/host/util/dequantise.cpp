@@ -27,7 +27,7 @@ simd::i32x8 load_zero_points(const uint32_t* zero_points, uint64_t column) {
   return simd::load_i4(zero_points + column / 8);
 }
 
-// What the eight columns of a vector have in common in every row.
+// The terms of eight columns that are the same in every row.
 struct ColumnTerms {
   simd::f32x8 sum, negative_zero_point, zero_point_128, scale;
 };
@@ -38,13 +38,14 @@ ColumnTerms load_columns(const ResultColumns<ZeroPoint>& columns, uint64_t colum
           simd::multiply(simd::broadcast(128), zero_point), simd::widen(simd::load(columns.scales + column))};
 }
 
-// Some rows of a 64 x 32 tile: the first of them and their number, the tile's first column, and where they stand.
+// A group of rows of one 64 x 32 tile: the first row and the number of rows, the tile's first column, and the index of
+// the group's first element in the tiled array.
 struct TileGroup {
   uint64_t row, n_row, column, place;
 };
 
-// Calls body for all rows of all whole tiles. When streaming, a tile after the other; in the caches the lines of all
-// rows of a tile would fight for the same sets, so there few rows at a time.
+// Calls body for each row group of each whole tile. With streaming stores a group is all rows of a tile. Otherwise a
+// group is eight rows, because the cache lines of all rows of a tile would compete for the same sets of the cache.
 template <bool streaming, class Body>
 void for_each_tile_group(uint64_t n_row, uint64_t n_col, Body body) {
   constexpr uint64_t group_rows = streaming ? tall_tile_rows : 8;
@@ -57,7 +58,8 @@ void for_each_tile_group(uint64_t n_row, uint64_t n_col, Body body) {
   }
 }
 
-// Whether no result can be NaN: what the scales are multiplied with is finite and below 2^46.
+// Returns true when no result can be NaN. The scales multiply a finite value below 2^46. A row scale below 2^64 and a
+// finite f16 column scale therefore give a finite result.
 template <class ZeroPoint>
 bool are_scales_ordinary(uint64_t n_row, uint64_t n_col, const ResultRows& rows,
                          const ResultColumns<ZeroPoint>& columns) {
@@ -69,10 +71,10 @@ bool are_scales_ordinary(uint64_t n_row, uint64_t n_col, const ResultRows& rows,
   return ordinary;
 }
 
-// Its row that is at the place of `row`.
+// Prefetches the row of the next tile that has the same place in its tile as `row`.
 void fetch_next_tile(const int32_t* row) {
-  simd::prefetch(row + tall_tile_elements);
-  simd::prefetch(row + tall_tile_elements + tile_side / 2);
+  fetch_ahead(row, tall_tile_elements);
+  fetch_ahead(row, tall_tile_elements + tile_side / 2);
 }
 
 template <bool streaming, class ZeroPoint>

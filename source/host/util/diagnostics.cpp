@@ -5,7 +5,7 @@
 
 namespace {
 
-// Deliberately loose, and the same for every type.
+// The bound is deliberately loose, and the same for every element type.
 constexpr float greatest_deviation = 2000;
 
 template <class T>
@@ -16,7 +16,7 @@ template <class T>
 float to_float(T value) {
   return static_cast<float>(value);
 }
-// The only 16-bit elements are halves.
+// Every 16-bit element is a half.
 double to_double(uint16_t half) {
   return static_cast<double>(morun::simd::widen_bits(half));
 }
@@ -32,7 +32,7 @@ void print_elements(FILE* stream, const T* begin, const T* end) {
 template <class T>
 int print_vector(FILE* stream, uint64_t count, const T* data, const char* label, uint64_t edge) {
   fprintf(stream, "%-18s: ", label);
-  if (count / 2 < edge) {  // fewer than 2 * edge
+  if (count / 2 < edge) {  // count < 2 * edge: print all elements
     print_elements(stream, data, data + count);
   } else {
     print_elements(stream, data, data + edge);

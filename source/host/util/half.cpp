@@ -10,14 +10,15 @@ namespace {
 namespace simd = morun::simd;
 
 using tavik::tile_side, tavik::tile_elements;
-constexpr size_t tiles_ahead = 2;  // whose lines are fetched before they are written
+constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
 
 bool should_stream(uint64_t n_row, uint64_t n_col, const void* dst) {
   return tavik::should_stream(6 * n_row * n_col, dst) && n_col % 8 == 0;
 }
 
 // Calls body(row, tile, is_pair) for each pair of rows of each whole tile; is_pair is false for an odd last row. The
-// pairs of a band take turns after some tiles each: tiles lie a good part of a page apart, rows whole pages.
+// function changes to the next pair after a few tiles of one pair. Neighbouring tiles lie close together and the rows
+// of a matrix may lie pages apart, so this order touches fewer pages at a time.
 template <bool streaming, class Body>
 void for_each_row_pair(uint64_t n_row, uint64_t n_col, Body body) {
   constexpr uint64_t tiles_at_once = streaming ? 4 : 16;
@@ -32,7 +33,7 @@ void for_each_row_pair(uint64_t n_row, uint64_t n_col, Body body) {
   }
 }
 
-// Where the interleaved values of a row pair start in the tiles.
+// Returns the index at which the interleaved values of a row pair start in the tiles.
 uint64_t place_of_pair(uint64_t row, uint64_t tile, uint64_t n_col) {
   return (row / tile_side * (n_col / tile_side) + tile) * tile_elements + row % tile_side * tile_side;
 }
@@ -44,7 +45,7 @@ void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* d
     const float* const even = src + row * n_col + tile * tile_side;
     const float* const odd = is_pair ? even + n_col : zeros;
     uint16_t* const pair = dst + place_of_pair(row, tile, n_col);
-    tavik::fetch_for_put<streaming>(pair + tiles_ahead * tile_elements, 2 * tile_side);
+    tavik::fetch_for_put<streaming>(pair, tiles_ahead * tile_elements, 2 * tile_side);
     for (size_t i = 0; i < tile_side; i += 8) {
       const simd::f16x8 a = simd::narrow(simd::load(even + i)), b = simd::narrow(simd::load(odd + i));
       tavik::put<streaming>(pair + 2 * i, simd::zip_low(a, b));
@@ -59,9 +60,9 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
   for_each_row_pair<streaming>(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
     const uint16_t* const pair = src + place_of_pair(row, tile, n_col);
     float* const even = dst + row * n_col + tile * tile_side;
-    tavik::fetch_for_put<streaming>(even + tiles_ahead * tile_side, tile_side);
-    if (is_pair) tavik::fetch_for_put<streaming>(even + n_col + tiles_ahead * tile_side, tile_side);
-    // Whole cache lines of one row, then of the other.
+    tavik::fetch_for_put<streaming>(even, tiles_ahead * tile_side, tile_side);
+    if (is_pair) tavik::fetch_for_put<streaming>(even + n_col, tiles_ahead * tile_side, tile_side);
+    // Writes 16 values, a whole cache line, of the even row, and then 16 values of the odd row.
     for (size_t i = 0; i < tile_side; i += 16) {
       const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
       const simd::f16x8 c = simd::load(pair + 2 * i + 16), d = simd::load(pair + 2 * i + 24);

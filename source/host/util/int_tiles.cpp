@@ -11,9 +11,9 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t pair_cols = 2 * tile_side;  // two tiles, side by side: a cache line of each row
+constexpr size_t pair_cols = 2 * tile_side;  // two tiles side by side: a cache line of each row
 
-// Few rows at a time: the lines of more of them would fight for the same sets of the caches.
+// The function copies few rows at a time, because the cache lines of many rows would compete for the same sets.
 template <bool streaming>
 void copy_byte_rows(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
   constexpr uint64_t group_rows = 8;
@@ -26,7 +26,8 @@ void copy_byte_rows(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t*
   }
 }
 
-// 32 rows of two tiles. Eight columns of a row are a word, and each column of words becomes 128 contiguous bytes.
+// Packs 32 rows of two tiles. Eight columns of a row form one word, and each column of words becomes 128 contiguous
+// bytes.
 void pack_pair(const uint8_t* rows, size_t pitch, std::byte* tiles) {
   for (size_t row = 0; row < band_rows; row += 8) {
     uint32_t words[8][8];
@@ -39,7 +40,8 @@ void pack_pair(const uint8_t* rows, size_t pitch, std::byte* tiles) {
   }
 }
 
-// The same at the right and lower edges, where tiles have fewer rows or columns, or the second tile is not there.
+// Does the work of pack_pair at the right and lower edges, where tiles have fewer rows or columns or the second tile is
+// missing.
 void pack_edge(const uint8_t* rows, size_t pitch, size_t n_row, size_t n_col, std::byte* tiles) {
   uint8_t padded[band_rows][pair_cols] = {};
   for (size_t row = 0; row < n_row; ++row) memcpy(padded[row], rows + row * pitch, n_col);
@@ -57,7 +59,8 @@ void byte_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint
   simd::fence_streaming();
 }
 
-// Not written past the caches: only half as much is written as is read, and it gained nothing up to some 50 MB.
+// Streaming stores bring no gain here up to about 50 MB, because the function writes only half as many bytes as it
+// reads.
 void nibble_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
   if (n_col == 0) return;
   auto* tiles = reinterpret_cast<std::byte*>(dst);

@@ -21,8 +21,8 @@ bool is_whole_tiles(uint64_t n) {
   return n % tile_side == 0;
 }
 
-// Spreads packed 4-bit rows, in place and from the last to the first, so that the matrix is padded with zero to whole
-// tiles. Only whole words of a row are taken.
+// Moves packed 4-bit rows apart, in place and from the last row to the first, and pads the matrix with zero to whole
+// tiles. Only whole words of a row move.
 void pad_packed_rows_to_tiles(uint64_t n_row, uint64_t n_col, std::byte* data) {
   const size_t row_bytes = n_col / 8 * 4;
   const size_t padded_bytes = tiles_along(n_col) * tile_side / 2;

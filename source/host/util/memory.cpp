@@ -8,7 +8,8 @@ namespace {
 
 constexpr char reporting_file[] = "source/host/util";
 
-// The lines that failures report: published numbers (see include/tavik.h), not places in this file.
+// The line numbers that failures report. They are published interface (see include/tavik.h) and name no place in this
+// file.
 namespace reported_line {
 enum : int32_t {
   malloc_without_output = 26,
@@ -28,7 +29,7 @@ enum : int32_t {
 }  // namespace reported_line
 constexpr int compute_dsp = 3;
 
-// Kept: the platform's operation takes 32 bits, and larger sizes are cut to them.
+// Kept: the platform takes a size of 32 bits, and larger sizes are cut to 32 bits.
 void* allocate_shared(uint64_t size) {
   return parlo_mem_alloc(tavik::heap_id, tavik::allocation_flags, static_cast<int32_t>(size));
 }
@@ -72,7 +73,7 @@ int32_t tavik_rpcmem_alloc_zero(void** pointer, uint64_t size) {
   if (block == nullptr && size != 0)
     return TAVIK_FAIL(TAVIK_ERROR_MEMORY, reported_line::rpcmem_alloc_zero_memory, "failed to alloc shared %zu bytes",
                       size);
-  // Kept: all of `size` is cleared, also where the allocation was cut to 32 bits.
+  // Kept: the function clears all of `size`, even when the platform's allocation was cut to 32 bits.
   if (block != nullptr) memset(block, 0, size);
   *pointer = block;
   return TAVIK_SUCCESS;
@@ -86,7 +87,7 @@ int32_t tavik_realloc(void** pointer, uint64_t size) {
   }
   void* const block = realloc(*pointer, size);
   if (block == nullptr) {
-    free(*pointer);  // kept: the location goes on holding the freed address
+    free(*pointer);  // kept: *pointer still holds the freed address afterwards
     return TAVIK_FAIL(TAVIK_ERROR_MEMORY, reported_line::realloc_memory, "failed to allocate %zu bytes", size);
   }
   *pointer = block;

@@ -17,7 +17,7 @@ int32_t magnitude_bits(float x) {
   return static_cast<int32_t>(std::bit_cast<uint32_t>(x) & 0x7fffffffu);
 }
 
-// The bit pattern of the largest magnitude, a NaN being larger than any.
+// Returns the bit pattern of the largest magnitude. A NaN counts as larger than every number.
 int32_t largest_magnitude_bits(const float* row, uint64_t n_col) {
   simd::i32x8 largest[4] = {};
   uint64_t c = 0;
@@ -29,7 +29,7 @@ int32_t largest_magnitude_bits(const float* row, uint64_t n_col) {
   return bits;
 }
 
-// Of the elements that are numbers; 0 where none is.
+// Returns the largest magnitude among the elements that are not NaN, or 0 when there is none.
 float largest_number(const float* row, uint64_t n_col) {
   float largest = 0;
   for (uint64_t c = 0; c < n_col; ++c)
@@ -40,7 +40,8 @@ float largest_number(const float* row, uint64_t n_col) {
 struct Step {
   float scale;
   float inverse;
-  // No element is NaN or infinite and neither is twice the inverse: every quotient stays within the divisor's magnitude.
+  // True when no element is NaN or infinite and twice the inverse is finite. Then the magnitude of every quotient stays
+  // within the divisor.
   bool is_ordinary;
 };
 
@@ -52,7 +53,7 @@ Step step_of(const float* row, uint64_t n_col, float divisor) {
   return {scale, inverse, bits < infinity_bits && std::isfinite(2 * inverse)};
 }
 
-// Rounded half away from zero; NaN to 0, what is out of range to the nearest bound.
+// Rounds half away from zero. NaN gives 0, and a value out of range gives the nearest bound.
 int32_t nearest_integer(float x) {
   const float rounded = std::round(x);
   if (rounded >= 0x1p31f) return INT32_MAX;
@@ -60,7 +61,7 @@ int32_t nearest_integer(float x) {
   return rounded == rounded ? static_cast<int32_t>(rounded) : 0;
 }
 
-// Where the bytes of a row go: a segment every `pitch` bytes from the place of its first.
+// The two places where the bytes of a row can go. Segments of a row lie `pitch` bytes apart, from row(index) on.
 struct RowMajor {
   static constexpr uint64_t pitch = segment_cols;
   uint8_t* dst;
@@ -78,10 +79,11 @@ struct Tiles {
   }
 };
 
-// The destination of a row takes whole segments, which it quantises and adds to sums kept in a vector, whose total is
-// asked for in the end, and single values, of each of which it gives what the sum grows by.
-
-// 8 bits, offset 128, in a layout of rows. Kept: the sum adds v + 128 before it is cut to the 8 bits that are stored.
+// To8Bits and To16Bits quantise one row. put_segment stores a whole segment and adds the segment's values to a vector
+// of sums. total adds up that vector. put_one stores a single value and returns the value's contribution to the sum.
+//
+// To8Bits stores 8 bits with an offset of 128. Kept: the sum adds v + 128 before v + 128 is cut to the 8 bits that are
+// stored.
 template <class Layout, bool streaming>
 class To8Bits {
  public:
@@ -109,7 +111,7 @@ struct Planes {
   RowMajor high, low;
 };
 
-// 16 bits, offset 32768, as two planes of bytes. The sum adds the 16 bits as they are stored.
+// To16Bits stores 16 bits with an offset of 32768, in two planes of bytes. The sum adds the 16 bits that are stored.
 class To16Bits {
  public:
   static constexpr float divisor = 32767;
@@ -145,7 +147,7 @@ uint32_t quantise_singly(const float* src, uint64_t begin, uint64_t end, float i
   return sum;
 }
 
-// Consecutive ordinary rows side by side, while the caches fetch the ones that follow.
+// Quantises `count` consecutive ordinary rows together, and prefetches the same number of rows behind them.
 template <size_t count, class Row>
 void quantise_ordinary(const float* src, const float* end, uint64_t n_col, const Step* steps,
                        std::array<Row, count> rows, uint32_t* sums) {

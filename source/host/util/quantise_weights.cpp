@@ -15,8 +15,8 @@ using namespace tavik;
 constexpr uint16_t half_nan = 0x7e00;
 constexpr uint16_t half_sign = 0x8000;
 
-// The two widths of weights: their bounds (the zero point of a row whose least element is 0 is `low`), and how they are
-// stored, in words of one value and of eight.
+// The two widths of weights, with their bounds and storage. `low` is also the zero point of a row whose least element
+// is 0. A stored word holds one value of 8 bits, or eight values of 4 bits.
 struct I8 {
   static constexpr float divisor = 255, low = -128, high = 127;
   using Word = int8_t;
@@ -34,7 +34,8 @@ struct Extremes {
   float min, max;
 };
 
-// Both start at the first element; a NaN neither replaces another value nor is replaced.
+// Returns minimum and maximum, which start at the row's first element. The comparisons ignore NaN unless the row starts
+// with one; then both results are NaN.
 Extremes extremes_of(const uint16_t* row, uint64_t n_col) {
   if (n_col == 0) return {0, 0};
   const float first = simd::widen_bits(row[0]);
@@ -65,7 +66,7 @@ struct HalfStep {
   uint16_t scale, inverse, zero_point;
 };
 
-// A zero point that is NaN is 0, when it is stored and when the row is quantised with it.
+// A NaN becomes 0, both in the stored zero point and in the zero point that quantises the row.
 template <class Width>
 uint16_t whole_zero_point(uint16_t x) {
   const float rounded = std::round(simd::widen_bits(x));
@@ -74,7 +75,8 @@ uint16_t whole_zero_point(uint16_t x) {
   return simd::narrow_bits(rounded > Width::high ? Width::high : rounded);
 }
 
-// A difference and a quotient of halves rounded to f32 and then to f16 are those rounded once.
+// A difference or quotient of halves has the same value whether it is rounded to f32 and then to f16, or to f16 at
+// once.
 template <class Width>
 HalfStep half_step_of(const uint16_t* row, uint64_t n_col) {
   const Extremes extremes = extremes_of(row, n_col);
@@ -101,7 +103,7 @@ class HalfRow {
     Segment v;
     for (size_t i = 0; i < 4; ++i) {
       const simd::f16x8 q = simd::multiply_add(simd::load(from + 8 * i), inverse_, zero_point_);
-      // Clamped before it is rounded: the bounds are whole, so that it comes to the same.
+      // Clamping before rounding gives the same result as clamping afterwards, because the bounds are integers.
       v[i] = simd::to_nearest(simd::lesser(simd::greater(simd::number_or_zero(simd::widen(q)), low), high));
     }
     return simd::pack_bytes(v[0], v[1], v[2], v[3]);
@@ -116,7 +118,7 @@ class HalfRow {
   simd::f16x8 inverse_, zero_point_;
 };
 
-// Quantises n_col values, a multiple of what a word holds; returns their sum.
+// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word.
 template <class Width>
 int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to) {
   const HalfRow<Width> row(step);
@@ -166,7 +168,7 @@ void tavik_f16_rm_to_i4_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, 
     sums[r] = quantise_half_row<I4>(from, 8 * words_per_row, step, dst + r * words_per_row);
     packed |= (static_cast<uint32_t>(stored_zero_point(step)) & 15) << 4 * (r % 8);
     if (r % 8 != 7) continue;
-    zero_points[r / 8] |= packed;  // kept: the words are not cleared first, and a last group of fewer rows is dropped
+    zero_points[r / 8] |= packed;  // kept: words are not cleared first; a last group of fewer than 8 rows is dropped
     packed = 0;
   }
 }

@@ -1,4 +1,5 @@
-// Working memory for one call of a conversion; conversions report nothing, so they ask whether they got it.
+// Working memory for one call of a conversion. A conversion has no status to return, so it tests whether the allocation
+// succeeded and otherwise works without the memory.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +19,7 @@ class Scratch {
   std::byte* bytes() const { return bytes_; }
   explicit operator bool() const { return bytes_ != nullptr; }
 
-  static constexpr size_t line = 64;  // a line of the caches
+  static constexpr size_t line = 64;  // bytes of a cache line
 
  private:
   std::byte* bytes_;

@@ -1,4 +1,4 @@
-// Writing past the caches.
+// Streaming stores, which write to memory past the caches.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 
 namespace tavik {
 
-// It pays once source and destination, `bytes` together, no longer fit the caches, and costs before. Rows of the
-// destination must be aligned as `dst` is.
+// Tells whether streaming stores are worth using. They are slower while source and destination, `bytes` together, fit
+// the caches. Rows of the destination must have the same alignment as `dst`.
 inline bool should_stream(uint64_t bytes, const void* dst) {
   constexpr uint64_t least = 4u << 20;
   return bytes >= least && reinterpret_cast<uintptr_t>(dst) % 32 == 0;
@@ -21,11 +21,20 @@ void put(T* p, Vector v) {
   morun::simd::store(p, v);
 }
 
-// Fetches `count` elements that are put later, unless they are put past the caches.
+// Prefetches the cache line of the element `distance` elements behind `p`. That element may lie behind the end of its
+// array, so its address is computed as an integer and never as a pointer.
+template <class T>
+void fetch_ahead(const T* p, size_t distance) {
+  const uintptr_t address = reinterpret_cast<uintptr_t>(p) + distance * sizeof(T);
+  morun::simd::prefetch(reinterpret_cast<const void*>(address));
+}
+
+// Prefetches the `count` elements that begin `distance` elements behind `p` and are written later, unless streaming
+// stores will write them.
 template <bool streaming, class T>
-void fetch_for_put(const T* p, size_t count) {
+void fetch_for_put(const T* p, size_t distance, size_t count) {
   constexpr size_t line_elements = 64 / sizeof(T);
-  for (size_t i = 0; !streaming && i < count; i += line_elements) morun::simd::prefetch(p + i);
+  for (size_t i = 0; !streaming && i < count; i += line_elements) fetch_ahead(p, distance + i);
 }
 
 }  // namespace tavik

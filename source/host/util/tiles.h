@@ -1,5 +1,5 @@
-// Tile geometry and rounding up, for the whole library. The emulated platform has numbers of its own: it stands for the
-// DSP, and a wrong number here must give a wrong product there.
+// Tile geometry and rounding up, for the whole library. The emulated platform stands for the DSP and has tile numbers
+// of its own, so that a wrong number in this file gives a wrong product on the emulator.
 #pragma once
 
 #include <cstddef>
@@ -12,12 +12,12 @@ inline constexpr uint64_t tile_side = 32;
 inline constexpr uint64_t tile_elements = tile_side * tile_side;
 inline constexpr uint64_t i4_tile_bytes = tile_elements / 2;
 
-// u8 activations and i32 results stand in tiles twice as high, row-major inside.
+// u8 activations and i32 results stand in tiles of twice that height, which are row-major inside.
 inline constexpr uint64_t tall_tile_rows = 64;
 inline constexpr uint64_t tall_tile_elements = tall_tile_rows * tile_side;
 
-// The quotient and the multiple of `unit` that are next above. The sum of value and unit is not formed, so only a
-// multiple past 64 bits wraps.
+// Divide and round up to the next multiple of `unit`. The functions never form value + unit, so only a multiple that
+// does not fit into 64 bits wraps.
 constexpr uint64_t divide_up(uint64_t value, uint64_t unit) {
   return value / unit + (value % unit != 0);
 }
@@ -25,7 +25,8 @@ constexpr uint64_t round_up(uint64_t value, uint64_t unit) {
   return divide_up(value, unit) * unit;
 }
 
-// An extent in whole tiles, in 32 bits as the DSP takes it: a negative one is a large one, which may wrap to 0.
+// Round an extent up to whole tiles, in the 32 bits that the DSP takes. A negative extent counts as a large unsigned
+// number and may wrap to 0.
 constexpr uint32_t round_up_to_32(int32_t extent) {
   return static_cast<uint32_t>(round_up(static_cast<uint32_t>(extent), tile_side));
 }

@@ -1,4 +1,4 @@
-// A file descriptor with an owner.
+// A file descriptor that closes itself.
 #pragma once
 
 #include <fcntl.h>
@@ -20,14 +20,14 @@ class Descriptor {
 
   int number() const { return number_; }
   bool is_open() const { return number_ >= 0; }
-  // False with errno where the system reports only now that something was not written.
+  // Returns false with errno when the system reports only at this point that something was not written.
   bool close() { return number_ < 0 || ::close(std::exchange(number_, -1)) == 0; }
 
  private:
   int number_;
 };
 
-// Whether the descriptor is open at all, and open for writing.
+// Tells whether the descriptor is open for writing.
 inline bool is_writable(int number) {
   const int flags = fcntl(number, F_GETFL);
   return flags >= 0 && (flags & O_ACCMODE) != O_RDONLY;

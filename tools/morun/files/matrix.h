@@ -6,7 +6,8 @@
 
 namespace tool {
 
-// Row-major, n_row x n_col, made of zeros. Rows start `row_stride` values apart; what follows a row's columns is padding.
+// Row-major, n_row x n_col, initially zero. Rows start `row_stride` values apart, and the values behind a row's columns
+// are padding.
 struct Matrix {
   Matrix(size_t rows, size_t columns, size_t stride) : n_row(rows), n_col(columns), row_stride(stride) {
     values.resize(rows * stride);

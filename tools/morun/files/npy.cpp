@@ -18,7 +18,8 @@
 namespace tool {
 namespace {
 
-// Files are read and written in chunks of so many values. The library converts groups of eight.
+// Files are read and written in chunks of this many values. It is a multiple of eight, because the library converts
+// groups of eight.
 constexpr size_t n_chunk = 16384;
 using Chunk = std::array<float, n_chunk>;
 
@@ -39,7 +40,7 @@ std::optional<NpyType> type_named(std::string_view name) {
 
 // ---- Reading -------------------------------------------------------------------------------------------------------
 
-// A FIFO that nobody writes to would keep an ordinary call waiting.
+// Opening a FIFO in the ordinary way would wait for a writer.
 int open_for_reading(const std::filesystem::path& path) {
   return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
 }
@@ -53,7 +54,7 @@ size_t size_of_regular_file(const Descriptor& descriptor) {
   return static_cast<size_t>(status.st_size);
 }
 
-// Throws an Error where the file ends before.
+// Throws an Error when the file ends before the last byte.
 void read_bytes(const Descriptor& descriptor, size_t offset, void* to, size_t n_byte) {
   auto* next = static_cast<std::byte*>(to);
   while (n_byte > 0) {
@@ -71,13 +72,13 @@ void reverse_each(std::byte* values, size_t n_value, size_t value_size) {
   for (size_t i = 0; i < n_value; ++i) std::reverse(values + i * value_size, values + (i + 1) * value_size);
 }
 
-// Lines of a block as they stand in the file, and where their values go.
+// The lines of a block in the file, and the places for their values.
 struct Lines {
   size_t length;
   size_t line_stride, value_stride;
 };
 
-// The next `n` values, of which the first is number `first` of the lines.
+// Places the next `n` values. `first` is the number of the first of them, counted over all lines.
 void place(const float* values, size_t first, size_t n, const Lines& lines, float* to) {
   while (n > 0) {
     const size_t in_line = first % lines.length;
@@ -104,8 +105,8 @@ void NpyFile::read_header() {
   const size_t n_byte = size_of_regular_file(descriptor_);
   npy::LocatedHeader located;
   try {
-    located = npy::read_header(
-        [&](uint64_t offset, size_t n, void* bytes) { read_bytes(descriptor_, offset, bytes, n); });
+    located =
+        npy::read_header([&](uint64_t offset, size_t n, void* bytes) { read_bytes(descriptor_, offset, bytes, n); });
   } catch (const std::runtime_error& error) {
     throw Error("not a .npy file that can be read ({})", error.what());
   }
@@ -128,8 +129,8 @@ void NpyFile::read_header() {
   }
 }
 
-// A line is what stands together in the file: a row, or a column in Fortran order. Lines that are read whole stand one
-// behind the other and are read as one run.
+// A line is a row, or a column in Fortran order: values that are contiguous in the file. Whole lines stand one behind
+// the other and are read as one run.
 void NpyFile::read(const Block& block, float* to, size_t row_stride) const {
   const size_t line_length = fortran_order_ ? n_row_ : n_col_;
   const size_t first_line = fortran_order_ ? block.first_col : block.first_row;
@@ -150,7 +151,7 @@ void NpyFile::read(const Block& block, float* to, size_t row_stride) const {
   }
 }
 
-// At most a chunk. `to` has room for whole groups of halves.
+// Reads at most one chunk. `to` has room for whole groups of eight halves.
 void NpyFile::read_values(size_t first, size_t n_value, float* to) const {
   alignas(double) std::array<std::byte, n_chunk * sizeof(double)> bytes;
   const size_t n_byte = n_value * size_of(type_);
@@ -195,7 +196,7 @@ void write_npy_values(const ByteSink& sink, const float* values, size_t n_value,
 void write_npy(const ByteSink& sink, const Matrix& matrix) {
   write_npy_header(sink, matrix.n_row, matrix.n_col, false);
   if (matrix.row_stride == matrix.n_col) return write_npy_values(sink, matrix.row(0), matrix.values.size(), false);
-  std::vector<float> gathered;  // of short rows, for fewer and longer pieces
+  std::vector<float> gathered;  // several short rows together, for fewer and longer writes
   gathered.reserve(std::max(n_chunk, matrix.n_col));
   for (size_t r = 0; r < matrix.n_row; ++r) {
     gathered.insert(gathered.end(), matrix.row(r), matrix.row(r) + matrix.n_col);

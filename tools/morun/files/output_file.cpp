@@ -19,7 +19,7 @@ Error cannot_write(const fs::path& path, int error) {
   return Error("{}: cannot be written: {}", path == "-" ? "standard output" : path.native(), std::strerror(error));
 }
 
-// The one path of a file, which need not exist: behind symbolic links, of which the last may lead to nothing.
+// Returns the path behind all symbolic links. The file need not exist; the last link may lead to nothing.
 fs::path behind_links(fs::path path) {
   constexpr int longest_chain = 40;
   std::error_code error;

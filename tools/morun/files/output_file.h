@@ -10,26 +10,27 @@
 
 namespace tool {
 
-// A file to be written and then committed. Until then a file of that name is what it was, and without a commit it stays
-// so. What is written gathers in a temporary file in the same folder; a symbolic link stays a link, and the file that the
-// link leads to is replaced. A new file has the usual permissions, a replaced file keeps its own.
+// A file that is written and then committed. Before the commit, and without one, an existing file of that name stays as
+// it was. The bytes go to a temporary file in the same folder. When the name is a symbolic link, the link stays and the
+// file behind it is replaced. A new file has the usual permissions; a replaced file keeps its own.
 //
-// Devices and pipes are written directly, and so is standard output, which "-" names: bytes that have been written to
-// these stay there without a commit.
+// Devices, pipes and standard output, which "-" names, are written directly. Bytes written to them stay there even
+// without a commit.
 class OutputFile {
  public:
-  // Throws an Error that names the file and the cause where the file cannot be written. A pipe waits here for its reader.
+  // Throws an Error that names the file and the cause when the file cannot be written. For a pipe, the constructor
+  // waits for a reader.
   explicit OutputFile(const std::filesystem::path& path);
 
-  // Throws an Error where not all bytes can be written.
+  // Throws an Error when not all bytes can be written.
   void write(const void* bytes, size_t n_byte);
 
-  // Called once, after the last write. Throws an Error, and the file is what it was.
+  // Must be called once, after the last write. Throws an Error when it fails; an existing file is then as it was.
   void commit();
 
   const std::filesystem::path& name() const { return name_; }  // as given
 
-  // Where the bytes go: one path for each file, behind links. "-" is standard output.
+  // The path that the bytes go to, behind all links: one path for each file. "-" is standard output.
   const std::filesystem::path& target() const { return target_; }
 
  private:

@@ -25,7 +25,7 @@ sigset_t interruption_set() {
   return set;
 }
 
-// Interruptions of this thread wait for the end of the scope.
+// Signals that interrupt this thread wait until the end of the scope.
 class InterruptionsWait {
  public:
   InterruptionsWait() {
@@ -44,7 +44,7 @@ std::system_error last_error() {
   return std::system_error(errno, std::generic_category());
 }
 
-// A handler may read an entry at any moment: entries are never freed.
+// A signal handler may read an entry at any moment, so entries are never freed.
 struct Entry {
   std::atomic<bool> is_taken = false;
   std::atomic<bool> names_file = false;
@@ -58,7 +58,8 @@ size_t take_entry() {
   return static_cast<size_t>(entry - entries.begin());
 }
 
-// The handler's installation has put the default action back, so that the signal raised here ends the program.
+// The handler is installed so that the default action is restored first. The signal that is raised here then ends the
+// program.
 void remove_all_and_end(int signal) {
   for (const Entry& entry : entries) {
     if (entry.names_file) unlink(entry.path);

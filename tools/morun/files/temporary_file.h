@@ -1,4 +1,4 @@
-// Files that exist while they are written, and that nobody finds left over when the program is interrupted.
+// Files that exist only while they are written, and that are removed when the program is interrupted.
 #pragma once
 
 #include <cstddef>
@@ -8,15 +8,16 @@
 
 namespace tool {
 
-// Makes SIGHUP, SIGINT, SIGPIPE and SIGTERM remove all temporary files before they end the program as they always do. A
-// signal that the program was started to ignore stays ignored. A main function calls this once; a library does not.
+// Installs handlers by which SIGHUP, SIGINT, SIGPIPE and SIGTERM remove all temporary files before they end the program
+// as usual. A signal that was ignored when the program started stays ignored. A main function calls this once; a
+// library does not.
 void remove_temporary_files_on_interruption();
 
-// A new file under a name that nobody can foresee, open for writing, with permissions for its owner alone. Its destructor
-// removes the file. At most 16 exist at a time.
+// A new file under an unpredictable name, open for writing, with permissions for its owner alone. The destructor
+// removes the file. At most 16 such files exist at a time.
 class TemporaryFile {
  public:
-  // Creates the file in `folder`. Throws a std::system_error whose code tells why that failed.
+  // Creates the file in `folder`. Throws a std::system_error whose code gives the reason when that fails.
   explicit TemporaryFile(const std::filesystem::path& folder);
   ~TemporaryFile();
   TemporaryFile(const TemporaryFile&) = delete;
@@ -24,12 +25,12 @@ class TemporaryFile {
 
   int descriptor() const { return descriptor_.number(); }
 
-  // Closes the file and gives it the name `target`, replacing a file of that name in one step. Both are in one file
-  // system. Throws a std::system_error, and the file is still temporary.
+  // Closes the file and gives it the name `target`, replacing an existing file in one step. Both names must be in one
+  // file system. On failure, it throws a std::system_error and the file is still temporary.
   void rename_to(const std::filesystem::path& target);
 
  private:
-  size_t entry_;  // in the table that interruptions read
+  size_t entry_;  // index in the table that the signal handler reads
   Descriptor descriptor_;
 };
 

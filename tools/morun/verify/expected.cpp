@@ -13,16 +13,16 @@ namespace {
 
 constexpr double u = 0x1p-24;               // half the relative step of f32
 constexpr double f32_half_step = 0x1p-150;  // half the smallest step of f32
-constexpr double f32_whole = 0x1p24;        // f32 holds all integers up to it
+constexpr double f32_whole = 0x1p24;        // the largest number up to which f32 holds all integers
 
 using Elements = std::vector<Expected>;
 
 // ---- Halves on the DSP ---------------------------------------------------------------------------------------------
 
-// The sum s of the n products has at most n roundings in f32, in any order: it is off by
+// The sum s of the n products is rounded in f32 at most n times, in any order. The error of s is at most
 //   a = n u / (1 - n u) * sum |x w|,
-// or not at all where all terms are whole numbers and sum |x w| <= 2^24. Rounding it to a half adds at most half a step
-// of the halves around |s| + a.
+// and 0 when all terms are whole numbers and sum |x w| <= 2^24. Rounding s to a half adds at most half a step of the
+// halves around |s| + a.
 double half_product_bound(double sum, double absolute_sum, size_t n, bool is_whole) {
   if (is_whole && absolute_sum <= f32_whole) return std::abs(half::round(sum) - sum);
   const double n_u = static_cast<double>(n) * u;
@@ -57,8 +57,9 @@ Elements products_of_halves(const Matrix& x, const Matrix& w) {
 
 // ---- Halves on the host --------------------------------------------------------------------------------------------
 
-// The reference kernels say in which order they round what: their results are exact, bit by bit. In the lower interface
-// whole blocks of four rows have eight sums, added up in f32; the rows that are left have sixteen, added up in halves.
+// The reference kernels have a prescribed order of roundings, so their results are exact, bit by bit. In the lower
+// interface, whole blocks of four rows have eight sums, which are added up in f32. The remaining rows have sixteen
+// sums, which are added up in halves.
 float reference_in_block(const std::vector<double>& x, const std::vector<double>& w) {
   std::array<double, 8> lane = {};
   for (size_t k = 0; k < x.size(); ++k) lane[k % 8] = half::fused(x[k], w[k], lane[k % 8]);
@@ -76,7 +77,7 @@ double reference_in_row(const std::vector<double>& x, const std::vector<double>&
   return add(add(part[0], part[1]), add(part[2], part[3]));
 }
 
-// The upper interface's: four sums in f32, and then what is left of the terms.
+// In the upper interface, there are four sums in f32, and then the remaining terms are added.
 double reference_in_lanes(const std::vector<double>& x, const std::vector<double>& w) {
   std::array<float, 4> lane = {};
   const size_t n_in_lanes = x.size() / 4 * 4;
@@ -116,7 +117,7 @@ struct QuantisedRow {
   double scale = 0;
 };
 
-// As the quantiser of activations is defined, each step in f32.
+// Quantises an activation row by the definition, with each step in f32.
 QuantisedRow quantise(const float* x, size_t n) {
   float largest = 0;
   for (size_t k = 0; k < n; ++k) largest = std::fmax(largest, std::fabs(x[k]));
@@ -157,7 +158,7 @@ double rounding_of(int64_t integer) {
 // The exact value is t * a * w with t = acc - 128 S_w - z S_a + 128 z K, the activation's scale a and the column's scale
 // w. In f32, acc and each of the three steps to t are rounded where they are beyond 2^24, which leads t away by
 //   e = u (|acc| + |t1| + |t2| + |t3|) * (1 + 4 u);
-// multiplying by a and by w then has two roundings of a relative u, or of half the smallest step:
+// multiplying by a and by w then rounds twice, by a relative u or by half the smallest step:
 //   bound = (e + (2 u + u^2) (|t| + e)) a w + (w + 1) 2^-150.
 Expected dequantise(int64_t acc, const QuantisedRow& row, const WeightOperand& weights, size_t c) {
   const int64_t z = weights.zero_points[c];
@@ -171,7 +172,7 @@ Expected dequantise(int64_t acc, const QuantisedRow& row, const WeightOperand& w
   return {exact, e * scale + products + (weights.scales[c] + 1) * f32_half_step};
 }
 
-// The sums of row r of the activation, whose bytes are given.
+// Returns the sums of row r of the activation. `bytes` are the row's quantised values.
 using Sums = std::function<std::vector<int64_t>(size_t r, const std::vector<int>& bytes)>;
 
 Elements dequantised(const Matrix& x, const WeightOperand& weights, const Sums& sums_of) {

@@ -1,4 +1,4 @@
-// What a kernel has to give, computed apart from the library, and how far its roundings may lead away from that.
+// The results that a kernel must give, computed independently of the library, with bounds for the kernel's roundings.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,13 @@ namespace tool {
 
 struct Expected {
   double value;
-  double bound;  // of |result - value|; a value that is not finite has to be met
+  double bound;  // of |result - value|; a value that is not finite must be met exactly
 };
 
-// Elements of result i, row after row.
+// Returns the elements of result i, row after row.
 std::vector<Expected> expected_product(const Kernel& kernel, const OperandSet& operands, size_t i);
 
-// The same of a quantised kernel that finds PreparedCall::earlier_sum(i, ...) for the sums of its products.
+// Returns the same for a quantised kernel that reads PreparedCall::earlier_sum(i, ...) as the sums of its products.
 std::vector<Expected> expected_of_earlier_sums(const OperandSet& operands, size_t i);
 
 }  // namespace tool

@@ -1,4 +1,5 @@
-// Compares results with what is expected; remembers the first failure and the element that takes most of its bound.
+// Compares results with expected values. Remembers the first failure, and the element that uses the largest share of
+// its bound.
 #pragma once
 
 #include <fmt/format.h>
@@ -12,7 +13,7 @@ namespace tool {
 
 class Judge {
  public:
-  // `name_place` gives the element a name when it fails.
+  // `name_place` returns the name of the element for the failure's text.
   template <typename NamePlace>
   void judge(const Expected& expected, double result, const NamePlace& name_place) {
     if (!is_within_bound(expected, result)) {
@@ -24,7 +25,7 @@ class Judge {
     if (n_failure_++ == 0) first_failure_ = what;
   }
 
-  // Zeros, or values within their own bound, would pass where nothing was computed.
+  // A kernel that computes nothing would pass where all expected values are zero or within their own bounds.
   void require_telling_values() {
     if (2 * n_telling_ < n_element_) fail("what is expected is mostly zero");
   }
@@ -32,7 +33,7 @@ class Judge {
   bool has_elements() const { return n_element_ > 0; }
   double deviation() const { return deviation_; }
   double bound() const { return bound_; }
-  // Empty where nothing failed.
+  // Returns an empty string when nothing failed.
   std::string failure() const;
 
  private:

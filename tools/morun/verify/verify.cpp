@@ -26,8 +26,8 @@ struct Case {
   const Kernel* kernel;
   ProductShape shape;
   Values values;
-  std::vector<size_t> sessions;  // of each weight matrix
-  size_t row_gap = 0;            // upper: elements between the result's rows
+  std::vector<size_t> sessions;  // the session of each weight matrix
+  size_t row_gap = 0;            // for the upper interface: elements between the result's rows
 };
 
 struct Extents {
@@ -39,7 +39,7 @@ constexpr Extents quick_extents[] = {{1, 32, 32}, partial_tiles, {96, 64, 160}};
 constexpr Extents more_extents[] = {{2, 4096, 32}, {3, 32, 4096},  {65, 32, 64},
                                     {200, 96, 64}, {96, 160, 224}, {224, 352, 416}};
 constexpr Extents test_sizes[] = {{1, 32, 32}, {100, 32, 32}, {4099, 32, 32}};  // rows are bytes
-constexpr Extents free_extents = {7, 5, 11};                                    // for those that take any
+constexpr Extents free_extents = {7, 5, 11};                                    // for kernels that take any extents
 constexpr size_t some_gap = 8;
 
 // Q has fewer columns than K and V.
@@ -97,8 +97,8 @@ enum class Outcome { product, earlier_sums, refused };
 
 struct Design {
   std::vector<Outcome> outcomes;  // of each weight matrix
-  std::string note;               // empty: nothing differs
-  const char* refused_call = "";  // part of its text in the error record
+  std::string note;               // empty: the outcome is the product
+  const char* refused_call = "";  // a part of the call's text in the error record
 };
 
 Design design_of(const Kernel& kernel, const std::vector<size_t>& sessions) {
@@ -127,7 +127,7 @@ Design design_of(const Kernel& kernel, const std::vector<size_t>& sessions) {
   return design;
 }
 
-// Empty: nothing differs.
+// Returns an empty string when the outcome is the product.
 std::string upper_note(const Case& c) {
   const UpperForm& form = c.kernel->form;
   std::string note;
@@ -142,11 +142,11 @@ std::string upper_note(const Case& c) {
 
 struct Finding {
   Judge judge;
-  std::string by_design, left_out;  // what and why; empty: it is not
+  std::string by_design, left_out;  // what differs by design, and what was left out and why; empty: nothing
   double milliseconds = 0;
 };
 
-// The status of the call; adds its time to the finding.
+// Returns the status of the call, and adds its time to the finding.
 uint32_t run_timed(const Kernel& kernel, const Call& call, Finding& finding) {
   const auto start = std::chrono::steady_clock::now();
   const uint32_t status = kernel.run(call);
@@ -159,7 +159,7 @@ std::string error_text(uint32_t status) {
 }
 
 void judge_test(const Case& c, Region& region, tavik_context* context, Finding& finding) {
-  constexpr size_t n_behind = 256;  // bytes that have to stay
+  constexpr size_t n_behind = 256;  // bytes behind a result that must not change
   const size_t n_byte = c.shape.n_row;
   region.clear();
   auto* const bytes = region.at<uint8_t>(region.take(n_byte + n_behind));
@@ -215,8 +215,8 @@ void judge_status(uint32_t status, const Design& design, Judge& judge) {
   if (status != TAVIK_SUCCESS && message.find(design.refused_call) == std::string::npos) judge.fail(error_text(status));
 }
 
-// Kernels make the session of their weights active and lock the matrix unit for it: they find it unlocked. The single
-// a8w4 product runs on session 0 as it is, which has to be active and to have the lock.
+// Kernels activate the session of their weights and lock the matrix unit for it, so they find it unlocked. The single
+// a8w4 product runs on session 0 without looking up a session, so session 0 must be active and must hold the lock.
 void prepare_device(const Kernel& kernel, tavik_context* context, SessionRegions& regions) {
   if (kernel.operands != Operands::converted || kernel.weights != WeightKind::a8w4 || kernel.n_weights != 1) {
     const int32_t status = tavik_unlock_compute_device(context);
@@ -305,7 +305,7 @@ void print_row(const Case& c, const Finding& finding, const std::string& verdict
   std::fflush(stdout);
 }
 
-// Examines one case after the other and prints what it finds.
+// Runs one case after the other and prints the findings.
 class Report {
  public:
   explicit Report(size_t n_case) : n_case_(n_case) {
@@ -349,7 +349,7 @@ class Report {
   size_t n_done_ = 0, n_good_ = 0, n_by_design_ = 0, n_failed_ = 0, n_left_out_ = 0;
 };
 
-// Limits and region size under which all cases fit.
+// Limits and a region size that suffice for all cases.
 struct Room {
   explicit Room(std::span<const Case> cases) : options(default_options()) {
     options.n_row_max = options.input_matrix_size_max = options.output_matrix_size_max = 0;
@@ -396,7 +396,7 @@ void verify_upper(std::span<const Case> cases, uint64_t seed, Report& report) {
 
 }  // namespace
 
-// One interface after the other: on a device both together may be more than the DSP has room for.
+// Examines one interface after the other, because a device's DSP may lack room for both at once.
 void verify(const VerifyArguments& arguments) {
   const std::vector<Case> cases = make_cases(arguments);
   const auto upper = std::ranges::find_if(cases, [](const Case& c) { return c.kernel->is_upper(); });

@@ -1,0 +1,676 @@
+// The C++ layer: products against plain ones, statuses and texts of every way to fail, and what is left behind.
+
+#include <fnmatch.h>
+
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <random>
+
+#include "include/morun_weights.hpp"
+#include "tests/packed_matrix.h"
+#include "tests/support.h"
+
+namespace {
+
+using morun::a8w4, morun::a8w8, morun::f16;
+using morun::Misuse, morun::Origin;
+using Floats = std::vector<float>;
+
+Floats random_values(uint64_t n) {
+  static std::mt19937 generator(7);
+  Floats values(n);
+  for (float& value : values) value = std::normal_distribution<float>()(generator);
+  return values;
+}
+
+// Row-major n_row x n_inner times n_inner x n_col, or times the transpose of n_col x n_inner.
+std::vector<double> plain_product(const Floats& x, const Floats& w, uint64_t n_row, uint64_t n_inner, uint64_t n_col,
+                                  bool is_transposed = false) {
+  std::vector<double> a(n_row * n_col);
+  for (uint64_t i = 0; i < a.size(); ++i)
+    for (uint64_t k = 0, r = i / n_col, c = i % n_col; k < n_inner; ++k)
+      a[i] += double{x[r * n_inner + k]} * double{w[is_transposed ? c * n_inner + k : k * n_col + c]};
+  return a;
+}
+
+double relative_error(const std::vector<double>& expected, const Floats& actual) {
+  double differences = 0, squares = 0;
+  for (size_t i = 0; i < expected.size(); ++i) {
+    differences += std::pow(expected[i] - double{actual[i]}, 2);
+    squares += expected[i] * expected[i];
+  }
+  return std::sqrt(differences / squares);
+}
+
+// What a result says: "", or whose status, which one, and the text.
+template <typename T>
+std::string said(const morun::Result<T>& result) {
+  static const char* const origins[] = {"tavik", "morun", "weights", "layer"};
+  if (result) return "";
+  const morun::Error& error = result.error();
+  return std::string(origins[static_cast<int>(error.origin)]) + " " + std::to_string(error.code) + " " + error.text;
+}
+
+// A '*' in the expectation stands for words that are not this layer's.
+void expect_said(const std::string& actual, const std::string& expected) {
+  EXPECT_EQ(fnmatch(expected.c_str(), actual.c_str(), 0), 0) << actual << "\n  is not\n" << expected;
+}
+
+void fail_once(int32_t operation, int32_t method = -1, uint32_t nth = 1) {
+  parlo_emulator_fail(operation, method, nth, 0x77, EIO);
+}
+
+size_t n_invocation() {
+  size_t n = 0;
+  for (const std::string& name : test::trace()) n += isdigit(name[0]) != 0;
+  return n;
+}
+
+class MorunHpp : public test::PlatformTest {
+ protected:
+  static morun::Context open(const morun::Limits& limits = morun::Limits::up_to(70, 160, 160)) {
+    return morun::or_throw(morun::Context::open(limits));
+  }
+  template <typename Form>
+  static morun::Weights<Form> random_weights(const morun::Context& context, uint64_t n_inner, uint64_t n_col) {
+    return morun::or_throw(morun::pack<Form>(context, {random_values(n_inner * n_col), n_inner, n_col}));
+  }
+};
+
+struct Shape {
+  uint64_t n_row, n_inner, n_col;
+};
+const Shape shapes[] = {{64, 96, 160}, {5, 33, 45}, {1, 32, 31}, {70, 130, 32}, {3, 1, 1}};
+
+template <typename Form>
+void check_products(double bound) {
+  const morun::Context context = morun::or_throw(morun::Context::open(morun::Limits::up_to(70, 160, 160)));
+  for (const auto& [n_row, n_inner, n_col] : shapes) {
+    SCOPED_TRACE(testing::Message() << n_row << " x " << n_inner << " x " << n_col);
+    const Floats x = random_values(n_row * n_inner), w = random_values(n_inner * n_col);
+    const morun::WeightValues sources[] = {{w, n_inner, n_col}, morun::transposed({w, n_col, n_inner})};
+    for (const bool is_transposed : {false, true}) {
+      const morun::WeightValues& source = sources[is_transposed];
+      const auto weights = morun::or_throw(morun::pack<Form>(context, source));
+      EXPECT_EQ(weights.n_inner(), n_inner);
+      EXPECT_EQ(weights.n_col(), n_col);
+
+      // The values around the result stay.
+      Floats a(n_row * n_col + 2, -7.5f);
+      const std::span<float> inner(a.data() + 1, n_row * n_col);
+      ASSERT_EQ(said(morun::multiply({x, n_row, n_inner}, weights, {inner, n_row, n_col})), "");
+      EXPECT_EQ(a.front(), -7.5f);
+      EXPECT_EQ(a.back(), -7.5f);
+      const auto expected = plain_product(x, w, n_row, n_inner, n_col, is_transposed);
+      EXPECT_LT(relative_error(expected, Floats(inner.begin(), inner.end())), n_inner > 1 ? bound : 2);
+
+      // The companion library packs the same bytes by its quantiser `library`, and other ones otherwise.
+      const auto same = morun::or_throw(morun::pack<Form>(context, source, {.quantiser = morun::Quantiser::library}));
+      EXPECT_TRUE(std::ranges::equal(same.operand().bytes, weights.operand().bytes));
+      EXPECT_EQ(same.operand().sum_offset, weights.operand().sum_offset);
+      const auto better = morun::or_throw(morun::pack<Form>(context, source, {}));
+      ASSERT_EQ(said(morun::multiply({x, n_row, n_inner}, better, {inner, n_row, n_col})), "");
+      EXPECT_LT(relative_error(expected, Floats(inner.begin(), inner.end())), bound);
+    }
+  }
+}
+
+TEST_F(MorunHpp, ProductsAreThePlainOnesForAnyExtentsInBothOrders) {
+  check_products<f16>(0.001);
+  check_products<a8w8>(0.02);
+  check_products<a8w4>(0.2);
+}
+
+// Leaves a session room for two such matrices beside its cross-session buffers.
+template <typename Form>
+void make_sessions_small(const morun::Limits& limits, uint64_t n_inner, uint64_t n_col) {
+  const morun::Context context = morun::or_throw(morun::Context::open(limits));
+  const Floats w(n_inner * n_col);
+  const auto first = morun::pack<Form>(context, {w, n_inner, n_col}),
+             second = morun::pack<Form>(context, {w, n_inner, n_col});
+  test::configure([](auto& config) { config.session_bytes = test::usage().n_bytes; });
+}
+
+// Two and three products at once give what the products give one by one, in one call of the DSP where that is possible.
+template <typename Form>
+void check_fused(uint64_t n_col_1, uint64_t n_col_2, bool has_sessions, size_t n_call_2, size_t n_call_3,
+                 const std::string& expected = "") {
+  SCOPED_TRACE(testing::Message() << n_col_1 << " " << n_col_2 << " " << has_sessions);
+  parlo_emulator_reset();
+  constexpr uint64_t n_row = 7, n_inner = 40, n_col = 50;
+  const morun::Limits limits = morun::Limits::up_to(n_row, n_inner, 96);
+  if (has_sessions) make_sessions_small<Form>(limits, n_inner, n_col);
+  const morun::Context context = morun::or_throw(morun::Context::open(limits));
+  const Floats x = random_values(n_row * n_inner);
+  const uint64_t widths[] = {n_col, n_col_1, n_col_2};
+  std::vector<morun::Weights<Form>> w;
+  for (const uint64_t width : widths)
+    w.push_back(morun::or_throw(morun::pack<Form>(context, {random_values(n_inner * width), n_inner, width})));
+  ASSERT_EQ(w[0].session(), 0u);
+  ASSERT_EQ(w[2].session() != 0, has_sessions);
+  std::vector<Floats> one_by_one, a_2, a_3;
+  for (size_t i = 0; i < 3; ++i) {
+    for (auto* const results : {&one_by_one, &a_2, &a_3}) results->push_back(Floats(n_row * widths[i]));
+    const auto done = morun::multiply({x, n_row, n_inner}, w[i], {one_by_one[i], n_row, widths[i]});
+    ASSERT_EQ(said(done), i == 2 ? expected : "");
+  }
+  // Sessions and unit are where the calls want them.
+  const morun::Matrix<const float> activation(x, n_row, n_inner);
+  const morun::Matrix<float> b[] = {{a_2[0], n_row, n_col}, {a_2[1], n_row, n_col_1}};
+  const morun::Matrix<float> c[] = {{a_3[0], n_row, n_col}, {a_3[1], n_row, n_col_1}, {a_3[2], n_row, n_col_2}};
+  (void)morun::multiply(activation, w[0], b[0]);
+  parlo_emulator_trace_clear();
+  ASSERT_EQ(said(morun::multiply(activation, w[0], w[1], b[0], b[1])), "");
+  EXPECT_EQ(n_invocation(), n_call_2);
+  EXPECT_EQ(a_2[0], one_by_one[0]);
+  EXPECT_EQ(a_2[1], one_by_one[1]);
+  parlo_emulator_trace_clear();
+  ASSERT_EQ(said(morun::multiply(activation, w[0], w[1], w[2], c[0], c[1], c[2])), expected);
+  if (!has_sessions) {
+    EXPECT_EQ(n_invocation(), n_call_3);
+  }
+  EXPECT_EQ(a_3[0], expected.empty() ? one_by_one[0] : Floats(n_row * n_col));
+  EXPECT_EQ(a_3[1], expected.empty() ? one_by_one[1] : Floats(n_row * n_col_1));
+  EXPECT_EQ(a_3[2], one_by_one[2]);
+}
+
+TEST_F(MorunHpp, FusedProductsAreThoseOfSingleCallsInOneCallWherePossible) {
+  for (const auto check : {check_fused<f16>, check_fused<a8w8>, check_fused<a8w4>}) {
+    check(50, 50, false, 1, 1, "");
+    check(64, 33, false, 1, 1, "");  // the same number of tiles
+    check(70, 70, false, 2, 1, "");
+    check(70, 20, false, 2, 3, "");
+  }
+}
+
+TEST_F(MorunHpp, FusedProductsInSeveralSessionsAreComputedOneByOne) {
+  check_fused<f16>(50, 50, true, 1, 0);
+  check_fused<a8w8>(50, 50, true, 1, 0);
+  check_fused<a8w4>(50, 50, true, 1, 0,
+                    "layer 5 weights a8w4 in session 1 are multiplied alone, which takes session 0");
+}
+
+TEST_F(MorunHpp, MultipliesAlonesA8w4AfterAnotherSessionWasActive) {
+  make_sessions_small<f16>(morun::Limits::up_to(7, 40, 50), 40, 50);
+  const morun::Context context = open(morun::Limits::up_to(7, 40, 50));
+  const auto first = random_weights<a8w4>(context, 40, 50);
+  std::vector<morun::Weights<f16>> others;
+  do others.push_back(random_weights<f16>(context, 40, 50));
+  while (others.back().session() == 0);
+  const Floats x = random_values(7 * 40);
+  Floats before(7 * 50), a(7 * 50), after(7 * 50);
+  EXPECT_EQ(said(morun::multiply({x, 7, 40}, first, {before, 7, 50})), "");
+  EXPECT_EQ(said(morun::multiply({x, 7, 40}, others.back(), {a, 7, 50})), "");
+  EXPECT_EQ(said(morun::multiply({x, 7, 40}, first, {after, 7, 50})), "");
+  EXPECT_EQ(before, after);
+}
+
+TEST_F(MorunHpp, EveryRefusalHasAStatusAndAText) {
+  const morun::Context context = open(), other_context = open();
+  const auto w = random_weights<a8w8>(context, 40, 50), other = random_weights<a8w8>(other_context, 40, 50);
+  const auto wide = random_weights<a8w8>(context, 40, 51), low = random_weights<a8w8>(context, 41, 50);
+  Floats x(7 * 40), a(7 * 50, 3), many(1200 * 40), many_results(1200 * 50);
+  const morun::Matrix<const float> activation(x, 7, 40);
+  const morun::Matrix<float> result(a, 7, 50);
+  morun::Context moved_from = open();
+  const morun::Context moved_to = std::move(moved_from);
+  auto empty_weights = random_weights<f16>(context, 32, 32);
+  EXPECT_EQ(said(empty_weights.release()), "");
+  morun::Buffer buffer = morun::or_throw(context.allocate(100));
+  EXPECT_EQ(said(buffer.release()), "");
+
+  const struct {
+    std::string got, expected;
+  } cases[] = {
+      {said(morun::Context::open({.n_row = uint64_t{1} << 31})), "tavik 3 tavik_init: *"},
+      {said(context.allocate(uint64_t{1} << 50)), "tavik 1 tavik_buffer_alloc: *"},
+      {said(moved_from.allocate(10)), "layer 1 this context was moved from, released or closed"},
+      {said(moved_from.close()), "layer 1 this context was moved from, released or closed"},
+      {said(morun::pack<f16>(moved_from, {x, 7, 40})), "layer 1 this context was moved from, released or closed"},
+      {said(buffer.release()), "layer 1 this buffer was moved from, released or closed"},
+      {said(empty_weights.release()), "layer 1 this weight matrix was moved from, released or closed"},
+      {said(morun::multiply({many, 7, 32}, empty_weights, result)), "layer 2 a view of 7 x 32 has 48000 values"},
+      {said(morun::multiply({std::span(x).first(7 * 32), 7, 32}, empty_weights, result)),
+       "layer 1 this weight matrix was moved from, released or closed"},
+      {said(morun::multiply(activation, w, {a, 7, 49})), "layer 2 a view of 7 x 49 has 350 values"},
+      {said(morun::multiply({x, (uint64_t{1} << 61) + 7, 40}, w, result)),
+       "layer 2 a view of 2305843009213693959 x 40 has 280 values"},
+      {said(morun::multiply({x, 0, 40}, w, result)), "layer 2 a view of 0 x 40 has 280 values"},
+      {said(morun::multiply(activation, w, {a, 50, 7})),
+       "layer 3 an activation of 7 x 40 and weights of 40 x 50 do not make a result of 50 x 7"},
+      {said(morun::multiply(activation, w, {std::span(a).first(300), 6, 50})),
+       "layer 3 an activation of 7 x 40 and weights of 40 x 50 do not make a result of 6 x 50"},
+      {said(morun::multiply(activation, w, wide, result, result)),
+       "layer 3 an activation of 7 x 40 and weights of 40 x 51 do not make a result of 7 x 50"},
+      {said(morun::multiply(activation, w, w, low, result, result, result)),
+       "layer 3 an activation of 7 x 40 and weights of 41 x 50 do not make a result of 7 x 50"},
+      {said(morun::multiply(activation, w, other, result, result)), "layer 4 the weights belong to different contexts"},
+      {said(morun::multiply({many, 1200, 40}, w, {many_results, 1200, 50})),
+       "tavik 2 multiply: Dimension(s) too large (see tavik_options to adapt)"},
+      {said(morun::pack<a8w8>(context, {x, 7, 41})), "layer 2 a view of 7 x 41 has 280 values"},
+      {said(morun::pack<a8w8>(context, {std::span(x).first(0), 0, 40})),
+       "layer 3 weights of 0 x 40 take no bytes or 4 GiB and more"},
+      {said(morun::pack<a8w4>(context, morun::transposed({std::span(x).first(0), 40, 0}), {})),
+       "layer 3 weights of 0 x 40 take no bytes or 4 GiB and more"},
+  };
+  for (const auto& [got, expected] : cases) expect_said(got, expected);
+  EXPECT_EQ(a, Floats(a.size(), 3));
+  EXPECT_EQ(said(morun::multiply({std::span(x).first(0), 0, 40}, w, {std::span(a).first(0), 0, 50})), "");
+
+  // A matrix of 4 GiB is refused before memory is asked for.
+  const std::span<const float> huge(x.data(), uint64_t{1} << 32);
+  expect_said(said(morun::pack<a8w8>(context, {huge, 1 << 16, 1 << 16})),
+              "layer 3 weights of 65536 x 65536 take no bytes or 4 GiB and more");
+  const morun::Error error = morun::pack<a8w8>(context, {x, 1, 1}).error();
+  EXPECT_TRUE(error.is(Misuse::view));
+  EXPECT_FALSE(error.is(Misuse::extents));
+}
+
+TEST_F(MorunHpp, AFailureOfTheDspIsToldAndLeavesTheResult) {
+  const morun::Context context = open();
+  const auto w = random_weights<f16>(context, 40, 50);
+  const Floats x = random_values(7 * 40);
+  Floats a(7 * 50, 3);
+  EXPECT_EQ(said(morun::multiply({x, 7, 40}, w, {a, 7, 50})), "");
+  const Floats before = a;
+  fail_once(PARLO_EMULATOR_HANDLE_INVOKE);
+  expect_said(said(morun::multiply({random_values(7 * 40), 7, 40}, w, {a, 7, 50})),
+              "tavik 1 multiply: Input/output error in *");
+  EXPECT_EQ(a, before);
+}
+
+TEST_F(MorunHpp, MovesAndReleasesKeepOneOwnerAndLeaveNothing) {
+  const auto n_allocation = [] { return test::usage().n_allocations; };
+  {
+    std::optional<morun::Context> context = open();
+    const uint64_t n_own = n_allocation();
+    std::optional<morun::Buffer> buffer = morun::or_throw(context->allocate(5000));
+    std::memset(buffer->bytes().data(), 1, buffer->bytes().size());
+    EXPECT_EQ(buffer->bytes().size(), 5000u);
+    auto weights = random_weights<a8w8>(*context, 40, 50), others = random_weights<a8w8>(*context, 70, 30);
+    EXPECT_EQ(n_allocation(), n_own + 3);
+
+    const int32_t fd = buffer->fd();
+    morun::Buffer moved = *std::move(buffer);
+    EXPECT_EQ(buffer->fd(), -1);
+    EXPECT_TRUE(buffer->bytes().empty());
+    EXPECT_EQ(buffer->session(), 0u);
+    EXPECT_EQ(moved.fd(), fd);
+    *buffer = std::move(moved);
+    buffer = morun::or_throw(context->allocate(7000));  // the first one ends
+    EXPECT_EQ(n_allocation(), n_own + 3);
+    EXPECT_EQ(buffer->bytes().size(), 7000u);
+
+    const std::byte* const packed = others.operand().bytes.data();
+    weights = std::move(others);
+    EXPECT_EQ(n_allocation(), n_own + 2);
+    EXPECT_EQ(weights.operand().bytes.data(), packed);
+    EXPECT_EQ(others.n_inner() + others.n_col(), 0u);
+    EXPECT_EQ(others.operand().fd, -1);
+
+    others = std::move(weights);
+    (void)morun::Weights(std::move(others));
+    EXPECT_EQ(others.n_inner() + others.n_col(), 0u);
+    expect_said(said(others.release()), "layer 1 this weight matrix was moved from, released or closed");
+    weights = random_weights<a8w8>(*context, 70, 30);
+
+    expect_said(said(context->close()), "layer 6 buffers or weights of the context are still there");
+    buffer.reset();
+    expect_said(said(context->close()), "layer 6 buffers or weights of the context are still there");
+
+    // Weights keep their context.
+    context.reset();
+    const Floats x = random_values(70);
+    Floats a(30);
+    EXPECT_EQ(said(morun::multiply({x, 1, 70}, weights, {a, 1, 30})), "");
+    EXPECT_EQ(said(weights.release()), "");
+    EXPECT_EQ(test::usage().n_handles, 0u);
+  }
+  morun::Context first = open();
+  first = open();
+  EXPECT_EQ(test::usage().n_handles, 1u);
+  EXPECT_EQ(said(first.close()), "");
+  EXPECT_EQ(first.get(), nullptr);
+  EXPECT_EQ(n_allocation(), 0u);
+}
+
+TEST_F(MorunHpp, WhatCannotBeReleasedStaysAndIsReleasedByASecondTry) {
+  testing::internal::CaptureStderr();
+  morun::Context context = open();
+  {
+    morun::Buffer buffer = morun::or_throw(context.allocate(100));
+    fail_once(PARLO_EMULATOR_MUNMAP);
+    expect_said(said(buffer.release()), "tavik 1 tavik_buffer_free: *");
+    EXPECT_EQ(buffer.bytes().size(), 100u);
+    auto weights = random_weights<f16>(context, 32, 32);
+    fail_once(PARLO_EMULATOR_MUNMAP);
+    expect_said(said(weights.release()), "tavik 1 tavik_buffer_free: *");
+    EXPECT_EQ(weights.n_col(), 32u);
+    fail_once(PARLO_EMULATOR_MUNMAP);  // the weights' destructor meets it and goes on
+  }
+  EXPECT_EQ(context.get()->n_buffers, 0u);
+  fail_once(PARLO_EMULATOR_HANDLE_CLOSE);
+  expect_said(said(context.close()), "tavik 1 tavik_cleanup: *");
+  EXPECT_EQ(said(context.close()), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  // Where the second try fails too, the destructor says why.
+  testing::internal::CaptureStderr();
+  {
+    const morun::Context other = open();
+    fail_once(PARLO_EMULATOR_HANDLE_CLOSE, -1, 0);  // and every later time
+  }
+  expect_said(testing::internal::GetCapturedStderr(), "morun: tavik_cleanup: *");
+  parlo_emulator_reset();  // ends the session that would not close
+}
+
+TEST_F(MorunHpp, AFailedPackingOrOpeningLeavesNothing) {
+  fail_once(PARLO_EMULATOR_MMAP, -1, 2);
+  expect_said(said(morun::Context::open(morun::Limits::up_to(32, 32, 32))), "tavik 1 tavik_init: *");
+  EXPECT_EQ(test::usage().n_allocations, 0u);
+  const morun::Context context = open();
+  const uint64_t n_own = test::usage().n_allocations;
+  Floats w(32 * 40, 1);
+  w[3 * 40 + 33] = std::numeric_limits<float>::infinity();
+  morun_weights_statistics statistics = {};
+  expect_said(said(morun::pack<a8w8>(context, {w, 32, 40}, {.statistics = &statistics})), "weights 81 *(3, 33)*");
+  EXPECT_EQ(statistics.n_infinite, 1u);
+  EXPECT_EQ(test::usage().n_allocations, n_own);
+  EXPECT_EQ(said(morun::pack<a8w8>(context, {w, 32, 40}, {.allow_non_finite = true})), "");
+}
+
+TEST_F(MorunHpp, CalibratesOnActivationsOfTheLayer) {
+  const morun::Context context = open();
+  constexpr uint64_t n_row = 64, n_inner = 64, n_col = 32;
+  Floats x = random_values(n_row * n_inner), w = random_values(n_inner * n_col);
+  for (size_t i = 0; i < x.size(); ++i) x[i] += 3 * x[i - i % n_inner];  // columns that hang together
+  morun::Calibration calibration = morun::or_throw(morun::Calibration::create(n_inner));
+  expect_said(said(calibration.add({x, n_row * 2, n_inner / 2})),
+              "layer 3 an activation of 128 x 32 is added to a calibration of 64");
+  expect_said(said(calibration.finish()), "weights 84 *");
+  EXPECT_EQ(said(calibration.add({x, n_row, n_inner})), "");
+  EXPECT_EQ(said(calibration.finish(0.01)), "");
+  double errors[2];
+  for (const bool is_calibrated : {false, true}) {
+    const auto quantiser = is_calibrated ? morun::Quantiser::calibrated : morun::Quantiser::minmax;
+    const auto weights = morun::or_throw(
+        morun::pack<a8w4>(context, {w, n_inner, n_col}, {.quantiser = quantiser, .calibration = &calibration}));
+    Floats a(n_row * n_col);
+    ASSERT_EQ(said(morun::multiply({x, n_row, n_inner}, weights, {a, n_row, n_col})), "");
+    errors[is_calibrated] = relative_error(plain_product(x, w, n_row, n_inner, n_col), a);
+  }
+  EXPECT_LT(errors[1], 0.8 * errors[0]);
+  expect_said(said(morun::pack<a8w4>(context, {w, n_inner, n_col}, {.quantiser = morun::Quantiser::calibrated})),
+              "weights 1 *");
+  const morun::Calibration taken = std::move(calibration);
+  expect_said(said(calibration.finish()), "layer 1 this calibration was moved from, released or closed");
+  expect_said(said(morun::Calibration::create(0)), "weights 2 *");
+}
+
+TEST_F(MorunHpp, ExceptionsAreOptIn) {
+  const morun::Context context = open();
+  try {
+    morun::or_throw(context.allocate(uint64_t{1} << 50));
+    FAIL() << "no exception";
+  } catch (const morun::Failure& failure) {
+    EXPECT_EQ(failure.origin, Origin::tavik);
+    EXPECT_EQ(failure.code, TAVIK_ERROR_FAILURE);
+    EXPECT_EQ(std::string(failure.what()), std::string("tavik_buffer_alloc: ") + tavik_error_get_last()->message);
+  }
+  EXPECT_NO_THROW(morun::or_throw(morun::Result<void>()));
+}
+
+TEST_F(MorunHpp, AnUncheckedFailureEndsTheProgramWithItsText) {
+  const morun::Result<int> failure(morun::Error{Origin::layer, 1, "the text of the failure"}), success(5);
+  EXPECT_EQ(*success, 5);
+  EXPECT_DEATH((void)*failure, "morun: the text of the failure");
+  EXPECT_DEATH((void)success.error(), "the error of a success");
+  EXPECT_DEATH((void)morun::Result<void>().error(), "the error of a success");
+}
+
+// ---- The upper interface --------------------------------------------------------------------------------------------
+
+TEST_F(MorunHpp, NpuMultipliesRecordsAndIsOpenOnce) {
+  constexpr uint64_t n = 32;
+  testing::internal::CaptureStderr();
+  std::optional<morun::Npu> npu = morun::or_throw(morun::Npu::open());
+  expect_said(said(morun::Npu::open()), "layer 8 the process's context is open already");
+  std::optional<morun::NpuBuffer> buffer = morun::or_throw(npu->allocate(n * n * sizeof(uint16_t)));
+  EXPECT_EQ(buffer->fd(), morun_parlo_find_fd(buffer->bytes().data()));
+  const Floats x = random_values(n * n), w = random_values(n * n);
+  Floats a(n * n);
+  tavik_f32_to_f16(n * n, w.data(), buffer->as<uint16_t>());
+  ASSERT_EQ(morun_cpu_rm_to_wh_f16_inplace(n, n, buffer->as<uint16_t>()), 0u);
+  const auto record = [](int32_t type, auto layout, const void* data, uint64_t n_row) {
+    return morun_tensor_matrix(n_row, n, static_cast<morun_tensor_dtype_e>(type), layout, const_cast<void*>(data));
+  };
+  const auto left = record(MORUN_DTYPE_F32, MORUN_LAYOUT_2D_RM, x.data(), n);
+  const auto right = record(MORUN_DTYPE_F16, MORUN_LAYOUT_2D_WH, buffer->bytes().data(), n);
+  const auto result = record(MORUN_DTYPE_F32, MORUN_LAYOUT_2D_RM, a.data(), n);
+  EXPECT_EQ(said(npu->multiply(MORUN_PLATFORM_NPU0, result, left, right)), "");
+  EXPECT_LT(relative_error(plain_product(x, w, n, n, n), a), 0.001);
+
+  const auto wrong = record(MORUN_DTYPE_F32, MORUN_LAYOUT_2D_RM, a.data(), n - 1);
+  tavik_set_error(TAVIK_ERROR_MEMORY, "", "", 0, "%s", "of an earlier failure");
+  expect_said(said(npu->multiply(MORUN_PLATFORM_NPU0, wrong, left, right)),
+              "morun 14 morun_mm_tensor fails with status 14");
+  expect_said(said(npu->allocate(uint64_t{1} << 50)), "morun 1 morun_npu_alloc fails with status 1: *");
+  expect_said(said(npu->close()), "layer 6 buffers or weights of the context are still there");
+
+  npu.reset();
+  expect_said(said(morun::Npu::open()), "layer 8 the process's context is open already");
+  fail_once(PARLO_EMULATOR_MUNMAP);
+  expect_said(said(buffer->release()), "morun 1 morun_npu_free fails with status 1: *");
+  buffer.reset();
+  EXPECT_EQ(test::usage().n_handles, 0u);
+  morun::Npu again = morun::or_throw(morun::Npu::open());
+  EXPECT_EQ(said(again.close()), "");
+  expect_said(said(again.close()), "layer 1 this context was moved from, released or closed");
+  expect_said(said(again.allocate(1)), "layer 1 this context was moved from, released or closed");
+  expect_said(said(again.multiply(MORUN_PLATFORM_CPU, result, left, right)), "layer 1 *");
+  testing::internal::GetCapturedStderr();
+}
+
+// At the first call that opening makes, the second, and so on, the lock at last.
+TEST_F(MorunHpp, AnNpuThatCannotBeOpenedOrLockedLeavesNothing) {
+  testing::internal::CaptureStderr();
+  size_t n_failure = 0;
+  for (int32_t nth = 1; nth < 100; ++nth) {
+    parlo_emulator_reset();
+    fail_once(PARLO_EMULATOR_ANY_OPERATION, -1, static_cast<uint32_t>(nth));
+    morun::Result<morun::Npu> npu = morun::Npu::open();
+    if (npu) break;
+    ++n_failure;
+    EXPECT_TRUE(said(npu).starts_with("morun 1 morun_npu_initialize fails with status 1")) << said(npu);
+    const parlo_emulator_usage left = test::usage();
+    EXPECT_EQ(left.n_allocations + left.n_handles + left.n_mappings, 0u) << nth;
+  }
+  parlo_emulator_reset();
+  EXPECT_EQ(said(morun::Npu::open()), "");
+  EXPECT_GT(n_failure, 10u);
+  EXPECT_LT(n_failure, 98u);
+  testing::internal::GetCapturedStderr();
+}
+
+// ---- Packed files ---------------------------------------------------------------------------------------------------
+
+// A checkpoint of f32 matrices: n_col x n_inner, as frameworks have them.
+struct Matrix {
+  std::string name;
+  uint64_t n_col, n_inner;
+  Floats values;
+};
+
+class PackedFile : public MorunHpp {
+ protected:
+  PackedFile() {
+    std::string header = "{";
+    uint64_t offset = 0;
+    for (const Matrix& m : matrices) {
+      const uint64_t end = offset + m.values.size() * sizeof(float);
+      header += (offset == 0 ? "\"" : ",\"") + m.name + "\":{\"dtype\":\"F32\",\"shape\":[" + std::to_string(m.n_col) +
+                "," + std::to_string(m.n_inner) + "],\"data_offsets\":[" + std::to_string(offset) + "," +
+                std::to_string(end) + "]}";
+      offset = end;
+    }
+    header += "}";
+    std::ofstream stream(checkpoint, std::ios::binary);
+    const uint64_t length = header.size();
+    stream.write(reinterpret_cast<const char*>(&length), sizeof length) << header;
+    for (const Matrix& m : matrices)
+      stream.write(reinterpret_cast<const char*>(m.values.data()),
+                   static_cast<std::streamsize>(m.values.size() * sizeof(float)));
+  }
+  ~PackedFile() override { std::filesystem::remove_all(folder); }
+
+  void pack_file() {
+    morun::Packer packer = morun::or_throw(morun::Packer::create());
+    morun::or_throw(packer.add_source(checkpoint));
+    morun::or_throw(packer.add_rule("up.*", MORUN_WEIGHTS_F16));
+    morun::or_throw(packer.add_rule("q.*", MORUN_WEIGHTS_A8W4));
+    morun::or_throw(packer.run(packed));
+  }
+
+  template <typename Form>
+  void check_product(const morun::Weights<Form>& weights, const Matrix& m, double bound) {
+    const Floats x = random_values(3 * m.n_inner);
+    Floats a(3 * m.n_col);
+    ASSERT_EQ(said(morun::multiply({x, 3, m.n_inner}, weights, {a, 3, m.n_col})), "");
+    EXPECT_LT(relative_error(plain_product(x, m.values, 3, m.n_inner, m.n_col, true), a), bound) << m.name;
+  }
+
+  const std::string folder = std::filesystem::temp_directory_path() / ("morun_hpp_" + std::to_string(getpid()));
+  const bool is_made = std::filesystem::create_directory(folder);
+  const std::string checkpoint = folder + "/model.safetensors", packed = folder + "/packed.safetensors";
+  const std::vector<Matrix> matrices = {
+      {"q.weight", 50, 40, random_values(2000)},    {"up.weight", 70, 33, random_values(2310)},
+      {"down.weight", 32, 64, random_values(2048)}, {"k.weight", 32, 40, random_values(1280)},
+      {"v.weight", 32, 40, random_values(1280)},    {"norm.weight", 1, 5, random_values(5)}};
+};
+
+TEST_F(PackedFile, LoadedWeightsMultiplyInTheirFormAndEndWithTheLastOfThem) {
+  pack_file();
+  std::optional<morun::Context> context = open();
+  const uint64_t n_own = test::usage().n_allocations;
+  std::optional<morun::WeightFile> file = morun::or_throw(morun::WeightFile::open(packed));
+  ASSERT_EQ(file->size(), matrices.size());
+  const morun::Request requests[] = {{"down.weight"}, {"q.weight"}, {"up.weight"}};
+  // Two of the three share no buffer of this size.
+  std::optional<morun::LoadedWeights> loaded =
+      morun::or_throw(morun::load(*file, *context, requests, {.largest_buffer = 12288}));
+  EXPECT_GT(test::usage().n_allocations, n_own + 1);
+  std::optional down = morun::or_throw(loaded->weights<a8w8>(0));
+  const auto q = morun::or_throw(loaded->weights<a8w4>(1));
+  const auto up = morun::or_throw(loaded->weights<f16>(2));
+  expect_said(said(loaded->weights<f16>(1)),
+              "layer 7 the weights of request 1 are packed in form number 3, not in number 1");
+  expect_said(said(loaded->weights<f16>(3)), "weights 2 *");
+  check_product(q, matrices[0], 0.2);
+  check_product(up, matrices[1], 0.001);
+  check_product(*down, matrices[2], 0.02);
+
+  // The bytes are those of packing in memory.
+  const auto same = morun::or_throw(morun::pack<a8w8>(*context, morun::transposed({matrices[2].values, 32, 64}), {}));
+  EXPECT_TRUE(std::ranges::equal(same.operand().bytes, down->operand().bytes));
+
+  Floats values(64 * 32);
+  const uint64_t index = morun::or_throw(file->find("down.weight"));
+  EXPECT_EQ(said(file->verify(index)), "");
+  EXPECT_EQ(said(file->unpack(index, {values, 64, 32})), "");
+  std::vector<double> expected;
+  for (uint64_t i = 0; i < values.size(); ++i) expected.push_back(double{matrices[2].values[i % 32 * 64 + i / 32]});
+  EXPECT_LT(relative_error(expected, values), 0.01);
+  expect_said(said(file->unpack(index, {values, 32, 64})), "layer 3 a tensor of 64 x 32 is unpacked into 32 x 64");
+
+  expect_said(said(loaded->release()), "layer 6 weights of the set are still there");
+  file.reset();
+  context.reset();
+  loaded.reset();
+  check_product(*down, matrices[2], 0.02);
+  EXPECT_EQ(said(down->release()), "");
+  check_product(q, matrices[0], 0.2);
+}
+
+// Weights of a group stand behind one another in one buffer.
+template <typename Form>
+void check_group(const std::string& checkpoint, const std::string& packed, int32_t form) {
+  morun_weights_pack_options options = morun::Packer::default_options();
+  options.form = form;
+  morun::Packer packer = morun::or_throw(morun::Packer::create(options));
+  morun::or_throw(packer.add_source(checkpoint));
+  morun::or_throw(packer.run(packed));
+  const morun::Context context = morun::or_throw(morun::Context::open(morun::Limits::up_to(7, 40, 50)));
+  const auto file = morun::or_throw(morun::WeightFile::open(packed));
+  const morun::Request requests[] = {{"q.weight", 1, true}, {"k.weight", 1, true}, {"v.weight", 1, true}};
+  const auto loaded = morun::or_throw(morun::load(file, context, requests));
+  EXPECT_EQ(context.get()->n_buffers, 1u);
+  std::vector<morun::Weights<Form>> w;
+  std::vector<Floats> one_by_one, a_2, a_3;
+  const Floats x = random_values(7 * 40);
+  for (const uint64_t i : {0, 1, 2}) {
+    w.push_back(morun::or_throw(loaded.template weights<Form>(i)));
+    for (auto* const results : {&one_by_one, &a_2, &a_3}) results->push_back(Floats(7 * w[i].n_col()));
+    morun::or_throw(morun::multiply({x, 7, 40}, w[i], {one_by_one[i], 7, w[i].n_col()}));
+  }
+  a_2[0] = one_by_one[0];
+  parlo_emulator_trace_clear();
+  morun::or_throw(morun::multiply({x, 7, 40}, w[1], w[2], {a_2[1], 7, 32}, {a_2[2], 7, 32}));
+  morun::or_throw(morun::multiply({x, 7, 40}, w[0], w[1], w[2], {a_3[0], 7, 50}, {a_3[1], 7, 32}, {a_3[2], 7, 32}));
+  EXPECT_EQ(n_invocation(), 2u);
+  EXPECT_EQ(a_2, one_by_one);
+  EXPECT_EQ(a_3, one_by_one);
+}
+
+TEST_F(PackedFile, AGroupInOneBufferIsMultipliedInOneCall) {
+  check_group<f16>(checkpoint, packed, MORUN_WEIGHTS_F16);
+  check_group<a8w8>(checkpoint, packed, MORUN_WEIGHTS_A8W8);
+  check_group<a8w4>(checkpoint, packed, MORUN_WEIGHTS_A8W4);
+}
+
+TEST_F(PackedFile, LoadingFailsWithStatusAndTextAndLeavesNothing) {
+  pack_file();
+  const morun::Context context = open();
+  const uint64_t n_own = test::usage().n_allocations;
+  morun::WeightFile file = morun::or_throw(morun::WeightFile::open(packed));
+  const morun::Request known[] = {{"q.weight"}, {"up.weight"}}, twice[] = {{"q.weight"}, {"q.weight"}},
+                       unknown[] = {{"q.weight"}, {"gone.weight"}}, carried[] = {{"norm.weight"}},
+                       group[] = {{"q.weight", 1}, {"up.weight", 1}};
+  const auto said_by = [&](std::span<const morun::Request> requests, const morun::LoadOptions& options = {}) {
+    return said(morun::load(file, context, requests, options));
+  };
+  expect_said(said_by(unknown), "weights 60 *");
+  expect_said(said_by(twice), "weights 90 *");
+  expect_said(said_by(carried), "weights 61 *");
+  expect_said(said_by(group, {.largest_buffer = 16384}), "weights 91 *");
+  expect_said(said_by(known, {.largest_buffer = 100}), "weights 2 *");
+  fail_once(PARLO_EMULATOR_MEM_TO_FD);
+  expect_said(said_by(known), "weights 93 *");
+
+  const uint64_t index = morun::or_throw(file.find("up.weight"));
+  const uint64_t offset = morun::or_throw(file.tensor(index)).file_offset;
+  std::fstream(packed, std::ios::in | std::ios::out).seekp(static_cast<std::streamoff>(offset)).put('\x55');
+  expect_said(said_by(known), "weights 54 *");
+  expect_said(said(file.verify(index)), "weights 54 *");
+  EXPECT_EQ(test::usage().n_allocations, n_own);
+  {
+    morun::LoadedWeights loaded = morun::or_throw(morun::load(file, context, known, {.skip_checksums = true}));
+    fail_once(PARLO_EMULATOR_MUNMAP);
+    expect_said(said(loaded.release()), "weights 93 *");
+    EXPECT_EQ(said(loaded.release()), "");
+    expect_said(said(loaded.release()), "layer 1 this set of weights was moved from, released or closed");
+    expect_said(said(loaded.weights<f16>(0)), "layer 1 this set of weights was moved from, released or closed");
+  }
+  EXPECT_EQ(test::usage().n_allocations, n_own);
+  expect_said(said(file.tensor(matrices.size())), "weights 2 *");
+  const morun::WeightFile taken = std::move(file);
+  expect_said(said(file.find("q.weight")), "weights 1 *");
+  EXPECT_EQ(file.size(), 0u);
+  expect_said(said(morun::WeightFile::open(checkpoint)), "weights 40 *");
+  expect_said(said(morun::WeightFile::open(folder + "/gone")), "weights 10 *");
+  morun::Packer packer = morun::or_throw(morun::Packer::create());
+  expect_said(said(packer.add_source(folder + "/gone.npy")), "weights 10 *");
+  expect_said(said(packer.run(packed)), "weights 71 *");
+}
+
+}  // namespace
