@@ -22,7 +22,7 @@ from ._version import VERSION
 
 F32Array = NDArray[np.float32]
 
-CHUNK = 16 << 20  # bytes of a shared buffer, unless a matrix needs more
+CHUNK = 16 << 20  # bytes of the first shared buffers, unless a matrix needs more
 _PRODUCTS = {
     (form, n): f"tavik_npu_{'' if n == 1 else n}mm_{middle}" for n in (1, 2, 3)
     for form, middle in (("f16", "f32_rm_f32_rm_f16_wh"), ("a8w8", "a8w8_f32_rm_f32_rm_i8f16_wh"),
@@ -104,20 +104,32 @@ class _State:
             offset = chunk.take(size)
             if offset is not None:
                 return chunk, offset
-        pointer, fd, session = ctypes.c_void_p(), ctypes.c_int32(), ctypes.c_uint64()
-        room = max(size, CHUNK)
-        check("tavik_buffer_alloc", self.handle, room, ctypes.byref(pointer), ctypes.byref(fd))
-        check("tavik_context_get_session_from_fd", self.handle, fd, ctypes.byref(session))
-        assert pointer.value is not None
-        chunk = self.chunks[fd.value] = _Chunk(fd.value, pointer.value, room, session.value)
+        # Buffers are few: the more there are, the larger the next.
+        room = max(size, CHUNK << min(4, len(self.chunks) // 4))
+        try:
+            chunk = self.new_chunk(room)
+        except Error:
+            if room == size:
+                raise
+            chunk = self.new_chunk(size)
         offset = chunk.take(size)
         assert offset is not None
         return chunk, offset
 
+    def new_chunk(self, size: int) -> _Chunk:
+        pointer, fd, session = ctypes.c_void_p(), ctypes.c_int32(), ctypes.c_uint64()
+        check("tavik_buffer_alloc", self.handle, size, ctypes.byref(pointer), ctypes.byref(fd))
+        check("tavik_context_get_session_from_fd", self.handle, fd, ctypes.byref(session))
+        assert pointer.value is not None
+        chunk = self.chunks[fd.value] = _Chunk(fd.value, pointer.value, size, session.value)
+        return chunk
+
     def close(self) -> None:
-        if self.handle is None or self.pid != os.getpid():
+        if self.pid != os.getpid():
             return
         with self.lock:
+            if self.handle is None:
+                return
             for handle in list(self.loaded):
                 check_weights("morun_weights_release", handle)
                 self.loaded.discard(handle)
@@ -141,9 +153,10 @@ class Weights:
     """
 
     def __init__(self, context: Context, form: str, n_inner: int, n_col: int, padded: tuple[int, int], fd: int,
-                 session: int, offsets: tuple[int, ...]) -> None:
+                 session: int, offsets: tuple[int, ...], keeper: object = None) -> None:
         self.context, self.form, self.shape = context, form, (n_inner, n_col)
         self._padded, self._fd, self._session, self._offsets = padded, fd, session, offsets
+        self._keeper = keeper  # shared by all weights of a loaded file
 
     def __repr__(self) -> str:
         return f"<morun.Weights {self.shape[0]} x {self.shape[1]}, {self.form}>"
@@ -302,8 +315,7 @@ class Context:
             check_weights("morun_weights_operand_of", handle, index, ctypes.byref(o))
             parts = (o.z_offset, o.s_offset, o.sum_offset) if FORMS[o.form] != "f16" else ()
             result[name] = Weights(self, FORMS[o.form], o.n_inner, o.n_col, (o.padded_n_inner, o.padded_n_col), o.fd,
-                                   o.session, (o.q_offset, *parts))
-            result[name]._keeper = keeper  # type: ignore[attr-defined]
+                                   o.session, (o.q_offset, *parts), keeper)
         return result
 
     # ---- Products ----
