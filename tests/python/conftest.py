@@ -12,6 +12,12 @@ from morun import _library
 hypothesis.settings.register_profile("morun", deadline=None, derandomize=True, max_examples=40)
 hypothesis.settings.load_profile("morun")
 
+
+def pytest_configure(config):
+    config.addinivalue_line("filterwarnings", "error::pytest.PytestUnhandledThreadExceptionWarning")
+    config.addinivalue_line("filterwarnings", "error::pytest.PytestUnraisableExceptionWarning")
+
+
 _platform = ctypes.CDLL(morun.info()["platform"])  # the emulator's, already loaded
 
 

@@ -146,19 +146,31 @@ c.close()
 
 
 def test_a_finalizer_in_the_middle_of_a_call_does_not_disturb_it():
-    """The collector runs all the time, and in it weights that nobody uses go, also in other threads."""
-    with morun.Context() as context:
-        def work():
-            for i in range(60):
-                ring = [context.upload(W), None]
-                ring[1] = ring
-                assert (context.matmul(X, W * (i % 7)) == 40 * (i % 7)).all()
+    """The collector runs all the time, threads take turns all the time, and weights of others go meanwhile."""
+    failures = []
 
-        threshold = gc.get_threshold()
-        gc.set_threshold(1)
-        try:
-            threads = [threading.Thread(target=work) for _ in range(3)]
+    def work(number, context):
+        alive = {}
+        for i in range(150):
+            ring = [context.upload(W * number), None]
+            ring[1] = ring
+            alive[i % 7] = context.upload(np.full((40, 1 + 31 * (i % 5)), number, np.float32))
+            for weights in list(alive.values())[i % 7:]:
+                if not (context.matmul(X, weights) == 40 * number).all():
+                    failures.append(number)
+
+    threshold, interval = gc.get_threshold(), sys.getswitchinterval()
+    gc.set_threshold(1)
+    sys.setswitchinterval(1e-6)
+    try:
+        with morun.Context() as context:
+            threads = [threading.Thread(target=work, args=(number, context)) for number in range(4)]
             [thread.start() for thread in threads]
             [thread.join() for thread in threads]
-        finally:
-            gc.set_threshold(*threshold)
+            gc.collect()
+            context._state.collect()
+            assert [chunk.free for chunk in context._state.chunks.values()] == [{0: morun._context.CHUNK}]
+    finally:
+        gc.set_threshold(*threshold)
+        sys.setswitchinterval(interval)
+    assert not failures
