@@ -1,4 +1,4 @@
-// The checked layout calls: what they refuse and print, and each result element by element between guards.
+// The checked layout calls: each result element by element between guards.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,56 +19,6 @@ using Size = uint64_t;
 struct Shape {
   Size n_row, n_col;
 };
-
-TEST(CpuLayoutChecks, PrintOneLineAndLeaveTheDataAlone) {
-  const Size past_32_bits = (Size{1} << 32) + 33;
-  Vector<uint16_t> halves(64 * 64, 7), before = halves;
-  uint16_t* const data = halves.data();
-  auto* const bytes = reinterpret_cast<uint8_t*>(data);
-  auto* const signed_bytes = reinterpret_cast<int8_t*>(data);
-  auto* const i32 = reinterpret_cast<int32_t*>(data);
-  const std::string null = "NULL ptr provided";
-  struct Refusal {
-    std::string call;
-    uint32_t status;
-    std::string message;
-    std::function<uint32_t()> make;
-  };
-#define REFUSED(status, message, call, ...)                   \
-  Refusal {                                                   \
-#    call, status, message, [=] { return call(__VA_ARGS__); } \
-  }
-#define REFUSED_IN_PLACE(call, p)                                                                                 \
-  REFUSED(10, null, call, 48, 40, nullptr), REFUSED(14, "n_row must be multiple of 32, got 48", call, 48, 40, p), \
-      REFUSED(14, "n_row must be multiple of 32, got 33", call, past_32_bits, 32, p),                             \
-      REFUSED(14, "n_col must be multiple of 32, got 40", call, 64, 40, p),                                       \
-      REFUSED(14, "n_col must be multiple of 32, got -1", call, 0, 0xffffffff, p)
-  const Refusal refusals[] = {
-      REFUSED_IN_PLACE(morun_cpu_rm_to_ah_f16_inplace, data),
-      REFUSED_IN_PLACE(morun_cpu_ah_to_rm_f16_inplace, data),
-      REFUSED_IN_PLACE(morun_cpu_rm_to_wh_f16_inplace, data),
-      REFUSED_IN_PLACE(morun_cpu_rm_to_wh_i8_inplace, signed_bytes),
-      REFUSED(10, null, morun_cpu_rm_to_wh_i8, 48, 32, nullptr, bytes),
-      REFUSED(10, null, morun_cpu_rm_to_wh_i8, 48, 32, bytes, nullptr),
-      REFUSED(14, "n_row must be multiple of 64, got 32", morun_cpu_rm_to_wh_i8, 32, 32, bytes, bytes + 4096),
-      REFUSED(14, "n_row must be multiple of 64, got 33", morun_cpu_rm_to_wh_i8, 48, past_32_bits, bytes, bytes + 4096),
-      REFUSED(14, "n_inner must be multiple of 32, got 48", morun_cpu_rm_to_wh_i8, 48, 64, bytes, bytes + 4096),
-      REFUSED(10, null, morun_cpu_rm_to_wh_i4, nullptr, bytes, 1, 1),
-      REFUSED(10, null, morun_cpu_rm_to_wh_i4, bytes, nullptr, 1, 1),
-      REFUSED(10, null, morun_cpu_ui8i4_ah_to_i32_rm, 1, 32, nullptr, i32),
-      REFUSED(10, null, morun_cpu_ui8i4_ah_to_i32_rm, 1, 32, i32, nullptr)};
-  for (const Refusal& refusal : refusals) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(refusal.make(), refusal.status) << refusal.call;
-    const std::string log = testing::internal::GetCapturedStderr();
-    const std::string head =
-        "[MORUN][ERROR] file = source/morun_cpu_macro/" + refusal.call + ", func = " + refusal.call + ", line = ";
-    const int line = atoi(log.substr(std::min(head.size(), log.size())).c_str());
-    EXPECT_GT(line, 0);
-    EXPECT_EQ(log, head + std::to_string(line) + ": " + refusal.message + "\n");
-  }
-  EXPECT_EQ(halves, before);
-}
 
 // Calls `convert` on memory that holds `before` and expects `after`. Adds to the digest.
 template <class T>

@@ -1,4 +1,5 @@
-// The emulated platform, call by call: what it refuses and with which status, and what it keeps apart.
+// The emulated platform, call by call: what it refuses and with which status, and what it keeps apart. Most stands in
+// tests/transcripts/Emulator*.txt.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,10 +9,177 @@
 
 #include "tests/allocation_shim.h"
 #include "tests/emulator_session.h"
+#include "tests/transcript.h"
 
 namespace {
 
 using namespace test;
+
+// ---- Scripts
+
+using Words = std::vector<std::string>;
+
+Words words_of(const std::string& line) {
+  std::istringstream stream(line);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
+// Plays tests/transcripts/Emulator*.txt, whose commands name sessions and shared buffers as they like.
+class EmulatorScripts : public Transcript {
+ protected:
+  void play() {
+    aftermath = [this] { return std::exchange(told_, ""); };
+    play_script([this](const std::string& command) {
+      const Words words = words_of(command);
+      const auto found = commands_.find(words[0]);
+      ASSERT_NE(found, commands_.end()) << command;
+      found->second({words.begin() + 1, words.end()});
+    });
+  }
+
+ private:
+  // A number, or the descriptor of a buffer.
+  uint64_t value(const std::string& word) {
+    const auto found = buffers_.find(word);
+    return found != buffers_.end() ? static_cast<uint64_t>(found->second.fd) : std::stoull(word, nullptr, 0);
+  }
+  std::vector<uint32_t> values(const Words& words, size_t first) {
+    std::vector<uint32_t> values;
+    for (size_t i = first; i < words.size(); ++i) values.push_back(static_cast<uint32_t>(value(words[i])));
+    return values;
+  }
+  char* address(const Words& words, size_t i) {
+    char* const start = static_cast<char*>(buffers_.at(words[i]).address);
+    if (i + 1 == words.size()) return start;
+    know("inside", start + value(words[i + 1]));
+    return start + value(words[i + 1]);
+  }
+
+  void allocate(const Words& words) {
+    const uint64_t size = value(words[1]);
+    void* const memory =
+        words.size() > 2 ? parlo_mem_alloc(25, 1, static_cast<int>(size)) : parlo_mem_alloc2(25, 1, size);
+    buffers_[words[0]] = {memory, memory == nullptr ? -1 : parlo_mem_to_fd(memory), size};
+  }
+  // How often each byte value stands in a row.
+  void tell_bytes(const Shared& shared) {
+    const auto* const bytes = static_cast<const uint8_t*>(shared.address);
+    for (uint64_t start = 0, end; start < shared.size; start = end) {
+      for (end = start; end < shared.size && bytes[end] == bytes[start]; ++end) continue;
+      told_ += std::to_string(end - start) + " x " + std::to_string(bytes[start]) + " ";
+    }
+  }
+  void tell_usage() {
+    const parlo_emulator_usage u = usage();
+    std::ostringstream told;
+    told << u.n_allocations << " buffers of " << u.n_bytes << " bytes, " << u.n_sessions << " sessions, " << u.n_handles
+         << " handles, " << u.n_mappings << " mappings; freed twice: " << u.n_double_frees
+         << ", never there: " << u.n_foreign_frees << "; faults " << parlo_emulator_faults_fired();
+    told_ += told.str();
+  }
+  void tell_version(const Session& session) {
+    uint32_t label_length = 6, numbers[4] = {7, 7, 7, 7};
+    char label[7] = "xxxxxx";
+    parlo_argument version[] = {{&label_length, 4}, {numbers, 16}, {label, 6}};
+    parlo_handle_invoke(session.handle, PARLO_SCALARS(22, 1, 2), version);
+    for (const uint32_t number : numbers) told_ += std::to_string(number) + " ";
+    told_ += label;
+  }
+  static void configure(const std::string& field, uint64_t value) {
+    test::configure([&](auto& config) {
+      if (field == "session_bytes") config.session_bytes = value;
+      if (field == "allocation_bytes") config.allocation_bytes = value;
+      if (field == "n_sessions") config.n_sessions = static_cast<uint32_t>(value);
+      if (field == "shared_matrix_unit") config.shared_matrix_unit = static_cast<uint32_t>(value);
+    });
+  }
+  // Class; function or "any", with the number of a method behind it; which call; status.
+  static void arm(const Words& words) {
+    const Words classes = {"once", "from_then_on", "truncated", "lost"};
+    parlo_emulator_fault fault = {0, PARLO_EMULATOR_ANY_OPERATION, -1, 0, 0, EIO};
+    fault.fault_class = static_cast<int32_t>(std::find(classes.begin(), classes.end(), words[0]) - classes.begin());
+    const std::string function = words[1].substr(0, words[1].find(':'));
+    for (int32_t i = 0; i < PARLO_EMULATOR_N_OPERATIONS; ++i)
+      if (parlo_emulator_operation_name(i) == function) fault.operation = i;
+    if (function != words[1]) fault.method = std::stoi(words[1].substr(function.size() + 1));
+    fault.nth = static_cast<uint32_t>(std::stoul(words[2]));
+    fault.status = std::stoi(words[3], nullptr, 0);
+    if (fault.nth == 0)
+      parlo_emulator_fail(fault.operation, fault.method, 0, fault.status, EIO);
+    else
+      parlo_emulator_arm(&fault);
+  }
+  void log(const Words& words) {
+    const char* const file = words[1].c_str();
+    if (words.size() == 2) platform_debug_log_configure(static_cast<uint32_t>(value(words[0])), &file, 1);
+    if (words.size() == 3) platform_debug_log(static_cast<int>(value(words[0])), file, 1, "%s", words[2].c_str());
+  }
+
+  std::map<std::string, Session> sessions_;
+  std::map<std::string, Shared> buffers_;
+  std::string told_;
+  char uri_[256] = "";
+  const std::map<std::string, std::function<void(const Words&)>> commands_ = {
+      {"reserve", [this](const Words& w) { return sessions_[w[0]].reserve(); }},
+      {"open", [this](const Words& w) { return sessions_[w[0]].open(); }},
+      {"open_uri",
+       [this](const Words& w) {
+         uint64_t handle = 77;
+         parlo_handle_open(w[0].c_str(), &handle);
+         told_ += handle == 77 ? "no handle" : "a handle";
+       }},
+      {"close", [this](const Words& w) { return sessions_[w[0]].close(); }},
+      {"allow", [this](const Words& w) { return sessions_[w[0]].allow_unsigned(); }},
+      {"in_domain", [this](const Words& w) { sessions_[w[0]].domain = static_cast<int>(value(w[1])); }},
+      {"with_handle", [this](const Words& w) { sessions_[w[0]].handle = value(w[1]); }},
+      {"uri", [this](const Words& w) { return sessions_[w[0]].get_uri(uri_, static_cast<uint32_t>(value(w[1]))); }},
+      {"effective_domain",
+       [this](const Words& w) {
+         parlo_session_effective_domain record{"cdsp", 4, static_cast<uint32_t>(value(w[0])), 0};
+         return control(PARLO_SESSION_EFFECTIVE_DOMAIN, record);
+       }},
+      {"map", [this](const Words& w) { return sessions_[w[0]].map(buffers_.at(w[1])); }},
+      {"unmap", [this](const Words& w) { return sessions_[w[0]].unmap(buffers_.at(w[1])); }},
+      {"mmap",
+       [this](const Words& w) {
+         const Shared& shared = buffers_.at(w[0]);
+         const auto v = values(w, 1);
+         const auto fd = static_cast<int>(v[1]), offset = static_cast<int>(v[2]);
+         return parlo_mmap(static_cast<int>(v[0]), fd, shared.address, offset, v[3], 2);
+       }},
+      {"call", [this](const Words& w) { return sessions_[w[0]].invoke(methods_.at(w[1]), values(w, 2)); }},
+      {"version", [this](const Words& w) { tell_version(sessions_[w[0]]); }},
+      {"allocate", [this](const Words& w) { allocate(w); }},
+      {"free", [this](const Words& w) { parlo_mem_free(w.empty() ? nullptr : address(w, 0)); }},
+      {"descriptor", [this](const Words& w) { return parlo_mem_to_fd(w.empty() ? nullptr : address(w, 0)); }},
+      {"fill", [this](const Words& w) { memset(address({w[0]}, 0), std::stoi(w[1]), buffers_.at(w[0]).size); }},
+      {"bytes", [this](const Words& w) { tell_bytes(buffers_.at(w[0])); }},
+      {"usage", [this](const Words&) { tell_usage(); }},
+      {"configure", [this](const Words& w) { configure(w[0], value(w[1])); }},
+      {"fault", [](const Words& w) { arm(w); }},
+      {"no_fault", [](const Words&) { parlo_emulator_clear_fault(); }},
+      {"log", [this](const Words& w) { log(w); }},
+      {"reset", [this](const Words&) { start_afresh(); }}};
+  const std::map<std::string, uint32_t> methods_ = {
+      {"clear_cache", clear_cache}, {"get_AX", get_AX},       {"put_AX", put_AX},
+      {"acquire", acquire},         {"release", release},     {"lock", lock_unit},
+      {"unlock", unlock_unit},      {"self_test", self_test}, {"multiply_a8w8", 14}};
+};
+
+TEST_F(EmulatorScripts, EmulatorMemory) {
+  play();
+}
+TEST_F(EmulatorScripts, EmulatorSessions) {
+  play();
+}
+TEST_F(EmulatorScripts, EmulatorMatrixUnits) {
+  play();
+}
+TEST_F(EmulatorScripts, EmulatorFaults) {
+  play();
+}
+
+// ---- What a script cannot do
 
 TEST_F(Emulator, DescriptorsAreTheLowestFreeOnesAndReal) {
   const int lowest = dup(0);
@@ -27,119 +195,6 @@ TEST_F(Emulator, DescriptorsAreTheLowestFreeOnesAndReal) {
   EXPECT_EQ(allocate(page).fd, 1025);
 }
 
-TEST_F(Emulator, MemoryIsRefusedAndFoundByItsFirstByteOnly) {
-  EXPECT_EQ(parlo_mem_alloc(25, 1, 0), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(parlo_mem_alloc(25, 1, -4096), nullptr);
-  const Shared shared = allocate((uint64_t{2} << 30) + page);
-  ASSERT_NE(shared.address, nullptr);
-  std::memset(static_cast<char*>(shared.address) + shared.size - 1, 1, 1);
-  EXPECT_EQ(parlo_mem_to_fd(static_cast<char*>(shared.address) + 1), -1);
-  configure([&](auto& config) { config.allocation_bytes = shared.size + page; });
-  EXPECT_EQ(parlo_mem_alloc2(25, 1, page + 1), nullptr);
-  EXPECT_EQ(errno, ENOMEM);
-  EXPECT_NE(parlo_mem_alloc2(25, 1, page), nullptr);
-}
-
-TEST_F(Emulator, OpeningChecksTheUri) {
-  uint64_t handle = 77;
-  const std::pair<std::string, int> cases[] = {
-      {"libtavik_skel.so", PARLO_EMULATOR_BAD_URI},
-      {session_0_uri + "&_session=x", PARLO_EMULATOR_BAD_URI},
-      {"file:///libother_skel.so?tavik_skel_handle_invoke&_modver=1.0&_dom=cdsp", PARLO_EMULATOR_NO_SUCH_MODULE},
-      {"file:///libtavik_skel.so?tavik_skel_handle_invoke&_modver=1.1&_dom=cdsp", PARLO_EMULATOR_NO_SUCH_MODULE},
-      {module_uri + "&_dom=adsp", PARLO_EMULATOR_UNSUPPORTED_DOMAIN},
-      {session_0_uri + "&_session=1", PARLO_EMULATOR_NO_SUCH_SESSION},
-      {session_0_uri, PARLO_EMULATOR_UNSIGNED_REFUSED},
-  };
-  for (const auto& [uri, status] : cases) EXPECT_EQ(parlo_handle_open(uri.c_str(), &handle), status) << uri;
-  EXPECT_EQ(handle, 77u);
-  EXPECT_EQ((Session{.domain = 0}.allow_unsigned()), PARLO_EMULATOR_UNSUPPORTED_DOMAIN);
-  open_first();
-  open_second();
-  EXPECT_EQ(second.open(), PARLO_EMULATOR_SESSION_OPEN);
-  EXPECT_EQ(errno, EBUSY);
-}
-
-TEST_F(Emulator, SessionsOpenAndEndAnyNumberOfTimes) {
-  const Shared shared = allocate(page);
-  for (int round = 0; round < 20; ++round) {
-    uint64_t handle;
-    EXPECT_EQ(parlo_handle_open(session_0_uri.c_str(), &handle), PARLO_EMULATOR_UNSIGNED_REFUSED);
-    open_first();
-    open_second();
-    EXPECT_GT(second.domain, 4);
-    EXPECT_EQ(first.map(shared) + second.map(shared), 0);
-    EXPECT_EQ(first.invoke(get_AX, std::vector<uint32_t>(4, static_cast<uint32_t>(shared.fd))), 0);
-    EXPECT_EQ(first.invoke(acquire) + first.invoke(lock_unit), 0);
-    EXPECT_EQ(second.close() + first.close(), 0);
-    EXPECT_EQ(usage().n_sessions + usage().n_mappings, 0u);
-    for (const uint64_t handle_gone : {first.handle, second.handle, uint64_t{0}, ~uint64_t{0}}) {
-      EXPECT_EQ(parlo_handle_close(handle_gone), PARLO_EMULATOR_BAD_HANDLE);
-      EXPECT_EQ((Session{0, 3, handle_gone}).invoke(clear_cache), PARLO_EMULATOR_BAD_HANDLE);
-    }
-    EXPECT_EQ(first.map(shared), PARLO_EMULATOR_UNSUPPORTED_DOMAIN);
-  }
-}
-
-TEST_F(Emulator, SessionsAreLimitedAndKnowTheirDomain) {
-  configure([](auto& config) { config.n_sessions = 3; });
-  Session third, fourth;
-  EXPECT_EQ(second.reserve() + third.reserve(), 0);
-  EXPECT_NE(second.domain, third.domain);
-  EXPECT_EQ(fourth.reserve(), PARLO_EMULATOR_NO_MORE_SESSIONS);
-  parlo_session_effective_domain record{"cdsp", 4, third.id, 0};
-  EXPECT_EQ(control(PARLO_SESSION_EFFECTIVE_DOMAIN, record), 0);
-  EXPECT_EQ(static_cast<int>(record.effective_domain_id), third.domain);
-  record.session_id = 7;
-  EXPECT_EQ(control(PARLO_SESSION_EFFECTIVE_DOMAIN, record), PARLO_EMULATOR_NO_SUCH_SESSION);
-  char uri[80];
-  EXPECT_EQ(first.get_uri(uri, static_cast<uint32_t>(session_0_uri.size())), PARLO_EMULATOR_BAD_ARGUMENT);
-  EXPECT_EQ(first.get_uri(uri, static_cast<uint32_t>(session_0_uri.size() + 1)), 0);
-  EXPECT_EQ(uri, session_0_uri);
-}
-
-TEST_F(Emulator, MappingsAreChecked) {
-  open_first();
-  const Shared a = allocate(3 * page), b = allocate(page);
-  const auto map = [&](int domain, int fd, int offset, uint64_t length) {
-    return parlo_mmap(domain, fd, a.address, offset, length, 2);
-  };
-  EXPECT_EQ(map(9, a.fd, 0, a.size), PARLO_EMULATOR_UNSUPPORTED_DOMAIN);
-  EXPECT_EQ(map(3, b.fd, 0, a.size), PARLO_EMULATOR_UNKNOWN_DESCRIPTOR);
-  EXPECT_EQ(map(3, a.fd, 0, a.size - 1), PARLO_EMULATOR_WRONG_SIZE);
-  EXPECT_EQ(map(3, a.fd, page, a.size), PARLO_EMULATOR_BAD_ARGUMENT);
-  EXPECT_EQ(first.unmap(a), PARLO_EMULATOR_NOT_MAPPED);
-  EXPECT_EQ(first.map(a), 0);
-  EXPECT_EQ(first.map(a), PARLO_EMULATOR_ALREADY_MAPPED);
-  EXPECT_EQ(parlo_munmap(3, a.fd, a.address, page), PARLO_EMULATOR_WRONG_SIZE);
-}
-
-TEST_F(Emulator, AddressSpacesAreLimitedOneByOne) {
-  configure([](auto& config) { config.session_bytes = 4 * page; });
-  open_first();
-  open_second();
-  const Shared a = allocate(3 * page), b = allocate(2 * page), c = allocate(page);
-  EXPECT_EQ(first.map(a), 0);
-  EXPECT_EQ(first.map(b), PARLO_EMULATOR_ADDRESS_SPACE_FULL);
-  EXPECT_EQ(first.map(c) + second.map(b) + second.map(c) + first.unmap(a) + first.map(b), 0);
-}
-
-TEST_F(Emulator, FreedMemoryStaysMappedBesideItsSuccessor) {
-  open_first();
-  const Shared old = allocate(page);
-  EXPECT_EQ(first.map(old), 0);
-  parlo_mem_free(old.address);
-  EXPECT_EQ(first.invoke(self_test, {16, static_cast<uint32_t>(old.fd)}), 0);
-  const Shared young = allocate(page);
-  ASSERT_EQ(young.fd, old.fd);
-  EXPECT_EQ(first.map(young), 0);
-  EXPECT_EQ(first.invoke(self_test, {1, static_cast<uint32_t>(young.fd)}), 0);
-  EXPECT_EQ(*static_cast<uint8_t*>(young.address), 1);
-  EXPECT_EQ(first.unmap(young) + first.unmap(old), 0);
-  EXPECT_NE(first.unmap(old), 0);
-}
-
 TEST_F(Emulator, InvokeChecksScalarsAndBuffers) {
   open_first();
   uint32_t words[9] = {};
@@ -150,75 +205,6 @@ TEST_F(Emulator, InvokeChecksScalarsAndBuffers) {
   EXPECT_EQ(parlo_handle_invoke(first.handle, scalars, &null), PARLO_EMULATOR_BAD_SCALARS);
   EXPECT_EQ(parlo_handle_invoke(first.handle, scalars | 1, &good), PARLO_EMULATOR_BAD_SCALARS);
   for (const uint32_t method : {0u, 1u, 23u}) EXPECT_EQ(first.invoke(method), PARLO_EMULATOR_BAD_SCALARS);
-}
-
-TEST_F(Emulator, ResourcesAndMatrixUnitAreHeldByOneSession) {
-  open_first();
-  open_second();
-  EXPECT_EQ(first.invoke(release), 0);
-  EXPECT_EQ(first.invoke(lock_unit), PARLO_EMULATOR_DSP_NO_RESOURCE);
-  EXPECT_EQ(first.invoke(acquire) + first.invoke(acquire) + second.invoke(acquire), 0);
-  EXPECT_EQ(first.invoke(unlock_unit), PARLO_EMULATOR_DSP_NOT_LOCKED);
-  EXPECT_EQ(first.invoke(lock_unit) + first.invoke(lock_unit), 0);
-  EXPECT_EQ(second.invoke(lock_unit), PARLO_EMULATOR_DSP_BUSY);
-  EXPECT_EQ(second.invoke(unlock_unit), PARLO_EMULATOR_DSP_NOT_LOCKED);
-  EXPECT_EQ(first.invoke(release), 0);
-  EXPECT_EQ(second.invoke(lock_unit), PARLO_EMULATOR_DSP_BUSY);
-  EXPECT_EQ(first.invoke(unlock_unit), 0);
-  EXPECT_EQ(second.invoke(lock_unit), 0);
-  EXPECT_EQ(first.invoke(put_AX), PARLO_EMULATOR_DSP_NO_AX);
-  EXPECT_EQ(second.close(), 0);
-  EXPECT_EQ(first.invoke(acquire) + first.invoke(lock_unit), 0);
-}
-
-TEST_F(Emulator, TheFirstSessionHoldsAModuleForEachContext) {
-  configure([](auto& config) { config.session_bytes = 2 * page; });
-  Session rival;
-  open_first();
-  const Shared a = allocate(page), b = allocate(page), c = allocate(2 * page);
-  EXPECT_EQ(first.map(a) + first.map(b), 0);
-  EXPECT_EQ(first.map(c), PARLO_EMULATOR_ADDRESS_SPACE_FULL);
-  EXPECT_EQ(rival.open(), 0);
-  EXPECT_EQ(rival.map(c), 0);
-  const auto AX = [](const Shared& s) { return std::vector<uint32_t>(4, static_cast<uint32_t>(s.fd)); };
-  EXPECT_EQ(first.invoke(get_AX, AX(a)) + rival.invoke(get_AX, AX(b)), 0);
-  EXPECT_EQ(first.invoke(acquire), 0);
-  EXPECT_EQ(rival.invoke(lock_unit), PARLO_EMULATOR_DSP_NO_RESOURCE);
-
-  parlo_mem_free(c.address);
-  EXPECT_EQ(alive(), (Alive{2, 2 * page, 1, 2, 3}));
-  EXPECT_EQ(first.close(), 0);
-  EXPECT_EQ(alive(), (Alive{2, 2 * page, 1, 1, 2}));
-  EXPECT_EQ(first.invoke(clear_cache), PARLO_EMULATOR_BAD_HANDLE);
-  EXPECT_EQ(rival.invoke(self_test, {1, static_cast<uint32_t>(a.fd)}), 0);
-  EXPECT_EQ(rival.map(allocate(page)), PARLO_EMULATOR_ADDRESS_SPACE_FULL);
-  EXPECT_EQ(rival.unmap(a) + rival.map(allocate(page)), 0);
-  EXPECT_EQ(rival.close(), 0);
-  EXPECT_EQ(usage().n_sessions + usage().n_mappings, 0u);
-}
-
-TEST_F(Emulator, EachContextHasAMatrixUnitUnlessTheyShareOne) {
-  for (const bool shared : {false, true}) {
-    SCOPED_TRACE(shared);
-    configure([&](auto& config) { config.shared_matrix_unit = shared; });
-    Session rival;
-    open_first();
-    open_second();
-    ASSERT_EQ(rival.open(), 0);
-    const Shared a = allocate(page), b = allocate(page);
-    for (const Session& session : {first, second, rival}) {
-      const Shared& AX = session.handle == rival.handle ? b : a;
-      EXPECT_EQ(session.map(AX) + session.invoke(get_AX, std::vector<uint32_t>(4, static_cast<uint32_t>(AX.fd))), 0);
-      EXPECT_EQ(session.invoke(acquire), 0);
-    }
-    const int foreign = shared ? PARLO_EMULATOR_DSP_BUSY : 0;
-    EXPECT_EQ(second.invoke(lock_unit), 0);
-    EXPECT_EQ(first.invoke(lock_unit), PARLO_EMULATOR_DSP_BUSY);
-    EXPECT_EQ(rival.invoke(lock_unit), foreign);
-    EXPECT_EQ(second.invoke(put_AX) + second.invoke(unlock_unit) + first.invoke(lock_unit), 0);
-    EXPECT_EQ(rival.invoke(lock_unit), foreign);
-    parlo_emulator_reset();
-  }
 }
 
 // What a forked child finds, as its exit status; 0 where nothing is amiss.
@@ -274,144 +260,6 @@ TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   EXPECT_EQ(*byte, 7);
   EXPECT_EQ(first.invoke(self_test, {1, fd}), 0);
   EXPECT_EQ(second.invoke(acquire), 0);
-}
-
-TEST_F(Emulator, FreeingWhatIsNotThereIsReportedAndCounted) {
-  const Shared shared = allocate(page);
-  testing::internal::CaptureStderr();
-  parlo_mem_free(nullptr);
-  parlo_mem_free(static_cast<char*>(shared.address) + 1);
-  parlo_mem_free(shared.address);
-  EXPECT_EQ(usage().n_foreign_frees, 1u);
-  EXPECT_EQ(usage().n_double_frees, 0u);
-  errno = 0;
-  parlo_mem_free(shared.address);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(usage().n_double_frees, 1u);
-  char lines[200];
-  snprintf(lines, sizeof lines,
-           "[parlo] parlo_mem_free(address=%p): no shared buffer starts there\n"
-           "[parlo] parlo_mem_free(address=%p): freed twice\n",
-           static_cast<void*>(static_cast<char*>(shared.address) + 1), shared.address);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), lines);
-  parlo_emulator_call call;
-  ASSERT_EQ(parlo_emulator_trace_get(parlo_emulator_trace_length() - 1, &call), 0);
-  EXPECT_EQ(call.result, PARLO_EMULATOR_DOUBLE_FREE);
-  parlo_mem_free(allocate(page).address);  // of the same address, mostly
-  EXPECT_EQ(usage().n_double_frees, 1u);
-  parlo_emulator_reset();
-}
-
-void arm(int fault_class, int operation, uint32_t nth, int status = 0, int error = 0, int method = -1) {
-  const parlo_emulator_fault fault = {fault_class, operation, method, nth, status, error};
-  parlo_emulator_arm(&fault);
-}
-
-TEST_F(Emulator, FaultsStrikeFromThenOn) {
-  open_first();
-  arm(PARLO_EMULATOR_FAULT_FROM_THEN_ON, PARLO_EMULATOR_ANY_OPERATION, 2, 0x99, EIO);
-  EXPECT_EQ(first.invoke(acquire), 0);
-  EXPECT_EQ(first.invoke(acquire), 0x99);
-  EXPECT_EQ(parlo_mem_to_fd(nullptr), -1);
-  EXPECT_EQ(first.close(), 0x99);
-  EXPECT_EQ(parlo_emulator_faults_fired(), 3u);
-  parlo_emulator_clear_fault();
-  EXPECT_EQ(first.close(), 0);
-}
-
-TEST_F(Emulator, TruncatedRepliesAreWrittenInPart) {
-  open_first();
-  const Shared shared = allocate(page);
-  auto* const bytes = static_cast<uint8_t*>(shared.address);
-  EXPECT_EQ(first.map(shared), 0);
-  arm(PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_ANY_OPERATION, 2, 0x55, EIO);
-  const auto test = [&] { return first.invoke(self_test, {9, static_cast<uint32_t>(shared.fd)}); };
-  EXPECT_EQ(test() + first.invoke(acquire), 0);
-  EXPECT_EQ(test(), 0x55);
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(std::string(bytes, bytes + 10), std::string("\2\2\2\2\1\1\1\1\1\0", 10));
-
-  uint32_t label_length = 6, numbers[4] = {7, 7, 7, 7};
-  char label[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
-  parlo_argument version[] = {{&label_length, 4}, {numbers, 16}, {label, 6}};
-  arm(PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_HANDLE_INVOKE, 1, 0, 0, 22);
-  EXPECT_EQ(parlo_handle_invoke(first.handle, PARLO_SCALARS(22, 1, 2), version), 0);
-  EXPECT_EQ(std::vector(numbers, numbers + 4), (std::vector<uint32_t>{1, 0, 7, 7}));
-  EXPECT_EQ(std::string(label, 6), "betxxx");
-
-  // Of 192 rows the middle is 96, rounded down to 64.
-  const Shared A = allocate(192 * 32 * 4), X = allocate(192 * 32), W = allocate(32 * 32);
-  EXPECT_EQ(first.map(A) + first.map(X) + first.map(W) + first.invoke(acquire) + first.invoke(lock_unit), 0);
-  std::memset(A.address, 0x33, A.size);
-  std::vector<uint32_t> words = {192, 32, 32};
-  for (const Shared& s : {A, X, W}) words.push_back(static_cast<uint32_t>(s.fd));
-  words.resize(9);
-  arm(PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_HANDLE_INVOKE, 1);
-  EXPECT_EQ(first.invoke(14, words), 0);
-  const auto* const results = static_cast<uint8_t*>(A.address);
-  EXPECT_EQ(std::count(results, results + A.size, 0), 64 * 32 * 4);
-  EXPECT_EQ(results[64 * 32 * 4], 0x33);
-}
-
-TEST_F(Emulator, LostSessionsAnswerNothingButTheirClosing) {
-  open_first();
-  open_second();
-  const Shared shared = allocate(page);
-  EXPECT_EQ(first.map(shared) + second.map(shared), 0);
-  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_ANY_OPERATION, 2, 0x55);
-  EXPECT_NE(parlo_mem_to_fd(shared.address), -1);
-  EXPECT_EQ(second.invoke(acquire), 0);
-  EXPECT_EQ(first.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(errno, ECONNRESET);
-  EXPECT_EQ(first.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(first.map(shared), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(first.unmap(shared), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(alive(), (Alive{1, page, 2, 2, 1}));
-  const Session lost = first;
-  open_first();
-  EXPECT_EQ(first.map(shared) + first.invoke(acquire) + first.unmap(shared), 0);
-  EXPECT_EQ(lost.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(lost.close() + first.close(), 0);
-  EXPECT_EQ(lost.close(), PARLO_EMULATOR_BAD_HANDLE);
-
-  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_MUNMAP, 1);
-  EXPECT_EQ(second.unmap(shared), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(second.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(second.close(), 0);
-  open_second();
-  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_HANDLE_CLOSE, 1);
-  EXPECT_EQ(second.close(), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(second.map(shared), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(second.close(), 0);
-  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_SESSION_CONTROL, 1);
-  ASSERT_EQ(second.reserve(), 0);
-  EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(second.allow_unsigned(), PARLO_EMULATOR_UNSUPPORTED_DOMAIN);
-  EXPECT_EQ(alive(), (Alive{1, page, 0, 0, 0}));
-  ASSERT_EQ(second.reserve(), 0);
-  arm(PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_HANDLE_OPEN, 1);
-  EXPECT_EQ(second.open(), PARLO_EMULATOR_SESSION_LOST);
-  EXPECT_EQ(usage().n_sessions, 0u);
-}
-
-TEST_F(Emulator, FaultsStrikeTheChosenCall) {
-  open_first();
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, clear_cache, 2, 0x123, EIO);
-  EXPECT_EQ(first.invoke(clear_cache) + first.invoke(acquire), 0);
-  EXPECT_EQ(first.invoke(clear_cache), 0x123);
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(first.invoke(clear_cache), 0);
-  EXPECT_EQ(parlo_emulator_faults_fired(), 1u);
-
-  parlo_emulator_fail(PARLO_EMULATOR_ANY_OPERATION, -1, 0, 5, ENOMEM);
-  parlo_mem_free(nullptr);
-  EXPECT_EQ(parlo_mem_alloc(25, 1, 4096), nullptr);
-  EXPECT_EQ(parlo_mem_to_fd(nullptr), -1);
-  EXPECT_EQ(first.invoke(release), 5);
-  EXPECT_EQ(parlo_emulator_faults_fired(), 3u);
-  parlo_emulator_clear_fault();
-  EXPECT_EQ(first.invoke(release) + first.close(), 0);
 }
 
 TEST_F(Emulator, TraceTellsEveryCall) {
@@ -537,18 +385,6 @@ TEST_F(Emulator, TraceForgetsTheOldest) {
   EXPECT_EQ(parlo_emulator_trace_get(0, &call), -1);
   EXPECT_EQ(parlo_emulator_trace_get(1, &call), 0);
   EXPECT_EQ(parlo_emulator_trace_get(PARLO_EMULATOR_TRACE_CAPACITY, &call), 0);
-}
-
-TEST_F(Emulator, DebugLogPrintsWhatWasChosen) {
-  const char* files[] = {"build/tavik_stub"};
-  EXPECT_EQ(platform_debug_log_configure(1u << 1, files, 1), 0);
-  testing::internal::CaptureStderr();
-  platform_debug_log(1, files[0], 1, "chosen");
-  platform_debug_log(2, files[0], 1, "other level");
-  platform_debug_log(1, "other", 1, "other file");
-  platform_debug_log(3, files[0], 1, "error, traced only");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[parlo] level 1, build/tavik_stub:1: chosen\n");
-  EXPECT_EQ(parlo_emulator_trace_length(), 2u);
 }
 
 }  // namespace

@@ -344,18 +344,6 @@ TEST(IntegerResults, AreCopiedFromWholeTiles) {
   }
 }
 
-TEST(IntegerResults, MissingPointersAreLogged) {
-  int32_t value = 0;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(morun_cpu_ui8i8_ah_to_i32_rm(1, 32, nullptr, &value), 10u);
-  EXPECT_EQ(morun_cpu_ui8i8_ah_to_i32_rm(1, 32, &value, nullptr), 10u);
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(
-      log.starts_with("[MORUN][ERROR] file = source/host/util.c, func = morun_cpu_ui8i8_ah_to_i32_rm, line = "));
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2);
-  EXPECT_TRUE(log.ends_with(": NULL ptr provided\n"));
-}
-
 // One digest over large inputs of every class for every routine; the same on every platform and vector backend.
 TEST(QuantiseDigest, IsTheSameEverywhere) {
   test::Random random(36);

@@ -188,53 +188,6 @@ TEST_F(ReferenceProducts, TakeWeightsAsTheLayoutMakesThemAndHalvesOrFloats) {
   }
 }
 
-TEST_F(ReferenceProducts, RefuseInTheOrderOfTheirChecks) {
-  const std::string columns = "Column dimension not multiple of 32", inner = "Inner dimension not multiple of 32",
-                    too_large = "Dimension(s) too large (see tavik_options to adapt)";
-  const auto expect_refusal = [&](uint32_t result, const std::string& message) {
-    EXPECT_EQ(result, 2u);
-    EXPECT_EQ(last_error(false), "2 mm_size_check source/host/kernels 0: " + message);
-    tavik_set_error(0, "", "", 0, " ");
-  };
-  const std::pair<Shape, std::string> cases[] = {{{999, 48, 33}, columns},
-                                                 {{999, 32, 40}, inner},
-                                                 {{257, 32, 32}, too_large},
-                                                 {{64, 1056, 32}, too_large},
-                                                 {{64, 32, 1056}, too_large},
-                                                 {{16, uint64_t{1} << 60, 32}, too_large},  // products past 64 bits
-                                                 {{16, 32, uint64_t{1} << 60}, too_large},
-                                                 {{UINT64_MAX, 0, 0}, too_large}};
-  activation()[0] = 0x1234;
-  for (const auto& [s, message] : cases) {
-    SCOPED_TRACE(testing::Message() << s.n_row << " x " << s.n_col << " x " << s.n_inner);
-    expect_refusal(
-        tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, s.n_row, s.n_col, s.n_inner, nullptr, nullptr, nullptr),
-        message);
-    expect_refusal(
-        tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, s.n_row, s.n_col, s.n_inner, nullptr, nullptr, nullptr),
-        message);
-  }
-  EXPECT_EQ(activation()[0], 0x1234);
-  // Limits may allow what the buffer, sized by other limits, cannot hold.
-  context_->n_row_max = context_->input_matrix_size_max = context_->output_matrix_size_max = UINT64_MAX;
-  const uint64_t n_row = context_->X_size / (2 * 32) + 1;
-  std::vector<float> a((n_row - 1) * 32), c(a.size(), untouched);
-  const Halves w(32 * 32);
-  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row - 1, 32, 32, c.data(), a.data(), w.data()), 0u);
-  EXPECT_EQ(c, a);
-  expect_refusal(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, n_row, 32, 32, nullptr, nullptr, nullptr),
-                 "Activation of " + std::to_string(64 * n_row) + " bytes in whole tiles exceeds its buffer of " +
-                     std::to_string(context_->X_size) + " (see tavik_options to adapt)");
-}
-
-TEST_F(ReferenceProducts, OfNoRowsOrOfNothing) {
-  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, 0, 32, 32, nullptr, nullptr, nullptr), 0u);
-  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context_, 0, 32, 32, nullptr, nullptr, nullptr), 0u);
-  Vector<float> c(5 * 32, untouched);
-  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context_, 5, 32, 0, c.data(), nullptr, nullptr), 0u);
-  EXPECT_EQ(patterns(c), Vector<uint32_t>(5 * 32, 0));
-}
-
 // The same on every processor.
 TEST_F(ReferenceProducts, AreTheSameToTheLastBitEverywhere) {
   uint64_t hash = 0xcbf29ce484222325u;

@@ -1,11 +1,9 @@
-// The error record, what starting reserves, contexts side by side and repeated cleanups. What each call does and says
-// stands in the transcripts.
+// What starting reserves, and contexts side by side. What each call does and says stands in the transcripts.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <thread>
 
 #include "include/morun.h"
 #include "platform/parlo.h"
@@ -14,33 +12,6 @@
 namespace {
 
 using test::last_error;
-using Strings = std::vector<std::string>;
-
-TEST(ErrorRecord, CutsItsTextsAndOutlivesSuccess) {
-  const std::string text(200, 'x');
-  tavik_set_error(3, text.c_str(), text.c_str(), 7, "%s", text.c_str());
-  void* pointer = nullptr;
-  EXPECT_EQ(tavik_malloc(&pointer, 0), TAVIK_SUCCESS);
-  const std::string cut(127, 'x');
-  EXPECT_EQ(last_error(), "3 " + cut + " " + cut + " 7: " + cut);
-}
-
-TEST(ErrorRecord, BelongsToItsThread) {
-  tavik_set_error(1, "here", "file", 1, "message");
-  std::thread([] {
-    EXPECT_EQ(last_error(), "0   0: ");
-    tavik_set_error(2, "there", "file", 1, "message");
-  }).join();
-  EXPECT_EQ(last_error(), "1 here file 1: message");
-}
-
-TEST(ErrorRecord, PrintsTwoLines) {
-  const tavik_error error = {3, "failed to allocate 100 bytes", "tavik_malloc", "source/host/util", 35};
-  testing::internal::CaptureStderr();
-  tavik_error_print(&error);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "[Tavik] error 3 (tavik_malloc, source/host/util, line 35):\n          failed to allocate 100 bytes\n");
-}
 
 class Lifecycle : public test::PlatformTest {};
 
@@ -114,93 +85,6 @@ TEST_F(Contexts, AndBothInterfacesWorkSideBySide) {
   clean_up(two);
 }
 
-TEST_F(Contexts, ThatShareAMatrixUnitFindItBusy) {
-  test::configure([](auto& config) { config.shared_matrix_unit = 1; });
-  tavik_context* const one = initialise();
-  tavik_context* const two = initialise();
-  {
-    const Weights w1(one), w2(two);
-    EXPECT_EQ(w1.multiply(1), 64);
-    EXPECT_EQ(tavik_lock_compute_device(two), PARLO_EMULATOR_DSP_BUSY);
-    EXPECT_EQ(w2.multiply(1), -1);
-    EXPECT_EQ(last_error(),
-              "1 tavik_context_get_handle_from_fd source/host/context 172: Device or resource busy in "
-              "tavik_veyra_lock_tessel(active_handle) != KESO_SUCCESS");
-    EXPECT_EQ(tavik_unlock_compute_device(one), 0);
-    EXPECT_EQ(w2.multiply(1), 64);
-  }
-  clean_up(one);
-  clean_up(two);
-}
-
-// Every platform call of a cleanup fails: once, from then on, or because its session is gone. A second cleanup then takes
-// the rest. Another context never notices, unless the first session is lost, which it shares.
-TEST_F(Contexts, CleanupGoesOnWhereItFailed) {
-  const auto fail = [](int fault_class, int operation, uint32_t nth) {
-    const parlo_emulator_fault fault = {fault_class, operation, -1, nth, 0x77, EIO};
-    parlo_emulator_arm(&fault);
-  };
-  test::configure([](auto& config) { config.session_bytes = 1 << 21; });
-  for (const int fault_class :
-       {PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_FAULT_FROM_THEN_ON, PARLO_EMULATOR_FAULT_SESSION_LOST}) {
-    // Unlock, release, six calls for each session; then four for the reserved one, which a second failure leaves.
-    const uint32_t n_call = fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON ? 14 : 19;
-    const bool shares = fault_class != PARLO_EMULATOR_FAULT_SESSION_LOST;
-    tavik_context* const witness = shares ? initialise() : nullptr;
-    const parlo_emulator_usage before = test::usage();
-    for (uint32_t nth = 1; nth <= n_call; ++nth) {
-      SCOPED_TRACE("class " + std::to_string(fault_class) + ", call " + std::to_string(nth));
-      tavik_context* const context = initialise();
-      // A second session with a buffer of its own, a third that is reserved only, the matrix unit locked in the second.
-      const int32_t fds[] = {allocate(context, shares ? 2 << 20 : 1 << 20), allocate(context, 1 << 20)};
-      fail(PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_HANDLE_OPEN, 1);
-      int32_t fd;
-      EXPECT_EQ(tavik_buffer_alloc(context, 1 << 21, nullptr, &fd), TAVIK_ERROR_FAILURE);
-      uint64_t handle;
-      EXPECT_EQ(tavik_context_get_handle_from_fd(context, fds[1], &handle), TAVIK_SUCCESS);
-      for (const int32_t buffer : fds) release(context, buffer);
-
-      fail(fault_class, PARLO_EMULATOR_ANY_OPERATION, nth);
-      const int32_t status = tavik_cleanup(context);
-      const bool fired = nth <= 18;
-      EXPECT_EQ(parlo_emulator_faults_fired() != 0, fired);
-      EXPECT_EQ(status, fired ? TAVIK_ERROR_FAILURE : TAVIK_SUCCESS);
-      if (fired && fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON) {
-        EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-        EXPECT_EQ(last_error(), "1 tavik_cleanup source/host/host 114: Failed to close the handle");
-      }
-      parlo_emulator_clear_fault();
-      if (fired) clean_up(context);
-      const parlo_emulator_usage after = test::usage();
-      EXPECT_EQ(std::memcmp(&before, &after, sizeof after), 0);
-      tavik_context* const other = shares ? witness : initialise();
-      EXPECT_EQ(Weights(other).multiply(2), 128);
-      if (!shares) clean_up(other);
-    }
-    if (shares) clean_up(witness);
-  }
-}
-
-TEST_F(Contexts, ASecondCleanupTakesEveryStepAgainAndInsistsOnClosing) {
-  test::configure([](auto& config) { config.session_bytes = 1 << 21; });
-  tavik_context* const context = initialise();
-  for (const int32_t fd : {allocate(context, 1 << 20), allocate(context, 1 << 20)}) release(context, fd);
-  ASSERT_EQ(context->n_sessions, 2u);
-  ASSERT_EQ(tavik_lock_compute_device(context), 0);
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 8, 1, 0x77, EIO);
-  EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-  EXPECT_EQ(last_error(), "1 tavik_cleanup source/host/host 93: Failed to unlock compute resource");
-  parlo_emulator_trace_clear();
-  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_CLOSE, -1, 1, 0x77, EIO);
-  EXPECT_EQ(tavik_cleanup(context), TAVIK_ERROR_FAILURE);
-  const Strings session = {"4", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_munmap", "parlo_handle_close"};
-  Strings expected = {"8", "6"};
-  for (int i = 0; i < 2; ++i) expected.insert(expected.end(), session.begin(), session.end());
-  EXPECT_EQ(test::trace(), expected);
-  EXPECT_EQ(context->session_handle[1], ~uint64_t{0});
-  clean_up(context);
-}
-
 TEST_F(Contexts, AForkedChildNeedsOneOfItsOwn) {
   tavik_context* const context = initialise();
   {
@@ -229,48 +113,6 @@ TEST_F(Contexts, AForkedChildNeedsOneOfItsOwn) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
   }
   clean_up(context);
-}
-
-class Buffers : public test::PlatformTest {
- protected:
-  // Sessions that hold the cross-session buffers and one buffer of this size, no more.
-  static constexpr uint64_t buffer_bytes = 1 << 20;
-  static tavik_context* initialise_with_room_for_one() {
-    test::configure([](auto& config) { config.session_bytes = 2 * buffer_bytes; });
-    return initialise();
-  }
-};
-
-TEST_F(Buffers, KeepTheSessionThatCouldNotBeOpenedForTheNextTry) {
-  const auto domain = [](const tavik_context* context, uint64_t session) { return context->session_domain[session]; };
-  for (const int operation : {PARLO_EMULATOR_SESSION_CONTROL, PARLO_EMULATOR_HANDLE_OPEN}) {
-    tavik_context* const context = initialise_with_room_for_one();
-    const int32_t first = allocate(context, buffer_bytes);
-    parlo_emulator_fail(operation, -1, 2 - (operation == PARLO_EMULATOR_HANDLE_OPEN), 0x77, EIO);
-    void* pointer = nullptr;
-    EXPECT_EQ(tavik_buffer_alloc(context, buffer_bytes, &pointer, nullptr), TAVIK_ERROR_FAILURE);
-    EXPECT_EQ(context->n_sessions, 1u);
-    EXPECT_EQ(test::usage().n_sessions, 2u);
-    const int32_t id = context->session_id[1], kept = domain(context, 1);
-    parlo_emulator_trace_clear();
-    const int32_t second = allocate(context, buffer_bytes);
-    parlo_emulator_call call;
-    ASSERT_EQ(parlo_emulator_trace_get(3, &call), 0);
-    EXPECT_EQ(call.operation, PARLO_EMULATOR_SESSION_CONTROL);
-    EXPECT_EQ(call.arguments[0], PARLO_SESSION_GET_URI);
-    EXPECT_EQ(call.arguments[1], static_cast<uint64_t>(id));
-    EXPECT_EQ(std::pair(context->session_id[1], domain(context, 1)), std::pair(id, kept));
-    EXPECT_EQ(test::usage().n_sessions, 2u);
-
-    // One that is closed again is no longer reserved.
-    parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 3, 1, 0x77, EIO);
-    EXPECT_EQ(tavik_buffer_alloc(context, buffer_bytes, &pointer, nullptr), TAVIK_ERROR_FAILURE);
-    EXPECT_EQ(test::usage().n_sessions, 2u);
-    release(context, allocate(context, buffer_bytes));
-    release(context, first);
-    release(context, second);
-    clean_up(context);
-  }
 }
 
 }  // namespace

@@ -2,9 +2,11 @@
 #include "tests/transcript.h"
 
 #include <dlfcn.h>
+#include <sys/mman.h>
 
 #include "include/dsp_capability.h"
 #include "platform/parlo.h"
+#include "tests/products.h"
 #include "tests/upper.h"
 
 // Sizes that no allocator can give are refused under instrumentation, too.
@@ -217,6 +219,42 @@ TEST_F(Transcripts, FailuresOfTheRuntime) {
   PLAY(tavik_hello_veyra());
 }
 
+TEST_F(Transcripts, SecondTries) {
+  say("--- a session that could not be opened is kept for the next try");
+  for (const int operation : {PARLO_EMULATOR_SESSION_CONTROL, PARLO_EMULATOR_HANDLE_OPEN}) {
+    start_afresh();
+    prepare([this] { start(1); });
+    parlo_emulator_fail(operation, -1, operation == PARLO_EMULATOR_HANDLE_OPEN ? 1 : 2, 0x77, EIO);
+    PLAY(tavik_buffer_alloc(c, large, &out, nullptr));
+    PLAY(tavik_buffer_alloc(c, large, &out, &fd[1]));
+    say("--- and one that is closed again is no longer reserved");
+    parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 3, 1, 0x77, EIO);
+    PLAY(tavik_buffer_alloc(c, large, &out, nullptr));
+    PLAY(tavik_buffer_alloc(c, large, &out, &fd[2]));
+    prepare([this] { tavik_buffer_free(c, fd[0]), tavik_buffer_free(c, fd[1]), tavik_buffer_free(c, fd[2]); });
+    PLAY(clean_up());
+  }
+  say("--- a second cleanup takes every step again, and insists on closing");
+  start_afresh();
+  prepare([this] { start(2), tavik_buffer_free(c, fd[0]), tavik_buffer_free(c, fd[1]), tavik_lock_compute_device(c); });
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, 8, 1, 0x77, EIO);
+  PLAY(clean_up());
+  parlo_emulator_fail(PARLO_EMULATOR_HANDLE_CLOSE, -1, 1, 0x77, EIO);
+  PLAY(clean_up());
+  PLAY(clean_up());
+  say("--- contexts that share a matrix unit find it busy");
+  start_afresh();
+  test::configure([](auto& config) { config.shared_matrix_unit = 1; });
+  tavik_context* rival = nullptr;
+  prepare([&] { start(), tavik_init(&limits, &rival); });
+  PLAY(tavik_lock_compute_device(c));
+  PLAY(tavik_lock_compute_device(rival));
+  PLAY(tavik_context_get_handle_from_fd(rival, rival->X_fd, &handle));
+  PLAY(tavik_unlock_compute_device(c));
+  PLAY(tavik_lock_compute_device(rival));
+  PLAY(tavik_cleanup(rival));
+}
+
 TEST_F(Transcripts, MemoryWrappers) {
   void *block = nullptr, *shared = nullptr;
   int32_t shared_fd = 0;
@@ -262,8 +300,8 @@ TEST_F(Transcripts, MemoryWrappers) {
 
 // ---- Products
 
-enum Kind { f16, a8w8, a8w4 };
-constexpr const char* kinds[] = {"f16", "a8w8", "a8w4"};
+using products::f16, products::a8w8, products::a8w4, products::Kind, products::WeightPlace;
+using test::make_view;
 
 // All weights of a matrix have one value, and the activations are 0 and 1 in turn: every element of a result is the value
 // n_inner / 2 times.
@@ -272,11 +310,7 @@ class ProductTranscripts : public LowerTranscript {
   static constexpr int32_t n_row = 67, n_col = 64, n_inner = 96;
   static constexpr uint64_t part_bytes = 1 << 16;
 
-  // A weight matrix: its descriptor, and the byte offsets of values, zero points, scales and sums.
-  struct Weights {
-    uint32_t fd, q;
-    uint64_t z = q + 16384, s = z + 2048, sum = s + 2048;
-  };
+  using Weights = std::vector<WeightPlace>;
   using Result = std::vector<float>;
   using N = std::array<int32_t, 3>;  // rows, columns, inner dimension
 
@@ -284,15 +318,16 @@ class ProductTranscripts : public LowerTranscript {
   void begin(Kind kind, int n_session = 2) {
     start(n_session);
     tavik_lock_compute_device(c);
-    for (int i = 0; i < 3 * n_session; ++i) fill(kind, weights(i), pointer[i / 3], i + 1);
+    for (int i = 0; i < 3 * n_session; ++i) fill(kind, matrix(i), pointer[i / 3], i + 1);
     for (Result& a : A) a.assign(n_row * n_col, -7);
     memset(c->X, 0x5a, c->X_size);
     aftermath = [this] { return results(); };
   }
-  Weights weights(int i) const {
-    return {static_cast<uint32_t>(fd[i / 3]), static_cast<uint32_t>(i % 3 * part_bytes + 2048)};
+  static WeightPlace place(uint32_t of, uint32_t q = 0) { return {of, q, q + 16384, q + 18432, q + 20480}; }
+  WeightPlace matrix(int i) const {
+    return place(static_cast<uint32_t>(fd[i / 3]), static_cast<uint32_t>(i % 3 * part_bytes + 2048));
   }
-  static void fill(Kind kind, const Weights& w, void* base, int value) {
+  static void fill(Kind kind, const WeightPlace& w, void* base, int value) {
     const auto at = [&]<class T>(T, uint64_t offset) {
       return reinterpret_cast<T*>(static_cast<char*>(base) + offset);
     };
@@ -319,30 +354,15 @@ class ProductTranscripts : public LowerTranscript {
     return told.str();
   }
 
-  uint32_t multiply(Kind kind, const Weights& w, const N& n = {n_row, n_col, n_inner}) {
-    const auto run = kind == a8w8 ? tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh : tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh;
-    if (kind == f16) return tavik_npu_mm_f32_rm_f32_rm_f16_wh(c, n[0], n[1], n[2], A[0].data(), X.data(), w.fd, w.q);
-    return run(c, n[0], n[1], n[2], A[0].data(), X.data(), w.fd, w.q, w.z, w.s, w.sum);
+  uint32_t multiply(Kind kind, const Weights& w, const N& n = {n_row, n_col, n_inner}, int32_t n_col_kv = n_col) {
+    return products::multiply(c, kind, {n[0], n[1], n_col_kv, n[2], {A[0].data(), A[1].data(), A[2].data()}, X.data()},
+                              w);
   }
-  uint32_t multiply(Kind kind, const Weights& u, const Weights& f) {
-    const auto run =
-        kind == a8w8 ? tavik_npu_2mm_a8w8_f32_rm_f32_rm_i8f16_wh : tavik_npu_2mm_a8w4_f32_rm_f32_rm_i4f16_wh;
-    if (kind == f16)
-      return tavik_npu_2mm_f32_rm_f32_rm_f16_wh(c, n_row, n_col, n_inner, A[0].data(), A[1].data(), X.data(), u.fd,
-                                                f.fd, u.q, f.q);
-    return run(c, n_row, n_col, n_inner, A[0].data(), A[1].data(), X.data(), u.fd, f.fd, u.q, u.z, u.s, u.sum, f.q, f.z,
-               f.s, f.sum);
-  }
-  uint32_t multiply(Kind kind, const Weights& q, const Weights& k, const Weights& v, int32_t n_col_q = 32,
-                    int32_t n_col_kv = n_col) {
-    const auto run =
-        kind == a8w8 ? tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh : tavik_npu_3mm_a8w4_f32_rm_f32_rm_i4f16_wh;
-    A[0].resize(n_row * 32);
-    if (kind == f16)
-      return tavik_npu_3mm_f32_rm_f32_rm_f16_wh(c, n_row, n_col_q, n_col_kv, n_inner, A[0].data(), A[1].data(),
-                                                A[2].data(), X.data(), q.fd, k.fd, v.fd, q.q, k.q, v.q);
-    return run(c, n_row, n_col_q, n_col_kv, n_inner, A[0].data(), A[1].data(), A[2].data(), X.data(), q.fd, k.fd, v.fd,
-               q.q, q.z, q.s, q.sum, k.q, k.z, k.s, k.sum, v.q, v.z, v.s, v.sum);
+  // The first of three has fewer columns than the others.
+  uint32_t multiply_matrices(Kind kind, const Weights& w) {
+    const bool is_three = w.size() == 3;
+    if (is_three) A[0].resize(n_row * 32);
+    return multiply(kind, w, {n_row, is_three ? 32 : n_col, n_inner});
   }
 
   const std::vector<float> X = [] {
@@ -362,7 +382,7 @@ class Products : public ProductTranscripts, public testing::WithParamInterface<K
   };
   std::vector<Case> cases() {
     const Kind kind = GetParam();
-    const auto of = [=, this](auto... i) { return [=, this] { return multiply(kind, weights(i)...); }; };
+    const auto of = [=, this](auto... i) { return [=, this] { return multiply_matrices(kind, {matrix(i)...}); }; };
     return {{"of one matrix", of(1)},
             {"of one matrix in the second session", of(3)},
             {"of two in one session", of(1, 2)},
@@ -374,7 +394,7 @@ class Products : public ProductTranscripts, public testing::WithParamInterface<K
   }
 };
 INSTANTIATE_TEST_SUITE_P(Of, Products, testing::Values(f16, a8w8, a8w4),
-                         [](const auto& kind) { return kinds[kind.param]; });
+                         [](const auto& kind) { return products::kind_names[kind.param]; });
 
 TEST_P(Products, ProductsCalls) {
   for (const Case& each : cases()) {
@@ -384,7 +404,7 @@ TEST_P(Products, ProductsCalls) {
     play("again", each.run);
   }
   PLAY(tavik_unlock_compute_device(c));
-  play("of one matrix, after that", [this] { return multiply(GetParam(), weights(5)); });
+  play("of one matrix, after that", [this] { return multiply(GetParam(), {matrix(5)}); });
   if (GetParam() != f16) {
     const auto* const staged = static_cast<const char*>(c->X) + 4 * (n_row - 1);
     float scale;
@@ -422,31 +442,33 @@ TEST_P(Products, ProductsRefusals) {
                      {1, 512, 32},
                      {1, 544, 32},
                      {1, 32, 576}})
-    play(std::to_string(n[0]) + " x " + std::to_string(n[1]) + ", inner " + std::to_string(n[2]), [&] {
-      return multiply(kind, {2000, 0}, n);
-    });
+    for (const size_t count : {1, 2, 3})
+      play(std::to_string(count) + " of " + std::to_string(n[0]) + " x " + std::to_string(n[1]) + ", inner " +
+               std::to_string(n[2]),
+           [&] { return multiply(kind, Weights(count, place(2000)), n, 32); });
   A[0].resize(128 * n_col);
   play("128 x 64, inner 96, and 256 x 32, inner 64, which are at the limits", [&] {
-    return multiply(kind, weights(0), N{128, 64, n_inner}) | multiply(kind, weights(0), N{256, 32, 64});
+    return multiply(kind, {matrix(0)}, {128, 64, n_inner}) | multiply(kind, {matrix(0)}, {256, 32, 64});
   });
   for (const auto& [q, kv] : {std::pair{16, 32}, {32, 16}, {128, 32}, {32, 128}})
     play("three matrices of " + std::to_string(q) + " and " + std::to_string(kv) + " columns", [&, q = q, kv = kv] {
-      return multiply(kind, {2000, 0}, {2000, 0}, {2000, 0}, q, kv);
+      return multiply(kind, Weights(3, place(2000)), {n_row, q, n_inner}, kv);
     });
   say("--- weights that are not there, and rows that are not");
   for (Result& a : A) a.assign(n_row * n_col, -7);
   memset(c->X, 0x5a, c->X_size);
   for (const uint32_t of : {1024u, ~0u, 1023u})
-    play("weights at descriptor " + std::to_string(static_cast<int32_t>(of)), [&, of] {
-      return multiply(kind, {of, 0});
-    });
-  play("second weights at descriptor 1024", [&] { return multiply(kind, weights(0), Weights{1024, 0}); });
-  play("second weights at descriptor -1", [&] { return multiply(kind, weights(0), Weights{~0u, 0}); });
-  play("no rows", [&] { return multiply(kind, weights(0), N{0, n_col, n_inner}); });
-  play("no inner dimension", [&] { return multiply(kind, weights(0), N{n_row, n_col, 0}); });
+    play("weights at descriptor " + std::to_string(static_cast<int32_t>(of)),
+         [&, of] { return multiply(kind, {place(of)}); });
+  play("second weights at descriptor 1024", [&] { return multiply(kind, {matrix(0), place(1024)}); });
+  play("second weights at descriptor -1", [&] { return multiply(kind, {matrix(0), place(~0u)}); });
+  play("no rows", [&] { return multiply(kind, {matrix(0)}, {0, n_col, n_inner}); });
+  play("no inner dimension", [&] { return multiply(kind, {matrix(0)}, {n_row, n_col, 0}); });
+  play("weights past the end of their buffer",
+       [&] { return multiply(kind, {place(static_cast<uint32_t>(fd[0]), large - 32)}); });
   play("a context that was never initialised", [&] {
     const uint64_t active = std::exchange(c->active_session, ~uint64_t{0});
-    const uint32_t status = multiply(kind, weights(0));
+    const uint32_t status = multiply(kind, {matrix(0)});
     c->active_session = active;
     return status;
   });
@@ -455,23 +477,23 @@ TEST_P(Products, ProductsRefusals) {
 // Where the side data of quantised weights may lie: up to the buffer's last byte.
 TEST_F(ProductTranscripts, ProductsSideData) {
   for (const Kind kind : {a8w8, a8w4})
-    for (uint64_t Weights::*offset : {&Weights::z, &Weights::s, &Weights::sum}) {
+    for (uint64_t WeightPlace::*offset : {&WeightPlace::z, &WeightPlace::s, &WeightPlace::sum}) {
       start_afresh();
       prepare([=, this] { begin(kind); });
-      const uint64_t bytes = offset == &Weights::sum ? 4 * n_col
-                             : offset == &Weights::s ? 2 * n_col
-                             : kind == a8w8          ? n_col
-                                                     : n_col / 2;
-      for (const uint64_t at : {large - bytes, large - bytes + 1, large + 1, ~uint64_t{0}}) {
-        Weights moved = weights(0);
+      const uint64_t bytes = offset == &WeightPlace::sum ? 4 * n_col
+                             : offset == &WeightPlace::s ? 2 * n_col
+                             : kind == a8w8              ? n_col
+                                                         : n_col / 2;
+      for (const uint64_t at : {large - bytes, large - bytes + 1, large, large + 1, ~uint64_t{0}}) {
+        WeightPlace moved = matrix(0);
         moved.*offset = at;
         A[0].assign(n_row * n_col, -7);
-        play(std::string(kinds[kind]) +
-                 (offset == &Weights::z   ? " zero points"
-                  : offset == &Weights::s ? " scales"
-                                          : " sums") +
+        play(std::string(products::kind_names[kind]) +
+                 (offset == &WeightPlace::z   ? " zero points"
+                  : offset == &WeightPlace::s ? " scales"
+                                              : " sums") +
                  " of " + std::to_string(bytes) + " bytes at " + std::to_string(at) + " of " + std::to_string(large),
-             [&] { return multiply(kind, moved); });
+             [&] { return multiply(kind, {moved}); });
       }
     }
 }
@@ -494,6 +516,7 @@ TEST_F(ProductTranscripts, ProductsOfTilesAndIntegers) {
        static_cast<uint8_t*>(pointer[0])[3] << 16);
   PLAY(tavik_npu_test(c, 1 << 30, W));
   PLAY(tavik_npu_test(c, 3, 1024));
+  PLAY(tavik_npu_test(c, 4, wide));
   prepare([this] {
     memset(c->X, 2, c->X_size);
     memset(c->A0, 0, c->A_size);
@@ -509,6 +532,8 @@ TEST_F(ProductTranscripts, ProductsOfTilesAndIntegers) {
     PLAY(run(c, 1, 32, 2048, ~0u, ~0u, W, 0, 0, 0));
     PLAY(run(c, 1, 512, 32, ~0u, ~0u, W, 0, 0, 0));
     PLAY(run(c, 1, 32, 32, ~0u, ~0u, 1024, 0, 0, 0));
+    PLAY(run(c, 1, 32, 0, ~0u, ~0u, W, 0, 0, 0));
+    PLAY(run(c, 1, 32, 32, ~0u, W, wide, 0, 0, 0));
     for (const int method : {15, 19}) {
       parlo_emulator_fail(PARLO_EMULATOR_HANDLE_INVOKE, method, 1, 0x77, EIO);
       PLAY(run(c, 64, 32, 32, ~0u, ~0u, W, 0, 0, 0));
@@ -702,6 +727,107 @@ TEST_F(UpperTranscripts, UpperProducts) {
   PLAY(mm_u8i8(3, {64, 32, 96}, heap, bytes.data(), shared[2]));
   PLAY(mm_u8i4(3, {64, 32, 96}, heap, bytes.data(), shared[2]));
   PLAY(mm_u8i4(3, {128, 40, 64}, heap, bytes.data(), shared[2]));
+}
+
+// Products of tensors that are refused, or find their mistake on the way.
+TEST_F(UpperTranscripts, UpperRefusals) {
+  prepare([this] { start(3); });
+  aftermath = [this] { return result(heap); };
+  struct Triple {
+    morun_tensor result, left, right;
+  };
+  using T = Triple&;
+  using Change = std::function<void(T)>;
+  constexpr auto P1 = test::paths::P1, P2 = test::paths::P2, P3 = test::paths::P3, P4 = test::paths::P4,
+                 P5 = test::paths::P5, P6 = test::paths::P6;
+  const std::vector<std::pair<const char*, test::TensorFormats>> every_path = {{"P1", P1}, {"P2", P2}, {"P3", P3},
+                                                                               {"P4", P4}, {"P5", P5}, {"P6", P6}};
+  const auto play_path = [&](const std::string& call, uint32_t platform, const test::TensorFormats& f,
+                             std::array<uint64_t, 3> n, const Change& change) {
+    const auto matrix = [&](uint64_t n_row, uint64_t n_col, size_t i, void* data) {
+      return morun_tensor_matrix(n_row, n_col, f.types[i], f.layouts[i], data);
+    };
+    Triple t = {matrix(n[0], n[1], 2, heap), matrix(n[0], n[2], 0, shared[1]), matrix(n[2], n[1], 1, shared[2])};
+    if (change) change(t);
+    play(call, [&] { return morun_mm_tensor(platform, &t.result, &t.left, &t.right); });
+  };
+#define REFUSED(platform, path, ...)                                                                 \
+  play_path(#path " on " #platform ": " #__VA_ARGS__, MORUN_PLATFORM_##platform, path, {64, 32, 32}, \
+            [](T t) { t.result.is_contiguous = 1, __VA_ARGS__; })
+  REFUSED(NPU0, P3, t.result.data = t.left.data = t.right.data = nullptr);
+  REFUSED(NPU0, P3, t.left.data = t.right.data = nullptr);
+  REFUSED(NPU0, P3, t.right.data = nullptr);
+  REFUSED(NPU0, P3, t.left.dims[1] = t.left.strides[0] = 8);
+  REFUSED(NPU0, P2, make_view(t.result, 1, 1, 64 * 32 - 1));
+  REFUSED(NPU0, P5, make_view(t.result, 1, 1, 64 * 32 - 1));
+  REFUSED(CPU, P5, make_view(t.result, 1, 1, 64 * 32 - 1));
+  REFUSED(NPU0, P1, t.right.data_offset = 1u << 31, t.right.num_elements = uint64_t{1} << 32);
+  REFUSED(NPU0, P3, t.right.data_offset = 1u << 31, t.right.num_elements = uint64_t{1} << 32);
+  REFUSED(NPU0, P5, t.result.ndims = t.left.ndims = t.right.ndims = 1, t.result.layout = t.left.layout = 0,
+          t.right.layout = 0, t.result.dims[0] = t.left.dims[0] = t.right.dims[0] = 1,
+          t.result.strides[0] = t.left.strides[0] = t.right.strides[0] = 1);
+#undef REFUSED
+  // Extents that no memory has: those not 0.
+  const auto claims = [](uint64_t n_row, uint64_t n_col, uint64_t n_inner) {
+    return [=](T t) {
+      for (morun_tensor* m : {&t.result, &t.left, &t.right}) m->num_elements = ~uint64_t{0};
+      if (n_row != 0) t.result.dims[0] = t.left.dims[0] = n_row;
+      if (n_col != 0) t.result.dims[1] = t.right.dims[1] = t.result.strides[0] = t.right.strides[0] = n_col;
+      if (n_inner != 0) t.left.dims[1] = t.right.dims[0] = t.left.strides[0] = n_inner;
+    };
+  };
+  constexpr uint64_t wraps = uint64_t{1} << 59, large = uint64_t{1} << 31;
+  const std::pair<const char*, Change> changes[] = {
+      {"a left with gaps", [](T t) { t.left.is_contiguous = 0; }},
+      {"a right with gaps", [](T t) { t.right.is_contiguous = 0; }},
+      {"left of i8", [](T t) { t.left.data_dtype = MORUN_DTYPE_I8; }},
+      {"right of u8", [](T t) { t.right.data_dtype = MORUN_DTYPE_U8; }},
+      {"result of i8", [](T t) { t.result.data_dtype = MORUN_DTYPE_I8; }},
+      {"left of layout 6", [](T t) { t.left.layout = MORUN_LAYOUT_2D_6; }},
+      {"right of layout 5", [](T t) { t.right.layout = MORUN_LAYOUT_2D_5; }},
+      {"result of layout 2", [](T t) { t.result.layout = MORUN_LAYOUT_2D_2; }},
+      {"a result with gaps in its rows", [](T t) { make_view(t.result, 64, 2, 1 << 20); }},
+      {"too many rows", claims(large, 0, 0)},
+      {"too many columns", claims(0, large, 0)},
+      {"too large an inner dimension", claims(0, 0, large)}};
+  for (const auto& [name, path] : every_path) {
+    for (const auto& [change_name, change] : changes)
+      play_path(std::string(name) + ", " + change_name, MORUN_PLATFORM_NPU0, path, {64, 32, 32}, change);
+    for (const uint32_t platform : {0u, 1u, 2u, 4u})
+      if (platform != 0 || path.types[1] != MORUN_DTYPE_F16 || path.layouts[1] != MORUN_LAYOUT_2D_RM)
+        play_path(std::string(name) + " on platform " + std::to_string(platform), platform, path, {64, 32, 32}, {});
+    for (const std::array<uint64_t, 3>& n :
+         {std::array<uint64_t, 3>{32, 48, 32}, {48, 48, 32}, {48, 32, 32}, {32, 32, 32}})
+      if (n[0] + n[1] != 64 || path.types[0] == MORUN_DTYPE_U8)
+        play_path(std::string(name) + " of " + std::to_string(n[0]) + " x " + std::to_string(n[1]), 3, path, n, {});
+    if (path.types[1] != MORUN_DTYPE_F16 || path.layouts[0] == MORUN_LAYOUT_2D_RM)
+      play_path(std::string(name) + ", weights that are not shared", MORUN_PLATFORM_NPU0, path, {64, 32, 32},
+                [this](T t) { t.right.data = static_cast<char*>(shared[0]) + 2; });
+  }
+  for (const auto& claim : {claims(wraps, 0, 0), claims(0, wraps, 0), claims(0, 0, wraps)})
+    play_path("P5 on the CPU, extents past 64 bits", MORUN_PLATFORM_CPU, P5, {64, 32, 32}, claim);
+  say("--- products of 4-bit weights");
+  const auto multiply = [&](int32_t n_row, int32_t n_col, int32_t n_inner, void* X) {
+    return upper_calls[4].call(3, {n_row, n_col, n_inner}, heap, X, shared[2]);
+  };
+  for (const auto& [n_row, n_inner] : {std::pair{-1, 32},
+                                       {-31, 16384},
+                                       {32, -32},
+                                       {100001, 16384},
+                                       {INT32_MAX, 32},
+                                       {64, -1},
+                                       {0, 48},
+                                       {-64, 20000001},
+                                       {64, INT32_MAX},
+                                       {64, INT32_MIN + 1}})
+    play(std::to_string(n_row) + " rows, inner " + std::to_string(n_inner),
+         [&, r = n_row, k = n_inner] { return multiply(r, 32, k, heap); });
+  void* const much = mmap(nullptr, 64 << 24, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  for (const auto& [n_row, n_col, n_inner] :
+       {std::array{64, 32, 1 << 24}, {-64, 32, 32}, {-64, 32, -32}, {64, -1, 32}, {64, -31, 32}, {64, -32, 32}})
+    play_to_the_end(std::to_string(n_row) + " x " + std::to_string(n_col) + ", inner " + std::to_string(n_inner),
+                    [&, r = n_row, n = n_col, k = n_inner] { multiply(r, n, k, much); });
+  munmap(much, 64 << 24);
 }
 
 TEST_F(UpperTranscripts, FailuresOfTheUpperInterface) {

@@ -1,78 +1,11 @@
-// What the tests of the upper interface share: what a call returns and prints, and a fresh library for each test.
+// What the tests of the upper interface share: the paths of tensor products, and a fresh library for each test.
 #pragma once
-
-#include <stdio_ext.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <functional>
 
 #include "include/morun_state.h"
 #include "include/morun_tensor.h"
 #include "tests/support.h"
 
 namespace test {
-
-// A line of the upper interface's log with its place shortened to file and function, and without the function where the
-// file has its name: "npu_alloc.npu_free: MESSAGE". A file that is not in the folder of its first word stays as it is.
-inline std::string with_short_place(const std::string& line) {
-  char folder[4], file[64], function[64];
-  int end_of_place = 0;
-  sscanf(line.c_str(),
-         "[MORUN][ERROR] file = source/morun_%3[a-z]_macro/morun_%60[a-z0-9_], func = morun_%60[a-z0-9_], line = %*d%n",
-         folder, file, function, &end_of_place);
-  if (end_of_place == 0) return line;
-  const bool is_of_npu = std::string(file).starts_with("npu");
-  if (folder != std::string(is_of_npu ? "npu" : "cpu")) return line;
-  const std::string place = strcmp(file, function) == 0 ? file : std::string(file) + "." + function;
-  return place + line.substr(static_cast<size_t>(end_of_place));
-}
-
-// The line that ends a process tells a place in parentheses, the number of its source line last.
-inline std::string without_line_number(std::string line) {
-  if (const size_t at = line.find(", line "); at != line.npos) line.erase(at, line.find(')', at) - at);
-  return line;
-}
-
-inline std::string shortened(const std::string& log) {
-  std::string text;
-  for (size_t start = 0, end; start < log.size(); start = end) {
-    end = std::min(log.find('\n', start), log.size() - 1) + 1;
-    text += without_line_number(with_short_place(log.substr(start, end - start)));
-  }
-  return text;
-}
-
-// The status of a call and what it prints: "14 LOG", and " | OUTPUT" where it writes to standard output. The status is
-// followed by "unflushed" where part of the output would be lost by the end of the process.
-inline std::string outcome(const std::function<int32_t()>& call) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  const std::string status = std::to_string(call());
-  const bool is_flushed = __fpending(stdout) == 0;
-  const std::string log = testing::internal::GetCapturedStderr(), output = testing::internal::GetCapturedStdout();
-  std::string told = status + (is_flushed ? " " : " unflushed ") + shortened(log);
-  told.pop_back();  // the end of the last line, or the blank where there is none
-  return told + (output.empty() ? "" : " | " + output);
-}
-#define EXPECT_OUTCOME(call, ...) EXPECT_EQ(test::outcome([&] { return call; }), __VA_ARGS__)
-
-// The same of a call in a process of its own, which it should end.
-inline std::string ending(const std::function<void()>& call) {
-  return "exit " + outcome([&] {
-           const pid_t child = fork();
-           if (child == 0) parlo_emulator_take_over(), call(), _exit(99);
-           int status = 0;
-           waitpid(child, &status, 0);
-           return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-         });
-}
-
-inline std::string not_shared(const char* name, const void* pointer) {
-  char text[99];
-  snprintf(text, sizeof text, "%s = %p, not allocated with morun_npu_alloc()", name, pointer);
-  return text;
-}
 
 inline void make_view(morun_tensor& t, uint64_t row_stride, uint64_t column_stride, uint64_t num_elements) {
   t.is_contiguous = 0;

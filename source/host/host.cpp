@@ -73,6 +73,12 @@ bool close_session(tavik_context* context, uint64_t session) {
   return closed;
 }
 
+int32_t fail_to_close() {
+  tavik_set_error(TAVIK_ERROR_FAILURE, "tavik_cleanup", reporting_file, reported_line::cleanup_close,
+                  "Failed to close the handle");
+  return TAVIK_ERROR_FAILURE;
+}
+
 // Opens the session that is still only reserved, if there is one, as the context's last session. The platform ends a
 // reservation only when the session's handle is closed, so cleaning up needs that handle.
 int32_t open_reserved_session(tavik_context* context) {
@@ -148,8 +154,7 @@ int32_t tavik_cleanup(tavik_context* context) {
   if (!tavik::has_active_session(context))
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_not_initialised, tavik::not_initialised);
   if (context->cleanup_failed) {
-    if (!end_what_is_left(context))
-      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_close, "Failed to close the handle");
+    if (!end_what_is_left(context)) return fail_to_close();
     tavik_context_free(context);
     return TAVIK_SUCCESS;
   }
@@ -163,13 +168,11 @@ int32_t tavik_cleanup(tavik_context* context) {
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_release, "Failed to release ressources");
   for (uint64_t session = 0; session < context->n_sessions; ++session) {
     TAVIK_TRY(tavik_context_munmap_cross_session_buffers(context, session));
-    if (!close_session(context, session))
-      return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_close, "Failed to close the handle");
+    if (!close_session(context, session)) return fail_to_close();
   }
   const uint64_t n_closed = context->n_sessions;
   TAVIK_TRY(open_reserved_session(context));
-  if (context->n_sessions > n_closed && !close_session(context, n_closed))
-    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::cleanup_close, "Failed to close the handle");
+  if (context->n_sessions > n_closed && !close_session(context, n_closed)) return fail_to_close();
   tavik_context_free(context);
   return TAVIK_SUCCESS;
 }

@@ -4,10 +4,12 @@
 #include <fcntl.h>
 
 #include <bit>
+#include <vector>
 
 #include "include/morun_state.h"
 #include "include/morun_tensor.h"
 #include "tests/fuzz/fuzz.h"
+#include "tests/products.h"
 
 namespace {
 
@@ -121,35 +123,16 @@ void stop() {
 
 // Results start at region `at`, the activation is region 0.
 int32_t multiply_family(int family, int count, size_t at) {
-  const auto side = [](int i, int part) {
-    constexpr uint64_t first = weights_bytes - 3 * side_bytes;
-    return offset(input.offset[i][part], part == 0 ? 0 : first + static_cast<uint64_t>(part - 1) * side_bytes);
+  const auto side = [](size_t i, size_t part) {
+    return offset(input.offset[i][part], part == 0 ? 0 : weights_bytes - (4 - part) * side_bytes);
   };
-  const auto q = [&](int i) { return static_cast<uint32_t>(side(i, 0)); };
-  const uint32_t fd[] = {descriptor(input.weights[0]), descriptor(input.weights[1]), descriptor(input.weights[2])};
-  float *const X = region<float>(0), *const A = region<float>(at), *const B = region<float>(at + 1),
-               *const C = region<float>(at + 2);
-  tavik_context* const c = context;
-  const int32_t m = n_row, n = n_col, k = n_inner;
-  if (family == 0 && count == 1)
-    return static_cast<int32_t>(tavik_npu_mm_f32_rm_f32_rm_f16_wh(c, m, n, k, A, X, fd[0], q(0)));
-  if (family == 0 && count == 2)
-    return static_cast<int32_t>(tavik_npu_2mm_f32_rm_f32_rm_f16_wh(c, m, n, k, A, B, X, fd[0], fd[1], q(0), q(1)));
-  if (family == 0)
-    return static_cast<int32_t>(
-        tavik_npu_3mm_f32_rm_f32_rm_f16_wh(c, m, n, n_col_kv, k, A, B, C, X, fd[0], fd[1], fd[2], q(0), q(1), q(2)));
-#define SIDE(i) q(i), side(i, 1), side(i, 2), side(i, 3)
-  const bool is_8 = family == 1;
-  if (count == 1)
-    return static_cast<int32_t>((is_8 ? tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh
-                                      : tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh)(c, m, n, k, A, X, fd[0], SIDE(0)));
-  if (count == 2)
-    return static_cast<int32_t>(
-        (is_8 ? tavik_npu_2mm_a8w8_f32_rm_f32_rm_i8f16_wh : tavik_npu_2mm_a8w4_f32_rm_f32_rm_i4f16_wh)(
-            c, m, n, k, A, B, X, fd[0], fd[1], SIDE(0), SIDE(1)));
-  return static_cast<int32_t>(
-      (is_8 ? tavik_npu_3mm_a8w8_f32_rm_f32_rm_i8f16_wh : tavik_npu_3mm_a8w4_f32_rm_f32_rm_i4f16_wh)(
-          c, m, n, n_col_kv, k, A, B, C, X, fd[0], fd[1], fd[2], SIDE(0), SIDE(1), SIDE(2)));
+  std::vector<products::WeightPlace> w;
+  for (size_t i = 0; i < static_cast<size_t>(count); ++i)
+    w.push_back({descriptor(input.weights[i]), static_cast<uint32_t>(side(i, 0)), side(i, 1), side(i, 2), side(i, 3)});
+  const products::Product product = {
+      n_row,           n_col, n_col_kv, n_inner, {region<float>(at), region<float>(at + 1), region<float>(at + 2)},
+      region<float>(0)};
+  return static_cast<int32_t>(products::multiply(context, static_cast<products::Kind>(family), product, w));
 }
 
 int32_t multiply_above(bool is_4_bit) {

@@ -1,4 +1,3 @@
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -187,12 +186,19 @@ void print_row(const Measurement& measurement, const BenchArguments& arguments) 
   std::fflush(stdout);
 }
 
+std::string local_time() {
+  const std::time_t now = std::time(nullptr);
+  char text[32] = "";
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", std::localtime(&now));
+  return text;
+}
+
 Json context_entry() {
   char host_name[256] = "";
   gethostname(host_name, sizeof host_name - 1);
   std::array<double, 3> load = {};
   getloadavg(load.data(), 3);
-  return {{"date", fmt::format("{:%Y-%m-%dT%H:%M:%S%z}", fmt::localtime(std::time(nullptr)))},
+  return {{"date", local_time()},
           {"host_name", host_name},
           {"executable", "morun bench"},
           {"num_cpus", std::thread::hardware_concurrency()},

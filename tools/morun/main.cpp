@@ -1,6 +1,7 @@
 // morun, the command-line tool: reads the command line and runs one sub-command.
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -33,11 +34,6 @@ constexpr char exit_statuses[] = R"(
 Exit status: 0 when the command succeeds; 1 when a file, an operand, memory or the DSP makes it fail, or when verify
 finds a wrong result; 2 when the command line is wrong. When a signal ends the program, shells report 128 + its number.
 A failure prints its cause in one line on standard error. Warnings go there too and do not change the status.)";
-
-std::string failure_line(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  return fmt::format("morun: {}\n", text);
-}
 
 std::string kernel_list(bool (*is_listed)(const tool::Kernel&)) {
   std::string list = "Kernels:";
@@ -328,15 +324,32 @@ void finish_standard_output() {
   throw std::runtime_error(fmt::format("standard output cannot be written: {}", std::strerror(errno)));
 }
 
-void print_failure(std::string_view text) {
-  std::fputs(failure_line(std::string(text)).c_str(), stderr);
+void print_failure(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  std::fprintf(stderr, "morun: %s\n", text.c_str());
 }
 
-}  // namespace
+void print_want_of_memory() {
+  std::fputs("morun: not enough memory\n", stderr);
+}
 
-int main(int n_argument, char** arguments) {
-  tool::occupy_standard_streams();
-  tool::remove_temporary_files_on_interruption();
+// Where no one can catch an exception: destructors of JSON documents ask for memory, and so do global objects.
+[[noreturn]] void terminate() {
+  try {
+    if (const std::exception_ptr error = std::current_exception()) std::rethrow_exception(error);
+  } catch (const std::bad_alloc&) {
+    print_want_of_memory();
+    _exit(EXIT_FAILURE);
+  } catch (...) {
+  }
+  std::abort();
+}
+
+[[gnu::constructor(101)]] void set_terminate_before_there_are_global_objects() {
+  std::set_terminate(terminate);
+}
+
+int run(int n_argument, char** arguments) {
   CLI::App app{"Matrix products on the NPU, from the command line", "morun"};
   app.set_version_flag("--version", MORUN_VERSION);
   app.require_subcommand(1);
@@ -351,21 +364,29 @@ int main(int n_argument, char** arguments) {
   add_bench(app);
   add_make(app);
 
+  require_standard_output();
   try {
-    require_standard_output();
-    try {
-      app.parse(n_argument, arguments);
-    } catch (const CLI::ParseError& error) {
-      if (error.get_exit_code() != EXIT_SUCCESS) return print_failure(explanation(app, error)), exit_misuse;
-      app.exit(error);  // prints the help or the version
-      std::cout.flush();
-    }
-    finish_standard_output();
-    return EXIT_SUCCESS;
+    app.parse(n_argument, arguments);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != EXIT_SUCCESS) return print_failure(explanation(app, error)), exit_misuse;
+    app.exit(error);  // prints the help or the version
+    std::cout.flush();
+  }
+  finish_standard_output();
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int n_argument, char** arguments) {
+  tool::occupy_standard_streams();
+  tool::remove_temporary_files_on_interruption();
+  try {
+    return run(n_argument, arguments);
   } catch (const std::bad_alloc&) {
-    print_failure("not enough memory");
+    print_want_of_memory();
   } catch (const std::length_error&) {
-    print_failure("not enough memory");
+    print_want_of_memory();
   } catch (const std::exception& error) {
     print_failure(error.what());
   }
