@@ -1,5 +1,7 @@
 """Packed files: what is packed is what quantise gives, is loaded as it was packed, and a damaged file is refused."""
 
+import collections
+import gc
 import json
 import signal
 import struct
@@ -9,7 +11,7 @@ import numpy as np
 import pytest
 
 import morun
-from morun import quant, reference
+from morun import _library, quant, reference
 
 X = np.random.default_rng(1).standard_normal((9, 40)).astype(np.float32)
 SHAPES = {"a.q.weight": (50, 40), "a.k.weight": (33, 40), "a.v.weight": (33, 40), "norm.weight": (40,), "embed": (5, 40)}
@@ -124,3 +126,21 @@ def test_packing_is_interrupted(way, tmp_path):
     finally:
         signal.signal(signal.SIGINT, handler)
     assert not (tmp_path / "out").exists() and threading.active_count() == before
+
+
+def test_handles_are_freed_after_success_and_failure(checkpoint, tmp_path, monkeypatch):
+    freed = collections.Counter()
+    for name in ("packer_free", "file_close", "calibration_free"):
+        def free(handle, name=name, function=getattr(_library.weights, f"morun_weights_{name}")):
+            freed[name] += bool(handle)
+            function(handle)
+        monkeypatch.setattr(_library.weights, f"morun_weights_{name}", free)
+    morun.pack(checkpoint, tmp_path / "packed")
+    morun.inspect(tmp_path / "packed")
+    morun.PackedFile(tmp_path / "packed")
+    quant.Calibration(X)
+    for refused in (lambda: morun.pack(checkpoint, tmp_path / "nowhere/out"), lambda: quant.Calibration(0 * X)):
+        with pytest.raises(morun.Error):
+            refused()
+    gc.collect()
+    assert freed == {"packer_free": 2, "file_close": 2, "calibration_free": 2}

@@ -1,12 +1,13 @@
 """Whatever is wrong is an exception that says what, and nothing ends the process."""
 
+import ctypes
 import pickle
 
 import numpy as np
 import pytest
 
 import morun
-from morun import half, layouts, quant, reference
+from morun import _library, half, layouts, quant, reference
 from test_lifetime import python
 
 X, W = np.ones((5, 40), np.float32), np.ones((40, 50), np.float32)
@@ -50,6 +51,7 @@ REFUSALS = {
     "limits of 0": (ValueError, "limits", lambda c: morun.Context(n_row_max=0)),
     "columns beyond the context": (morun.Error, "exceeds its buffer", lambda c: _small(lambda s: s.matmul(X, W))),
     "no more buffers": (morun.Error, "", lambda c: _many(c)),
+    "a failure that leaves no record": (morun.Error, "tavik_veyra_get_version: the call failed", lambda c: _unrecorded()),
     "tiles of another shape": (ValueError, "shape", lambda c: layouts.f16_ah_to_f16_rm(TILES, 33, 64)),
     "negative extents": (ValueError, "negative", lambda c: layouts.f16_ah_to_f32_rm(TILES, -1, 64)),
     "an empty block": (ValueError, "empty", lambda c: layouts.block_linearize(X, 0, 4)),
@@ -72,6 +74,14 @@ REFUSALS = {
 def _small(use):
     with morun.Context(output_matrix_size_max=64, input_matrix_size_max=2048) as context:
         use(context)
+
+
+def _unrecorded():
+    """A call of the remote interface, which fills no error record, behind a failure that has filled one."""
+    with pytest.raises(morun.Error):
+        morun.Context(input_matrix_size_max=2**30)
+    numbers = [ctypes.c_uint32() for _ in range(4)]
+    _library.check("tavik_veyra_get_version", 0xbad, *map(ctypes.byref, numbers[:3]), None, 0, ctypes.byref(numbers[3]))
 
 
 def _many(context):
