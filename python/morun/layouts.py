@@ -181,7 +181,7 @@ def i32_ah_to_i32_rm_numpy(tiles: NDArray[np.int32], n_row: int, n_col: int) -> 
 
 
 def pack_i4(values: NDArray[np.int8]) -> NDArray[np.uint32]:
-    """Pack n_row x n_col values -8 ... 7 eight to a word, the first in the lowest nibble. Zeros fill a row's last word."""
+    """Pack n_row x n_col values -8 ... 7 eight to a word, the first in the lowest nibble. Zeros fill the last words."""
     nibbles = padded(operand(values, "values", (np.int8,)), 1, 8).astype(np.uint32) & np.uint32(15)
     groups = nibbles.reshape(values.shape[0], nibbles.shape[1] // 8, 8) << np.arange(0, 32, 4, dtype=np.uint32)
     return np.bitwise_or.reduce(groups, axis=2, dtype=np.uint32)

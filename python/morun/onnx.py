@@ -189,13 +189,15 @@ def _constant(value: Any = None, **other: Any) -> Array:
 
 _NUMPY: dict[str, Callable[..., Array]] = {
     "Add": np.add, "AveragePool": _average_pool, "BatchNormalization": _batch_normalization,
-    "Cast": _cast, "Clip": _clip, "Concat": lambda *xs, axis: np.concatenate(xs, axis), "Constant": _constant, "Div": _div,
+    "Cast": _cast, "Clip": _clip, "Concat": lambda *xs, axis: np.concatenate(xs, axis), "Constant": _constant,
+    "Div": _div,
     "GlobalAveragePool": lambda x: x.mean(axis=tuple(range(2, x.ndim)), keepdims=True, dtype=np.float32),
     "HardSigmoid": lambda x, alpha=0.2, beta=0.5: np.clip(np.float32(alpha) * x + np.float32(beta), 0, 1),
     "Mul": np.multiply, "Pow": lambda x, y: np.power(x, y).astype(x.dtype),
     "ReduceMean": lambda x, axes=None, keepdims=1: x.mean(
         axis=None if axes is None else tuple(axes), keepdims=bool(keepdims), dtype=x.dtype),
-    "Relu": lambda x: np.maximum(x, 0), "Reshape": _reshape, "Shape": lambda x, start=0, end=None: np.array(x.shape[start:end], np.int64),
+    "Relu": lambda x: np.maximum(x, 0), "Reshape": _reshape,
+    "Shape": lambda x, start=0, end=None: np.array(x.shape[start:end], np.int64),
     "Sigmoid": _sigmoid, "Slice": _slice, "Softmax": _softmax, "Sqrt": np.sqrt, "Squeeze": _squeeze,
     "Sub": np.subtract, "Transpose": lambda x, perm=None: np.transpose(x, perm),
 }

@@ -18,7 +18,8 @@ from ._arrays import operand, padded, round_up
 from ._library import FORMS, QUANTISERS, address, check_weights, number_of, tavik
 
 __all__ = [
-    "Calibration", "PackedMatrix", "a8w4_output", "a8w8_output", "dequantise", "dequantise_numpy", "output_numpy", "quantise", "quantise_numpy", "quantise_rows_i4", "quantise_rows_i8", "quantise_rows_numpy",
+    "Calibration", "PackedMatrix", "a8w4_output", "a8w8_output", "dequantise", "dequantise_numpy",
+    "output_numpy", "quantise", "quantise_numpy", "quantise_rows_i4", "quantise_rows_i8", "quantise_rows_numpy",
     "quantise_u16", "quantise_u16_numpy", "quantise_u8", "quantise_u8_ah", "quantise_u8_numpy",
 ]
 
@@ -138,7 +139,8 @@ def quantise_rows_i4(rows: NDArray[np.float16]) -> Rows:
     scales, sums = np.empty(len(whole), np.float16), np.empty(len(whole), np.int32)
     tavik.tavik_f16_rm_to_i4_rm(len(whole), n_col, address(whole), address(words), address(zero_points),
                                 address(scales), address(sums))
-    return layouts.unpack_i4(words, n_col)[:n_row], layouts.unpack_i4(zero_points, n_row)[0], scales[:n_row], sums[:n_row]
+    values, zeros = layouts.unpack_i4(words, n_col), layouts.unpack_i4(zero_points, n_row)[0]
+    return values[:n_row], zeros, scales[:n_row], sums[:n_row]
 
 
 def quantise_rows_numpy(rows: NDArray[np.float16], form: str) -> Rows:

@@ -1,13 +1,11 @@
 """Runs with PYTHONPATH at the package and MORUN_LIBRARY_PATH at the libraries."""
 
 import ctypes
-from pathlib import Path
 
 import hypothesis
 import pytest
 
 import morun
-from morun import _library
 
 hypothesis.settings.register_profile("morun", deadline=None, derandomize=True, max_examples=40)
 hypothesis.settings.load_profile("morun")

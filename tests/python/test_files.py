@@ -14,7 +14,8 @@ import morun
 from morun import _library, quant, reference
 
 X = np.random.default_rng(1).standard_normal((9, 40)).astype(np.float32)
-SHAPES = {"a.q.weight": (50, 40), "a.k.weight": (33, 40), "a.v.weight": (33, 40), "norm.weight": (40,), "embed": (5, 40)}
+SHAPES = {"a.q.weight": (50, 40), "a.k.weight": (33, 40), "a.v.weight": (33, 40), "norm.weight": (40,),
+          "embed": (5, 40)}
 
 
 def values(name):

@@ -16,7 +16,7 @@ with warnings.catch_warnings():
     warnings.simplefilter("ignore")
     from onnx.backend.test.case import node as cases
     for operator in morun.onnx.OPERATORS:
-        importlib.import_module("onnx.backend.test.case.node." + {"BatchNormalization": "batchnorm"}.get(operator, operator.lower()))
+        importlib.import_module(cases.__name__ + "." + operator.lower().replace("batchnormalization", "batchnorm"))
 CASES = {case.name: case for case in cases._NodeTestCases
          if [n.op_type for n in case.model.graph.node][0] in morun.onnx.OPERATORS and len(case.model.graph.node) == 1}
 # What the module does not take, and says by name.
@@ -58,7 +58,8 @@ def model(tmp_path):
     tensors = {"c": rng.standard_normal((8, 3, 3, 3)), "m": rng.standard_normal((8, 33)) * 9,
                "g": rng.standard_normal((5, 33)), "b": rng.standard_normal(5), "shape": None}
     nodes = [helper.make_node("Conv", ["x", "c"], ["conv"], pads=[1, 0, 1, 2], strides=[2, 1]),
-             helper.make_node("Relu", ["conv"], ["relu"]), helper.make_node("Transpose", ["relu"], ["t"], perm=[0, 2, 3, 1]),
+             helper.make_node("Relu", ["conv"], ["relu"]),
+             helper.make_node("Transpose", ["relu"], ["t"], perm=[0, 2, 3, 1]),
              helper.make_node("MatMul", ["t", "m"], ["mat"]), helper.make_node("Reshape", ["mat", "shape"], ["flat"]),
              helper.make_node("Gemm", ["flat", "g", "b"], ["gemm"], transB=1, alpha=0.5)]
     initial = [helper.make_tensor(k, TensorProto.FLOAT, v.shape, v.astype(np.float32).ravel())

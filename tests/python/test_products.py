@@ -78,8 +78,9 @@ def test_weights_in_several_sessions(small_sessions, monkeypatch):
         for form in FORMS:
             assert len({one._session for one in weights[form]}) > 1
             exact = [reference.npu_matmul_numpy(x, one) for one in packed[form]]
-            for got, wanted in zip((*context.matmul3(x, *weights[form]), *context.matmul2(x, *weights[form][::-2]),
-                                    *(context.matmul(x, one) for one in weights[form])), [*exact, exact[2], exact[0], *exact]):
+            results = [*context.matmul3(x, *weights[form]), *context.matmul2(x, *weights[form][::-2]),
+                       *(context.matmul(x, one) for one in weights[form])]
+            for got, wanted in zip(results, [*exact, exact[2], exact[0], *exact]):
                 np.testing.assert_array_equal(got, wanted)
 
 

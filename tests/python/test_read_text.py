@@ -1,4 +1,4 @@
-"""The recogniser reads lines of text, and the pictures of its figures can be drawn. MORUN_RECOGNISER names its folder."""
+"""The recogniser reads lines of text, and its figures can be drawn. MORUN_RECOGNISER names its folder."""
 
 import json
 import os
@@ -53,12 +53,14 @@ def test_the_program_reads_a_picture_and_compares(tmp_path, capsys, monkeypatch)
 
 
 def test_distance():
-    assert [read_text.distance(*pair) for pair in (("", ""), ("abc", "abc"), ("abc", ""), ("kitten", "sitting"))] == [0, 0, 3, 3]
+    pairs = ("", ""), ("abc", "abc"), ("abc", ""), ("kitten", "sitting")
+    assert [read_text.distance(*pair) for pair in pairs] == [0, 0, 3, 3]
 
 
 BENCH = {"benchmarks": [{"name": "a/1", "ratio": 2.0, "q1": 1.9, "q3": 2.2, "wanted": 1.0}, {"name": "b", "ratio": 0.5},
                         {"name": "call", "time": 3}]}
-REPORT = {"tensors": [{"name": "w", "form": "a8w4", "error": 0.1, "product_error": 0.05}, {"name": "n", "form": "carried"}]}
+REPORT = {"tensors": [{"name": "w", "form": "a8w4", "error": 0.1, "product_error": 0.05},
+                      {"name": "n", "form": "carried"}]}
 LAYERS = {"layers": [{"name": "conv", "errors": {"f16": 1e-4, "a8w8": 1e-2}}]}
 
 

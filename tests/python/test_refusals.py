@@ -51,7 +51,7 @@ REFUSALS = {
     "limits of 0": (ValueError, "limits", lambda c: morun.Context(n_row_max=0)),
     "columns beyond the context": (morun.Error, "exceeds its buffer", lambda c: _small(lambda s: s.matmul(X, W))),
     "no more buffers": (morun.Error, "", lambda c: _many(c)),
-    "a failure that leaves no record": (morun.Error, "tavik_veyra_get_version: the call failed", lambda c: _unrecorded()),
+    "a failure without a record": (morun.Error, "tavik_veyra_get_version: the call failed", lambda c: _unrecorded()),
     "tiles of another shape": (ValueError, "shape", lambda c: layouts.f16_ah_to_f16_rm(TILES, 33, 64)),
     "negative extents": (ValueError, "negative", lambda c: layouts.f16_ah_to_f32_rm(TILES, -1, 64)),
     "an empty block": (ValueError, "empty", lambda c: layouts.block_linearize(X, 0, 4)),
