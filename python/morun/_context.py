@@ -76,7 +76,7 @@ class _State:
         return _library.ContextRecord.from_address(self.handle)
 
     def usable(self) -> None:
-        """Raises unless calls of this process may use the context. Called before the lock, which a fork may leave locked."""
+        """Raises unless this process may use the context. Called before the lock, which a fork may leave locked."""
         if self.pid != os.getpid():
             raise Error(1, "morun.Context", "the context belongs to the process that this one was forked from")
         if self.handle is None:

@@ -47,8 +47,13 @@ def test_cases_of_the_onnx_project(name, tmp_path, context):
         np.testing.assert_allclose(y, wanted, rtol=0.01, atol=0.01)
 
 
-def test_the_cases_are_many():
-    assert len(CASES) - len(REFUSED) > 140
+def test_products_of_two_activations_are_f16_in_every_form(tmp_path, context):
+    case = CASES["test_matmul_4d"]
+    onnx.save(case.model, tmp_path / "model.onnx")
+    session = morun.onnx.Session(tmp_path / "model.onnx", "a8w4", context)
+    node, = session.run(dict(zip(session.inputs, case.data_sets[0][0])), trace=True).trace
+    assert node.form == "f16" and 1e-5 < node.own_error < 1e-3
+    assert len(CASES) - len(REFUSED) > 140  # and the cases are many
 
 
 @pytest.fixture

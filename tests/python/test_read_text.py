@@ -14,7 +14,7 @@ import read_text  # noqa: E402
 from morun import plot  # noqa: E402
 
 folder = os.environ.get("MORUN_RECOGNISER")
-recogniser = pytest.mark.skipif(folder == "offline", reason="the recogniser cannot be fetched: --offline")
+recogniser = pytest.mark.skipif(folder == "offline", reason="reads with the recogniser, which --offline leaves out")
 LINES = read_text.LINES[:6]
 
 
