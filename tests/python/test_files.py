@@ -45,6 +45,8 @@ def test_what_is_packed_is_what_is_loaded(checkpoint, tmp_path, context):
     assert {d.name: d.form for d in decisions} == forms == {t.name: t.form for t in morun.inspect(output)}
     assert next(d for d in decisions if d.name == "norm.weight").shape == (40,)
     assert [d.name for d in morun.pack([checkpoint], None, rules=[("embed", "f16")]) if d.form == "f16"] == ["embed"]
+    assert [(d.n_inner, d.n_col) for d in (*decisions, *morun.pack(checkpoint, None, transpose=False))
+            if d.name == "a.q.weight"] == [(40, 50), (50, 40)]
 
     loaded = context.load(output, groups=[["a.q.weight", "a.v.weight"]])
     with morun.PackedFile(output) as file:

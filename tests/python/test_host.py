@@ -147,6 +147,15 @@ def test_quantisers_of_weights(form, quantiser, n_inner, n_col, seed):
     same(quant.dequantise(quant.quantise(w.astype(np.float16), "f16")), w.astype(np.float16).astype(np.float32))
 
 
+def test_values_that_are_not_finite_on_demand():
+    w = numbers(40, 30, np.float32, 3)
+    wild, tame = w.copy(), w.copy()
+    wild[3, 4:7], tame[3, 4:7] = (np.nan, np.inf, -np.inf), (0, 65504, -65504)
+    for form in ("a8w8", "a8w4"):
+        same(quant.quantise(wild, form, allow_non_finite=True).data, quant.quantise(tame, form).data)
+    same(quant.dequantise(quant.quantise(wild, "f16", allow_non_finite=True)), wild.astype(np.float16).astype(np.float32))
+
+
 @pytest.mark.parametrize("form, damping", [("a8w8", 0.05), ("a8w4", 0.05), ("a8w4", 0.5)])
 def test_calibrated_quantiser_errs_as_the_formulas_do(form, damping):
     rng = np.random.default_rng(4)

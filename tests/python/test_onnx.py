@@ -90,6 +90,8 @@ def test_weights_in_chosen_forms(model, context, quantiser):
     assert 0.02 < trace["conv"].own_error < 0.2 and trace["conv"].error == trace["conv"].own_error
     assert trace["mat"].own_error < 0.02 < trace["mat"].error and trace["gemm"].own_error < 1e-6 < trace["gemm"].error
     assert all(node.seconds > 0 and node.numpy_seconds > 0 for node in result.trace)
+    outputs = [morun.onnx.Session(path, *more).run({"x": X}).outputs["gemm"] for more in ([None], ["f16", context])]
+    assert 0 < np.linalg.norm(outputs[1] - outputs[0]) / np.linalg.norm(outputs[0]) < 2e-3
     if quantiser == "calibrated":
         return
     # The convolution is the product of its patches and its packed kernels.

@@ -58,6 +58,13 @@ def test_fused_products_are_the_single_ones(form, n_row, n_inner, cols):
                 np.testing.assert_array_equal(y, single[w])
 
 
+def test_what_there_is(context):
+    assert context.module_version() == "1.0.0 beta1, architecture 73"
+    info = morun.info()
+    assert {key: info[key] for key in ("dsp domain", "dsp architecture", "vector memory", "unsigned modules")} == {
+        "dsp domain": 3, "dsp architecture": "73", "vector memory": 8 << 20, "unsigned modules": True}
+
+
 def test_forms_may_be_mixed_in_a_fused_product(context):
     x, w = random(5, 40), random(40, 30, seed=1)
     packed = [quant.quantise(w, form) for form in FORMS]
