@@ -19,7 +19,7 @@ def random(*shape, seed=0, dtype=np.float32):
 
 def small_context():
     """Large activations are multiplied in parts."""
-    return morun.Context(n_row_max=128, output_matrix_size_max=2**14)
+    return morun.Context(n_row_max=128, output_matrix_size_max=2**13)
 
 
 @pytest.mark.parametrize("form", FORMS)
