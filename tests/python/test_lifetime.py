@@ -51,10 +51,12 @@ def test_a_thousand_products_leave_nothing(tmp_path):
 
 
 def test_contexts_leave_nothing(tmp_path):
+    np.save(tmp_path / "w.npy", W)
+    morun.pack(tmp_path / "w.npy", tmp_path / "w.safetensors")
     before = held()
     for way in range(30):
         context = morun.Context()
-        weights = context.upload(W)
+        weights = context.upload(W) if way % 2 else context.load(tmp_path / "w.safetensors")["w"]
         context.matmul(X, weights)
         if way % 3 == 0:
             context.close()

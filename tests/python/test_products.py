@@ -72,9 +72,10 @@ def test_forms_may_be_mixed_in_a_fused_product(context):
         np.testing.assert_array_equal(y, reference.npu_matmul_numpy(x, p))
 
 
-def test_weights_in_several_sessions(small_sessions, monkeypatch):
+@pytest.mark.parametrize("chunk", [1, 16 << 20], ids=["a buffer for each matrix", "buffers larger than a session"])
+def test_weights_in_several_sessions(chunk, small_sessions, monkeypatch):
     """Fused products of weights apart, and weights of 4 bits beyond the first session."""
-    monkeypatch.setattr(morun._context, "CHUNK", 1)  # a buffer for each matrix
+    monkeypatch.setattr(morun._context, "CHUNK", chunk)
     x, w = random(70, 40), random(40, 50, seed=1)
     with morun.Context(**small_sessions) as context:
         packed = {form: [quant.quantise(w + number, form) for number in range(3)] for form in FORMS}

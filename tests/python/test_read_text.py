@@ -65,7 +65,8 @@ LAYERS = {"layers": [{"name": "conv", "errors": {"f16": 1e-4, "a8w8": 1e-2}}]}
 
 
 @pytest.mark.parametrize("files, words, status, says", [
-    ([BENCH], [], 0, "2 rows"), ([BENCH, {"benchmarks": BENCH["benchmarks"][1:]}], [], 0, "1 rows"), ([REPORT], ["error"], 0, "1 rows"),
+    ([BENCH], [], 0, "2 rows"), ([BENCH, {"benchmarks": BENCH["benchmarks"][1:]}], [], 0, "1 rows"),
+    ([REPORT], ["error"], 0, "1 rows"),
     ([LAYERS], ["error"], 0, "1 rows"), ([REPORT], [], 1, "not a run"), ([BENCH], ["error"], 1, "no errors"),
     ([[]], [], 1, "not a run"), ([[]], ["error"], 1, "no errors"), ([{"benchmarks": []}], [], 1, "no operation")])
 def test_plots(files, words, status, says, tmp_path, capsys):
