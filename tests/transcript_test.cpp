@@ -731,6 +731,7 @@ TEST_F(UpperTranscripts, UpperProducts) {
 
 // Products of tensors that are refused, or find their mistake on the way.
 TEST_F(UpperTranscripts, UpperRefusals) {
+  shows_registry = false;
   prepare([this] { start(3); });
   aftermath = [this] { return result(heap); };
   struct Triple {
