@@ -312,7 +312,7 @@ typedef struct morun_weights_pack_options {
   uint32_t reserved;        /* 0 */
   double damping;           /* of calibrated; default 0.05 */
   const char* activations;  /* a folder with TENSOR.npy for each calibrated matrix, or one .npy file where a single
-                               matrix is packed; n_row x n_inner, f32 or f16. Default NULL. With it, the products'
+                               matrix is packed; n_row x n_inner of floats. Default NULL. With it, the products'
                                errors are measured for every matrix that has one */
   /* Called in the thread that runs the packer, at most 10 times a second and once at the end; default NULL. */
   void (*progress)(void* user, const morun_weights_progress* progress);
@@ -350,7 +350,7 @@ int32_t morun_weights_packer_add_source(morun_weights_packer* packer, const char
  *   BAD_ARGUMENT    form, or the packer has run */
 int32_t morun_weights_packer_add_rule(morun_weights_packer* packer, const char* pattern, int32_t form);
 
-/* What becomes of a tensor. Texts live as long as the packer. */
+/* What becomes of a tensor. Texts live until the packer gets another source or rule, or ends. */
 typedef struct morun_weights_decision {
   const char* name;
   const char* file;      /* the source's path */
@@ -558,7 +558,7 @@ int32_t morun_weights_load(const morun_weights_file* file, tavik_context* contex
 int32_t morun_weights_operand_of(const morun_weights_loaded* loaded, uint64_t index, morun_weights_operand* operand);
 
 /* Frees the buffers and `loaded`. NULL is allowed. A buffer that the program has freed by tavik_buffer_free is passed
- * over.
+ * over, unless a later buffer of the context has its descriptor and address.
  *
  *   BUFFER   the DSP refuses to let go of a buffer. `loaded` stays with the buffers that could not be freed, to be
  *            released again; its operands are not to be used any more */

@@ -221,8 +221,9 @@ TEST_F(Validation, VectorAids) {
   const std::pair<std::vector<float>, std::vector<float>> checks[] = {
       {{}, {}}, {{1, 2000, -1}, {1.5f, 0, -1}}, {{1, -2000.5f}, {1, 0}}, {{NAN, 1, 5}, {0, NAN, 2}}, {{INFINITY}, {0}}};
   for (const auto& [reference, data] : checks)
-    play("of " + std::to_string(data.size()) + " values",
-         [&, n = data.size()] { return tavik_vector_check_f32(stdout, n, reference.data(), data.data(), "x"); });
+    play("of " + std::to_string(data.size()) + " values", [&reference = reference, &data = data] {
+      return tavik_vector_check_f32(stdout, data.size(), reference.data(), data.data(), "x");
+    });
   const float references[] = {199, -58, -3, -16777216, 4294967296.0f, 1};
   PLAY(tavik_vector_check_u8(stdout, 1, &references[0], &u8, "x"));
   PLAY(tavik_vector_check_i8(stdout, 1, &references[1], &i8, "x"));

@@ -75,7 +75,7 @@ class Activations {
   std::optional<SourceTensor> find(const Decision& decision, bool is_required) const {
     if (path_.empty()) return std::nullopt;
     const std::string& name = decision.tensor->name;
-    const bool is_file_name = name.find('/') == std::string::npos;
+    const bool is_file_name = is_file_ || name.find('/') == std::string::npos;
     const std::string path = is_file_ ? path_ : path_ + "/" + name + ".npy";
     if (!is_file_name || access(path.c_str(), F_OK) != 0) {
       if (!is_required && !is_file_) return std::nullopt;

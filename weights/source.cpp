@@ -213,7 +213,7 @@ void read_strided(const SourceMatrix& matrix, uint64_t first_column, uint64_t n_
   constexpr uint64_t rows_at_once = 16;
   const uint64_t element_size = matrix.tensor->dtype->n_bit / 8;
   const uint64_t row_size = round_up(n_column * element_size, alignof(float));
-  scratch.resize(row_size + rows_at_once * n_column * sizeof(float));
+  scratch.resize(row_size + std::min(rows_at_once, matrix.n_inner) * n_column * sizeof(float));
   auto* const rows = reinterpret_cast<float*>(scratch.data() + row_size);
   for (uint64_t first = 0; first < matrix.n_inner; first += rows_at_once) {
     const uint64_t n_row = std::min(rows_at_once, matrix.n_inner - first);

@@ -31,6 +31,8 @@ def as_f32(values: ArrayLike, *, bfloat16: bool = False) -> NDArray[np.float32]:
     TypeError
         `values` are not real numbers, or no uint16 with `bfloat16`.
     """
+    if isinstance(values, np.ma.MaskedArray):
+        raise TypeError("the values are a masked array, whose mask would be lost")
     array = np.asarray(values)
     if bfloat16:
         if array.dtype != np.uint16:

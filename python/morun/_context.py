@@ -55,11 +55,28 @@ class _Chunk:
         self.free[offset] = size
 
 
+class _Lock:
+    """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would."""
+
+    def __init__(self) -> None:
+        self._lock, self._owner = threading.Lock(), 0
+
+    def __enter__(self) -> None:
+        if self._owner == threading.get_ident():
+            raise Error(1, "morun.Context", "this thread is in the middle of a call on the context")
+        self._lock.acquire()
+        self._owner = threading.get_ident()
+
+    def __exit__(self, *_: object) -> None:
+        self._owner = 0
+        self._lock.release()
+
+
 class _State:
     """What a context holds of the library. Everything but `dropped` is used under the lock."""
 
     def __init__(self, options: _library.Options) -> None:
-        self.lock = threading.RLock()
+        self.lock = _Lock()
         self.pid = os.getpid()
         self.chunks: dict[int, _Chunk] = {}  # by descriptor
         self.loaded: set[int] = set()  # handles of loaded files
@@ -96,8 +113,12 @@ class _State:
                     self.free_chunk(key)
 
     def free_chunk(self, fd: int) -> None:
-        check("tavik_buffer_free", self.handle, fd)
-        del self.chunks[fd]
+        chunk = self.chunks.pop(fd)  # first, because an interrupt may come as soon as the library is back
+        try:
+            check("tavik_buffer_free", self.handle, fd)
+        except Error:
+            self.chunks[fd] = chunk
+            raise
 
     def allocate(self, size: int) -> tuple[_Chunk, int]:
         for chunk in self.chunks.values():
@@ -156,14 +177,14 @@ class Weights:
                  session: int, offsets: tuple[int, ...], keeper: object = None) -> None:
         self.context, self.form, self.shape = context, form, (n_inner, n_col)
         self._padded, self._fd, self._session, self._offsets = padded, fd, session, offsets
-        self._keeper = keeper  # shared by all weights of a loaded file
+        self._keeper = keeper  # shared by copies, and by all weights of a loaded file
 
     def __repr__(self) -> str:
         return f"<morun.Weights {self.shape[0]} x {self.shape[1]}, {self.form}>"
 
 
 class _Loaded:
-    """Keeps a loaded file until the last of its weights goes."""
+    """Keeps memory of the context until the last of the weights that share it goes."""
 
 
 class Context:
@@ -258,10 +279,10 @@ class Context:
             chunk, offset = state.allocate(data.size)
             ctypes.memmove(chunk.start + offset, address(data), data.size)
         parts = (layout.zero_points, layout.scales, layout.sums) if weights.form != "f16" else ()
-        result = Weights(self, weights.form, *weights.shape, (layout.padded_n_inner, layout.padded_n_col), chunk.fd,
-                         chunk.session, (offset, *(offset + part for part in parts)))
-        weakref.finalize(result, state.dropped.append, ("matrix", chunk.fd, offset, data.size)).atexit = False
-        return result
+        keeper = _Loaded()  # which copies of the weights share
+        weakref.finalize(keeper, state.dropped.append, ("matrix", chunk.fd, offset, data.size)).atexit = False
+        return Weights(self, weights.form, *weights.shape, (layout.padded_n_inner, layout.padded_n_col), chunk.fd,
+                       chunk.session, (offset, *(offset + part for part in parts)), keeper)
 
     def load(self, path: str | os.PathLike[str], names: Iterable[str] | None = None,
              groups: Iterable[Sequence[str]] = (), *, largest_buffer: int = 0,
@@ -312,7 +333,9 @@ class Context:
         result = {}
         for index, name in enumerate(wanted):
             o = _library.Operand()
-            check_weights("morun_weights_operand_of", handle, index, ctypes.byref(o))
+            with state.lock:
+                state.usable()
+                check_weights("morun_weights_operand_of", handle, index, ctypes.byref(o))
             parts = (o.z_offset, o.s_offset, o.sum_offset) if FORMS[o.form] != "f16" else ()
             result[name] = Weights(self, FORMS[o.form], o.n_inner, o.n_col, (o.padded_n_inner, o.padded_n_col), o.fd,
                                    o.session, (o.q_offset, *parts), keeper)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import atexit
 import ctypes
 import os
 import threading
@@ -126,6 +127,17 @@ class _Packer:
         return result
 
 
+_running: dict[int, threading.Event] = {}  # handles of packers at work, and what tells of their end
+
+
+@atexit.register
+def _stop_packers() -> None:
+    """A thread of the library must not call back into an interpreter that ends."""
+    for handle, done in list(_running.items()):
+        weights.morun_weights_packer_interrupt(handle)
+        done.wait()
+
+
 def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8", quantiser: str = "minmax", *,
          rules: Mapping[str, str] | Iterable[tuple[str, str]] = (), transpose: bool = True,
          activations: Path | None = None, damping: float = 0.05, n_job: int = 1, allow_non_finite: bool = False,
@@ -194,12 +206,16 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
             check_weights("morun_weights_packer_add_rule", packer.handle, _name(pattern),
                           number_of(rule_form, FORMS, f"the form of rule {pattern}"))
         if output is not None:
+            _running[packer.handle.value] = done = threading.Event()
             try:
                 check_weights("morun_weights_packer_run", packer.handle, _path(output))
             except _library.Error:
                 if raised:
                     raise raised[0] from None
                 raise
+            finally:
+                del _running[packer.handle.value]
+                done.set()
         if raised:
             raise raised[0]
         return packer.decisions()

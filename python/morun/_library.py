@@ -191,7 +191,7 @@ _WEIGHTS_FUNCTIONS = {
 
 def _open_library(name: str, functions: dict[str, str]) -> tuple[ctypes.CDLL, str]:
     folders = [Path(folder) for folder in os.environ.get("MORUN_LIBRARY_PATH", "").split(":") if folder]
-    path = next((str(folder / name) for folder in folders if (folder / name).exists()), name)
+    path = next((str((folder / name).absolute()) for folder in folders if (folder / name).exists()), name)
     try:
         library = ctypes.CDLL(path)
     except OSError as error:

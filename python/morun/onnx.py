@@ -332,6 +332,8 @@ class Session:
         matmul, uploaded = self.context.matmul, self._uploaded.get(node.name)
 
         def product(x: Array, w: Array) -> Array:
+            if x.dtype.kind != "f" or w.dtype.kind != "f":
+                return np.matmul(x, w)
             x = np.ascontiguousarray(x, np.float32)
             if uploaded is not None:
                 return matmul(x, uploaded)
@@ -346,6 +348,8 @@ class Session:
 
     def _run(self, feeds: Mapping[str, Array], product_of: Callable[[_Node], Product],
              seen: Callable[[_Node, dict[str, Array], float], None] | None = None) -> dict[str, Array]:
+        if fixed := set(self._constants) & set(feeds):
+            raise ValueError(f"the model has constants of its own for {', '.join(sorted(fixed))}")
         if missing := set(self.inputs) - set(feeds):
             raise ValueError(f"the model needs inputs {', '.join(sorted(missing))}")
         values = {**self._constants, **{name: np.asarray(value) for name, value in feeds.items()}}

@@ -175,6 +175,7 @@ def _output(form: str, tiles: NDArray[np.int32], n_inner: int, activation_scales
     layouts._tiles(tiles, np.int32, (64, 32), (64, 32), n_row, n_col)
     if n_inner < 0 or n_inner >= 2**31:
         raise ValueError(f"n_inner is {n_inner}")
+    operand(activation_sums, "activation_sums", (np.int32, np.uint32), 1)
     operands: tuple[tuple[str, NDArray[Any], type, int], ...] = (
         ("activation_scales", activation_scales, np.float32, n_row),
         ("activation_sums", activation_sums.view(np.int32), np.int32, n_row),
@@ -253,7 +254,7 @@ def output_numpy(sums: NDArray[np.int32], n_inner: int, activation_scales: F32Ar
 # ---- Weights ----
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class PackedMatrix:
     """A weight matrix as the matrix unit reads it, in ordinary memory.
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -138,7 +139,8 @@ nlohmann::ordered_json report_of(const morun_weights_decision& decision) {
   tensor["zero_columns"] = figures.n_zero;
   nlohmann::ordered_json& worst = tensor["worst_columns"] = nlohmann::ordered_json::array();
   for (uint32_t i = 0; i < figures.n_worst; ++i) {
-    worst.push_back({{"column", figures.worst[i].column}, {"error", figures.worst[i].relative_error}});
+    worst.push_back({{"column", figures.worst[i].column},
+                     {"error", std::min(figures.worst[i].relative_error, std::numeric_limits<double>::max())}});
   }
   return tensor;
 }
