@@ -206,7 +206,8 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
             check_weights("morun_weights_packer_add_rule", packer.handle, _name(pattern),
                           number_of(rule_form, FORMS, f"the form of rule {pattern}"))
         if output is not None:
-            _running[packer.handle.value] = done = threading.Event()
+            key = packer.handle.value or 0
+            _running[key] = done = threading.Event()
             try:
                 check_weights("morun_weights_packer_run", packer.handle, _path(output))
             except _library.Error:
@@ -214,7 +215,7 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
                     raise raised[0] from None
                 raise
             finally:
-                del _running[packer.handle.value]
+                del _running[key]
                 done.set()
         if raised:
             raise raised[0]

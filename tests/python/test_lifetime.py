@@ -1,9 +1,11 @@
 """What is taken is given back: in any order, by any thread, at the end of the process, across a fork."""
 
+import copy
 import gc
 import os
 import random
 import re
+import signal
 import subprocess
 import sys
 import threading
@@ -90,6 +92,33 @@ def test_buffers_are_collected_in_any_order(sizes, seed):
         gc.collect()
         context._state.collect()
         assert [list(chunk.free.items()) for chunk in context._state.chunks.values()] == [[(0, morun._context.CHUNK)]]
+
+
+def test_a_copy_of_weights_keeps_their_memory():
+    with morun.Context() as context:
+        copied = copy.copy(context.upload(W))
+        gc.collect()
+        kept = context.upload(3 * W)
+        assert (context.matmul(X, copied) == 40).all() and (context.matmul(X, kept) == 120).all()
+
+
+def test_a_signal_in_the_middle_of_a_call_cannot_use_the_context():
+    context, refused = morun.Context(), []
+
+    def close(*_):
+        try:
+            context.close()
+        except morun.Error as error:
+            refused.append(str(error))
+
+    context._state.lock.__enter__()  # as in the middle of a call
+    previous = signal.signal(signal.SIGUSR1, close)
+    os.kill(os.getpid(), signal.SIGUSR1)
+    signal.signal(signal.SIGUSR1, previous)
+    context._state.lock.__exit__()
+    assert len(refused) == 1 and "in the middle of a call" in refused[0]
+    assert (context.matmul(X, W) == 40).all()
+    context.close()
 
 
 def test_weights_outlive_names_and_not_contexts():
