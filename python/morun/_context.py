@@ -5,7 +5,6 @@ from __future__ import annotations
 import collections
 import ctypes
 import os
-import threading
 import weakref
 from collections.abc import Iterable, Mapping, Sequence
 from types import TracebackType
@@ -17,7 +16,7 @@ from numpy.typing import NDArray
 from . import _library, quant
 from ._arrays import operand
 from ._files import PackedFile
-from ._library import FORMS, Error, address, check, check_weights
+from ._library import FORMS, Error, Lock, address, check, check_weights
 from ._version import VERSION
 
 F32Array = NDArray[np.float32]
@@ -55,28 +54,11 @@ class _Chunk:
         self.free[offset] = size
 
 
-class _Lock:
-    """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would."""
-
-    def __init__(self) -> None:
-        self._lock, self._owner = threading.Lock(), 0
-
-    def __enter__(self) -> None:
-        if self._owner == threading.get_ident():
-            raise Error(1, "morun.Context", "this thread is in the middle of a call on the context")
-        self._lock.acquire()
-        self._owner = threading.get_ident()
-
-    def __exit__(self, *_: object) -> None:
-        self._owner = 0
-        self._lock.release()
-
-
 class _State:
     """What a context holds of the library. Everything but `dropped` is used under the lock."""
 
     def __init__(self, options: _library.Options) -> None:
-        self.lock = _Lock()
+        self.lock = Lock("morun.Context")
         self.pid = os.getpid()
         self.chunks: dict[int, _Chunk] = {}  # by descriptor
         self.loaded: set[int] = set()  # handles of loaded files

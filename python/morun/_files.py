@@ -14,7 +14,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _library
-from ._library import FORMS, QUANTISERS, check_weights, number_of, weights
+from ._library import FORMS, QUANTISERS, Lock, check_weights, number_of, weights
 
 Path = str | os.PathLike[str]
 
@@ -236,7 +236,7 @@ class PackedFile:
 
     def __init__(self, path: Path) -> None:
         self.handle = ctypes.c_void_p()
-        self._lock = threading.Lock()
+        self._lock = Lock("morun.PackedFile")
         check_weights("morun_weights_file_open", _path(path), ctypes.byref(self.handle))
         count, t = ctypes.c_uint64(), _library.TensorRecord()
         check_weights("morun_weights_file_count", self.handle, ctypes.byref(count))

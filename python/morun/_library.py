@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import os
+import threading
 from ctypes import c_char, c_char_p, c_double, c_int32, c_uint32, c_uint64, c_void_p
 from pathlib import Path
 from typing import Any
@@ -37,6 +38,23 @@ class Error(RuntimeError):
 
 
 # ---- Records ----
+
+
+class Lock:
+    """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would."""
+
+    def __init__(self, what: str) -> None:
+        self._what, self._lock, self._owner = what, threading.Lock(), 0
+
+    def __enter__(self) -> None:
+        if self._owner == threading.get_ident():
+            raise Error(1, self._what, "this thread is in the middle of a call on the same object")
+        self._lock.acquire()
+        self._owner = threading.get_ident()
+
+    def __exit__(self, *_: object) -> None:
+        self._owner = 0
+        self._lock.release()
 
 
 class ErrorRecord(ctypes.Structure):

@@ -87,7 +87,9 @@ def _sigmoid(x: Array) -> Array:
         return (np.float32(1) / (np.float32(1) + np.exp(-x))).astype(x.dtype)
 
 
-def _softmax(x: Array, axis: int = -1) -> Array:
+def _softmax(x: Array, axis: int = -1, flattens: bool = False) -> Array:
+    if flattens:  # until operator set 13: over all dimensions from `axis` on
+        return _softmax(x.reshape(int(np.prod(x.shape[:axis % x.ndim])), -1)).reshape(x.shape)
     powers = np.exp(x - x.max(axis=axis, keepdims=True))
     return powers / powers.sum(axis=axis, keepdims=True)
 
@@ -264,8 +266,13 @@ class Session:
     def __init__(self, path: str | os.PathLike[str], weights: str | None = "f16", context: Context | None = None,
                  quantiser: str = "minmax", layers: Mapping[str, str | None] | None = None,
                  calibration: Sequence[Mapping[str, Array]] = ()) -> None:
-        graph = onnx.load(os.fspath(path)).graph
+        model = onnx.load(os.fspath(path))
+        graph = model.graph
+        version = max((o.version for o in model.opset_import if o.domain in ("", "ai.onnx")), default=1)
         self._nodes = [_Node(node) for node in graph.node]
+        for node in self._nodes:
+            if node.operator == "Softmax" and version < 13:
+                node.attributes = {"axis": 1, **node.attributes, "flattens": True}
         self._constants = {tensor.name: numpy_helper.to_array(tensor) for tensor in graph.initializer}
         self._constants.update({node.name: node.run({}, np.matmul) for node in self._nodes
                                 if node.operator == "Constant"})
