@@ -7,6 +7,7 @@ import ctypes
 import os
 import weakref
 from collections.abc import Iterable, Mapping, Sequence
+from dataclasses import dataclass
 from types import TracebackType
 from typing import Any
 
@@ -142,6 +143,7 @@ class _State:
             self.handle = None
 
 
+@dataclass(frozen=True, eq=False, repr=False)
 class Weights:
     """A weight matrix in memory that the DSP sees: of `Context.upload` or `Context.load`.
 
@@ -149,17 +151,22 @@ class Weights:
 
     Attributes
     ----------
+    context : Context
+        Whose weights they are.
     form : str
         "f16", "a8w8" or "a8w4".
     shape : tuple[int, int]
         n_inner, n_col: true extents.
     """
 
-    def __init__(self, context: Context, form: str, n_inner: int, n_col: int, padded: tuple[int, int], fd: int,
-                 session: int, offsets: tuple[int, ...], keeper: object = None) -> None:
-        self.context, self.form, self.shape = context, form, (n_inner, n_col)
-        self._padded, self._fd, self._session, self._offsets = padded, fd, session, offsets
-        self._keeper = keeper  # shared by copies, and by all weights of a loaded file
+    context: Context
+    form: str
+    shape: tuple[int, int]
+    _padded: tuple[int, int]
+    _fd: int
+    _session: int
+    _offsets: tuple[int, ...]
+    _keeper: object  # shared by copies, and by all weights of a loaded file
 
     def __repr__(self) -> str:
         return f"<morun.Weights {self.shape[0]} x {self.shape[1]}, {self.form}>"
@@ -263,7 +270,7 @@ class Context:
         parts = (layout.zero_points, layout.scales, layout.sums) if weights.form != "f16" else ()
         keeper = _Loaded()  # which copies of the weights share
         weakref.finalize(keeper, state.dropped.append, ("matrix", chunk.fd, offset, data.size)).atexit = False
-        return Weights(self, weights.form, *weights.shape, (layout.padded_n_inner, layout.padded_n_col), chunk.fd,
+        return Weights(self, weights.form, weights.shape, (layout.padded_n_inner, layout.padded_n_col), chunk.fd,
                        chunk.session, (offset, *(offset + part for part in parts)), keeper)
 
     def load(self, path: str | os.PathLike[str], names: Iterable[str] | None = None,
@@ -310,18 +317,17 @@ class Context:
                               ctypes.byref(options), ctypes.byref(handle))
                 assert handle.value is not None
                 state.loaded.add(handle.value)
-        keeper = _Loaded()
-        weakref.finalize(keeper, state.dropped.append, ("file", handle.value, 0, 0)).atexit = False
-        result = {}
-        for index, name in enumerate(wanted):
-            o = _library.Operand()
-            with state.lock:
-                state.usable()
-                check_weights("morun_weights_operand_of", handle, index, ctypes.byref(o))
-            parts = (o.z_offset, o.s_offset, o.sum_offset) if FORMS[o.form] != "f16" else ()
-            result[name] = Weights(self, FORMS[o.form], o.n_inner, o.n_col, (o.padded_n_inner, o.padded_n_col), o.fd,
-                                   o.session, (o.q_offset, *parts), keeper)
-        return result
+                keeper = _Loaded()  # which gives the file back where an operand below cannot be had
+                weakref.finalize(keeper, state.dropped.append, ("file", handle.value, 0, 0)).atexit = False
+                operands = [_library.Operand() for _ in wanted]
+                for index, o in enumerate(operands):
+                    check_weights("morun_weights_operand_of", handle, index, ctypes.byref(o))
+        return {name: self._loaded(o, keeper) for name, o in zip(wanted, operands)}
+
+    def _loaded(self, o: Any, keeper: _Loaded) -> Weights:
+        parts = (o.z_offset, o.s_offset, o.sum_offset) if FORMS[o.form] != "f16" else ()
+        return Weights(self, FORMS[o.form], (o.n_inner, o.n_col), (o.padded_n_inner, o.padded_n_col), o.fd, o.session,
+                       (o.q_offset, *parts), keeper)
 
     # ---- Products ----
 

@@ -69,6 +69,23 @@ def test_what_is_packed_is_what_is_loaded(checkpoint, tmp_path, context):
         file.verify("a.q.weight")
 
 
+def test_nobody_comes_between_the_weights_of_a_file(checkpoint, tmp_path, context, monkeypatch):
+    """Another thread that closes the context waits until all weights of the file are there."""
+    morun.pack(checkpoint, tmp_path / "packed")
+    was_locked, operand_of = [], _library.weights.morun_weights_operand_of
+
+    def watched(*arguments):
+        was_locked.append(context._state.lock._lock.locked())
+        return operand_of(*arguments)
+
+    monkeypatch.setattr(_library.weights, "morun_weights_operand_of", watched)
+    loaded = context.load(tmp_path / "packed")
+    assert was_locked == [True] * len(loaded) == 3 * [True]
+    for attribute, value in (("form", "f16"), ("shape", (9, 9)), ("_fd", 0)):
+        with pytest.raises(AttributeError):
+            setattr(loaded["a.q.weight"], attribute, value)
+
+
 def test_calibrated_file_and_single_matrix(tmp_path):
     w = np.random.default_rng(2).standard_normal((40, 30))  # f64, n_inner x n_col
     np.save(tmp_path / "w.npy", w)
