@@ -15,7 +15,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _library, quant
-from ._arrays import operand
+from ._arrays import flag, integer, operand
 from ._files import PackedFile
 from ._library import FORMS, Error, Lock, address, check, check_weights
 from ._version import VERSION
@@ -200,10 +200,10 @@ class Context:
 
     def __init__(self, *, n_row_max: int = 1024, output_matrix_size_max: int = 2**24,
                  input_matrix_size_max: int = 2**28) -> None:
-        limits = output_matrix_size_max, n_row_max, input_matrix_size_max
-        if any(not 0 < limit < 2**31 for limit in limits):
-            raise ValueError(f"limits {limits} have to be 1 to 2^31 - 1")
-        self._state = _State(_library.Options(*limits, 0))
+        limits = {"output_matrix_size_max": output_matrix_size_max, "n_row_max": n_row_max,
+                  "input_matrix_size_max": input_matrix_size_max}
+        self._state = _State(_library.Options(
+            **{name: integer(limit, name, 1, 2**31 - 1) for name, limit in limits.items()}))
         self._finalizer = weakref.finalize(self, self._state.close)
 
     def __enter__(self) -> Context:
@@ -256,10 +256,7 @@ class Context:
         """
         if not isinstance(weights, quant.PackedMatrix):
             weights = quant.quantise(weights, "f16", allow_non_finite=True)
-        layout = weights.layout
-        data = operand(weights.data, "the packed data", (np.uint8,), 1)
-        if data.size != layout.n_byte:
-            raise ValueError(f"the packed data have {data.size} bytes; form and extents take {layout.n_byte}")
+        layout, data = weights.layout, weights.checked_data()
         state = self._state
         state.usable()
         with state.lock:
@@ -302,6 +299,9 @@ class Context:
         """
         state = self._state
         state.usable()
+        if isinstance(names, str):
+            raise TypeError("names is a text; it has to be several names")
+        size, is_unchecked = integer(largest_buffer, "largest_buffer"), flag(skip_checksums, "skip_checksums")
         with PackedFile(path) as file:
             wanted = list(names) if names is not None else [t.name for t in file.tensors if t.form != "carried"]
             group_of = {name: number for number, group in enumerate(groups, 1) for name in group}
@@ -309,7 +309,7 @@ class Context:
                 raise ValueError(f"groups name tensors that are not loaded: {', '.join(sorted(strangers))}")
             requests = (_library.Request * len(wanted))(
                 *(_library.Request(file.index(name), group_of.get(name, 0), 0) for name in wanted))
-            options, handle = _library.LoadOptions(largest_buffer, skip_checksums, 0), ctypes.c_void_p()
+            options, handle = _library.LoadOptions(size, is_unchecked, 0), ctypes.c_void_p()
             with state.lock:
                 state.usable()
                 state.collect()
@@ -372,13 +372,13 @@ class Context:
         return a, b, c
 
     def _products(self, x: Any, operands: tuple[Any, ...]) -> list[F32Array]:
-        operand(x, "x", (np.float32, np.float16), None)
+        x = operand(x, "x", (np.float32, np.float16), None)
         if x.ndim == 0:
             raise ValueError("x is a single number; it has to have at least one dimension")
         self._state.usable()
+        operands = tuple(w if isinstance(w, (Weights, quant.PackedMatrix)) else
+                         operand(w, "w", (np.float32, np.float16)) for w in operands)
         for w in operands:
-            if not isinstance(w, (Weights, quant.PackedMatrix)):
-                operand(w, "w", (np.float32, np.float16))
             if w.shape[0] != x.shape[-1]:
                 raise ValueError(f"x has {x.shape[-1]} columns, w has {w.shape[0]} rows")
             if isinstance(w, Weights) and w.context is not self:

@@ -14,6 +14,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _library
+from ._arrays import flag, fraction, integer
 from ._library import FORMS, QUANTISERS, Lock, check_weights, number_of, weights
 
 Path = str | os.PathLike[str]
@@ -193,10 +194,10 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
     options = _library.PackOptions()
     weights.morun_weights_pack_options_init(ctypes.byref(options))
     options.form, options.quantiser = number_of(form, FORMS, "form"), number_of(quantiser, QUANTISERS, "quantiser")
-    options.transpose, options.allow_non_finite, options.damping = transpose, allow_non_finite, damping
-    if not 0 < n_job <= 256:
-        raise ValueError(f"n_job is {n_job}; it has to be 1 to 256")
-    options.n_job, options.progress = n_job, _library.PROGRESS_FUNCTION(report)
+    options.transpose = flag(transpose, "transpose")
+    options.allow_non_finite = flag(allow_non_finite, "allow_non_finite")
+    options.damping, options.n_job = fraction(damping, "damping"), integer(n_job, "n_job", 1, 256)
+    options.progress = _library.PROGRESS_FUNCTION(report)
     options.activations = _path(activations) if activations is not None else None
     with _Packer(options) as packer:
         handle = packer.handle

@@ -249,7 +249,9 @@ def check_weights(function: str, *arguments: Any) -> None:
 
 
 def number_of(name: str, names: tuple[str, ...], what: str) -> int:
-    """The number of a form or quantiser. Raises ValueError for another name."""
+    """The number of a form or quantiser. Raises TypeError for no text, ValueError for another name."""
+    if not isinstance(name, str):
+        raise TypeError(f"{what} has to be a text, not {type(name).__name__}")
     if name not in names:
         raise ValueError(f"{what} is {name!r}; it has to be one of {', '.join(names)}")
     return names.index(name)

@@ -37,7 +37,8 @@ def matmul(x: NDArray[Any], w: NDArray[Any]) -> F32Array:
     NDArray[np.float32]
         n_row x n_col.
     """
-    a, b = padded(_f16(x, "x"), 1, 32), padded(_f16(w, "w"), 32, 32)
+    x, w = _f16(x, "x"), _f16(w, "w")
+    a, b = padded(x, 1, 32), padded(w, 32, 32)
     if x.shape[1] != w.shape[0]:
         raise ValueError(f"x has {x.shape[1]} columns, w has {w.shape[0]} rows")
     blocks = layouts.f16_cm_to_f16_zb(np.ascontiguousarray(b.T))
@@ -95,8 +96,7 @@ def matmul_numpy(x: NDArray[Any], w: NDArray[Any]) -> F32Array:
 
 
 def _block_operands(x: F16Array, w: F16Array, n_row: int) -> tuple[F16Array, F16Array, F32Array]:
-    operand(x, "x", (np.float16,))
-    operand(w, "w", (np.float16,))
+    x, w = operand(x, "x", (np.float16,)), operand(w, "w", (np.float16,))
     if x.shape[0] != n_row or w.shape != (x.shape[1], 4):
         raise ValueError(f"x {x.shape} and w {w.shape} are not {n_row} rows and four columns of one inner dimension")
     return x, layouts.f16_cm_to_f16_zb(np.ascontiguousarray(w.T)), np.empty((n_row, 4), np.float32)
