@@ -76,7 +76,7 @@ class _State:
         return _library.ContextRecord.from_address(self.handle)
 
     def usable(self) -> None:
-        """Raises unless this process may use the context. Called before the lock, which a fork may leave locked."""
+        """Raises unless this process may use the context."""
         if self.pid != os.getpid():
             raise Error(1, "morun.Context", "the context belongs to the process that this one was forked from")
         if self.handle is None:
@@ -176,7 +176,7 @@ class _Loaded:
     """Keeps memory of the context until the last of the weights that share it goes."""
 
 
-class Context:
+class Context(_library.Single):
     """A connection to the DSP, or to its emulation.
 
     Parameters

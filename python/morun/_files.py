@@ -223,7 +223,7 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
         return packer.decisions()
 
 
-class PackedFile:
+class PackedFile(_library.Single):
     """An open packed file, as a context manager.
 
     Opening checks all that the header says, and raises Error where something is wrong. Any thread may use it: a lock

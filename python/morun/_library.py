@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 import os
 import threading
+import weakref
 from ctypes import c_char, c_char_p, c_double, c_int32, c_uint32, c_uint64, c_void_p
 from pathlib import Path
 from typing import Any
@@ -37,14 +38,24 @@ class Error(RuntimeError):
         return Error, (self.status, self.function, self.message)
 
 
-# ---- Records ----
+# ---- What objects of the package have in common ----
 
 
 class Lock:
-    """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would."""
+    """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would.
+
+    A forked child has its locks open, because the threads that held them stay with the parent.
+    """
+
+    _all: weakref.WeakSet[Lock] = weakref.WeakSet()
 
     def __init__(self, what: str) -> None:
-        self._what, self._lock, self._owner = what, threading.Lock(), 0
+        self._what = what
+        self.open()
+        Lock._all.add(self)
+
+    def open(self) -> None:
+        self._lock, self._owner = threading.Lock(), 0
 
     def __enter__(self) -> None:
         if self._owner == threading.get_ident():
@@ -53,8 +64,27 @@ class Lock:
         self._owner = threading.get_ident()
 
     def __exit__(self, *_: object) -> None:
-        self._owner = 0
-        self._lock.release()
+        if self._owner == threading.get_ident():  # otherwise a fork in the middle of the call has opened the lock
+            self._owner = 0
+            self._lock.release()
+
+
+def _open_locks() -> None:
+    for lock in list(Lock._all):
+        lock.open()
+
+
+os.register_at_fork(after_in_child=_open_locks)
+
+
+class Single:
+    """What holds a handle of the library, which two copies would free twice."""
+
+    def __reduce_ex__(self, _: Any) -> Any:
+        raise TypeError(f"a {type(self).__name__} can neither be copied nor pickled")
+
+
+# ---- Records ----
 
 
 class ErrorRecord(ctypes.Structure):

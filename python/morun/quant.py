@@ -351,7 +351,7 @@ def layout_of(form: str, n_inner: int, n_col: int) -> _library.Layout:
     return layout
 
 
-class Calibration:
+class Calibration(_library.Single):
     """What the quantiser `calibrated` knows of a layer: the covariance of its activations.
 
     Parameters
@@ -376,7 +376,7 @@ class Calibration:
         check_weights("morun_weights_calibration_finish", self._handle, damping)
 
     def __del__(self) -> None:
-        if _library is not None:  # the interpreter ends
+        if hasattr(self, "_handle") and _library is not None:  # which it is where the interpreter ends
             _library.weights.morun_weights_calibration_free(self._handle)
 
 

@@ -3,6 +3,7 @@
 import copy
 import gc
 import os
+import pickle
 import random
 import re
 import signal
@@ -100,6 +101,33 @@ def test_a_copy_of_weights_keeps_their_memory():
         gc.collect()
         kept = context.upload(3 * W)
         assert (context.matmul(X, copied) == 40).all() and (context.matmul(X, kept) == 120).all()
+
+
+@pytest.mark.parametrize("make", [morun.Context, lambda: quant.Calibration(X), lambda: morun.PackedFile("w")],
+                         ids=["context", "calibration", "file"])
+def test_what_would_be_freed_twice_cannot_be_copied(make, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    np.save("w.npy", W)
+    morun.pack("w.npy", "w")
+    for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
+        with pytest.raises(TypeError, match="neither be copied nor pickled"):
+            duplicate(make())
+    type(make()).__new__(type(make()))  # the collector takes what was never opened
+    gc.collect()
+
+
+def test_a_forked_child_reads_a_file_that_a_thread_of_its_parent_is_reading(tmp_path):
+    np.save(tmp_path / "w.npy", W)
+    morun.pack(tmp_path / "w.npy", tmp_path / "w", "f16")
+    result = python(f"""
+import os, morun
+file = morun.PackedFile({str(tmp_path / "w")!r})
+with file._lock:  # as if another thread were in a call
+    if (child := os.fork()) == 0:
+        os._exit(int(file.unpack("w").sum() != 2000))
+assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0 and file.unpack("w").sum() == 2000
+""")
+    assert (result.returncode, result.stderr) == (0, "")
 
 
 def test_a_signal_in_the_middle_of_a_call_cannot_use_the_context():
