@@ -26,8 +26,9 @@ import morun.onnx
 
 MODEL, KEYS = "ch_PP-OCRv4_rec_infer.onnx", "ppocr_keys_v1.txt"
 FONTS = [f"/usr/share/fonts/truetype/dejavu/DejaVu{name}.ttf" for name in ("Sans", "Serif", "SansMono", "Sans-Bold")]
-HEIGHT = 48  # pixels of the model's input
+HEIGHT, WIDEST = 48, 8192  # pixels of the model's input; it takes any width, and memory for it
 
+TEXT = "libmorun reads text on the NPU"
 LINES = [
     "The quick brown fox jumps over it", "libmorun multiplies on the NPU", "Hello, world!", "Invoice No. 2026-11-22",
     "Total: 1,284.50 EUR", "Platform 9, departs 17:42", "Open daily from 8 to 20", "Pack my box with five jugs",
@@ -38,20 +39,38 @@ LINES = [
 ]
 
 
+def checked_width(width: int, what: str) -> int:
+    if width > WIDEST:
+        raise ValueError(f"{what} is no single line of text: it takes {width} x {HEIGHT} pixels")
+    return width
+
+
 def draw(text: str, seed: int = 0) -> np.ndarray:
     """A noisy picture of a line of text: HEIGHT x width x 3, f32 from 0 to 255. The seed chooses font and noise."""
-    font = ImageFont.truetype(FONTS[seed % len(FONTS)], 30)
+    if len(text.splitlines()) > 1:
+        raise ValueError("the text has more than one line")
+    path = FONTS[seed % len(FONTS)]
+    try:
+        font = ImageFont.truetype(path, 30)
+    except OSError:
+        raise OSError(f"the font {path} cannot be read; Debian has it in fonts-dejavu-core") from None
     left, top, right, bottom = font.getbbox(text)
-    picture = Image.new("RGB", (right - left + 20, HEIGHT), (245, 245, 240))
+    width = checked_width(right - left + 20, "the text")
+    picture = Image.new("RGB", (width, HEIGHT), (245, 245, 240))
     ImageDraw.Draw(picture).text((10 - left, (HEIGHT - (bottom - top)) // 2 - top), text, fill=(30, 30, 40), font=font)
     noise = np.random.default_rng(seed).normal(0, 10, (HEIGHT, picture.width, 3))
     return np.clip(np.asarray(picture) + noise, 0, 255).astype(np.float32)
 
 
 def load_picture(path: str) -> np.ndarray:
-    """A picture of a line, scaled to the model's height."""
-    picture = Image.open(path).convert("RGB")
-    width = max(8, round(picture.width * HEIGHT / picture.height))
+    """A picture of a line, scaled to the model's height. Raises OSError or ValueError where there is none."""
+    try:
+        picture = Image.open(Path(path)).convert("RGB")
+    except (SyntaxError, Image.DecompressionBombError) as error:  # of damaged files, and of pictures too large
+        raise ValueError(f"{path}: {error}") from None
+    except OSError as error:
+        raise OSError(f"{path}: {error.strerror or error}") from None
+    width = checked_width(max(8, round(picture.width * HEIGHT / picture.height)), path)
     return np.asarray(picture.resize((width, HEIGHT), Image.BICUBIC)).astype(np.float32)
 
 
@@ -77,7 +96,10 @@ class Reader:
         start = time.perf_counter()
         result = self.session.run(self.feeds(picture), trace)
         seconds = time.perf_counter() - start
-        best = result.outputs[self.session.outputs[0]][0].argmax(axis=1)
+        scores = result.outputs[self.session.outputs[0]][0]
+        if scores.shape[1] != len(self.characters):
+            raise ValueError(f"{KEYS} has {len(self.characters) - 2} lines; the model knows {scores.shape[1] - 2}")
+        best = scores.argmax(axis=1)
         fresh = [c for c, before in zip(best, [0, *best]) if c != before]
         text = "".join(self.characters[c] for c in fresh)
         return text.strip(), seconds, result.trace  # the margins may be read as blanks
@@ -159,38 +181,53 @@ def compare(folder: Path, context: morun.Context, picture: np.ndarray) -> list[d
 
 def main() -> int:
     parser = argparse.ArgumentParser(description="Read a line of text on the NPU.")
-    parser.add_argument("text", nargs="?", default="libmorun reads text on the NPU", help="the text to draw and read")
+    parser.add_argument("text", nargs="?", help=f"the text to draw and read (default: {TEXT})")
     parser.add_argument("--image", metavar="FILE", help="a picture of one line of text instead")
     parser.add_argument("--weights", choices=["f16", "a8w8", "a8w4"], default="a8w8")
     parser.add_argument("--quantiser", choices=["minmax", "mse", "calibrated", "library"],
                         help="default: minmax, for a8w4 calibrated")
-    parser.add_argument("--compare", action="store_true", help="print a table of the layers")
-    parser.add_argument("--survey", action="store_true", help=f"read {len(LINES)} lines with all forms")
+    tables = parser.add_mutually_exclusive_group()
+    tables.add_argument("--compare", action="store_true", help="print a table of the layers")
+    tables.add_argument("--survey", action="store_true", help=f"read {len(LINES)} lines with all forms")
     parser.add_argument("--json", metavar="FILE", help="write the table of --compare, for morun.plot")
     parser.add_argument("--model", type=Path, default=Path("out/read-text/package/assets"), metavar="FOLDER",
                         help=f"where {MODEL} and {KEYS} are (default: %(default)s)")
     arguments = parser.parse_args()
-    if not (arguments.model / MODEL).exists():
-        parser.error(f"{arguments.model} has no {MODEL}; scripts/read-text fetches it")
-    with morun.Context() as context:
-        if arguments.survey:
-            survey(arguments.model, context, list(WAYS), LINES)
-            return 0
-        picture = load_picture(arguments.image) if arguments.image else draw(arguments.text)
-        if arguments.compare:
-            rows = compare(arguments.model, context, picture)
-            if arguments.json:
-                Path(arguments.json).write_text(json.dumps({"layers": rows}, indent=1) + "\n")
-            return 0
-        quantiser = arguments.quantiser or ("calibrated" if arguments.weights == "a8w4" else "minmax")
-        reader, host = make_reader(arguments.model, context, arguments.weights, quantiser, []), Reader(
-            arguments.model, None, None)
-        if not arguments.image:
-            print(f"drawn                {arguments.text}")
-        for name, one in ((f"NPU, {arguments.weights}", reader), ("host, f32", host)):
-            text, seconds, _ = one.read(picture)
-            print(f"{name:20} {text}    ({1e3 * seconds:.0f} ms)")
+    for name in (MODEL, KEYS):
+        if not (arguments.model / name).exists():
+            parser.error(f"{arguments.model} has no {name}; scripts/read-text fetches it")
+    if arguments.json is not None and not arguments.compare:
+        parser.error("--json writes the table of --compare, which is not asked for")
+    if (arguments.text is not None) + (arguments.image is not None) + arguments.survey > 1:
+        parser.error("a text, --image and --survey exclude each other")
+    try:
+        with morun.Context() as context:
+            run(arguments, context)
+    except (OSError, ValueError, morun.Error) as error:
+        print(f"read_text.py: {error}", file=sys.stderr)
+        return 1
     return 0
+
+
+def run(arguments: argparse.Namespace, context: morun.Context) -> None:
+    if arguments.survey:
+        survey(arguments.model, context, list(WAYS), LINES)
+        return
+    text = TEXT if arguments.text is None else arguments.text
+    picture = load_picture(arguments.image) if arguments.image is not None else draw(text)
+    if arguments.compare:
+        rows = compare(arguments.model, context, picture)
+        if arguments.json is not None:
+            Path(arguments.json).write_text(json.dumps({"layers": rows}, indent=1) + "\n")
+        return
+    quantiser = arguments.quantiser or ("calibrated" if arguments.weights == "a8w4" else "minmax")
+    reader, host = make_reader(arguments.model, context, arguments.weights, quantiser, []), Reader(
+        arguments.model, None, None)
+    if arguments.image is None:
+        print(f"drawn                {text}")
+    for name, one in ((f"NPU, {arguments.weights}", reader), ("host, f32", host)):
+        read, seconds, _ = one.read(picture)
+        print(f"{name:20} {read}    ({1e3 * seconds:.0f} ms)")
 
 
 if __name__ == "__main__":

@@ -15,6 +15,7 @@ from typing import Any
 
 import numpy as np
 import onnx
+from google.protobuf.message import DecodeError  # type: ignore[import]  # Debian has no stubs of it
 from numpy.lib.stride_tricks import sliding_window_view
 from numpy.typing import NDArray
 from onnx import numpy_helper
@@ -260,13 +261,17 @@ class Session:
     NotImplementedError
         The model has an operator that the module does not have; the message names it.
     ValueError
-        A form or quantiser is unknown, `layers` names no product of the model, or a context or calibration is missing.
+        The file is no ONNX model, a form or quantiser is unknown, `layers` names no product of the model, or a context
+        or calibration is missing.
     """
 
     def __init__(self, path: str | os.PathLike[str], weights: str | None = "f16", context: Context | None = None,
                  quantiser: str = "minmax", layers: Mapping[str, str | None] | None = None,
                  calibration: Sequence[Mapping[str, Array]] = ()) -> None:
-        model = onnx.load(os.fspath(path))
+        try:
+            model = onnx.load(os.fspath(path))
+        except DecodeError as error:
+            raise ValueError(f"{os.fspath(path)} is no ONNX model: {error}") from None
         graph = model.graph
         version = max((o.version for o in model.opset_import if o.domain in ("", "ai.onnx")), default=1)
         self._nodes = [_Node(node) for node in graph.node]
@@ -355,8 +360,8 @@ class Session:
 
     def _run(self, feeds: Mapping[str, Array], product_of: Callable[[_Node], Product],
              seen: Callable[[_Node, dict[str, Array], float], None] | None = None) -> dict[str, Array]:
-        if fixed := set(self._constants) & set(feeds):
-            raise ValueError(f"the model has constants of its own for {', '.join(sorted(fixed))}")
+        if strangers := set(feeds) - set(self.inputs):
+            raise ValueError(f"the model has no inputs {', '.join(sorted(strangers))}")
         if missing := set(self.inputs) - set(feeds):
             raise ValueError(f"the model needs inputs {', '.join(sorted(missing))}")
         values = {**self._constants, **{name: np.asarray(value) for name, value in feeds.items()}}
@@ -384,7 +389,7 @@ class Session:
         Raises
         ------
         ValueError
-            An input is missing or does not fit, or the context is closed.
+            An input is missing, unknown or does not fit, or the context is closed.
         """
         records: list[NodeTrace] = []
         seen = None

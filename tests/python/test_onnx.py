@@ -111,8 +111,9 @@ def test_weights_in_chosen_forms(model, context, quantiser):
 def test_refused_sessions(kind, text, options, model, context):
     with pytest.raises(kind, match=text):
         morun.onnx.Session(model[0], *(context if option is ... else option for option in options))
-    with pytest.raises(ValueError, match="inputs x"):
-        morun.onnx.Session(model[0], None).run({})
+    for feeds, text in (({}, "needs inputs x"), ({"x": X, "y": X}, "no inputs y"), ({"x": X, "c": X}, "no inputs c")):
+        with pytest.raises(ValueError, match=text):
+            morun.onnx.Session(model[0], None).run(feeds)
 
 
 def test_an_unknown_operator_is_named(tmp_path):

@@ -2,6 +2,8 @@
 
 import json
 import os
+import re
+import subprocess
 import sys
 from pathlib import Path
 
@@ -50,6 +52,27 @@ def test_the_program_reads_a_picture_and_compares(tmp_path, capsys, monkeypatch)
     assert len(layers) == 37  # 25 convolutions without groups and 12 matrix products
     means = [np.mean([layer["errors"][way] for layer in layers]) for way in ("f16", "a8w8", "a8w4 mse")]
     assert means[0] < 0.001 < means[1] < 0.02 < means[2]
+
+
+@pytest.mark.parametrize("options, status, says", [
+    (["--image", "nothing.png"], 1, "nothing.png: No such file"), (["--image", "."], 1, "Is a directory"),
+    (["--image", "broken.png"], 1, "broken.png: cannot identify"), (["--image", "cut.png"], 1, "cut.png: .*truncated"),
+    (["--image", "wide.png"], 1, "wide.png is no single line"), (["i" * 2000], 1, "the text is no single line"),
+    (["a\nb"], 1, "more than one line"), (["a"], 1, "is no ONNX model"), (["--model", "nowhere"], 2, "nowhere has no"),
+    (["a", "--json", "j"], 2, "--compare"), (["a", "--image", "cut.png"], 2, "exclude"),
+    (["a", "--survey"], 2, "exclude"), (["--compare", "--survey"], 2, "not allowed"), (["--weights", "a4w4"], 2, "invalid choice")])
+def test_the_program_refuses_in_one_line(options, status, says, tmp_path):
+    from PIL import Image
+    (tmp_path / read_text.MODEL).write_text("junk")
+    (tmp_path / read_text.KEYS).write_text("a\n")
+    (tmp_path / "broken.png").write_text("junk")
+    Image.fromarray(read_text.draw("a").astype(np.uint8)).save(tmp_path / "whole.png")
+    (tmp_path / "cut.png").write_bytes((tmp_path / "whole.png").read_bytes()[:200])
+    Image.new("L", (9000, 40)).save(tmp_path / "wide.png")
+    result = subprocess.run([sys.executable, read_text.__file__, "--model", ".", *options], cwd=tmp_path, text=True,
+                            capture_output=True)
+    assert result.returncode == status and re.search(says, result.stderr), result.stderr
+    assert result.stderr.count("\n") == 1 or result.stderr.startswith("usage:")
 
 
 def test_distance():
