@@ -166,8 +166,9 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
     allow_non_finite
         Whether NaN and infinities are taken.
     progress
-        Called with the tensor at work and the part of the bytes that is done, at most 10 times a second. What it raises
-        ends the packing and is raised again; so does Ctrl-C.
+        Called with the tensor at work and the part of the bytes that is done, at most 10 times a second and once at the
+        end, before the file appears. What it raises, in the last call too, ends the packing without a file and is
+        raised again; so does Ctrl-C.
 
     Returns
     -------

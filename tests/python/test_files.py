@@ -3,6 +3,7 @@
 import collections
 import gc
 import json
+import os
 import signal
 import struct
 import threading
@@ -129,7 +130,7 @@ def test_refused_arguments(use, checkpoint, tmp_path, context):
         use(checkpoint, context)
 
 
-@pytest.mark.parametrize("way", ["an exception in progress", "Ctrl-C"])
+@pytest.mark.parametrize("way", ["an exception in progress", "an exception at the end", "Ctrl-C"])
 def test_packing_is_interrupted(way, tmp_path):
     np.save(tmp_path / "w.npy", np.ones((2000, 3000), np.float32) * np.arange(3000, dtype=np.float32))
     before = threading.active_count()
@@ -138,14 +139,17 @@ def test_packing_is_interrupted(way, tmp_path):
     def progress(name, part):
         if way == "Ctrl-C":
             signal.raise_signal(signal.SIGINT)
-        raise KeyError(name)
+        if way != "an exception at the end" or part == 1:
+            raise KeyError(name)
 
+    (tmp_path / "out").write_text("before")
     try:
         with pytest.raises(KeyError if way != "Ctrl-C" else KeyboardInterrupt):
             morun.pack(tmp_path / "w.npy", tmp_path / "out", "a8w4", "mse", progress=progress)
     finally:
         signal.signal(signal.SIGINT, handler)
-    assert not (tmp_path / "out").exists() and threading.active_count() == before
+    assert (tmp_path / "out").read_text() == "before" and sorted(os.listdir(tmp_path)) == ["out", "w.npy"]
+    assert threading.active_count() == before
 
 
 def test_handles_are_freed_after_success_and_failure(checkpoint, tmp_path, monkeypatch):
