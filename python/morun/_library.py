@@ -214,6 +214,7 @@ _FUNCTIONS = {
     **{f"tavik_npu_3mm_{form}_f32_rm_f32_rm_i{form[-1]}f16_wh": "I:piiiippppIII" + 3 * "IQQQ"
        for form in ("a8w8", "a8w4")},
     "tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb": "I:pQQQppp",
+    "morun_tensor_cpu_matmul_scenario_5": "Q:QQQppp",
     "qmmbp_HxD": ":QQppp", "qmmbp_HxD_": ":QQppp", "qdotxH": ":Qppp",
     "tavik_veyra_get_version": "i:QpppsIp",
     "morun_cpu_rm_to_wh_i8": "I:QQpp", "morun_cpu_rm_to_wh_i4": "I:ppQQ", "morun_cpu_ui8i8_ah_to_i32_rm": "I:QQpp",

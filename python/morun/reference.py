@@ -12,8 +12,8 @@ from . import _library, layouts, quant
 from ._arrays import operand, padded
 from ._library import address, check, tavik
 
-__all__ = ["block", "block_f32", "block_f32_numpy", "block_numpy", "matmul", "matmul_numpy", "npu_matmul_numpy", "row",
-           "row_numpy"]
+__all__ = ["block", "block_f32", "block_f32_numpy", "block_numpy", "matmul", "matmul_columns", "matmul_columns_numpy",
+           "matmul_numpy", "npu_matmul_numpy", "row", "row_numpy"]
 
 F16Array = NDArray[np.float16]
 F32Array = NDArray[np.float32]
@@ -73,10 +73,15 @@ def block_numpy(x: F16Array, w: F16Array) -> F32Array:
         return _eight_added(_fused_sums(x, w, 8, np.float16).astype(np.float32))
 
 
+def _four_sums(x: F16Array, w: F16Array) -> F32Array:
+    l = _fused_sums(x, w, 4, np.float32)
+    with np.errstate(all="ignore"):
+        return (l[..., 0] + l[..., 1]) + (l[..., 2] + l[..., 3])
+
+
 def block_f32_numpy(x: F16Array, w: F16Array) -> F32Array:
     n_inner = x.shape[1] // 8 * 8
-    l = _fused_sums(x[:, :n_inner], w[:n_inner], 4, np.float32)
-    return (l[..., 0] + l[..., 1]) + (l[..., 2] + l[..., 3])
+    return _four_sums(x[:, :n_inner], w[:n_inner])
 
 
 def row_numpy(x: F16Array, w: F16Array) -> F32Array:
@@ -91,6 +96,38 @@ def matmul_numpy(x: NDArray[Any], w: NDArray[Any]) -> F32Array:
     a, b = padded(_f16(x, "x"), 1, 32), padded(_f16(w, "w"), 32, 1)
     n_whole = len(a) // 4 * 4
     result = np.concatenate([block_numpy(a[:n_whole], b), row_numpy(a[n_whole:], b)])
+    result[np.isnan(result)] = np.nan
+    return result
+
+
+def matmul_columns(x: F16Array, columns: F16Array) -> F16Array:
+    """Multiply f16 on the host with f32 sums, as the tensor interface does: morun_tensor_cpu_matmul_scenario_5.
+
+    Parameters
+    ----------
+    x, columns
+        n_row x n_inner, and the weights column by column, n_col x n_inner. Of any extents.
+
+    Returns
+    -------
+    NDArray[np.float16]
+        n_row x n_col.
+    """
+    x, columns = operand(x, "x", (np.float16,)), operand(columns, "columns", (np.float16,))
+    if x.shape[1] != columns.shape[1]:
+        raise ValueError(f"x has {x.shape[1]} columns, the columns have {columns.shape[1]} values")
+    result = np.empty((len(x), len(columns)), np.float16)
+    tavik.morun_tensor_cpu_matmul_scenario_5(*result.shape, x.shape[1], address(result), address(x), address(columns))
+    return result
+
+
+def matmul_columns_numpy(x: F16Array, columns: F16Array) -> F16Array:
+    n_whole, w = x.shape[1] // 4 * 4, columns.T
+    with np.errstate(all="ignore"):
+        sums = _four_sums(x, w)
+        for k in range(n_whole, x.shape[1]):
+            sums = (x[:, k, None].astype(np.float64) * w[k].astype(np.float64) + sums).astype(np.float32)
+        result = sums.astype(np.float16)
     result[np.isnan(result)] = np.nan
     return result
 

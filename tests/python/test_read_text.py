@@ -31,7 +31,7 @@ def pictures():
 
 @recogniser
 @pytest.mark.parametrize("way, right", [
-    ("f16", 1), ("a8w8", 0.98), ("a8w4 calibrated", 0.9), ("a8w4 mse, 4 layers f16", 0.9)])
+    ("f16", 1), ("a8w8", 0.98), ("a8w4 calibrated", 0.9), ("a8w4 mse, 4 in f16", 0.9)])
 def test_characters_read(way, right, pictures, context):
     reader = read_text.make_reader(Path(folder), context, *read_text.WAYS[way])
     texts = [reader.read(picture)[0] for picture in pictures]
@@ -74,6 +74,17 @@ def test_the_program_refuses_in_one_line(options, status, says, tmp_path):
                             capture_output=True)
     assert result.returncode == status and re.search(says, result.stderr), result.stderr
     assert result.stderr.count("\n") == 1 or result.stderr.startswith("usage:")
+
+
+@recogniser
+def test_the_survey_counts_what_differs(capsys, context):
+    lines = LINES[2:4]
+    read_text.survey(Path(folder), context, ["f16", "a8w4 minmax"], [lines[0], lines[1] + "!?"])
+    header, _, _, *rows = capsys.readouterr().out.splitlines()
+    assert header.startswith("2 lines, ")
+    host, half, four = ([*row[:24].split("  ")[:1], *row[24:].split()] for row in rows)
+    assert host[0] == "f32, NumPy" and half[:3] == ["f16", "0", "100.00%"] and int(four[1]) > int(host[1])
+    assert all(float(row[3]) > 0 for row in (host, half, four))
 
 
 def test_distance():

@@ -74,6 +74,8 @@ REFUSALS = {
     "a block of other extents": (ValueError, "four columns", lambda c: reference.block(
         np.ones((3, 8), np.float16), np.ones((8, 4), np.float16))),
     "other inner extents on the host": (ValueError, "rows", lambda c: reference.matmul(X, X)),
+    "other inner extents of columns": (ValueError, "40 columns.*41 values", lambda c: reference.matmul_columns(
+        np.ones((5, 40), np.float16), np.ones((3, 41), np.float16))),
     "complex numbers": (TypeError, "real", lambda c: morun.as_f32(np.ones(2, complex))),
     "bf16 in 32 bits": (TypeError, "uint16", lambda c: morun.as_f32(X, bfloat16=True)),
 }
