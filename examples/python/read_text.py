@@ -118,7 +118,7 @@ def distance(a: str, b: str) -> int:
 # What the quantiser `calibrated` sees: lines that no measurement reads.
 CALIBRATION = ["Calibration line 0123456789", "ABCDEFGHIJKLMNOPQRSTUVWXYZ", "abcdefghijklmnopqrstuvwxyz",
                "Some other words, here: 42%", "(brackets) - dashes / slashes"]
-# The layers whose four-bit weights cost most, each measured alone in a8w4 with mse, the worst first.
+# Layers whose four-bit weights cost most characters, in the order in which the survey keeps more of them in f16.
 COSTLY = ["conv2d_200.tmp_0", "conv2d_192.tmp_0", "conv2d_202.tmp_0", "conv2d_201.tmp_0"]
 WAYS = {  # form, quantiser, layers in f16
     "f16": ("f16", "minmax", []), "a8w8": ("a8w8", "minmax", []), "a8w4 minmax": ("a8w4", "minmax", []),
