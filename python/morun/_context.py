@@ -131,7 +131,7 @@ class _State:
     def close(self) -> None:
         if self.pid != os.getpid():
             return
-        with self.lock:
+        with self.lock.alone():
             if self.handle is None:
                 return
             for handle in list(self.loaded):
@@ -227,7 +227,7 @@ class Context(_library.Single):
     def module_version(self) -> str:
         """The version of the DSP's module, such as "1.0.0 beta1", and the architecture that it was compiled for."""
         self._state.usable()
-        with self._state.lock:
+        with self._state.lock.alone():
             self._state.usable()
             numbers, label, architecture = [ctypes.c_uint32() for _ in range(3)], ctypes.create_string_buffer(32), \
                 ctypes.c_uint32()
@@ -259,7 +259,7 @@ class Context(_library.Single):
         layout, data = weights.layout, weights.checked_data()
         state = self._state
         state.usable()
-        with state.lock:
+        with state.lock.alone():
             state.usable()
             state.collect()
             chunk, offset = state.allocate(data.size)
@@ -310,7 +310,7 @@ class Context(_library.Single):
             requests = (_library.Request * len(wanted))(
                 *(_library.Request(file.index(name), group_of.get(name, 0), 0) for name in wanted))
             options, handle = _library.LoadOptions(size, is_unchecked, 0), ctypes.c_void_p()
-            with state.lock:
+            with state.lock.alone():
                 state.usable()
                 state.collect()
                 check_weights("morun_weights_load", file.handle, state.handle, len(wanted), requests,
@@ -391,7 +391,7 @@ class Context(_library.Single):
         padded[:, :rows.shape[1]] = rows
         results = [np.empty((len(rows), w._padded[1]), np.float32) for w in weights]
         state = self._state
-        with state.lock:
+        with state.lock.alone():
             state.usable()
             state.collect()
             for first, end in self._parts(len(rows), weights):

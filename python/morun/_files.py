@@ -263,7 +263,7 @@ class PackedFile(_library.Single):
 
     def close(self) -> None:
         """Close the file. Closing twice is no change."""
-        with self._lock:
+        with self._lock.alone():
             weights.morun_weights_file_close(self.handle)
             self.handle = ctypes.c_void_p()
 
@@ -293,7 +293,7 @@ class PackedFile(_library.Single):
         return result
 
     def _call(self, function: str, *arguments: Any) -> None:
-        with self._lock:
+        with self._lock.alone():
             if not self.handle:
                 raise ValueError("the file is closed")
             check_weights(function, self.handle, *arguments)

@@ -44,29 +44,28 @@ class Error(RuntimeError):
 class Lock:
     """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would.
 
-    A forked child has its locks open, because the threads that held them stay with the parent.
+    `with lock.alone():` enters and leaves the interpreter's own lock, which no KeyboardInterrupt can separate from the
+    block. A forked child has the locks open that other threads held, because these threads stay with the parent.
     """
 
     _all: weakref.WeakSet[Lock] = weakref.WeakSet()
 
     def __init__(self, what: str) -> None:
         self._what = what
-        self.open()
+        self._lock: Any = threading.RLock()
         Lock._all.add(self)
 
-    def open(self) -> None:
-        self._lock, self._owner = threading.Lock(), 0
-
-    def __enter__(self) -> None:
-        if self._owner == threading.get_ident():
+    def alone(self) -> Any:
+        if self.is_mine():
             raise Error(1, self._what, "this thread is in the middle of a call on the same object")
-        self._lock.acquire()
-        self._owner = threading.get_ident()
+        return self._lock
 
-    def __exit__(self, *_: object) -> None:
-        if self._owner == threading.get_ident():  # otherwise a fork in the middle of the call has opened the lock
-            self._owner = 0
-            self._lock.release()
+    def is_mine(self) -> bool:
+        return bool(self._lock._is_owned())
+
+    def open(self) -> None:
+        if not self.is_mine():
+            self._lock = threading.RLock()
 
 
 def _open_locks() -> None:

@@ -76,7 +76,7 @@ def test_nobody_comes_between_the_weights_of_a_file(checkpoint, tmp_path, contex
     was_locked, operand_of = [], _library.weights.morun_weights_operand_of
 
     def watched(*arguments):
-        was_locked.append(context._state.lock._lock.locked())
+        was_locked.append(context._state.lock.is_mine())
         return operand_of(*arguments)
 
     monkeypatch.setattr(_library.weights, "morun_weights_operand_of", watched)

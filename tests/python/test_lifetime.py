@@ -120,11 +120,20 @@ def test_a_forked_child_reads_a_file_that_a_thread_of_its_parent_is_reading(tmp_
     np.save(tmp_path / "w.npy", W)
     morun.pack(tmp_path / "w.npy", tmp_path / "w", "f16")
     result = python(f"""
-import os, morun
+import os, morun, threading
 file = morun.PackedFile({str(tmp_path / "w")!r})
-with file._lock:  # as if another thread were in a call
-    if (child := os.fork()) == 0:
-        os._exit(int(file.unpack("w").sum() != 2000))
+is_in, may_leave = threading.Event(), threading.Event()
+
+def hold():
+    with file._lock.alone():  # as if in a call
+        is_in.set()
+        may_leave.wait()
+
+threading.Thread(target=hold).start()
+is_in.wait()
+if (child := os.fork()) == 0:
+    os._exit(int(file.unpack("w").sum() != 2000))
+may_leave.set()
 assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0 and file.unpack("w").sum() == 2000
 """)
     assert (result.returncode, result.stderr) == (0, "")
@@ -139,11 +148,10 @@ def test_a_signal_in_the_middle_of_a_call_cannot_use_the_context():
         except morun.Error as error:
             refused.append(str(error))
 
-    context._state.lock.__enter__()  # as in the middle of a call
     previous = signal.signal(signal.SIGUSR1, close)
-    os.kill(os.getpid(), signal.SIGUSR1)
+    with context._state.lock.alone():  # as in the middle of a call
+        os.kill(os.getpid(), signal.SIGUSR1)
     signal.signal(signal.SIGUSR1, previous)
-    context._state.lock.__exit__()
     assert len(refused) == 1 and "in the middle of a call" in refused[0]
     assert (context.matmul(X, W) == 40).all()
     context.close()
@@ -185,7 +193,7 @@ def test_an_interpreter_ends_with_an_open_context(end):
 def test_a_fork_leaves_the_context_to_the_parent():
     result = python(OPEN + """
 import os, sys
-with c._state.lock:  # as if another thread were in a product
+with c._state.lock.alone():  # as if another thread were in a product
     child = os.fork()
 if child == 0:
     try:
