@@ -154,7 +154,7 @@ def test_integers_of_numpy_are_integers():
     blocks = layouts.block_linearize(x, np.uint8(16), np.int64(20))
     np.testing.assert_array_equal(layouts.block_unlinearize(blocks, np.uint8(16), np.array(20, np.uint8)), x)
     small = packed(n_inner=np.uint8(40), n_col=np.uint16(50))
-    assert small.n_inner * 7 == 280 and small.n_col * 1400 == 70000  # which the types of NumPy do not hold
+    assert [type(extent) for extent in small.shape] == [int, int] and small.shape == (40, 50)
 
 
 def _small(use):
