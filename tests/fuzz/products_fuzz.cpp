@@ -251,8 +251,7 @@ bool arm_fault() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(exercised);
-  fuzz::print_input = print_input;
+  fuzz::start(exercised, print_input);
   for (uint8_t*& of : regions) {
     of = static_cast<uint8_t*>(aligned_alloc(64, region_bytes));
     for (size_t i = 0; i < region_bytes; ++i) of[i] = static_cast<uint8_t>(i * 2654435761u >> 13 & 0x3b);

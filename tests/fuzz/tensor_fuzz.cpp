@@ -150,8 +150,7 @@ void check_memory() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(products);
-  fuzz::print_input = print_call;
+  fuzz::start(products, print_call);
   if (morun_npu_initialize(MORUN_DOMAIN_NPU0) != MORUN_SUCCESS) abort();
   void* buffers[8];  // tables of the emulator grow once
   for (void*& buffer : buffers) morun_npu_alloc(1, &buffer);
