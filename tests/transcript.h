@@ -144,8 +144,8 @@ class Transcript : public testing::Test {
     });
   }
 
-  // Plays the call again and again, each time on a platform of its own on which one more call succeeds before one, or
-  // all from there on, fail. Tells what follows from the failure.
+  // Plays the call once for each platform call that it makes, each time on a fresh platform on which that platform call
+  // fails, and once more with all later platform calls failing too. Tells what follows from the failure.
   void play_failures(const std::string& call, const std::function<void()>& preparation,
                      const std::function<int64_t()>& run) {
     say(call);

@@ -729,7 +729,7 @@ TEST_F(UpperTranscripts, UpperProducts) {
   PLAY(mm_u8i4(3, {128, 40, 64}, heap, bytes.data(), shared[2]));
 }
 
-// Products of tensors that are refused, or find their mistake on the way.
+// Products of tensors that are refused at once, or that fail after their first platform calls.
 TEST_F(UpperTranscripts, UpperRefusals) {
   shows_registry = false;
   prepare([this] { start(3); });
