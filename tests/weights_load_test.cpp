@@ -262,7 +262,7 @@ void expect_product(const test::PackedMatrix& W, const std::vector<float>& X, co
 uint32_t multiply(tavik_context* context, const std::vector<morun_weights_operand>& operands,
                   const std::vector<float*>& A, const float* X) {
   const morun_weights_operand& first = operands[0];
-  products::Product product = {n_row, first.padded_n_col, first.padded_n_col, first.padded_n_inner, {}, X};
+  products::Operands product = {n_row, first.padded_n_col, first.padded_n_col, first.padded_n_inner, {}, X};
   std::copy(A.begin(), A.end(), product.A);
   std::vector<products::WeightPlace> places;
   for (const morun_weights_operand& o : operands)
