@@ -57,16 +57,16 @@ const Exception exceptions[] = {
     {"@(UpperF16F16|Tensor*), *, parlo_@(handle_invoke 2|munmap)", false, false, 1, 0},
     {"@(UpperF16F16|Tensor*), from then on, *", false, false, 3, 1},
     {"@(Hello|UpperU8I8|TensorP6), *", true},
-    // Weights that the DSP keeps stay in the context's table, or with their handle.
+    // When the DSP does not let go of a buffer of weights, the buffer stays in the context's table or in its handle.
     {"Load, *, parlo_mmap", true},
     {"Load, host memory, *", true},
     {"Load, *", false, false, 0, 1},
     {"Load, from then on, *", false, false, 1, 1},
     {"Release, *", false, true},
-    // Stopping and unmapping leave off where they fail.
+    // Stopping and unmapping end at the step that fails.
     {"@(Cleanup*|UpperFinalize), *", false, true},
     {"Unmap, *", false, true, 0, 0, false, true},
-    // Mapping goes no further, and leaves what is mapped.
+    // Mapping ends at the step that fails; what is mapped by then stays mapped.
     {"Map, *", false, true, 0, 1, false, true},
     // A lock that fails leaves the upper interface initialised.
     {"UpperInitialize, *, parlo_handle_invoke 7", false, false, 4, 1},
@@ -234,7 +234,7 @@ int32_t* sums() {
 }
 
 #ifdef MORUN_WITH_WEIGHTS
-// The second matrix is too large for what is left of the first session.
+// Opens a file of two matrices. The first session has room for the first matrix only.
 int64_t weights_opened(Runtime& r) {
   const std::string path = testing::TempDir() + "/fault_sweep_test." + std::to_string(getpid());
   test::pack(path, "a f16 32 32 b f16 512 128");

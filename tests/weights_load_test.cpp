@@ -386,7 +386,7 @@ TEST_F(WeightsLoad, ReadsThatFailLeaveNothingAndShortOnesGoOn) {
     nth_read = 0;
   }
 
-  // A file that shrinks, by as little as a byte; and one that has changed.
+  // The file becomes shorter, by one byte or by many. Then a byte of it changes.
   const uint64_t size = fs::file_size(path_), size_of_c = tensor(2).n_byte;
   for (const uint64_t less : {uint64_t{1}, size_of_c, size_of_c + 1, size - tensor(1).file_offset, size - 1}) {
     fs::resize_file(path_, size - less);
