@@ -1,4 +1,4 @@
-// Texts that a person reads before they are kept in tests/transcripts, and that tests compare with what they observe.
+// Tests compare what they observe with texts in tests/transcripts. A person has read these texts before they are kept.
 // MORUN_WRITE_TRANSCRIPTS=1 in the environment writes them anew.
 #pragma once
 
@@ -18,7 +18,7 @@ inline std::string file_contents(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The file that belongs to the test that runs, in this folder.
+// Returns the path of the running test's file in this folder.
 inline std::string file_of_test(const std::string& folder) {
   std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
   std::replace(name.begin(), name.end(), '/', '_');
@@ -34,7 +34,7 @@ inline void expect_kept_text(const std::string& text) {
   EXPECT_NE(system(("diff -u '" + expected + "' '" + actual + "'").c_str()), 0);
 }
 
-// Each line of a text, indented.
+// Returns the text with every line indented.
 inline std::string indented(const std::string& text, const std::string& by = "  ") {
   std::istringstream stream(text);
   std::string lines;

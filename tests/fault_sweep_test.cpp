@@ -26,7 +26,7 @@ using test::last_error;
 constexpr uint64_t large = 1 << 20;
 constexpr int32_t injected = 0x77;
 
-// What is there, on the platform and in the process.
+// What the platform and the process hold.
 struct Held {
   uint64_t allocations, bytes, sessions, handles, mappings, descriptors;
   bool operator==(const Held&) const = default;
@@ -70,9 +70,9 @@ const Exception exceptions[] = {
     {"Map, *", false, true, 0, 1, false, true},
     // A lock that fails leaves the upper interface initialised.
     {"UpperInitialize, *, parlo_handle_invoke 7", false, false, 4, 1},
-    // Conversions do without the memory that they would have liked, and calls without the record of them.
+    // Without host memory, a conversion works without scratch memory, and the platform makes a call without its record.
     {"!(Load), host memory, *", true, false, 1, 1},
-    // With a session everything in it is gone.
+    // A session that is lost loses everything in it.
     {"*, lost, *", false, true, 3, 1, false, true},
     // A session that a caller opened is not mapped yet.
     {"OpenSession, *", false, false, 0, 1, false, true},
@@ -103,7 +103,7 @@ struct Scenario {
   friend std::ostream& operator<<(std::ostream& stream, const Scenario& s) { return stream << s.name; }
 };
 
-// One after the other: 0 where all of them succeed.
+// Returns 0 when all statuses are 0. They are computed in their order.
 int64_t all(std::initializer_list<int64_t> statuses) {
   int64_t any = 0;
   for (const int64_t status : statuses) any |= status;

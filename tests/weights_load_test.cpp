@@ -45,7 +45,7 @@ class WeightsLoad : public test::PlatformTest, public test::Folder {
     test::PlatformTest::TearDown();
   }
 
-  // A file of "NAME FORM N_INNER N_COL ...".
+  // Packs matrices, "NAME FORM N_INNER N_COL ...", into a file and opens the file.
   void open(const std::string& matrices) {
     morun_weights_file_close(std::exchange(file_, nullptr));
     test::pack(path_, matrices);
@@ -116,7 +116,7 @@ class WeightsLoad : public test::PlatformTest, public test::Folder {
 
 // ---- Plans ---------------------------------------------------------------------------------------------------------
 
-// In 2048 bytes: "SIZES of the buffers / of which in session 0: BUFFER+OFFSET of each request".
+// Returns "SIZES of the buffers / of which in session 0: BUFFER+OFFSET of each request", in units of 2048 bytes.
 std::string told(const morun_weights_plan& plan, const std::vector<morun_weights_place>& places) {
   std::ostringstream text;
   for (uint32_t i = 0; i < plan.n_buffer; ++i) text << plan.buffer_size[i] / 2048 << ' ';
