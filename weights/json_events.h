@@ -1,5 +1,5 @@
-// The events of nlohmann's parser. Each event is refused unless a derived reader accepts it. A reader refuses a text
-// with a NUL byte before it calls the parser, which takes the byte for the end of the text.
+// The events of nlohmann's parser with a refusal for each, for readers that take few of them. Texts with a NUL byte
+// have to be refused before: the parser takes one for the end.
 #pragma once
 
 #include <cstddef>
