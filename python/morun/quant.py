@@ -85,7 +85,8 @@ def _round_away(values: NDArray[Any]) -> F64Array:
 
 def _shifted_values(x: F32Array, largest: int) -> tuple[NDArray[np.int64], F32Array]:
     with np.errstate(all="ignore"):
-        scales = np.fmax.reduce(np.abs(x), axis=1, initial=np.float32(0)) / np.float32(largest)
+        # Not fmax, with which a signalling NaN wins.
+        scales = np.max(np.abs(x), axis=1, initial=0, where=~np.isnan(x)) / np.float32(largest)
         inverse = np.where(scales == 0, np.float32(0), np.float32(1) / scales)
         rounded = np.nan_to_num(_round_away(x * inverse[:, None]), nan=0)
     return np.clip(rounded, -2**31, 2**31 - 1).astype(np.int64) + largest + 1, scales
@@ -443,7 +444,8 @@ def dequantise_numpy(packed: PackedMatrix) -> F32Array:
     values = packed.values[:packed.n_inner, :packed.n_col].astype(np.float32)
     if packed.form == "f16":
         return values
-    return (values - packed.zero_points.astype(np.float32)) * packed.scales.astype(np.float32)
+    with np.errstate(all="ignore"):  # the scale of the quantiser "library" may be infinite
+        return (values - packed.zero_points.astype(np.float32)) * packed.scales.astype(np.float32)
 
 
 # ---- The quantisers of weights in NumPy: all columns at a time ----
