@@ -93,11 +93,13 @@ def _shifted_values(x: F32Array, largest: int) -> tuple[NDArray[np.int64], F32Ar
 
 
 def quantise_u8_numpy(x: F32Array) -> tuple[NDArray[np.uint8], F32Array, NDArray[np.uint32]]:
+    """`quantise_u8` in NumPy."""
     values, scales = _shifted_values(x, 127)
     return values.astype(np.uint8), scales, values.sum(axis=1).astype(np.uint32)
 
 
 def quantise_u16_numpy(x: F32Array) -> tuple[NDArray[np.uint8], NDArray[np.uint8], F32Array, NDArray[np.uint32]]:
+    """`quantise_u16` in NumPy."""
     values, scales = _shifted_values(x, 32767)
     stored = values.astype(np.uint16)
     return (stored >> 8).astype(np.uint8), stored.astype(np.uint8), scales, stored.sum(axis=1).astype(np.uint32)
@@ -299,10 +301,12 @@ class PackedMatrix:
 
     @property
     def shape(self) -> tuple[int, int]:
+        """n_inner, n_col: true extents."""
         return self.n_inner, self.n_col
 
     @property
     def layout(self) -> _library.Layout:
+        """Padded extents, where the parts begin in `data`, and `n_byte`."""
         return layout_of(self.form, self.n_inner, self.n_col)
 
     def _part(self, start: int, dtype: type, count: int) -> NDArray[Any]:
@@ -323,7 +327,7 @@ class PackedMatrix:
 
     @property
     def zero_points(self) -> NDArray[np.int8]:
-        """n_col, as the next two; ValueError in form f16."""
+        """n_col; ValueError in form f16."""
         start, n_col = self._quantised().zero_points, self.layout.padded_n_col
         if self.form == "a8w8":
             return self._part(start, np.int8, n_col)[:self.n_col]
@@ -331,10 +335,12 @@ class PackedMatrix:
 
     @property
     def scales(self) -> NDArray[np.float16]:
+        """n_col; ValueError in form f16."""
         return self._part(self._quantised().scales, np.float16, self.n_col)
 
     @property
     def sums(self) -> NDArray[np.int32]:
+        """n_col, of the values of a column with its padding; ValueError in form f16."""
         return self._part(self._quantised().sums, np.int32, self.n_col)
 
     def _quantised(self) -> _library.Layout:
@@ -441,6 +447,7 @@ def dequantise(packed: PackedMatrix) -> F32Array:
 
 
 def dequantise_numpy(packed: PackedMatrix) -> F32Array:
+    """`dequantise` in NumPy."""
     values = packed.values[:packed.n_inner, :packed.n_col].astype(np.float32)
     if packed.form == "f16":
         return values
