@@ -262,8 +262,8 @@ typedef struct morun_weights_recipe {
  *   BAD_ARGUMENT    form, quantiser, columns, strides of 0 or packed_size; or a calibration that is not finished or of
  *                   another n_inner
  *   EXTENTS         as morun_weights_layout_of
- *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the order
- *                   of columns. The columns' part of `packed` is undefined then
+ *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the
+ *                   order of columns. The columns' part of `packed` is undefined then
  *   NO_MEMORY       working memory for 32 columns could not be had */
 int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t first_column, uint64_t n_column,
                                    const float* values, uint64_t inner_stride, uint64_t column_stride, void* packed,
@@ -273,8 +273,8 @@ int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t 
 void morun_weights_statistics_add(morun_weights_statistics* statistics, const morun_weights_statistics* other);
 
 /* Sets columns first_column to first_column + n_column - 1 of an f32 matrix to the values that a packed matrix stands
- * for: (q - zero point) * scale, which f32 holds exactly; in form f16 the halves, widened. Padding is left out. Calls for
- * different columns may run in several threads at a time.
+ * for: (q - zero point) * scale, which f32 holds exactly; in form f16 the halves, widened. Padding is left out. Calls
+ * for different columns may run in several threads at a time.
  *
  * packed         the whole packed matrix, packed_size bytes, at least the layout's n_byte
  * first_column   any of the n_col, as is n_column; at least 1 column

@@ -1,5 +1,5 @@
-// The library on a platform that has some of the optional entries, as this program defines them: a debug log without its
-// configuration, and a list of domains that tells their number in its first answer only.
+// The library on a platform that has some of the optional entries, as this program defines them: a debug log without
+// its configuration, and a list of domains that tells their number in its first answer only.
 #define PARLO_IMPLEMENTATION
 #include <dlfcn.h>
 

@@ -39,8 +39,8 @@ namespace {
 
 class LowerTranscript : public test::Transcript {
  protected:
-  // Limits that all differ: a result of 8192 elements, an activation of 16384, 256 rows. Sessions with room for one large
-  // buffer.
+  // Limits that all differ: a result of 8192 elements, an activation of 16384, 256 rows. Sessions with room for one
+  // large buffer.
   static constexpr tavik_options limits = {8192, 256, 16384, 0};
   static constexpr uint64_t large = 1 << 20;
 
@@ -303,8 +303,8 @@ TEST_F(Transcripts, MemoryWrappers) {
 using products::f16, products::a8w8, products::a8w4, products::Kind, products::WeightPlace;
 using test::make_view;
 
-// All weights of a matrix have one value, and the activations are 0 and 1 in turn: every element of a result is the value
-// n_inner / 2 times.
+// All weights of a matrix have one value, and the activations are 0 and 1 in turn: every element of a result is the
+// value n_inner / 2 times.
 class ProductTranscripts : public LowerTranscript {
  protected:
   static constexpr int32_t n_row = 67, n_col = 64, n_inner = 96;
@@ -314,8 +314,8 @@ class ProductTranscripts : public LowerTranscript {
   using Result = std::vector<float>;
   using N = std::array<int32_t, 3>;  // rows, columns, inner dimension
 
-  // Opens two sessions and locks the matrix unit. Each session has a large buffer with three matrices; the values of the
-  // six matrices are 1 to 6.
+  // Opens two sessions and locks the matrix unit. Each session has a large buffer with three matrices; the values of
+  // the six matrices are 1 to 6.
   void begin(Kind kind, int n_session = 2) {
     start(n_session);
     tavik_lock_compute_device(c);
