@@ -213,7 +213,8 @@ enum { MORUN_WEIGHTS_MAX_WORST_COLUMNS = 8 };
 
 typedef struct morun_weights_column_error {
   uint64_t column;
-  double relative_error; /* |w - w'| / |w|, Euclidean norms of the column; 1 where |w| is 0 and |w'| is not */
+  double relative_error; /* |w - w'| / |w|, Euclidean norms of the column, as every relative error here: 0 for 0 / 0, 1
+                            where |w| alone is 0, and DBL_MAX where the error is infinite */
 } morun_weights_column_error;
 
 /* What packing did to the values; w' are the values that the packed matrix stands for. Sums of squares are in f64.
@@ -366,7 +367,7 @@ typedef struct morun_weights_decision {
   uint64_t n_byte; /* in the packed file */
   int32_t is_done; /* whether a run has packed it; what follows is zero until then */
   uint32_t reserved;
-  double error;         /* |w - w'| / |w|, Frobenius norms; 0 for 0 / 0 and for carried */
+  double error;         /* |w - w'| / |w|, Frobenius norms; 0 for carried */
   double product_error; /* |X (w - w')| / |X w| on the activations, or -1 without */
   morun_weights_statistics statistics;
 } morun_weights_decision;
@@ -457,6 +458,14 @@ int32_t morun_weights_file_verify(const morun_weights_file* file, uint64_t index
  *   BAD_ARGUMENT   index, or a range that does not lie in the tensor */
 int32_t morun_weights_file_read(const morun_weights_file* file, uint64_t index, uint64_t offset, uint64_t n_byte,
                                 void* bytes);
+
+/* Reads all n_byte bytes of a tensor, as they stand, and compares them with the checksum on the way: each byte of the
+ * file is read once. On READ, SHRUNK and CHECKSUM the bytes at `bytes` are undefined.
+ *
+ *   NULL_ARGUMENT   file; or bytes where the tensor's n_byte is not 0
+ *   BAD_ARGUMENT    index
+ *   READ, SHRUNK, CHECKSUM */
+int32_t morun_weights_file_read_verified(const morun_weights_file* file, uint64_t index, void* bytes);
 
 /* Reads a packed tensor and stores the values it stands for, row-major, n_inner x n_col f32. `values` is undefined
  * after READ, SHRUNK, CHECKSUM and NO_MEMORY; n_byte bytes of working memory are taken.

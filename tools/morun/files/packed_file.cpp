@@ -60,8 +60,7 @@ WeightFile::WeightFile(const std::filesystem::path& argument) : name_(argument.n
 }
 
 void WeightFile::read_packed(void* to) const {
-  require_weights(morun_weights_file_verify(packed_->get(), index_));
-  require_weights(morun_weights_file_read(packed_->get(), index_, 0, tensor_.n_byte, to));
+  require_weights(morun_weights_file_read_verified(packed_->get(), index_, to));
 }
 
 void WeightFile::read_columns(size_t first_col, size_t n_col, float* to, size_t row_stride) const {
