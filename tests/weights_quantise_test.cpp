@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <functional>
 #include <numeric>
@@ -302,6 +303,8 @@ TEST(WeightsQuantise, ValuesThatAreNotFiniteAreNamedOrReplaced) {
       EXPECT_TRUE(std::isnan(taken.value(3, 2)));
       EXPECT_EQ(taken.value(1, 69), -INFINITY);
       EXPECT_EQ(taken.statistics.squared_error, INFINITY);  // of the value that overflows
+      EXPECT_EQ(taken.statistics.worst[0].column, 33u);
+      EXPECT_EQ(taken.statistics.worst[0].relative_error, DBL_MAX);
     } else {
       EXPECT_EQ(taken.value(3, 2), 0);
       EXPECT_NEAR(taken.value(1, 69), -65504, 32);

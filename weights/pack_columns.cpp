@@ -10,6 +10,7 @@
 #include "weights/error.h"
 #include "weights/layout.h"
 #include "weights/quantisers.h"
+#include "weights/relative_error.h"
 
 namespace weights {
 namespace {
@@ -187,8 +188,7 @@ void measure(Band& band, std::vector<double>& stored, const morun_weights_calibr
     const Squares squares = squares_of(band.n_padded, band.column(c), stored.data() + c * band.n_padded);
     statistics.sum_of_squares += squares.value;
     statistics.squared_error += squares.error;
-    const double relative = squares.error == 0 ? 0 : squares.value == 0 ? 1 : std::sqrt(squares.error / squares.value);
-    add_worst(statistics, {band.first_column + c, relative});
+    add_worst(statistics, {band.first_column + c, relative_error(squares.error, squares.value)});
   }
   if (calibration != nullptr) measure_products(band, stored, *calibration, statistics);
 }

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cfloat>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstring>
 #include <exception>
@@ -20,6 +18,7 @@
 #include "weights/layout.h"
 #include "weights/output_file.h"
 #include "weights/record.h"
+#include "weights/relative_error.h"
 
 struct morun_weights_packer {
   explicit morun_weights_packer(const morun_weights_pack_options& given) : options(given) {
@@ -67,7 +66,9 @@ using Calibration = std::unique_ptr<morun_weights_calibration, CalibrationReleas
 // The activations that the options name, by tensor.
 class Activations {
  public:
-  Activations(const std::string& path, uint64_t n_packed) : path_(path), is_file_(path.ends_with(".npy")) {
+  explicit Activations(const std::string& path) : path_(path), is_file_(path.ends_with(".npy")) {}
+
+  void require_matrices(uint64_t n_packed) const {
     require_argument(!is_file_ || n_packed == 1, "activations is one file, and not just one matrix is packed");
   }
 
@@ -242,13 +243,6 @@ class MatrixJobs {
 
 // ---- The file ------------------------------------------------------------------------------------------------------
 
-// The ratio of two norms, given by their squares; a number that JSON can tell.
-double relative(double squared_error, double squares) {
-  if (squared_error == 0) return 0;
-  const double ratio = squares > 0 ? std::sqrt(squared_error / squares) : 1;
-  return ratio <= DBL_MAX ? ratio : DBL_MAX;
-}
-
 Record record_of(const Decision& decision, int32_t quantiser) {
   Record record;
   record.form = decision.form;
@@ -291,8 +285,7 @@ class Run {
       : packer_(packer),
         options_(packer.options),
         decisions_(packer.decisions()),
-        n_packed_(static_cast<uint64_t>(
-            std::count_if(decisions_.begin(), decisions_.end(), [](const Decision& d) { return is_packed(d.form); }))),
+        activations_(packer.activations),
         progress_(options_, decisions_) {}
 
   void write_to(const std::string& path) {
@@ -328,11 +321,12 @@ class Run {
   void check() const {
     if (decisions_.empty()) throw Error(MORUN_WEIGHTS_SOURCE_EMPTY, "there is nothing to pack: no source was added");
     require_rules_used(packer_.source.tensors, packer_.rules);
-    const Activations activations(packer_.activations, n_packed_);
+    activations_.require_matrices(static_cast<uint64_t>(
+        std::count_if(decisions_.begin(), decisions_.end(), [](const Decision& d) { return is_packed(d.form); })));
     for (const Decision& decision : decisions_) {
       if (is_packed(decision.form)) {
         (void)decision.n_byte();
-        (void)activations.find(decision, is_calibrated(decision));
+        (void)activations_.find(decision, is_calibrated(decision));
       } else if (decision.tensor->is_fortran_order) {
         throw Error(MORUN_WEIGHTS_NPY, "%s: is in Fortran order and cannot be carried over as it is",
                     decision.tensor->file->path().c_str());
@@ -367,8 +361,7 @@ class Run {
   }
 
   void pack(Decision& decision, const OutputFile& file, uint64_t offset, std::vector<std::byte>& buffer) {
-    const Activations activations(packer_.activations, n_packed_);
-    const std::optional<SourceTensor> activation = activations.find(decision, is_calibrated(decision));
+    const std::optional<SourceTensor> activation = activations_.find(decision, is_calibrated(decision));
     Calibration calibration;
     if (activation) calibration = calibrate(*activation, options_.damping, decision.tensor->name);
     const morun_weights_recipe recipe = {decision.form,
@@ -381,9 +374,9 @@ class Run {
     const SourceMatrix matrix = {decision.tensor, decision.n_inner, decision.n_col, decision.is_transposed};
     if (buffer.empty()) buffer.resize(largest_packed());
     decision.statistics = MatrixJobs(matrix, recipe, packer_.is_interrupted, progress_, buffer).run(options_.n_job);
-    decision.error = relative(decision.statistics.squared_error, decision.statistics.sum_of_squares);
+    decision.error = relative_error(decision.statistics.squared_error, decision.statistics.sum_of_squares);
     decision.product_error =
-        calibration ? relative(decision.statistics.product_error, decision.statistics.product_squares) : -1;
+        calibration ? relative_error(decision.statistics.product_error, decision.statistics.product_squares) : -1;
     Checksum checksum;
     for (uint64_t done = 0, n_byte = decision.n_byte(); done < n_byte; done += copied_at_once) {
       require_not_interrupted(packer_.is_interrupted);
@@ -423,7 +416,7 @@ class Run {
   morun_weights_packer& packer_;
   const morun_weights_pack_options& options_;
   std::vector<Decision>& decisions_;
-  uint64_t n_packed_;
+  Activations activations_;
   Progress progress_;
 };
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -139,8 +138,7 @@ nlohmann::ordered_json report_of(const morun_weights_decision& decision) {
   tensor["zero_columns"] = figures.n_zero;
   nlohmann::ordered_json& worst = tensor["worst_columns"] = nlohmann::ordered_json::array();
   for (uint32_t i = 0; i < figures.n_worst; ++i) {
-    worst.push_back({{"column", figures.worst[i].column},
-                     {"error", std::min(figures.worst[i].relative_error, std::numeric_limits<double>::max())}});
+    worst.push_back({{"column", figures.worst[i].column}, {"error", figures.worst[i].relative_error}});
   }
   return tensor;
 }
