@@ -32,7 +32,9 @@ TEST_F(WeightsPack, NpyMatricesAndUntransposedOnesAreInnerByColumns) {
   write("s.safetensors", safetensors({{"s.weight", "BF16", {70, 45}, encoded("BF16", w)}}));
   Packer packer([](auto& o) { o.transpose = 0, o.n_job = 2; });
   for (const char* const name : {"c.npy", "fortran.npy", "double.npy", "s.safetensors"}) packer.source(path(name));
-  ASSERT_EQ(packer.run(path("packed")), 0) << morun_weights_error_text();
+  fs::create_symlink("packed", path("link"));  // stays, though it leads to nothing yet
+  ASSERT_EQ(packer.run(path("link")), 0) << morun_weights_error_text();
+  EXPECT_TRUE(fs::is_symlink(path("link")));
   const PackedFile file(read("packed"));
   for (const char* const name : {"c", "fortran", "double", "s.weight"}) {
     const test::PackedMatrix matrix = file.matrix(name);
@@ -209,8 +211,10 @@ TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
       {"m.safetensors", MORUN_WEIGHTS_COVARIANCE, "larger damping", "one.npy", 0},
       {"m.safetensors", MORUN_WEIGHTS_WRITE, "No such file", nullptr, 0, nullptr, "nowhere/packed"},
       {"m.safetensors", MORUN_WEIGHTS_WRITE, "Is a directory", nullptr, 0, nullptr, "x"},
+      {"m.safetensors", MORUN_WEIGHTS_WRITE, "levels of symbolic links", nullptr, 0, nullptr, "loop"},
   };
   write("packed", "what was there");
+  fs::create_symlink("loop", path("loop"));
   const std::set<std::string> before = names();
   for (const Case& test : cases) {
     const std::string activations = test.activations != nullptr ? path(test.activations) : "";
