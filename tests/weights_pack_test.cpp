@@ -284,6 +284,21 @@ TEST_F(WeightsPack, InterruptionEndsSoonAndLeavesNothing) {
   EXPECT_GT(interruption.n_call, 1);
 }
 
+// All of the activation takes most of a minute and is refused at its end, because all of its values are zeros.
+TEST_F(WeightsPack, InterruptionEndsTheReadingOfActivations) {
+  const std::string zeros = write("w.npy", npy("<f4", false, "(1024, 32)", std::string(4 * 1024 * 32, '\0')));
+  const std::string x = write("x.npy", npy("<f2", false, "(524288, 1024)", ""));
+  fs::resize_file(x, fs::file_size(x) + 2ul * 524288 * 1024);
+  morun_weights_packer* handle = nullptr;
+  Packer packer([&](auto& o) {
+    o.user = &handle, o.activations = x.c_str(), o.quantiser = MORUN_WEIGHTS_CALIBRATED;
+    o.progress = [](void* user, auto*) { morun_weights_packer_interrupt(*static_cast<morun_weights_packer**>(user)); };
+  });
+  handle = packer.source(zeros).handle;
+  EXPECT_EQ(packer.run(path("packed")), MORUN_WEIGHTS_INTERRUPTED);
+  EXPECT_FALSE(fs::exists(path("packed")));
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__aarch64__)
 // A child that packs has its own peak.
 TEST_F(WeightsPack, AGibibyteIsPackedInTheMemoryOfOneMatrix) {

@@ -95,7 +95,10 @@ class Activations {
   bool is_file_;
 };
 
-Calibration calibrate(const SourceTensor& activation, double damping, const std::string& name) {
+// `go_on` is called before each piece of the activation, and throws to end the calibration.
+template <typename GoOn>
+Calibration calibrate(const SourceTensor& activation, double damping, const std::string& name, const GoOn& go_on) {
+  constexpr uint64_t most_rows_at_once = 64;
   const uint64_t n_row = activation.shape[0], n_inner = activation.shape[1];
   morun_weights_calibration* made = nullptr;
   if (const int32_t status = morun_weights_calibration_create(n_inner, &made); status != MORUN_WEIGHTS_SUCCESS)
@@ -103,15 +106,17 @@ Calibration calibrate(const SourceTensor& activation, double damping, const std:
   Calibration calibration(made);
   // Rows of the activation are columns of its transpose.
   const SourceMatrix transposed = {&activation, n_inner, n_row, !activation.is_fortran_order};
-  const uint64_t n_at_once = std::max<uint64_t>(1, stripe_size / sizeof(float) / n_inner);
+  const uint64_t n_at_once = std::clamp<uint64_t>(stripe_size / sizeof(float) / n_inner, 1, most_rows_at_once);
   std::vector<float> rows(std::min(n_at_once, n_row) * n_inner);
   std::vector<std::byte> scratch;
   for (uint64_t first = 0; first < n_row; first += n_at_once) {
+    go_on();
     const uint64_t n = std::min(n_at_once, n_row - first);
     read_columns(transposed, first, n, rows.data(), scratch);
     if (const int32_t status = morun_weights_calibration_add(made, n, rows.data(), n_inner); status != 0)
       rethrow(status, name);
   }
+  go_on();
   if (const int32_t status = morun_weights_calibration_finish(made, damping); status != 0) rethrow(status, name);
   return calibration;
 }
@@ -313,6 +318,12 @@ class Run {
   }
 
  private:
+  // Called between pieces of work.
+  void go_on() {
+    progress_.show();
+    require_not_interrupted(packer_.is_interrupted);
+  }
+
   bool is_calibrated(const Decision& decision) const {
     return is_quantised(decision.form) && options_.quantiser == MORUN_WEIGHTS_CALIBRATED;
   }
@@ -363,7 +374,7 @@ class Run {
   void pack(Decision& decision, const OutputFile& file, uint64_t offset, std::vector<std::byte>& buffer) {
     const std::optional<SourceTensor> activation = activations_.find(decision, is_calibrated(decision));
     Calibration calibration;
-    if (activation) calibration = calibrate(*activation, options_.damping, decision.tensor->name);
+    if (activation) calibration = calibrate(*activation, options_.damping, decision.tensor->name, [&] { go_on(); });
     const morun_weights_recipe recipe = {decision.form,
                                          options_.quantiser,
                                          decision.n_inner,
@@ -379,11 +390,10 @@ class Run {
         calibration ? relative_error(decision.statistics.product_error, decision.statistics.product_squares) : -1;
     Checksum checksum;
     for (uint64_t done = 0, n_byte = decision.n_byte(); done < n_byte; done += copied_at_once) {
-      require_not_interrupted(packer_.is_interrupted);
+      go_on();
       const uint64_t n = std::min(copied_at_once, n_byte - done);
       checksum.add(buffer.data() + done, n);
       file.write(offset + done, n, buffer.data() + done);
-      progress_.show();
     }
     decision.checksum = checksum.value();
   }
@@ -393,13 +403,12 @@ class Run {
     std::vector<std::byte> bytes(std::min(copied_at_once, tensor.n_byte));
     Checksum checksum;
     for (uint64_t done = 0; done < tensor.n_byte; done += copied_at_once) {
-      require_not_interrupted(packer_.is_interrupted);
+      go_on();
       const uint64_t n = std::min(copied_at_once, tensor.n_byte - done);
       tensor.file->read(tensor.file_offset + done, n, bytes.data());
       checksum.add(bytes.data(), n);
       file.write(offset + done, n, bytes.data());
       progress_.add(n);
-      progress_.show();
     }
     decision.checksum = checksum.value();
     decision.error = 0;
