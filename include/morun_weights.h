@@ -56,7 +56,7 @@ enum {
 
   /* Files. The text carries the text of errno. */
   MORUN_WEIGHTS_OPEN = 10,   /* a file or directory cannot be opened or examined, or is not a regular file */
-  MORUN_WEIGHTS_READ = 11,   /* reading fails */
+  MORUN_WEIGHTS_READ = 11,   /* reading fails; or another file has the name of a packer's source by now */
   MORUN_WEIGHTS_WRITE = 12,  /* the output cannot be created, written or renamed, a full disk included */
   MORUN_WEIGHTS_SHRUNK = 13, /* a file ends earlier than it did when it was opened */
 
@@ -335,7 +335,7 @@ int32_t morun_weights_packer_create(const morun_weights_pack_options* options, m
  *   NAME.index.json    the files that an index names, beside it
  *   a directory        the one .index.json file in it; or all its .safetensors files; or all its .npy files
  *   NAME.npy           one tensor, whose name is NAME
- * and reads headers alone. A source that fails adds nothing.
+ * and reads headers alone. A source that fails adds nothing. Its files are closed again until the packer runs.
  *
  *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, those of an invalid safetensors file, HEADER_NAME (also of a
  *   .npy file), DUPLICATE_NAME, SOURCE_KIND, SOURCE_EMPTY, INDEX, NPY, NPY_TYPE, ALREADY_PACKED

@@ -254,6 +254,24 @@ TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
   EXPECT_EQ(fs::status(path("packed")).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
+TEST_F(WeightsPack, SourcesAreOpenOnlyWhileTheyAreRead) {
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit few = {16, limit.rlim_max};
+  Packer packer;
+  setrlimit(RLIMIT_NOFILE, &few);
+  for (const char letter : std::string("abcdefghijklmnopqrstuvwxyz"))
+    packer.source(write(letter + std::string(".npy"), npy("<f4", false, "(1, 1)", "1234")));
+  write("other", npy("<f4", false, "(1, 1)", "1235"));
+  fs::rename(path("other"), path("z.npy"));
+  test::expect_status(packer.run(path("packed")), MORUN_WEIGHTS_READ, "z.npy: is another file than");
+  EXPECT_FALSE(fs::exists(path("packed")));
+  Packer again;
+  EXPECT_EQ(again.source(folder_).run(path("packed")), 0) << morun_weights_error_text();
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(again.decisions().size(), 26u);
+}
+
 TEST_F(WeightsPack, InterruptionEndsSoonAndLeavesNothing) {
   const std::string zeros = write("m.safetensors", test::safetensors_of_zeros({"a.weight"}, 4096, 4096));
   fs::resize_file(zeros, fs::file_size(zeros) + 67108864);

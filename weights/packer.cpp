@@ -105,7 +105,8 @@ Calibration calibrate(const SourceTensor& activation, double damping, const std:
     rethrow(status, name);
   Calibration calibration(made);
   // Rows of the activation are columns of its transpose.
-  const SourceMatrix transposed = {&activation, n_inner, n_row, !activation.is_fortran_order};
+  const InputFile file = activation.file->open();
+  const SourceMatrix transposed = {&activation, &file, n_inner, n_row, !activation.is_fortran_order};
   const uint64_t n_at_once = std::clamp<uint64_t>(stripe_size / sizeof(float) / n_inner, 1, most_rows_at_once);
   std::vector<float> rows(std::min(n_at_once, n_row) * n_inner);
   std::vector<std::byte> scratch;
@@ -382,7 +383,8 @@ class Run {
                                          calibration.get(),
                                          options_.allow_non_finite,
                                          0};
-    const SourceMatrix matrix = {decision.tensor, decision.n_inner, decision.n_col, decision.is_transposed};
+    const InputFile source = decision.tensor->file->open();
+    const SourceMatrix matrix = {decision.tensor, &source, decision.n_inner, decision.n_col, decision.is_transposed};
     if (buffer.empty()) buffer.resize(largest_packed());
     decision.statistics = MatrixJobs(matrix, recipe, packer_.is_interrupted, progress_, buffer).run(options_.n_job);
     decision.error = relative_error(decision.statistics.squared_error, decision.statistics.sum_of_squares);
@@ -400,12 +402,13 @@ class Run {
 
   void carry(Decision& decision, const OutputFile& file, uint64_t offset) {
     const SourceTensor& tensor = *decision.tensor;
+    const InputFile source = tensor.file->open();
     std::vector<std::byte> bytes(std::min(copied_at_once, tensor.n_byte));
     Checksum checksum;
     for (uint64_t done = 0; done < tensor.n_byte; done += copied_at_once) {
       go_on();
       const uint64_t n = std::min(copied_at_once, tensor.n_byte - done);
-      tensor.file->read(tensor.file_offset + done, n, bytes.data());
+      source.read(tensor.file_offset + done, n, bytes.data());
       checksum.add(bytes.data(), n);
       file.write(offset + done, n, bytes.data());
       progress_.add(n);

@@ -22,10 +22,11 @@ constexpr std::string_view safetensors_ending = ".safetensors", index_ending = "
 // ---- Files of tensors ----------------------------------------------------------------------------------------------
 
 Source open_safetensors(const std::string& path) {
-  const auto file = std::make_shared<const InputFile>(path);
-  SafetensorsHeader header = read_header(*file);
+  const InputFile opened(path);
+  SafetensorsHeader header = read_header(opened);
   if (header.metadata.contains(format_key))
     throw Error(MORUN_WEIGHTS_ALREADY_PACKED, "%s: is a packed file already", path.c_str());
+  const auto file = std::make_shared<const ReopenedFile>(opened);
   Source source;
   source.metadata = std::move(header.metadata);
   for (TensorEntry& entry : header.tensors) {
@@ -201,7 +202,7 @@ void read_contiguous(const SourceMatrix& matrix, uint64_t first_column, uint64_t
   uint64_t offset = matrix.tensor->file_offset + first_column * matrix.n_inner * element_size;
   for (uint64_t done = 0; done < count; done += n_at_once) {
     const uint64_t n = std::min(n_at_once, count - done);
-    matrix.tensor->file->read(offset, n * element_size, scratch.data());
+    matrix.file->read(offset, n * element_size, scratch.data());
     convert(*matrix.tensor->dtype, scratch.data(), n, values + done);
     offset += n * element_size;
   }
@@ -219,7 +220,7 @@ void read_strided(const SourceMatrix& matrix, uint64_t first_column, uint64_t n_
     const uint64_t n_row = std::min(rows_at_once, matrix.n_inner - first);
     for (uint64_t r = 0; r < n_row; ++r) {
       const uint64_t offset = ((first + r) * matrix.n_col + first_column) * element_size;
-      matrix.tensor->file->read(matrix.tensor->file_offset + offset, n_column * element_size, scratch.data());
+      matrix.file->read(matrix.tensor->file_offset + offset, n_column * element_size, scratch.data());
       convert(*matrix.tensor->dtype, scratch.data(), n_column, rows + r * n_column);
     }
     for (uint64_t c = 0; c < n_column; ++c)
