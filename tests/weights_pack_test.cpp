@@ -114,8 +114,16 @@ TEST_F(WeightsPack, SourcesThatAreNoneAreRefused) {
   write("two/b.index.json", "{}");
   write("twice/a.safetensors", good);
   write("twice/b.safetensors", good);
-  const std::pair<const char*, const char*> indices[] = {
+  const std::string map = R"({"weight_map":{"a.weight":"good.safetensors"}})", deep(1 << 20, '[');
+  const std::pair<const char*, std::string> indices[] = {
       {"json", "{\"weight_map\":"},
+      {"nul", map + std::string("\0 {", 3)},
+      {"behind", map + "x"},
+      {"deep", R"({"metadata":)" + deep},
+      {"name", R"({"weight_map":{"a":"good.safetensors","\u0061":"other.safetensors"}})"},
+      {"maps", R"({"weight_map":{},"weight_map":{}})"},
+      {"root", "[]"},
+      {"no_map", R"({"metadata":{"weight_map":{"a":"b"}}})"},
       {"list", "{\"weight_map\":[]}"},
       {"outside", "{\"weight_map\":{\"a.weight\":\"../good.safetensors\"}}"},
       {"number", "{\"weight_map\":{\"a.weight\":1}}"},
@@ -141,10 +149,17 @@ TEST_F(WeightsPack, SourcesThatAreNoneAreRefused) {
       {"nothing.index.json", MORUN_WEIGHTS_SOURCE_EMPTY, "no tensors"},
       {"two", MORUN_WEIGHTS_INDEX, "2 files *.index.json"},
       {"twice", MORUN_WEIGHTS_DUPLICATE_NAME, "too"},
-      {"json.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with a weight_map"},
-      {"list.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with a weight_map"},
+      {"json.index.json", MORUN_WEIGHTS_INDEX, "is not JSON at its byte 15"},
+      {"nul.index.json", MORUN_WEIGHTS_INDEX, "is not JSON at its byte 47"},
+      {"behind.index.json", MORUN_WEIGHTS_INDEX, "is not JSON at its byte 47"},
+      {"deep.index.json", MORUN_WEIGHTS_INDEX, "deeper than 64 levels"},
+      {"name.index.json", MORUN_WEIGHTS_INDEX, "names tensor \"a\" twice"},
+      {"maps.index.json", MORUN_WEIGHTS_INDEX, "two members weight_map"},
+      {"root.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with an object weight_map"},
+      {"list.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with an object weight_map"},
+      {"no_map.index.json", MORUN_WEIGHTS_INDEX, "has no weight_map"},
       {"outside.index.json", MORUN_WEIGHTS_INDEX, "none of the index's folder"},
-      {"number.index.json", MORUN_WEIGHTS_INDEX, "none of the index's folder"},
+      {"number.index.json", MORUN_WEIGHTS_INDEX, "tensor \"a.weight\" is in a number, which is no file"},
       {"missing.index.json", MORUN_WEIGHTS_INDEX, "does not have tensor \"b.weight\""},
       {"nowhere.index.json", MORUN_WEIGHTS_OPEN, "No such file"},
       {"cut.npy", MORUN_WEIGHTS_NPY, "holds 3 bytes"},

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "weights/error.h"
+#include "weights/index.h"
 #include "weights/layout.h"
 #include "weights/record.h"
 
@@ -70,34 +71,6 @@ void append(Source& source, Source&& more) {
 }
 
 // ---- Indices -------------------------------------------------------------------------------------------------------
-
-nlohmann::json read_index(const std::string& path) {
-  constexpr uint64_t longest = 100'000'000;
-  const InputFile file(path);
-  if (file.size() > longest)
-    throw Error(MORUN_WEIGHTS_INDEX, "%s: has %ju bytes, more than %ju", path.c_str(), uintmax_t{file.size()},
-                uintmax_t{longest});
-  std::string text(file.size(), '\0');
-  file.read(0, text.size(), text.data());
-  nlohmann::json index = nlohmann::json::parse(text, nullptr, false);
-  if (!index.is_object() || !index.contains("weight_map") || !index["weight_map"].is_object())
-    throw Error(MORUN_WEIGHTS_INDEX, "%s: is no JSON object with a weight_map", path.c_str());
-  return index;
-}
-
-// The tensors that an index names, by their files.
-std::map<std::string, std::set<std::string>> tensors_by_file(const std::string& path) {
-  std::map<std::string, std::set<std::string>> files;
-  const nlohmann::json index = read_index(path);
-  for (const auto& [tensor, file] : index["weight_map"].items()) {
-    const std::string name = file.is_string() ? file.get<std::string>() : "";
-    if (name.empty() || name.find('/') != name.npos || name.find('\0') != name.npos || name == "." || name == "..")
-      throw Error(MORUN_WEIGHTS_INDEX, "%s: tensor %s is in file %s, which is none of the index's folder", path.c_str(),
-                  in_quotes(tensor).c_str(), in_quotes(name).c_str());
-    files[name].insert(tensor);
-  }
-  return files;
-}
 
 Source open_index(const std::string& path) {
   Source source;
