@@ -119,7 +119,8 @@ enum {
   /* Packing. */
   MORUN_WEIGHTS_RULE_UNUSED = 80,      /* a rule's pattern matches no tensor */
   MORUN_WEIGHTS_NON_FINITE = 81,       /* a NaN or an infinity among the weights; the text names tensor and place */
-  MORUN_WEIGHTS_NO_ACTIVATION = 82,    /* no activation for a matrix that is to be calibrated */
+  MORUN_WEIGHTS_NO_ACTIVATION = 82,    /* no activation for a matrix that is to be calibrated, or activations are given
+                                          and no packed matrix has one */
   MORUN_WEIGHTS_ACTIVATION_SHAPE = 83, /* an activation is not a matrix of n_inner columns */
   MORUN_WEIGHTS_ACTIVATION_VALUE = 84, /* a NaN or an infinity in an activation, or an activation of zeros alone */
   MORUN_WEIGHTS_COVARIANCE = 85,       /* the damped covariance has no Cholesky factor */
@@ -265,7 +266,7 @@ typedef struct morun_weights_recipe {
  *                   another n_inner
  *   EXTENTS         as morun_weights_layout_of
  *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the order
- *                   of columns. The columns' part of `packed` is undefined then
+ *                   of columns, and how many more these columns have. The columns' part of `packed` is undefined then
  *   NO_MEMORY       working memory for 32 columns could not be had */
 int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t first_column, uint64_t n_column,
                                    const float* values, uint64_t inner_stride, uint64_t column_stride, void* packed,
@@ -315,7 +316,7 @@ typedef struct morun_weights_pack_options {
   double damping;           /* of calibrated; default 0.05 */
   const char* activations;  /* a folder with TENSOR.npy for each calibrated matrix, or one .npy file where a single
                                matrix is packed; n_row x n_inner of floats. Default NULL. With it, the products'
-                               errors are measured for every matrix that has one */
+                               errors are measured for every matrix that has one; at least one must have one */
   /* Called in the thread that runs the packer, at most 10 times a second and once at the end; default NULL. */
   void (*progress)(void* user, const morun_weights_progress* progress);
   void* user; /* handed to progress */
@@ -365,7 +366,8 @@ typedef struct morun_weights_decision {
   const char* reason; /* such as "rule *.q_proj.weight" or "name contains norm" */
   uint64_t n_inner;   /* true extents; 0 where the form is carried */
   uint64_t n_col;
-  uint64_t n_byte; /* in the packed file */
+  uint64_t n_byte; /* in the packed file; 0 for a matrix that is too large, of which the reason says so, and which
+                      makes a run fail with EXTENTS */
   int32_t is_done; /* whether a run has packed it; what follows is zero until then */
   uint32_t reserved;
   double error;         /* |w - w'| / |w|, Frobenius norms; 0 for carried */

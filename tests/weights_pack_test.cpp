@@ -200,6 +200,7 @@ TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
         safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)}, {"b.bias", "U8", {4}, "1234"}}));
   w[3 * 45 + 2] = NAN;
   write("nan.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)}}));
+  fs::resize_file(write("big.npy", npy("<f2", false, "(134217728, 1)", "")), (uint64_t{1} << 28) + 4096);
   write("carried.npy", npy("<f4", true, "(1, 2, 2)", std::string(16, '1')));
   write("x/other.npy", npy("<f4", false, "(1, 1)", "1234"));
   write("wide/a.weight.npy", npy("<f4", false, "(1, 46)", std::string(4 * 46, '\0')));
@@ -214,12 +215,16 @@ TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
     double damping = 0.05;
     const char* rule = nullptr;
     const char* output = "packed";
+    int32_t quantiser = MORUN_WEIGHTS_CALIBRATED;  // where there are activations
   };
   const Case cases[] = {
       {"nan.safetensors", MORUN_WEIGHTS_NON_FINITE, "\"a.weight\": weight (2, 3) is NaN"},
       {"m.safetensors", MORUN_WEIGHTS_RULE_UNUSED, "\"z*\"", nullptr, 0, "z*"},
       {"carried.npy", MORUN_WEIGHTS_NPY, "Fortran order"},
       {"m.safetensors", MORUN_WEIGHTS_NO_ACTIVATION, "there is no activation", "x"},
+      {"m.safetensors", MORUN_WEIGHTS_NO_ACTIVATION, "none for a matrix that is packed", "x", 0, nullptr, "packed",
+       MORUN_WEIGHTS_MSE},
+      {"big.npy", MORUN_WEIGHTS_EXTENTS, "tensor \"big\": a matrix of 134217728 x 1 in form a8w8 takes more than"},
       {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_SHAPE, "no matrix of 45 columns", "wide"},
       {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_VALUE, "zeros alone", "zero"},
       {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_VALUE, "not finite at row 0, column 0", "infinite"},
@@ -235,9 +240,12 @@ TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
     const std::string activations = test.activations != nullptr ? path(test.activations) : "";
     Packer packer([&](auto& o) {
       o.damping = test.damping;
-      if (!activations.empty()) o.activations = activations.c_str(), o.quantiser = MORUN_WEIGHTS_CALIBRATED;
+      if (!activations.empty()) o.activations = activations.c_str(), o.quantiser = test.quantiser;
     });
     packer.source(path(test.source));
+    const bool is_too_large = test.status == MORUN_WEIGHTS_EXTENTS;
+    EXPECT_EQ(packer.decisions()[0].n_byte == 0, is_too_large);
+    EXPECT_EQ(std::strstr(packer.decisions()[0].reason, "; cannot be packed: a matrix of") != nullptr, is_too_large);
     if (test.rule != nullptr) packer.rule(test.rule, MORUN_WEIGHTS_A8W8);
     test::expect_status(packer.run(path(test.output)), test.status, test.text);
     EXPECT_EQ(names(), before);

@@ -72,6 +72,13 @@ class Activations {
     require_argument(!is_file_ || n_packed == 1, "activations is one file, and not just one matrix is packed");
   }
 
+  // Activations that no matrix takes are a mistake, such as a wrong folder.
+  void require_use(uint64_t n_taken) const {
+    if (path_.empty() || n_taken > 0) return;
+    throw Error(MORUN_WEIGHTS_NO_ACTIVATION, "%s: is to hold activations, and has none for a matrix that is packed",
+                path_.c_str());
+  }
+
   // Throws NO_ACTIVATION where the matrix is to be calibrated and there is none, ACTIVATION_SHAPE.
   std::optional<SourceTensor> find(const Decision& decision, bool is_required) const {
     if (path_.empty()) return std::nullopt;
@@ -272,9 +279,9 @@ TensorEntry entry_of(const Decision& decision, uint64_t begin) {
   TensorEntry entry;
   entry.name = decision.tensor->name;
   entry.begin = begin;
-  entry.end = begin + decision.n_byte();
+  entry.end = begin + decision.n_byte;
   entry.dtype = is_packed(decision.form) ? dtype_by_name("U8") : decision.tensor->dtype;
-  entry.shape = is_packed(decision.form) ? std::vector<uint64_t>{decision.n_byte()} : decision.tensor->shape;
+  entry.shape = is_packed(decision.form) ? std::vector<uint64_t>{decision.n_byte} : decision.tensor->shape;
   return entry;
 }
 
@@ -307,7 +314,7 @@ class Run {
         pack(decision, file, offset, buffer);
       else
         carry(decision, file, offset);
-      offset += decision.n_byte();
+      offset += decision.n_byte;
       progress_.end_tensor();
     }
     const std::string text = format_header(entries(), metadata(), header.size());
@@ -335,15 +342,19 @@ class Run {
     require_rules_used(packer_.source.tensors, packer_.rules);
     activations_.require_matrices(static_cast<uint64_t>(
         std::count_if(decisions_.begin(), decisions_.end(), [](const Decision& d) { return is_packed(d.form); })));
+    uint64_t n_activation = 0;
     for (const Decision& decision : decisions_) {
       if (is_packed(decision.form)) {
-        (void)decision.n_byte();
-        (void)activations_.find(decision, is_calibrated(decision));
+        if (!decision.refusal.empty())
+          throw Error(MORUN_WEIGHTS_EXTENTS, "tensor %s: %s", in_quotes(decision.tensor->name).c_str(),
+                      decision.refusal.c_str());
+        if (activations_.find(decision, is_calibrated(decision))) ++n_activation;
       } else if (decision.tensor->is_fortran_order) {
         throw Error(MORUN_WEIGHTS_NPY, "%s: is in Fortran order and cannot be carried over as it is",
                     decision.tensor->file->path().c_str());
       }
     }
+    activations_.require_use(n_activation);
   }
 
   std::vector<TensorEntry> entries() const {
@@ -391,7 +402,7 @@ class Run {
     decision.product_error =
         calibration ? relative_error(decision.statistics.product_error, decision.statistics.product_squares) : -1;
     Checksum checksum;
-    for (uint64_t done = 0, n_byte = decision.n_byte(); done < n_byte; done += copied_at_once) {
+    for (uint64_t done = 0, n_byte = decision.n_byte; done < n_byte; done += copied_at_once) {
       go_on();
       const uint64_t n = std::min(copied_at_once, n_byte - done);
       checksum.add(buffer.data() + done, n);
@@ -421,7 +432,7 @@ class Run {
   uint64_t largest_packed() const {
     uint64_t largest = 0;
     for (const Decision& decision : decisions_)
-      if (is_packed(decision.form)) largest = std::max(largest, decision.n_byte());
+      if (is_packed(decision.form)) largest = std::max(largest, decision.n_byte);
     return largest;
   }
 
@@ -527,7 +538,7 @@ int32_t morun_weights_packer_decision(const morun_weights_packer* packer, uint64
     told.reason = made.reason.c_str();
     told.n_inner = made.n_inner;
     told.n_col = made.n_col;
-    told.n_byte = made.n_byte();
+    told.n_byte = made.n_byte;
     if (made.is_done) {
       told.is_done = 1;
       told.error = made.error;
