@@ -290,7 +290,7 @@ TEST(WeightsQuantise, ValuesThatAreNotFiniteAreNamedOrReplaced) {
   for (const int32_t form : {MORUN_WEIGHTS_F16, MORUN_WEIGHTS_A8W8}) {
     const Packed refused = pack(w, form, MORUN_WEIGHTS_MINMAX);
     EXPECT_EQ(refused.status, MORUN_WEIGHTS_NON_FINITE);
-    EXPECT_STREQ(morun_weights_error_text(), "weight (3, 2) is NaN, and 1 more are not finite");
+    EXPECT_STREQ(morun_weights_error_text(), "weight (3, 2) is NaN, and 1 more in columns 0 to 69 are not finite");
     const Packed taken = pack(w, form, MORUN_WEIGHTS_MINMAX, nullptr, true);
     ASSERT_EQ(taken.status, 0);
     for (const Packed* const packed : {&refused, &taken}) {

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "simd/scalar.h"
@@ -322,10 +322,14 @@ void pack_quantised(const morun_weights_recipe& recipe, Work& work, const Packed
   }
 }
 
-[[noreturn]] void refuse(const Place& place, float value, uint64_t n_more) {
-  const std::string more = n_more == 0 ? "" : ", and " + std::to_string(n_more) + " more are not finite";
+// `n_more` of the columns of one call, which need not be all of the matrix.
+[[noreturn]] void refuse(const Place& place, float value, uint64_t n_more, uint64_t first_column, uint64_t n_column) {
+  char more[100] = "";
+  if (n_more > 0)
+    snprintf(more, sizeof more, ", and %ju more in columns %ju to %ju are not finite", uintmax_t{n_more},
+             uintmax_t{first_column}, uintmax_t{first_column + n_column - 1});
   throw Error(MORUN_WEIGHTS_NON_FINITE, "weight (%ju, %ju) is %s%s", uintmax_t{place.k}, uintmax_t{place.c},
-              std::isnan(value) ? "NaN" : "infinite", more.c_str());
+              std::isnan(value) ? "NaN" : "infinite", more);
 }
 
 void pack_columns(const morun_weights_recipe& recipe, uint64_t first_column, uint64_t n_column, const float* values,
@@ -354,7 +358,8 @@ void pack_columns(const morun_weights_recipe& recipe, uint64_t first_column, uin
       pack_quantised(recipe, work, packed);
     measure(band, work.stored, recipe.calibration, statistics);
   }
-  if (is_refused) refuse(first_not_finite, its_value, statistics.n_nan + statistics.n_infinite - 1);
+  if (is_refused)
+    refuse(first_not_finite, its_value, statistics.n_nan + statistics.n_infinite - 1, first_column, n_column);
   if (first_column + n_column == recipe.n_col) clear_gaps(recipe.form, packed);
 }
 
