@@ -44,6 +44,7 @@ void measure(Decision& decision) {
   try {
     decision.n_byte = layout_of(decision.form, decision.n_inner, decision.n_col).n_byte;
   } catch (const Error& error) {
+    decision.n_byte = 0;
     decision.refusal = error.what();
     decision.reason += "; cannot be packed: " + decision.refusal;
   }
