@@ -138,8 +138,9 @@ enum {
 /* The name of a status without its prefix, such as "RANGE_GAP", or "?" for a number that is none. */
 const char* morun_weights_status_name(int32_t status);
 
-/* What the calling thread's last failure was, in one sentence that names file and tensor; at most 1023 bytes. Empty
- * until the thread's first failure; a later success does not clear it. Valid until the thread's next call. */
+/* What the calling thread's last failure was, in one sentence that names file and tensor; at most 1023 bytes, without
+ * control characters: those of names stand as \x1b, and those of paths as ?. Empty until the thread's first failure; a
+ * later success does not clear it. Valid until the thread's next call. */
 const char* morun_weights_error_text(void);
 
 /* ---- Forms, quantisers, layout ---- */

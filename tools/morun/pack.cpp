@@ -15,9 +15,12 @@
 #include "tools/morun/files/packed_file.h"
 #include "tools/morun/form_names.h"
 #include "tools/morun/progress.h"
+#include "weights/printable.h"
 
 namespace tool {
 namespace {
+
+using printable::escaped;
 
 // ---- Interruption --------------------------------------------------------------------------------------------------
 
@@ -112,7 +115,7 @@ std::string shape_of(const morun_weights_decision& decision) {
 void print_decisions(const std::vector<morun_weights_decision>& decisions) {
   for (const morun_weights_decision& decision : decisions) {
     fmt::print("{:<8} {:<5} {:<16} {} ({})\n", form_names[static_cast<size_t>(decision.form)], decision.dtype,
-               shape_of(decision), decision.name, decision.reason);
+               shape_of(decision), escaped(decision.name), escaped(decision.reason));
   }
 }
 
@@ -154,13 +157,13 @@ std::string format_report(std::vector<morun_weights_decision> decisions) {
 void warn(const morun_weights_decision& decision) {
   const morun_weights_statistics& figures = decision.statistics;
   if (figures.n_nan + figures.n_infinite > 0) {
-    fmt::print(stderr, "morun: warning: {}: {} values are NaN and {} infinite\n", decision.name, figures.n_nan,
+    fmt::print(stderr, "morun: warning: {}: {} values are NaN and {} infinite\n", escaped(decision.name), figures.n_nan,
                figures.n_infinite);
   }
   const bool takes_halves = decision.form == MORUN_WEIGHTS_F16 || decision.quantiser == MORUN_WEIGHTS_LIBRARY;
   if (figures.n_overflow > 0 && takes_halves) {
-    fmt::print(stderr, "morun: warning: {}: {} values are beyond the range of f16 and become infinite\n", decision.name,
-               figures.n_overflow);
+    fmt::print(stderr, "morun: warning: {}: {} values are beyond the range of f16 and become infinite\n",
+               escaped(decision.name), figures.n_overflow);
   }
 }
 
@@ -178,7 +181,8 @@ void print_summary(const std::vector<morun_weights_decision>& decisions, double 
   fmt::print("packed {} of {} tensors, {:.1f} MB into {:.1f} MB, in {:.1f} s ({:.0f} MB/s)\n", n_packed,
              decisions.size(), static_cast<double>(n_source_byte) * 1e-6, static_cast<double>(n_byte) * 1e-6, seconds,
              static_cast<double>(n_source_byte) * 1e-6 / std::max(seconds, 1e-9));
-  if (worst != nullptr) fmt::print("largest relative error {}, of {}\n", error_text(worst->error), worst->name);
+  if (worst != nullptr)
+    fmt::print("largest relative error {}, of {}\n", error_text(worst->error), escaped(worst->name));
 }
 
 }  // namespace
