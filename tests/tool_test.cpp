@@ -427,14 +427,19 @@ TEST_F(ToolTest, PackedFilesAreListedUnpackedAndMultiplied) {
   }
   std::string broken = file("p.safetensors");
   broken[4096 + 5] ^= 1;
+  broken.back() ^= 1;
   write("broken.safetensors", broken);
+  const Outcome damaged = run("morun inspect broken.safetensors --verify");
+  EXPECT_EQ(damaged.out, report("morun inspect p.safetensors"));
+  EXPECT_EQ(damaged.err, "morun: broken.safetensors: 2 of 3 tensors are damaged: \"w\", \"b\"\n");
+  EXPECT_EQ(damaged.status, 1);
   write("odd.npy", matrix_npy({1, NAN, 1e6, 2}, 2));
   write("rough.npy", matrix_npy({1, 2.7f, 100, -3.1f}, 2));
   write("x2.npy", matrix_npy({1, 2}, 2));
   report("morun pack rough.npy -o rough.safetensors --weights a8w4");
   const auto before = files();
   const std::tuple<const char*, int, const char*> failures[] = {
-      {"inspect broken.safetensors --verify", 1, "\"w\""},
+      {"inspect broken.safetensors --json --verify >/dev/null", 1, "2 of 3"},
       {"mm x.npy broken.safetensors:w -o y2.npy", 1, "\"w\""},
       {"mm x.npy p.safetensors:z -o y2.npy", 1, "\"z\""},
       {"mm x.npy p.safetensors:b -o y2.npy", 1, "is not packed"},
