@@ -36,7 +36,7 @@ check() {
 
 # Ends a product by signals once the temporary file of its result is there.
 end_by_signals() {
-  env --default-signal=INT "${tool[@]}" mm x.npy i.npy -o old.npy --repeat 100000000 >/dev/null &
+  ulimit -c 0; env --default-signal=INT,QUIT "${tool[@]}" mm x.npy i.npy -o old.npy --repeat 100000000 >/dev/null &
   until [ -n "$(find . -name '.morun.*')" ]; do sleep 0.01; done
   for signal in "$@"; do kill -s "$signal" $!; done
   wait $! 2>/dev/null

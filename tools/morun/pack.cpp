@@ -11,10 +11,14 @@
 #include <vector>
 
 #include "tools/morun/commands.h"
+#include "tools/morun/error.h"
 #include "tools/morun/files/output_file.h"
 #include "tools/morun/files/packed_file.h"
+#include "tools/morun/files/temporary_file.h"
 #include "tools/morun/form_names.h"
 #include "tools/morun/progress.h"
+#include "tools/morun/standard_streams.h"
+#include "weights/output_target.h"
 #include "weights/printable.h"
 
 namespace tool {
@@ -53,7 +57,7 @@ class InterruptiblePacking {
   InterruptiblePacking& operator=(const InterruptiblePacking&) = delete;
 
  private:
-  static constexpr std::array signals = {SIGHUP, SIGINT, SIGTERM};
+  static constexpr std::array signals = interruptions;
   std::array<struct sigaction, signals.size()> before_ = {};
 };
 
@@ -192,7 +196,11 @@ void pack(const PackArguments& arguments) {
   const Packer packer = make_packer(arguments, progress);
   if (arguments.dry_run) return print_decisions(decisions_of(packer));
   std::optional<OutputFile> report;
+  std::optional<StandardOutputAside> summary_aside;
   if (!arguments.report.empty()) report.emplace(arguments.report);
+  if (report && report->target() == output::behind_links(arguments.output))
+    throw Error("{}: every result needs a file of its own", arguments.report.native());
+  if (arguments.report == "-") summary_aside.emplace();
 
   const auto start = std::chrono::steady_clock::now();
   {
