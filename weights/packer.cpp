@@ -173,6 +173,12 @@ uint64_t columns_per_stripe(const SourceMatrix& matrix) {
   return std::max<uint64_t>(1, size / sizeof(float) / matrix.n_inner / tile) * tile;
 }
 
+// Of long columns fewer jobs than are allowed fill the memory of all.
+uint32_t jobs_that_fit(uint32_t n_job, uint64_t n_inner) {
+  constexpr uint64_t memory_of_job = uint64_t{64} << 20, memory_of_row = 600;  // bytes; of 32 columns on their way
+  return static_cast<uint32_t>(std::clamp<uint64_t>(n_job * memory_of_job / memory_of_row / n_inner, 1, n_job));
+}
+
 class MatrixJobs {
  public:
   MatrixJobs(const SourceMatrix& matrix, const morun_weights_recipe& recipe, const std::atomic<bool>& is_interrupted,
@@ -187,7 +193,7 @@ class MatrixJobs {
 
   // Returns when all stripes are packed; the figures of all.
   morun_weights_statistics run(uint32_t n_job) {
-    n_working_ = static_cast<uint32_t>(std::min<uint64_t>(n_job, statistics_.size()));
+    n_working_ = static_cast<uint32_t>(std::min<uint64_t>(jobs_that_fit(n_job, matrix_.n_inner), statistics_.size()));
     std::vector<std::jthread> threads;
     try {
       for (uint32_t i = 0, n = n_working_; i < n; ++i) threads.emplace_back([this] { work(); });

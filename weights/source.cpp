@@ -181,23 +181,27 @@ void read_contiguous(const SourceMatrix& matrix, uint64_t first_column, uint64_t
   }
 }
 
-// Of each row of W its part in the columns. Some rows at a time, so that columns are written in runs.
+// Of each row of W its part in the columns. Some rows at a time, so that columns are written in runs; and of a row not more
+// columns at a time than a matrix of a few rows leaves room for.
 void read_strided(const SourceMatrix& matrix, uint64_t first_column, uint64_t n_column, float* values,
                   std::vector<std::byte>& scratch) {
-  constexpr uint64_t rows_at_once = 16;
-  const uint64_t element_size = matrix.tensor->dtype->n_bit / 8;
-  const uint64_t row_size = round_up(n_column * element_size, alignof(float));
-  scratch.resize(row_size + std::min(rows_at_once, matrix.n_inner) * n_column * sizeof(float));
+  constexpr uint64_t rows_at_once = 16, columns_at_once = 16384;
+  const uint64_t element_size = matrix.tensor->dtype->n_bit / 8, most_columns = std::min(n_column, columns_at_once);
+  const uint64_t row_size = round_up(most_columns * element_size, alignof(float));
+  scratch.resize(row_size + std::min(rows_at_once, matrix.n_inner) * most_columns * sizeof(float));
   auto* const rows = reinterpret_cast<float*>(scratch.data() + row_size);
   for (uint64_t first = 0; first < matrix.n_inner; first += rows_at_once) {
     const uint64_t n_row = std::min(rows_at_once, matrix.n_inner - first);
-    for (uint64_t r = 0; r < n_row; ++r) {
-      const uint64_t offset = ((first + r) * matrix.n_col + first_column) * element_size;
-      matrix.file->read(matrix.tensor->file_offset + offset, n_column * element_size, scratch.data());
-      convert(*matrix.tensor->dtype, scratch.data(), n_column, rows + r * n_column);
+    for (uint64_t done = 0; done < n_column; done += most_columns) {
+      const uint64_t n = std::min(most_columns, n_column - done);
+      for (uint64_t r = 0; r < n_row; ++r) {
+        const uint64_t offset = ((first + r) * matrix.n_col + first_column + done) * element_size;
+        matrix.file->read(matrix.tensor->file_offset + offset, n * element_size, scratch.data());
+        convert(*matrix.tensor->dtype, scratch.data(), n, rows + r * n);
+      }
+      for (uint64_t c = 0; c < n; ++c)
+        for (uint64_t r = 0; r < n_row; ++r) values[(done + c) * matrix.n_inner + first + r] = rows[r * n + c];
     }
-    for (uint64_t c = 0; c < n_column; ++c)
-      for (uint64_t r = 0; r < n_row; ++r) values[c * matrix.n_inner + first + r] = rows[r * n_column + c];
   }
 }
 
