@@ -8,7 +8,7 @@ fuzz_packages=(clang libclang-rt-14-dev)
 # The CMake file of libdnnl-dev needs the two OpenCL packages.
 bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev opencl-headers)
 python_packages=(python3-numpy python3-onnx python3-pil fonts-dejavu-core)
-python_test_packages=(python3-pytest python3-hypothesis python3-matplotlib python3-build python3-setuptools python3-wheel
+python_test_packages=(python3-pytest python3-pytest-xdist python3-hypothesis python3-matplotlib python3-build python3-setuptools python3-wheel
   python3-venv mypy)
 python=/usr/bin/python3
 
@@ -18,7 +18,8 @@ case $(uname -m) in
   *) native=release ;;
 esac
 
-say() { printf '\n== %s\n' "$*"; }
+# A heading, with the seconds since the script began.
+say() { printf '\n== %s  [%d s]\n' "$*" "$SECONDS"; }
 
 # Installs the missing ones of the given Debian packages, and prints their names.
 ensure_packages() {
