@@ -387,8 +387,9 @@ int32_t morun_weights_packer_decision(const morun_weights_packer* packer, uint64
 
 /* Packs. The file appears at `output` whole, replacing what was there, or not at all: until then it has no name or
  * another one in the same folder, which is gone after every failure. May be called again after a failure, and not
- * after a success. Holds at most 64 MiB a job (where n_inner is above 100 000, 600 bytes for each row) and the largest
- * packed matrix, with calibrated 24 n_inner^2 bytes more.
+ * after a success. Holds at most 64 MiB a job and the largest packed matrix, with calibrated 24 n_inner^2 bytes more.
+ * Fewer jobs run where n_inner is above 160 000; where n_inner is above 160 000 times n_job, one job holds 400 bytes for
+ * each row.
  *
  *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, WRITE, SOURCE_EMPTY, NPY, NPY_TYPE, RULE_UNUSED, NON_FINITE,
  *   NO_ACTIVATION, ACTIVATION_SHAPE, ACTIVATION_VALUE, COVARIANCE, INTERRUPTED

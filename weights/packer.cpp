@@ -175,7 +175,7 @@ uint64_t columns_per_stripe(const SourceMatrix& matrix) {
 
 // Of long columns fewer jobs than are allowed fill the memory of all.
 uint32_t jobs_that_fit(uint32_t n_job, uint64_t n_inner) {
-  constexpr uint64_t memory_of_job = uint64_t{64} << 20, memory_of_row = 600;  // bytes; of 32 columns on their way
+  constexpr uint64_t memory_of_job = uint64_t{64} << 20, memory_of_row = 400;  // bytes; of 32 columns on their way
   return static_cast<uint32_t>(std::clamp<uint64_t>(n_job * memory_of_job / memory_of_row / n_inner, 1, n_job));
 }
 
