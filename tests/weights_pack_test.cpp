@@ -45,6 +45,16 @@ TEST_F(WeightsPack, NpyMatricesAndUntransposedOnesAreInnerByColumns) {
   }
 }
 
+TEST_F(WeightsPack, RowsThatAreReadInPiecesComeBackWhole) {
+  constexpr size_t n_col = 40000;
+  const std::vector<float> w = some_values(17 * n_col, 3);
+  write("w.npy", npy("<f8", false, "(17, 40000)", encoded("F64", w)));
+  Packer packer([](auto& o) { o.form = MORUN_WEIGHTS_F16; });
+  ASSERT_EQ(packer.source(path("w.npy")).run(path("packed")), 0) << morun_weights_error_text();
+  const test::PackedMatrix matrix = PackedFile(read("packed")).matrix("w");
+  for (size_t i = 0; i < w.size(); ++i) ASSERT_EQ(matrix.value(i / n_col, i % n_col), w[i]) << i;
+}
+
 TEST_F(WeightsPack, TheLastRuleThatMatchesDecidesAndSoDoNames) {
   write("m.safetensors", safetensors({{"a.weight", "F32", {1, 1}, "1234"},
                                       {"a.bias", "F32", {1, 1}, "1234"},
