@@ -124,7 +124,6 @@ Calibration calibrate(const SourceTensor& activation, double damping, const std:
     if (const int32_t status = morun_weights_calibration_add(made, n, rows.data(), n_inner); status != 0)
       rethrow(status, name);
   }
-  go_on();
   if (const int32_t status = morun_weights_calibration_finish(made, damping); status != 0) rethrow(status, name);
   return calibration;
 }
