@@ -105,6 +105,7 @@ TEST_F(Simd, FloatsAreMovedWholeAndToWhereTheyBelong) {
   simd::fence_streaming();
   EXPECT_LANES(float, streamed, a[i]);
   simd::prefetch(nullptr);
+  simd::prefetch_ahead(streamed.data(), size_t{1} << 40);
   simd::prefetch_outer(reinterpret_cast<const void*>(~uintptr_t{0}));
 }
 

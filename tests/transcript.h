@@ -24,7 +24,8 @@ inline Lines lines_of(const std::string& text) {
   return lines;
 }
 
-// `text` with make(group) for each match of an extended regular expression; group(i) is the match's i-th part.
+// Returns the text with every match of an extended regular expression replaced by make(group), where group(i) is the
+// i-th part of the match.
 std::string replaced(std::string rest, const char* expression, auto make) {
   regex_t compiled;
   regcomp(&compiled, expression, REG_EXTENDED);
@@ -41,7 +42,7 @@ std::string replaced(std::string rest, const char* expression, auto make) {
   return told + rest;
 }
 
-// The fields of a context, one line for each that is not zero.
+// Returns a line for each field of a context that is not zero.
 inline Lines fields_of(const tavik_context* c) {
   Lines lines;
   const auto add = [&](auto... parts) {
@@ -92,7 +93,7 @@ class Transcript : public testing::Test {
     parlo_emulator_reset();
     if (!HasFatalFailure()) expect_kept_text(text_);
   }
-  // The context that is still there goes without a word to the platform, whose memory goes too.
+  // Frees the context without a call of the platform, and resets the platform with all its memory.
   void start_afresh() {
     free(std::exchange(*watched_, nullptr));
     parlo_emulator_reset();
@@ -106,34 +107,35 @@ class Transcript : public testing::Test {
   }
 
   void watch(tavik_context*& context) { watched_ = &context, fields_ = fields_of(context); }
-  // The address of memory that the scenario owns gets a name.
+  // The transcript shows `name` instead of this address.
   void know(const char* name, const void* address) { names_[key("address", address)] = name; }
-  // Told after each call.
+  // Makes the lines that follow each call.
   std::function<std::string()> aftermath = [] { return ""; };
-  // Entries of freed buffers change or stay as the system gives their addresses out again.
+  // A scenario sets this to false where the entries of freed buffers depend on which addresses the system gives out.
   bool shows_registry = true;
   void say(const std::string& line) { text_ += line + '\n'; }
 
-  // Plays one call: its own text, platform calls and printed lines in order, what it leaves, what it returns.
+  // Makes a call and records its source text, the platform calls and printed lines in order, the changes of the context
+  // and the result.
   void play(const std::string& call, const std::function<int64_t()>& run) {
     say(call);
     text_ += observe(run);
   }
-  // The commands that stand in the kept text. A call that tells nothing of its status succeeds.
+  // Runs the commands of the kept text. A result of 0 is not recorded.
   void play_script(const std::function<void(const std::string& command)>& run) {
     text_ = played_commands([&](const std::string& command) {
       const std::string told = observe([&] { return run(command), 0; });
       return told.substr(0, told.rfind("  = 0"));
     });
   }
-  // Without a word about it.
+  // Runs a step of which the transcript records nothing.
   void prepare(const std::function<void()>& run) {
     observe([&] {
       run();
       return 0;
     });
   }
-  // In a process of its own, which the call is to end.
+  // Makes a call that ends the process, in a child.
   void play_to_the_end(const std::string& call, const std::function<void()>& run) {
     play(call + ", in a process of its own", [&]() -> int64_t {
       const pid_t child = fork();
@@ -144,8 +146,8 @@ class Transcript : public testing::Test {
     });
   }
 
-  // Plays the call again and again, each time on a platform of its own on which one more call succeeds before one, or
-  // all from there on, fail. Tells what follows from the failure.
+  // Plays the call once for each platform call that it makes, each time on a fresh platform on which that platform call
+  // fails, and once more with all later platform calls failing too. Tells what follows from the failure.
   void play_failures(const std::string& call, const std::function<void()>& preparation,
                      const std::function<int64_t()>& run) {
     say(call);
@@ -209,7 +211,8 @@ class Transcript : public testing::Test {
     return told + "  = " + std::to_string(status) + '\n';
   }
 
-  // A line of the platform starts a line even where the library's own before it has no end. A sanitizer's own lines go.
+  // Lines of the platform begin a line of the transcript, even behind a line of the library that has no end. Lines of a
+  // sanitizer are left out.
   static std::string with_line_ends(std::string text) {
     if (!text.empty() && text.back() != '\n') text += " (no line end)\n";
     text = replaced(text, "==[0-9]+==[^\n]*\n", [](auto) { return ""; });
@@ -217,7 +220,8 @@ class Transcript : public testing::Test {
     return replaced(text, "\\[parlo\\] ", [](auto) { return ""; });
   }
 
-  // With names for addresses and handles, and without the line numbers that are nobody's to rely on.
+  // Returns the line with names instead of addresses and handles, and with * instead of line numbers that are not
+  // published.
   std::string named(const std::string& line) {
     const bool allocates = line.starts_with("parlo_mem_alloc"), opens = line.starts_with("parlo_handle_open");
     const std::string told =

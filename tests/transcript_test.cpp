@@ -314,7 +314,8 @@ class ProductTranscripts : public LowerTranscript {
   using Result = std::vector<float>;
   using N = std::array<int32_t, 3>;  // rows, columns, inner dimension
 
-  // Two locked sessions with a large buffer each, of which each has three matrices, of values 1 to 6.
+  // Opens two sessions and locks the matrix unit. Each session has a large buffer with three matrices; the values of the
+  // six matrices are 1 to 6.
   void begin(Kind kind, int n_session = 2) {
     start(n_session);
     tavik_lock_compute_device(c);
@@ -729,7 +730,7 @@ TEST_F(UpperTranscripts, UpperProducts) {
   PLAY(mm_u8i4(3, {128, 40, 64}, heap, bytes.data(), shared[2]));
 }
 
-// Products of tensors that are refused, or find their mistake on the way.
+// Products of tensors that are refused at once, or that fail after their first platform calls.
 TEST_F(UpperTranscripts, UpperRefusals) {
   shows_registry = false;
   prepare([this] { start(3); });

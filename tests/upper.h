@@ -31,7 +31,8 @@ constexpr TensorFormats P1 = {{f32, f16, f32}, {rm, wh, rm}}, P2 = {{f16, f16, f
                         P5 = {{f16, f16, f16}, {rm, rm, rm}}, P6 = {{u8, i8, i32}, {rm, wh, rm}};
 }  // namespace paths
 
-// Initialised and otherwise like a process of its own. No file takes a descriptor that the registry has an entry for.
+// Each test starts like a new process that has initialised the upper interface. Buffers take descriptors from 100 on,
+// which no file of the test takes.
 class UpperTest : public PlatformTest {
  public:
   static void start_afresh() {
