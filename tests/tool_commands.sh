@@ -38,7 +38,7 @@ check() {
 
 # Ends a running product by signals as soon as the temporary file of its result exists.
 end_by_signals() {
-  env --default-signal=INT "${tool[@]}" mm x.npy i.npy -o old.npy --repeat 100000000 >/dev/null &
+  ulimit -c 0; env --default-signal=INT,QUIT "${tool[@]}" mm x.npy i.npy -o old.npy --repeat 100000000 >/dev/null &
   until [ -n "$(find . -name '.morun.*')" ]; do sleep 0.01; done
   for signal in "$@"; do kill -s "$signal" $!; done
   wait $! 2>/dev/null

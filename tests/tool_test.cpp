@@ -426,16 +426,37 @@ TEST_F(ToolTest, PackedFilesAreListedUnpackedAndMultiplied) {
     report(text("morun mm x.npy p.safetensors:", name, " -o y.npy --check --max-error 0"));
     EXPECT_TRUE(values_of<float>(file("y.npy")) == product(std::vector<float>(45, 127), values, 45, 0)) << name;
   }
+  const Outcome told = run(
+      "morun pack w.npy -o y --report - | perl -MJSON::PP -e 'print decode_json(join \"\", <>)->{tensors}[0]{name}'");
+  EXPECT_EQ(told.out, "w");
+  EXPECT_TRUE(told.err.starts_with("packed 1 of 1 tensors")) << told.err;
+  // Names of files and of tensors that hold what stands between the two.
+  report(
+      "mkdir 'd.safetensors:'; cp w.npy a.safetensors:w.npy; morun pack a.safetensors:w.npy -o "
+      "d.safetensors:/p.safetensors");
+  report("morun mm x.npy d.safetensors:/p.safetensors:a.safetensors:w -o y.npy --check --max-error 0");
+  fs::create_directory(fs::path(work()) / "large");
+  write("large/l.npy", npy("<f2", "(134217728, 1)", ""));
+  fs::resize_file(fs::path(work()) / "large/l.npy", (1ul << 28) + 4096);
+  const std::string line = report("morun pack large w.npy --dry-run");
+  EXPECT_TRUE(line.starts_with("a8w8     F16   134217728 x 1    l (a .npy matrix; cannot be packed: a matrix of"))
+      << line;
+  EXPECT_TRUE(line.ends_with("\na8w8     F32   45 x 70          w (a .npy matrix)\n")) << line;
   std::string broken = file("p.safetensors");
   broken[4096 + 5] ^= 1;
+  broken.back() ^= 1;
   write("broken.safetensors", broken);
+  const Outcome damaged = run("morun inspect broken.safetensors --verify");
+  EXPECT_EQ(damaged.out, report("morun inspect p.safetensors"));
+  EXPECT_EQ(damaged.err, "morun: broken.safetensors: 2 of 3 tensors are damaged: \"w\", \"b\"\n");
+  EXPECT_EQ(damaged.status, 1);
   write("odd.npy", matrix_npy({1, NAN, 1e6, 2}, 2));
   write("rough.npy", matrix_npy({1, 2.7f, 100, -3.1f}, 2));
   write("x2.npy", matrix_npy({1, 2}, 2));
   report("morun pack rough.npy -o rough.safetensors --weights a8w4");
   const auto before = files();
   const std::tuple<const char*, int, const char*> failures[] = {
-      {"inspect broken.safetensors --verify", 1, "\"w\""},
+      {"inspect broken.safetensors --json --verify >/dev/null", 1, "2 of 3"},
       {"mm x.npy broken.safetensors:w -o y2.npy", 1, "\"w\""},
       {"mm x.npy p.safetensors:z -o y2.npy", 1, "\"z\""},
       {"mm x.npy p.safetensors:b -o y2.npy", 1, "is not packed"},
@@ -447,11 +468,15 @@ TEST_F(ToolTest, PackedFilesAreListedUnpackedAndMultiplied) {
       {"pack odd.npy -o y2", 1, "tensor \"odd\": weight (0, 1) is NaN\n"},
       {"pack w.npy -o y2 --form z=f16", 1, "no tensor has a name that matches \"z\""},
       {"pack w.npy -o y2 --form w", 2, "w is not PATTERN=FORM"},
-      {"pack w.npy -o y2 --form w=f8", 1, "f8 is none of carried, f16, a8w8, a8w4"},
+      {"pack w.npy -o y2 --form w=f8", 2, "f8 is none of carried, f16, a8w8, a8w4"},
       {"pack w.npy", 2, "--output is required"},
       {"pack w.npy -o none/y2", 1, "No such file"},
       {"pack w.npy -o y2 --report none/r", 1, "cannot be written"},
-      {"pack w.npy -o y2 --quantiser calibrated", 1, "needs activations"},
+      {"pack w.npy -o y2 --quantiser calibrated", 2, "needs --activations"},
+      {"pack w.npy -o y2 --activations none", 1, "none for a matrix that is packed"},
+      {"pack w.npy -o -", 2, "cannot be standard output"},
+      {"pack w.npy -o y2 --report ./y2", 1, "./y2: every result needs a file of its own"},
+      {"mm x.npy none.safetensors:a.safetensors:w -o y2.npy", 1, "none.safetensors:a.safetensors: No such file"},
       {"pack p.safetensors -o y2", 1, "is a packed file already"}};
   for (const auto& [arguments, status, cause] : failures) {
     const Outcome outcome = run(text("morun ", arguments));
