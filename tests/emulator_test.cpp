@@ -17,38 +17,21 @@ using namespace test;
 
 // ---- Scripts
 
-using Words = std::vector<std::string>;
-
-Words words_of(const std::string& line) {
-  std::istringstream stream(line);
-  return {std::istream_iterator<std::string>(stream), {}};
-}
-
-// Plays tests/transcripts/Emulator*.txt, whose commands name sessions and shared buffers as they like.
+// Commands name sessions and shared buffers as they like. A buffer's name stands for its descriptor.
 class EmulatorScripts : public Transcript {
  protected:
-  void play() {
-    aftermath = [this] { return std::exchange(told_, ""); };
-    play_script([this](const std::string& command) {
-      const Words words = words_of(command);
-      const auto found = commands_.find(words[0]);
-      ASSERT_NE(found, commands_.end()) << command;
-      found->second({words.begin() + 1, words.end()});
-    });
+  void SetUp() override {
+    for (const auto& [name, play] : own_commands_)  // whose statuses the trace tells
+      commands_[name] = [&play](const Words& w) { return play(w), 0; };
+    Transcript::SetUp();
+  }
+  uint64_t value(const std::string& word) override {
+    const auto found = buffers_.find(word);
+    return found != buffers_.end() ? static_cast<uint64_t>(found->second.fd) : Transcript::value(word);
   }
 
  private:
-  // A number, or the descriptor of a buffer.
-  uint64_t value(const std::string& word) {
-    const auto found = buffers_.find(word);
-    return found != buffers_.end() ? static_cast<uint64_t>(found->second.fd) : std::stoull(word, nullptr, 0);
-  }
-  std::vector<uint32_t> values(const Words& words, size_t first) {
-    std::vector<uint32_t> values;
-    for (size_t i = first; i < words.size(); ++i) values.push_back(static_cast<uint32_t>(value(words[i])));
-    return values;
-  }
-  char* address(const Words& words, size_t i) {
+  char* address_of(const Words& words, size_t i) {
     char* const start = static_cast<char*>(buffers_.at(words[i]).address);
     if (i + 1 == words.size()) return start;
     know("inside", start + value(words[i + 1]));
@@ -61,53 +44,22 @@ class EmulatorScripts : public Transcript {
         words.size() > 2 ? parlo_mem_alloc(25, 1, static_cast<int>(size)) : parlo_mem_alloc2(25, 1, size);
     buffers_[words[0]] = {memory, memory == nullptr ? -1 : parlo_mem_to_fd(memory), size};
   }
-  // How often each byte value stands in a row.
-  void tell_bytes(const Shared& shared) {
-    const auto* const bytes = static_cast<const uint8_t*>(shared.address);
-    for (uint64_t start = 0, end; start < shared.size; start = end) {
-      for (end = start; end < shared.size && bytes[end] == bytes[start]; ++end) continue;
-      told_ += std::to_string(end - start) + " x " + std::to_string(bytes[start]) + " ";
-    }
-  }
   void tell_usage() {
     const parlo_emulator_usage u = usage();
     std::ostringstream told;
     told << u.n_allocations << " buffers of " << u.n_bytes << " bytes, " << u.n_sessions << " sessions, " << u.n_handles
          << " handles, " << u.n_mappings << " mappings; freed twice: " << u.n_double_frees
          << ", never there: " << u.n_foreign_frees << "; faults " << parlo_emulator_faults_fired();
-    told_ += told.str();
+    tell(told.str());
   }
   void tell_version(const Session& session) {
     uint32_t label_length = 6, numbers[4] = {7, 7, 7, 7};
     char label[7] = "xxxxxx";
     parlo_argument version[] = {{&label_length, 4}, {numbers, 16}, {label, 6}};
     parlo_handle_invoke(session.handle, PARLO_SCALARS(22, 1, 2), version);
-    for (const uint32_t number : numbers) told_ += std::to_string(number) + " ";
-    told_ += label;
-  }
-  static void configure(const std::string& field, uint64_t value) {
-    test::configure([&](auto& config) {
-      if (field == "session_bytes") config.session_bytes = value;
-      if (field == "allocation_bytes") config.allocation_bytes = value;
-      if (field == "n_sessions") config.n_sessions = static_cast<uint32_t>(value);
-      if (field == "shared_matrix_unit") config.shared_matrix_unit = static_cast<uint32_t>(value);
-    });
-  }
-  // Class; function or "any", with the number of a method behind it; which call; status.
-  static void arm(const Words& words) {
-    const Words classes = {"once", "from_then_on", "truncated", "lost"};
-    parlo_emulator_fault fault = {0, PARLO_EMULATOR_ANY_OPERATION, -1, 0, 0, EIO};
-    fault.fault_class = static_cast<int32_t>(std::find(classes.begin(), classes.end(), words[0]) - classes.begin());
-    const std::string function = words[1].substr(0, words[1].find(':'));
-    for (int32_t i = 0; i < PARLO_EMULATOR_N_OPERATIONS; ++i)
-      if (parlo_emulator_operation_name(i) == function) fault.operation = i;
-    if (function != words[1]) fault.method = std::stoi(words[1].substr(function.size() + 1));
-    fault.nth = static_cast<uint32_t>(std::stoul(words[2]));
-    fault.status = std::stoi(words[3], nullptr, 0);
-    if (fault.nth == 0)
-      parlo_emulator_fail(fault.operation, fault.method, 0, fault.status, EIO);
-    else
-      parlo_emulator_arm(&fault);
+    std::string told;
+    for (const uint32_t number : numbers) told += std::to_string(number) + " ";
+    tell(told + label);
   }
   void log(const Words& words) {
     const char* const file = words[1].c_str();
@@ -117,16 +69,15 @@ class EmulatorScripts : public Transcript {
 
   std::map<std::string, Session> sessions_;
   std::map<std::string, Shared> buffers_;
-  std::string told_;
   char uri_[256] = "";
-  const std::map<std::string, std::function<void(const Words&)>> commands_ = {
+  const std::map<std::string, std::function<void(const Words&)>> own_commands_ = {
       {"reserve", [this](const Words& w) { return sessions_[w[0]].reserve(); }},
       {"open", [this](const Words& w) { return sessions_[w[0]].open(); }},
       {"open_uri",
        [this](const Words& w) {
          uint64_t handle = 77;
          parlo_handle_open(w[0].c_str(), &handle);
-         told_ += handle == 77 ? "no handle" : "a handle";
+         tell(handle == 77 ? "no handle" : "a handle");
        }},
       {"close", [this](const Words& w) { return sessions_[w[0]].close(); }},
       {"allow", [this](const Words& w) { return sessions_[w[0]].allow_unsigned(); }},
@@ -147,37 +98,27 @@ class EmulatorScripts : public Transcript {
          const auto fd = static_cast<int>(v[1]), offset = static_cast<int>(v[2]);
          return parlo_mmap(static_cast<int>(v[0]), fd, shared.address, offset, v[3], 2);
        }},
-      {"call", [this](const Words& w) { return sessions_[w[0]].invoke(methods_.at(w[1]), values(w, 2)); }},
+      {"call", [this](const Words& w) { return sessions_[w[0]].invoke(methods_.at(w[1]), values<uint32_t>(w, 2)); }},
       {"version", [this](const Words& w) { tell_version(sessions_[w[0]]); }},
       {"allocate", [this](const Words& w) { allocate(w); }},
-      {"free", [this](const Words& w) { parlo_mem_free(w.empty() ? nullptr : address(w, 0)); }},
-      {"descriptor", [this](const Words& w) { return parlo_mem_to_fd(w.empty() ? nullptr : address(w, 0)); }},
-      {"fill", [this](const Words& w) { memset(address({w[0]}, 0), std::stoi(w[1]), buffers_.at(w[0]).size); }},
-      {"bytes", [this](const Words& w) { tell_bytes(buffers_.at(w[0])); }},
+      {"free", [this](const Words& w) { parlo_mem_free(w.empty() ? nullptr : address_of(w, 0)); }},
+      {"descriptor", [this](const Words& w) { return parlo_mem_to_fd(w.empty() ? nullptr : address_of(w, 0)); }},
+      {"fill", [this](const Words& w) { memset(address_of({w[0]}, 0), std::stoi(w[1]), buffers_.at(w[0]).size); }},
+      {"bytes", [this](const Words& w) { tell_bytes(buffers_.at(w[0]).address, buffers_.at(w[0]).size); }},
       {"usage", [this](const Words&) { tell_usage(); }},
-      {"configure", [this](const Words& w) { configure(w[0], value(w[1])); }},
-      {"fault", [](const Words& w) { arm(w); }},
-      {"no_fault", [](const Words&) { parlo_emulator_clear_fault(); }},
-      {"log", [this](const Words& w) { log(w); }},
-      {"reset", [this](const Words&) { start_afresh(); }}};
+      {"log", [this](const Words& w) { log(w); }}};
   const std::map<std::string, uint32_t> methods_ = {
       {"clear_cache", clear_cache}, {"get_AX", get_AX},       {"put_AX", put_AX},
       {"acquire", acquire},         {"release", release},     {"lock", lock_unit},
       {"unlock", unlock_unit},      {"self_test", self_test}, {"multiply_a8w8", 14}};
 };
 
-TEST_F(EmulatorScripts, EmulatorMemory) {
+TEST_P(EmulatorScripts, Plays) {
   play();
 }
-TEST_F(EmulatorScripts, EmulatorSessions) {
-  play();
-}
-TEST_F(EmulatorScripts, EmulatorMatrixUnits) {
-  play();
-}
-TEST_F(EmulatorScripts, EmulatorFaults) {
-  play();
-}
+INSTANTIATE_TEST_SUITE_P(, EmulatorScripts,
+                         testing::Values("EmulatorMemory", "EmulatorSessions", "EmulatorMatrixUnits", "EmulatorFaults"),
+                         [](const auto& name) { return std::string(name.param); });
 
 // ---- What a script cannot do
 
