@@ -107,17 +107,34 @@ class EmulatorScripts : public Transcript {
       {"bytes", [this](const Words& w) { tell_bytes(buffers_.at(w[0]).address, buffers_.at(w[0]).size); }},
       {"usage", [this](const Words&) { tell_usage(); }},
       {"log", [this](const Words& w) { log(w); }}};
-  const std::map<std::string, uint32_t> methods_ = {
-      {"clear_cache", clear_cache}, {"get_AX", get_AX},       {"put_AX", put_AX},
-      {"acquire", acquire},         {"release", release},     {"lock", lock_unit},
-      {"unlock", unlock_unit},      {"self_test", self_test}, {"multiply_a8w8", 14}};
+  const std::map<std::string, uint32_t> methods_ = {{"clear_cache", clear_cache},
+                                                    {"get_AX", get_AX},
+                                                    {"put_AX", put_AX},
+                                                    {"acquire", acquire},
+                                                    {"release", release},
+                                                    {"lock", lock_unit},
+                                                    {"unlock", unlock_unit},
+                                                    {"self_test", self_test},
+                                                    {"mm_f16", 9},
+                                                    {"1mm_f16", 10},
+                                                    {"2mm_f16", 11},
+                                                    {"3mm_f16", 12},
+                                                    {"mm_a8w8", 14},
+                                                    {"1mm_a8w8", 15},
+                                                    {"2mm_a8w8", 16},
+                                                    {"3mm_a8w8", 17},
+                                                    {"mm_a8w4", 18},
+                                                    {"1mm_a8w4", 19},
+                                                    {"2mm_a8w4", 20},
+                                                    {"3mm_a8w4", 21}};
 };
 
 TEST_P(EmulatorScripts, Plays) {
   play();
 }
 INSTANTIATE_TEST_SUITE_P(, EmulatorScripts,
-                         testing::Values("EmulatorMemory", "EmulatorSessions", "EmulatorMatrixUnits", "EmulatorFaults"),
+                         testing::Values("EmulatorMemory", "EmulatorSessions", "EmulatorMatrixUnits", "EmulatorFaults",
+                                         "EmulatorProducts"),
                          [](const auto& name) { return std::string(name.param); });
 
 // ---- What a script cannot do
