@@ -18,7 +18,6 @@ extern "C" {
 // Makes the nth allocation from now on fail (1 is the next one), and with `from_then_on` every later one as well. 0: none.
 void allocation_shim_fail(uint64_t nth, bool from_then_on);
 
-// Since then: how many allocations were made, and how many of them failed.
-uint64_t allocation_shim_count();
+// How many allocations failed since then.
 uint64_t allocation_shim_failed();
 }

@@ -220,28 +220,13 @@ TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   EXPECT_EQ(second.invoke(acquire), 0);
 }
 
-TEST_F(Emulator, TraceTellsEveryCall) {
-  setenv("PARLO_TRACE", "1", 1);
-  parlo_emulator_reset();
-  testing::internal::CaptureStderr();
-  open_first();
-  const Shared shared = allocate(page);
-  EXPECT_EQ(first.map(shared), 0);
-  EXPECT_EQ(first.invoke(self_test, {1, 999}), PARLO_EMULATOR_DSP_NOT_MAPPED);
+// The printed lines of calls, which are made of what the trace holds, stand in the transcripts.
+TEST_F(Emulator, TraceHoldsCallsAndTheLinesThatAreAskedFor) {
+  EXPECT_EQ(first.invoke(self_test, {1, 999}), PARLO_EMULATOR_BAD_HANDLE);
   platform_debug_log(3, "build/tavik_stub", 453, "ERROR 0x%x\n", 7);
   platform_debug_log(2, "build/tavik_stub", 453, "not asked for");
-  const std::string printed = testing::internal::GetCapturedStderr();
-  unsetenv("PARLO_TRACE");
-
-  const auto fd = static_cast<uint64_t>(shared.fd), address = reinterpret_cast<uint64_t>(shared.address);
   const std::tuple<int, int, int, std::vector<uint64_t>, std::string> expected[] = {
-      {PARLO_EMULATOR_SESSION_CONTROL, 0, -1, {PARLO_SESSION_GET_URI, 0, session_0_uri.size()}, session_0_uri},
-      {PARLO_EMULATOR_SESSION_CONTROL, 0, -1, {PARLO_SESSION_UNSIGNED_MODULE, 3, 1}, ""},
-      {PARLO_EMULATOR_HANDLE_OPEN, 0, -1, {first.handle}, session_0_uri},
-      {PARLO_EMULATOR_MEM_ALLOC2, 0, -1, {25, 1, page, address}, ""},
-      {PARLO_EMULATOR_MEM_TO_FD, shared.fd, -1, {address}, ""},
-      {PARLO_EMULATOR_MMAP, 0, -1, {3, fd, address, 0, page, 2}, ""},
-      {PARLO_EMULATOR_HANDLE_INVOKE, PARLO_EMULATOR_DSP_NOT_MAPPED, 13, {first.handle, 0x0d010000, 1, 999}, ""},
+      {PARLO_EMULATOR_HANDLE_INVOKE, PARLO_EMULATOR_BAD_HANDLE, 13, {0, 0x0d010000, 1, 999}, ""},
       {PARLO_EMULATOR_DEBUG_LOG, 0, -1, {3, 453}, "ERROR 0x7\n"}};
   ASSERT_EQ(parlo_emulator_trace_length(), std::size(expected));
   for (size_t i = 0; i < std::size(expected); ++i) {
@@ -250,9 +235,6 @@ TEST_F(Emulator, TraceTellsEveryCall) {
     const std::vector arguments(call.arguments, call.arguments + call.n_arguments);
     EXPECT_EQ(std::tuple(call.operation, call.result, call.method, arguments, std::string(call.text)), expected[i]);
   }
-  EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 8);
-  EXPECT_NE(printed.find("veyra_test(size=1, v_fd=999)) = 0x401"), printed.npos) << printed;
-  EXPECT_NE(printed.find("build/tavik_stub:453: ERROR 0x7\n"), printed.npos);
 }
 
 // Every allocation of each entry fails in turn: the entry says so and changes nothing, and the next try succeeds.

@@ -54,22 +54,9 @@ inline std::vector<uint64_t> last_invocation() {
   return arguments;
 }
 
-// The last error as "code function file line: message"; line 0 stands for any.
-inline std::string last_error(bool with_line = true) {
+inline std::string last_error() {
   const tavik_error& error = *tavik_error_get_last();
-  return std::to_string(error.code) + " " + error.function + " " + error.file + " " +
-         std::to_string(with_line ? error.line : 0) + ": " + error.message;
-}
-
-inline std::string printed_by(auto print) {
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* const stream = open_memstream(&text, &size);
-  print(stream);
-  fclose(stream);
-  const std::string printed(text, size);
-  free(text);
-  return printed;
+  return std::string(error.function) + ", line " + std::to_string(error.line) + ": " + error.message;
 }
 
 class PlatformTest : public ::testing::Test {
