@@ -1,6 +1,5 @@
 // The emulated platform, call by call: what it refuses and with which status, and what it keeps apart. Most stands in
 // tests/transcripts/Emulator*.txt.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -165,16 +164,7 @@ TEST_F(Emulator, InvokeChecksScalarsAndBuffers) {
   for (const uint32_t method : {0u, 1u, 23u}) EXPECT_EQ(first.invoke(method), PARLO_EMULATOR_BAD_SCALARS);
 }
 
-// What a forked child finds, as its exit status; 0 where nothing is amiss.
-template <class Body>
-int in_child(Body body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body());
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
+// The child tells by its exit status what is amiss.
 TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   configure([](auto& config) { config.n_sessions = 2; });
   open_first();
@@ -187,7 +177,7 @@ TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   char uri[256];
   parlo_session_effective_domain record{"cdsp", 4, second.id, 0};
   EXPECT_EQ(
-      in_child([&] {
+      status_of_child([&] {
         int n = 0;
         for (const int status : {first.invoke(self_test, {1, fd}), second.invoke(acquire), first.map(shared),
                                  first.unmap(shared), first.close(), second.close(), second.get_uri(uri, sizeof uri),
@@ -208,7 +198,7 @@ TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
       0);
   EXPECT_EQ(first.invoke(self_test, {1, fd}), 0);
   EXPECT_EQ(*byte, 6);
-  EXPECT_EQ(in_child([&] {
+  EXPECT_EQ(status_of_child([&] {
               parlo_emulator_take_over();
               Session more;
               if (more.open() + more.invoke(self_test, {0, fd}) + more.close() != 0) return 99;

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -23,6 +25,15 @@ inline parlo_emulator_usage usage() {
   parlo_emulator_usage usage;
   parlo_emulator_get_usage(&usage);
   return usage;
+}
+
+// What a forked child makes of it, as its exit status; -1 where a signal ends it.
+inline int status_of_child(const auto& body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(static_cast<int>(body()));
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 inline void configure(auto change) {

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 #include <regex.h>
 #include <stdio_ext.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <functional>
 #include <list>
@@ -164,7 +162,12 @@ class Transcript : public testing::TestWithParam<const char*> {
   }
 
   int64_t run(const std::string& commands) {
-    if (commands.starts_with("in_child ")) return run_in_child(commands.substr(9));
+    if (commands.starts_with("in_child "))
+      return status_of_child([&] {
+        parlo_emulator_take_over();
+        exit(static_cast<int>(run(commands.substr(9))) | 0x80);
+        return 0;
+      });
     int64_t status = 0;
     for (const std::string& command : lines_of(commands, ';')) {
       const Words words = words_of(command);
@@ -304,14 +307,6 @@ class Transcript : public testing::TestWithParam<const char*> {
     char text[64];
     snprintf(text, sizeof text, "%s=0x%zx", kind, reinterpret_cast<uintptr_t>(address));
     return text;
-  }
-
-  int64_t run_in_child(const std::string& commands) {
-    const pid_t child = fork();
-    if (child == 0) parlo_emulator_take_over(), exit(static_cast<int>(run(commands)) | 0x80);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
   std::string failures(const std::string& commands, const std::string& preparation) {
