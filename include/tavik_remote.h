@@ -1,4 +1,4 @@
-/* The remote interface of the DSP module (libtavik_skel.so): one host function for each of the module's 23 methods.
+/* The remote interface of the DSP module (libtavik_skel.so): one host function for each of the module's methods.
  *
  * Each function packs its arguments, invokes one method through the platform and returns the status of the platform
  * or of the module unchanged: 0 on success. The functions check nothing and do not touch the error record of

@@ -103,7 +103,9 @@ constexpr const char* published_name(std::string_view function) {
 inline constexpr std::array<Method, n_methods> methods = [] {
   using enum ParameterKind;
   std::array<Method, n_methods> table;
-  const auto add = [&table](const Method& method) { table[method.number] = method; };
+  const auto add = [&table](const Method& method) {
+    if (method.number < n_methods) table[method.number] = method;
+  };
   add({open_method, "open", {Parameter{"uri", uri}, Parameter{"h", handle_out}}});
   add({close_method, "close", {Parameter{"h", handle_in}}});
   add({get_version_method,
@@ -136,7 +138,7 @@ constexpr bool are_all_methods(bool (*condition)(const Method&)) {
   return true;
 }
 static_assert(are_all_methods([](const Method& method) { return method.name != nullptr; }),
-              "two methods have the same number: numbers go from 0 up, one each");
+              "two methods have the same number, or a number is left out: numbers go from 0 up, one each");
 static_assert(are_all_methods([](const Method& method) { return *method.name != '\0'; }),
               "the functions of methods begin with tavik_");
 static_assert(n_methods <= 32, "the scalars word has five bits for the number of a method");

@@ -27,6 +27,7 @@
 //   lower_fours, upper_fours  the lower (upper) four lanes of a, then those of b; for f16x8 and f32x8
 //   sums_of_fours(a, b, c, d)  (0 + 1) + (2 + 3) of the lower four lanes of each, then of the upper four
 //   prefetch, prefetch_outer  hints, which allow any address; prefetch_outer leaves the first-level cache alone
+//   prefetch_ahead(p, distance)  prefetches the cache line of the element `distance` elements behind p
 //
 // Long sums in half arithmetic have types of their own, for which a backend may choose registers and rounding mode:
 //
@@ -98,6 +99,12 @@ namespace morun::simd {
 inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
                             size_t destination_pitch) {
   transpose_words([=](size_t i) { return source + i * source_pitch; }, destination, destination_pitch);
+}
+
+// The element may lie behind the end of its array, so its address is computed as an integer and never as a pointer.
+template <class T>
+void prefetch_ahead(const T* p, size_t distance) {
+  prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(p) + distance * sizeof(T)));
 }
 
 }  // namespace morun::simd

@@ -11,7 +11,7 @@
 namespace morun {
 
 // The place that a line names: a source file, the public call that the application made, and a line.
-struct Place {
+struct CallPlace {
   const char* file;
   const char* function;
   int32_t line;
@@ -21,8 +21,8 @@ struct Place {
 
 // MORUN_HERE names the function that the macro stands in. MORUN_HERE_IN names the public call that this function is a
 // part of.
-#define MORUN_HERE (morun::Place{reporting_file, __func__, __LINE__})
-#define MORUN_HERE_IN(call) (morun::Place{reporting_file, (call), __LINE__})
+#define MORUN_HERE (morun::CallPlace{reporting_file, __func__, __LINE__})
+#define MORUN_HERE_IN(call) (morun::CallPlace{reporting_file, (call), __LINE__})
 
 // Prints the line and has the value `status`. `format` is a string literal for printf.
 #define MORUN_FAIL_AT(place, status, format, ...)                                                             \

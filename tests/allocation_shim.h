@@ -6,18 +6,19 @@
 // program that knows nothing of it; then the functions are found by dlsym, or a fault is armed from the start by
 // MORUN_FAIL_ALLOCATION=n. Under the address sanitizer preloading wants ASAN_OPTIONS=verify_asan_link_order=0.
 //
-// The allocations of every thread are counted. Under the address sanitizer only those of the thread that arms the fault
-// are, because the sanitizer allocates when a thread starts and ends the process where it cannot. Not seen are those that the C library makes for itself, such as the stacks
-// of threads.
+// The shim counts the allocations of every thread. Under the address sanitizer it counts only those of the thread that
+// arms the fault: the sanitizer allocates memory when a thread starts, and ends the process when that fails. The shim
+// does not see allocations inside the C library, such as the stacks of threads.
 #pragma once
 
 #include <cstdint>
 
 extern "C" {
 
-// Makes the nth allocation from now on fail (1 is the next one), and with `from_then_on` every later one as well. 0: none.
+// Makes the nth allocation from now on fail (1 is the next one), and with `from_then_on` every later one as well. With
+// 0, no allocation fails.
 void allocation_shim_fail(uint64_t nth, bool from_then_on);
 
-// How many allocations failed since then.
+// Returns how many allocations have failed since that call.
 uint64_t allocation_shim_failed();
 }

@@ -37,11 +37,12 @@ uint16_t defined_element(size_t n_inner, const uint16_t* x, const uint16_t* w) {
   return sum == sum ? narrow_bits(sum) : 0x7e00;
 }
 
-enum Kind { cancelling, any, subnormal, huge, n_kind };
+enum Magnitudes { cancelling, any, subnormal, huge, n_kind };
 
-// The first value is none of theirs: rows begin off the boundaries of vectors, and the last ends with the allocation.
-// Rows that mirror themselves, those of W with the sign changed, leave of a sum what its order made of the rounding.
-Halves rows(test::Random& random, Kind kind, size_t n_row, size_t n_inner, uint16_t sign_of_mirrored) {
+// Returns the rows behind one unused value, so that no row begins at the boundary of a vector and the last row ends with
+// the allocation. A cancelling row mirrors its first half, in W with the sign changed. The exact sum is then 0, and the
+// computed sum shows in which order the roundings were made.
+Halves rows(test::Random& random, Magnitudes kind, size_t n_row, size_t n_inner, uint16_t sign_of_mirrored) {
   constexpr uint64_t lowest[] = {15, 0, 0, 24}, n_exponent[] = {8, 31, 8, 7};
   Halves values(1 + n_row * n_inner);
   for (size_t i = 0; i < n_row * n_inner; ++i) {
@@ -54,7 +55,7 @@ Halves rows(test::Random& random, Kind kind, size_t n_row, size_t n_inner, uint1
   return values;
 }
 
-uint64_t check(test::Random& random, Kind kind, size_t n_row, size_t n_col, size_t n_inner, uint64_t hash) {
+uint64_t check(test::Random& random, Magnitudes kind, size_t n_row, size_t n_col, size_t n_inner, uint64_t hash) {
   SCOPED_TRACE(testing::Message() << n_row << " x " << n_col << " x " << n_inner << ", kind " << kind);
   const Halves x = rows(random, kind, n_row, n_inner, 0), w = rows(random, kind, n_col, n_inner, 0x8000);
   const uint16_t *const X = x.data() + 1, *const W = w.data() + 1;
@@ -79,10 +80,10 @@ TEST(CpuTensorProduct, FollowsItsDefinitionToTheLastBitEverywhere) {
   for (size_t n_inner : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 31, 255, 256, 257, 258, 259, 260, 513})
     for (size_t n_row : {0, 1, 2, 3, 4, 5, 6, 7, 13})
       for (size_t n_col : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 33})
-        hash = check(random, Kind(count++ % n_kind), n_row, n_col, n_inner, hash);
+        hash = check(random, Magnitudes(count++ % n_kind), n_row, n_col, n_inner, hash);
   const size_t past_a_block[][3] = {{262, 260, 12}, {8, 261, 21}, {7, 9, 1031}, {5, 10, 1030}, {2, 9, 4103}};
   for (const auto& [n_row, n_col, n_inner] : past_a_block)
-    for (int kind = 0; kind < n_kind; ++kind) hash = check(random, Kind(kind), n_row, n_col, n_inner, hash);
+    for (int kind = 0; kind < n_kind; ++kind) hash = check(random, Magnitudes(kind), n_row, n_col, n_inner, hash);
   EXPECT_LT(largest_allocation, size_t{1} << 20);
   printf("digest %llu\n", static_cast<unsigned long long>(hash));
   EXPECT_EQ(hash, 4458099809456135733u);

@@ -1,4 +1,5 @@
-// What layouts, quantisation and products are, element by element: what results of the library are compared with.
+// The definitions of layouts, quantisation and products, element by element. Tests compare results of the library with
+// them.
 #pragma once
 
 #include <cmath>
@@ -8,9 +9,9 @@
 
 namespace test {
 
-// Where element (r, c) of a matrix of n_col columns stands: in 32 x 32 tiles of activations (ah), in bands of weights
-// whose columns stand together in groups (wh: 2 of f16, 4 of i8), in 64 x 32 tiles, and in bytes of 4-bit weights, which
-// hold two columns each.
+// The functions return the index at which element (r, c) of a matrix of n_col columns stands: in 32 x 32 tiles of
+// activations (ah), in tiles of weights whose columns stand together in groups (wh: 2 of f16, 4 of i8), in 64 x 32 tiles,
+// and in tiles of 4-bit weights, where a byte holds two columns.
 inline uint64_t place_in_ah(uint64_t r, uint64_t c, uint64_t n_col) {
   return (r / 32 * (n_col / 32) + c / 32) * 1024 + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
 }
@@ -60,7 +61,7 @@ inline QuantisedActivation quantise(uint64_t n_row, uint64_t n_col, const Vector
   return a;
 }
 
-// What stands beside an integer sum, for its row and for its column.
+// The terms of a row and of a column that turn an integer sum into f32.
 struct RowTerms {
   float scale;
   int32_t sum;

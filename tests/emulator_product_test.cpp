@@ -18,13 +18,13 @@ namespace simd = morun::simd;
 using namespace test;
 
 // The methods of a kind of product follow one another.
-struct Kind {
+struct MatrixFormat {
   uint32_t mm, single = mm + 1, twofold = mm + 2, threefold = mm + 3;
   size_t X_bits, W_bits, A_bits;
 };
-constexpr Kind f16{.mm = 9, .X_bits = 16, .W_bits = 16, .A_bits = 16};
-constexpr Kind a8w8{.mm = 14, .X_bits = 8, .W_bits = 8, .A_bits = 32};
-constexpr Kind a8w4{.mm = 18, .X_bits = 8, .W_bits = 4, .A_bits = 32};
+constexpr MatrixFormat f16{.mm = 9, .X_bits = 16, .W_bits = 16, .A_bits = 16};
+constexpr MatrixFormat a8w8{.mm = 14, .X_bits = 8, .W_bits = 8, .A_bits = 32};
+constexpr MatrixFormat a8w4{.mm = 18, .X_bits = 8, .W_bits = 4, .A_bits = 32};
 
 struct Shape {
   size_t n_row, n_col, n_inner;
@@ -72,8 +72,8 @@ class EmulatorProduct : public Emulator {
   }
 
   // On buffers of the caller's own.
-  int multiply(const Kind& kind, const Shape& s, const Shared& a, size_t a_offset, const Shared& x, size_t x_offset,
-               const Shared& w, size_t w_offset) const {
+  int multiply(const MatrixFormat& kind, const Shape& s, const Shared& a, size_t a_offset, const Shared& x,
+               size_t x_offset, const Shared& w, size_t w_offset) const {
     return first.invoke(kind.mm, {word(s.n_row), word(s.n_col), word(s.n_inner), fd(a), fd(x), fd(w), word(a_offset),
                                   word(x_offset), word(w_offset)});
   }
@@ -82,7 +82,7 @@ class EmulatorProduct : public Emulator {
   }
 
   void check_halves(const Shape& shape, const Vector<uint16_t>& X, const Vector<uint16_t>& W);
-  void check_sums(const Kind& kind, const Shape& shape, bool X_is_whole, bool A_is_whole);
+  void check_sums(const MatrixFormat& kind, const Shape& shape, bool X_is_whole, bool A_is_whole);
 
   Random random{1};
 };
@@ -164,14 +164,14 @@ TEST_F(EmulatorProduct, KeepsSubnormalsInfinitiesAndNaNs) {
   }
 }
 
-int weight(const Kind& kind, const Vector<uint8_t>& W, size_t k, size_t c, size_t n_col) {
+int weight(const MatrixFormat& kind, const Vector<uint8_t>& W, size_t k, size_t c, size_t n_col) {
   if (kind.W_bits == 8) return static_cast<int8_t>(W[place_in_wh<4>(k, c, n_col)]);
   const int nibble = W[byte_of_nibble(k, c, n_col)] >> shift_of_nibble(c) & 15;
   return nibble < 8 ? nibble : nibble - 16;
 }
 
 // With buffers that hold the last tile of activation and result in whole, or end with the last row asked for.
-void EmulatorProduct::check_sums(const Kind& kind, const Shape& shape, bool X_is_whole, bool A_is_whole) {
+void EmulatorProduct::check_sums(const MatrixFormat& kind, const Shape& shape, bool X_is_whole, bool A_is_whole) {
   const auto& [n_row, n_col, n_inner] = shape;
   const size_t n_row_whole = (n_row + 63) / 64 * 64;
   const size_t n_missing = (n_row_whole - n_row) * 32;
@@ -201,7 +201,7 @@ void EmulatorProduct::check_sums(const Kind& kind, const Shape& shape, bool X_is
 TEST_F(EmulatorProduct, SumsAreExactInTheRowsThatTheBuffersHold) {
   const Shape shapes[] = {{1, 32, 32},   {7, 96, 96},   {8, 64, 288},    {31, 64, 96},  {64, 96, 32},
                           {95, 32, 288}, {100, 160, 0}, {128, 288, 544}, {320, 64, 288}};
-  for (const Kind& kind : {a8w8, a8w4})
+  for (const MatrixFormat& kind : {a8w8, a8w4})
     for (const Shape& shape : shapes)
       for (const bool X_is_whole : {false, true})
         for (const bool A_is_whole : {false, true}) check_sums(kind, shape, X_is_whole, A_is_whole);
@@ -209,7 +209,7 @@ TEST_F(EmulatorProduct, SumsAreExactInTheRowsThatTheBuffersHold) {
 
 TEST_F(EmulatorProduct, SumsOfExtremesAreExactAndWrapOnlyPast32Bits) {
   const struct {
-    const Kind& kind;
+    const MatrixFormat& kind;
     uint8_t X, W;
     int64_t product;
     size_t n_inner;
@@ -229,7 +229,7 @@ TEST_F(EmulatorProduct, SumsOfExtremesAreExactAndWrapOnlyPast32Bits) {
 TEST_F(EmulatorProduct, MayOverwriteItsOperands) {
   constexpr Shape shape{64, 320, 64};  // more columns than are computed at a time
   constexpr size_t size = 1 << 18;
-  for (const Kind& kind : {f16, a8w8, a8w4}) {
+  for (const MatrixFormat& kind : {f16, a8w8, a8w4}) {
     const Shared original = holding(random.any<uint8_t>(size)), all = mapped(size), A1 = mapped(size);
     const auto holds = [&](const Shared& a, size_t a_offset, size_t x_offset, size_t w_offset) {
       const Shared expected = mapped(shape.n_row * shape.n_col * kind.A_bits / 8);
@@ -256,7 +256,7 @@ TEST_F(EmulatorProduct, MayOverwriteItsOperands) {
 TEST_F(EmulatorProduct, OfNothingWalksOverNoRows) {
   const Shared all = mapped(64);
   const auto begin = std::clock();
-  for (const Kind& kind : {f16, a8w8, a8w4}) EXPECT_EQ(multiply(kind, {0xffffffe0, 0, 0}, all, 0, all, 0, all, 0), 0);
+  for (const MatrixFormat& kind : {f16, a8w8, a8w4}) EXPECT_EQ(multiply(kind, {0xffffffe0, 0, 0}, all, 0, all, 0, all, 0), 0);
   EXPECT_LT(std::clock() - begin, 2 * CLOCKS_PER_SEC);
 }
 

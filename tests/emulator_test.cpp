@@ -16,7 +16,7 @@ using namespace test;
 
 // ---- Scripts
 
-// Commands name sessions and shared buffers as they like. A buffer's name stands for its descriptor.
+// The commands name sessions and shared buffers as they like. The name of a buffer stands for its descriptor.
 class EmulatorScripts : public Transcript {
  protected:
   void SetUp() override {
@@ -161,10 +161,10 @@ TEST_F(Emulator, InvokeChecksScalarsAndBuffers) {
   EXPECT_EQ(parlo_handle_invoke(first.handle, scalars, &too_short), PARLO_EMULATOR_BAD_SCALARS);
   EXPECT_EQ(parlo_handle_invoke(first.handle, scalars, &null), PARLO_EMULATOR_BAD_SCALARS);
   EXPECT_EQ(parlo_handle_invoke(first.handle, scalars | 1, &good), PARLO_EMULATOR_BAD_SCALARS);
-  for (const uint32_t method : {0u, 1u, 23u}) EXPECT_EQ(first.invoke(method), PARLO_EMULATOR_BAD_SCALARS);
+  for (const uint32_t method : {0u, 1u, 31u}) EXPECT_EQ(first.invoke(method), PARLO_EMULATOR_BAD_SCALARS);
 }
 
-// The child tells by its exit status what is amiss.
+// The exit status of the child is 0 when the child found nothing wrong.
 TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   configure([](auto& config) { config.n_sessions = 2; });
   open_first();

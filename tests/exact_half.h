@@ -17,7 +17,7 @@ inline bool is_nan(uint16_t h) {
 inline bool is_infinite(uint16_t h) {
   return (h & 0x7fff) == half_infinity;
 }
-// A finite half in units of 2^-24.
+// Returns a finite half as a whole number of 2^-24.
 inline int64_t units(uint16_t h) {
   const int64_t exponent = h >> 10 & 0x1f, fraction = h & 0x3ff;
   const int64_t magnitude = exponent ? (fraction | 0x400) << (exponent - 1) : fraction;
@@ -29,7 +29,7 @@ inline double value_of(uint16_t h) {
   return h & sign_bit ? -magnitude : magnitude;
 }
 
-// To nearest, ties to even; a zero is positive.
+// Rounds to the nearest half, ties to even. A zero is positive.
 inline uint16_t nearest_half(wide value) {
   const wide magnitude = value < 0 ? -value : value;
   int step = 24;  // bits dropped: those below the subnormals', or all but eleven

@@ -1,4 +1,4 @@
-// Texts that a person reads before they are kept in tests/transcripts, and that tests compare with what they observe.
+// Tests compare what they observe with texts in tests/transcripts. A person has read these texts before they are kept.
 // MORUN_WRITE_TRANSCRIPTS=1 in the environment writes them anew.
 #pragma once
 
@@ -18,7 +18,7 @@ inline std::string file_contents(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The file that belongs to the test that runs, in this folder. Of a test with parameters it has the parameter's name.
+// Returns the path of the running test's file in this folder. The file of a test with parameters has the parameter's name.
 inline std::string file_of_test(const std::string& folder) {
   const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
   return folder + "/" + name.substr(name.find('/') + 1) + ".txt";
@@ -33,7 +33,7 @@ inline void expect_kept_text(const std::string& text) {
   EXPECT_NE(system(("diff -u '" + expected + "' '" + actual + "'").c_str()), 0);
 }
 
-// Each line of a text, indented.
+// Returns the text with every line indented.
 inline std::string indented(const std::string& text, const std::string& by = "  ") {
   std::istringstream stream(text);
   std::string lines;
@@ -41,8 +41,8 @@ inline std::string indented(const std::string& text, const std::string& by = "  
   return lines;
 }
 
-// Plays the commands that stand in the kept text, each a line that starts with "$ ": the text with what they give now in
-// indented lines behind them. Other lines are for the reader.
+// Runs each line of the kept text that starts with "$ " as a command. Returns the text with the results of this run: the
+// indented lines behind a command are its result. All other lines are for the reader.
 inline std::string played_commands(const std::function<std::string(const std::string& command)>& run) {
   std::istringstream script(file_contents(file_of_test(MORUN_TRANSCRIPTS)));
   std::string text;

@@ -24,7 +24,7 @@ using test::last_error;
 constexpr uint64_t large = 1 << 20;
 constexpr int32_t injected = 0x77;
 
-// What is there, on the platform and in the process.
+// What the platform and the process hold.
 constexpr const char* held_names[] = {"allocations", "descriptors", "sessions", "handles", "mappings", "bytes"};
 using Held = std::array<uint64_t, std::size(held_names)>;
 Held held() {
@@ -49,22 +49,22 @@ const Exception exceptions[] = {
     {"@(UpperF16F16|Tensor*), *, parlo_@(handle_invoke 2|munmap)", false, false, 1, 0},
     {"@(UpperF16F16|Tensor*), from then on, *", false, false, 3, 1},
     {"@(Hello|UpperU8I8|TensorP6), *", true},
-    // Weights that the DSP keeps stay in the context's table, or with their handle.
+    // When the DSP does not let go of a buffer of weights, the buffer stays in the context's table or in its handle.
     {"Load, *, parlo_mmap", true},
     {"Load, host memory, *", true},
     {"Load, *", false, false, 0, 1},
     {"Load, from then on, *", false, false, 1, 1},
     {"Release, *", false, true},
-    // Stopping and unmapping leave off where they fail.
+    // Stopping and unmapping end at the step that fails.
     {"@(Cleanup*|UpperFinalize), *", false, true},
     {"Unmap, *", false, true, 0, 0, false, true},
-    // Mapping goes no further, and leaves what is mapped.
+    // Mapping ends at the step that fails; what is mapped by then stays mapped.
     {"Map, *", false, true, 0, 1, false, true},
     // A lock that fails leaves the upper interface initialised.
     {"UpperInitialize, *, parlo_handle_invoke 7", false, false, 4, 1},
-    // Conversions do without the memory that they would have liked, and calls without the record of them.
+    // Without host memory, a conversion works without scratch memory, and the platform makes a call without its record.
     {"!(Load), host memory, *", true, false, 1, 1},
-    // With a session everything in it is gone.
+    // A session that is lost loses everything in it.
     {"*, lost, *", false, true, 3, 1, false, true},
     // A session that a caller opened is not mapped yet.
     {"OpenSession, *", false, false, 0, 1, false, true},
@@ -97,7 +97,7 @@ struct Scenario {
   friend std::ostream& operator<<(std::ostream& stream, const Scenario& s) { return stream << s.name; }
 };
 
-// One after the other: 0 where all of them succeed.
+// Returns 0 when all statuses are 0. They are computed in their order.
 int64_t all(std::initializer_list<int64_t> statuses) {
   int64_t any = 0;
   for (const int64_t status : statuses) any |= status;
@@ -215,7 +215,7 @@ int32_t* sums() {
 }
 
 #ifdef MORUN_WITH_WEIGHTS
-// The second matrix is too large for what is left of the first session.
+// Opens a file of two matrices. The first session has room for the first matrix only.
 int64_t weights_opened(Runtime& r) {
   const std::string path = testing::TempDir() + "/fault_sweep_test." + std::to_string(getpid());
   test::pack(path, "a f16 32 32 b f16 512 128");
@@ -507,7 +507,8 @@ TEST_P(FaultSweep, EveryPlatformCallMayFail) {
   for (const FaultClass& fault_class : fault_classes) {
     uint32_t nth = 1;
     while (!HasFatalFailure() && play(fault_class, nth)) ++nth;
-    // Each scenario makes calls; not each has a reply, or is in a session.
+    // Every scenario makes a call, so these faults strike at least once. The other faults need a reply or a session,
+    // which some scenarios do not have.
     if (fault_class.id == PARLO_EMULATOR_FAULT_ONCE || fault_class.id == PARLO_EMULATOR_FAULT_FROM_THEN_ON) {
       EXPECT_GT(nth, 1u);
     }

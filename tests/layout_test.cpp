@@ -16,7 +16,7 @@ bool memory_is_short = false;
 
 }  // namespace
 
-// Stands before the C library's for this program and the libraries it loads.
+// Replaces the function of the C library for this program and for the libraries that it loads.
 extern "C" void* aligned_alloc(size_t alignment, size_t size) {
   void* block = nullptr;
   if (memory_is_short || posix_memalign(&block, alignment, size) != 0) return nullptr;
@@ -27,7 +27,8 @@ namespace {
 
 using Size = uint64_t;
 
-// The definitions, element by element. What lies outside the array is dropped, and what nothing comes to stays.
+// The definitions, element by element. An element whose place lies outside the array is dropped, and a place that
+// receives no element keeps its value.
 template <class T>
 void linearize(Size n_row, Size n_col, Size block_rows, Size block_cols, Vector<T>& data) {
   const Vector<T> in = data;

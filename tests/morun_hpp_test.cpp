@@ -19,7 +19,7 @@ Floats random_values(uint64_t n) {
   return test::normal_values(n, seed++);
 }
 
-// Of n_inner x n_col weights, or of the transpose of n_col x n_inner.
+// Returns x * w in double precision. `w` holds n_inner x n_col weights, or their transpose, n_col x n_inner.
 std::vector<double> plain_product(const Floats& x, const Floats& w, uint64_t n_inner, bool is_transposed = false) {
   const uint64_t n_col = w.size() / n_inner;
   return test::product(x, n_inner, n_col,
@@ -35,7 +35,7 @@ std::string said(const morun::Result<T>& result) {
   return std::string(origins[static_cast<int>(error.origin)]) + " " + std::to_string(error.code) + " " + error.text;
 }
 
-// A '*' in the expectation stands for words that are not this layer's.
+// In `expected`, '*' stands for any words. The C interfaces below the layer choose these words.
 void expect_said(const std::string& actual, const std::string& expected) {
   EXPECT_EQ(fnmatch(expected.c_str(), actual.c_str(), 0), 0) << actual << "\n  is not\n" << expected;
 }

@@ -1,4 +1,4 @@
-// A packed matrix, read by the definitions of the layouts, and plain products to compare products with.
+// Reads a packed matrix by the definitions of the layouts, and computes plain products that tests compare products with.
 #pragma once
 
 #include <cmath>

@@ -113,7 +113,7 @@ class Products : public test::PlatformTest {
   uint32_t multiply(Kind kind, const Shape& s, const std::vector<Weights>& w, std::vector<Vector<float>>& a,
                     const float* x, int32_t n_col_kv = 0) {
     const std::vector<products::WeightPlace> places(w.begin(), w.end());
-    products::Product product = {s.n_row, s.n_col, n_col_kv, s.n_inner, {}, x};
+    products::Operands product = {s.n_row, s.n_col, n_col_kv, s.n_inner, {}, x};
     for (size_t i = 0; i < a.size(); ++i) product.A[i] = a[i].data();
     return products::multiply(context_, kind, product, places);
   }
@@ -175,13 +175,13 @@ constexpr Shape shapes[] = {{1, 32, 32}, {33, 64, 96}, {64, 96, 160}, {67, 32, 6
 
 // Where the weights are: in one session, the second and third in another one than the first, or the second alone. The
 // third product runs in the session of the second, where its weights are not.
-enum Place { near, far, apart };
+enum WeightSessions { near, far, apart };
 
 TEST_F(Products, AreExactInOneSessionAndInSeveral) {
   constexpr int single_method[] = {10, 15, 19};
   for (const Kind kind : products::kinds)
     for (const size_t count : {1, 2, 3})
-      for (const Place place : {near, far, apart})
+      for (const WeightSessions place : {near, far, apart})
         for (const Shape& s : shapes) {
           const bool is_far = place != near;
           if (is_far && count < (place == far ? 2 : 3)) continue;

@@ -17,14 +17,14 @@ struct WeightPlace {
   uint64_t z = 0, s = 0, sum = 0;
 };
 
-struct Product {
+struct Operands {
   int32_t n_row, n_col, n_col_kv, n_inner;  // the second and third of three have n_col_kv columns
   float* A[3];
   const float* X;
 };
 
 template <auto one, auto two, auto three>
-uint32_t quantised_product(tavik_context* context, const Product& p, std::span<const WeightPlace> w) {
+uint32_t quantised_product(tavik_context* context, const Operands& p, std::span<const WeightPlace> w) {
   const WeightPlace &u = w[0], &f = w[w.size() > 1], &v = w.back();
   if (w.size() == 1) return one(context, p.n_row, p.n_col, p.n_inner, p.A[0], p.X, u.fd, u.q, u.z, u.s, u.sum);
   if (w.size() == 2)
@@ -34,7 +34,7 @@ uint32_t quantised_product(tavik_context* context, const Product& p, std::span<c
                u.z, u.s, u.sum, f.q, f.z, f.s, f.sum, v.q, v.z, v.s, v.sum);
 }
 
-inline uint32_t half_product(tavik_context* context, const Product& p, std::span<const WeightPlace> w) {
+inline uint32_t half_product(tavik_context* context, const Operands& p, std::span<const WeightPlace> w) {
   const WeightPlace &u = w[0], &f = w[w.size() > 1], &v = w.back();
   if (w.size() == 1)
     return tavik_npu_mm_f32_rm_f32_rm_f16_wh(context, p.n_row, p.n_col, p.n_inner, p.A[0], p.X, u.fd, u.q);
@@ -45,7 +45,7 @@ inline uint32_t half_product(tavik_context* context, const Product& p, std::span
                                             p.X, u.fd, f.fd, v.fd, u.q, f.q, v.q);
 }
 
-inline uint32_t multiply(tavik_context* context, Kind kind, const Product& product, std::span<const WeightPlace> w) {
+inline uint32_t multiply(tavik_context* context, Kind kind, const Operands& product, std::span<const WeightPlace> w) {
   if (kind == f16) return half_product(context, product, w);
   const auto quantised =
       kind == a8w8

@@ -52,7 +52,7 @@ struct Lanes : Vector<T> {
   Lanes() : Vector<T>(8) {}
   auto load() const { return simd::load(this->data()); }
 };
-// In both ways in which vectors are stored.
+// Stores a vector in both ways and returns what they store alike.
 template <class T, class V>
 Vector<T> stored(const V& v, size_t n = 8) {
   Vector<T> lanes(n), streamed(n);
@@ -106,6 +106,7 @@ TEST_F(Simd, FloatsAreMovedWholeAndToWhereTheyBelong) {
   EXPECT_LANES(float, lower, a[i]);
   EXPECT_LANES(float, upper, a[i + 4]);
   simd::prefetch(nullptr);
+  simd::prefetch_ahead(a.data(), size_t{1} << 40);
   simd::prefetch_outer(reinterpret_cast<const void*>(~uintptr_t{0}));
 }
 

@@ -27,7 +27,7 @@ inline parlo_emulator_usage usage() {
   return usage;
 }
 
-// What a forked child makes of it, as its exit status; -1 where a signal ends it.
+// Runs `body` in a forked child and returns its exit status, or -1 when a signal ends the child.
 inline int status_of_child(const auto& body) {
   const pid_t child = fork();
   if (child == 0) _exit(static_cast<int>(body()));

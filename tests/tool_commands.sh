@@ -1,16 +1,18 @@
-# What the commands in tests/transcripts/Tool*.txt are made of. The test sets `tool` and `libraries`, the folder of those.
+# The words that the commands in tests/transcripts/Tool*.txt use. The test sets `tool`, the command that starts the tool,
+# and `libraries`, the folder of its libraries.
 set -o pipefail
 morun() { "${tool[@]}" "$@"; }
 
-# Calls of the platform that a refusal comes too late for show.
+# Runs a command that the tool has to refuse before it calls the platform. A refusal that comes later prints those calls.
 refused() { PARLO_TRACE=1 morun "$@"; }
 
-# A .npy file of the version in $1 with this dictionary alone.
+# Prints a .npy file without values: format version $1, dictionary $2.
 dictionary() {
   perl -e '($version, $text) = @ARGV; print "\x93NUMPY", chr $version, "\0", pack($version == 1 ? "v/a*" : "V/a*", $text)' "$@"
 }
 
-# A .npy file: type, with F behind it in Fortran order; shape; values, halves by their patterns. VERSION in the environment.
+# Prints a .npy file. Arguments: the type, with an F behind it for Fortran order; the shape; the values, where 0x... is a
+# half by its bit pattern. VERSION in the environment sets the format version.
 npy() {
   local type=${1%F} order=False
   [ "$type" = "$1" ] || order=True
@@ -19,22 +21,22 @@ npy() {
 }
 zeros() { head -c "$1" /dev/zero; }
 
-# The values of a result, one line of them for each row of so many.
+# Prints the values of the f32 file $1, $2 values a line.
 values() { od -A n -v -t f4 -w"$((4 * $2))" -j 128 "$1" | sed -E 's/ +/ /g'; }
 
-# What the rows of an activation give with w.npy.
+# Multiplies an activation, which is given as for npy, by w.npy. Prints shape and values of the product.
 product_of() {
   npy "$@" >x.npy
   morun mm x.npy w.npy -o y.npy >report && grep shape report && values y.npy 1
 }
-# What is said of a product of two rows by one weight, of this kind.
+# Multiplies an activation of two rows, $1 and $2, by the weight $3 of form $4. Prints what --check reports.
 check() {
   npy '<f4' '(2, 1)' "$1" "$2" >x.npy
   npy '<f4' '(1, 1)' "$3" >w.npy
   morun mm x.npy w.npy -o y.npy --check --weights "$4" >report && sed -n '/check/,$p' report
 }
 
-# Ends a product by signals once the temporary file of its result is there.
+# Ends a running product by signals as soon as the temporary file of its result exists.
 end_by_signals() {
   env --default-signal=INT "${tool[@]}" mm x.npy i.npy -o old.npy --repeat 100000000 >/dev/null &
   until [ -n "$(find . -name '.morun.*')" ]; do sleep 0.01; done
@@ -42,15 +44,15 @@ end_by_signals() {
   wait $! 2>/dev/null
 }
 
-# The nth allocation of memory fails. Told is what the tool says then, which is all that it is to say.
+# Runs the tool while allocation $1 of memory fails, and prints its error messages.
 want_of_memory() {
   local nth=$1
   export ASAN_OPTIONS=verify_asan_link_order=0:${ASAN_OPTIONS-}
   LD_PRELOAD=$libraries/liballocation_shim.so MORUN_FAIL_ALLOCATION=$nth "${tool[@]}" "${@:2}" 2>&1 >/dev/null | grep '^morun'
 }
 
-# A .npy file of whole numbers, so many rows and columns of so many levels, which quantise with a scale of exactly 1: each
-# column has the lowest and the highest level; even ones have negative numbers, too.
+# Prints a .npy file of type $1 with $2 rows and $3 columns of whole numbers, which quantise to $4 levels with a scale of
+# exactly 1. Each column has the lowest and the highest level; even columns have negative numbers, too.
 levels() {
   perl -e '($type, $n_row, $n_col, $n) = @ARGV;
     sub half {

@@ -136,7 +136,7 @@ class ToolTest : public testing::Test {
     return outcome.out;
   }
 
-  // Plays the commands of the test's transcript. Told are both outputs, the exit status and the files that change.
+  // Runs the commands of the test's transcript. The results are both outputs, the exit status and the changed files.
   void play() const {
     test::expect_kept_text(test::played_commands([this](const std::string& command) {
       auto before = files();

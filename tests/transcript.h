@@ -26,7 +26,8 @@ inline Lines lines_of(const std::string& text, char end = '\n') {
   return lines;
 }
 
-// `text` with make(group) for each match of an extended regular expression; group(i) is the match's i-th part.
+// Returns the text with every match of an extended regular expression replaced by make(group), where group(i) is the
+// i-th part of the match.
 std::string replaced(std::string rest, const char* expression, auto make) {
   regex_t compiled;
   regcomp(&compiled, expression, REG_EXTENDED);
@@ -43,7 +44,7 @@ std::string replaced(std::string rest, const char* expression, auto make) {
   return told + rest;
 }
 
-// The fields of a context, one line for each that is not zero.
+// Returns a line for each field of a context that is not zero.
 inline Lines fields_of(const tavik_context* c) {
   Lines lines;
   const auto add = [&](auto... parts) {
@@ -115,14 +116,17 @@ Call by_words(R (*function)(P...)) {
           {kind_of<P>()...}};
 }
 
-// Plays tests/transcripts/*.txt. A command is a word and its arguments, in parentheses with commas or without. Several stand
-// in a line with semicolons between them. An argument is a number, a name, &name, "text", or a sum of two with + between.
-//   quietly COMMANDS                       without a word about it
-//   failures of COMMANDS after COMMANDS    again and again, each time on a platform of its own on which one more call
-//                                          succeeds before one, or all from there on, fail; told is what follows
-//   afterwards COMMAND                     is to follow each line from the next on
-//   in_child COMMANDS                      in a process of its own, whose exit status it tells
-//   in_thread COMMAND                      in a thread of its own
+// Runs the commands of the parameter's text in tests/transcripts. A command is a word and its arguments, which stand in
+// parentheses with commas between them, or behind blanks. Semicolons separate the commands of a line. An argument is a
+// number, the name of a variable, &name for its address, "text" without blanks, or a sum of two of these with + between.
+//   quietly COMMANDS                      the transcript records nothing of the commands
+//   failures of COMMANDS after COMMANDS   plays the first commands once for each platform call that they make, each time
+//                                         behind the second ones on a fresh platform on which that platform call fails,
+//                                         and once more with all later platform calls failing too
+//   afterwards COMMAND                    runs the command behind each of the following lines
+//   in_child COMMANDS                     runs the commands in a child process; its exit status is the result
+//   in_thread COMMAND                     runs the command in another thread
+// The commands that every transcript has are in `commands_`. Functions of the library are in `calls_`.
 class Transcript : public testing::TestWithParam<const char*> {
  protected:
   using Words = std::vector<std::string>;
@@ -146,7 +150,7 @@ class Transcript : public testing::TestWithParam<const char*> {
       return observe(line);
     }));
   }
-  // The context that is still there goes without a word to the platform, whose memory goes too.
+  // Frees the context without a call of the platform, and resets the platform with all its memory.
   virtual void start_afresh() {
     free(watched());
     parlo_emulator_reset();
@@ -185,7 +189,7 @@ class Transcript : public testing::TestWithParam<const char*> {
     return status;
   }
   void tell(const std::string& line) { told_ += line + '\n'; }
-  // The address of memory that the scenario owns gets a name.
+  // The transcript shows `name` instead of this address.
   void know(const std::string& name, const void* address) { names_[key("address", address)] = name; }
   uint64_t& variable(const std::string& name) {
     if (!name.starts_with("context.")) return variables_.emplace(name, untouched).first->second;
@@ -215,7 +219,7 @@ class Transcript : public testing::TestWithParam<const char*> {
     for (size_t i = first; i < words.size(); ++i) values.push_back(static_cast<T>(value(words[i])));
     return values;
   }
-  // How often each byte value stands in a row.
+  // Tells for each run of equal bytes how many there are.
   void tell_bytes(const void* memory, uint64_t size) {
     const auto* const bytes = static_cast<const uint8_t*>(memory);
     for (uint64_t start = 0, end; start < size; start = end) {
@@ -269,7 +273,7 @@ class Transcript : public testing::TestWithParam<const char*> {
       {"reset", [this](const Words&) { return start_afresh(), 0; }},
       {"let", [this](const Words& w) { return variable(w[0]) = value(w[1]), 0; }},
       {"know", [this](const Words& w) { return know(w[0], address(w[1])), 0; }}};
-  // Entries of freed buffers change or stay as the system gives their addresses out again.
+  // A scenario sets this to false where the entries of freed buffers depend on which addresses the system gives out.
   bool shows_registry_ = true;
 
  private:
@@ -335,7 +339,8 @@ class Transcript : public testing::TestWithParam<const char*> {
     return fired ? indented(observed.substr(observed.rfind('\n', failure) + 1)) : "";
   }
 
-  // Platform calls and printed lines in order, what they leave, and what they return unless that is 0.
+  // Runs commands and returns what can be observed: the platform calls and printed lines in order, the error record, the
+  // changes of the context, the outputs of the calls, and the result unless that is 0.
   std::string observe(const std::string& commands) {
     tavik_set_error(-1, "", "", 0, "%s", "");
     testing::internal::CaptureStdout();
@@ -372,7 +377,8 @@ class Transcript : public testing::TestWithParam<const char*> {
     return status == 0 ? text : text + "  = " + std::to_string(status) + '\n';
   }
 
-  // A line of the platform starts a line even where the library's own before it has no end. A sanitizer's own lines go.
+  // Lines of the platform begin a line of the transcript, even behind a line of the library that has no end. Lines of a
+  // sanitizer are left out.
   static std::string with_line_ends(std::string text) {
     if (!text.empty() && text.back() != '\n') text += " (no line end)\n";
     text = replaced(text, "==[0-9]+==[^\n]*\n", [](auto) { return ""; });
@@ -380,7 +386,8 @@ class Transcript : public testing::TestWithParam<const char*> {
     return replaced(text, "\\[parlo\\] ", [](auto) { return ""; });
   }
 
-  // With names for addresses and handles, and without the line numbers that are nobody's to rely on.
+  // Returns the line with names instead of addresses and handles, and with * instead of line numbers that are not
+  // published.
   std::string named(const std::string& line) {
     const bool allocates = line.starts_with("parlo_mem_alloc"), opens = line.starts_with("parlo_handle_open");
     const std::string told =

@@ -155,7 +155,7 @@ class Transcripts : public test::Transcript {
     add_commands_of_products();
     add_commands_of_the_upper_interface();
     commands_["array"] = [this](const Words& w) { return make_array(w), 0; };
-    commands_["fill"] = [this](const Words& w) {  // so many bytes, with these again and again
+    commands_["fill"] = [this](const Words& w) {  // address, number of bytes, and the values that repeat in them
       for (uint64_t i = 0; i < value(w[1]); ++i)
         address<uint8_t>(w[0])[i] = static_cast<uint8_t>(value(w[2 + i % (w.size() - 2)]));
       return 0;
@@ -173,7 +173,7 @@ class Transcripts : public test::Transcript {
     commands_["bytes"] = [this](const Words& w) { return tell_bytes(address(w[0]), value(w[1])), 0; };
     Transcript::SetUp();
   }
-  // A name, a type, and values, each with how many there are of it and * before it or alone.
+  // Makes an array. Arguments: its name, its type, and its values, where 8*3 stands for eight values of 3.
   void make_array(const Words& words) {
     std::string bytes;
     const auto add = [&]<class T>(T) {
@@ -304,7 +304,8 @@ class Transcripts : public test::Transcript {
              0;
     };
   }
-  // Two locked sessions with a large buffer each, of which each has three matrices, of values 1 to 6.
+  // Opens two sessions and locks the matrix unit. Each session has a large buffer with three matrices; the values of the
+  // six matrices are 1 to 6.
   void begin(const std::string& kind) {
     kind_ = kind == "f16" ? f16 : kind == "a8w8" ? a8w8 : a8w4;
     start(2);
@@ -334,8 +335,8 @@ class Transcripts : public test::Transcript {
     std::fill_n(at(uint16_t{}, w.s), n_col, halves[1]);
     std::fill_n(at(int32_t{}, w.sum), n_col, n_inner * value);
   }
-  // One to three matrices: their numbers, or descriptor@offset, the last one's side data elsewhere by z=, s= or sum=; and
-  // "as" with rows, columns, inner dimension, and columns of the second and third.
+  // Arguments: one to three weight matrices by number or as descriptor@offset; z=, s= or sum= and another offset of the
+  // last one's side data; "as" and rows, columns, inner dimension, and columns of the second and third.
   int64_t multiply(const Words& words) {
     std::vector<WeightPlace> w;
     std::vector<int32_t> n = {n_row, n_col, n_inner, n_col};
@@ -419,7 +420,7 @@ class Transcripts : public test::Transcript {
     know("heap", heap_);
     if (n_buffer != 0) know("inside", address("shared[0]+2"));
   }
-  // Fields of a tensor get other values: name=value.
+  // Sets a field of a tensor.
   void change(morun_tensor& t, const std::string& field, uint64_t value) {
     const auto set = [&]<class T>(const char* name, T& member) {
       if (field == name) member = static_cast<T>(value);
@@ -431,7 +432,8 @@ class Transcripts : public test::Transcript {
     set("data_dtype", t.data_dtype), set("quantization", t.quantization), set("layout", t.layout);
     set("ndims", t.ndims), set("is_contiguous", t.is_contiguous);
   }
-  // Of halves: "matrix" with rows and columns or "vector" with a length, and changes.
+  // Returns a tensor of halves: "matrix" with rows and columns or "vector" with a length, and fields with other values as
+  // name=value.
   morun_tensor tensor(const Words& words) {
     const bool is_matrix = words[0] == "matrix";
     morun_tensor t = morun_tensor_matrix(value(words[1]), is_matrix ? value(words[2]) : 1, MORUN_DTYPE_F16,
@@ -441,7 +443,8 @@ class Transcripts : public test::Transcript {
       change(t, words[i].substr(0, words[i].find('=')), value(words[i].substr(words[i].find('=') + 1)));
     return t;
   }
-  // A path; platform; rows, columns and inner dimension; addresses of result, left and right; and changes of their fields.
+  // Arguments: a path, the platform, rows, columns and inner dimension, the addresses of result, left and right, and
+  // fields of these with other values, as left.layout=6.
   int64_t multiply_tensors(const Words& words) {
     const test::TensorFormats& f = test::paths::every[static_cast<size_t>(words[0][1] - '1')];
     const auto n = values(Words(words.begin(), words.begin() + 8), 1);

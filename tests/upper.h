@@ -32,7 +32,8 @@ constexpr TensorFormats P1 = {{f32, f16, f32}, {rm, wh, rm}}, P2 = {{f16, f16, f
                         every[] = {P1, P2, P3, P4, P5, P6};
 }  // namespace paths
 
-// Initialised and otherwise like a process of its own. No file takes a descriptor that the registry has an entry for.
+// Each test starts like a new process that has initialised the upper interface. Buffers take descriptors from 100 on,
+// which no file of the test takes.
 class UpperTest : public PlatformTest {
  public:
   static void start_afresh() {

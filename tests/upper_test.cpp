@@ -7,16 +7,16 @@
 
 namespace {
 
-// What becomes of a range of addresses that is to be kept empty, and the last that came to be.
+// What a request for an empty range of addresses gets, and the last range that was granted.
 enum class Keeping { granted, refused, elsewhere } keeping = Keeping::granted;
 void* last_kept = nullptr;
 
-// Where shared memory comes when nothing is there.
+// The address at which new shared memory is mapped; nullptr leaves the choice to the system.
 void* shared_address = nullptr;
 
 }  // namespace
 
-// Stands before the C library's for this program and the libraries it loads.
+// Replaces the function of the C library for this program and for the libraries that it loads.
 extern "C" void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
   if ((flags & MAP_SHARED) != 0 && address == nullptr) address = shared_address;
   const bool keeps = protection == PROT_NONE && keeping != Keeping::granted;

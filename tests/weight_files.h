@@ -1,4 +1,4 @@
-// Checkpoints and packed files, written and read by the format's definition.
+// Writes and reads checkpoints and packed files by the definition of their format.
 #pragma once
 
 #include <gtest/gtest.h>

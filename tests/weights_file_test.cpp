@@ -478,7 +478,7 @@ TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
   EXPECT_STREQ(bytes, "untouched");
   EXPECT_EQ(values, std::vector<float>(33 * 40, 99));
 
-  // A bit that falls over, in place, and a file that becomes shorter.
+  // One bit of the open file changes, and then the file becomes shorter.
   for (const auto& [at, index] : {std::pair{4096, 0}, {4096 + 8191, 0}, {4096 + 8192, 1}, {4096 + 16395, 2}}) {
     const uint64_t damaged = static_cast<uint64_t>(index);
     std::string changed = file_of(good_header);

@@ -45,7 +45,7 @@ class WeightsLoad : public test::PlatformTest, public test::Folder {
     test::PlatformTest::TearDown();
   }
 
-  // A file of "NAME FORM N_INNER N_COL ...".
+  // Packs matrices, "NAME FORM N_INNER N_COL ...", into a file and opens the file.
   void open(const std::string& matrices) {
     morun_weights_file_close(std::exchange(file_, nullptr));
     test::pack(path_, matrices);
@@ -116,7 +116,7 @@ class WeightsLoad : public test::PlatformTest, public test::Folder {
 
 // ---- Plans ---------------------------------------------------------------------------------------------------------
 
-// In 2048 bytes: "SIZES of the buffers / of which in session 0: BUFFER+OFFSET of each request".
+// Returns "SIZES of the buffers / of which in session 0: BUFFER+OFFSET of each request", in units of 2048 bytes.
 std::string told(const morun_weights_plan& plan, const std::vector<morun_weights_place>& places) {
   std::ostringstream text;
   for (uint32_t i = 0; i < plan.n_buffer; ++i) text << plan.buffer_size[i] / 2048 << ' ';
@@ -262,7 +262,7 @@ void expect_product(const test::PackedMatrix& W, const std::vector<float>& X, co
 uint32_t multiply(tavik_context* context, const std::vector<morun_weights_operand>& operands,
                   const std::vector<float*>& A, const float* X) {
   const morun_weights_operand& first = operands[0];
-  products::Product product = {n_row, first.padded_n_col, first.padded_n_col, first.padded_n_inner, {}, X};
+  products::Operands product = {n_row, first.padded_n_col, first.padded_n_col, first.padded_n_inner, {}, X};
   std::copy(A.begin(), A.end(), product.A);
   std::vector<products::WeightPlace> places;
   for (const morun_weights_operand& o : operands)
@@ -386,7 +386,7 @@ TEST_F(WeightsLoad, ReadsThatFailLeaveNothingAndShortOnesGoOn) {
     nth_read = 0;
   }
 
-  // A file that shrinks, by as little as a byte; and one that has changed.
+  // The file becomes shorter, by one byte or by many. Then a byte of it changes.
   const uint64_t size = fs::file_size(path_), size_of_c = tensor(2).n_byte;
   for (const uint64_t less : {uint64_t{1}, size_of_c, size_of_c + 1, size - tensor(1).file_offset, size - 1}) {
     fs::resize_file(path_, size - less);

@@ -31,7 +31,7 @@ Matrix normal(uint64_t n_row, uint64_t n_col, double mean, double deviation, uns
   return {n_row, n_col, test::normal_values(n_row * n_col, seed, mean, deviation)};
 }
 
-// Rows whose values go together, as those of activations do.
+// Rows whose columns are correlated, as columns of activations are.
 Matrix correlated(uint64_t n_row, uint64_t n_col, unsigned seed) {
   const Matrix few = normal(n_row, 6, 0, 1, seed), mix = normal(6, n_col, 0, 1, seed + 1);
   const auto sums = test::product(few.values, 6, n_col, [&](uint64_t k, uint64_t c) { return mix.at(k, c); });

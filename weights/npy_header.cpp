@@ -48,7 +48,7 @@ class Parser {
 
   void expect(char character) {
     if (!accept(character))
-      throw refusal(std::string(1, character) + " is missing at byte " + std::to_string(n_byte_ - rest_.size()) +
+      throw refusal(std::string("'") + character + "' is missing at byte " + std::to_string(n_byte_ - rest_.size()) +
                     " of its dictionary");
   }
 

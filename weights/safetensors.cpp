@@ -34,17 +34,17 @@ class HeaderReader : public JsonEvents {
   }
 
   bool unexpected(const char* what) override {
-    const bool is_metadata = place_ == Place::metadata || (place_ == Place::root && name_ == metadata_key);
+    const bool is_metadata = level_ == JsonLevel::metadata || (level_ == JsonLevel::root && name_ == metadata_key);
     throw fail(is_metadata ? MORUN_WEIGHTS_HEADER_METADATA : MORUN_WEIGHTS_HEADER_ENTRY, what);
   }
 
   bool start_object(size_t) override {
-    switch (place_) {
-      case Place::outside:
-        place_ = Place::root;
+    switch (level_) {
+      case JsonLevel::outside:
+        level_ = JsonLevel::root;
         return true;
-      case Place::root:
-        place_ = name_ == metadata_key ? Place::metadata : Place::entry;
+      case JsonLevel::root:
+        level_ = name_ == metadata_key ? JsonLevel::metadata : JsonLevel::entry;
         return true;
       default:
         return too_deep("an object");
@@ -52,19 +52,19 @@ class HeaderReader : public JsonEvents {
   }
 
   bool start_array(size_t) override {
-    if (place_ == Place::root) return unexpected("an array");
-    if (place_ != Place::entry) return too_deep("an array");
+    if (level_ == JsonLevel::root) return unexpected("an array");
+    if (level_ != JsonLevel::entry) return too_deep("an array");
     if (list_ == nullptr) return unexpected("an array");
-    place_ = Place::list;
+    level_ = JsonLevel::list;
     return true;
   }
 
   bool key(std::string& key) override {
-    switch (place_) {
-      case Place::root:
+    switch (level_) {
+      case JsonLevel::root:
         begin_tensor(key);
         return true;
-      case Place::metadata:
+      case JsonLevel::metadata:
         name_ = key;
         if (!header_.metadata.emplace(key, std::string()).second) throw duplicate(key);
         return true;
@@ -75,11 +75,11 @@ class HeaderReader : public JsonEvents {
   }
 
   bool string(std::string& value) override {
-    if (place_ == Place::metadata) {
+    if (level_ == JsonLevel::metadata) {
       header_.metadata[name_] = std::move(value);
       return true;
     }
-    if (place_ != Place::entry || !takes_dtype_) return unexpected("a string");
+    if (level_ != JsonLevel::entry || !takes_dtype_) return unexpected("a string");
     TensorEntry& entry = header_.tensors.back();
     entry.dtype = dtype_by_name(value);
     if (entry.dtype == nullptr)
@@ -89,24 +89,24 @@ class HeaderReader : public JsonEvents {
   }
 
   bool number_unsigned(uint64_t value) override {
-    if (place_ != Place::list) return unexpected("a number");
+    if (level_ != JsonLevel::list) return unexpected("a number");
     list_->push_back(value);
     return true;
   }
 
   bool end_array() override {
-    place_ = Place::entry;
+    level_ = JsonLevel::entry;
     return true;
   }
 
   bool end_object() override {
-    if (place_ == Place::entry) end_tensor();
-    place_ = place_ == Place::root ? Place::outside : Place::root;
+    if (level_ == JsonLevel::entry) end_tensor();
+    level_ = level_ == JsonLevel::root ? JsonLevel::outside : JsonLevel::root;
     return true;
   }
 
  private:
-  enum class Place { outside, root, metadata, entry, list };
+  enum class JsonLevel { outside, root, metadata, entry, list };
   static constexpr unsigned dtype = 1, shape = 2, data_offsets = 4, all = 7;
 
   static unsigned member_by_name(const std::string& name) {
@@ -158,7 +158,7 @@ class HeaderReader : public JsonEvents {
   const std::string& path_;
   SafetensorsHeader& header_;
   std::unordered_set<std::string> names_;
-  Place place_ = Place::outside;
+  JsonLevel level_ = JsonLevel::outside;
   std::string name_;  // of the entry at hand
   unsigned members_ = 0;
   bool takes_dtype_ = false;

@@ -40,8 +40,8 @@ SafetensorsHeader read_header(const InputFile& file);
 // The same for the JSON text alone. `path` stands in messages.
 SafetensorsHeader parse_header(const std::string& path, std::string_view json, uint64_t n_data_byte);
 
-// The first bytes of a file up to its data: length, JSON and blanks, a multiple of data_alignment and at least
-// `least_size` of these. Throws HEADER_TOO_LONG. Names are valid UTF-8.
+// Returns the first bytes of a file, up to its data: the length of the JSON text, the text, and blanks. The number of
+// bytes is a multiple of data_alignment and at least least_size. Names are valid UTF-8. Throws HEADER_TOO_LONG.
 std::string format_header(const std::vector<TensorEntry>& tensors, const std::map<std::string, std::string>& metadata,
                           uint64_t least_size);
 

@@ -17,7 +17,7 @@ bool has_rank(const morun_tensor& tensor) {
 
 #define TENSOR_FAIL(...) MORUN_FAIL_AT(place, MORUN_ERROR_BAD_ARGUMENT, __VA_ARGS__)
 
-int32_t check_contiguous_vector(const morun::Place& place, const morun_tensor& tensor) {
+int32_t check_contiguous_vector(const morun::CallPlace& place, const morun_tensor& tensor) {
   if (tensor.layout != MORUN_LAYOUT_1D_LINEAR)
     return TENSOR_FAIL("1D tensor supported only in MORUN_LAYOUT_1D_LINEAR layout\n");
   if (tensor.strides[0] != 1)
@@ -26,7 +26,7 @@ int32_t check_contiguous_vector(const morun::Place& place, const morun_tensor& t
 }
 
 // A tiled matrix has the strides of a row-major one.
-int32_t check_contiguous_matrix(const morun::Place& place, const morun_tensor& tensor) {
+int32_t check_contiguous_matrix(const morun::CallPlace& place, const morun_tensor& tensor) {
   if (tensor.layout < MORUN_LAYOUT_2D_RM || tensor.layout > last_layout)
     return TENSOR_FAIL("2D tensor, unsupported layout: = %d\n", static_cast<int>(tensor.layout));
   const uint64_t expected[2] = {tensor.dims[1], 1};
@@ -37,7 +37,7 @@ int32_t check_contiguous_matrix(const morun::Place& place, const morun_tensor& t
   return MORUN_SUCCESS;
 }
 
-int32_t check_contiguous(const morun::Place& place, const morun_tensor& tensor, uint64_t product_of_dims) {
+int32_t check_contiguous(const morun::CallPlace& place, const morun_tensor& tensor, uint64_t product_of_dims) {
   const uint64_t needed = tensor.data_offset + product_of_dims;
   if (tensor.num_elements < needed)
     return TENSOR_FAIL(
@@ -46,7 +46,7 @@ int32_t check_contiguous(const morun::Place& place, const morun_tensor& tensor, 
   return tensor.ndims == 1 ? check_contiguous_vector(place, tensor) : check_contiguous_matrix(place, tensor);
 }
 
-int32_t check_strided(const morun::Place& place, const morun_tensor& tensor, uint64_t greatest_distance) {
+int32_t check_strided(const morun::CallPlace& place, const morun_tensor& tensor, uint64_t greatest_distance) {
   // Kept: the bound adds the offset twice, here and in the next line.
   const uint64_t max_index = tensor.data_offset + 1 + greatest_distance;
   const uint64_t needed = tensor.data_offset + max_index;
@@ -58,7 +58,7 @@ int32_t check_strided(const morun::Place& place, const morun_tensor& tensor, uin
 }
 
 // Checks extents, strides and the elements that they reach. Sums and products wrap at 64 bits.
-int32_t check_extents(const morun::Place& place, const morun_tensor& tensor) {
+int32_t check_extents(const morun::CallPlace& place, const morun_tensor& tensor) {
   uint64_t product_of_dims = 1, greatest_distance = 0;
   for (int i = 0; i < tensor.ndims; ++i) {
     if (tensor.dims[i] == 0) return TENSOR_FAIL("Invalid dims[%d] field : = 0.  The minimal dimension is 1\n", i);
@@ -77,7 +77,7 @@ int32_t check_extents(const morun::Place& place, const morun_tensor& tensor) {
                                    : check_strided(place, tensor, greatest_distance);
 }
 
-int32_t check_enumerations(const morun::Place& place, const morun_tensor& tensor) {
+int32_t check_enumerations(const morun::CallPlace& place, const morun_tensor& tensor) {
   if (tensor.data_dtype > last_dtype)
     return TENSOR_FAIL("Invalid data_dtype field : = %d. Use morun_tensor_dtype_e to declare tensor type\n",
                        static_cast<int>(tensor.data_dtype));
@@ -91,7 +91,7 @@ int32_t check_enumerations(const morun::Place& place, const morun_tensor& tensor
   return MORUN_SUCCESS;
 }
 
-int32_t check_vector_by_vector(const morun::Place& place, const morun_tensor& result, const morun_tensor& left,
+int32_t check_vector_by_vector(const morun::CallPlace& place, const morun_tensor& result, const morun_tensor& left,
                                const morun_tensor& right) {
   if (left.dims[0] != right.dims[0])
     return TENSOR_FAIL("1D x 1D mismatch: left dim = %llu, right dim = %llu\n", ull{left.dims[0]}, ull{right.dims[0]});
@@ -101,7 +101,7 @@ int32_t check_vector_by_vector(const morun::Place& place, const morun_tensor& re
   return MORUN_SUCCESS;
 }
 
-int32_t check_matrix_by_matrix(const morun::Place& place, const morun_tensor& result, const morun_tensor& left,
+int32_t check_matrix_by_matrix(const morun::CallPlace& place, const morun_tensor& result, const morun_tensor& left,
                                const morun_tensor& right) {
   if (left.dims[1] != right.dims[0])
     return TENSOR_FAIL("2D x 2D mismatch: left inner dim = %llu, right outer dim = %llu\n", ull{left.dims[1]},
@@ -112,7 +112,7 @@ int32_t check_matrix_by_matrix(const morun::Place& place, const morun_tensor& re
   return MORUN_SUCCESS;
 }
 
-int32_t check_vector_by_matrix(const morun::Place& place, const morun_tensor& result, const morun_tensor& left,
+int32_t check_vector_by_matrix(const morun::CallPlace& place, const morun_tensor& result, const morun_tensor& left,
                                const morun_tensor& right) {
   if (left.dims[0] != right.dims[0])
     return TENSOR_FAIL("1D x 2D mismatch: left dim = %llu, right rows = %llu\n", ull{left.dims[0]}, ull{right.dims[0]});
@@ -122,7 +122,7 @@ int32_t check_vector_by_matrix(const morun::Place& place, const morun_tensor& re
   return MORUN_SUCCESS;
 }
 
-int32_t check_matrix_by_vector(const morun::Place& place, const morun_tensor& result, const morun_tensor& left,
+int32_t check_matrix_by_vector(const morun::CallPlace& place, const morun_tensor& result, const morun_tensor& left,
                                const morun_tensor& right) {
   if (left.dims[1] != right.dims[0])
     return TENSOR_FAIL("2D x 1D mismatch: left cols = %llu, right dim = %llu\n", ull{left.dims[1]}, ull{right.dims[0]});
@@ -132,7 +132,7 @@ int32_t check_matrix_by_vector(const morun::Place& place, const morun_tensor& re
   return MORUN_SUCCESS;
 }
 
-int32_t check_shapes(const morun::Place& place, const morun_tensor& result, const morun_tensor& left,
+int32_t check_shapes(const morun::CallPlace& place, const morun_tensor& result, const morun_tensor& left,
                      const morun_tensor& right) {
   if (left.ndims == 1 && right.ndims == 1) return check_vector_by_vector(place, result, left, right);
   if (left.ndims == 2 && right.ndims == 2) return check_matrix_by_matrix(place, result, left, right);
@@ -147,7 +147,7 @@ int32_t check_shapes(const morun::Place& place, const morun_tensor& result, cons
 constexpr uint32_t weight_side = 1u << MORUN_LAYOUT_2D_WH | 1u << MORUN_LAYOUT_2D_5 | 1u << 7;
 constexpr uint32_t activation_side = 1u << MORUN_LAYOUT_2D_AH | 1u << MORUN_LAYOUT_2D_6 | 1u << 7;
 
-int32_t check_layout(const morun::Place& place, const char* name, uint32_t layout, uint32_t illegal) {
+int32_t check_layout(const morun::CallPlace& place, const char* name, uint32_t layout, uint32_t illegal) {
   if (layout > 7 || (illegal >> layout & 1u) == 0) return MORUN_SUCCESS;
   return TENSOR_FAIL("%s tensor illegal layout = %d\n", name, static_cast<int>(layout));
 }

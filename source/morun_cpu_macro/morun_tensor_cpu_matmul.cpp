@@ -103,10 +103,7 @@ struct Columns {
   // next panel instead.
   void fetch_ahead(size_t k, size_t n_inner) const {
     const size_t ahead = k + weights_lead < n_inner ? weights_lead : weights_lead + to_next_panel - n_inner;
-    for (const uint16_t* const start : column) {
-      const auto address = reinterpret_cast<uintptr_t>(start) + (k + ahead) * sizeof(uint16_t);
-      simd::prefetch(reinterpret_cast<const void*>(address));
-    }
+    for (const uint16_t* const start : column) simd::prefetch_ahead(start, k + ahead);
   }
 };
 

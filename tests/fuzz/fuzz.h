@@ -3,6 +3,7 @@
 
 #include <sanitizer/allocator_interface.h>
 #include <sanitizer/asan_interface.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string>
 
 #include "platform/emulator/parlo_emulator.h"
 
@@ -26,20 +28,22 @@ struct Counter {
 };
 inline Counter* counters;
 inline size_t n_counter;
+inline void (*print_input)();
 
 inline void print_counters() {
   for (size_t i = 0; i < n_counter; ++i) dprintf(report_fd, "exercised %s: %lu\n", counters[i].name, counters[i].count);
 }
 
+// `print` writes the input of a failure to report_fd; libFuzzer keeps the bytes of the input in any case.
 template <size_t n>
-void start(Counter (&of)[n]) {
+void start(
+    Counter (&of)[n], void (*print)() = [] {}) {
   report_fd = dup(STDERR_FILENO);
   counters = of;
   n_counter = n;
+  print_input = print;
   atexit(print_counters);
 }
-
-inline void (*print_input)();
 
 inline void expect(bool holds, const char* otherwise) {
   if (holds) return;
@@ -47,6 +51,26 @@ inline void expect(bool holds, const char* otherwise) {
   print_input();
   abort();
 }
+
+// A file in memory, which has a name as long as the object lives.
+class MemoryFile {
+ public:
+  MemoryFile() : number_(memfd_create("fuzz", MFD_CLOEXEC)) { expect(number_ >= 0, "no file in memory"); }
+  MemoryFile(const MemoryFile&) = delete;
+  ~MemoryFile() { close(number_); }
+
+  void fill(const void* bytes, size_t n_byte) {
+    expect(ftruncate(number_, 0) == 0 && lseek(number_, 0, SEEK_SET) == 0, "the file cannot be emptied");
+    append(bytes, n_byte);
+  }
+  void append(const void* bytes, size_t n_byte) {
+    expect(write(number_, bytes, n_byte) == static_cast<ssize_t>(n_byte), "the file cannot be written");
+  }
+  std::string path() const { return "/proc/self/fd/" + std::to_string(number_); }
+
+ private:
+  int number_;
+};
 
 // What is in use, the emulator's trace apart.
 using Usage = std::array<uint64_t, 6>;

@@ -1,13 +1,6 @@
 // Files of any content: the reader refuses one with an Error, or gives a matrix that reads the same in every piece, and the
 // same again when it has been written.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "tests/fuzz/fuzz.h"
 #include "tools/morun/error.h"
@@ -15,31 +8,9 @@
 
 namespace {
 
+using fuzz::expect;
+
 fuzz::Counter exercised[] = {{"matrices", 0}, {"refusals", 0}};
-
-void require(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "npy_fuzz: %s\n", what);
-  std::abort();
-}
-
-// A file in memory, which has a name as long as it is open.
-class MemoryFile {
- public:
-  MemoryFile() : number_(memfd_create("npy", MFD_CLOEXEC)) { require(number_ >= 0, "no file in memory"); }
-
-  void fill(const void* bytes, size_t n_byte) {
-    require(ftruncate(number_, 0) == 0 && lseek(number_, 0, SEEK_SET) == 0, "the file cannot be emptied");
-    append(bytes, n_byte);
-  }
-  void append(const void* bytes, size_t n_byte) {
-    require(write(number_, bytes, n_byte) == static_cast<ssize_t>(n_byte), "the file cannot be written");
-  }
-  std::string path() const { return "/proc/self/fd/" + std::to_string(number_); }
-
- private:
-  int number_;
-};
 
 tool::Matrix whole(const tool::NpyFile& file) {
   tool::Matrix matrix(file.n_row(), file.n_col(), file.n_col() + 1);
@@ -47,18 +18,18 @@ tool::Matrix whole(const tool::NpyFile& file) {
   return matrix;
 }
 
-void require_same(float value, float expected, const char* what) {
-  require(value == expected || (std::isnan(value) && std::isnan(expected)), what);
+void expect_same(float value, float expected, const char* what) {
+  expect(value == expected || (std::isnan(value) && std::isnan(expected)), what);
 }
 
-void require_same_in_pieces(const tool::NpyFile& file, const tool::Matrix& matrix) {
+void expect_same_in_pieces(const tool::NpyFile& file, const tool::Matrix& matrix) {
   const size_t row = matrix.n_row / 2, col = matrix.n_col / 2;
   tool::Matrix quarter(matrix.n_row - row, matrix.n_col - col);
   file.read({row, quarter.n_row, col, quarter.n_col}, quarter.row(0), quarter.row_stride);
-  for (size_t r = 0; r < matrix.n_row; ++r) require(matrix.row(r)[matrix.n_col] == 0, "padding is written");
+  for (size_t r = 0; r < matrix.n_row; ++r) expect(matrix.row(r)[matrix.n_col] == 0, "padding is written");
   for (size_t r = 0; r < quarter.n_row; ++r) {
     for (size_t c = 0; c < quarter.n_col; ++c) {
-      require_same(quarter.row(r)[c], matrix.row(row + r)[col + c], "a block differs from the whole");
+      expect_same(quarter.row(r)[c], matrix.row(row + r)[col + c], "a block differs from the whole");
     }
   }
 }
@@ -71,20 +42,20 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static MemoryFile given, copy;
+  static fuzz::MemoryFile given, copy;
   given.fill(data, size);
   try {
     const tool::NpyFile file(given.path());
     const tool::Matrix matrix = whole(file);
-    require_same_in_pieces(file, matrix);
+    expect_same_in_pieces(file, matrix);
 
     copy.fill("", 0);
     tool::write_npy([](const void* bytes, size_t n_byte) { copy.append(bytes, n_byte); }, matrix);
     const tool::NpyFile copied(copy.path());
-    require(copied.n_row() == matrix.n_row && copied.n_col() == matrix.n_col, "the copy's extents differ");
+    expect(copied.n_row() == matrix.n_row && copied.n_col() == matrix.n_col, "the copy's extents differ");
     const tool::Matrix again = whole(copied);
     for (size_t i = 0; i < matrix.values.size(); ++i) {
-      require_same(again.values[i], matrix.values[i], "the copy's values differ");
+      expect_same(again.values[i], matrix.values[i], "the copy's values differ");
     }
     ++exercised[0].count;
   } catch (const tool::Error&) {

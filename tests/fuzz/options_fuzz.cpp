@@ -108,8 +108,7 @@ bool run() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(exercised);
-  fuzz::print_input = print_input;
+  fuzz::start(exercised, print_input);
   return 0;
 }
 

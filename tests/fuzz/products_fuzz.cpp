@@ -22,7 +22,7 @@ constexpr size_t n_region = 8, region_bytes = 4 * std::max(output_max, input_max
 uint8_t* regions[n_region];
 uint64_t first_product;  // digest
 
-enum Kind {
+enum Counted {
   family_kind,
   tiles = 9,
   u8i8,
@@ -129,7 +129,7 @@ int32_t multiply_family(int family, int count, size_t at) {
   std::vector<products::WeightPlace> w;
   for (size_t i = 0; i < static_cast<size_t>(count); ++i)
     w.push_back({descriptor(input.weights[i]), static_cast<uint32_t>(side(i, 0)), side(i, 1), side(i, 2), side(i, 3)});
-  const products::Product product = {
+  const products::Operands product = {
       n_row,           n_col, n_col_kv, n_inner, {region<float>(at), region<float>(at + 1), region<float>(at + 2)},
       region<float>(0)};
   return static_cast<int32_t>(products::multiply(context, static_cast<products::Kind>(family), product, w));
@@ -251,8 +251,7 @@ bool arm_fault() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(exercised);
-  fuzz::print_input = print_input;
+  fuzz::start(exercised, print_input);
   for (uint8_t*& of : regions) {
     of = static_cast<uint8_t*>(aligned_alloc(64, region_bytes));
     for (size_t i = 0; i < region_bytes; ++i) of[i] = static_cast<uint8_t>(i * 2654435761u >> 13 & 0x3b);

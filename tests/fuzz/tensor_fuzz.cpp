@@ -6,11 +6,12 @@
 
 namespace {
 
-// No record has more: 128 x 128 and some. The NPU never refuses such integer products, which would end the process.
+// No record has more elements than a matrix of 128 x 128 with gaps between its rows. The NPU takes every integer product
+// of that size; a refusal would end the process.
 constexpr uint64_t elements_max = 17 * 1024, width_max = 4, page = 4096, region_bytes = elements_max * width_max + page;
 
-// Three regions of the heap and three of shared memory. Each of their pages is as those of `pattern` before every call.
-// What the call may not reach is poisoned.
+// Three regions of the heap and three of shared memory. Before every call each page has the bytes of that page of
+// `pattern`, and the sanitizer poisons the memory that the call may not reach.
 constexpr size_t n_region = 6, first_shared_region = 3;
 uint8_t* regions[n_region];
 uint8_t pattern[region_bytes];
@@ -150,8 +151,7 @@ void check_memory() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(products);
-  fuzz::print_input = print_call;
+  fuzz::start(products, print_call);
   if (morun_npu_initialize(MORUN_DOMAIN_NPU0) != MORUN_SUCCESS) abort();
   void* buffers[8];  // tables of the emulator grow once
   for (void*& buffer : buffers) morun_npu_alloc(1, &buffer);

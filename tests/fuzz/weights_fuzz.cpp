@@ -3,9 +3,6 @@
 //
 // An input is the number of bytes of the data, two bytes little-endian, and the header's JSON, in which ' stands for \". The
 // data are zeros that begin at a multiple of 4096. A number of 65535 stands for nothing: the rest is the whole file.
-#include <fcntl.h>
-#include <sys/mman.h>
-
 #include <memory>
 #include <string>
 
@@ -98,18 +95,15 @@ void open_and_use(const std::string& path) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(exercised);
-  fuzz::print_input = print_input;
+  fuzz::start(exercised, print_input);
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const int memory = memfd_create("packed", MFD_CLOEXEC);
-  static const std::string path = "/proc/self/fd/" + std::to_string(memory);
+  static fuzz::MemoryFile memory;
   file = file_of(data, size);
-  expect(ftruncate(memory, 0) == 0 && pwrite(memory, file.data(), file.size(), 0) == static_cast<ssize_t>(file.size()),
-         "the file cannot be written");
-  const auto call = [&] { open_and_use(path); };
+  memory.fill(file.data(), file.size());
+  const auto call = [&] { open_and_use(memory.path()); };
   call();
   const fuzz::Usage before = fuzz::usage();
   call();

@@ -14,6 +14,7 @@
 #include "tools/morun/commands.h"
 #include "tools/morun/error.h"
 #include "tools/morun/files/output_file.h"
+#include "tools/morun/layouts.h"
 #include "tools/morun/operands.h"
 #include "tools/morun/progress.h"
 #include "tools/morun/session_regions.h"
@@ -249,8 +250,8 @@ std::vector<const Kernel*> products_named(const std::string& part) {
 }
 
 ProductShape checked_shape(const BenchArguments& arguments) {
-  if (arguments.n_row == 0 || arguments.n_col == 0 || arguments.n_inner == 0 || arguments.n_col % 32 != 0 ||
-      arguments.n_inner % 32 != 0) {
+  if (arguments.n_row == 0 || arguments.n_col == 0 || arguments.n_inner == 0 || arguments.n_col % tile != 0 ||
+      arguments.n_inner % tile != 0) {
     throw Error("--shape: columns and inner dimension are multiples of 32, and no number is 0");
   }
   return {arguments.n_row, arguments.n_inner, std::vector<size_t>(3, arguments.n_col)};

@@ -6,6 +6,8 @@
 
 namespace tool {
 
+inline constexpr size_t tile = 32;  // columns of every tile
+
 inline size_t round_up(size_t extent, size_t multiple) {
   return (extent + multiple - 1) / multiple * multiple;
 }

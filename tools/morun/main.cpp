@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,6 +30,9 @@ namespace {
 
 // The exit status besides EXIT_SUCCESS and EXIT_FAILURE.
 constexpr int exit_misuse = 2;
+
+// CLI::PositiveNumber would name the greatest double as its bound, in 309 digits.
+const CLI::Range any_count(1u, UINT32_MAX);
 
 constexpr char exit_statuses[] = R"(
 Exit status: 0 when the command succeeds; 1 when a file, an operand, memory or the DSP makes it fail, or when verify
@@ -97,7 +101,7 @@ void add_mm(CLI::App& app) {
   command->add_option("--max-error", arguments->max_error, "fail where a result's relative Frobenius error is larger")
       ->needs(check);
   command->add_option("--repeat", arguments->n_repeat, "compute the product this often; times are best and mean")
-      ->check(CLI::PositiveNumber)
+      ->check(any_count)
       ->capture_default_str();
   command->footer(R"(
   morun mm X.npy W.npy -o Y.npy
@@ -266,8 +270,8 @@ on the same data ("convert"), and its remote method alone ("remote"). The rest o
 void add_make(CLI::App& app) {
   auto* const command = app.add_subcommand("make", "Write a .npy matrix of random values from -1 to 1");
   auto arguments = std::make_shared<tool::MakeArguments>();
-  command->add_option("ROWS", arguments->n_row)->required()->check(CLI::PositiveNumber);
-  command->add_option("COLS", arguments->n_col)->required()->check(CLI::PositiveNumber);
+  command->add_option("ROWS", arguments->n_row)->required()->check(any_count);
+  command->add_option("COLS", arguments->n_col)->required()->check(any_count);
   command->add_option("-o,--output", arguments->output, ".npy file to write; - is standard output")->required();
   command->add_option("--seed", arguments->seed, "equal seeds give equal matrices")->capture_default_str();
   command->add_flag("--f16", arguments->f16, "f16 values instead of f32");

@@ -4,11 +4,10 @@
 #include <limits>
 
 #include "tools/morun/error.h"
+#include "tools/morun/layouts.h"
 
 namespace tool {
 namespace {
-
-constexpr size_t tile = 32;
 
 size_t whole_tiles(size_t extent) {
   return tavik_align_offset(extent, tile);

@@ -161,7 +161,7 @@ struct TiledProduct {
   void stage_columns(Range inner, size_t column, Staged* panel) const {
     for (size_t k = inner.begin; k < inner.end; k += tile_size) {
       const auto* tile = weight_tile(k, column);
-      for (size_t i = 0; i < tile_weights; i += 64 / sizeof *tile) simd::prefetch(tile + tile_weights + i);
+      for (size_t i = 0; i < tile_weights; i += 64 / sizeof *tile) simd::prefetch_ahead(tile, tile_weights + i);
       Elements::stage_columns(tile, panel);
       panel += tile_elements;
     }

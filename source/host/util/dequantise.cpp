@@ -73,8 +73,8 @@ bool are_scales_ordinary(uint64_t n_row, uint64_t n_col, const ResultRows& rows,
 
 // Prefetches the row of the next tile that has the same place in its tile as `row`.
 void fetch_next_tile(const int32_t* row) {
-  fetch_ahead(row, tall_tile_elements);
-  fetch_ahead(row, tall_tile_elements + tile_side / 2);
+  simd::prefetch_ahead(row, tall_tile_elements);
+  simd::prefetch_ahead(row, tall_tile_elements + tile_side / 2);
 }
 
 template <bool streaming, class ZeroPoint>

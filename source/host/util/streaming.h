@@ -21,20 +21,12 @@ void put(T* p, Vector v) {
   morun::simd::store(p, v);
 }
 
-// Prefetches the cache line of the element `distance` elements behind `p`. That element may lie behind the end of its
-// array, so its address is computed as an integer and never as a pointer.
-template <class T>
-void fetch_ahead(const T* p, size_t distance) {
-  const uintptr_t address = reinterpret_cast<uintptr_t>(p) + distance * sizeof(T);
-  morun::simd::prefetch(reinterpret_cast<const void*>(address));
-}
-
 // Prefetches the `count` elements that begin `distance` elements behind `p` and are written later, unless streaming
 // stores will write them.
 template <bool streaming, class T>
 void fetch_for_put(const T* p, size_t distance, size_t count) {
   constexpr size_t line_elements = 64 / sizeof(T);
-  for (size_t i = 0; !streaming && i < count; i += line_elements) fetch_ahead(p, distance + i);
+  for (size_t i = 0; !streaming && i < count; i += line_elements) morun::simd::prefetch_ahead(p, distance + i);
 }
 
 }  // namespace tavik
