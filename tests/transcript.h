@@ -9,6 +9,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <stdexcept>
 #include <thread>
 
 #include "include/morun_state.h"
