@@ -314,7 +314,8 @@ typedef struct morun_weights_pack_options {
   const char* activations;  /* a folder with TENSOR.npy for each calibrated matrix, or one .npy file where a single
                                matrix is packed; n_row x n_inner of floats. Default NULL. With it, the products'
                                errors are measured for every matrix that has one */
-  /* Called in the thread that runs the packer, at most 10 times a second and once at the end; default NULL. */
+  /* Called in the thread that runs the packer, at most 10 times a second and once at the end, before the file appears:
+   * an interrupt from any of these calls leaves no file. Default NULL. */
   void (*progress)(void* user, const morun_weights_progress* progress);
   void* user; /* handed to progress */
 } morun_weights_pack_options;

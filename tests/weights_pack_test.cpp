@@ -256,6 +256,7 @@ TEST_F(WeightsPack, InterruptionEndsSoonAndLeavesNothing) {
   struct Interruption {
     morun_weights_packer* packer;
     int n_call;
+    bool is_at_end;  // where all but the file's name is done
   };
   Interruption interruption = {};
   Packer packer([&](auto& o) {
@@ -266,16 +267,19 @@ TEST_F(WeightsPack, InterruptionEndsSoonAndLeavesNothing) {
       auto& state = *static_cast<Interruption*>(user);
       EXPECT_LE(progress->n_byte_done, progress->n_byte);
       EXPECT_EQ(progress->n_tensor, 1u);
-      if (++state.n_call == 1) morun_weights_packer_interrupt(state.packer);
+      const bool is_end = state.is_at_end && progress->n_tensor_done == 1;
+      if (++state.n_call == 1 || is_end) morun_weights_packer_interrupt(state.packer);
     };
   });
   packer.source(zeros);
   interruption.packer = packer.handle;
   const std::set<std::string> before = names();
   morun_weights_packer_interrupt(packer.handle);
-  EXPECT_EQ(packer.run(path("packed")), MORUN_WEIGHTS_INTERRUPTED);
-  EXPECT_EQ(names(), before);
-  interruption.n_call = 1;
+  for (const bool is_at_end : {false, true}) {
+    EXPECT_EQ(packer.run(path("packed")), MORUN_WEIGHTS_INTERRUPTED);
+    EXPECT_EQ(names(), before);
+    interruption = {packer.handle, 1, !is_at_end};
+  }
   EXPECT_EQ(packer.run(path("packed")), 0) << morun_weights_error_text();
   EXPECT_GT(interruption.n_call, 1);
 }

@@ -313,10 +313,10 @@ class Run {
     }
     const std::string text = format_header(entries(), metadata(), header.size());
     file.write(0, text.size(), text.data());
-    require_not_interrupted(packer_.is_interrupted);
+    progress_.show(true);
+    require_not_interrupted(packer_.is_interrupted);  // the last report may have had enough too
     file.commit();
     for (Decision& decision : decisions_) decision.is_done = true;
-    progress_.show(true);
   }
 
  private:

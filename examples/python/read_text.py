@@ -26,8 +26,9 @@ import morun.onnx
 
 MODEL, KEYS = "ch_PP-OCRv4_rec_infer.onnx", "ppocr_keys_v1.txt"
 FONTS = [f"/usr/share/fonts/truetype/dejavu/DejaVu{name}.ttf" for name in ("Sans", "Serif", "SansMono", "Sans-Bold")]
-HEIGHT = 48  # pixels of the model's input
+HEIGHT, WIDEST = 48, 8192  # pixels of the model's input; it takes any width, and memory for it
 
+TEXT = "libmorun reads text on the NPU"
 LINES = [
     "The quick brown fox jumps over it", "libmorun multiplies on the NPU", "Hello, world!", "Invoice No. 2026-11-22",
     "Total: 1,284.50 EUR", "Platform 9, departs 17:42", "Open daily from 8 to 20", "Pack my box with five jugs",
@@ -38,20 +39,38 @@ LINES = [
 ]
 
 
+def checked_width(width: int, what: str) -> int:
+    if width > WIDEST:
+        raise ValueError(f"{what} is no single line of text: it takes {width} x {HEIGHT} pixels")
+    return width
+
+
 def draw(text: str, seed: int = 0) -> np.ndarray:
     """A noisy picture of a line of text: HEIGHT x width x 3, f32 from 0 to 255. The seed chooses font and noise."""
-    font = ImageFont.truetype(FONTS[seed % len(FONTS)], 30)
+    if len(text.splitlines()) > 1:
+        raise ValueError("the text has more than one line")
+    path = FONTS[seed % len(FONTS)]
+    try:
+        font = ImageFont.truetype(path, 30)
+    except OSError:
+        raise OSError(f"the font {path} cannot be read; Debian has it in fonts-dejavu-core") from None
     left, top, right, bottom = font.getbbox(text)
-    picture = Image.new("RGB", (right - left + 20, HEIGHT), (245, 245, 240))
+    width = checked_width(right - left + 20, "the text")
+    picture = Image.new("RGB", (width, HEIGHT), (245, 245, 240))
     ImageDraw.Draw(picture).text((10 - left, (HEIGHT - (bottom - top)) // 2 - top), text, fill=(30, 30, 40), font=font)
     noise = np.random.default_rng(seed).normal(0, 10, (HEIGHT, picture.width, 3))
     return np.clip(np.asarray(picture) + noise, 0, 255).astype(np.float32)
 
 
 def load_picture(path: str) -> np.ndarray:
-    """A picture of a line, scaled to the model's height."""
-    picture = Image.open(path).convert("RGB")
-    width = max(8, round(picture.width * HEIGHT / picture.height))
+    """A picture of a line, scaled to the model's height. Raises OSError or ValueError where there is none."""
+    try:
+        picture = Image.open(Path(path)).convert("RGB")
+    except (SyntaxError, Image.DecompressionBombError) as error:  # of damaged files, and of pictures too large
+        raise ValueError(f"{path}: {error}") from None
+    except OSError as error:
+        raise OSError(f"{path}: {error.strerror or error}") from None
+    width = checked_width(max(8, round(picture.width * HEIGHT / picture.height)), path)
     return np.asarray(picture.resize((width, HEIGHT), Image.BICUBIC)).astype(np.float32)
 
 
@@ -77,7 +96,10 @@ class Reader:
         start = time.perf_counter()
         result = self.session.run(self.feeds(picture), trace)
         seconds = time.perf_counter() - start
-        best = result.outputs[self.session.outputs[0]][0].argmax(axis=1)
+        scores = result.outputs[self.session.outputs[0]][0]
+        if scores.shape[1] != len(self.characters):
+            raise ValueError(f"{KEYS} has {len(self.characters) - 2} lines; the model knows {scores.shape[1] - 2}")
+        best = scores.argmax(axis=1)
         fresh = [c for c, before in zip(best, [0, *best]) if c != before]
         text = "".join(self.characters[c] for c in fresh)
         return text.strip(), seconds, result.trace  # the margins may be read as blanks
@@ -96,11 +118,12 @@ def distance(a: str, b: str) -> int:
 # What the quantiser `calibrated` sees: lines that no measurement reads.
 CALIBRATION = ["Calibration line 0123456789", "ABCDEFGHIJKLMNOPQRSTUVWXYZ", "abcdefghijklmnopqrstuvwxyz",
                "Some other words, here: 42%", "(brackets) - dashes / slashes"]
-# The layers whose four-bit weights cost most, each measured alone in a8w4 with mse, the worst first.
+# Layers whose four-bit weights cost most characters, in the order in which the survey keeps more of them in f16.
 COSTLY = ["conv2d_200.tmp_0", "conv2d_192.tmp_0", "conv2d_202.tmp_0", "conv2d_201.tmp_0"]
 WAYS = {  # form, quantiser, layers in f16
     "f16": ("f16", "minmax", []), "a8w8": ("a8w8", "minmax", []), "a8w4 minmax": ("a8w4", "minmax", []),
-    "a8w4 mse": ("a8w4", "mse", []), "a8w4 mse, 4 layers f16": ("a8w4", "mse", COSTLY),
+    "a8w4 mse": ("a8w4", "mse", []),
+    **{f"a8w4 mse, {n} in f16": ("a8w4", "mse", COSTLY[:n]) for n in range(1, len(COSTLY) + 1)},
     "a8w4 calibrated": ("a8w4", "calibrated", []),
 }
 
@@ -111,28 +134,32 @@ def make_reader(folder: Path, context: morun.Context, form: str, quantiser: str,
                   calibration=seen if quantiser == "calibrated" else [])
 
 
-def survey(folder: Path, context: morun.Context, ways: list[str], lines: list[str]) -> dict[str, tuple[int, float]]:
-    """Prints and returns, for each way, how many characters differ from those of f32, and the seconds of a line."""
-    pictures = [draw(text, i) for i, text in enumerate(lines)]
-    host = Reader(folder, None, None)
-    exact = [host.read(picture)[:2] for picture in pictures]
-    n_character = sum(len(text) for text, _ in exact)
-    wrong = sum(distance(text, line) for (text, _), line in zip(exact, lines))
-    print(f"{len(lines)} lines, {n_character} characters; wrong: of f32 against the text, of the others against f32\n")
-    print(f"{'weights':24} {'wrong':>6} {'right':>8} {'ms a line':>10}")
-
-    def row(name: str, n_wrong: int, seconds: float) -> None:
-        print(f"{name:24} {n_wrong:6} {100 * (1 - n_wrong / n_character):7.2f}% {1e3 * seconds:10.0f}", flush=True)
-
-    row("f32, NumPy", wrong, float(np.median([seconds for _, seconds in exact])))
-    result = {}
-    for way in ways:
-        reader = make_reader(folder, context, *WAYS[way])
-        read = [reader.read(picture)[:2] for picture in pictures]
-        n_wrong = sum(distance(text, wanted) for (text, _), (wanted, _) in zip(read, exact))
-        result[way] = n_wrong, float(np.median([seconds for _, seconds in read]))
-        row(way, *result[way])
+def read_all(reader: Reader, pictures: list[np.ndarray]) -> list[tuple[str, float]]:
+    """The texts, and the seconds of all processors that each took: other programs do not count."""
+    result = []
+    for picture in pictures:
+        start = time.process_time()
+        text, _, _ = reader.read(picture)
+        result.append((text, time.process_time() - start))
     return result
+
+
+def survey(folder: Path, context: morun.Context, ways: list[str], lines: list[str]) -> None:
+    """Prints, for each way, how many characters differ from those of f32, and the median time of a line."""
+    pictures = [draw(text, i) for i, text in enumerate(lines)]
+    exact = read_all(Reader(folder, None, None), pictures)
+    n_character = sum(len(text) for text, _ in exact)
+    print(f"{len(lines)} lines, {n_character} characters; wrong: of f32 against the text, of the others against f32\n")
+    print(f"{'weights':24} {'wrong':>6} {'right':>8} {'CPU ms a line':>14}")
+
+    def row(name: str, read: list[tuple[str, float]], wanted: list[str]) -> None:
+        n_wrong = sum(distance(text, line) for (text, _), line in zip(read, wanted))
+        milliseconds = 1e3 * float(np.median([seconds for _, seconds in read]))
+        print(f"{name:24} {n_wrong:6} {100 * (1 - n_wrong / n_character):7.2f}% {milliseconds:14.0f}", flush=True)
+
+    row("f32, NumPy", exact, lines)
+    for way in ways:
+        row(way, read_all(make_reader(folder, context, *WAYS[way]), pictures), [text for text, _ in exact])
 
 
 def compare(folder: Path, context: morun.Context, picture: np.ndarray) -> list[dict[str, Any]]:
@@ -159,38 +186,53 @@ def compare(folder: Path, context: morun.Context, picture: np.ndarray) -> list[d
 
 def main() -> int:
     parser = argparse.ArgumentParser(description="Read a line of text on the NPU.")
-    parser.add_argument("text", nargs="?", default="libmorun reads text on the NPU", help="the text to draw and read")
+    parser.add_argument("text", nargs="?", help=f"the text to draw and read (default: {TEXT})")
     parser.add_argument("--image", metavar="FILE", help="a picture of one line of text instead")
     parser.add_argument("--weights", choices=["f16", "a8w8", "a8w4"], default="a8w8")
     parser.add_argument("--quantiser", choices=["minmax", "mse", "calibrated", "library"],
                         help="default: minmax, for a8w4 calibrated")
-    parser.add_argument("--compare", action="store_true", help="print a table of the layers")
-    parser.add_argument("--survey", action="store_true", help=f"read {len(LINES)} lines with all forms")
+    tables = parser.add_mutually_exclusive_group()
+    tables.add_argument("--compare", action="store_true", help="print a table of the layers")
+    tables.add_argument("--survey", action="store_true", help=f"read {len(LINES)} lines with all forms")
     parser.add_argument("--json", metavar="FILE", help="write the table of --compare, for morun.plot")
     parser.add_argument("--model", type=Path, default=Path("out/read-text/package/assets"), metavar="FOLDER",
                         help=f"where {MODEL} and {KEYS} are (default: %(default)s)")
     arguments = parser.parse_args()
-    if not (arguments.model / MODEL).exists():
-        parser.error(f"{arguments.model} has no {MODEL}; scripts/read-text fetches it")
-    with morun.Context() as context:
-        if arguments.survey:
-            survey(arguments.model, context, list(WAYS), LINES)
-            return 0
-        picture = load_picture(arguments.image) if arguments.image else draw(arguments.text)
-        if arguments.compare:
-            rows = compare(arguments.model, context, picture)
-            if arguments.json:
-                Path(arguments.json).write_text(json.dumps({"layers": rows}, indent=1) + "\n")
-            return 0
-        quantiser = arguments.quantiser or ("calibrated" if arguments.weights == "a8w4" else "minmax")
-        reader, host = make_reader(arguments.model, context, arguments.weights, quantiser, []), Reader(
-            arguments.model, None, None)
-        if not arguments.image:
-            print(f"drawn                {arguments.text}")
-        for name, one in ((f"NPU, {arguments.weights}", reader), ("host, f32", host)):
-            text, seconds, _ = one.read(picture)
-            print(f"{name:20} {text}    ({1e3 * seconds:.0f} ms)")
+    for name in (MODEL, KEYS):
+        if not (arguments.model / name).exists():
+            parser.error(f"{arguments.model} has no {name}; scripts/read-text fetches it")
+    if arguments.json is not None and not arguments.compare:
+        parser.error("--json writes the table of --compare, which is not asked for")
+    if (arguments.text is not None) + (arguments.image is not None) + arguments.survey > 1:
+        parser.error("a text, --image and --survey exclude each other")
+    try:
+        with morun.Context() as context:
+            run(arguments, context)
+    except (OSError, ValueError, morun.Error) as error:
+        print(f"read_text.py: {error}", file=sys.stderr)
+        return 1
     return 0
+
+
+def run(arguments: argparse.Namespace, context: morun.Context) -> None:
+    if arguments.survey:
+        survey(arguments.model, context, list(WAYS), LINES)
+        return
+    text = TEXT if arguments.text is None else arguments.text
+    picture = load_picture(arguments.image) if arguments.image is not None else draw(text)
+    if arguments.compare:
+        rows = compare(arguments.model, context, picture)
+        if arguments.json is not None:
+            Path(arguments.json).write_text(json.dumps({"layers": rows}, indent=1) + "\n")
+        return
+    quantiser = arguments.quantiser or ("calibrated" if arguments.weights == "a8w4" else "minmax")
+    reader, host = make_reader(arguments.model, context, arguments.weights, quantiser, []), Reader(
+        arguments.model, None, None)
+    if arguments.image is None:
+        print(f"drawn                {text}")
+    for name, one in ((f"NPU, {arguments.weights}", reader), ("host, f32", host)):
+        read, seconds, _ = one.read(picture)
+        print(f"{name:20} {read}    ({1e3 * seconds:.0f} ms)")
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import operator
 from typing import Any
 
 import numpy as np
@@ -34,7 +35,7 @@ def as_f32(values: ArrayLike, *, bfloat16: bool = False) -> NDArray[np.float32]:
     if isinstance(values, np.ma.MaskedArray):
         raise TypeError("the values are a masked array, whose mask would be lost")
     array = np.asarray(values)
-    if bfloat16:
+    if flag(bfloat16, "bfloat16"):
         if array.dtype != np.uint16:
             raise TypeError(f"bf16 numbers come as uint16, not {array.dtype}")
         return np.ascontiguousarray(array.astype(np.uint32) << np.uint32(16)).view(np.float32).reshape(array.shape)
@@ -44,12 +45,45 @@ def as_f32(values: ArrayLike, *, bfloat16: bool = False) -> NDArray[np.float32]:
         return np.require(array, F32, ["C", "A"])
 
 
+def integer(value: Any, name: str, least: int = 0, most: int = 2**63 - 1) -> int:
+    """`value` as an int. Raises TypeError for no integer, a bool included, and ValueError outside the bounds."""
+    try:
+        if isinstance(value, (bool, np.bool_)):
+            raise TypeError
+        number = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{name} has to be an integer, not {type(value).__name__}") from None
+    if not least <= number <= most:
+        raise ValueError(f"{name} is {number}; it has to be {least} to {most}")
+    return number
+
+
+def fraction(value: Any, name: str) -> float:
+    """`value` as a float. Raises TypeError for no real number, and ValueError outside 0 to 1."""
+    if isinstance(value, bool) or not isinstance(value, (int, float, np.integer, np.floating)):
+        raise TypeError(f"{name} has to be a real number, not {type(value).__name__}")
+    if not 0 <= value <= 1:
+        raise ValueError(f"{name} is {value}; it has to be 0 to 1")
+    return float(value)
+
+
+def flag(value: Any, name: str) -> bool:
+    """`value` as a bool. Raises TypeError for all but True and False."""
+    if not isinstance(value, (bool, np.bool_)):
+        raise TypeError(f"{name} has to be True or False, not {type(value).__name__}")
+    return bool(value)
+
+
 def operand(values: Any, name: str, dtypes: tuple[Any, ...], n_dimension: int | None = 2) -> NDArray[Any]:
-    """`values` where it is an array that a function of the library can read, otherwise TypeError or ValueError."""
+    """`values` as a plain array that a function of the library can read, otherwise TypeError or ValueError.
+
+    No copy: a view without the methods of a subclass, which might tell of another shape than the memory has.
+    """
     if not isinstance(values, np.ndarray):
         raise TypeError(f"{name} has to be a NumPy array, not {type(values).__name__}")
     if isinstance(values, np.ma.MaskedArray):
         raise TypeError(f"{name} is a masked array, whose mask would be lost")
+    values = np.asarray(values)
     known = [np.dtype(dtype) for dtype in dtypes]
     hint = ". morun.as_f32 converts" if F32 in known else ""
     if values.dtype not in known:

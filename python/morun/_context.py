@@ -7,6 +7,7 @@ import ctypes
 import os
 import weakref
 from collections.abc import Iterable, Mapping, Sequence
+from dataclasses import dataclass
 from types import TracebackType
 from typing import Any
 
@@ -14,7 +15,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _library, quant
-from ._arrays import operand
+from ._arrays import flag, integer, operand
 from ._files import PackedFile
 from ._library import FORMS, Error, Lock, address, check, check_weights
 from ._version import VERSION
@@ -75,7 +76,7 @@ class _State:
         return _library.ContextRecord.from_address(self.handle)
 
     def usable(self) -> None:
-        """Raises unless this process may use the context. Called before the lock, which a fork may leave locked."""
+        """Raises unless this process may use the context."""
         if self.pid != os.getpid():
             raise Error(1, "morun.Context", "the context belongs to the process that this one was forked from")
         if self.handle is None:
@@ -130,7 +131,7 @@ class _State:
     def close(self) -> None:
         if self.pid != os.getpid():
             return
-        with self.lock:
+        with self.lock.alone():
             if self.handle is None:
                 return
             for handle in list(self.loaded):
@@ -142,6 +143,7 @@ class _State:
             self.handle = None
 
 
+@dataclass(frozen=True, eq=False, repr=False)
 class Weights:
     """A weight matrix in memory that the DSP sees: of `Context.upload` or `Context.load`.
 
@@ -149,17 +151,22 @@ class Weights:
 
     Attributes
     ----------
+    context : Context
+        Whose weights they are.
     form : str
         "f16", "a8w8" or "a8w4".
     shape : tuple[int, int]
         n_inner, n_col: true extents.
     """
 
-    def __init__(self, context: Context, form: str, n_inner: int, n_col: int, padded: tuple[int, int], fd: int,
-                 session: int, offsets: tuple[int, ...], keeper: object = None) -> None:
-        self.context, self.form, self.shape = context, form, (n_inner, n_col)
-        self._padded, self._fd, self._session, self._offsets = padded, fd, session, offsets
-        self._keeper = keeper  # shared by copies, and by all weights of a loaded file
+    context: Context
+    form: str
+    shape: tuple[int, int]
+    _padded: tuple[int, int]
+    _fd: int
+    _session: int
+    _offsets: tuple[int, ...]
+    _keeper: object  # shared by copies, and by all weights of a loaded file
 
     def __repr__(self) -> str:
         return f"<morun.Weights {self.shape[0]} x {self.shape[1]}, {self.form}>"
@@ -169,7 +176,7 @@ class _Loaded:
     """Keeps memory of the context until the last of the weights that share it goes."""
 
 
-class Context:
+class Context(_library.Single):
     """A connection to the DSP, or to its emulation.
 
     Parameters
@@ -193,10 +200,10 @@ class Context:
 
     def __init__(self, *, n_row_max: int = 1024, output_matrix_size_max: int = 2**24,
                  input_matrix_size_max: int = 2**28) -> None:
-        limits = output_matrix_size_max, n_row_max, input_matrix_size_max
-        if any(not 0 < limit < 2**31 for limit in limits):
-            raise ValueError(f"limits {limits} have to be 1 to 2^31 - 1")
-        self._state = _State(_library.Options(*limits, 0))
+        limits = {"output_matrix_size_max": output_matrix_size_max, "n_row_max": n_row_max,
+                  "input_matrix_size_max": input_matrix_size_max}
+        self._state = _State(_library.Options(
+            **{name: integer(limit, name, 1, 2**31 - 1) for name, limit in limits.items()}))
         self._finalizer = weakref.finalize(self, self._state.close)
 
     def __enter__(self) -> Context:
@@ -220,7 +227,7 @@ class Context:
     def module_version(self) -> str:
         """The version of the DSP's module, such as "1.0.0 beta1", and the architecture that it was compiled for."""
         self._state.usable()
-        with self._state.lock:
+        with self._state.lock.alone():
             self._state.usable()
             numbers, label, architecture = [ctypes.c_uint32() for _ in range(3)], ctypes.create_string_buffer(32), \
                 ctypes.c_uint32()
@@ -249,13 +256,10 @@ class Context:
         """
         if not isinstance(weights, quant.PackedMatrix):
             weights = quant.quantise(weights, "f16", allow_non_finite=True)
-        layout = weights.layout
-        data = operand(weights.data, "the packed data", (np.uint8,), 1)
-        if data.size != layout.n_byte:
-            raise ValueError(f"the packed data have {data.size} bytes; form and extents take {layout.n_byte}")
+        layout, data = weights.layout, weights.checked_data()
         state = self._state
         state.usable()
-        with state.lock:
+        with state.lock.alone():
             state.usable()
             state.collect()
             chunk, offset = state.allocate(data.size)
@@ -263,7 +267,7 @@ class Context:
         parts = (layout.zero_points, layout.scales, layout.sums) if weights.form != "f16" else ()
         keeper = _Loaded()  # which copies of the weights share
         weakref.finalize(keeper, state.dropped.append, ("matrix", chunk.fd, offset, data.size)).atexit = False
-        return Weights(self, weights.form, *weights.shape, (layout.padded_n_inner, layout.padded_n_col), chunk.fd,
+        return Weights(self, weights.form, weights.shape, (layout.padded_n_inner, layout.padded_n_col), chunk.fd,
                        chunk.session, (offset, *(offset + part for part in parts)), keeper)
 
     def load(self, path: str | os.PathLike[str], names: Iterable[str] | None = None,
@@ -295,6 +299,9 @@ class Context:
         """
         state = self._state
         state.usable()
+        if isinstance(names, str):
+            raise TypeError("names is a text; it has to be several names")
+        size, is_unchecked = integer(largest_buffer, "largest_buffer"), flag(skip_checksums, "skip_checksums")
         with PackedFile(path) as file:
             wanted = list(names) if names is not None else [t.name for t in file.tensors if t.form != "carried"]
             group_of = {name: number for number, group in enumerate(groups, 1) for name in group}
@@ -302,26 +309,25 @@ class Context:
                 raise ValueError(f"groups name tensors that are not loaded: {', '.join(sorted(strangers))}")
             requests = (_library.Request * len(wanted))(
                 *(_library.Request(file.index(name), group_of.get(name, 0), 0) for name in wanted))
-            options, handle = _library.LoadOptions(largest_buffer, skip_checksums, 0), ctypes.c_void_p()
-            with state.lock:
+            options, handle = _library.LoadOptions(size, is_unchecked, 0), ctypes.c_void_p()
+            with state.lock.alone():
                 state.usable()
                 state.collect()
                 check_weights("morun_weights_load", file.handle, state.handle, len(wanted), requests,
                               ctypes.byref(options), ctypes.byref(handle))
                 assert handle.value is not None
                 state.loaded.add(handle.value)
-        keeper = _Loaded()
-        weakref.finalize(keeper, state.dropped.append, ("file", handle.value, 0, 0)).atexit = False
-        result = {}
-        for index, name in enumerate(wanted):
-            o = _library.Operand()
-            with state.lock:
-                state.usable()
-                check_weights("morun_weights_operand_of", handle, index, ctypes.byref(o))
-            parts = (o.z_offset, o.s_offset, o.sum_offset) if FORMS[o.form] != "f16" else ()
-            result[name] = Weights(self, FORMS[o.form], o.n_inner, o.n_col, (o.padded_n_inner, o.padded_n_col), o.fd,
-                                   o.session, (o.q_offset, *parts), keeper)
-        return result
+                keeper = _Loaded()  # which gives the file back where an operand below cannot be had
+                weakref.finalize(keeper, state.dropped.append, ("file", handle.value, 0, 0)).atexit = False
+                operands = [_library.Operand() for _ in wanted]
+                for index, o in enumerate(operands):
+                    check_weights("morun_weights_operand_of", handle, index, ctypes.byref(o))
+        return {name: self._loaded(o, keeper) for name, o in zip(wanted, operands)}
+
+    def _loaded(self, o: Any, keeper: _Loaded) -> Weights:
+        parts = (o.z_offset, o.s_offset, o.sum_offset) if FORMS[o.form] != "f16" else ()
+        return Weights(self, FORMS[o.form], (o.n_inner, o.n_col), (o.padded_n_inner, o.padded_n_col), o.fd, o.session,
+                       (o.q_offset, *parts), keeper)
 
     # ---- Products ----
 
@@ -366,13 +372,13 @@ class Context:
         return a, b, c
 
     def _products(self, x: Any, operands: tuple[Any, ...]) -> list[F32Array]:
-        operand(x, "x", (np.float32, np.float16), None)
+        x = operand(x, "x", (np.float32, np.float16), None)
         if x.ndim == 0:
             raise ValueError("x is a single number; it has to have at least one dimension")
         self._state.usable()
+        operands = tuple(w if isinstance(w, (Weights, quant.PackedMatrix)) else
+                         operand(w, "w", (np.float32, np.float16)) for w in operands)
         for w in operands:
-            if not isinstance(w, (Weights, quant.PackedMatrix)):
-                operand(w, "w", (np.float32, np.float16))
             if w.shape[0] != x.shape[-1]:
                 raise ValueError(f"x has {x.shape[-1]} columns, w has {w.shape[0]} rows")
             if isinstance(w, Weights) and w.context is not self:
@@ -385,7 +391,7 @@ class Context:
         padded[:, :rows.shape[1]] = rows
         results = [np.empty((len(rows), w._padded[1]), np.float32) for w in weights]
         state = self._state
-        with state.lock:
+        with state.lock.alone():
             state.usable()
             state.collect()
             for first, end in self._parts(len(rows), weights):

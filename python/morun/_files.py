@@ -14,6 +14,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _library
+from ._arrays import flag, fraction, integer
 from ._library import FORMS, QUANTISERS, Lock, check_weights, number_of, weights
 
 Path = str | os.PathLike[str]
@@ -165,8 +166,9 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
     allow_non_finite
         Whether NaN and infinities are taken.
     progress
-        Called with the tensor at work and the part of the bytes that is done, at most 10 times a second. What it raises
-        ends the packing and is raised again; so does Ctrl-C.
+        Called with the tensor at work and the part of the bytes that is done, at most 10 times a second and once at the
+        end, before the file appears. What it raises, in the last call too, ends the packing without a file and is
+        raised again; so does Ctrl-C.
 
     Returns
     -------
@@ -193,10 +195,10 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
     options = _library.PackOptions()
     weights.morun_weights_pack_options_init(ctypes.byref(options))
     options.form, options.quantiser = number_of(form, FORMS, "form"), number_of(quantiser, QUANTISERS, "quantiser")
-    options.transpose, options.allow_non_finite, options.damping = transpose, allow_non_finite, damping
-    if not 0 < n_job <= 256:
-        raise ValueError(f"n_job is {n_job}; it has to be 1 to 256")
-    options.n_job, options.progress = n_job, _library.PROGRESS_FUNCTION(report)
+    options.transpose = flag(transpose, "transpose")
+    options.allow_non_finite = flag(allow_non_finite, "allow_non_finite")
+    options.damping, options.n_job = fraction(damping, "damping"), integer(n_job, "n_job", 1, 256)
+    options.progress = _library.PROGRESS_FUNCTION(report)
     options.activations = _path(activations) if activations is not None else None
     with _Packer(options) as packer:
         handle = packer.handle
@@ -222,7 +224,7 @@ def pack(sources: Path | Iterable[Path], output: Path | None, form: str = "a8w8"
         return packer.decisions()
 
 
-class PackedFile:
+class PackedFile(_library.Single):
     """An open packed file, as a context manager.
 
     Opening checks all that the header says, and raises Error where something is wrong. Any thread may use it: a lock
@@ -261,7 +263,7 @@ class PackedFile:
 
     def close(self) -> None:
         """Close the file. Closing twice is no change."""
-        with self._lock:
+        with self._lock.alone():
             weights.morun_weights_file_close(self.handle)
             self.handle = ctypes.c_void_p()
 
@@ -291,7 +293,7 @@ class PackedFile:
         return result
 
     def _call(self, function: str, *arguments: Any) -> None:
-        with self._lock:
+        with self._lock.alone():
             if not self.handle:
                 raise ValueError("the file is closed")
             check_weights(function, self.handle, *arguments)

@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 import os
 import threading
+import weakref
 from ctypes import c_char, c_char_p, c_double, c_int32, c_uint32, c_uint64, c_void_p
 from pathlib import Path
 from typing import Any
@@ -37,24 +38,52 @@ class Error(RuntimeError):
         return Error, (self.status, self.function, self.message)
 
 
-# ---- Records ----
+# ---- What objects of the package have in common ----
 
 
 class Lock:
-    """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would."""
+    """Lets one call in at a time, and none in the middle of another of the same thread, as a signal would.
+
+    `with lock.alone():` enters and leaves the interpreter's own lock, which no KeyboardInterrupt can separate from the
+    block. A forked child has the locks open that other threads held, because these threads stay with the parent.
+    """
+
+    _all: weakref.WeakSet[Lock] = weakref.WeakSet()
 
     def __init__(self, what: str) -> None:
-        self._what, self._lock, self._owner = what, threading.Lock(), 0
+        self._what = what
+        self._lock: Any = threading.RLock()
+        Lock._all.add(self)
 
-    def __enter__(self) -> None:
-        if self._owner == threading.get_ident():
+    def alone(self) -> Any:
+        if self.is_mine():
             raise Error(1, self._what, "this thread is in the middle of a call on the same object")
-        self._lock.acquire()
-        self._owner = threading.get_ident()
+        return self._lock
 
-    def __exit__(self, *_: object) -> None:
-        self._owner = 0
-        self._lock.release()
+    def is_mine(self) -> bool:
+        return bool(self._lock._is_owned())
+
+    def open(self) -> None:
+        if not self.is_mine():
+            self._lock = threading.RLock()
+
+
+def _open_locks() -> None:
+    for lock in list(Lock._all):
+        lock.open()
+
+
+os.register_at_fork(after_in_child=_open_locks)
+
+
+class Single:
+    """What holds a handle of the library, which two copies would free twice."""
+
+    def __reduce_ex__(self, _: Any) -> Any:
+        raise TypeError(f"a {type(self).__name__} can neither be copied nor pickled")
+
+
+# ---- Records ----
 
 
 class ErrorRecord(ctypes.Structure):
@@ -184,6 +213,7 @@ _FUNCTIONS = {
     **{f"tavik_npu_3mm_{form}_f32_rm_f32_rm_i{form[-1]}f16_wh": "I:piiiippppIII" + 3 * "IQQQ"
        for form in ("a8w8", "a8w4")},
     "tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb": "I:pQQQppp",
+    "morun_tensor_cpu_matmul_scenario_5": "Q:QQQppp",
     "qmmbp_HxD": ":QQppp", "qmmbp_HxD_": ":QQppp", "qdotxH": ":Qppp",
     "tavik_veyra_get_version": "i:QpppsIp",
     "morun_cpu_rm_to_wh_i8": "I:QQpp", "morun_cpu_rm_to_wh_i4": "I:ppQQ", "morun_cpu_ui8i8_ah_to_i32_rm": "I:QQpp",
@@ -249,7 +279,9 @@ def check_weights(function: str, *arguments: Any) -> None:
 
 
 def number_of(name: str, names: tuple[str, ...], what: str) -> int:
-    """The number of a form or quantiser. Raises ValueError for another name."""
+    """The number of a form or quantiser. Raises TypeError for no text, ValueError for another name."""
+    if not isinstance(name, str):
+        raise TypeError(f"{what} has to be a text, not {type(name).__name__}")
     if name not in names:
         raise ValueError(f"{what} is {name!r}; it has to be one of {', '.join(names)}")
     return names.index(name)

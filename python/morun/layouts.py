@@ -17,8 +17,8 @@ blocks of m x n         (R/m, C/n, m, n)            [r/m, c/n, r%m, c%n]
 Matrices of any extents are taken: zeros pad them to whole tiles. Conversions back take the extents and cut. No function
 changes its operand. NAME_numpy beside each function is the same in NumPy alone.
 
-All functions raise TypeError for another dtype and ValueError for another number of dimensions, for operands that are
-not C-contiguous, and for tiles that do not have the shape above.
+All functions raise TypeError for another dtype and for extents that are no integers, and ValueError for another number
+of dimensions, for operands that are not C-contiguous, and for tiles that do not have the shape above.
 """
 
 from __future__ import annotations
@@ -28,7 +28,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from ._arrays import operand, padded
+from ._arrays import integer, operand, padded
 from ._library import address, tavik
 
 __all__ = [
@@ -46,15 +46,15 @@ _BLOCK_CODES = {np.dtype(dtype): code for dtype, code in (
     (np.int8, "i8"), (np.uint8, "u8"), (np.float16, "f16"), (np.int32, "i32"), (np.uint32, "u32"), (np.float32, "f32"))}
 
 
-def _tiles(tiles: Array, dtype: type, inside: tuple[int, ...], tile: tuple[int, int], n_row: int, n_col: int) -> Array:
-    """`tiles` where they are those of an n_row x n_col matrix, otherwise ValueError."""
-    if n_row < 0 or n_col < 0:
-        raise ValueError(f"extents {n_row} x {n_col} are negative")
-    operand(tiles, "tiles", (dtype,), 2 + len(inside))
+def _tiles(tiles: Array, dtype: type, inside: tuple[int, ...], tile: tuple[int, int], n_row: int,
+           n_col: int) -> tuple[Array, int, int]:
+    """The arguments, where `tiles` are those of an n_row x n_col matrix, otherwise TypeError or ValueError."""
+    n_row, n_col = integer(n_row, "n_row"), integer(n_col, "n_col")
+    tiles = operand(tiles, "tiles", (dtype,), 2 + len(inside))
     wanted = (-(-n_row // tile[0]), -(-n_col // tile[1]), *inside)
     if tiles.shape != wanted:
         raise ValueError(f"tiles have shape {tiles.shape}; those of {n_row} x {n_col} elements have {wanted}")
-    return tiles
+    return tiles, n_row, n_col
 
 
 def _in_place(name: str, matrix: Array, dtype: type, tile: tuple[int, int], inside: tuple[int, ...]) -> Array:
@@ -80,7 +80,8 @@ def f16_rm_to_f16_ah_numpy(matrix: NDArray[np.float16]) -> NDArray[np.float16]:
 
 def f16_ah_to_f16_rm(tiles: NDArray[np.float16], n_row: int, n_col: int) -> NDArray[np.float16]:
     """Tiles of activations or results to row-major f16, n_row x n_col."""
-    result = _tiles(tiles, np.float16, (16, 32, 2), (32, 32), n_row, n_col).copy()
+    tiles, n_row, n_col = _tiles(tiles, np.float16, (16, 32, 2), (32, 32), n_row, n_col)
+    result = tiles.copy()
     shape = result.shape[0] * 32, result.shape[1] * 32
     tavik.tavik_f16_ah_to_f16_rm_inplace(*shape, address(result))
     return result.reshape(shape)[:n_row, :n_col].copy()
@@ -107,7 +108,7 @@ def f32_rm_to_f16_ah_numpy(matrix: NDArray[np.float32]) -> NDArray[np.float16]:
 
 def f16_ah_to_f32_rm(tiles: NDArray[np.float16], n_row: int, n_col: int) -> NDArray[np.float32]:
     """Tiles of results to row-major f32, n_row x n_col."""
-    _tiles(tiles, np.float16, (16, 32, 2), (32, 32), n_row, n_col)
+    tiles, n_row, n_col = _tiles(tiles, np.float16, (16, 32, 2), (32, 32), n_row, n_col)
     result = np.empty((n_row, tiles.shape[1] * 32), np.float32)
     tavik.tavik_f16_ah_to_f32_rm(*result.shape, address(tiles), address(result))
     return result[:, :n_col].copy()
@@ -167,7 +168,7 @@ def u8_rm_to_u8_ah_numpy(matrix: NDArray[np.uint8]) -> NDArray[np.uint8]:
 
 def i32_ah_to_i32_rm(tiles: NDArray[np.int32], n_row: int, n_col: int) -> NDArray[np.int32]:
     """Tiles of integer results to row-major i32, n_row x n_col."""
-    _tiles(tiles, np.int32, (64, 32), (64, 32), n_row, n_col)
+    tiles, n_row, n_col = _tiles(tiles, np.int32, (64, 32), (64, 32), n_row, n_col)
     result = np.empty((n_row, tiles.shape[1] * 32), np.int32)
     tavik.morun_cpu_ui8i8_ah_to_i32_rm(*result.shape, address(tiles), address(result))
     return result[:, :n_col].copy()
@@ -183,16 +184,16 @@ def i32_ah_to_i32_rm_numpy(tiles: NDArray[np.int32], n_row: int, n_col: int) -> 
 def pack_i4(values: NDArray[np.int8]) -> NDArray[np.uint32]:
     """Pack n_row x n_col values -8 ... 7 eight to a word, the first in the lowest nibble. Zeros fill the last words."""
     nibbles = padded(operand(values, "values", (np.int8,)), 1, 8).astype(np.uint32) & np.uint32(15)
-    groups = nibbles.reshape(values.shape[0], nibbles.shape[1] // 8, 8) << np.arange(0, 32, 4, dtype=np.uint32)
+    groups = nibbles.reshape(nibbles.shape[0], nibbles.shape[1] // 8, 8) << np.arange(0, 32, 4, dtype=np.uint32)
     return np.bitwise_or.reduce(groups, axis=2, dtype=np.uint32)
 
 
 def unpack_i4(words: NDArray[np.uint32], n_col: int) -> NDArray[np.int8]:
     """The first n_col values of each row of words, signed."""
-    nibbles = (operand(words, "words", (np.uint32,))[..., None] >> np.arange(0, 32, 4, dtype=np.uint32)) & np.uint32(15)
+    words = operand(words, "words", (np.uint32,))
+    n_col = integer(n_col, "n_col", 0, 8 * words.shape[1])
+    nibbles = (words[..., None] >> np.arange(0, 32, 4, dtype=np.uint32)) & np.uint32(15)
     rows = nibbles.reshape(words.shape[0], words.shape[1] * 8)
-    if not 0 <= n_col <= rows.shape[1]:
-        raise ValueError(f"n_col is {n_col}; the words hold {rows.shape[1]} values a row")
     return ((rows[:, :n_col] ^ np.uint32(8)).astype(np.int8) - np.int8(8)).astype(np.int8)
 
 
@@ -209,7 +210,7 @@ def words_rm_to_i4_wh_numpy(words: NDArray[np.uint32]) -> NDArray[np.uint8]:
 
 def i4_rm_to_i4_wh(values: NDArray[np.int8]) -> NDArray[np.uint8]:
     """Row-major values, whose low four bits count, to tiles of weights."""
-    operand(values, "values", (np.int8,))
+    values = operand(values, "values", (np.int8,))
     n_row, n_col = values.shape
     result = np.zeros((-(-n_row // 32), -(-n_col // 32), 4, 32, 4), np.uint8)
     if result.size:
@@ -225,7 +226,7 @@ def i4_rm_to_i4_wh_numpy(values: NDArray[np.int8]) -> NDArray[np.uint8]:
 
 def i4_cm_to_i4_wh(columns: NDArray[np.int8]) -> NDArray[np.uint8]:
     """Values column by column, n_col x n_inner, to tiles of weights of the n_inner x n_col matrix."""
-    operand(columns, "columns", (np.int8,))
+    columns = operand(columns, "columns", (np.int8,))
     n_col, n_inner = columns.shape
     result = np.zeros((-(-n_inner // 32), -(-n_col // 32), 4, 32, 4), np.uint8)
     tavik.tavik_host_layout_w4_flat_to_weight(address(result), address(columns), n_col, n_inner)
@@ -238,7 +239,8 @@ def i4_cm_to_i4_wh_numpy(columns: NDArray[np.int8]) -> NDArray[np.uint8]:
 
 def i4_tile(tile: NDArray[np.int8]) -> NDArray[np.uint8]:
     """A 32 x 32 tile of values column by column to the 512 bytes of a tile of weights, (4, 32, 4)."""
-    if operand(tile, "tile", (np.int8,)).shape != (32, 32):
+    tile = operand(tile, "tile", (np.int8,))
+    if tile.shape != (32, 32):
         raise ValueError(f"the tile has shape {tile.shape}; it has to be 32 x 32")
     result = np.empty((4, 32, 4), np.uint8)
     tavik.tavik_host_layout_flat_to_w4_tile32x32(address(result), address(tile))
@@ -252,14 +254,10 @@ def i4_tile_numpy(tile: NDArray[np.int8]) -> NDArray[np.uint8]:
 # ---- Blocks of any extents: i8, u8, f16, i32, u32, f32 ----
 
 
-def _block_extents(block_rows: int, block_cols: int) -> None:
-    if block_rows < 1 or block_cols < 1:
-        raise ValueError(f"blocks of {block_rows} x {block_cols} elements are empty")
-
-
 def block_linearize(matrix: Array, block_rows: int, block_cols: int) -> Array:
     """Row-major to blocks, one row of blocks after the other, each row-major inside."""
-    _block_extents(block_rows, block_cols)
+    block_rows = integer(block_rows, "block_rows", 1, 2**31 - 1)
+    block_cols = integer(block_cols, "block_cols", 1, 2**31 - 1)
     m = padded(operand(matrix, "matrix", tuple(_BLOCK_CODES)), block_rows, block_cols)
     n_row, n_col = m.shape
     function = getattr(tavik, f"tavik_matrix_block_linearize_{_BLOCK_CODES[m.dtype]}")
@@ -276,8 +274,10 @@ def block_linearize_numpy(matrix: Array, block_rows: int, block_cols: int) -> Ar
 def block_unlinearize(blocks: Array, n_row: int, n_col: int) -> Array:
     """Blocks to a row-major n_row x n_col matrix; the padding of the edge blocks goes."""
     block_rows, block_cols = operand(blocks, "blocks", tuple(_BLOCK_CODES), 4).shape[2:]
-    _block_extents(block_rows, block_cols)
-    _tiles(blocks, blocks.dtype.type, (block_rows, block_cols), (block_rows, block_cols), n_row, n_col)
+    if block_rows == 0 or block_cols == 0:
+        raise ValueError(f"blocks of {block_rows} x {block_cols} elements are empty")
+    blocks, n_row, n_col = _tiles(blocks, blocks.dtype.type, (block_rows, block_cols), (block_rows, block_cols), n_row,
+                                  n_col)
     result = blocks.copy()
     function = getattr(tavik, f"tavik_matrix_block_unlinearize_{_BLOCK_CODES[blocks.dtype]}")
     function(n_row, n_col, block_rows, block_cols, address(result))
@@ -292,8 +292,8 @@ def block_unlinearize_numpy(blocks: Array, n_row: int, n_col: int) -> Array:
 def transpose(matrix: Array) -> Array:
     """A row-major n_row x n_col matrix to a row-major n_col x n_row one."""
     result = operand(matrix, "matrix", tuple(_BLOCK_CODES)).copy()
-    getattr(tavik, f"tavik_matrix_transpose_{_BLOCK_CODES[result.dtype]}")(*matrix.shape, address(result))
-    return result.reshape(matrix.shape[::-1])
+    getattr(tavik, f"tavik_matrix_transpose_{_BLOCK_CODES[result.dtype]}")(*result.shape, address(result))
+    return result.reshape(result.shape[::-1])
 
 
 def transpose_numpy(matrix: Array) -> Array:

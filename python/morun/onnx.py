@@ -15,6 +15,7 @@ from typing import Any
 
 import numpy as np
 import onnx
+from google.protobuf.message import DecodeError  # type: ignore[import]  # Debian has no stubs of it
 from numpy.lib.stride_tricks import sliding_window_view
 from numpy.typing import NDArray
 from onnx import numpy_helper
@@ -260,13 +261,17 @@ class Session:
     NotImplementedError
         The model has an operator that the module does not have; the message names it.
     ValueError
-        A form or quantiser is unknown, `layers` names no product of the model, or a context or calibration is missing.
+        The file is no ONNX model, a node needs what nothing before it computes, a form or quantiser is unknown,
+        `layers` names no product of the model, or a context or calibration is missing.
     """
 
     def __init__(self, path: str | os.PathLike[str], weights: str | None = "f16", context: Context | None = None,
                  quantiser: str = "minmax", layers: Mapping[str, str | None] | None = None,
                  calibration: Sequence[Mapping[str, Array]] = ()) -> None:
-        model = onnx.load(os.fspath(path))
+        try:
+            model = onnx.load(os.fspath(path))
+        except DecodeError as error:
+            raise ValueError(f"{os.fspath(path)} is no ONNX model: {error}") from None
         graph = model.graph
         version = max((o.version for o in model.opset_import if o.domain in ("", "ai.onnx")), default=1)
         self._nodes = [_Node(node) for node in graph.node]
@@ -281,11 +286,27 @@ class Session:
         self.outputs = [value.name for value in graph.output]
         if any(v.type.tensor_type.elem_type == onnx.TensorProto.BFLOAT16 for v in [*graph.input, *graph.output]):
             raise NotImplementedError("inputs or outputs of bf16")
+        self._dtypes = {v.name: onnx.mapping.TENSOR_TYPE_TO_NP_TYPE[v.type.tensor_type.elem_type] for v in graph.input
+                        if v.type.tensor_type.elem_type}
+        self._check_names(os.fspath(path))
+        if not isinstance(context, (Context, type(None))):
+            raise TypeError(f"context has to be a Context, not {type(context).__name__}")
         self.context = context
         self.forms = self._choose_forms(weights, dict(layers or {}))
         self._uploaded: dict[str, Weights] = {}
         if any(self.forms.values()):
             self._upload(quantiser, calibration)
+
+    def _check_names(self, path: str) -> None:
+        if not self.outputs:
+            raise ValueError(f"{path} is no ONNX model: it has no outputs")
+        known = {*self._constants, *self.inputs, ""}
+        for node in self._nodes:
+            if strangers := set(node.inputs) - known:
+                raise ValueError(f"{path}: nothing before {node.name} computes {', '.join(sorted(strangers))}")
+            known.add(node.name)
+        if strangers := set(self.outputs) - known:
+            raise ValueError(f"{path}: nothing computes {', '.join(sorted(strangers))}")
 
     def _choose_forms(self, weights: str | None, layers: dict[str, str | None]) -> dict[str, str | None]:
         forms: dict[str, str | None] = {}
@@ -295,13 +316,17 @@ class Session:
             form = layers.pop(node.name, weights)
             if form not in (None, "f16", "a8w8", "a8w4"):
                 raise ValueError(f"form is {form!r}; it has to be one of f16, a8w8, a8w4 or None")
-            # Products of two activations have no weights to be quantised.
-            forms[node.name] = form and (form if node.inputs[1] in self._constants else "f16")
+            forms[node.name] = form and (form if self._has_weights(node) else "f16")
         if layers:
             raise ValueError(f"no product of the model is called {', '.join(layers)}")
         if any(forms.values()) and self.context is None:
             raise ValueError("products on the NPU need a context")
         return forms
+
+    def _has_weights(self, node: _Node) -> bool:
+        """Products of two activations have no weights to be quantised, nor have products of vectors and batches."""
+        w = self._constants.get(node.inputs[1])
+        return w is not None and (node.operator != "MatMul" or w.ndim == 2)
 
     def _upload(self, quantiser: str, calibration: Sequence[Mapping[str, Array]]) -> None:
         assert self.context is not None
@@ -313,7 +338,7 @@ class Session:
                 self._run(feeds, lambda node: self._recording(node, activations))
         for node in self._nodes:
             form = self.forms.get(node.name)
-            if form is None or node.inputs[1] not in self._constants:
+            if form is None or not self._has_weights(node):
                 continue
             w = self._constants[node.inputs[1]]
             if node.operator == "Conv":
@@ -341,6 +366,10 @@ class Session:
         def product(x: Array, w: Array) -> Array:
             if x.dtype.kind != "f" or w.dtype.kind != "f":
                 return np.matmul(x, w)
+            if w.ndim == 1:
+                return np.asarray(product(x, w[:, None])[..., 0])
+            if x.ndim == 1:
+                return np.asarray(product(x[None], w)[..., 0, :])
             x = np.ascontiguousarray(x, np.float32)
             if uploaded is not None:
                 return matmul(x, uploaded)
@@ -355,11 +384,14 @@ class Session:
 
     def _run(self, feeds: Mapping[str, Array], product_of: Callable[[_Node], Product],
              seen: Callable[[_Node, dict[str, Array], float], None] | None = None) -> dict[str, Array]:
-        if fixed := set(self._constants) & set(feeds):
-            raise ValueError(f"the model has constants of its own for {', '.join(sorted(fixed))}")
+        if strangers := set(feeds) - set(self.inputs):
+            raise ValueError(f"the model has no inputs {', '.join(sorted(strangers))}")
         if missing := set(self.inputs) - set(feeds):
             raise ValueError(f"the model needs inputs {', '.join(sorted(missing))}")
         values = {**self._constants, **{name: np.asarray(value) for name, value in feeds.items()}}
+        for name, dtype in self._dtypes.items():
+            if name in self.inputs and values[name].dtype != dtype:
+                raise TypeError(f"input {name} has dtype {values[name].dtype}; the model takes {dtype}")
         for node in self._nodes:
             start = time.perf_counter()
             values[node.name] = node.run(values, product_of(node))
@@ -383,8 +415,10 @@ class Session:
 
         Raises
         ------
+        TypeError
+            An input has another dtype than the model says.
         ValueError
-            An input is missing or does not fit, or the context is closed.
+            An input is missing, unknown or does not fit, or the context is closed.
         """
         records: list[NodeTrace] = []
         seen = None
@@ -395,7 +429,8 @@ class Session:
                 shapes: list[tuple[int, int, int]] = []
 
                 def product(x: Array, w: Array) -> Array:
-                    shapes.append((int(np.prod(x.shape[:-1])), x.shape[-1], w.shape[-1]))
+                    shapes.append((int(np.prod(x.shape[:-1])), x.shape[-1],
+                                   w.shape[-1] if w.ndim > 1 else 1))
                     return np.matmul(x, w)
 
                 start = time.perf_counter()

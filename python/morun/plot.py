@@ -7,8 +7,11 @@
 from __future__ import annotations
 
 import argparse
+import collections
 import json
+import math
 import os
+import re
 import sys
 from collections.abc import Sequence
 from pathlib import Path
@@ -28,14 +31,55 @@ Path_ = str | os.PathLike[str]
 def _load(path: Path_) -> Any:
     try:
         return json.loads(Path(path).read_text(encoding="utf-8"))
-    except (OSError, ValueError) as error:
-        raise ValueError(f"{path}: {error}") from error
+    except OSError as error:
+        raise ValueError(f"{path}: {error.strerror}") from error
+    except (ValueError, RecursionError) as error:
+        raise ValueError(f"{path}: no JSON: {error}") from error
+
+
+def _number(value: Any) -> float:
+    if isinstance(value, bool) or not isinstance(value, (int, float)) or not math.isfinite(value):
+        raise ValueError
+    return value
+
+
+def _operations(run: Path_) -> dict[str, dict[str, float]]:
+    """The figures of each operation that has a ratio, by its name without the suffixes of Google Benchmark."""
+    data = _load(run)
+    try:
+        return {re.sub("(/iterations:[0-9]+)?(/manual_time)?$", "", row["name"]):
+                {key: _number(row[key]) for key in ("ratio", "q1", "q3", "wanted") if key in row}
+                for row in data["benchmarks"] if "ratio" in row}
+    except (KeyError, TypeError, ValueError):
+        raise ValueError(f"{run}: not a run of scripts/bench --json") from None
+
+
+def _errors(report: Path_) -> dict[str, dict[str, float]]:
+    """The error of each layer by its name, for each series."""
+    data, series = _load(report), collections.defaultdict[str, dict[str, float]](dict)
+    try:
+        for layer in data.get("layers", []):
+            for form, error in layer["errors"].items():
+                series[form][str(layer["name"])] = _number(error)
+        for tensor in data.get("tensors", []):
+            for key, what in (("error", "weights"), ("product_error", "product")):
+                if key in tensor:
+                    series[f"{tensor['form']}, {what}"][str(tensor["name"])] = _number(tensor[key])
+    except (AttributeError, KeyError, TypeError, ValueError):
+        raise ValueError(f"{report}: no report of errors") from None
+    return series
 
 
 def _save(figure: Any, output: Path_) -> None:
-    is_svg = Path(output).suffix == ".svg"
-    figure.savefig(output, bbox_inches="tight", metadata={"Date": None} if is_svg else None)
-    pyplot.close(figure)
+    is_svg = Path(output).suffix.lower() == ".svg"
+    try:
+        if not Path(output).suffix:
+            raise ValueError(f"{output}: no ending, such as .svg, tells the format")
+        figure.savefig(output, bbox_inches="tight", metadata={"Date": None} if is_svg else None)
+    except OSError as error:
+        raise ValueError(f"{output}: {error.strerror}") from error
+    finally:
+        pyplot.close(figure)
 
 
 def plot_bench(runs: Sequence[Path_], output: Path_) -> int:
@@ -49,15 +93,9 @@ def plot_bench(runs: Sequence[Path_], output: Path_) -> int:
     Raises
     ------
     ValueError
-        A file is no such run, or no operation is in all of them.
+        A file is no such run, no operation is in all of them, or the output cannot be written.
     """
-    found = []
-    for run in runs:
-        data = _load(run)
-        rows = data.get("benchmarks") if isinstance(data, dict) else None
-        if not isinstance(rows, list):
-            raise ValueError(f"{run}: not a run of scripts/bench --json")
-        found.append({row["name"]: row for row in rows if "ratio" in row})
+    found = [_operations(run) for run in runs]
     names = [name for name in found[0] if all(name in rows for rows in found)]
     if not names:
         raise ValueError("no operation has a ratio in " + " and ".join(map(str, runs)))
@@ -91,19 +129,9 @@ def plot_errors(report: Path_, output: Path_) -> int:
     Raises
     ------
     ValueError
-        The file is no such report, or has no layer.
+        The file is no such report, has no layer, or the output cannot be written.
     """
-    data = _load(report)
-    data = data if isinstance(data, dict) else {}
-    series: dict[str, dict[str, float]] = {}
-    for layer in data.get("layers", []):
-        for form, error in layer["errors"].items():
-            series.setdefault(form, {})[layer["name"]] = error
-    for tensor in data.get("tensors", []):
-        if "error" in tensor:
-            series.setdefault(f"{tensor['form']}, weights", {})[tensor["name"]] = tensor["error"]
-        if "product_error" in tensor:
-            series.setdefault(f"{tensor['form']}, product", {})[tensor["name"]] = tensor["product_error"]
+    series = _errors(report)
     names = list(dict.fromkeys(name for errors in series.values() for name in errors))
     if not names:
         raise ValueError(f"{report}: no errors of layers")
@@ -132,10 +160,10 @@ def main(arguments: Sequence[str] | None = None) -> int:
         files = files[1:]
     if not 1 <= len(files) <= (1 if is_error else 2):
         parser.error("one or two runs, or the word error and one report")
-    output = options.output or str(Path(files[0]).with_suffix(".svg"))
     try:
+        output = options.output or str(Path(files[0]).with_suffix(".svg"))
         count = plot_errors(files[0], output) if is_error else plot_bench(files, output)
-    except (ValueError, OSError) as error:
+    except ValueError as error:
         print(f"morun.plot: {error}", file=sys.stderr)
         return 1
     print(f"{output}: {count} rows")

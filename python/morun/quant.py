@@ -14,7 +14,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _library, layouts
-from ._arrays import operand, padded, round_up
+from ._arrays import flag, fraction, integer, operand, padded, round_up
 from ._library import FORMS, QUANTISERS, address, check_weights, number_of, tavik
 
 __all__ = [
@@ -49,7 +49,8 @@ def quantise_u8(x: F32Array) -> tuple[NDArray[np.uint8], F32Array, NDArray[np.ui
     sums : NDArray[np.uint32]
         n_row, of the values of a row, modulo 2^32.
     """
-    n_row, n_col = operand(x, "x", (np.float32,)).shape
+    x = operand(x, "x", (np.float32,))
+    n_row, n_col = x.shape
     values, scales, sums = np.empty(x.shape, np.uint8), np.empty(n_row, np.float32), np.empty(n_row, np.uint32)
     tavik.tavik_f32_rm_to_u8_rm(n_row, n_col, address(x), address(values), address(scales), address(sums))
     return values, scales, sums
@@ -57,7 +58,8 @@ def quantise_u8(x: F32Array) -> tuple[NDArray[np.uint8], F32Array, NDArray[np.ui
 
 def quantise_u8_ah(x: F32Array) -> tuple[NDArray[np.uint8], F32Array, NDArray[np.uint32]]:
     """`quantise_u8` with the values in tiles, (n_row/64, n_inner/32, 64, 32), those of the padding 0."""
-    n_row, n_col = operand(x, "x", (np.float32,)).shape
+    x = operand(x, "x", (np.float32,))
+    n_row, n_col = x.shape
     tiles = np.zeros((-(-n_row // 64), -(-n_col // 32), 64, 32), np.uint8)
     scales, sums = np.empty(n_row, np.float32), np.empty(n_row, np.uint32)
     tavik.tavik_f32_rm_to_u8_ah(n_row, n_col, address(x), address(tiles), address(scales), address(sums))
@@ -66,7 +68,8 @@ def quantise_u8_ah(x: F32Array) -> tuple[NDArray[np.uint8], F32Array, NDArray[np
 
 def quantise_u16(x: F32Array) -> tuple[NDArray[np.uint8], NDArray[np.uint8], F32Array, NDArray[np.uint32]]:
     """Quantise each row of an f32 activation to 16 bits: high bytes, low bytes, scales, sums. 32768 stands for 0."""
-    n_row, n_col = operand(x, "x", (np.float32,)).shape
+    x = operand(x, "x", (np.float32,))
+    n_row, n_col = x.shape
     high, low = np.empty(x.shape, np.uint8), np.empty(x.shape, np.uint8)
     scales, sums = np.empty(n_row, np.float32), np.empty(n_row, np.uint32)
     tavik.tavik_f32_rm_to_u16_rm(n_row, n_col, address(x), address(high), address(low), address(scales), address(sums))
@@ -121,7 +124,8 @@ def quantise_rows_i8(rows: NDArray[np.float16]) -> Rows:
     sums : NDArray[np.int32]
         n_col each.
     """
-    n_row, n_col = operand(rows, "rows", (np.float16,)).shape
+    rows = operand(rows, "rows", (np.float16,))
+    n_row, n_col = rows.shape
     values, zero_points = np.empty(rows.shape, np.int8), np.empty(n_row, np.int8)
     scales, sums = np.empty(n_row, np.float16), np.empty(n_row, np.int32)
     tavik.tavik_f16_rm_to_i8_rm(n_row, n_col, address(rows), address(values), address(zero_points), address(scales),
@@ -131,7 +135,8 @@ def quantise_rows_i8(rows: NDArray[np.float16]) -> Rows:
 
 def quantise_rows_i4(rows: NDArray[np.float16]) -> Rows:
     """`quantise_rows_i8` to -8 ... 7; n_inner is a multiple of 8, otherwise ValueError."""
-    n_row, n_col = operand(rows, "rows", (np.float16,)).shape
+    rows = operand(rows, "rows", (np.float16,))
+    n_row, n_col = rows.shape
     if n_col % 8:
         raise ValueError(f"rows have {n_col} values; a multiple of 8 is needed")
     whole = padded(rows, 8, 1)  # the library packs the zero points of whole groups of eight rows
@@ -171,27 +176,24 @@ def quantise_rows_numpy(rows: NDArray[np.float16], form: str) -> Rows:
 def _output(form: str, tiles: NDArray[np.int32], n_inner: int, activation_scales: F32Array,
             activation_sums: NDArray[Any], zero_points: NDArray[np.int8], weight_scales: NDArray[np.float16],
             weight_sums: NDArray[np.int32]) -> F32Array:
-    n_row, n_col = len(activation_scales), len(zero_points)
-    layouts._tiles(tiles, np.int32, (64, 32), (64, 32), n_row, n_col)
-    if n_inner < 0 or n_inner >= 2**31:
-        raise ValueError(f"n_inner is {n_inner}")
-    operand(activation_sums, "activation_sums", (np.int32, np.uint32), 1)
-    operands: tuple[tuple[str, NDArray[Any], type, int], ...] = (
-        ("activation_scales", activation_scales, np.float32, n_row),
-        ("activation_sums", activation_sums.view(np.int32), np.int32, n_row),
-        ("zero_points", zero_points, np.int8, n_col), ("weight_scales", weight_scales, np.float16, n_col),
-        ("weight_sums", weight_sums, np.int32, n_col))
-    for name, values, dtype, length in operands:
-        if len(operand(values, name, (dtype,), 1)) != length:
+    rows = [operand(activation_scales, "activation_scales", (np.float32,), 1),
+            operand(activation_sums, "activation_sums", (np.int32, np.uint32), 1)]
+    columns = [operand(zero_points, "zero_points", (np.int8,), 1),
+               operand(weight_scales, "weight_scales", (np.float16,), 1),
+               operand(weight_sums, "weight_sums", (np.int32,), 1)]
+    n_row, n_col = len(rows[0]), len(columns[0])
+    for name, values, length in (("activation_sums", rows[1], n_row), ("weight_scales", columns[1], n_col),
+                                 ("weight_sums", columns[2], n_col)):
+        if len(values) != length:
             raise ValueError(f"{name} has {len(values)} elements; it has to have {length}")
-    of_columns: tuple[NDArray[Any], ...] = (zero_points, weight_scales, weight_sums)
-    columns = [padded(values[None], 1, 32) for values in of_columns]
+    tiles = layouts._tiles(tiles, np.int32, (64, 32), (64, 32), n_row, n_col)[0]
+    n_inner = integer(n_inner, "n_inner", 0, 2**31 - 1)
+    columns = [padded(values[None], 1, 32) for values in columns]
     if form == "a8w4":
         columns[0] = layouts.pack_i4(columns[0])
     result = np.empty((n_row, tiles.shape[1] * 32), np.float32)
     getattr(tavik, f"tavik_{form}_output_to_f32_rm")(
-        n_row, result.shape[1], n_inner, address(result), address(tiles), address(activation_scales),
-        address(activation_sums), *map(address, columns))
+        n_row, result.shape[1], n_inner, address(result), address(tiles), *map(address, rows + columns))
     return result[:, :n_col].copy()
 
 
@@ -258,6 +260,9 @@ def output_numpy(sums: NDArray[np.int32], n_inner: int, activation_scales: F32Ar
 class PackedMatrix:
     """A weight matrix as the matrix unit reads it, in ordinary memory.
 
+    Raises TypeError or ValueError where the data are not those of a matrix of this form and these extents, and Error
+    where an extent is 0 or the matrix too large.
+
     Attributes
     ----------
     form : str
@@ -278,6 +283,18 @@ class PackedMatrix:
     data: NDArray[np.uint8]
     error: float = 0.0
     product_error: float = -1.0
+
+    def __post_init__(self) -> None:
+        object.__setattr__(self, "n_inner", integer(self.n_inner, "n_inner"))
+        object.__setattr__(self, "n_col", integer(self.n_col, "n_col"))
+        self.checked_data()
+
+    def checked_data(self) -> NDArray[np.uint8]:
+        """The data, where they are still as many bytes as form and extents take, otherwise ValueError."""
+        data = operand(self.data, "data", (np.uint8,), 1)
+        if data.size != self.layout.n_byte:
+            raise ValueError(f"the packed data have {data.size} bytes; form and extents take {self.layout.n_byte}")
+        return data
 
     @property
     def shape(self) -> tuple[int, int]:
@@ -328,12 +345,13 @@ class PackedMatrix:
 def layout_of(form: str, n_inner: int, n_col: int) -> _library.Layout:
     """Where the parts of a packed matrix stand. Raises Error where an extent is 0 or the matrix too large."""
     layout = _library.Layout()
-    number = number_of(form, FORMS, "form")
-    check_weights("morun_weights_layout_of", number, n_inner, n_col, ctypes.byref(layout))
+    number = number_of(form, FORMS[1:], "form") + 1
+    check_weights("morun_weights_layout_of", number, integer(n_inner, "n_inner"), integer(n_col, "n_col"),
+                  ctypes.byref(layout))
     return layout
 
 
-class Calibration:
+class Calibration(_library.Single):
     """What the quantiser `calibrated` knows of a layer: the covariance of its activations.
 
     Parameters
@@ -351,14 +369,14 @@ class Calibration:
 
     def __init__(self, activations: F32Array, damping: float = 0.05) -> None:
         self._handle = ctypes.c_void_p()
-        operand(activations, "activations", (np.float32,))
+        activations, damping = operand(activations, "activations", (np.float32,)), fraction(damping, "damping")
         n_row, self.n_inner = activations.shape
         check_weights("morun_weights_calibration_create", self.n_inner, ctypes.byref(self._handle))
         check_weights("morun_weights_calibration_add", self._handle, n_row, address(activations), self.n_inner)
         check_weights("morun_weights_calibration_finish", self._handle, damping)
 
     def __del__(self) -> None:
-        if _library is not None:  # the interpreter ends
+        if hasattr(self, "_handle") and _library is not None:  # which it is where the interpreter ends
             _library.weights.morun_weights_calibration_free(self._handle)
 
 
@@ -389,9 +407,13 @@ def quantise(w: NDArray[Any], form: str, quantiser: str = "minmax", calibration:
     Error
         A value is not finite, an extent is 0, or the calibration is missing or of another n_inner.
     """
-    n_inner, n_col = operand(w, "w", (np.float32, np.float16)).shape
+    w = operand(w, "w", (np.float32, np.float16))
+    n_inner, n_col = w.shape
+    if not isinstance(calibration, (Calibration, type(None))):
+        raise TypeError(f"calibration has to be a Calibration, not {type(calibration).__name__}")
     recipe = _library.Recipe(number_of(form, FORMS[1:], "form") + 1, number_of(quantiser, QUANTISERS, "quantiser"),
-                             n_inner, n_col, calibration and calibration._handle, allow_non_finite)
+                             n_inner, n_col, calibration and calibration._handle,
+                             flag(allow_non_finite, "allow_non_finite"))
     data = np.zeros(layout_of(form, n_inner, n_col).n_byte, np.uint8)
     values, statistics = w.astype(np.float32, copy=False), _library.Statistics()
     check_weights("morun_weights_pack_columns", ctypes.byref(recipe), 0, n_col, address(values), n_col, 1,
@@ -409,8 +431,9 @@ def _ratio(squared_error: float, squares: float) -> float:
 
 def dequantise(packed: PackedMatrix) -> F32Array:
     """What a packed matrix stands for: n_inner x n_col, exactly."""
-    result = np.empty(packed.shape, np.float32)
-    data = np.require(packed.data, np.uint8, ["C", "A"])
+    if not isinstance(packed, PackedMatrix):
+        raise TypeError(f"packed has to be a PackedMatrix, not {type(packed).__name__}")
+    data, result = packed.checked_data(), np.empty(packed.shape, np.float32)
     check_weights("morun_weights_unpack_columns", number_of(packed.form, FORMS, "form"), packed.n_inner, packed.n_col,
                   address(data), data.size, 0, packed.n_col, address(result), packed.n_col, 1)
     return result

@@ -12,8 +12,8 @@ from . import _library, layouts, quant
 from ._arrays import operand, padded
 from ._library import address, check, tavik
 
-__all__ = ["block", "block_f32", "block_f32_numpy", "block_numpy", "matmul", "matmul_numpy", "npu_matmul_numpy", "row",
-           "row_numpy"]
+__all__ = ["block", "block_f32", "block_f32_numpy", "block_numpy", "matmul", "matmul_columns", "matmul_columns_numpy",
+           "matmul_numpy", "npu_matmul_numpy", "row", "row_numpy"]
 
 F16Array = NDArray[np.float16]
 F32Array = NDArray[np.float32]
@@ -37,7 +37,8 @@ def matmul(x: NDArray[Any], w: NDArray[Any]) -> F32Array:
     NDArray[np.float32]
         n_row x n_col.
     """
-    a, b = padded(_f16(x, "x"), 1, 32), padded(_f16(w, "w"), 32, 32)
+    x, w = _f16(x, "x"), _f16(w, "w")
+    a, b = padded(x, 1, 32), padded(w, 32, 32)
     if x.shape[1] != w.shape[0]:
         raise ValueError(f"x has {x.shape[1]} columns, w has {w.shape[0]} rows")
     blocks = layouts.f16_cm_to_f16_zb(np.ascontiguousarray(b.T))
@@ -72,10 +73,15 @@ def block_numpy(x: F16Array, w: F16Array) -> F32Array:
         return _eight_added(_fused_sums(x, w, 8, np.float16).astype(np.float32))
 
 
+def _four_sums(x: F16Array, w: F16Array) -> F32Array:
+    l = _fused_sums(x, w, 4, np.float32)
+    with np.errstate(all="ignore"):
+        return (l[..., 0] + l[..., 1]) + (l[..., 2] + l[..., 3])
+
+
 def block_f32_numpy(x: F16Array, w: F16Array) -> F32Array:
     n_inner = x.shape[1] // 8 * 8
-    l = _fused_sums(x[:, :n_inner], w[:n_inner], 4, np.float32)
-    return (l[..., 0] + l[..., 1]) + (l[..., 2] + l[..., 3])
+    return _four_sums(x[:, :n_inner], w[:n_inner])
 
 
 def row_numpy(x: F16Array, w: F16Array) -> F32Array:
@@ -94,9 +100,40 @@ def matmul_numpy(x: NDArray[Any], w: NDArray[Any]) -> F32Array:
     return result
 
 
+def matmul_columns(x: F16Array, columns: F16Array) -> F16Array:
+    """Multiply f16 on the host with f32 sums, as the tensor interface does: morun_tensor_cpu_matmul_scenario_5.
+
+    Parameters
+    ----------
+    x, columns
+        n_row x n_inner, and the weights column by column, n_col x n_inner. Of any extents.
+
+    Returns
+    -------
+    NDArray[np.float16]
+        n_row x n_col.
+    """
+    x, columns = operand(x, "x", (np.float16,)), operand(columns, "columns", (np.float16,))
+    if x.shape[1] != columns.shape[1]:
+        raise ValueError(f"x has {x.shape[1]} columns, the columns have {columns.shape[1]} values")
+    result = np.empty((len(x), len(columns)), np.float16)
+    tavik.morun_tensor_cpu_matmul_scenario_5(*result.shape, x.shape[1], address(result), address(x), address(columns))
+    return result
+
+
+def matmul_columns_numpy(x: F16Array, columns: F16Array) -> F16Array:
+    n_whole, w = x.shape[1] // 4 * 4, columns.T
+    with np.errstate(all="ignore"):
+        sums = _four_sums(x, w)
+        for k in range(n_whole, x.shape[1]):
+            sums = (x[:, k, None].astype(np.float64) * w[k].astype(np.float64) + sums).astype(np.float32)
+        result = sums.astype(np.float16)
+    result[np.isnan(result)] = np.nan
+    return result
+
+
 def _block_operands(x: F16Array, w: F16Array, n_row: int) -> tuple[F16Array, F16Array, F32Array]:
-    operand(x, "x", (np.float16,))
-    operand(w, "w", (np.float16,))
+    x, w = operand(x, "x", (np.float16,)), operand(w, "w", (np.float16,))
     if x.shape[0] != n_row or w.shape != (x.shape[1], 4):
         raise ValueError(f"x {x.shape} and w {w.shape} are not {n_row} rows and four columns of one inner dimension")
     return x, layouts.f16_cm_to_f16_zb(np.ascontiguousarray(w.T)), np.empty((n_row, 4), np.float32)

@@ -3,6 +3,7 @@
 import collections
 import gc
 import json
+import os
 import signal
 import struct
 import threading
@@ -69,6 +70,23 @@ def test_what_is_packed_is_what_is_loaded(checkpoint, tmp_path, context):
         file.verify("a.q.weight")
 
 
+def test_nobody_comes_between_the_weights_of_a_file(checkpoint, tmp_path, context, monkeypatch):
+    """Another thread that closes the context waits until all weights of the file are there."""
+    morun.pack(checkpoint, tmp_path / "packed")
+    was_locked, operand_of = [], _library.weights.morun_weights_operand_of
+
+    def watched(*arguments):
+        was_locked.append(context._state.lock.is_mine())
+        return operand_of(*arguments)
+
+    monkeypatch.setattr(_library.weights, "morun_weights_operand_of", watched)
+    loaded = context.load(tmp_path / "packed")
+    assert was_locked == [True] * len(loaded) == 3 * [True]
+    for attribute, value in (("form", "f16"), ("shape", (9, 9)), ("_fd", 0)):
+        with pytest.raises(AttributeError):
+            setattr(loaded["a.q.weight"], attribute, value)
+
+
 def test_calibrated_file_and_single_matrix(tmp_path):
     w = np.random.default_rng(2).standard_normal((40, 30))  # f64, n_inner x n_col
     np.save(tmp_path / "w.npy", w)
@@ -112,7 +130,7 @@ def test_refused_arguments(use, checkpoint, tmp_path, context):
         use(checkpoint, context)
 
 
-@pytest.mark.parametrize("way", ["an exception in progress", "Ctrl-C"])
+@pytest.mark.parametrize("way", ["an exception in progress", "an exception at the end", "Ctrl-C"])
 def test_packing_is_interrupted(way, tmp_path):
     np.save(tmp_path / "w.npy", np.ones((2000, 3000), np.float32) * np.arange(3000, dtype=np.float32))
     before = threading.active_count()
@@ -121,14 +139,17 @@ def test_packing_is_interrupted(way, tmp_path):
     def progress(name, part):
         if way == "Ctrl-C":
             signal.raise_signal(signal.SIGINT)
-        raise KeyError(name)
+        if way != "an exception at the end" or part == 1:
+            raise KeyError(name)
 
+    (tmp_path / "out").write_text("before")
     try:
         with pytest.raises(KeyError if way != "Ctrl-C" else KeyboardInterrupt):
             morun.pack(tmp_path / "w.npy", tmp_path / "out", "a8w4", "mse", progress=progress)
     finally:
         signal.signal(signal.SIGINT, handler)
-    assert not (tmp_path / "out").exists() and threading.active_count() == before
+    assert (tmp_path / "out").read_text() == "before" and sorted(os.listdir(tmp_path)) == ["out", "w.npy"]
+    assert threading.active_count() == before
 
 
 def test_handles_are_freed_after_success_and_failure(checkpoint, tmp_path, monkeypatch):

@@ -175,6 +175,8 @@ def test_calibrated_quantiser_errs_as_the_formulas_do(form, damping):
 def test_reference_products(n_row, n_col, n_inner, seed):
     x, w = numbers(n_row, n_inner, np.float32, seed), numbers(n_inner, n_col, np.float16, seed + 1)
     same(reference.matmul(x, w), reference.matmul_numpy(x, w))
+    halves, columns = half.to_f16(x), np.ascontiguousarray(w.T)
+    same(reference.matmul_columns(halves, columns), reference.matmul_columns_numpy(halves, columns))
     a, b = numbers(4, n_inner, np.float16, seed), numbers(n_inner, 4, np.float16, seed + 2)
     same(reference.block(a, b), reference.block_numpy(a, b))
     same(reference.block_f32(a, b), reference.block_f32_numpy(a, b))

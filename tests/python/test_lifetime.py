@@ -3,6 +3,7 @@
 import copy
 import gc
 import os
+import pickle
 import random
 import re
 import signal
@@ -102,6 +103,42 @@ def test_a_copy_of_weights_keeps_their_memory():
         assert (context.matmul(X, copied) == 40).all() and (context.matmul(X, kept) == 120).all()
 
 
+@pytest.mark.parametrize("make", [morun.Context, lambda: quant.Calibration(X), lambda: morun.PackedFile("w")],
+                         ids=["context", "calibration", "file"])
+def test_what_would_be_freed_twice_cannot_be_copied(make, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    np.save("w.npy", W)
+    morun.pack("w.npy", "w")
+    for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
+        with pytest.raises(TypeError, match="neither be copied nor pickled"):
+            duplicate(make())
+    type(make()).__new__(type(make()))  # the collector takes what was never opened
+    gc.collect()
+
+
+def test_a_forked_child_reads_a_file_that_a_thread_of_its_parent_is_reading(tmp_path):
+    np.save(tmp_path / "w.npy", W)
+    morun.pack(tmp_path / "w.npy", tmp_path / "w", "f16")
+    result = python(f"""
+import os, morun, threading
+file = morun.PackedFile({str(tmp_path / "w")!r})
+is_in, may_leave = threading.Event(), threading.Event()
+
+def hold():
+    with file._lock.alone():  # as if in a call
+        is_in.set()
+        may_leave.wait()
+
+threading.Thread(target=hold).start()
+is_in.wait()
+if (child := os.fork()) == 0:
+    os._exit(int(file.unpack("w").sum() != 2000))
+may_leave.set()
+assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0 and file.unpack("w").sum() == 2000
+""")
+    assert (result.returncode, result.stderr) == (0, "")
+
+
 def test_a_signal_in_the_middle_of_a_call_cannot_use_the_context():
     context, refused = morun.Context(), []
 
@@ -111,11 +148,10 @@ def test_a_signal_in_the_middle_of_a_call_cannot_use_the_context():
         except morun.Error as error:
             refused.append(str(error))
 
-    context._state.lock.__enter__()  # as in the middle of a call
     previous = signal.signal(signal.SIGUSR1, close)
-    os.kill(os.getpid(), signal.SIGUSR1)
+    with context._state.lock.alone():  # as in the middle of a call
+        os.kill(os.getpid(), signal.SIGUSR1)
     signal.signal(signal.SIGUSR1, previous)
-    context._state.lock.__exit__()
     assert len(refused) == 1 and "in the middle of a call" in refused[0]
     assert (context.matmul(X, W) == 40).all()
     context.close()
@@ -157,7 +193,7 @@ def test_an_interpreter_ends_with_an_open_context(end):
 def test_a_fork_leaves_the_context_to_the_parent():
     result = python(OPEN + """
 import os, sys
-with c._state.lock:  # as if another thread were in a product
+with c._state.lock.alone():  # as if another thread were in a product
     child = os.fork()
 if child == 0:
     try:

@@ -107,12 +107,42 @@ def test_weights_in_chosen_forms(model, context, quantiser):
 @pytest.mark.parametrize("kind, text, options", [
     (ValueError, "'int3'", ("int3",)), (ValueError, "context", ("f16", None)), (ValueError, "'x1'", ("f16", ..., "x1")),
     (ValueError, "nothing", ("f16", ..., "mse", {"nothing": None})),
-    (ValueError, "calibrat", ("a8w4", ..., "calibrated"))])
+    (ValueError, "calibrat", ("a8w4", ..., "calibrated")), (TypeError, "Context, not str", ("f16", "context"))])
 def test_refused_sessions(kind, text, options, model, context):
     with pytest.raises(kind, match=text):
         morun.onnx.Session(model[0], *(context if option is ... else option for option in options))
-    with pytest.raises(ValueError, match="inputs x"):
-        morun.onnx.Session(model[0], None).run({})
+    for feeds, text in (({}, "needs inputs x"), ({"x": X, "y": X}, "no inputs y"), ({"x": X, "c": X}, "no inputs c")):
+        with pytest.raises(ValueError, match=text):
+            morun.onnx.Session(model[0], None).run(feeds)
+    with pytest.raises(TypeError, match="x has dtype float64; the model takes float32"):
+        morun.onnx.Session(model[0], None).run({"x": X.astype(float)})
+
+
+def test_weights_of_other_dimensions_are_f16_in_every_form(tmp_path, context):
+    value, rng = helper.make_tensor_value_info("x", TensorProto.FLOAT, None), np.random.default_rng(8)
+    shapes = ((40,), (40,)), ((5, 40), (40,)), ((40,), (40, 3)), ((40,), (2, 40, 3)), ((5, 40), (2, 40, 3))
+    for x_shape, w_shape in shapes:
+        x, w = (rng.standard_normal(shape).astype(np.float32) for shape in (x_shape, w_shape))
+        node = helper.make_node("MatMul", ["x", "w"], ["y"])
+        graph = helper.make_graph([node], "g", [value], [helper.make_tensor_value_info("y", TensorProto.FLOAT, None)],
+                                  [helper.make_tensor("w", TensorProto.FLOAT, w_shape, w.ravel())])
+        onnx.save(helper.make_model(graph), tmp_path / "model.onnx")
+        result = morun.onnx.Session(tmp_path / "model.onnx", "a8w8", context).run({"x": x}, trace=True)
+        assert result.trace[0].form == ("a8w8" if len(w_shape) == 2 else "f16")
+        assert result.trace[0].shape[1:] == (40, 3 if len(w_shape) > 1 else 1)
+        np.testing.assert_allclose(result.outputs["y"], x @ w, atol=0.2 if len(w_shape) == 2 else 0.02)
+
+
+@pytest.mark.parametrize("inputs, output, text", [
+    (["x", "q"], "y", "nothing before y computes q"), (["x", "y"], "y", "nothing before y computes y"),
+    (["x", "x"], "z", "nothing computes z"), (["x", "x"], None, "no outputs")])
+def test_a_model_whose_names_lead_nowhere_is_refused(inputs, output, text, tmp_path):
+    value = {name: helper.make_tensor_value_info(name, TensorProto.FLOAT, [1]) for name in "xyz"}
+    node = helper.make_node("Add", inputs, ["y"])
+    graph = helper.make_graph([node], "g", [value["x"]], [value[output]] if output else [])
+    onnx.save(helper.make_model(graph), tmp_path / "model.onnx")
+    with pytest.raises(ValueError, match=text):
+        morun.onnx.Session(tmp_path / "model.onnx", None)
 
 
 def test_an_unknown_operator_is_named(tmp_path):
