@@ -204,14 +204,9 @@ int64_t upper_finalize(Runtime&) {
   if (status == 0) context = nullptr;
   return status;
 }
-uint16_t* halves() {
-  return reinterpret_cast<uint16_t*>(X);
-}
-uint8_t* bytes() {
-  return reinterpret_cast<uint8_t*>(X);
-}
-int32_t* sums() {
-  return reinterpret_cast<int32_t*>(A[0]);
+template <class T>
+T* operand(float* matrix = X) {
+  return reinterpret_cast<T*>(matrix);
 }
 
 #ifdef MORUN_WITH_WEIGHTS
@@ -307,15 +302,20 @@ const Scenario scenarios[] = {
     {"UpperF16", upper_buffer,
      [](Runtime&) -> int64_t { return morun_npu_mm_f16(3, m, n, k, shared(), shared(), shared()); }, false},
     {"UpperF16F16", upper_buffer,
-     [](Runtime&) -> int64_t { return morun_npu_mm_f16f16_f16(3, m, n, k, shared(), halves(), shared()); }, false},
+     [](Runtime&) -> int64_t { return morun_npu_mm_f16f16_f16(3, m, n, k, shared(), operand<uint16_t>(), shared()); },
+     false},
     {"UpperF32F16", upper_buffer,
      [](Runtime&) -> int64_t { return morun_npu_mm_f32f16_f32(3, m, n, k, A[0], X, shared()); }, false},
     {"UpperU8I8", upper_buffer,
-     [](Runtime&) -> int64_t { return morun_npu_mm_u8i8_i32(3, m, n, k, sums(), bytes(), shared<int8_t>()); }, false,
-     true},
+     [](Runtime&) -> int64_t {
+       return morun_npu_mm_u8i8_i32(3, m, n, k, operand<int32_t>(A[0]), operand<uint8_t>(), shared<int8_t>());
+     },
+     false, true},
     {"UpperU8I4", upper_buffer,
-     [](Runtime&) -> int64_t { return morun_npu_mm_u8i4_i32(3, m, n, k, sums(), bytes(), shared<uint8_t>()); }, false,
-     true},
+     [](Runtime&) -> int64_t {
+       return morun_npu_mm_u8i4_i32(3, m, n, k, operand<int32_t>(A[0]), operand<uint8_t>(), shared<uint8_t>());
+     },
+     false, true},
 #ifdef MORUN_WITH_WEIGHTS
     {"Load", weights_opened, load_weights, false},
     {"Release", weights_loaded, release_weights, false},

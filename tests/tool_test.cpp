@@ -74,20 +74,13 @@ std::vector<float> small_integers(size_t count, uint32_t seed) {
   return values;
 }
 
-// Halves take integers of up to 11 bits.
-uint16_t half_of(float value) {
-  const auto bits = std::bit_cast<uint32_t>(value);
-  const uint32_t magnitude = value == 0 ? 0 : (bits >> 13 & 0x3ffff) - (112 << 10);
-  return static_cast<uint16_t>((bits >> 16 & 0x8000) | magnitude);
-}
-
 // The bytes of row-major values as a file of that type holds them.
 std::string encoded(const std::string& type, const std::vector<float>& values, size_t n_col) {
   std::string bytes;
   const size_t n_row = values.size() / n_col;
   for (size_t i = 0; i < values.size(); ++i) {
     const float value = type.ends_with("F") ? values[i % n_row * n_col + i / n_row] : values[i];
-    std::string one = type[2] == '2'   ? bytes_of<uint16_t>({half_of(value)})
+    std::string one = type[2] == '2'   ? bytes_of<uint16_t>({morun::simd::narrow_bits(value)})
                       : type[2] == '4' ? bytes_of<float>({value})
                                        : bytes_of<double>({value});
     if (type[0] == '>') std::reverse(one.begin(), one.end());
@@ -193,17 +186,6 @@ std::vector<float> weights(size_t n_inner, size_t n_col, int levels, uint32_t se
   return w;
 }
 
-// A column of positive values alone starts at the lowest zero point, and so loses its largest value.
-std::vector<float> product(const std::vector<float>& x, const std::vector<float>& w, size_t n_inner, int levels) {
-  const size_t n_col = w.size() / n_inner;
-  const float largest = levels > 0 ? static_cast<float>(levels - 1) : INFINITY;
-  std::vector<float> y(x.size() / n_inner * n_col);
-  for (size_t i = 0; i < y.size(); ++i)
-    for (size_t k = 0; k < n_inner; ++k)
-      y[i] += x[i / n_col * n_inner + k] * std::min(w[k * n_col + i % n_col], largest);
-  return y;
-}
-
 TEST_F(ToolTest, ProductsOfAnyShapeAndTypeAreExactWhereTheirWeightsAre) {
   // Rows, inner size, columns of the first and of the other weights, types of x and w, number of weights.
   const std::tuple<size_t, size_t, size_t, size_t, const char*, const char*, size_t> cases[] = {
@@ -221,18 +203,21 @@ TEST_F(ToolTest, ProductsOfAnyShapeAndTypeAreExactWhereTheirWeightsAre) {
       std::vector<float> x = small_integers(n_row * n_inner, 1);
       for (size_t r = 0; levels > 0 && r < n_row; ++r) x[r * n_inner + r % n_inner] = r % 2 == 0 ? 127 : -127;
       write("x.npy", matrix_npy(x, n_inner, x_type));
-      std::vector<std::vector<float>> expected;
+      std::vector<std::vector<double>> expected;
+      // A column of positive values alone starts at the lowest zero point, and so loses its largest value.
+      const float largest = levels > 0 ? static_cast<float>(levels - 1) : INFINITY;
       for (size_t i = 0; i < n_weights; ++i) {
         const size_t n_col = i == 0 ? n_col_first : n_col_other;
         const auto w = weights(n_inner, n_col, levels, static_cast<uint32_t>(2 + i));
         write(text("w", i, ".npy"), matrix_npy(w, n_col, w_type));
-        expected.push_back(product(x, w, n_inner, levels));
+        expected.push_back(test::product(x, n_inner, n_col,
+                                         [&](uint64_t k, uint64_t c) { return std::min(w[k * n_col + c], largest); }));
       }
 
       const auto output = report(text("morun mm x.npy ", files[n_weights - 1], " --check --repeat 2 --weights ", kind));
       EXPECT_TRUE(levels > 0 || output.find("deviation 0 absolute, 0 relative") != std::string::npos) << output;
       for (size_t i = 0; i < n_weights; ++i)
-        EXPECT_TRUE(values_of<float>(file(text("y", i, ".npy"))) == expected[i]) << "result " << i;
+        EXPECT_TRUE(std::ranges::equal(values_of<float>(file(text("y", i, ".npy"))), expected[i])) << "result " << i;
     }
   }
 }
