@@ -20,8 +20,8 @@ using namespace test;
 class EmulatorScripts : public Transcript {
  protected:
   void SetUp() override {
-    for (const auto& [name, play] : own_commands_)  // whose statuses the trace tells
-      commands_[name] = [&play](const Words& w) { return play(w), 0; };
+    for (const auto& command : own_commands_)  // the trace tells their statuses
+      commands_[command.first] = [&command](const Words& w) { return command.second(w), 0; };
     Transcript::SetUp();
   }
   uint64_t value(const std::string& word) override {
