@@ -310,11 +310,16 @@ TEST_F(Emulator, MemoryThatRunsOutIsAStatus) {
 }
 
 TEST_F(Emulator, TraceForgetsTheOldest) {
-  for (int i = 0; i < PARLO_EMULATOR_TRACE_CAPACITY + 1; ++i) parlo_mem_free(nullptr);
+  for (int i = 0; i < PARLO_EMULATOR_TRACE_CAPACITY; ++i) parlo_mem_free(nullptr);
+  parlo_mem_to_fd(nullptr);
+  parlo_mem_to_fd(nullptr);
   parlo_emulator_call call;
-  EXPECT_EQ(parlo_emulator_trace_get(0, &call), -1);
-  EXPECT_EQ(parlo_emulator_trace_get(1, &call), 0);
-  EXPECT_EQ(parlo_emulator_trace_get(PARLO_EMULATOR_TRACE_CAPACITY, &call), 0);
+  EXPECT_EQ(parlo_emulator_trace_get(1, &call), -1);
+  for (size_t i = 2; i < PARLO_EMULATOR_TRACE_CAPACITY + 2; ++i) {
+    ASSERT_EQ(parlo_emulator_trace_get(i, &call), 0);
+    const bool is_old = i < PARLO_EMULATOR_TRACE_CAPACITY;
+    EXPECT_EQ(call.operation, is_old ? PARLO_EMULATOR_MEM_FREE : PARLO_EMULATOR_MEM_TO_FD) << i;
+  }
 }
 
 }  // namespace

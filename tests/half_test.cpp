@@ -39,16 +39,17 @@ TEST(Half, NarrowingRoundsToNearestEven) {
 }
 
 TEST(Half, CountsAreTakenInWholeGroups) {
-  const Vector<float> floats(40, 1.0f);
-  const Vector<uint16_t> halves(40, 0x3c00);
+  Vector<float> floats(40);
+  Vector<uint16_t> halves(40);
+  for (size_t i = 0; i < 40; ++i) floats[i] = static_cast<float>(i) + 8, halves[i] = test::half_of(floats[i]);
   for (uint64_t count = 0; count <= 40; ++count) {
     Vector<uint16_t> narrowed(40, 7);
     Vector<float> widened(40, 7);
     tavik_f32_to_f16(count, floats.data(), narrowed.data());
     tavik_f16_to_f32(count, halves.data(), widened.data());
     for (uint64_t i = 0; i < 40; ++i) {
-      ASSERT_EQ(narrowed[i], i < count / 4 * 4 ? 0x3c00 : 7) << count;
-      ASSERT_EQ(widened[i], i < count / 8 * 8 ? 1.0f : 7.0f) << count;
+      ASSERT_EQ(narrowed[i], i < count / 4 * 4 ? halves[i] : 7) << count;
+      ASSERT_EQ(widened[i], i < count / 8 * 8 ? floats[i] : 7.0f) << count;
     }
   }
 }
