@@ -7,6 +7,8 @@ docs/weight-files.md defines the quantisers of weights by formulas.
 from __future__ import annotations
 
 import ctypes
+import math
+import sys
 from dataclasses import dataclass
 from typing import Any
 
@@ -275,7 +277,8 @@ class PackedMatrix:
     data : NDArray[np.uint8]
         Tiles, zero points, scales and sums, with the padding to whole tiles; what a packed file holds.
     error : float
-        |w - w'| / |w|, Frobenius norms, w' being what the packed matrix stands for. 0 for 0 / 0.
+        |w - w'| / |w|, Frobenius norms, w' being what the packed matrix stands for. 0 for 0 / 0, 1 for another number
+        / 0, and at most the largest float.
     product_error : float
         |x (w - w')| / |x w| on the activations of the calibration, or -1 without.
     """
@@ -426,14 +429,16 @@ def quantise(w: NDArray[Any], form: str, quantiser: str = "minmax", calibration:
     check_weights("morun_weights_pack_columns", ctypes.byref(recipe), 0, n_col, address(values), n_col, 1,
                   address(data), data.size, ctypes.byref(statistics))
     s = statistics
-    return PackedMatrix(form, n_inner, n_col, data, _ratio(s.squared_error, s.sum_of_squares),
-                        _ratio(s.product_error, s.product_squares) if calibration else -1.0)
+    return PackedMatrix(form, n_inner, n_col, data, _relative_error(s.squared_error, s.sum_of_squares),
+                        _relative_error(s.product_error, s.product_squares) if calibration else -1.0)
 
 
-def _ratio(squared_error: float, squares: float) -> float:
-    if squares == 0:
-        return 0.0 if squared_error == 0 else float("inf")
-    return float(np.sqrt(squared_error / squares))
+def _relative_error(squared_error: float, squares: float) -> float:
+    """What a packed file would hold: 0 for 0 / 0, 1 for another number / 0, and at most the largest float."""
+    if squared_error == 0:
+        return 0.0
+    ratio = math.sqrt(squared_error / squares) if squares > 0 else 1.0
+    return ratio if ratio <= sys.float_info.max else sys.float_info.max
 
 
 def dequantise(packed: PackedMatrix) -> F32Array:

@@ -1,5 +1,7 @@
 """Conversions, quantisers and reference products: the bits of each are those of the same in NumPy."""
 
+import sys
+
 import numpy as np
 import pytest
 from hypothesis import given, strategies as st
@@ -155,6 +157,7 @@ def test_values_that_are_not_finite_on_demand():
         same(quant.quantise(wild, form, allow_non_finite=True).data, quant.quantise(tame, form).data)
     halves = quant.dequantise(quant.quantise(wild, "f16", allow_non_finite=True))
     same(halves, wild.astype(np.float16).astype(np.float32))
+    assert quant.quantise(w + np.float32(1e5), "f16").error == sys.float_info.max  # as packed files have it
 
 
 @pytest.mark.parametrize("form, damping", [("a8w8", 0.05), ("a8w4", 0.05), ("a8w4", 0.5)])

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "tools/morun/commands.h"
+#include "tools/morun/error.h"
 #include "tools/morun/files/temporary_file.h"
 #include "tools/morun/form_names.h"
 #include "tools/morun/kernels.h"
@@ -401,6 +402,9 @@ int main(int n_argument, char** arguments) {
     print_want_of_memory();
   } catch (const std::length_error&) {
     print_want_of_memory();
+  } catch (const tool::Misuse& error) {
+    print_failure(error.what());
+    return exit_misuse;
   } catch (const std::exception& error) {
     print_failure(error.what());
   }
