@@ -366,23 +366,29 @@ TEST_F(WeightsPack, MatricesArePackedInTheMemoryOfOneAnd64MebibytesAJob) {
   fs::resize_file(wide, fs::file_size(wide) + 8 * n_wide);
   const std::string tall = write("tall.npy", npy("<f8", false, "(260000, 64)", ""));
   fs::resize_file(tall, fs::file_size(tall) + 8 * n_tall * 64);
-  const std::tuple<std::string, uint32_t, int32_t, uint64_t> cases[] = {{zeros, 2, 1, n * n + 3 * 65536},
-                                                                        {zeros, 2, 0, n * n + 3 * 65536},
-                                                                        {wide, 1, 1, (32 + 7) * n_wide},
-                                                                        {tall, 2, 1, n_tall * 64}};
-  for (const auto& [source, n_job, transpose, largest] : cases) {
+  const struct {
+    std::string source;
+    uint32_t n_job;
+    int32_t transpose;
+    uint64_t largest;
+  } cases[] = {{zeros, 2, 1, n * n + 3 * 65536},
+               {zeros, 2, 0, n * n + 3 * 65536},
+               {wide, 1, 1, (32 + 7) * n_wide},
+               {tall, 2, 1, n_tall * 64}};
+  for (const auto& each : cases) {
     const pid_t child = fork();
     if (child == 0) {
-      Packer packer([&](auto& o) { o.n_job = n_job, o.transpose = transpose; });
-      _exit(packer.source(source).run(path("packed")));
+      Packer packer([&](auto& o) { o.n_job = each.n_job, o.transpose = each.transpose; });
+      _exit(packer.source(each.source).run(path("packed")));
     }
     int status = 0;
     rusage usage = {};
     ASSERT_EQ(wait4(child, &status, 0, &usage), child);
     EXPECT_EQ(status, 0);
     std::printf("peak %ld MiB of resident memory\n", usage.ru_maxrss / 1024);
-    EXPECT_LT(static_cast<uint64_t>(usage.ru_maxrss) * 1024, n_job * (uint64_t{64} << 20) + largest) << source;
-    EXPECT_GE(fs::file_size(path("packed")), largest);
+    EXPECT_LT(static_cast<uint64_t>(usage.ru_maxrss) * 1024, each.n_job * (uint64_t{64} << 20) + each.largest)
+        << each.source;
+    EXPECT_GE(fs::file_size(path("packed")), each.largest);
   }
 }
 #endif
