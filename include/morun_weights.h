@@ -56,7 +56,7 @@ enum {
 
   /* Files. The text carries the text of errno. */
   MORUN_WEIGHTS_OPEN = 10,   /* a file or directory cannot be opened or examined, or is not a regular file */
-  MORUN_WEIGHTS_READ = 11,   /* reading fails */
+  MORUN_WEIGHTS_READ = 11,   /* reading fails; or another file has the name of a packer's source by now */
   MORUN_WEIGHTS_WRITE = 12,  /* the output cannot be created, written or renamed, a full disk included */
   MORUN_WEIGHTS_SHRUNK = 13, /* a file ends earlier than it did when it was opened */
 
@@ -108,9 +108,10 @@ enum {
   /* Sources of a packer. */
   MORUN_WEIGHTS_SOURCE_KIND = 70,  /* a path is neither a directory nor ends in .safetensors, .index.json or .npy */
   MORUN_WEIGHTS_SOURCE_EMPTY = 71, /* a directory or an index without tensors, or a packer without sources */
-  MORUN_WEIGHTS_INDEX = 72,        /* an index is not JSON, has no weight_map of strings, names a file outside its
-                                      folder, or a tensor that the named file does not have; or a folder has several
-                                      indices */
+  MORUN_WEIGHTS_INDEX = 72,        /* an index is longer than 100 000 000 bytes, is not JSON, nests values deeper than 64
+                                      levels, has no weight_map of strings or two, names a tensor twice, a file outside
+                                      its folder, or a tensor that the named file does not have; or a folder has
+                                      several indices */
   MORUN_WEIGHTS_NPY = 73,      /* a .npy file's header is not of format 1.0, 2.0 or 3.0, or the data are cut short */
   MORUN_WEIGHTS_NPY_TYPE = 74, /* a .npy file's values are not little-endian numbers of a dtype of safetensors */
   MORUN_WEIGHTS_ALREADY_PACKED = 75, /* a source is a packed file */
@@ -118,7 +119,8 @@ enum {
   /* Packing. */
   MORUN_WEIGHTS_RULE_UNUSED = 80,      /* a rule's pattern matches no tensor */
   MORUN_WEIGHTS_NON_FINITE = 81,       /* a NaN or an infinity among the weights; the text names tensor and place */
-  MORUN_WEIGHTS_NO_ACTIVATION = 82,    /* no activation for a matrix that is to be calibrated */
+  MORUN_WEIGHTS_NO_ACTIVATION = 82,    /* no activation for a matrix that is to be calibrated, or activations are given
+                                          and no packed matrix has one */
   MORUN_WEIGHTS_ACTIVATION_SHAPE = 83, /* an activation is not a matrix of n_inner columns */
   MORUN_WEIGHTS_ACTIVATION_VALUE = 84, /* a NaN or an infinity in an activation, or an activation of zeros alone */
   MORUN_WEIGHTS_COVARIANCE = 85,       /* the damped covariance has no Cholesky factor */
@@ -136,8 +138,9 @@ enum {
 /* The name of a status without its prefix, such as "RANGE_GAP", or "?" for a number that is none. */
 const char* morun_weights_status_name(int32_t status);
 
-/* What the calling thread's last failure was, in one sentence that names file and tensor; at most 1023 bytes. Empty
- * until the thread's first failure; a later success does not clear it. Valid until the thread's next call. */
+/* What the calling thread's last failure was, in one sentence that names file and tensor; at most 1023 bytes, without
+ * control characters: those of names stand as \x1b, and those of paths as ?. Empty until the thread's first failure; a
+ * later success does not clear it. Valid until the thread's next call. */
 const char* morun_weights_error_text(void);
 
 /* ---- Forms, quantisers, layout ---- */
@@ -213,7 +216,8 @@ enum { MORUN_WEIGHTS_MAX_WORST_COLUMNS = 8 };
 
 typedef struct morun_weights_column_error {
   uint64_t column;
-  double relative_error; /* |w - w'| / |w|, Euclidean norms of the column; 1 where |w| is 0 and |w'| is not */
+  double relative_error; /* |w - w'| / |w|, Euclidean norms of the column, as every relative error here: 0 for 0 / 0, 1
+                            where |w| alone is 0, and DBL_MAX where the error is infinite */
 } morun_weights_column_error;
 
 /* What packing did to the values; w' are the values that the packed matrix stands for. Sums of squares are in f64.
@@ -263,7 +267,7 @@ typedef struct morun_weights_recipe {
  *                   another n_inner
  *   EXTENTS         as morun_weights_layout_of
  *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the order
- *                   of columns. The columns' part of `packed` is undefined then
+ *                   of columns, and how many more these columns have. The columns' part of `packed` is undefined then
  *   NO_MEMORY       working memory for 32 columns could not be had */
 int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t first_column, uint64_t n_column,
                                    const float* values, uint64_t inner_stride, uint64_t column_stride, void* packed,
@@ -313,7 +317,7 @@ typedef struct morun_weights_pack_options {
   double damping;           /* of calibrated; default 0.05 */
   const char* activations;  /* a folder with TENSOR.npy for each calibrated matrix, or one .npy file where a single
                                matrix is packed; n_row x n_inner of floats. Default NULL. With it, the products'
-                               errors are measured for every matrix that has one */
+                               errors are measured for every matrix that has one; at least one must have one */
   /* Called in the thread that runs the packer, at most 10 times a second and once at the end, before the file appears:
    * an interrupt from any of these calls leaves no file. Default NULL. */
   void (*progress)(void* user, const morun_weights_progress* progress);
@@ -335,7 +339,7 @@ int32_t morun_weights_packer_create(const morun_weights_pack_options* options, m
  *   NAME.index.json    the files that an index names, beside it
  *   a directory        the one .index.json file in it; or all its .safetensors files; or all its .npy files
  *   NAME.npy           one tensor, whose name is NAME
- * and reads headers alone. A source that fails adds nothing.
+ * and reads headers alone. A source that fails adds nothing. Its files are closed again until the packer runs.
  *
  *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, those of an invalid safetensors file, HEADER_NAME (also of a
  *   .npy file), DUPLICATE_NAME, SOURCE_KIND, SOURCE_EMPTY, INDEX, NPY, NPY_TYPE, ALREADY_PACKED
@@ -364,10 +368,11 @@ typedef struct morun_weights_decision {
   const char* reason; /* such as "rule *.q_proj.weight" or "name contains norm" */
   uint64_t n_inner;   /* true extents; 0 where the form is carried */
   uint64_t n_col;
-  uint64_t n_byte; /* in the packed file */
+  uint64_t n_byte; /* in the packed file; 0 for a matrix that is too large, of which the reason says so, and which
+                      makes a run fail with EXTENTS */
   int32_t is_done; /* whether a run has packed it; what follows is zero until then */
   uint32_t reserved;
-  double error;         /* |w - w'| / |w|, Frobenius norms; 0 for 0 / 0 and for carried */
+  double error;         /* |w - w'| / |w|, Frobenius norms; 0 for carried */
   double product_error; /* |X (w - w')| / |X w| on the activations, or -1 without */
   morun_weights_statistics statistics;
 } morun_weights_decision;
@@ -383,8 +388,9 @@ int32_t morun_weights_packer_decision(const morun_weights_packer* packer, uint64
 
 /* Packs. The file appears at `output` whole, replacing what was there, or not at all: until then it has no name or
  * another one in the same folder, which is gone after every failure. May be called again after a failure, and not
- * after a success. Holds at most 64 MiB a job (where n_inner is above 100 000, 600 bytes for each row) and the largest
- * packed matrix, with calibrated 24 n_inner^2 bytes more.
+ * after a success. Holds at most 64 MiB a job and the largest packed matrix, with calibrated 24 n_inner^2 bytes more.
+ * Fewer jobs run where n_inner is above 160 000; where n_inner is above 160 000 times n_job, one job holds 400 bytes for
+ * each row.
  *
  *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, WRITE, SOURCE_EMPTY, NPY, NPY_TYPE, RULE_UNUSED, NON_FINITE,
  *   NO_ACTIVATION, ACTIVATION_SHAPE, ACTIVATION_VALUE, COVARIANCE, INTERRUPTED
@@ -458,6 +464,14 @@ int32_t morun_weights_file_verify(const morun_weights_file* file, uint64_t index
  *   BAD_ARGUMENT   index, or a range that does not lie in the tensor */
 int32_t morun_weights_file_read(const morun_weights_file* file, uint64_t index, uint64_t offset, uint64_t n_byte,
                                 void* bytes);
+
+/* Reads all n_byte bytes of a tensor, as they stand, and compares them with the checksum on the way: each byte of the
+ * file is read once. On READ, SHRUNK and CHECKSUM the bytes at `bytes` are undefined.
+ *
+ *   NULL_ARGUMENT   file; or bytes where the tensor's n_byte is not 0
+ *   BAD_ARGUMENT    index
+ *   READ, SHRUNK, CHECKSUM */
+int32_t morun_weights_file_read_verified(const morun_weights_file* file, uint64_t index, void* bytes);
 
 /* Reads a packed tensor and stores the values it stands for, row-major, n_inner x n_col f32. `values` is undefined
  * after READ, SHRUNK, CHECKSUM and NO_MEMORY; n_byte bytes of working memory are taken.

@@ -54,9 +54,6 @@ extern "C" {
   last_to_fail = from_then_on ? UINT64_MAX : nth;
   if (nth == 0) last_to_fail = 0;
 }
-[[gnu::visibility("default")]] uint64_t allocation_shim_count() {
-  return n_calls;
-}
 [[gnu::visibility("default")]] uint64_t allocation_shim_failed() {
   return n_failed;
 }

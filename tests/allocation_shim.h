@@ -19,7 +19,6 @@ extern "C" {
 // 0, no allocation fails.
 void allocation_shim_fail(uint64_t nth, bool from_then_on);
 
-// Count the allocations since that call, and those of them that failed.
-uint64_t allocation_shim_count();
+// Returns how many allocations have failed since that call.
 uint64_t allocation_shim_failed();
 }

@@ -18,11 +18,10 @@ inline std::string file_contents(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Returns the path of the running test's file in this folder.
+// Returns the path of the running test's file in this folder. The file of a test with parameters has the parameter's name.
 inline std::string file_of_test(const std::string& folder) {
-  std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
-  std::replace(name.begin(), name.end(), '/', '_');
-  return folder + "/" + name + ".txt";
+  const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+  return folder + "/" + name.substr(name.find('/') + 1) + ".txt";
 }
 
 inline void expect_kept_text(const std::string& text) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -23,6 +25,15 @@ inline parlo_emulator_usage usage() {
   parlo_emulator_usage usage;
   parlo_emulator_get_usage(&usage);
   return usage;
+}
+
+// Runs `body` in a forked child and returns its exit status, or -1 when a signal ends the child.
+inline int status_of_child(const auto& body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(static_cast<int>(body()));
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 inline void configure(auto change) {
@@ -54,22 +65,9 @@ inline std::vector<uint64_t> last_invocation() {
   return arguments;
 }
 
-// The last error as "code function file line: message"; line 0 stands for any.
-inline std::string last_error(bool with_line = true) {
+inline std::string last_error() {
   const tavik_error& error = *tavik_error_get_last();
-  return std::to_string(error.code) + " " + error.function + " " + error.file + " " +
-         std::to_string(with_line ? error.line : 0) + ": " + error.message;
-}
-
-inline std::string printed_by(auto print) {
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* const stream = open_memstream(&text, &size);
-  print(stream);
-  fclose(stream);
-  const std::string printed(text, size);
-  free(text);
-  return printed;
+  return std::string(error.function) + ", line " + std::to_string(error.line) + ": " + error.message;
 }
 
 class PlatformTest : public ::testing::Test {

@@ -38,7 +38,7 @@ check() {
 
 # Ends a running product by signals as soon as the temporary file of its result exists.
 end_by_signals() {
-  env --default-signal=INT "${tool[@]}" mm x.npy i.npy -o old.npy --repeat 100000000 >/dev/null &
+  ulimit -c 0; env --default-signal=INT,QUIT "${tool[@]}" mm x.npy i.npy -o old.npy --repeat 100000000 >/dev/null &
   until [ -n "$(find . -name '.morun.*')" ]; do sleep 0.01; done
   for signal in "$@"; do kill -s "$signal" $!; done
   wait $! 2>/dev/null
@@ -49,4 +49,23 @@ want_of_memory() {
   local nth=$1
   export ASAN_OPTIONS=verify_asan_link_order=0:${ASAN_OPTIONS-}
   LD_PRELOAD=$libraries/liballocation_shim.so MORUN_FAIL_ALLOCATION=$nth "${tool[@]}" "${@:2}" 2>&1 >/dev/null | grep '^morun'
+}
+
+# Prints a .npy file of type $1 with $2 rows and $3 columns of whole numbers, which quantise to $4 levels with a scale of
+# exactly 1. Each column has the lowest and the highest level; even columns have negative numbers, too.
+levels() {
+  perl -e '($type, $n_row, $n_col, $n) = @ARGV;
+    sub half {
+      my ($x, $e) = (abs $_[0], 0);
+      ++$e while $x >= 2 ** ($e + 1);
+      return $x == 0 ? 0 : ($_[0] < 0) << 15 | $e + 15 << 10 | ($x / 2 ** $e - 1) * 1024;
+    }
+    for $r (0 .. $n_row - 1) {
+      for $c (0 .. $n_col - 1) {
+        $x = ($r == 0 ? 0 : $r == 1 ? $n - 1 : ($r * 37 + $c * 11) % $n) - ($c % 2 ? 0 : $n / 2);
+        print $type eq "<f2" ? half($x) : $x, "\n";
+      }
+    }' "$@" >levels.txt
+  npy "$1" "($2, $3)" $(<levels.txt)
+  rm levels.txt
 }

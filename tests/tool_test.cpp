@@ -10,20 +10,19 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <nlohmann/json.hpp>
-#include <set>
+#include <span>
 #include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "tests/expected_text.h"
+#include "tests/packed_matrix.h"
 
 namespace {
 
@@ -75,20 +74,13 @@ std::vector<float> small_integers(size_t count, uint32_t seed) {
   return values;
 }
 
-// Halves take integers of up to 11 bits.
-uint16_t half_of(float value) {
-  const auto bits = std::bit_cast<uint32_t>(value);
-  const uint32_t magnitude = value == 0 ? 0 : (bits >> 13 & 0x3ffff) - (112 << 10);
-  return static_cast<uint16_t>((bits >> 16 & 0x8000) | magnitude);
-}
-
 // The bytes of row-major values as a file of that type holds them.
 std::string encoded(const std::string& type, const std::vector<float>& values, size_t n_col) {
   std::string bytes;
   const size_t n_row = values.size() / n_col;
   for (size_t i = 0; i < values.size(); ++i) {
     const float value = type.ends_with("F") ? values[i % n_row * n_col + i / n_row] : values[i];
-    std::string one = type[2] == '2'   ? bytes_of<uint16_t>({half_of(value)})
+    std::string one = type[2] == '2'   ? bytes_of<uint16_t>({morun::simd::narrow_bits(value)})
                       : type[2] == '4' ? bytes_of<float>({value})
                                        : bytes_of<double>({value});
     if (type[0] == '>') std::reverse(one.begin(), one.end());
@@ -99,14 +91,6 @@ std::string encoded(const std::string& type, const std::vector<float>& values, s
 
 std::string matrix_npy(const std::vector<float>& values, size_t n_col, const std::string& type = "<f4") {
   return npy(type, text("(", values.size() / n_col, ", ", n_col, ")"), encoded(type, values, n_col));
-}
-
-// What follows the label, up to the end of its line, each time.
-std::multiset<std::string> all_after(const std::string& label, const std::string& report) {
-  std::multiset<std::string> found;
-  for (size_t at = report.find(label); at != std::string::npos; at = report.find(label, at + 1))
-    found.insert(report.substr(at + label.size(), report.find('\n', at) - at - label.size()));
-  return found;
 }
 
 // Runs commands in a directory of its own.
@@ -168,6 +152,10 @@ class ToolTest : public testing::Test {
     return all;
   }
 
+  bool has_real_matrices() const {
+    fs::create_directory_symlink(fs::path(MORUN_DATA_DIR) / "ocr", fs::path(work()) / "ocr");
+    return fs::exists(fs::path(work()) / "ocr");
+  }
   std::string work() const { return directory_ / "work"; }
   std::string file(const std::string& name) const { return test::file_contents(fs::path(work()) / name); }
   void write(const std::string& name, const std::string& bytes) const {
@@ -177,48 +165,13 @@ class ToolTest : public testing::Test {
   const fs::path directory_;
 };
 
-TEST_F(ToolTest, ToolErrors) {
+class ToolScripts : public ToolTest, public testing::WithParamInterface<const char*> {};
+TEST_P(ToolScripts, Plays) {
   play();
 }
-TEST_F(ToolTest, ToolInputs) {
-  play();
-}
-TEST_F(ToolTest, ToolOutputs) {
-  play();
-}
-TEST_F(ToolTest, ToolReports) {
-  play();
-}
-
-TEST_F(ToolTest, RealTextIsReadAsAccuratelyAsTheWeightsAllow) {
-  const fs::path data = fs::path(MORUN_DATA_DIR) / "ocr";
-  if (!fs::exists(data)) GTEST_SKIP() << "no real matrices at " << data;
-  fs::create_directory_symlink(data, fs::path(work()) / "ocr");
-  constexpr size_t n_col = 6656, n_class = 6625;
-  const std::string attend =
-      "attention_x.npy --qkv ocr/attention_q.npy ocr/attention_k.npy ocr/attention_v.npy -o q k v";
-  const std::string label = "relative Frobenius error ";
-  const auto expected = values_of<int32_t>(file("ocr/classifier_y.npy"));
-  for (const auto& [kind, n_same_min, classifier_error_max, attention_error_max] :
-       {std::tuple{"f16", 88u, 0.0005, 0.0005}, {"a8w8", 86u, 0.003, 0.012}, {"a8w4", 83u, 0.03, 0.1}}) {
-    SCOPED_TRACE(kind);
-    const std::string mm = text("morun mm --check --weights ", kind, " ocr/");
-    auto errors = all_after(label, report(mm + "classifier_x.npy ocr/classifier_w.npy -o y.npy"));
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_LE(std::stod(*errors.begin()), classifier_error_max);
-
-    const auto y = values_of<float>(file("y.npy"));
-    ASSERT_EQ(y.size(), expected.size() * n_col);
-    size_t n_same = 0;
-    for (size_t r = 0; r < expected.size(); ++r)
-      n_same += std::max_element(&y[r * n_col], &y[r * n_col + n_class]) - &y[r * n_col] == expected[r];
-    EXPECT_GE(n_same, n_same_min);
-
-    errors = all_after(label, report(mm + attend));
-    ASSERT_EQ(errors.size(), 3u);
-    for (const std::string& error : errors) EXPECT_LE(std::stod(error), attention_error_max);
-  }
-}
+INSTANTIATE_TEST_SUITE_P(, ToolScripts,
+                         testing::Values("ToolErrors", "ToolInputs", "ToolOutputs", "ToolPacked", "ToolReports"),
+                         [](const auto& name) { return std::string(name.param); });
 
 // Whole numbers that quantise with a scale of exactly 1: even columns have the whole range of the levels, odd ones
 // their count and 1. Padding that counted as a value would change the scale. Without levels they are exact as halves.
@@ -231,17 +184,6 @@ std::vector<float> weights(size_t n_inner, size_t n_col, int levels, uint32_t se
     w[i] = k == 0 ? low : k == 1 ? high : std::clamp(w[i], low, high);
   }
   return w;
-}
-
-// A column of positive values alone starts at the lowest zero point, and so loses its largest value.
-std::vector<float> product(const std::vector<float>& x, const std::vector<float>& w, size_t n_inner, int levels) {
-  const size_t n_col = w.size() / n_inner;
-  const float largest = levels > 0 ? static_cast<float>(levels - 1) : INFINITY;
-  std::vector<float> y(x.size() / n_inner * n_col);
-  for (size_t i = 0; i < y.size(); ++i)
-    for (size_t k = 0; k < n_inner; ++k)
-      y[i] += x[i / n_col * n_inner + k] * std::min(w[k * n_col + i % n_col], largest);
-  return y;
 }
 
 TEST_F(ToolTest, ProductsOfAnyShapeAndTypeAreExactWhereTheirWeightsAre) {
@@ -261,18 +203,21 @@ TEST_F(ToolTest, ProductsOfAnyShapeAndTypeAreExactWhereTheirWeightsAre) {
       std::vector<float> x = small_integers(n_row * n_inner, 1);
       for (size_t r = 0; levels > 0 && r < n_row; ++r) x[r * n_inner + r % n_inner] = r % 2 == 0 ? 127 : -127;
       write("x.npy", matrix_npy(x, n_inner, x_type));
-      std::vector<std::vector<float>> expected;
+      std::vector<std::vector<double>> expected;
+      // A column of positive values alone starts at the lowest zero point, and so loses its largest value.
+      const float largest = levels > 0 ? static_cast<float>(levels - 1) : INFINITY;
       for (size_t i = 0; i < n_weights; ++i) {
         const size_t n_col = i == 0 ? n_col_first : n_col_other;
         const auto w = weights(n_inner, n_col, levels, static_cast<uint32_t>(2 + i));
         write(text("w", i, ".npy"), matrix_npy(w, n_col, w_type));
-        expected.push_back(product(x, w, n_inner, levels));
+        expected.push_back(test::product(x, n_inner, n_col,
+                                         [&](uint64_t k, uint64_t c) { return std::min(w[k * n_col + c], largest); }));
       }
 
       const auto output = report(text("morun mm x.npy ", files[n_weights - 1], " --check --repeat 2 --weights ", kind));
       EXPECT_TRUE(levels > 0 || output.find("deviation 0 absolute, 0 relative") != std::string::npos) << output;
       for (size_t i = 0; i < n_weights; ++i)
-        EXPECT_TRUE(values_of<float>(file(text("y", i, ".npy"))) == expected[i]) << "result " << i;
+        EXPECT_TRUE(std::ranges::equal(values_of<float>(file(text("y", i, ".npy"))), expected[i])) << "result " << i;
     }
   }
 }
@@ -314,167 +259,68 @@ TEST_F(ToolTest, ProductsHoldEachMatrixOnceAndShowHowFarTheyAre) {
 
 // ---- Packed files --------------------------------------------------------------------------------------------------
 
-std::vector<float> rows_of(const std::vector<float>& x, size_t n_col, size_t first, size_t n) {
-  return {x.begin() + static_cast<ptrdiff_t>(first * n_col), x.begin() + static_cast<ptrdiff_t>((first + n) * n_col)};
+// Of rows, those whose largest value among the classes is the exact one's.
+size_t n_same(std::span<const float> y, std::span<const double> exact, size_t n_col, size_t n_class) {
+  size_t n = 0;
+  for (size_t r = 0; r < y.size(); r += n_col)
+    n += std::max_element(&y[r], &y[r] + n_class) - &y[r] ==
+         std::max_element(&exact[r], &exact[r] + n_class) - &exact[r];
+  return n;
 }
 
-std::vector<double> exact_product(const std::vector<float>& x, const std::vector<float>& w, size_t n_inner) {
-  const size_t n_col = w.size() / n_inner, n_row = x.size() / n_inner;
-  std::vector<double> y(n_row * n_col);
-  for (size_t r = 0; r < n_row; ++r)
-    for (size_t k = 0; k < n_inner; ++k)
-      for (size_t c = 0; c < n_col; ++c) y[r * n_col + c] += double{x[r * n_inner + k]} * w[k * n_col + c];
-  return y;
-}
-
-struct Judged {
-  double error = 0;
-  size_t n_same = 0;  // rows whose largest value among the classes is the exact one's
-};
-Judged judge(const std::vector<float>& y, const std::vector<double>& exact, size_t n_col, size_t n_class) {
-  double error = 0, all = 0;
-  Judged judged;
-  for (size_t i = 0; i < y.size(); ++i) {
-    error += std::pow(y[i] - exact[i], 2);
-    all += exact[i] * exact[i];
-  }
-  for (size_t r = 0; r < y.size() / n_col; ++r)
-    judged.n_same += std::max_element(&y[r * n_col], &y[r * n_col + n_class]) - &y[r * n_col] ==
-                     std::max_element(&exact[r * n_col], &exact[r * n_col + n_class]) - &exact[r * n_col];
-  judged.error = std::sqrt(error / all);
-  return judged;
-}
-
-TEST_F(ToolTest, PackedRealLayersMultiplyWithTheSameBitsAndBetterQuantisersWithSmallerErrors) {
-  const fs::path data = fs::path(MORUN_DATA_DIR) / "ocr";
-  if (!fs::exists(data)) GTEST_SKIP() << "no real matrices at " << data;
-  fs::create_directory_symlink(data, fs::path(work()) / "ocr");
+TEST_F(ToolTest, RealLayersAreMultipliedAsAccuratelyAsTheirWeightsAllowAndWithTheSameBitsWherePacked) {
+  if (!has_real_matrices()) GTEST_SKIP() << "no real matrices at " MORUN_DATA_DIR;
   constexpr size_t n_inner = 128, n_seen = 44;
   struct Layer {
     const char *x, *w;
     size_t n_col, n_class;
+    double errors[3];  // at most, of each kind of weights
     double mse, calibrated;
   };
-  const Layer layers[] = {{"classifier_x", "classifier_w", 6656, 6625, 0.93, 0.58},
-                          {"attention_x", "attention_q", 128, 128, 0.97, 0.75},
-                          {"attention_x", "attention_k", 128, 128, 0.97, 0.75},
-                          {"attention_x", "attention_v", 128, 128, 1, 0.79}};
+  const Layer layers[] = {{"classifier_x", "classifier_w", 6656, 6625, {0.0005, 0.003, 0.03}, 0.93, 0.58},
+                          {"attention_x", "attention_q", 128, 128, {0.0005, 0.012, 0.1}, 0.97, 0.75},
+                          {"attention_x", "attention_k", 128, 128, {0.0005, 0.012, 0.1}, 0.97, 0.75},
+                          {"attention_x", "attention_v", 128, 128, {0.0005, 0.012, 0.1}, 1, 0.79}};
   for (const Layer& layer : layers) {
     SCOPED_TRACE(layer.w);
     const std::string x = text("ocr/", layer.x, ".npy"), w = text("ocr/", layer.w, ".npy");
+    const auto rows = values_of<float>(file(x)), weights = values_of<float>(file(w));
+    const std::vector<double> exact =
+        test::product(rows, n_inner, layer.n_col, [&](uint64_t k, uint64_t c) { return weights[k * layer.n_col + c]; });
+    const double* error_max = layer.errors;
     for (const std::string kind : {"f16", "a8w8", "a8w4"}) {
       report(text("morun pack ", w, " -o packed.safetensors --quantiser library --weights ", kind));
       report(text("morun mm ", x, " packed.safetensors:", layer.w, " -o packed.npy"));
       report(text("morun mm ", x, " ", w, " -o direct.npy --weights ", kind));
       EXPECT_TRUE(file("packed.npy") == file("direct.npy")) << kind;
+      EXPECT_LE(test::relative_error(exact, values_of<float>(file("direct.npy"))), *error_max++) << kind;
     }
-    const auto rows = values_of<float>(file(x));
-    const auto unseen = rows_of(rows, n_inner, n_seen, 44);
-    const std::vector<double> exact = exact_product(rows, values_of<float>(file(w)), n_inner);
-    const std::vector<double> exact_unseen(exact.begin() + static_cast<ptrdiff_t>(n_seen * layer.n_col), exact.end());
-    write("seen.npy", matrix_npy(rows_of(rows, n_inner, 0, n_seen), n_inner));
-    write("unseen.npy", matrix_npy(unseen, n_inner));
-    std::map<std::string, Judged> judged, judged_all;
+    write("seen.npy", matrix_npy({rows.begin(), rows.begin() + n_seen * n_inner}, n_inner));
+    struct Judged {
+      double error = 0;  // of rows that were not seen
+      size_t n_same = 0, n_same_of_all = 0;
+    };
+    std::map<std::string, Judged> judged;
     for (const std::string quantiser : {"minmax", "mse", "calibrated"}) {
       report(text("morun pack ", w, " -o packed.safetensors --weights a8w4 --activations seen.npy --quantiser ",
                   quantiser));
-      report(text("morun mm unseen.npy packed.safetensors:", layer.w, " -o y.npy"));
-      judged[quantiser] = judge(values_of<float>(file("y.npy")), exact_unseen, layer.n_col, layer.n_class);
       report(text("morun mm ", x, " packed.safetensors:", layer.w, " -o y.npy"));
-      judged_all[quantiser] = judge(values_of<float>(file("y.npy")), exact, layer.n_col, layer.n_class);
+      const std::vector<float> y = values_of<float>(file("y.npy"));
+      const auto unseen = std::span(y).subspan(n_seen * layer.n_col);
+      const auto exact_unseen = std::span(exact).subspan(n_seen * layer.n_col);
+      judged[quantiser] = {test::relative_error(exact_unseen, unseen),
+                           n_same(unseen, exact_unseen, layer.n_col, layer.n_class),
+                           n_same(y, exact, layer.n_col, layer.n_class)};
       std::printf("%s a8w4 %-10s error %.4f, largest values of %zu rows of 44, of %zu of 88\n", layer.w,
-                  quantiser.c_str(), judged[quantiser].error, judged[quantiser].n_same, judged_all[quantiser].n_same);
+                  quantiser.c_str(), judged[quantiser].error, judged[quantiser].n_same,
+                  judged[quantiser].n_same_of_all);
     }
     EXPECT_LE(judged["mse"].error, layer.mse * judged["minmax"].error);
     EXPECT_LE(judged["calibrated"].error, layer.calibrated * judged["minmax"].error);
     if (layer.n_col == layer.n_class) continue;
-    EXPECT_GE(judged_all["mse"].n_same, judged_all["minmax"].n_same);
+    EXPECT_GE(judged["mse"].n_same_of_all, judged["minmax"].n_same_of_all);
     EXPECT_GE(judged["calibrated"].n_same, judged["minmax"].n_same);
   }
-}
-
-TEST_F(ToolTest, PackedFilesAreListedUnpackedAndMultiplied) {
-  std::vector<float> w = weights(45, 70, 256, 1), v = weights(45, 33, 16, 2);
-  for (size_t i = 1; i < 45 * 70; i += 2) w[i] -= 1;  // odd columns from 0 on, so that their scale is 1 too
-  for (size_t i = 0; i < v.size(); ++i) v[i] -= static_cast<float>(i % 33 % 2);
-  write("w.npy", matrix_npy(w, 70));
-  write("v.npy", matrix_npy(v, 33, "<f2"));
-  write("b.npy", npy("<i4", "(3,)", bytes_of<int32_t>({1, 2, 3})));
-  write("x.npy", matrix_npy(std::vector<float>(45, 127), 45));
-  EXPECT_EQ(report("morun pack w.npy v.npy b.npy --dry-run --form 'v=a8w4' --skip '?' --form w=f16"),
-            "f16      F32   45 x 70          w (rule w)\n"
-            "carried  F16   45 x 33          v (rule ?)\n"
-            "carried  I32   3                b (not 2-dimensional)\n");
-  report("morun pack w.npy v.npy b.npy -o p.safetensors --form v=a8w4 --report r.json --jobs 3");
-  EXPECT_EQ(report("morun inspect p.safetensors --verify"),
-            "form     quantiser  source  extents  bytes  error / of products  name\n"
-            "a8w8     minmax     F32     45 x 70  12288  0                    w\n"
-            "a8w4     minmax     F16     45 x 33  8192   0                    v\n"
-            "carried             I32     3        12                          b\n"
-            "3 checksums are right\n");
-  const auto listed = nlohmann::json::parse(report("morun inspect p.safetensors --json"))["tensors"];
-  EXPECT_EQ(listed[1]["n_col"], 33);
-  EXPECT_EQ(listed[1]["sums"], 6144);
-  EXPECT_EQ(listed[2]["file_offset"], 4096 + 12288 + 8192);
-  const auto reported = nlohmann::json::parse(file("r.json"))["tensors"];
-  EXPECT_EQ(reported[0]["worst_columns"].size(), 8u);
-  for (const char* const name : {"w", "v"}) {
-    const std::vector<float>& values = *name == 'w' ? w : v;
-    report(text("morun unpack p.safetensors ", name, " -o u.npy"));
-    EXPECT_TRUE(values_of<float>(file("u.npy")) == values) << name;
-    report(text("morun mm x.npy p.safetensors:", name, " -o y.npy --check --max-error 0"));
-    EXPECT_TRUE(values_of<float>(file("y.npy")) == product(std::vector<float>(45, 127), values, 45, 0)) << name;
-  }
-  std::string broken = file("p.safetensors");
-  broken[4096 + 5] ^= 1;
-  write("broken.safetensors", broken);
-  write("odd.npy", matrix_npy({1, NAN, 1e6, 2}, 2));
-  write("rough.npy", matrix_npy({1, 2.7f, 100, -3.1f}, 2));
-  write("x2.npy", matrix_npy({1, 2}, 2));
-  report("morun pack rough.npy -o rough.safetensors --weights a8w4");
-  const auto before = files();
-  const std::tuple<const char*, int, const char*> failures[] = {
-      {"inspect broken.safetensors --verify", 1, "\"w\""},
-      {"mm x.npy broken.safetensors:w -o y2.npy", 1, "\"w\""},
-      {"mm x.npy p.safetensors:z -o y2.npy", 1, "\"z\""},
-      {"mm x.npy p.safetensors:b -o y2.npy", 1, "is not packed"},
-      {"mm x.npy p.safetensors:w -o y2.npy --weights a8w4", 1, "packed in another form"},
-      {"mm x2.npy p.safetensors:w -o y2.npy", 1, "has 2 columns and p.safetensors:w has 45 rows"},
-      {"mm x.npy w.npy -o y2.npy --max-error 1", 2, "--max-error"},
-      {"unpack p.safetensors b -o y2.npy", 1, "is not packed"},
-      {"unpack p.safetensors w -o none/y2.npy", 1, "cannot be written"},
-      {"pack odd.npy -o y2", 1, "tensor \"odd\": weight (0, 1) is NaN\n"},
-      {"pack w.npy -o y2 --form z=f16", 1, "no tensor has a name that matches \"z\""},
-      {"pack w.npy -o y2 --form w", 2, "w is not PATTERN=FORM"},
-      {"pack w.npy -o y2 --form w=f8", 1, "f8 is none of carried, f16, a8w8, a8w4"},
-      {"pack w.npy", 2, "--output is required"},
-      {"pack w.npy -o none/y2", 1, "No such file"},
-      {"pack w.npy -o y2 --report none/r", 1, "cannot be written"},
-      {"pack w.npy -o y2 --quantiser calibrated", 1, "needs activations"},
-      {"pack p.safetensors -o y2", 1, "is a packed file already"}};
-  for (const auto& [arguments, status, cause] : failures) {
-    const Outcome outcome = run(text("morun ", arguments));
-    EXPECT_EQ(outcome.status, status) << arguments;
-    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
-    EXPECT_NE(outcome.err.find(cause), std::string::npos) << outcome.err;
-    EXPECT_TRUE(files() == before) << arguments;
-  }
-  const Outcome outcome = run("morun mm x2.npy rough.safetensors:rough -o y2.npy --check --max-error 1e-9");
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_NE(outcome.err.find(", above 1e-09\n"), std::string::npos) << outcome.err;
-  EXPECT_EQ(run("morun pack odd.npy -o q --weights f16 --allow-nonfinite").err,
-            "morun: warning: odd: 1 values are NaN and 0 infinite\n"
-            "morun: warning: odd: 1 values are beyond the range of f16 and become infinite\n");
-}
-
-TEST_F(ToolTest, InterruptedPackingLeavesNothing) {
-  write("w.npy", npy("<f4", "(8192, 8192)", ""));
-  fs::resize_file(fs::path(work()) / "w.npy", file("w.npy").size() + 8192ul * 8192 * 4);
-  write("p", "what was there");
-  EXPECT_EQ(run("\"${tool[@]}\" pack w.npy -o p --quantiser mse & sleep 0.1; kill -TERM $!; wait $!").status,
-            128 + SIGTERM);
-  EXPECT_EQ(file("p"), "what was there");
-  EXPECT_EQ(std::distance(fs::directory_iterator(work()), {}), 2);
 }
 
 }  // namespace

@@ -28,7 +28,8 @@ namespace paths {
 using namespace formats;
 constexpr TensorFormats P1 = {{f32, f16, f32}, {rm, wh, rm}}, P2 = {{f16, f16, f16}, {ah, wh, ah}},
                         P3 = {{f16, f16, f16}, {rm, wh, rm}}, P4 = {{u8, i4, i32}, {rm, wh, rm}},
-                        P5 = {{f16, f16, f16}, {rm, rm, rm}}, P6 = {{u8, i8, i32}, {rm, wh, rm}};
+                        P5 = {{f16, f16, f16}, {rm, rm, rm}}, P6 = {{u8, i8, i32}, {rm, wh, rm}},
+                        every[] = {P1, P2, P3, P4, P5, P6};
 }  // namespace paths
 
 // Each test starts like a new process that has initialised the upper interface. Buffers take descriptors from 100 on,

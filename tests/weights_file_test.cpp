@@ -159,7 +159,9 @@ TEST_F(WeightsFile, ACheckpointOfTwoShardsComesBackAsWhatItHeld) {
     EXPECT_EQ(tensor.checksum, XXH3_64bits(bytes.data(), bytes.size()));
     EXPECT_EQ(tensor.product_error, -1);
     EXPECT_EQ(morun_weights_file_verify(reader.handle, index), 0) << morun_weights_error_text();
-    EXPECT_EQ(reader.bytes(index, 0, bytes.size()), bytes);
+    std::string whole(bytes.size(), '?');
+    EXPECT_EQ(morun_weights_file_read_verified(reader.handle, index, whole.data()), 0) << morun_weights_error_text();
+    EXPECT_TRUE(whole == bytes && reader.bytes(index, 0, bytes.size()) == bytes);
     EXPECT_EQ(reader.bytes(index, bytes.size() / 3, bytes.size() / 2),
               bytes.substr(bytes.size() / 3, bytes.size() / 2));
     if (e.values.empty()) {
@@ -324,11 +326,13 @@ TEST_F(WeightsFile, FilesThatAreNotAsTheFormatHasThemAreRefused) {
       {"HEADER_METADATA", "a string in the entry of \"__metadata__\"", "", "",
        [](std::string& file) { file = file_of(R"({"__metadata__":""})"); }},
       {"HEADER_NAME", "the name \"\" is empty", "\"c\":", "\"\":"},
-      {"HEADER_NAME", "the name \"c?\" is empty or holds a NUL", "\"c\":", "\"c\\u0000\":"},
+      {"HEADER_NAME", "the name \"c\\x00\" is empty or holds a NUL", "\"c\":", "\"c\\u0000\":"},
       {"DUPLICATE_NAME", "two entries are named \"a\"", "\"c\":", "\"a\":"},
       {"DUPLICATE_NAME", "two entries are named \"a\"", "\"c\":", "\"\\u0061\":"},
       {"DUPLICATE_NAME", "two entries are named \"note\"", "\"kept\"", "\"kept\",\"note\":\"kept\""},
       {"DUPLICATE_NAME", "two entries are named \"__metadata__\"", a, a + ",\"__metadata__\":{}"},
+      {"UNKNOWN_DTYPE", "tensor \"c\" has dtype \"\\x1b[2J\\x0a\\x7f\\xc2\\x9b\u00a9\"", "\"I16\"",
+       "\"\\u001b[2J\\n\\u007f\\u009b\u00a9\""},
       {"UNKNOWN_DTYPE", "tensor \"c\" has dtype \"i16\"", "\"I16\"", "\"i16\""},
       {"SHAPE_OVERFLOW", "tensor \"c\" takes more than 2^61 bytes", "[2,3]", "[4611686018427387904,4]"},
       {"SHAPE_OVERFLOW", "tensor \"c\" takes more than 2^61 bytes", "[2,3]", "[4294967296,4294967296,0]"},
@@ -469,6 +473,9 @@ TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
       {"BAD_ARGUMENT", morun_weights_file_read(good, 2, 1, 12, bytes), "range"},
       {"BAD_ARGUMENT", morun_weights_file_read(good, 2, 8, UINT64_MAX - 4, bytes), "range"},
       {"SUCCESS", morun_weights_file_read(good, 2, 12, 0, nullptr), ""},
+      {"NULL_ARGUMENT", morun_weights_file_read_verified(nullptr, 2, bytes), "file"},
+      {"NULL_ARGUMENT", morun_weights_file_read_verified(good, 2, nullptr), "bytes"},
+      {"BAD_ARGUMENT", morun_weights_file_read_verified(good, 3, bytes), "index"},
       {"NULL_ARGUMENT", morun_weights_file_unpack(nullptr, 0, values.data()), "file"},
       {"NULL_ARGUMENT", morun_weights_file_unpack(good, 0, nullptr), "values"},
       {"BAD_ARGUMENT", morun_weights_file_unpack(good, 3, values.data()), "index"},
@@ -482,11 +489,14 @@ TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
   for (const auto& [at, index] : {std::pair{4096, 0}, {4096 + 8191, 0}, {4096 + 8192, 1}, {4096 + 16395, 2}}) {
     const uint64_t damaged = static_cast<uint64_t>(index);
     std::string changed = file_of(good_header);
+    std::string whole(8192, '?');
     changed[static_cast<size_t>(at)] ^= 1;
     write("p.safetensors", changed);
     for (uint64_t i = 0; i < 3; ++i) {
       const int32_t expected = i == damaged ? MORUN_WEIGHTS_CHECKSUM : MORUN_WEIGHTS_SUCCESS;
       EXPECT_EQ(morun_weights_file_verify(good, i), expected);
+      EXPECT_EQ(morun_weights_file_read_verified(good, i, whole.data()), expected);
+      EXPECT_TRUE(changed.compare(4096 + 8192 * i, i < 2 ? 8192 : 12, whole, 0, i < 2 ? 8192 : 12) == 0);
       if (i < 2) {
         EXPECT_EQ(morun_weights_file_unpack(good, i, values.data()), expected);
       }
@@ -496,6 +506,7 @@ TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
   }
   fs::resize_file(file, 4096 + 8192 + 8191);
   EXPECT_EQ(morun_weights_file_verify(good, 1), MORUN_WEIGHTS_SHRUNK);
+  EXPECT_EQ(morun_weights_file_read_verified(good, 1, std::string(8192, '?').data()), MORUN_WEIGHTS_SHRUNK);
   EXPECT_EQ(morun_weights_file_unpack(good, 1, values.data()), MORUN_WEIGHTS_SHRUNK);
   EXPECT_EQ(morun_weights_file_read(good, 2, 0, 1, bytes), MORUN_WEIGHTS_SHRUNK);
   EXPECT_EQ(reader.bytes(1, 8000, 191).size(), 191u) << "up to the end of the file";

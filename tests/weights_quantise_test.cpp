@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <functional>
 #include <numeric>
@@ -289,7 +290,7 @@ TEST(WeightsQuantise, ValuesThatAreNotFiniteAreNamedOrReplaced) {
   for (const int32_t form : {MORUN_WEIGHTS_F16, MORUN_WEIGHTS_A8W8}) {
     const Packed refused = pack(w, form, MORUN_WEIGHTS_MINMAX);
     EXPECT_EQ(refused.status, MORUN_WEIGHTS_NON_FINITE);
-    EXPECT_STREQ(morun_weights_error_text(), "weight (3, 2) is NaN, and 1 more are not finite");
+    EXPECT_STREQ(morun_weights_error_text(), "weight (3, 2) is NaN, and 1 more in columns 0 to 69 are not finite");
     const Packed taken = pack(w, form, MORUN_WEIGHTS_MINMAX, nullptr, true);
     ASSERT_EQ(taken.status, 0);
     for (const Packed* const packed : {&refused, &taken}) {
@@ -302,6 +303,9 @@ TEST(WeightsQuantise, ValuesThatAreNotFiniteAreNamedOrReplaced) {
       EXPECT_TRUE(std::isnan(taken.value(3, 2)));
       EXPECT_EQ(taken.value(1, 69), -INFINITY);
       EXPECT_EQ(taken.statistics.squared_error, INFINITY);  // of the value that overflows
+      EXPECT_EQ(taken.statistics.worst[0].column, 33u);
+      EXPECT_EQ(taken.statistics.worst[0].relative_error, DBL_MAX);
+      EXPECT_LT(taken.statistics.worst[1].relative_error, 0.001);  // neither NaN nor infinity counts
     } else {
       EXPECT_EQ(taken.value(3, 2), 0);
       EXPECT_NEAR(taken.value(1, 69), -65504, 32);

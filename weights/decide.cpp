@@ -3,6 +3,7 @@
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "weights/error.h"
 #include "weights/layout.h"
@@ -39,11 +40,17 @@ Choice choose(const SourceTensor& tensor, const std::vector<Rule>& rules, int32_
   return {default_form, "name ends in weight"};
 }
 
-}  // namespace
-
-uint64_t Decision::n_byte() const {
-  return is_packed(form) ? layout_of(form, n_inner, n_col).n_byte : tensor->n_byte;
+void measure(Decision& decision) {
+  try {
+    decision.n_byte = layout_of(decision.form, decision.n_inner, decision.n_col).n_byte;
+  } catch (const Error& error) {
+    decision.n_byte = 0;
+    decision.refusal = error.what();
+    decision.reason += "; cannot be packed: " + decision.refusal;
+  }
 }
+
+}  // namespace
 
 std::vector<Decision> decide(const std::vector<SourceTensor>& tensors, const std::vector<Rule>& rules,
                              int32_t default_form, bool transpose) {
@@ -54,11 +61,13 @@ std::vector<Decision> decide(const std::vector<SourceTensor>& tensors, const std
     decision.tensor = &tensor;
     decision.form = choice.form;
     decision.reason = std::move(choice.reason);
+    decision.n_byte = tensor.n_byte;
     if (is_packed(decision.form)) {
       const bool is_n_col_first = !tensor.is_npy && transpose;
       decision.n_inner = tensor.shape[is_n_col_first ? 1 : 0];
       decision.n_col = tensor.shape[is_n_col_first ? 0 : 1];
       decision.is_transposed = is_n_col_first || tensor.is_fortran_order;
+      measure(decision);
     }
     decisions.push_back(std::move(decision));
   }

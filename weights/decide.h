@@ -22,15 +22,14 @@ struct Decision {
   std::string reason;
   uint64_t n_inner = 0;  // true extents where packed
   uint64_t n_col = 0;
+  uint64_t n_byte = 0;  // in the packed file
+  std::string refusal;  // why no file can hold the matrix in this form; empty: one can
   bool is_transposed = false;
   bool is_done = false;
   double error = 0;
   double product_error = -1;
   uint64_t checksum = 0;
   morun_weights_statistics statistics = {};
-
-  // Bytes in the packed file. Throws EXTENTS.
-  uint64_t n_byte() const;
 };
 
 // Packed matrices first, then what is carried over, each in the order of the tensors.

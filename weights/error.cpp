@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "weights/printable.h"
+
 namespace weights {
 namespace {
 
@@ -23,16 +25,11 @@ Error::Error(int32_t status, const char* format, ...) : status_(status) {
 
 std::string in_quotes(std::string_view name) {
   constexpr size_t longest = 200;
-  std::string text = "\"";
-  for (const char letter : name.substr(0, longest)) text += static_cast<unsigned char>(letter) < ' ' ? '?' : letter;
+  if (name.size() <= longest) return '"' + printable::escaped(name) + '"';
   // A letter of several bytes is left out rather than cut.
-  if (name.size() > longest) {
-    size_t end = longest;
-    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xc0) == 0x80) --end;
-    text.resize(1 + end);
-    text += "...";
-  }
-  return text + '"';
+  size_t end = longest;
+  while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xc0) == 0x80) --end;
+  return '"' + printable::escaped(name.substr(0, end)) + "...\"";
 }
 
 void require_not_null(const void* pointer, const char* argument) {
@@ -45,6 +42,8 @@ void require_argument(bool is_good, const char* what_is_wrong) {
 
 int32_t record_failure(int32_t status, const char* text) noexcept {
   snprintf(last_text, sizeof last_text, "%s", text);
+  for (size_t at = 0; last_text[at] != '\0'; ++at)
+    if (printable::control_size(last_text, at) > 0) last_text[at] = '?';  // of a path; without memory for more
   return status;
 }
 

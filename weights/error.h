@@ -24,7 +24,7 @@ class Error : public std::exception {
   std::string text_;
 };
 
-// A name out of a file, as it may stand in a message: in quotes, cut, without control characters.
+// A name out of a file, as it may stand in a message: in quotes, cut, control characters escaped.
 std::string in_quotes(std::string_view name);
 
 // Throws NULL_ARGUMENT, which names the argument, or BAD_ARGUMENT.

@@ -1,8 +1,6 @@
-#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "weights/checksum.h"
 #include "weights/error.h"
 #include "weights/layout.h"
 #include "weights/packed_file.h"
@@ -10,17 +8,6 @@
 
 namespace weights {
 namespace {
-
-uint64_t checksum_of(const morun_weights_file& file, const PackedTensor& tensor) {
-  std::vector<std::byte> bytes(std::min(read_at_once, tensor.n_byte()));
-  Checksum checksum;
-  for (uint64_t done = 0; done < tensor.n_byte(); done += read_at_once) {
-    const uint64_t n = std::min(read_at_once, tensor.n_byte() - done);
-    file.input.read(tensor.file_offset + done, n, bytes.data());
-    checksum.add(bytes.data(), n);
-  }
-  return checksum.value();
-}
 
 morun_weights_tensor describe(const PackedTensor& tensor) {
   const Record& record = tensor.record;
@@ -91,8 +78,7 @@ int32_t morun_weights_file_find(const morun_weights_file* file, const char* name
 int32_t morun_weights_file_verify(const morun_weights_file* file, uint64_t index) {
   return weights::guarded([&] {
     weights::require_not_null(file, "file");
-    const weights::PackedTensor& tensor = file->tensor(index);
-    file->require_checksum(tensor, weights::checksum_of(*file, tensor));
+    file->verify_tensor(file->tensor(index));
   });
 }
 
@@ -106,6 +92,15 @@ int32_t morun_weights_file_read(const morun_weights_file* file, uint64_t index, 
     if (n_byte == 0) return;
     weights::require_not_null(bytes, "bytes");
     file->input.read(tensor.file_offset + offset, n_byte, bytes);
+  });
+}
+
+int32_t morun_weights_file_read_verified(const morun_weights_file* file, uint64_t index, void* bytes) {
+  return weights::guarded([&] {
+    weights::require_not_null(file, "file");
+    const weights::PackedTensor& tensor = file->tensor(index);
+    if (tensor.n_byte() != 0) weights::require_not_null(bytes, "bytes");
+    file->read_tensor(tensor, true, bytes);
   });
 }
 

@@ -19,6 +19,7 @@ InputFile::InputFile(std::string path) : path_(std::move(path)) {
   struct stat state = {};
   if (descriptor_ >= 0 && fstat(descriptor_, &state) == 0 && S_ISREG(state.st_mode)) {
     size_ = static_cast<uint64_t>(state.st_size);
+    identity_ = {state.st_dev, state.st_ino};
     return;
   }
   const char* const reason = descriptor_ >= 0 && state.st_mode != 0 ? "is no regular file" : strerror(errno);
@@ -28,7 +29,10 @@ InputFile::InputFile(std::string path) : path_(std::move(path)) {
 }
 
 InputFile::InputFile(InputFile&& other) noexcept
-    : path_(std::move(other.path_)), descriptor_(std::exchange(other.descriptor_, -1)), size_(other.size_) {}
+    : path_(std::move(other.path_)),
+      descriptor_(std::exchange(other.descriptor_, -1)),
+      size_(other.size_),
+      identity_(other.identity_) {}
 
 InputFile::~InputFile() {
   if (descriptor_ >= 0) close(descriptor_);
@@ -48,6 +52,13 @@ void InputFile::read(uint64_t offset, uint64_t n_byte, void* bytes) const {
     offset += static_cast<uint64_t>(n_read);
     n_byte -= static_cast<uint64_t>(n_read);
   }
+}
+
+InputFile ReopenedFile::open() const {
+  InputFile file(path_);
+  if (file.identity() != identity_)
+    throw Error(MORUN_WEIGHTS_READ, "%s: is another file than the one whose header was read", path_.c_str());
+  return file;
 }
 
 }  // namespace weights

@@ -1,8 +1,11 @@
 // A file that is read at given places, by any number of threads.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace weights {
 
@@ -17,6 +20,7 @@ class InputFile {
 
   const std::string& path() const { return path_; }
   uint64_t size() const { return size_; }  // when it was opened
+  std::pair<dev_t, ino_t> identity() const { return identity_; }
 
   // Reads n_byte bytes; throws READ, or SHRUNK where the file ends before.
   void read(uint64_t offset, uint64_t n_byte, void* bytes) const;
@@ -25,6 +29,22 @@ class InputFile {
   std::string path_;
   int descriptor_ = -1;
   uint64_t size_ = 0;
+  std::pair<dev_t, ino_t> identity_;
+};
+
+// A file that is opened anew for each use: a checkpoint may have more files than a process may have open.
+class ReopenedFile {
+ public:
+  explicit ReopenedFile(const InputFile& file) : path_(file.path()), identity_(file.identity()) {}
+
+  const std::string& path() const { return path_; }
+
+  // Throws OPEN, and READ where another file has taken the place of the first.
+  InputFile open() const;
+
+ private:
+  std::string path_;
+  std::pair<dev_t, ino_t> identity_;
 };
 
 }  // namespace weights

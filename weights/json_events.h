@@ -1,11 +1,12 @@
-// The events of nlohmann's parser with a refusal for each, for readers that take few of them. Texts with a NUL byte
-// have to be refused before: the parser takes one for the end.
+// The events of nlohmann's parser with a refusal for each, for readers that take few of them. A reader never holds the
+// whole document, however deep its values are nested.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 namespace weights {
 
@@ -19,8 +20,12 @@ struct JsonEvents {
   virtual ~JsonEvents() = default;
   // A value that the reader has no use for.
   virtual bool unexpected(const char* what) = 0;
-  virtual bool parse_error(size_t position, const std::string&, const nlohmann::detail::exception&) = 0;
+  // The text is not JSON at this byte, counted from 1.
+  virtual bool not_json(size_t position) = 0;
 
+  bool parse_error(size_t position, const std::string&, const nlohmann::detail::exception&) {
+    return not_json(position);
+  }
   virtual bool null() { return unexpected("null"); }
   virtual bool boolean(bool) { return unexpected("a boolean"); }
   virtual bool number_integer(int64_t) { return unexpected("a negative number"); }
@@ -34,5 +39,12 @@ struct JsonEvents {
   virtual bool start_array(size_t) { return unexpected("an array"); }
   virtual bool end_array() { return true; }
 };
+
+// The parser takes a NUL byte for the end of the text, and ignores what follows.
+template <typename Reader>
+void read_json(std::string_view text, Reader& reader) {
+  if (const size_t nul = text.find('\0'); nul != std::string_view::npos) reader.not_json(nul + 1);
+  nlohmann::json::sax_parse(text, &reader);
+}
 
 }  // namespace weights

@@ -42,9 +42,10 @@ npy::LocatedHeader header_of(const InputFile& file) {
 }  // namespace
 
 SourceTensor open_npy(const std::string& path) {
+  const InputFile file(path);
+  npy::LocatedHeader located = header_of(file);
   SourceTensor tensor;
-  tensor.file = std::make_shared<const InputFile>(path);
-  npy::LocatedHeader located = header_of(*tensor.file);
+  tensor.file = std::make_shared<const ReopenedFile>(file);
   tensor.dtype = dtype_of(path, located.header.type);
   tensor.shape = std::move(located.header.shape);
   tensor.file_offset = located.end;
@@ -54,7 +55,7 @@ SourceTensor open_npy(const std::string& path) {
   uint64_t n_byte = tensor.dtype->n_bit / 8;
   bool fits = true;
   for (const uint64_t extent : tensor.shape) fits = fits && !__builtin_mul_overflow(n_byte, extent, &n_byte);
-  const uint64_t n_left = tensor.file->size() - located.end;
+  const uint64_t n_left = file.size() - located.end;
   if (!fits || n_byte > n_left)
     throw Error(MORUN_WEIGHTS_NPY, "%s: holds %ju bytes of values, fewer than its shape takes", path.c_str(),
                 uintmax_t{n_left});

@@ -1,7 +1,6 @@
 #include "weights/output_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,9 +9,9 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
-#include <utility>
 
 #include "weights/error.h"
+#include "weights/output_target.h"
 
 namespace weights {
 namespace {
@@ -21,13 +20,12 @@ Error cannot_write(const std::string& path, int error) {
   return Error(MORUN_WEIGHTS_WRITE, "%s: cannot be written: %s", path.c_str(), strerror(error));
 }
 
-// A symbolic link stays, and the file that it leads to is replaced.
-std::string behind_link(const std::string& path) {
-  std::error_code error;
-  if (!std::filesystem::is_symlink(path, error)) return path;
-  const std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
-  if (error) throw cannot_write(path, error.value());
-  return target;
+output::Target target_of(const std::string& path) {
+  try {
+    return output::target_of(path);
+  } catch (const std::system_error& error) {
+    throw cannot_write(path, error.code().value());
+  }
 }
 
 std::string folder_of(const std::string& path) {
@@ -52,21 +50,17 @@ int with_unused_name(const std::string& path, std::string& name, const Create& c
 
 }  // namespace
 
-OutputFile::OutputFile(std::string path) : path_(behind_link(path)) {
-  struct stat state = {};
-  const bool exists = stat(path_.c_str(), &state) == 0;
-  if (exists && !S_ISREG(state.st_mode)) throw cannot_write(path_, S_ISDIR(state.st_mode) ? EISDIR : EINVAL);
-  if (exists && access(path_.c_str(), W_OK) != 0) throw cannot_write(path_, errno);
-  if (path_.empty() || path_.back() == '/') throw cannot_write(path_, EISDIR);
-
+OutputFile::OutputFile(const std::string& path) {
+  const output::Target target = target_of(path);
+  path_ = target.path;
   constexpr mode_t permissions = 0666;  // without those that the process masks
   descriptor_ = open(folder_of(path_).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, permissions);
   if (descriptor_ < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL))
     descriptor_ = with_unused_name(path_, other_name_, [](const char* name) {
       return open(name, O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC | O_NOFOLLOW, permissions);
     });
-  if (descriptor_ < 0) throw cannot_write(path_, errno);
-  if (exists) fchmod(descriptor_, state.st_mode & 0777);
+  if (descriptor_ < 0) throw cannot_write(path, errno);
+  if (target.permissions) fchmod(descriptor_, *target.permissions);
 }
 
 OutputFile::~OutputFile() {

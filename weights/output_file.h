@@ -10,7 +10,7 @@ class OutputFile {
  public:
   // Creates a file without a name in the folder of `path`, or under another name where the file system has none such.
   // Throws WRITE.
-  explicit OutputFile(std::string path);
+  explicit OutputFile(const std::string& path);
   // Removes the file unless it was committed.
   ~OutputFile();
   OutputFile(const OutputFile&) = delete;
@@ -23,7 +23,7 @@ class OutputFile {
   void commit();
 
  private:
-  std::string path_;
+  std::string path_;        // behind all links
   std::string other_name_;  // empty while the file has no name
   int descriptor_ = -1;
 };

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "simd/scalar.h"
@@ -10,6 +10,7 @@
 #include "weights/error.h"
 #include "weights/layout.h"
 #include "weights/quantisers.h"
+#include "weights/relative_error.h"
 
 namespace weights {
 namespace {
@@ -178,17 +179,21 @@ void measure_products(const Band& band, const std::vector<double>& stored, const
   statistics.product_error += product_squares(calibration, w - stored_values);
 }
 
-// `stored` has what the packed matrix stands for, in the order of the band.
-void measure(Band& band, std::vector<double>& stored, const morun_weights_calibration* calibration,
+// `stored_at` gives what the packed matrix stands for at row k of column c. All columns of that are held at a time only
+// for products.
+template <typename StoredAt>
+void measure(Band& band, const StoredAt& stored_at, const morun_weights_calibration* calibration,
              morun_weights_statistics& statistics) {
-  for (const Place& place : band.not_finite)
-    stored[place.c * band.n_padded + place.k] = band.column(place.c)[place.k] = 0;
+  std::vector<double> stored((calibration != nullptr ? tile : 1) * band.n_padded);
   for (uint64_t c = 0; c < band.n_column; ++c) {
-    const Squares squares = squares_of(band.n_padded, band.column(c), stored.data() + c * band.n_padded);
+    double* const column = stored.data() + (calibration != nullptr ? c * band.n_padded : 0);
+    for (uint64_t k = 0; k < band.n_inner; ++k) column[k] = stored_at(k, c);
+    for (const Place& place : band.not_finite)
+      if (place.c == c) column[place.k] = band.column(c)[place.k] = 0;
+    const Squares squares = squares_of(band.n_padded, band.column(c), column);
     statistics.sum_of_squares += squares.value;
     statistics.squared_error += squares.error;
-    const double relative = squares.error == 0 ? 0 : squares.value == 0 ? 1 : std::sqrt(squares.error / squares.value);
-    add_worst(statistics, {band.first_column + c, relative});
+    add_worst(statistics, {band.first_column + c, relative_error(squares.error, squares.value)});
   }
   if (calibration != nullptr) measure_products(band, stored, *calibration, statistics);
 }
@@ -281,26 +286,30 @@ void clear_gaps(int32_t form, const Packed& packed) {
 
 // Work memory for a row of tiles' width of columns.
 struct Work {
-  Work(uint64_t n_inner, uint64_t n_padded) : stored(tile * n_padded) {
+  Work(uint64_t n_inner, uint64_t n_padded) {
     band.n_inner = n_inner;
     band.n_padded = n_padded;
     band.values.resize(tile * n_padded);
   }
 
   Band band;
-  std::vector<double> stored;
   std::vector<uint16_t> halves;
   std::vector<int8_t> q;
 };
 
-void pack_halves(Work& work, const Packed& packed) {
+void pack_halves(const morun_weights_recipe& recipe, Work& work, const Packed& packed,
+                 morun_weights_statistics& statistics) {
   work.halves.resize(work.band.values.size());
   tavik_f32_to_f16(work.halves.size(), work.band.values.data(), work.halves.data());
   store_halves(work.band, work.halves, packed);
-  for (size_t i = 0; i < work.halves.size(); ++i) work.stored[i] = double{morun::simd::widen_bits(work.halves[i])};
+  const auto stored_at = [&](uint64_t k, uint64_t c) {
+    return double{morun::simd::widen_bits(work.halves[c * work.band.n_padded + k])};
+  };
+  measure(work.band, stored_at, recipe.calibration, statistics);
 }
 
-void pack_quantised(const morun_weights_recipe& recipe, Work& work, const Packed& packed) {
+void pack_quantised(const morun_weights_recipe& recipe, Work& work, const Packed& packed,
+                    morun_weights_statistics& statistics) {
   if (recipe.quantiser != MORUN_WEIGHTS_LIBRARY) make_finite(work.band);
   work.q.resize(work.band.values.size());
   QuantisedColumns columns = {};
@@ -313,19 +322,22 @@ void pack_quantised(const morun_weights_recipe& recipe, Work& work, const Packed
   else
     store_nibbles(work.band, columns.q, packed);
   store_columns(recipe.form, work.band, columns, packed);
-  for (uint64_t c = 0; c < work.band.n_column; ++c) {
-    const double scale = double{morun::simd::widen_bits(columns.scales[c])};
-    for (uint64_t k = 0; k < recipe.n_inner; ++k) {
-      const uint64_t i = c * n_padded + k;
-      work.stored[i] = (columns.q[i] - columns.zero_points[c]) * scale;
-    }
-  }
+  double scales[tile];
+  for (uint64_t c = 0; c < tile; ++c) scales[c] = double{morun::simd::widen_bits(columns.scales[c])};
+  const auto stored_at = [&](uint64_t k, uint64_t c) {
+    return (columns.q[c * n_padded + k] - columns.zero_points[c]) * scales[c];
+  };
+  measure(work.band, stored_at, recipe.calibration, statistics);
 }
 
-[[noreturn]] void refuse(const Place& place, float value, uint64_t n_more) {
-  const std::string more = n_more == 0 ? "" : ", and " + std::to_string(n_more) + " more are not finite";
+// `n_more` of the columns of one call, which need not be all of the matrix.
+[[noreturn]] void refuse(const Place& place, float value, uint64_t n_more, uint64_t first_column, uint64_t n_column) {
+  char more[100] = "";
+  if (n_more > 0)
+    snprintf(more, sizeof more, ", and %ju more in columns %ju to %ju are not finite", uintmax_t{n_more},
+             uintmax_t{first_column}, uintmax_t{first_column + n_column - 1});
   throw Error(MORUN_WEIGHTS_NON_FINITE, "weight (%ju, %ju) is %s%s", uintmax_t{place.k}, uintmax_t{place.c},
-              std::isnan(value) ? "NaN" : "infinite", more.c_str());
+              std::isnan(value) ? "NaN" : "infinite", more);
 }
 
 void pack_columns(const morun_weights_recipe& recipe, uint64_t first_column, uint64_t n_column, const float* values,
@@ -349,12 +361,12 @@ void pack_columns(const morun_weights_recipe& recipe, uint64_t first_column, uin
     }
     if (is_refused) continue;
     if (recipe.form == MORUN_WEIGHTS_F16)
-      pack_halves(work, packed);
+      pack_halves(recipe, work, packed, statistics);
     else
-      pack_quantised(recipe, work, packed);
-    measure(band, work.stored, recipe.calibration, statistics);
+      pack_quantised(recipe, work, packed, statistics);
   }
-  if (is_refused) refuse(first_not_finite, its_value, statistics.n_nan + statistics.n_infinite - 1);
+  if (is_refused)
+    refuse(first_not_finite, its_value, statistics.n_nan + statistics.n_infinite - 1, first_column, n_column);
   if (first_column + n_column == recipe.n_col) clear_gaps(recipe.form, packed);
 }
 

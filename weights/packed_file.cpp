@@ -49,6 +49,25 @@ morun_weights_layout checked_layout(const std::string& place, const PackedTensor
   return layout;
 }
 
+// Bytes: a checksum takes what was read out of the cache still.
+constexpr uint64_t read_at_once = uint64_t{1} << 18;
+
+// Reads a tensor piece by piece, each to the place that `place_of` gives for its offset.
+template <typename PlaceOf>
+void read_pieces(const InputFile& input, const PackedTensor& tensor, bool compares_checksum, const PlaceOf& place_of) {
+  Checksum checksum;
+  for (uint64_t done = 0; done < tensor.n_byte(); done += read_at_once) {
+    std::byte* const piece = place_of(done);
+    const uint64_t n = std::min(read_at_once, tensor.n_byte() - done);
+    input.read(tensor.file_offset + done, n, piece);
+    if (compares_checksum) checksum.add(piece, n);
+  }
+  if (!compares_checksum || checksum.value() == tensor.record.checksum) return;
+  throw Error(MORUN_WEIGHTS_CHECKSUM, "%s: tensor %s: the bytes have checksum %016jx, not %016jx as packed",
+              input.path().c_str(), in_quotes(tensor.entry.name).c_str(), uintmax_t{checksum.value()},
+              uintmax_t{tensor.record.checksum});
+}
+
 }  // namespace
 
 std::vector<PackedTensor> checked_tensors(const std::string& path, SafetensorsHeader header) {
@@ -89,20 +108,12 @@ const weights::PackedTensor& morun_weights_file::tensor(uint64_t index) const {
   return tensors[index];
 }
 
-void morun_weights_file::require_checksum(const weights::PackedTensor& tensor, uint64_t checksum) const {
-  if (checksum == tensor.record.checksum) return;
-  throw weights::Error(MORUN_WEIGHTS_CHECKSUM, "%s: tensor %s: the bytes have checksum %016jx, not %016jx as packed",
-                       input.path().c_str(), weights::in_quotes(tensor.entry.name).c_str(), uintmax_t{checksum},
-                       uintmax_t{tensor.record.checksum});
+void morun_weights_file::read_tensor(const weights::PackedTensor& tensor, bool compares_checksum, void* bytes) const {
+  weights::read_pieces(input, tensor, compares_checksum,
+                       [bytes](uint64_t offset) { return static_cast<std::byte*>(bytes) + offset; });
 }
 
-void morun_weights_file::read_tensor(const weights::PackedTensor& tensor, bool compares_checksum, void* bytes) const {
-  weights::Checksum checksum;
-  for (uint64_t done = 0; done < tensor.n_byte(); done += weights::read_at_once) {
-    std::byte* const piece = static_cast<std::byte*>(bytes) + done;
-    const uint64_t n = std::min(weights::read_at_once, tensor.n_byte() - done);
-    input.read(tensor.file_offset + done, n, piece);
-    if (compares_checksum) checksum.add(piece, n);
-  }
-  if (compares_checksum) require_checksum(tensor, checksum.value());
+void morun_weights_file::verify_tensor(const weights::PackedTensor& tensor) const {
+  std::vector<std::byte> piece(std::min(weights::read_at_once, tensor.n_byte()));
+  weights::read_pieces(input, tensor, true, [&piece](uint64_t) { return piece.data(); });
 }

@@ -13,9 +13,6 @@
 
 namespace weights {
 
-// Bytes: a checksum takes what was read out of the cache still.
-constexpr uint64_t read_at_once = uint64_t{1} << 18;
-
 struct PackedTensor {
   TensorEntry entry;
   Record record;
@@ -36,11 +33,11 @@ struct morun_weights_file {
 
   const weights::PackedTensor& tensor(uint64_t index) const;  // throws BAD_ARGUMENT
 
-  // Throws CHECKSUM where `checksum`, of the bytes that were read, is not the record's.
-  void require_checksum(const weights::PackedTensor& tensor, uint64_t checksum) const;
-
   // Reads a whole tensor to `bytes`. Throws READ, SHRUNK, and CHECKSUM if the checksum is to be compared.
   void read_tensor(const weights::PackedTensor& tensor, bool compares_checksum, void* bytes) const;
+
+  // Reads a whole tensor and keeps nothing of it. Throws READ, SHRUNK, CHECKSUM.
+  void verify_tensor(const weights::PackedTensor& tensor) const;
 
   weights::InputFile input;
   std::vector<weights::PackedTensor> tensors;

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cfloat>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstring>
 #include <exception>
@@ -20,6 +18,7 @@
 #include "weights/layout.h"
 #include "weights/output_file.h"
 #include "weights/record.h"
+#include "weights/relative_error.h"
 
 struct morun_weights_packer {
   explicit morun_weights_packer(const morun_weights_pack_options& given) : options(given) {
@@ -67,8 +66,17 @@ using Calibration = std::unique_ptr<morun_weights_calibration, CalibrationReleas
 // The activations that the options name, by tensor.
 class Activations {
  public:
-  Activations(const std::string& path, uint64_t n_packed) : path_(path), is_file_(path.ends_with(".npy")) {
+  explicit Activations(const std::string& path) : path_(path), is_file_(path.ends_with(".npy")) {}
+
+  void require_matrices(uint64_t n_packed) const {
     require_argument(!is_file_ || n_packed == 1, "activations is one file, and not just one matrix is packed");
+  }
+
+  // Activations that no matrix takes are a mistake, such as a wrong folder.
+  void require_use(uint64_t n_taken) const {
+    if (path_.empty() || n_taken > 0) return;
+    throw Error(MORUN_WEIGHTS_NO_ACTIVATION, "%s: is to hold activations, and has none for a matrix that is packed",
+                path_.c_str());
   }
 
   // Throws NO_ACTIVATION where the matrix is to be calibrated and there is none, ACTIVATION_SHAPE.
@@ -94,18 +102,23 @@ class Activations {
   bool is_file_;
 };
 
-Calibration calibrate(const SourceTensor& activation, double damping, const std::string& name) {
+// `go_on` is called before each piece of the activation, and throws to end the calibration.
+template <typename GoOn>
+Calibration calibrate(const SourceTensor& activation, double damping, const std::string& name, const GoOn& go_on) {
+  constexpr uint64_t most_rows_at_once = 64;
   const uint64_t n_row = activation.shape[0], n_inner = activation.shape[1];
   morun_weights_calibration* made = nullptr;
   if (const int32_t status = morun_weights_calibration_create(n_inner, &made); status != MORUN_WEIGHTS_SUCCESS)
     rethrow(status, name);
   Calibration calibration(made);
   // Rows of the activation are columns of its transpose.
-  const SourceMatrix transposed = {&activation, n_inner, n_row, !activation.is_fortran_order};
-  const uint64_t n_at_once = std::max<uint64_t>(1, stripe_size / sizeof(float) / n_inner);
+  const InputFile file = activation.file->open();
+  const SourceMatrix transposed = {&activation, &file, n_inner, n_row, !activation.is_fortran_order};
+  const uint64_t n_at_once = std::clamp<uint64_t>(stripe_size / sizeof(float) / n_inner, 1, most_rows_at_once);
   std::vector<float> rows(std::min(n_at_once, n_row) * n_inner);
   std::vector<std::byte> scratch;
   for (uint64_t first = 0; first < n_row; first += n_at_once) {
+    go_on();
     const uint64_t n = std::min(n_at_once, n_row - first);
     read_columns(transposed, first, n, rows.data(), scratch);
     if (const int32_t status = morun_weights_calibration_add(made, n, rows.data(), n_inner); status != 0)
@@ -159,6 +172,12 @@ uint64_t columns_per_stripe(const SourceMatrix& matrix) {
   return std::max<uint64_t>(1, size / sizeof(float) / matrix.n_inner / tile) * tile;
 }
 
+// Of long columns fewer jobs than are allowed fill the memory of all.
+uint32_t jobs_that_fit(uint32_t n_job, uint64_t n_inner) {
+  constexpr uint64_t memory_of_job = uint64_t{64} << 20, memory_of_row = 400;  // bytes; of 32 columns on their way
+  return static_cast<uint32_t>(std::clamp<uint64_t>(n_job * memory_of_job / memory_of_row / n_inner, 1, n_job));
+}
+
 class MatrixJobs {
  public:
   MatrixJobs(const SourceMatrix& matrix, const morun_weights_recipe& recipe, const std::atomic<bool>& is_interrupted,
@@ -173,7 +192,7 @@ class MatrixJobs {
 
   // Returns when all stripes are packed; the figures of all.
   morun_weights_statistics run(uint32_t n_job) {
-    n_working_ = static_cast<uint32_t>(std::min<uint64_t>(n_job, statistics_.size()));
+    n_working_ = static_cast<uint32_t>(std::min<uint64_t>(jobs_that_fit(n_job, matrix_.n_inner), statistics_.size()));
     std::vector<std::jthread> threads;
     try {
       for (uint32_t i = 0, n = n_working_; i < n; ++i) threads.emplace_back([this] { work(); });
@@ -242,13 +261,6 @@ class MatrixJobs {
 
 // ---- The file ------------------------------------------------------------------------------------------------------
 
-// The ratio of two norms, given by their squares; a number that JSON can tell.
-double relative(double squared_error, double squares) {
-  if (squared_error == 0) return 0;
-  const double ratio = squares > 0 ? std::sqrt(squared_error / squares) : 1;
-  return ratio <= DBL_MAX ? ratio : DBL_MAX;
-}
-
 Record record_of(const Decision& decision, int32_t quantiser) {
   Record record;
   record.form = decision.form;
@@ -272,9 +284,9 @@ TensorEntry entry_of(const Decision& decision, uint64_t begin) {
   TensorEntry entry;
   entry.name = decision.tensor->name;
   entry.begin = begin;
-  entry.end = begin + decision.n_byte();
+  entry.end = begin + decision.n_byte;
   entry.dtype = is_packed(decision.form) ? dtype_by_name("U8") : decision.tensor->dtype;
-  entry.shape = is_packed(decision.form) ? std::vector<uint64_t>{decision.n_byte()} : decision.tensor->shape;
+  entry.shape = is_packed(decision.form) ? std::vector<uint64_t>{decision.n_byte} : decision.tensor->shape;
   return entry;
 }
 
@@ -291,8 +303,7 @@ class Run {
       : packer_(packer),
         options_(packer.options),
         decisions_(packer.decisions()),
-        n_packed_(static_cast<uint64_t>(
-            std::count_if(decisions_.begin(), decisions_.end(), [](const Decision& d) { return is_packed(d.form); }))),
+        activations_(packer.activations),
         progress_(options_, decisions_) {}
 
   void write_to(const std::string& path) {
@@ -308,7 +319,7 @@ class Run {
         pack(decision, file, offset, buffer);
       else
         carry(decision, file, offset);
-      offset += decision.n_byte();
+      offset += decision.n_byte;
       progress_.end_tensor();
     }
     const std::string text = format_header(entries(), metadata(), header.size());
@@ -320,6 +331,12 @@ class Run {
   }
 
  private:
+  // Called between pieces of work.
+  void go_on() {
+    progress_.show();
+    require_not_interrupted(packer_.is_interrupted);
+  }
+
   bool is_calibrated(const Decision& decision) const {
     return is_quantised(decision.form) && options_.quantiser == MORUN_WEIGHTS_CALIBRATED;
   }
@@ -328,16 +345,21 @@ class Run {
   void check() const {
     if (decisions_.empty()) throw Error(MORUN_WEIGHTS_SOURCE_EMPTY, "there is nothing to pack: no source was added");
     require_rules_used(packer_.source.tensors, packer_.rules);
-    const Activations activations(packer_.activations, n_packed_);
+    activations_.require_matrices(static_cast<uint64_t>(
+        std::count_if(decisions_.begin(), decisions_.end(), [](const Decision& d) { return is_packed(d.form); })));
+    uint64_t n_activation = 0;
     for (const Decision& decision : decisions_) {
       if (is_packed(decision.form)) {
-        (void)decision.n_byte();
-        (void)activations.find(decision, is_calibrated(decision));
+        if (!decision.refusal.empty())
+          throw Error(MORUN_WEIGHTS_EXTENTS, "tensor %s: %s", in_quotes(decision.tensor->name).c_str(),
+                      decision.refusal.c_str());
+        if (activations_.find(decision, is_calibrated(decision))) ++n_activation;
       } else if (decision.tensor->is_fortran_order) {
         throw Error(MORUN_WEIGHTS_NPY, "%s: is in Fortran order and cannot be carried over as it is",
                     decision.tensor->file->path().c_str());
       }
     }
+    activations_.require_use(n_activation);
   }
 
   std::vector<TensorEntry> entries() const {
@@ -367,10 +389,9 @@ class Run {
   }
 
   void pack(Decision& decision, const OutputFile& file, uint64_t offset, std::vector<std::byte>& buffer) {
-    const Activations activations(packer_.activations, n_packed_);
-    const std::optional<SourceTensor> activation = activations.find(decision, is_calibrated(decision));
+    const std::optional<SourceTensor> activation = activations_.find(decision, is_calibrated(decision));
     Calibration calibration;
-    if (activation) calibration = calibrate(*activation, options_.damping, decision.tensor->name);
+    if (activation) calibration = calibrate(*activation, options_.damping, decision.tensor->name, [&] { go_on(); });
     const morun_weights_recipe recipe = {decision.form,
                                          options_.quantiser,
                                          decision.n_inner,
@@ -378,35 +399,35 @@ class Run {
                                          calibration.get(),
                                          options_.allow_non_finite,
                                          0};
-    const SourceMatrix matrix = {decision.tensor, decision.n_inner, decision.n_col, decision.is_transposed};
+    const InputFile source = decision.tensor->file->open();
+    const SourceMatrix matrix = {decision.tensor, &source, decision.n_inner, decision.n_col, decision.is_transposed};
     if (buffer.empty()) buffer.resize(largest_packed());
     decision.statistics = MatrixJobs(matrix, recipe, packer_.is_interrupted, progress_, buffer).run(options_.n_job);
-    decision.error = relative(decision.statistics.squared_error, decision.statistics.sum_of_squares);
+    decision.error = relative_error(decision.statistics.squared_error, decision.statistics.sum_of_squares);
     decision.product_error =
-        calibration ? relative(decision.statistics.product_error, decision.statistics.product_squares) : -1;
+        calibration ? relative_error(decision.statistics.product_error, decision.statistics.product_squares) : -1;
     Checksum checksum;
-    for (uint64_t done = 0, n_byte = decision.n_byte(); done < n_byte; done += copied_at_once) {
-      require_not_interrupted(packer_.is_interrupted);
+    for (uint64_t done = 0, n_byte = decision.n_byte; done < n_byte; done += copied_at_once) {
+      go_on();
       const uint64_t n = std::min(copied_at_once, n_byte - done);
       checksum.add(buffer.data() + done, n);
       file.write(offset + done, n, buffer.data() + done);
-      progress_.show();
     }
     decision.checksum = checksum.value();
   }
 
   void carry(Decision& decision, const OutputFile& file, uint64_t offset) {
     const SourceTensor& tensor = *decision.tensor;
+    const InputFile source = tensor.file->open();
     std::vector<std::byte> bytes(std::min(copied_at_once, tensor.n_byte));
     Checksum checksum;
     for (uint64_t done = 0; done < tensor.n_byte; done += copied_at_once) {
-      require_not_interrupted(packer_.is_interrupted);
+      go_on();
       const uint64_t n = std::min(copied_at_once, tensor.n_byte - done);
-      tensor.file->read(tensor.file_offset + done, n, bytes.data());
+      source.read(tensor.file_offset + done, n, bytes.data());
       checksum.add(bytes.data(), n);
       file.write(offset + done, n, bytes.data());
       progress_.add(n);
-      progress_.show();
     }
     decision.checksum = checksum.value();
     decision.error = 0;
@@ -416,14 +437,14 @@ class Run {
   uint64_t largest_packed() const {
     uint64_t largest = 0;
     for (const Decision& decision : decisions_)
-      if (is_packed(decision.form)) largest = std::max(largest, decision.n_byte());
+      if (is_packed(decision.form)) largest = std::max(largest, decision.n_byte);
     return largest;
   }
 
   morun_weights_packer& packer_;
   const morun_weights_pack_options& options_;
   std::vector<Decision>& decisions_;
-  uint64_t n_packed_;
+  Activations activations_;
   Progress progress_;
 };
 
@@ -522,7 +543,7 @@ int32_t morun_weights_packer_decision(const morun_weights_packer* packer, uint64
     told.reason = made.reason.c_str();
     told.n_inner = made.n_inner;
     told.n_col = made.n_col;
-    told.n_byte = made.n_byte();
+    told.n_byte = made.n_byte;
     if (made.is_done) {
       told.is_done = 1;
       told.error = made.error;

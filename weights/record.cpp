@@ -21,7 +21,7 @@ class RecordReader : public JsonEvents {
 
   const Members& members() const { return members_; }
 
-  bool parse_error(size_t position, const std::string&, const nlohmann::detail::exception&) override {
+  bool not_json(size_t position) override {
     throw Error(MORUN_WEIGHTS_RECORD_JSON, "%s: the record is not JSON at its byte %zu", place_.c_str(), position);
   }
   bool unexpected(const char* what) override {
@@ -138,10 +138,8 @@ std::string format_record(const Record& record) {
 }
 
 Record parse_record(const std::string& place, std::string_view text) {
-  if (const size_t nul = text.find('\0'); nul != std::string_view::npos)
-    throw Error(MORUN_WEIGHTS_RECORD_JSON, "%s: the record is not JSON at its byte %zu", place.c_str(), nul + 1);
   RecordReader reader(place);
-  nlohmann::json::sax_parse(text, &reader);
+  read_json(text, reader);
   const MemberReader members(place, reader.members());
 
   Record record;

@@ -29,7 +29,7 @@ class HeaderReader : public JsonEvents {
  public:
   HeaderReader(const std::string& path, SafetensorsHeader& header) : path_(path), header_(header) {}
 
-  bool parse_error(size_t position, const std::string&, const nlohmann::detail::exception&) override {
+  bool not_json(size_t position) override {
     throw Error(MORUN_WEIGHTS_HEADER_JSON, "%s: the header is not JSON at its byte %zu", path_.c_str(), position);
   }
 
@@ -222,11 +222,9 @@ const Dtype* dtype_by_name(std::string_view name) {
 SafetensorsHeader parse_header(const std::string& path, std::string_view json, uint64_t n_data_byte) {
   if (json.empty() || json.front() != '{')
     throw Error(MORUN_WEIGHTS_HEADER_START, "%s: the header does not begin with '{'", path.c_str());
-  if (const size_t nul = json.find('\0'); nul != std::string_view::npos)
-    throw Error(MORUN_WEIGHTS_HEADER_JSON, "%s: the header is not JSON at its byte %zu", path.c_str(), nul + 1);
   SafetensorsHeader header;
   HeaderReader reader(path, header);
-  nlohmann::json::sax_parse(json, &reader);
+  read_json(json, reader);
 
   for (const TensorEntry& tensor : header.tensors) check_tensor(path, tensor, n_data_byte);
   std::stable_sort(header.tensors.begin(), header.tensors.end(), [](const TensorEntry& a, const TensorEntry& b) {

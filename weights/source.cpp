@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "weights/error.h"
+#include "weights/index.h"
 #include "weights/layout.h"
 #include "weights/record.h"
 
@@ -22,10 +23,11 @@ constexpr std::string_view safetensors_ending = ".safetensors", index_ending = "
 // ---- Files of tensors ----------------------------------------------------------------------------------------------
 
 Source open_safetensors(const std::string& path) {
-  const auto file = std::make_shared<const InputFile>(path);
-  SafetensorsHeader header = read_header(*file);
+  const InputFile opened(path);
+  SafetensorsHeader header = read_header(opened);
   if (header.metadata.contains(format_key))
     throw Error(MORUN_WEIGHTS_ALREADY_PACKED, "%s: is a packed file already", path.c_str());
+  const auto file = std::make_shared<const ReopenedFile>(opened);
   Source source;
   source.metadata = std::move(header.metadata);
   for (TensorEntry& entry : header.tensors) {
@@ -69,34 +71,6 @@ void append(Source& source, Source&& more) {
 }
 
 // ---- Indices -------------------------------------------------------------------------------------------------------
-
-nlohmann::json read_index(const std::string& path) {
-  constexpr uint64_t longest = 100'000'000;
-  const InputFile file(path);
-  if (file.size() > longest)
-    throw Error(MORUN_WEIGHTS_INDEX, "%s: has %ju bytes, more than %ju", path.c_str(), uintmax_t{file.size()},
-                uintmax_t{longest});
-  std::string text(file.size(), '\0');
-  file.read(0, text.size(), text.data());
-  nlohmann::json index = nlohmann::json::parse(text, nullptr, false);
-  if (!index.is_object() || !index.contains("weight_map") || !index["weight_map"].is_object())
-    throw Error(MORUN_WEIGHTS_INDEX, "%s: is no JSON object with a weight_map", path.c_str());
-  return index;
-}
-
-// The tensors that an index names, by their files.
-std::map<std::string, std::set<std::string>> tensors_by_file(const std::string& path) {
-  std::map<std::string, std::set<std::string>> files;
-  const nlohmann::json index = read_index(path);
-  for (const auto& [tensor, file] : index["weight_map"].items()) {
-    const std::string name = file.is_string() ? file.get<std::string>() : "";
-    if (name.empty() || name.find('/') != name.npos || name.find('\0') != name.npos || name == "." || name == "..")
-      throw Error(MORUN_WEIGHTS_INDEX, "%s: tensor %s is in file %s, which is none of the index's folder", path.c_str(),
-                  in_quotes(tensor).c_str(), in_quotes(name).c_str());
-    files[name].insert(tensor);
-  }
-  return files;
-}
 
 Source open_index(const std::string& path) {
   Source source;
@@ -201,29 +175,33 @@ void read_contiguous(const SourceMatrix& matrix, uint64_t first_column, uint64_t
   uint64_t offset = matrix.tensor->file_offset + first_column * matrix.n_inner * element_size;
   for (uint64_t done = 0; done < count; done += n_at_once) {
     const uint64_t n = std::min(n_at_once, count - done);
-    matrix.tensor->file->read(offset, n * element_size, scratch.data());
+    matrix.file->read(offset, n * element_size, scratch.data());
     convert(*matrix.tensor->dtype, scratch.data(), n, values + done);
     offset += n * element_size;
   }
 }
 
-// Of each row of W its part in the columns. Some rows at a time, so that columns are written in runs.
+// Of each row of W its part in the columns. Some rows at a time, so that columns are written in runs; and of a row not more
+// columns at a time than a matrix of a few rows leaves room for.
 void read_strided(const SourceMatrix& matrix, uint64_t first_column, uint64_t n_column, float* values,
                   std::vector<std::byte>& scratch) {
-  constexpr uint64_t rows_at_once = 16;
-  const uint64_t element_size = matrix.tensor->dtype->n_bit / 8;
-  const uint64_t row_size = round_up(n_column * element_size, alignof(float));
-  scratch.resize(row_size + std::min(rows_at_once, matrix.n_inner) * n_column * sizeof(float));
+  constexpr uint64_t rows_at_once = 16, columns_at_once = 16384;
+  const uint64_t element_size = matrix.tensor->dtype->n_bit / 8, most_columns = std::min(n_column, columns_at_once);
+  const uint64_t row_size = round_up(most_columns * element_size, alignof(float));
+  scratch.resize(row_size + std::min(rows_at_once, matrix.n_inner) * most_columns * sizeof(float));
   auto* const rows = reinterpret_cast<float*>(scratch.data() + row_size);
   for (uint64_t first = 0; first < matrix.n_inner; first += rows_at_once) {
     const uint64_t n_row = std::min(rows_at_once, matrix.n_inner - first);
-    for (uint64_t r = 0; r < n_row; ++r) {
-      const uint64_t offset = ((first + r) * matrix.n_col + first_column) * element_size;
-      matrix.tensor->file->read(matrix.tensor->file_offset + offset, n_column * element_size, scratch.data());
-      convert(*matrix.tensor->dtype, scratch.data(), n_column, rows + r * n_column);
+    for (uint64_t done = 0; done < n_column; done += most_columns) {
+      const uint64_t n = std::min(most_columns, n_column - done);
+      for (uint64_t r = 0; r < n_row; ++r) {
+        const uint64_t offset = ((first + r) * matrix.n_col + first_column + done) * element_size;
+        matrix.file->read(matrix.tensor->file_offset + offset, n * element_size, scratch.data());
+        convert(*matrix.tensor->dtype, scratch.data(), n, rows + r * n);
+      }
+      for (uint64_t c = 0; c < n; ++c)
+        for (uint64_t r = 0; r < n_row; ++r) values[(done + c) * matrix.n_inner + first + r] = rows[r * n + c];
     }
-    for (uint64_t c = 0; c < n_column; ++c)
-      for (uint64_t r = 0; r < n_row; ++r) values[c * matrix.n_inner + first + r] = rows[r * n_column + c];
   }
 }
 

@@ -16,7 +16,7 @@ struct SourceTensor {
   std::string name;
   const Dtype* dtype = nullptr;
   std::vector<uint64_t> shape;
-  std::shared_ptr<const InputFile> file;
+  std::shared_ptr<const ReopenedFile> file;
   uint64_t file_offset = 0;
   uint64_t n_byte = 0;
   bool is_fortran_order = false;  // .npy: the first index runs fastest
@@ -41,6 +41,7 @@ bool is_float(const Dtype& dtype);
 // A 2-dimensional tensor of floats as the matrix W.
 struct SourceMatrix {
   const SourceTensor* tensor;
+  const InputFile* file;  // the tensor's, open
   uint64_t n_inner;
   uint64_t n_col;
   bool is_transposed;  // the file holds column after column of W

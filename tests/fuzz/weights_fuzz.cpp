@@ -48,6 +48,7 @@ void use(const morun_weights_file* opened, uint64_t index, const morun_weights_t
   expect(verified == 0 || verified == MORUN_WEIGHTS_CHECKSUM, "a tensor cannot be verified");
   ++exercised[verified == 0 ? right_checksums : wrong_checksums].count;
   const auto bytes = memory_for<char>(tensor.n_byte);
+  expect(morun_weights_file_read_verified(opened, index, bytes.get()) == verified, "reading does not verify");
   expect(morun_weights_file_read(opened, index, 0, tensor.n_byte, bytes.get()) == 0, "a tensor cannot be read");
   expect(memcmp(bytes.get(), file.data() + tensor.file_offset, tensor.n_byte) == 0, "other bytes are read");
   expect(morun_weights_file_read(opened, index, 1, tensor.n_byte, bytes.get()) == MORUN_WEIGHTS_BAD_ARGUMENT,

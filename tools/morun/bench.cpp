@@ -245,14 +245,14 @@ Json document(const std::vector<Measurement>& measurements, const BenchArguments
 std::vector<const Kernel*> products_named(const std::string& part) {
   std::vector<const Kernel*> found = kernels_named(part);
   std::erase_if(found, [](const Kernel* kernel) { return !kernel->is_timed(); });
-  if (found.empty()) throw Error("{} names no product to be timed", part);
+  if (found.empty()) throw Misuse("{} names no product to be timed", part);
   return found;
 }
 
 ProductShape checked_shape(const BenchArguments& arguments) {
   if (arguments.n_row == 0 || arguments.n_col == 0 || arguments.n_inner == 0 || arguments.n_col % tile != 0 ||
       arguments.n_inner % tile != 0) {
-    throw Error("--shape: columns and inner dimension are multiples of 32, and no number is 0");
+    throw Misuse("--shape: columns and inner dimension are multiples of 32, and no number is 0");
   }
   return {arguments.n_row, arguments.n_inner, std::vector<size_t>(3, arguments.n_col)};
 }

@@ -1,4 +1,4 @@
-// The exception by which the tool reports every failure.
+// The exceptions by which the tool reports every failure.
 #pragma once
 
 #include <fmt/format.h>
@@ -14,6 +14,11 @@ class Error : public std::runtime_error {
   template <typename... Arguments>
   explicit Error(fmt::format_string<Arguments...> format, Arguments&&... arguments)
       : std::runtime_error(fmt::format(format, std::forward<Arguments>(arguments)...)) {}
+};
+
+// The command line is wrong, which only the command itself could tell.
+class Misuse : public Error {
+  using Error::Error;
 };
 
 }  // namespace tool

@@ -13,9 +13,12 @@
 #include "tools/morun/files/packed_file.h"
 #include "tools/morun/form_names.h"
 #include "tools/morun/progress.h"
+#include "weights/printable.h"
 
 namespace tool {
 namespace {
+
+using printable::escaped;
 
 bool is_packed(const morun_weights_tensor& tensor) {
   return tensor.form != MORUN_WEIGHTS_CARRIED;
@@ -41,8 +44,9 @@ void print_table(const std::vector<morun_weights_tensor>& tensors) {
   using Line = std::array<std::string, 7>;
   std::vector<Line> lines = {{"form", "quantiser", "source", "extents", "bytes", "error / of products", "name"}};
   for (const morun_weights_tensor& tensor : tensors) {
-    lines.push_back({std::string(form_names[static_cast<size_t>(tensor.form)]), how_packed(tensor), tensor.source_dtype,
-                     extents_of(tensor), fmt::format("{}", tensor.n_byte), errors_of(tensor), tensor.name});
+    lines.push_back({std::string(form_names[static_cast<size_t>(tensor.form)]), how_packed(tensor),
+                     escaped(tensor.source_dtype), extents_of(tensor), fmt::format("{}", tensor.n_byte),
+                     errors_of(tensor), escaped(tensor.name)});
   }
   std::array<size_t, 7> widths = {};
   for (const Line& line : lines) {
@@ -85,12 +89,19 @@ void print_json(const std::vector<morun_weights_tensor>& tensors) {
   fmt::print("{}\n", report.dump(2));
 }
 
-void verify_checksums(const PackedFile& file, size_t n_tensor) {
+// The names of tensors whose bytes cannot be read or do not give their checksums.
+std::vector<std::string> damaged_tensors(const PackedFile& file, const std::vector<morun_weights_tensor>& tensors) {
+  std::vector<std::string> damaged;
   Progress progress;
-  for (size_t i = 0; i < n_tensor; ++i) {
-    progress.show(i, n_tensor, "tensors verified");
-    require_weights(morun_weights_file_verify(file.get(), i));
+  for (size_t i = 0; i < tensors.size(); ++i) {
+    progress.show(i, tensors.size(), "tensors verified");
+    const int32_t status = morun_weights_file_verify(file.get(), i);
+    if (status == MORUN_WEIGHTS_CHECKSUM || status == MORUN_WEIGHTS_READ || status == MORUN_WEIGHTS_SHRUNK)
+      damaged.push_back(fmt::format("\"{}\"", escaped(tensors[i].name)));
+    else
+      require_weights(status);
   }
+  return damaged;
 }
 
 }  // namespace
@@ -99,10 +110,16 @@ void inspect(const InspectArguments& arguments) {
   const PackedFile file(arguments.file);
   std::vector<morun_weights_tensor> tensors;
   for (uint64_t i = 0, n = file.n_tensor(); i < n; ++i) tensors.push_back(file.tensor(i));
-  if (arguments.verify) verify_checksums(file, tensors.size());
-  if (arguments.as_json) return print_json(tensors);
-  print_table(tensors);
-  if (arguments.verify) fmt::print("{} checksums are right\n", tensors.size());
+  std::vector<std::string> damaged;
+  if (arguments.verify) damaged = damaged_tensors(file, tensors);
+  if (arguments.as_json)
+    print_json(tensors);
+  else
+    print_table(tensors);
+  if (!damaged.empty())
+    throw Error("{}: {} of {} tensors are damaged: {}", arguments.file.native(), damaged.size(), tensors.size(),
+                fmt::join(damaged, ", "));
+  if (arguments.verify && !arguments.as_json) fmt::print("{} checksums are right\n", tensors.size());
 }
 
 void unpack(const UnpackArguments& arguments) {

@@ -220,7 +220,7 @@ std::vector<const Kernel*> kernels_named(std::string_view part) {
   for (const Kernel& kernel : table) {
     if (std::string_view(kernel.name).find(part) != std::string_view::npos) found.push_back(&kernel);
   }
-  if (found.empty()) throw Error("no kernel has {} in its name; the --help lists them", part);
+  if (found.empty()) throw Misuse("no kernel has {} in its name; the --help lists them", part);
   return found;
 }
 

@@ -21,7 +21,9 @@
 #include <vector>
 
 #include "tools/morun/commands.h"
+#include "tools/morun/error.h"
 #include "tools/morun/files/temporary_file.h"
+#include "tools/morun/form_names.h"
 #include "tools/morun/kernels.h"
 #include "tools/morun/standard_streams.h"
 #include "tools/morun/suggestion.h"
@@ -160,7 +162,11 @@ void add_pack(CLI::App& app) {
                   [arguments](const std::string& rule) {
                     const size_t at = rule.rfind('=');
                     if (at == std::string::npos) throw CLI::ValidationError("--form", rule + " is not PATTERN=FORM");
-                    arguments->rules.emplace_back(rule.substr(0, at), rule.substr(at + 1));
+                    const std::string form = rule.substr(at + 1);
+                    if (std::ranges::count(tool::form_names, form) == 0)
+                      throw CLI::ValidationError(
+                          "--form", fmt::format("{} is none of {}", form, fmt::join(tool::form_names, ", ")));
+                    arguments->rules.emplace_back(rule.substr(0, at), form);
                   });
   add_rule_option(*command, "--skip", "PATTERN: tensors of such names are carried over as they are; repeatable",
                   [arguments](const std::string& pattern) { arguments->rules.emplace_back(pattern, "carried"); });
@@ -174,7 +180,8 @@ void add_pack(CLI::App& app) {
   command->add_option("--damping", arguments->damping, "of calibrated, in mean diagonals of the covariance")
       ->check(CLI::Range(0.0, 1.0))
       ->capture_default_str();
-  command->add_option("--report", arguments->report, "also write errors and odd values as JSON")->type_name("FILE");
+  command->add_option("--report", arguments->report, "also write errors and odd values as JSON; - is standard output")
+      ->type_name("FILE");
   command->add_option("--jobs", arguments->n_job, "threads; the bytes are the same for any number")
       ->check(CLI::Range(1, 256))
       ->capture_default_str();
@@ -194,6 +201,10 @@ layers, and are transposed; .npy matrices are n_inner x n_col.
 docs/weight-files.md describes the file and the quantisers.)");
   command->callback([arguments, output, dry_run] {
     if (output->count() == 0 && dry_run->count() == 0) throw CLI::RequiredError("--output");
+    if (arguments->output == "-")
+      throw CLI::ValidationError("--output", "a packed file is renamed into its place, and cannot be standard output");
+    if (arguments->quantiser == "calibrated" && arguments->activations.empty())
+      throw CLI::ValidationError("--quantiser", "calibrated needs --activations");
     tool::pack(*arguments);
   });
 }
@@ -391,6 +402,9 @@ int main(int n_argument, char** arguments) {
     print_want_of_memory();
   } catch (const std::length_error&) {
     print_want_of_memory();
+  } catch (const tool::Misuse& error) {
+    print_failure(error.what());
+    return exit_misuse;
   } catch (const std::exception& error) {
     print_failure(error.what());
   }

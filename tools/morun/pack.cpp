@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -12,13 +11,20 @@
 #include <vector>
 
 #include "tools/morun/commands.h"
+#include "tools/morun/error.h"
 #include "tools/morun/files/output_file.h"
 #include "tools/morun/files/packed_file.h"
+#include "tools/morun/files/temporary_file.h"
 #include "tools/morun/form_names.h"
 #include "tools/morun/progress.h"
+#include "tools/morun/standard_streams.h"
+#include "weights/output_target.h"
+#include "weights/printable.h"
 
 namespace tool {
 namespace {
+
+using printable::escaped;
 
 // ---- Interruption --------------------------------------------------------------------------------------------------
 
@@ -51,7 +57,7 @@ class InterruptiblePacking {
   InterruptiblePacking& operator=(const InterruptiblePacking&) = delete;
 
  private:
-  static constexpr std::array signals = {SIGHUP, SIGINT, SIGTERM};
+  static constexpr std::array signals = interruptions;
   std::array<struct sigaction, signals.size()> before_ = {};
 };
 
@@ -113,7 +119,7 @@ std::string shape_of(const morun_weights_decision& decision) {
 void print_decisions(const std::vector<morun_weights_decision>& decisions) {
   for (const morun_weights_decision& decision : decisions) {
     fmt::print("{:<8} {:<5} {:<16} {} ({})\n", form_names[static_cast<size_t>(decision.form)], decision.dtype,
-               shape_of(decision), decision.name, decision.reason);
+               shape_of(decision), escaped(decision.name), escaped(decision.reason));
   }
 }
 
@@ -139,8 +145,7 @@ nlohmann::ordered_json report_of(const morun_weights_decision& decision) {
   tensor["zero_columns"] = figures.n_zero;
   nlohmann::ordered_json& worst = tensor["worst_columns"] = nlohmann::ordered_json::array();
   for (uint32_t i = 0; i < figures.n_worst; ++i) {
-    worst.push_back({{"column", figures.worst[i].column},
-                     {"error", std::min(figures.worst[i].relative_error, std::numeric_limits<double>::max())}});
+    worst.push_back({{"column", figures.worst[i].column}, {"error", figures.worst[i].relative_error}});
   }
   return tensor;
 }
@@ -156,13 +161,13 @@ std::string format_report(std::vector<morun_weights_decision> decisions) {
 void warn(const morun_weights_decision& decision) {
   const morun_weights_statistics& figures = decision.statistics;
   if (figures.n_nan + figures.n_infinite > 0) {
-    fmt::print(stderr, "morun: warning: {}: {} values are NaN and {} infinite\n", decision.name, figures.n_nan,
+    fmt::print(stderr, "morun: warning: {}: {} values are NaN and {} infinite\n", escaped(decision.name), figures.n_nan,
                figures.n_infinite);
   }
   const bool takes_halves = decision.form == MORUN_WEIGHTS_F16 || decision.quantiser == MORUN_WEIGHTS_LIBRARY;
   if (figures.n_overflow > 0 && takes_halves) {
-    fmt::print(stderr, "morun: warning: {}: {} values are beyond the range of f16 and become infinite\n", decision.name,
-               figures.n_overflow);
+    fmt::print(stderr, "morun: warning: {}: {} values are beyond the range of f16 and become infinite\n",
+               escaped(decision.name), figures.n_overflow);
   }
 }
 
@@ -180,7 +185,8 @@ void print_summary(const std::vector<morun_weights_decision>& decisions, double 
   fmt::print("packed {} of {} tensors, {:.1f} MB into {:.1f} MB, in {:.1f} s ({:.0f} MB/s)\n", n_packed,
              decisions.size(), static_cast<double>(n_source_byte) * 1e-6, static_cast<double>(n_byte) * 1e-6, seconds,
              static_cast<double>(n_source_byte) * 1e-6 / std::max(seconds, 1e-9));
-  if (worst != nullptr) fmt::print("largest relative error {}, of {}\n", error_text(worst->error), worst->name);
+  if (worst != nullptr)
+    fmt::print("largest relative error {}, of {}\n", error_text(worst->error), escaped(worst->name));
 }
 
 }  // namespace
@@ -190,7 +196,11 @@ void pack(const PackArguments& arguments) {
   const Packer packer = make_packer(arguments, progress);
   if (arguments.dry_run) return print_decisions(decisions_of(packer));
   std::optional<OutputFile> report;
+  std::optional<StandardOutputAside> summary_aside;
   if (!arguments.report.empty()) report.emplace(arguments.report);
+  if (report && report->target() == output::behind_links(arguments.output))
+    throw Error("{}: every result needs a file of its own", arguments.report.native());
+  if (arguments.report == "-") summary_aside.emplace();
 
   const auto start = std::chrono::steady_clock::now();
   {

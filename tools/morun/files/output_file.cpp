@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "tools/morun/error.h"
+#include "weights/output_target.h"
 
 namespace tool {
 namespace {
@@ -17,17 +18,6 @@ namespace fs = std::filesystem;
 
 Error cannot_write(const fs::path& path, int error) {
   return Error("{}: cannot be written: {}", path == "-" ? "standard output" : path.native(), std::strerror(error));
-}
-
-// Returns the path behind all symbolic links. The file need not exist; the last link may lead to nothing.
-fs::path behind_links(fs::path path) {
-  constexpr int longest_chain = 40;
-  std::error_code error;
-  for (int i = 0; i < longest_chain && fs::is_symlink(path, error); ++i) {
-    path = path.parent_path() / fs::read_symlink(path, error);
-  }
-  const fs::path folder = fs::canonical(path.has_parent_path() ? path.parent_path() : ".", error);
-  return error ? path : folder / path.filename();
 }
 
 mode_t usual_permissions() {
@@ -59,16 +49,15 @@ void OutputFile::open_directly() {
 }
 
 void OutputFile::open_replacement() {
-  target_ = behind_links(name_);
-  struct stat status = {};
-  const bool exists = stat(target_.c_str(), &status) == 0;
-  if (exists && access(target_.c_str(), W_OK) != 0) throw cannot_write(name_, errno);
-  const mode_t permissions = exists ? status.st_mode & 0777 : usual_permissions();
+  output::Target target;
   try {
-    replacement_ = std::make_unique<TemporaryFile>(target_.parent_path());
+    target = output::target_of(name_);
+    replacement_ = std::make_unique<TemporaryFile>(target.path.parent_path());
   } catch (const std::system_error& error) {
     throw cannot_write(name_, error.code().value());
   }
+  target_ = target.path;
+  const mode_t permissions = target.permissions.value_or(usual_permissions());
   if (fchmod(replacement_->descriptor(), permissions) != 0) throw cannot_write(name_, errno);
 }
 

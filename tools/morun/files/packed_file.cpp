@@ -9,12 +9,18 @@ namespace {
 
 constexpr std::string_view between_file_and_tensor = ".safetensors:";
 
-// Where the name of a tensor begins; npos in the name of a .npy file.
+// Where the name of a tensor begins; npos in the name of a .npy file. Names of files and of tensors may both hold what
+// stands between them: the first file that exists is meant, or the last where none does.
 size_t tensor_name(const std::filesystem::path& argument) {
   std::error_code error;
-  const size_t at = argument.native().find(between_file_and_tensor);
-  const bool is_file = at == std::string::npos || std::filesystem::exists(argument, error);
-  return is_file ? std::string::npos : at + between_file_and_tensor.size();
+  const std::string& text = argument.native();
+  size_t begin = std::string::npos;
+  if (std::filesystem::exists(argument, error)) return begin;
+  for (size_t at = 0; (at = text.find(between_file_and_tensor, at)) != std::string::npos; ++at) {
+    begin = at + between_file_and_tensor.size();
+    if (std::filesystem::exists(text.substr(0, begin - 1), error)) break;
+  }
+  return begin;
 }
 
 }  // namespace
@@ -60,8 +66,7 @@ WeightFile::WeightFile(const std::filesystem::path& argument) : name_(argument.n
 }
 
 void WeightFile::read_packed(void* to) const {
-  require_weights(morun_weights_file_verify(packed_->get(), index_));
-  require_weights(morun_weights_file_read(packed_->get(), index_, 0, tensor_.n_byte, to));
+  require_weights(morun_weights_file_read_verified(packed_->get(), index_, to));
 }
 
 void WeightFile::read_columns(size_t first_col, size_t n_col, float* to, size_t row_stride) const {

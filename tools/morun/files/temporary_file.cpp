@@ -1,13 +1,11 @@
 #include "tools/morun/files/temporary_file.h"
 
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <string>
@@ -15,8 +13,6 @@
 
 namespace tool {
 namespace {
-
-constexpr std::array interruptions = {SIGHUP, SIGINT, SIGPIPE, SIGTERM};
 
 sigset_t interruption_set() {
   sigset_t set;

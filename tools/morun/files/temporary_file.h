@@ -1,6 +1,8 @@
 // Files that exist only while they are written, and that are removed when the program is interrupted.
 #pragma once
 
+#include <array>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 
@@ -8,8 +10,10 @@
 
 namespace tool {
 
-// Installs handlers by which SIGHUP, SIGINT, SIGPIPE and SIGTERM remove all temporary files before they end the program
-// as usual. A signal that was ignored when the program started stays ignored. A main function calls this once; a
+// The signals by which users, terminals and other programs end a command.
+inline constexpr std::array interruptions = {SIGHUP, SIGINT, SIGPIPE, SIGQUIT, SIGTERM};
+
+// Installs handlers by which these signals remove all temporary files before they end the program as usual. A signal that was ignored when the program started stays ignored. A main function calls this once; a
 // library does not.
 void remove_temporary_files_on_interruption();
 
