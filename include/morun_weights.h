@@ -108,10 +108,10 @@ enum {
   /* Sources of a packer. */
   MORUN_WEIGHTS_SOURCE_KIND = 70,  /* a path is neither a directory nor ends in .safetensors, .index.json or .npy */
   MORUN_WEIGHTS_SOURCE_EMPTY = 71, /* a directory or an index without tensors, or a packer without sources */
-  MORUN_WEIGHTS_INDEX = 72,        /* an index is longer than 100 000 000 bytes, is not JSON, nests values deeper than 64
-                                      levels, has no weight_map of strings or two, names a tensor twice, a file outside
-                                      its folder, or a tensor that the named file does not have; or a folder has
-                                      several indices */
+  MORUN_WEIGHTS_INDEX = 72,        /* an index is longer than 100 000 000 bytes, is not JSON, nests values deeper than
+                                      64 levels, has no weight_map of strings or two, names a tensor twice, a file
+                                      outside its folder, or a tensor that the named file does not have; or a folder
+                                      has several indices */
   MORUN_WEIGHTS_NPY = 73,      /* a .npy file's header is not of format 1.0, 2.0 or 3.0, or the data are cut short */
   MORUN_WEIGHTS_NPY_TYPE = 74, /* a .npy file's values are not little-endian numbers of a dtype of safetensors */
   MORUN_WEIGHTS_ALREADY_PACKED = 75, /* a source is a packed file */
