@@ -1,5 +1,5 @@
-// Times an operation and its yardstick in turn. A change of the caches or of the clock rate by other programs then affects
-// both alike.
+// Times an operation and its yardstick in turn. A change of the caches or of the clock rate by other programs then
+// affects both alike.
 #pragma once
 
 #include <vector>

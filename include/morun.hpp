@@ -1,7 +1,7 @@
-/// libmorun for C++20: contexts, shared buffers, weights and products whose owners release them, and whose types keep the
-/// forms of weights apart. Header only, on tavik.h (the lower interface), morun.h and morun_tensor.h (the upper one). A
-/// program that includes this header links with libmorun alone; morun_weights.hpp adds packed files and the quantisers
-/// of libmorun_weights.
+/// libmorun for C++20: contexts, shared buffers, weights and products whose owners release them, and whose types keep
+/// the forms of weights apart. Header only, on tavik.h (the lower interface), morun.h and morun_tensor.h (the upper
+/// one). A program that includes this header links with libmorun alone; morun_weights.hpp adds packed files and the
+/// quantisers of libmorun_weights.
 ///
 ///   morun::Result<morun::Context> context = morun::Context::open(morun::Limits::up_to(n_row, n_inner, n_col));
 ///   morun::Result<morun::Weights<morun::a8w8>> weights = morun::pack<morun::a8w8>(*context, {values, n_inner, n_col});
@@ -19,9 +19,9 @@
 /// destructor releases, and where releasing fails twice, it prints the error record to standard error; release() and
 /// close() do the same with a status.
 ///
-/// Threads. A Context and all buffers and weights of it are used, moved and destroyed by one thread at a time; different
-/// contexts are independent. Npu is the process's one context, for one thread at a time. Views, results and errors are
-/// plain values.
+/// Threads. A Context and all buffers and weights of it are used, moved and destroyed by one thread at a time;
+/// different contexts are independent. Npu is the process's one context, for one thread at a time. Views, results and
+/// errors are plain values.
 #pragma once
 
 #include <algorithm>
@@ -224,9 +224,9 @@ inline std::string extents(uint64_t n_row, uint64_t n_col) {
 
 // ---- Views ----------------------------------------------------------------------------------------------------------
 
-/// A row-major n_row x n_col matrix in memory of the caller: value (r, c) is values[r * n_col + c]. T is float, or const
-/// float for what is only read. The values outlive the view. The functions that take a view refuse one whose extents do
-/// not multiply to values.size() (Misuse::view).
+/// A row-major n_row x n_col matrix in memory of the caller: value (r, c) is values[r * n_col + c]. T is float, or
+/// const float for what is only read. The values outlive the view. The functions that take a view refuse one whose
+/// extents do not multiply to values.size() (Misuse::view).
 template <typename T>
 requires std::same_as < std::remove_const_t<T>,
 float > class Matrix {

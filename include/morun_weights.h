@@ -109,7 +109,7 @@ enum {
   MORUN_WEIGHTS_SOURCE_KIND = 70,  /* a path is neither a directory nor ends in .safetensors, .index.json or .npy */
   MORUN_WEIGHTS_SOURCE_EMPTY = 71, /* a directory or an index without tensors, or a packer without sources */
   MORUN_WEIGHTS_INDEX = 72,        /* an index is longer than 100 000 000 bytes, is not JSON, nests values deeper than
-                                      64 levels, has no weight_map of strings or two, names a tensor twice, a file
+                                      64 levels, has no weight_map of strings or has two, names a tensor twice, a file
                                       outside its folder, or a tensor that the named file does not have; or a folder
                                       has several indices */
   MORUN_WEIGHTS_NPY = 73,      /* a .npy file's header is not of format 1.0, 2.0 or 3.0, or the data are cut short */
@@ -266,8 +266,9 @@ typedef struct morun_weights_recipe {
  *   BAD_ARGUMENT    form, quantiser, columns, strides of 0 or packed_size; or a calibration that is not finished or of
  *                   another n_inner
  *   EXTENTS         as morun_weights_layout_of
- *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the order
- *                   of columns, and how many more these columns have. The columns' part of `packed` is undefined then
+ *   NON_FINITE      a value is NaN or infinite and allow_non_finite is 0; the text says (k, c) of the first in the
+ *                   order of columns, and how many more these columns have. The columns' part of `packed` is undefined
+ *                   then
  *   NO_MEMORY       working memory for 32 columns could not be had */
 int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t first_column, uint64_t n_column,
                                    const float* values, uint64_t inner_stride, uint64_t column_stride, void* packed,
@@ -277,8 +278,8 @@ int32_t morun_weights_pack_columns(const morun_weights_recipe* recipe, uint64_t 
 void morun_weights_statistics_add(morun_weights_statistics* statistics, const morun_weights_statistics* other);
 
 /* Sets columns first_column to first_column + n_column - 1 of an f32 matrix to the values that a packed matrix stands
- * for: (q - zero point) * scale, which f32 holds exactly; in form f16 the halves, widened. Padding is left out. Calls for
- * different columns may run in several threads at a time.
+ * for: (q - zero point) * scale, which f32 holds exactly; in form f16 the halves, widened. Padding is left out. Calls
+ * for different columns may run in several threads at a time.
  *
  * packed         the whole packed matrix, packed_size bytes, at least the layout's n_byte
  * first_column   any of the n_col, as is n_column; at least 1 column
@@ -389,8 +390,8 @@ int32_t morun_weights_packer_decision(const morun_weights_packer* packer, uint64
 /* Packs. The file appears at `output` whole, replacing what was there, or not at all: until then it has no name or
  * another one in the same folder, which is gone after every failure. May be called again after a failure, and not
  * after a success. Holds at most 64 MiB a job and the largest packed matrix, with calibrated 24 n_inner^2 bytes more.
- * Fewer jobs run where n_inner is above 160 000; where n_inner is above 160 000 times n_job, one job holds 400 bytes for
- * each row.
+ * Fewer jobs run where n_inner is above 160 000; where n_inner is above 160 000 times n_job, one job holds 400 bytes
+ * for each row.
  *
  *   NULL_ARGUMENT, NO_MEMORY, OPEN, READ, SHRUNK, WRITE, SOURCE_EMPTY, NPY, NPY_TYPE, RULE_UNUSED, NON_FINITE,
  *   NO_ACTIVATION, ACTIVATION_SHAPE, ACTIVATION_VALUE, COVARIANCE, INTERRUPTED

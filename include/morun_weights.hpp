@@ -1,6 +1,6 @@
-/// Weight files for C++20: packed files, loading into shared buffers, the quantisers and the packer of libmorun_weights,
-/// on top of morun.hpp and with its manner of results, owners and errors. The header stands apart from morun.hpp because
-/// it is installed with the library that it needs: a program that loads nothing needs neither.
+/// Weight files for C++20: packed files, loading into shared buffers, the quantisers and the packer of
+/// libmorun_weights, on top of morun.hpp and with its manner of results, owners and errors. The header stands apart
+/// from morun.hpp because it is installed with the library that it needs: a program that loads nothing needs neither.
 ///
 ///   morun::Result<morun::WeightFile> file = morun::WeightFile::open("packed.safetensors");
 ///   const morun::Request requests[] = {{"up.weight"}, {"down.weight"}};
@@ -9,8 +9,8 @@
 ///
 /// Statuses are those of morun_weights.h (Origin::weights), with the text of morun_weights_error_text.
 ///
-/// Threads. An object is used by one thread at a time; what loads or packs into a context counts as a use of it. Several
-/// threads may verify and unpack one WeightFile, and quantise with one finished Calibration, at a time.
+/// Threads. An object is used by one thread at a time; what loads or packs into a context counts as a use of it.
+/// Several threads may verify and unpack one WeightFile, and quantise with one finished Calibration, at a time.
 #pragma once
 
 #include "morun.hpp"

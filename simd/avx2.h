@@ -145,9 +145,9 @@ class RoundingTowardZero {
   unsigned previous_;
 };
 // Compilers move arithmetic across a change of the rounding mode, because they assume that arithmetic depends on its
-// operands alone. They move no arithmetic across the call of a function that they cannot identify, and call_unseen makes
-// such a call. in_half_arithmetic therefore changes the mode in one unseen function, which contains no arithmetic, and
-// calls the body as another.
+// operands alone. They move no arithmetic across the call of a function that they cannot identify, and call_unseen
+// makes such a call. in_half_arithmetic therefore changes the mode in one unseen function, which contains no
+// arithmetic, and calls the body as another.
 template <class Body>
 inline void call_unseen(const Body& body) {
   void (*call)(const Body&) = [](const Body& unseen) { unseen(); };

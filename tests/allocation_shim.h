@@ -1,8 +1,8 @@
 // Host memory that runs out on demand. The shim stands before malloc, calloc, realloc, aligned_alloc, posix_memalign,
 // mmap, memfd_create and operator new of the whole process, and makes chosen calls of theirs fail with ENOMEM.
 //
-// A test program takes it in as a source (target_sources(... allocation_shim.cpp)): its definitions come before those of
-// every library, the address sanitizer's included. It is also built as liballocation_shim.so, to be preloaded into a
+// A test program takes it in as a source (target_sources(... allocation_shim.cpp)): its definitions come before those
+// of every library, the address sanitizer's included. It is also built as liballocation_shim.so, to be preloaded into a
 // program that knows nothing of it; then the functions are found by dlsym, or a fault is armed from the start by
 // MORUN_FAIL_ALLOCATION=n. Under the address sanitizer preloading wants ASAN_OPTIONS=verify_asan_link_order=0.
 //

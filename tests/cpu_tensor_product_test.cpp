@@ -39,9 +39,9 @@ uint16_t defined_element(size_t n_inner, const uint16_t* x, const uint16_t* w) {
 
 enum Magnitudes { cancelling, any, subnormal, huge, n_kind };
 
-// Returns the rows behind one unused value, so that no row begins at the boundary of a vector and the last row ends with
-// the allocation. A cancelling row mirrors its first half, in W with the sign changed. The exact sum is then 0, and the
-// computed sum shows in which order the roundings were made.
+// Returns the rows behind one unused value, so that no row begins at the boundary of a vector and the last row ends
+// with the allocation. A cancelling row mirrors its first half, in W with the sign changed. The exact sum is then 0,
+// and the computed sum shows in which order the roundings were made.
 Halves rows(test::Random& random, Magnitudes kind, size_t n_row, size_t n_inner, uint16_t sign_of_mirrored) {
   constexpr uint64_t lowest[] = {15, 0, 0, 24}, n_exponent[] = {8, 31, 8, 7};
   Halves values(1 + n_row * n_inner);

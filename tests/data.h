@@ -13,8 +13,8 @@
 
 namespace test {
 
-// Whether the elements of a Vector end where memory that no one may touch begins, or begin where such memory ends. Tests
-// that are linked with guarded_main run once each way.
+// Whether the elements of a Vector end where memory that no one may touch begins, or begin where such memory ends.
+// Tests that are linked with guarded_main run once each way.
 inline bool ends_at_guard = true;
 
 template <class T>

@@ -10,8 +10,8 @@
 namespace test {
 
 // The functions return the index at which element (r, c) of a matrix of n_col columns stands: in 32 x 32 tiles of
-// activations (ah), in tiles of weights whose columns stand together in groups (wh: 2 of f16, 4 of i8), in 64 x 32 tiles,
-// and in tiles of 4-bit weights, where a byte holds two columns.
+// activations (ah), in tiles of weights whose columns stand together in groups (wh: 2 of f16, 4 of i8), in 64 x 32
+// tiles, and in tiles of 4-bit weights, where a byte holds two columns.
 inline uint64_t place_in_ah(uint64_t r, uint64_t c, uint64_t n_col) {
   return (r / 32 * (n_col / 32) + c / 32) * 1024 + r % 32 / 2 * 64 + c % 32 * 2 + r % 2;
 }

@@ -41,8 +41,8 @@ inline std::string indented(const std::string& text, const std::string& by = "  
   return lines;
 }
 
-// Runs each line of the kept text that starts with "$ " as a command. Returns the text with the results of this run: the
-// indented lines behind a command are its result. All other lines are for the reader.
+// Runs each line of the kept text that starts with "$ " as a command. Returns the text with the results of this run:
+// the indented lines behind a command are its result. All other lines are for the reader.
 inline std::string played_commands(const std::function<std::string(const std::string& command)>& run) {
   std::istringstream script(file_contents(file_of_test(MORUN_TRANSCRIPTS)));
   std::string text;

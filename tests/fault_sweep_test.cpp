@@ -1,7 +1,7 @@
-// Every call that allocates, maps or calls the DSP is played once for each of its platform calls, which fails: once, from
-// then on, with a truncated reply, or because its session is lost; and once for each piece of host memory that it asks
-// for in vain. Whatever fails, the status says so, nothing is lost or freed twice, what the caller still holds can be
-// released, and a new context computes as if nothing had been.
+// Every call that allocates, maps or calls the DSP is played once for each of its platform calls, which fails: once,
+// from then on, with a truncated reply, or because its session is lost; and once for each piece of host memory that it
+// asks for in vain. Whatever fails, the status says so, nothing is lost or freed twice, what the caller still holds can
+// be released, and a new context computes as if nothing had been.
 #include <fnmatch.h>
 #include <sys/mman.h>
 

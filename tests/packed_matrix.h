@@ -1,4 +1,5 @@
-// Reads a packed matrix by the definitions of the layouts, and computes plain products that tests compare products with.
+// Reads a packed matrix by the definitions of the layouts, and computes plain products that tests compare products
+// with.
 #pragma once
 
 #include <cmath>

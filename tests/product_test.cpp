@@ -1,5 +1,5 @@
-// Products with row-major activations: what they compute, in one session and in several, against small definitions, and what
-// they need and leave of the cross-session buffers. What they say and refuse stands in the transcripts.
+// Products with row-major activations: what they compute, in one session and in several, against small definitions, and
+// what they need and leave of the cross-session buffers. What they say and refuse stands in the transcripts.
 #include <array>
 #include <functional>
 

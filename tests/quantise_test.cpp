@@ -105,8 +105,8 @@ void expect_weights_as_defined(uint64_t n_row, uint64_t n_col, const Vector<uint
   EXPECT_TRUE(scales == b.scales && sums == b.sums);
 }
 
-// The rows take turns in what they hold: ordinary, large, tiny or subnormal values, any bit patterns, or ordinary values
-// with some that are not finite.
+// The rows take turns in what they hold: ordinary, large, tiny or subnormal values, any bit patterns, or ordinary
+// values with some that are not finite.
 Vector<float> float_rows(test::Random& random, uint64_t n_row, uint64_t n_col) {
   Vector<float> rows(n_row * n_col);
   for (uint64_t i = 0; i < rows.size(); ++i) {

@@ -1,5 +1,6 @@
 // The command-line tool as its users have it: started as a program, judged by its files, its output and its exit
-// status. What is said and refused stands in tests/transcripts/Tool*.txt, command by command. MORUN_TOOL_PATH and MORUN_RUNNER (an emulator of the target's processor, or nothing) come from the build.
+// status. What is said and refused stands in tests/transcripts/Tool*.txt, command by command. MORUN_TOOL_PATH and
+// MORUN_RUNNER (an emulator of the target's processor, or nothing) come from the build.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -141,8 +142,8 @@ class ToolTest : public testing::Test {
     }));
   }
 
-  // All files, with what they hold and a mark that they are there. A file called report is left out: the times in a report
-  // may repeat by chance, so that two reports are the same in one run and differ in the next.
+  // All files, with what they hold and a mark that they are there. A file called report is left out: the times in a
+  // report may repeat by chance, so that two reports are the same in one run and differ in the next.
   std::map<std::string, std::string> files() const {
     std::map<std::string, std::string> all;
     std::error_code is_a_loop;

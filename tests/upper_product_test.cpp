@@ -123,7 +123,8 @@ TEST_F(UpperProducts, AreExactAtAnyOffsetAndLeaveTheGaps) {
 }
 
 TEST_F(UpperProducts, OfFourBitWeightsTakeAnyColumnsAndNoMoreThanFits) {
-  // Of 40 columns the DSP computes 64, whose two tiles a band are taken for those of two bands: rows of all r, c are 2 r.
+  // Of 40 columns the DSP computes 64, whose two tiles a band are taken for those of two bands: rows of
+  // all r, c are 2 r.
   Values x(128 * 32), w(32 * 64);
   for (size_t r = 0; r < 128; ++r) x[r * 32] = static_cast<float>(r);
   for (size_t c = 0; c < 64; ++c) w[c] = c < 32 ? 1 : 2;

@@ -1,4 +1,5 @@
-// The upper interface's registry where the platform gives a freed buffer's address again. All else stands in the transcripts.
+// The upper interface's registry where the platform gives a freed buffer's address again. All else stands in the
+// transcripts.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>

@@ -16,13 +16,13 @@ struct Header {
   std::vector<uint64_t> shape;
 };
 
-// Parses a header: three keys in any order, then only spaces. When `text` is no header, throws a std::runtime_error that
-// gives the reason. The parser does not recurse, whatever the text contains. A returned header has at most 32 extents, and
-// a type of at most 16 printable characters.
+// Parses a header: three keys in any order, then only spaces. When `text` is no header, throws a std::runtime_error
+// that gives the reason. The parser does not recurse, whatever the text contains. A returned header has at most 32
+// extents, and a type of at most 16 printable characters.
 Header parse_header(std::string_view text);
 
-// The header of a file of format 1 to 3, and the byte where the values start. `read` stores n_byte bytes that begin at an
-// offset of the file, and throws when the file ends before.
+// The header of a file of format 1 to 3, and the byte where the values start. `read` stores n_byte bytes that begin at
+// an offset of the file, and throws when the file ends before.
 struct LocatedHeader {
   Header header;
   uint64_t end;

@@ -33,8 +33,8 @@ std::string folder_of(const std::string& path) {
   return folder.empty() ? "." : folder.string();
 }
 
-// Tries names in the folder of `path` until `create` succeeds with one, or fails for another reason than that the name is
-// taken. The value is that of `create`, below 0 for a failure.
+// Tries names in the folder of `path` until `create` succeeds with one, or fails for another reason than that the name
+// is taken. The value is that of `create`, below 0 for a failure.
 template <typename Create>
 int with_unused_name(const std::string& path, std::string& name, const Create& create) {
   constexpr int n_attempt = 1000;

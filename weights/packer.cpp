@@ -165,8 +165,8 @@ void require_not_interrupted(const std::atomic<bool>& is_interrupted) {
 
 // ---- Packing one matrix --------------------------------------------------------------------------------------------
 
-// Columns that a job takes at a time: whole rows of tiles' widths, of the same number whatever the number of jobs, since
-// figures are added up stripe by stripe.
+// Columns that a job takes at a time: whole rows of tiles' widths, of the same number whatever the number of jobs,
+// since figures are added up stripe by stripe.
 uint64_t columns_per_stripe(const SourceMatrix& matrix) {
   const uint64_t size = matrix.is_transposed ? stripe_size : row_major_stripe_size;
   return std::max<uint64_t>(1, size / sizeof(float) / matrix.n_inner / tile) * tile;

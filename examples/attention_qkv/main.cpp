@@ -1,9 +1,9 @@
 // Query, key and value of an attention layer: three products of one activation in one call of the DSP, with weights
 // quantised to 8 bits.
 //
-// The weights come as frameworks store them, a row for each output feature. Packing quantises them and lays them out; each
-// output feature gets a scale and a zero point. What packing returns is of the type of its form, and the product of three
-// weight matrices takes one form alone. Failures become exceptions by or_throw.
+// The weights come as frameworks store them, a row for each output feature. Packing quantises them and lays them out;
+// each output feature gets a scale and a zero point. What packing returns is of the type of its form, and the product
+// of three weight matrices takes one form alone. Failures become exceptions by or_throw.
 
 #include <morun.hpp>
 

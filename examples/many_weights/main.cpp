@@ -1,10 +1,10 @@
 // A model larger than the address space of one session on the DSP.
 //
 // A session is a protection domain with an address space of its own, of a few GiB, for weights and for the buffers of
-// activations and results, which every session maps. tavik_buffer_alloc maps a new buffer into the first session that has
-// room and opens one more when none has, up to four. A product runs in the session of its weights; when that is another
-// than the last one's, the library moves the DSP's resources and the matrix unit over. So allocate the weights in the
-// order in which the model uses them: a pass then switches once a session, not once a product.
+// activations and results, which every session maps. tavik_buffer_alloc maps a new buffer into the first session that
+// has room and opens one more when none has, up to four. A product runs in the session of its weights; when that is
+// another than the last one's, the library moves the DSP's resources and the matrix unit over. So allocate the weights
+// in the order in which the model uses them: a pass then switches once a session, not once a product.
 //
 // On a device nothing is set for this. Here the emulated platform gets small sessions, for a small model to fill.
 

@@ -1,9 +1,9 @@
 // A network of two layers from a packed file: y = down * relu(up * x), with 8-bit weights.
 //
-// A checkpoint is packed once, by `morun pack` or, as here, by the packer of libmorun_weights; the program that uses it then
-// reads the weights straight into the memory that the DSP sees. This example writes a checkpoint of random weights, as a
-// framework would, packs it, and runs the network from the packed file. It is compiled without exceptions: every
-// function that can fail returns a result that says why.
+// A checkpoint is packed once, by `morun pack` or, as here, by the packer of libmorun_weights; the program that uses it
+// then reads the weights straight into the memory that the DSP sees. This example writes a checkpoint of random
+// weights, as a framework would, packs it, and runs the network from the packed file. It is compiled without
+// exceptions: every function that can fail returns a result that says why.
 
 #include <morun_weights.hpp>
 

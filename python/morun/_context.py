@@ -222,6 +222,7 @@ class Context(_library.Single):
 
     @property
     def closed(self) -> bool:
+        """Whether `close` has freed all that the context held."""
         return self._state.handle is None
 
     def module_version(self) -> str:

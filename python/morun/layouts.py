@@ -73,6 +73,7 @@ def f16_rm_to_f16_ah(matrix: NDArray[np.float16]) -> NDArray[np.float16]:
 
 
 def f16_rm_to_f16_ah_numpy(matrix: NDArray[np.float16]) -> NDArray[np.float16]:
+    """`f16_rm_to_f16_ah` in NumPy."""
     m = padded(matrix, 32, 32)
     tiles = m.reshape(m.shape[0] // 32, 16, 2, m.shape[1] // 32, 32)
     return np.ascontiguousarray(tiles.transpose(0, 3, 1, 4, 2))
@@ -88,6 +89,7 @@ def f16_ah_to_f16_rm(tiles: NDArray[np.float16], n_row: int, n_col: int) -> NDAr
 
 
 def f16_ah_to_f16_rm_numpy(tiles: NDArray[np.float16], n_row: int, n_col: int) -> NDArray[np.float16]:
+    """`f16_ah_to_f16_rm` in NumPy."""
     shape = tiles.shape[0] * 32, tiles.shape[1] * 32
     return tiles.transpose(0, 2, 4, 1, 3).reshape(shape)[:n_row, :n_col].copy()
 
@@ -102,6 +104,7 @@ def f32_rm_to_f16_ah(matrix: NDArray[np.float32]) -> NDArray[np.float16]:
 
 
 def f32_rm_to_f16_ah_numpy(matrix: NDArray[np.float32]) -> NDArray[np.float16]:
+    """`f32_rm_to_f16_ah` in NumPy."""
     with np.errstate(over="ignore", under="ignore"):
         return f16_rm_to_f16_ah_numpy(matrix.astype(np.float16))
 
@@ -115,6 +118,7 @@ def f16_ah_to_f32_rm(tiles: NDArray[np.float16], n_row: int, n_col: int) -> NDAr
 
 
 def f16_ah_to_f32_rm_numpy(tiles: NDArray[np.float16], n_row: int, n_col: int) -> NDArray[np.float32]:
+    """`f16_ah_to_f32_rm` in NumPy."""
     return f16_ah_to_f16_rm_numpy(tiles, n_row, n_col).astype(np.float32)
 
 
@@ -130,6 +134,7 @@ def _rm_to_wh_numpy(matrix: Array, n_together: int) -> Array:
 
 
 def f16_rm_to_f16_wh_numpy(matrix: NDArray[np.float16]) -> NDArray[np.float16]:
+    """`f16_rm_to_f16_wh` in NumPy."""
     return _rm_to_wh_numpy(matrix, 2)
 
 
@@ -139,6 +144,7 @@ def f16_cm_to_f16_zb(columns: NDArray[np.float16]) -> NDArray[np.float16]:
 
 
 def f16_cm_to_f16_zb_numpy(columns: NDArray[np.float16]) -> NDArray[np.float16]:
+    """`f16_cm_to_f16_zb` in NumPy."""
     return block_linearize_numpy(columns, 4, 8)
 
 
@@ -151,6 +157,7 @@ def i8_rm_to_i8_wh(matrix: NDArray[np.int8]) -> NDArray[np.int8]:
 
 
 def i8_rm_to_i8_wh_numpy(matrix: NDArray[np.int8]) -> NDArray[np.int8]:
+    """`i8_rm_to_i8_wh` in NumPy."""
     return _rm_to_wh_numpy(matrix, 4)
 
 
@@ -163,6 +170,7 @@ def u8_rm_to_u8_ah(matrix: NDArray[np.uint8]) -> NDArray[np.uint8]:
 
 
 def u8_rm_to_u8_ah_numpy(matrix: NDArray[np.uint8]) -> NDArray[np.uint8]:
+    """`u8_rm_to_u8_ah` in NumPy."""
     return block_linearize_numpy(matrix, 64, 32)
 
 
@@ -175,6 +183,7 @@ def i32_ah_to_i32_rm(tiles: NDArray[np.int32], n_row: int, n_col: int) -> NDArra
 
 
 def i32_ah_to_i32_rm_numpy(tiles: NDArray[np.int32], n_row: int, n_col: int) -> NDArray[np.int32]:
+    """`i32_ah_to_i32_rm` in NumPy."""
     return block_unlinearize_numpy(tiles, n_row, n_col)
 
 
@@ -205,6 +214,7 @@ def words_rm_to_i4_wh(words: NDArray[np.uint32]) -> NDArray[np.uint8]:
 
 
 def words_rm_to_i4_wh_numpy(words: NDArray[np.uint32]) -> NDArray[np.uint8]:
+    """`words_rm_to_i4_wh` in NumPy."""
     return i4_rm_to_i4_wh_numpy(unpack_i4(words, 8 * words.shape[1]))
 
 
@@ -219,6 +229,7 @@ def i4_rm_to_i4_wh(values: NDArray[np.int8]) -> NDArray[np.uint8]:
 
 
 def i4_rm_to_i4_wh_numpy(values: NDArray[np.int8]) -> NDArray[np.uint8]:
+    """`i4_rm_to_i4_wh` in NumPy."""
     m = padded(values, 32, 32).view(np.uint8) & np.uint8(15)
     tiles = m.reshape(m.shape[0] // 32, 32, m.shape[1] // 32, 4, 2, 4).transpose(0, 2, 3, 1, 5, 4)
     return tiles[..., 0] | tiles[..., 1] << np.uint8(4)
@@ -234,6 +245,7 @@ def i4_cm_to_i4_wh(columns: NDArray[np.int8]) -> NDArray[np.uint8]:
 
 
 def i4_cm_to_i4_wh_numpy(columns: NDArray[np.int8]) -> NDArray[np.uint8]:
+    """`i4_cm_to_i4_wh` in NumPy."""
     return i4_rm_to_i4_wh_numpy(np.ascontiguousarray(columns.T))
 
 
@@ -248,6 +260,7 @@ def i4_tile(tile: NDArray[np.int8]) -> NDArray[np.uint8]:
 
 
 def i4_tile_numpy(tile: NDArray[np.int8]) -> NDArray[np.uint8]:
+    """`i4_tile` in NumPy."""
     return i4_cm_to_i4_wh_numpy(tile)[0, 0]
 
 
@@ -266,6 +279,7 @@ def block_linearize(matrix: Array, block_rows: int, block_cols: int) -> Array:
 
 
 def block_linearize_numpy(matrix: Array, block_rows: int, block_cols: int) -> Array:
+    """`block_linearize` in NumPy."""
     m = padded(matrix, block_rows, block_cols)
     blocks = m.reshape(m.shape[0] // block_rows, block_rows, m.shape[1] // block_cols, block_cols)
     return np.ascontiguousarray(blocks.transpose(0, 2, 1, 3))
@@ -285,6 +299,7 @@ def block_unlinearize(blocks: Array, n_row: int, n_col: int) -> Array:
 
 
 def block_unlinearize_numpy(blocks: Array, n_row: int, n_col: int) -> Array:
+    """`block_unlinearize` in NumPy."""
     shape = blocks.shape[0] * blocks.shape[2], blocks.shape[1] * blocks.shape[3]
     return blocks.transpose(0, 2, 1, 3).reshape(shape)[:n_row, :n_col].copy()
 
@@ -297,4 +312,5 @@ def transpose(matrix: Array) -> Array:
 
 
 def transpose_numpy(matrix: Array) -> Array:
+    """`transpose` in NumPy."""
     return np.ascontiguousarray(matrix.T)

@@ -7,6 +7,8 @@ docs/weight-files.md defines the quantisers of weights by formulas.
 from __future__ import annotations
 
 import ctypes
+import math
+import sys
 from dataclasses import dataclass
 from typing import Any
 
@@ -85,18 +87,21 @@ def _round_away(values: NDArray[Any]) -> F64Array:
 
 def _shifted_values(x: F32Array, largest: int) -> tuple[NDArray[np.int64], F32Array]:
     with np.errstate(all="ignore"):
-        scales = np.fmax.reduce(np.abs(x), axis=1, initial=np.float32(0)) / np.float32(largest)
+        # Not fmax, with which a signalling NaN wins.
+        scales = np.max(np.abs(x), axis=1, initial=0, where=~np.isnan(x)) / np.float32(largest)
         inverse = np.where(scales == 0, np.float32(0), np.float32(1) / scales)
         rounded = np.nan_to_num(_round_away(x * inverse[:, None]), nan=0)
     return np.clip(rounded, -2**31, 2**31 - 1).astype(np.int64) + largest + 1, scales
 
 
 def quantise_u8_numpy(x: F32Array) -> tuple[NDArray[np.uint8], F32Array, NDArray[np.uint32]]:
+    """`quantise_u8` in NumPy."""
     values, scales = _shifted_values(x, 127)
     return values.astype(np.uint8), scales, values.sum(axis=1).astype(np.uint32)
 
 
 def quantise_u16_numpy(x: F32Array) -> tuple[NDArray[np.uint8], NDArray[np.uint8], F32Array, NDArray[np.uint32]]:
+    """`quantise_u16` in NumPy."""
     values, scales = _shifted_values(x, 32767)
     stored = values.astype(np.uint16)
     return (stored >> 8).astype(np.uint8), stored.astype(np.uint8), scales, stored.sum(axis=1).astype(np.uint32)
@@ -272,7 +277,8 @@ class PackedMatrix:
     data : NDArray[np.uint8]
         Tiles, zero points, scales and sums, with the padding to whole tiles; what a packed file holds.
     error : float
-        |w - w'| / |w|, Frobenius norms, w' being what the packed matrix stands for. 0 for 0 / 0.
+        |w - w'| / |w|, Frobenius norms, w' being what the packed matrix stands for. 0 for 0 / 0, 1 for another number
+        / 0, and at most the largest float.
     product_error : float
         |x (w - w')| / |x w| on the activations of the calibration, or -1 without.
     """
@@ -298,10 +304,12 @@ class PackedMatrix:
 
     @property
     def shape(self) -> tuple[int, int]:
+        """n_inner, n_col: true extents."""
         return self.n_inner, self.n_col
 
     @property
     def layout(self) -> _library.Layout:
+        """Padded extents, where the parts begin in `data`, and `n_byte`."""
         return layout_of(self.form, self.n_inner, self.n_col)
 
     def _part(self, start: int, dtype: type, count: int) -> NDArray[Any]:
@@ -322,7 +330,7 @@ class PackedMatrix:
 
     @property
     def zero_points(self) -> NDArray[np.int8]:
-        """n_col, as the next two; ValueError in form f16."""
+        """n_col; ValueError in form f16."""
         start, n_col = self._quantised().zero_points, self.layout.padded_n_col
         if self.form == "a8w8":
             return self._part(start, np.int8, n_col)[:self.n_col]
@@ -330,10 +338,12 @@ class PackedMatrix:
 
     @property
     def scales(self) -> NDArray[np.float16]:
+        """n_col; ValueError in form f16."""
         return self._part(self._quantised().scales, np.float16, self.n_col)
 
     @property
     def sums(self) -> NDArray[np.int32]:
+        """n_col, of the values of a column with its padding; ValueError in form f16."""
         return self._part(self._quantised().sums, np.int32, self.n_col)
 
     def _quantised(self) -> _library.Layout:
@@ -419,14 +429,16 @@ def quantise(w: NDArray[Any], form: str, quantiser: str = "minmax", calibration:
     check_weights("morun_weights_pack_columns", ctypes.byref(recipe), 0, n_col, address(values), n_col, 1,
                   address(data), data.size, ctypes.byref(statistics))
     s = statistics
-    return PackedMatrix(form, n_inner, n_col, data, _ratio(s.squared_error, s.sum_of_squares),
-                        _ratio(s.product_error, s.product_squares) if calibration else -1.0)
+    return PackedMatrix(form, n_inner, n_col, data, _relative_error(s.squared_error, s.sum_of_squares),
+                        _relative_error(s.product_error, s.product_squares) if calibration else -1.0)
 
 
-def _ratio(squared_error: float, squares: float) -> float:
-    if squares == 0:
-        return 0.0 if squared_error == 0 else float("inf")
-    return float(np.sqrt(squared_error / squares))
+def _relative_error(squared_error: float, squares: float) -> float:
+    """What a packed file would hold: 0 for 0 / 0, 1 for another number / 0, and at most the largest float."""
+    if squared_error == 0:
+        return 0.0
+    ratio = math.sqrt(squared_error / squares) if squares > 0 else 1.0
+    return ratio if ratio <= sys.float_info.max else sys.float_info.max
 
 
 def dequantise(packed: PackedMatrix) -> F32Array:
@@ -440,10 +452,12 @@ def dequantise(packed: PackedMatrix) -> F32Array:
 
 
 def dequantise_numpy(packed: PackedMatrix) -> F32Array:
+    """`dequantise` in NumPy."""
     values = packed.values[:packed.n_inner, :packed.n_col].astype(np.float32)
     if packed.form == "f16":
         return values
-    return (values - packed.zero_points.astype(np.float32)) * packed.scales.astype(np.float32)
+    with np.errstate(all="ignore"):  # the scale of the quantiser "library" may be infinite
+        return (values - packed.zero_points.astype(np.float32)) * packed.scales.astype(np.float32)
 
 
 # ---- The quantisers of weights in NumPy: all columns at a time ----

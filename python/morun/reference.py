@@ -80,6 +80,7 @@ def _four_sums(x: F16Array, w: F16Array) -> F32Array:
 
 
 def block_f32_numpy(x: F16Array, w: F16Array) -> F32Array:
+    """`block_f32` in NumPy."""
     n_inner = x.shape[1] // 8 * 8
     return _four_sums(x[:, :n_inner], w[:n_inner])
 
@@ -122,6 +123,7 @@ def matmul_columns(x: F16Array, columns: F16Array) -> F16Array:
 
 
 def matmul_columns_numpy(x: F16Array, columns: F16Array) -> F16Array:
+    """`matmul_columns` in NumPy."""
     n_whole, w = x.shape[1] // 4 * 4, columns.T
     with np.errstate(all="ignore"):
         sums = _four_sums(x, w)

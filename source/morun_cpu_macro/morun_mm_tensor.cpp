@@ -148,8 +148,8 @@ int32_t f16_by_tiled_weights(const TensorProduct& product, Copies& copies) {
   return MORUN_SUCCESS;
 }
 
-// Kept: the values of `right` are read as n_col rows of n_inner, as on the host. The NPU takes the tiles of these rows for
-// tiles of an n_inner x n_col matrix. That gives the plain product left * right only when n_col = n_inner.
+// Kept: the values of `right` are read as n_col rows of n_inner, as on the host. The NPU takes the tiles of these rows
+// for tiles of an n_inner x n_col matrix. That gives the plain product left * right only when n_col = n_inner.
 int32_t f16_row_major_on_npu(const TensorProduct& product, Copies& copies) {
   MORUN_TRY(copy_operands(product, copies));
   MORUN_TRY_STEP(this_call, morun_cpu_rm_to_wh_f16_inplace(product.n_col, product.n_inner, copies.halves_of_W()),

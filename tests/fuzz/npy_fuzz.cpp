@@ -1,5 +1,5 @@
-// Files of any content: the reader refuses one with an Error, or gives a matrix that reads the same in every piece, and the
-// same again when it has been written.
+// Files of any content: the reader refuses one with an Error, or gives a matrix that reads the same in every piece, and
+// the same again when it has been written.
 #include <cmath>
 
 #include "tests/fuzz/fuzz.h"

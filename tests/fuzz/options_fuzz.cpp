@@ -1,5 +1,5 @@
-// Contexts with any options on platforms of any size that fail or claim a success that they do not have: a context is had
-// or refused, and nothing is left of it. One that is had multiplies within its limits and refuses past them.
+// Contexts with any options on platforms of any size that fail or claim a success that they do not have: a context is
+// had or refused, and nothing is left of it. One that is had multiplies within its limits and refuses past them.
 #include "include/tavik.h"
 #include "tests/fuzz/fuzz.h"
 

@@ -1,6 +1,6 @@
-// Products and buffers of the lower interface, and integer products of the upper one, with any dimensions, descriptors and
-// offsets, on a platform that fails or claims a success that it does not have. Nothing beside the results is touched, the
-// same call gives the same result again, and after a fault a new context computes what the first one did.
+// Products and buffers of the lower interface, and integer products of the upper one, with any dimensions, descriptors
+// and offsets, on a platform that fails or claims a success that it does not have. Nothing beside the results is
+// touched, the same call gives the same result again, and after a fault a new context computes what the first one did.
 #include <fcntl.h>
 
 #include <bit>

@@ -6,8 +6,8 @@
 
 namespace {
 
-// No record has more elements than a matrix of 128 x 128 with gaps between its rows. The NPU takes every integer product
-// of that size; a refusal would end the process.
+// No record has more elements than a matrix of 128 x 128 with gaps between its rows. The NPU takes every integer
+// product of that size; a refusal would end the process.
 constexpr uint64_t elements_max = 17 * 1024, width_max = 4, page = 4096, region_bytes = elements_max * width_max + page;
 
 // Three regions of the heap and three of shared memory. Before every call each page has the bytes of that page of

@@ -1,8 +1,9 @@
-// Packed files of any content: the reader refuses one with a status of an invalid file, or lists tensors that cover its data
-// and whose bytes can be read, compared with their checksums and unpacked. Nothing is left of either.
+// Packed files of any content: the reader refuses one with a status of an invalid file, or lists tensors that cover its
+// data and whose bytes can be read, compared with their checksums and unpacked. Nothing is left of either.
 //
-// An input is the number of bytes of the data, two bytes little-endian, and the header's JSON, in which ' stands for \". The
-// data are zeros that begin at a multiple of 4096. A number of 65535 stands for nothing: the rest is the whole file.
+// An input is the number of bytes of the data, two bytes little-endian, and the header's JSON, in which ' stands for
+// \". The data are zeros that begin at a multiple of 4096. A number of 65535 stands for nothing: the rest is the whole
+// file.
 #include <memory>
 #include <string>
 

@@ -1,5 +1,7 @@
 """Conversions, quantisers and reference products: the bits of each are those of the same in NumPy."""
 
+import sys
+
 import numpy as np
 import pytest
 from hypothesis import given, strategies as st
@@ -24,15 +26,14 @@ def same(a, b):
 
 
 def numbers(n_row, n_col, dtype, seed, special=False):
-    """Any bits of integers; reals of all magnitudes of f16 and beyond, on demand with NaN and infinities."""
+    """Any bits of integers; reals of all magnitudes of f16 and beyond, on demand with special values."""
     rng = np.random.default_rng(seed)
     if np.dtype(dtype).kind in "iu":
         return rng.integers(0, 256, (n_row, n_col * np.dtype(dtype).itemsize), np.uint8).view(dtype)
     values = rng.standard_normal((n_row, n_col)) * 2.0 ** rng.integers(-4 if not special else -28, 4, (n_row, 1))
     if special and values.size:
-        values.flat[rng.integers(0, values.size, values.size // 9)] = np.nan
-        values.flat[rng.integers(0, values.size, values.size // 20)] = np.inf
-        values.flat[rng.integers(0, values.size, values.size // 20)] = 1e5
+        for value in (np.nan, np.nan, np.inf, -np.inf, -0.0, 1e-45, 1e5):
+            values.flat[rng.integers(0, values.size, values.size // 20)] = value
     with np.errstate(over="ignore"):
         return values.astype(dtype)
 
@@ -101,6 +102,7 @@ def test_every_half_and_its_neighbours():
 @given(n_row=extents, n_col=extents, seed=st.integers(0, 9))
 def test_activations_to_integers(n_row, n_col, seed):
     x = numbers(n_row, n_col, np.float32, seed, special=True)
+    x.view(np.uint32)[np.isnan(x)] = (0x7fc00000, 0x7f800001)[seed % 2]  # quiet and signalling
     values, scales, sums = quant.quantise_u8_numpy(x)
     same(quant.quantise_u8(x), (values, scales, sums))
     same(quant.quantise_u8_ah(x), (layouts.u8_rm_to_u8_ah_numpy(values), scales, sums))
@@ -155,6 +157,7 @@ def test_values_that_are_not_finite_on_demand():
         same(quant.quantise(wild, form, allow_non_finite=True).data, quant.quantise(tame, form).data)
     halves = quant.dequantise(quant.quantise(wild, "f16", allow_non_finite=True))
     same(halves, wild.astype(np.float16).astype(np.float32))
+    assert quant.quantise(w + np.float32(1e5), "f16").error == sys.float_info.max  # as packed files have it
 
 
 @pytest.mark.parametrize("form, damping", [("a8w8", 0.05), ("a8w4", 0.05), ("a8w4", 0.5)])

@@ -49,7 +49,7 @@ def test_the_program_reads_a_picture_and_compares(tmp_path, capsys, monkeypatch)
         assert read_text.main() == 0
         assert wanted in capsys.readouterr().out
     layers = json.loads((tmp_path / "layers.json").read_text())["layers"]
-    assert len(layers) == 37  # 25 convolutions without groups and 12 matrix products
+    assert len(layers) == 37  # 24 convolutions without groups and 13 matrix products
     means = [np.mean([layer["errors"][way] for layer in layers]) for way in ("f16", "a8w8", "a8w4 mse")]
     assert means[0] < 0.001 < means[1] < 0.02 < means[2]
 

@@ -36,7 +36,8 @@ void interrupt_running(int signal) {
   if (morun_weights_packer* const packer = running) morun_weights_packer_interrupt(packer);
 }
 
-// While it lives, signals have the packer end, which leaves no file; then the signal takes the effect that it had before.
+// While it lives, signals have the packer end, which leaves no file; then the signal takes the effect that it had
+// before.
 class InterruptiblePacking {
  public:
   explicit InterruptiblePacking(morun_weights_packer* packer) {

@@ -41,8 +41,8 @@ ProductPlan plan_product(WeightKind kind, const ProductShape& shape);
 using WeightObserver = std::function<void(size_t i, const std::vector<float>& values)>;
 
 // All weights of a product, in the layout of the matrix unit, in one shared buffer and therefore in one session. Packed
-// weights are read straight into the buffer. Other weights are quantised column by column when the product takes quantised
-// ones. The constructor takes that buffer and some megabytes, whatever the size of the weights.
+// weights are read straight into the buffer. Other weights are quantised column by column when the product takes
+// quantised ones. The constructor takes that buffer and some megabytes, whatever the size of the weights.
 class Weights {
  public:
   Weights(tavik_context* context, const ProductPlan& plan, const std::vector<WeightFile>& files,

@@ -10,8 +10,9 @@
 
 namespace tool {
 
-// While the object lives, everything that the program prints to standard output goes to standard error. The tool uses the
-// object when a library prints failures to standard output, and when standard output is reserved for the bytes of a file.
+// While the object lives, everything that the program prints to standard output goes to standard error. The tool uses
+// the object when a library prints failures to standard output, and when standard output is reserved for the bytes of a
+// file.
 class StandardOutputAside {
  public:
   StandardOutputAside() : saved_(move(STDOUT_FILENO)) { dup2(STDERR_FILENO, STDOUT_FILENO); }

@@ -13,8 +13,8 @@ namespace tool {
 // The signals by which users, terminals and other programs end a command.
 inline constexpr std::array interruptions = {SIGHUP, SIGINT, SIGPIPE, SIGQUIT, SIGTERM};
 
-// Installs handlers by which these signals remove all temporary files before they end the program as usual. A signal that was ignored when the program started stays ignored. A main function calls this once; a
-// library does not.
+// Installs handlers by which these signals remove all temporary files before they end the program as usual. A signal
+// that was ignored when the program started stays ignored. A main function calls this once; a library does not.
 void remove_temporary_files_on_interruption();
 
 // A new file under an unpredictable name, open for writing, with permissions for its owner alone. The destructor

@@ -155,8 +155,8 @@ double rounding_of(int64_t integer) {
   return magnitude <= f32_whole ? 0 : magnitude * u;
 }
 
-// The exact value is t * a * w with t = acc - 128 S_w - z S_a + 128 z K, the activation's scale a and the column's scale
-// w. In f32, acc and each of the three steps to t are rounded where they are beyond 2^24, which leads t away by
+// The exact value is t * a * w with t = acc - 128 S_w - z S_a + 128 z K, the activation's scale a and the column's
+// scale w. In f32, acc and each of the three steps to t are rounded where they are beyond 2^24, which leads t away by
 //   e = u (|acc| + |t1| + |t2| + |t3|) * (1 + 4 u);
 // multiplying by a and by w then rounds twice, by a relative u or by half the smallest step:
 //   bound = (e + (2 u + u^2) (|t| + e)) a w + (w + 1) 2^-150.
