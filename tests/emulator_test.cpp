@@ -97,6 +97,11 @@ class EmulatorScripts : public Transcript {
          const auto fd = static_cast<int>(v[1]), offset = static_cast<int>(v[2]);
          return parlo_mmap(static_cast<int>(v[0]), fd, shared.address, offset, v[3], 2);
        }},
+      {"munmap",
+       [this](const Words& w) {
+         const Shared& shared = buffers_.at(w[0]);
+         return parlo_munmap(static_cast<int>(value(w[1])), shared.fd, shared.address, value(w[2]));
+       }},
       {"call", [this](const Words& w) { return sessions_[w[0]].invoke(methods_.at(w[1]), values<uint32_t>(w, 2)); }},
       {"version", [this](const Words& w) { tell_version(sessions_[w[0]]); }},
       {"allocate", [this](const Words& w) { allocate(w); }},

@@ -27,6 +27,12 @@ constexpr uint64_t bits_per_value(int32_t form) {
   return form == MORUN_WEIGHTS_F16 ? 16 : form == MORUN_WEIGHTS_A8W8 ? 8 : 4;
 }
 
+// The signed 4-bit value number `index` of a word, counted from its least significant bits. int4_to_int8 of the library
+// has a name that a program may have for something else, so the companion does not call it.
+constexpr int8_t nibble(uint32_t word, uint64_t index) {
+  return static_cast<int8_t>(((word >> 4 * index & 15) ^ 8) - 8);
+}
+
 // Throws EXTENTS. `form` is a packed one.
 morun_weights_layout layout_of(int32_t form, uint64_t n_inner, uint64_t n_col);
 

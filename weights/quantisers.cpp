@@ -253,10 +253,6 @@ std::vector<uint16_t> padded_halves(const ColumnValues& columns) {
   return halves;
 }
 
-int8_t nibble(uint32_t word, uint64_t index) {
-  return int4_to_int8(static_cast<uint8_t>(word >> 4 * index));
-}
-
 void quantise_library(int32_t form, const ColumnValues& columns, QuantisedColumns& quantised) {
   const std::vector<uint16_t> halves = padded_halves(columns);
   int32_t sums[tile];

@@ -12,11 +12,6 @@ namespace {
 
 constexpr uint64_t words_per_column_group = tile;  // a word holds values of one row and as many columns as fit
 
-int32_t signed_nibble(std::byte byte, bool is_upper) {
-  const auto nibble = static_cast<int32_t>(is_upper ? byte >> 4 : byte & std::byte{15});
-  return nibble < 8 ? nibble : nibble - 16;
-}
-
 float half_at(const std::byte* bytes) {
   uint16_t half;
   std::memcpy(&half, bytes, sizeof half);
@@ -32,7 +27,7 @@ int32_t byte_of_tile(const std::byte* tile_bytes, uint64_t k, uint64_t c) {
   return static_cast<int8_t>(tile_bytes[(c / 4 * words_per_column_group + k) * 4 + c % 4]);
 }
 int32_t nibble_of_tile(const std::byte* tile_bytes, uint64_t k, uint64_t c) {
-  return signed_nibble(tile_bytes[(c / 8 * words_per_column_group + k) * 4 + c % 4], c % 8 >= 4);
+  return nibble(std::to_integer<uint32_t>(tile_bytes[(c / 8 * words_per_column_group + k) * 4 + c % 4]), c % 8 / 4);
 }
 
 // ---- Columns -------------------------------------------------------------------------------------------------------
@@ -48,8 +43,9 @@ Scaling scaling_of(const PackedMatrix& packed, uint64_t first_column) {
   for (uint64_t i = 0; i < tile; ++i) {
     const uint64_t c = first_column + i;
     scaling.scales[i] = half_at(packed.bytes + packed.layout.scales + 2 * c);
-    scaling.zero_points[i] = packed.form == MORUN_WEIGHTS_A8W8 ? static_cast<int8_t>(zero_points[c])
-                                                               : signed_nibble(zero_points[c / 2], c % 2 == 1);
+    scaling.zero_points[i] = packed.form == MORUN_WEIGHTS_A8W8
+                                 ? static_cast<int8_t>(zero_points[c])
+                                 : nibble(std::to_integer<uint32_t>(zero_points[c / 2]), c % 2);
   }
   return scaling;
 }

@@ -1,6 +1,7 @@
 #include "source/morun_npu_macro/npu_state.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <cstring>
 
@@ -16,8 +17,18 @@ MORUN_EXPORT_OWN(npu_version)
 
 // A program may read a library's variable directly, without the global offset table. Then the linker gives the program
 // a copy of the variable, and every lookup of the variable's name with its version node finds that copy. A variable of
-// the program's own under the same name has no version node, and the lookup does not find it.
+// the program's own under the same name has no version node, and the lookup does not find it. The lookup does find such
+// a variable in a shared library that has no version nodes at all, but a copy stands only in the program itself.
 namespace {
+
+void* copy_in_program(const char* name) {
+  void* const found = dlvsym(RTLD_DEFAULT, name, "MORUN_1");
+  Dl_info info;
+  void* object = nullptr;
+  if (found == nullptr || dladdr1(found, &info, &object, RTLD_DL_LINKMAP) == 0) return nullptr;
+  const bool is_program = static_cast<const link_map*>(object)->l_name[0] == '\0';
+  return is_program ? found : nullptr;
+}
 
 struct Variable {
   const char* name;
@@ -41,8 +52,8 @@ constinit bool looked_for_copies = false;
 
 void morun::publish_state() {
   for (Variable& variable : variables) {
-    if (!looked_for_copies) variable.copy = dlvsym(RTLD_DEFAULT, variable.name, "MORUN_1");
-    if (variable.copy != nullptr && variable.copy != variable.own) memcpy(variable.copy, variable.own, variable.size);
+    if (!looked_for_copies) variable.copy = copy_in_program(variable.name);
+    if (variable.copy != nullptr) memcpy(variable.copy, variable.own, variable.size);
   }
   looked_for_copies = true;
 }
