@@ -183,6 +183,15 @@ class Folder {
     return all;
   }
 
+  // Returns a line with the name of the status and, for a failure, its text without the name of the folder.
+  std::string outcome(int32_t status) const {
+    std::string told = morun_weights_status_name(status);
+    if (status != MORUN_WEIGHTS_SUCCESS) told += std::string(": ") + morun_weights_error_text();
+    const std::string folder = path("");
+    for (size_t at; (at = told.find(folder)) != told.npos;) told.erase(at, folder.size());
+    return "  " + told + '\n';
+  }
+
   const fs::path folder_;
 };
 
