@@ -1,5 +1,5 @@
-# The words that the commands in tests/transcripts/Tool*.txt use. The test sets `tool`, the command that starts the tool,
-# and `libraries`, the folder of its libraries.
+# The words that the commands in tests/transcripts/Tool*.txt and RefusedPackings.txt use. The test of the tool sets `tool`,
+# the command that starts the tool, and `libraries`, the folder of its libraries.
 set -o pipefail
 morun() { "${tool[@]}" "$@"; }
 
@@ -19,6 +19,8 @@ npy() {
   dictionary "${VERSION-1}" "{'descr': '$type', 'fortran_order': $order, 'shape': $2, }"
   perl -e '$type = shift; $type =~ /^(.)f(.)/; print pack({2 => "S", 4 => "f", 8 => "d"}->{$2} . ($1 eq ">" ? ">" : "<") . "*", map { /^0x/ ? hex : $_ } @ARGV)' "$type" "${@:3}"
 }
+# Prints a .safetensors file: the header $1, and the standard input as the data.
+safetensors() { perl -e 'print pack("Q</a*", shift)' "$1" && cat; }
 zeros() { head -c "$1" /dev/zero; }
 
 # Prints the values of the f32 file $1, $2 values a line.

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "tests/data.h"
+#include "tests/expected_text.h"
 #include "tests/products.h"
 #include "tests/support.h"
 #include "tests/weight_files.h"
@@ -125,66 +126,25 @@ std::string told(const morun_weights_plan& plan, const std::vector<morun_weights
   return text.str();
 }
 
-TEST_F(WeightsLoad, PlansKeepGroupsTogetherAndPutFourBitMatricesFirst) {
+TEST_F(WeightsLoad, PlansOfBuffers) {
   // fN takes N times 2048 bytes; q4 and q5, of 4 bits, take 4 and 5 times.
   open(
       "f1 f16 32 32  f2 f16 32 64  f3 f16 96 32  f4 f16 64 64  f5 f16 32 160  f6 f16 96 64  q4 a8w4 32 32 "
       "q5 a8w4 32 256  plain carried 1 1");
-  struct Case {
-    const char* requests;
-    uint64_t largest;  // in 2048 bytes; 0: the default
-    uint32_t n_free;
-    const char* expected;
-    int32_t status = 0;
-  };
-  const Case cases[] = {
-      {"", 1, 0, "/ 0:"},
-      // In the order of the requests, while that takes few buffers enough.
-      {"f3 f1 f4 f2", 0, 32, "10 / 0: 0+0 0+3 0+4 0+8"},
-      {"f3 f2 f4 f1", 6, 2, "5 5 / 0: 0+0 0+3 1+0 1+4"},
-      {"f3 f5 f4 f1 f2", 6, 4, "3 5 5 2 / 0: 0+0 1+0 2+0 2+4 3+0"},
-      // Fewer by putting the largest first.
-      {"f3 f5 f4 f1 f2", 6, 3, "6 6 3 / 0: 2+0 0+0 1+0 0+5 1+4"},
-      {"q5 f3 f5 f4 f1 f2", 6, 4, "5 6 6 3 / 1: 0+0 3+0 1+0 2+0 1+5 2+4"},
-      // Groups are one piece, whatever stands between their tensors.
-      {"f3/7 f5 f1/9 f2/7", 6, 4, "5 6 / 0: 0+0 1+0 1+5 0+3"},
-      // 4 bits: alone first; of a group only where that is said.
-      {"f1 q4 f2 q5", 9, 32, "9 3 / 1: 1+0 0+0 1+1 0+4"},
-      {"f1 q4/1 f2 q5/1", 12, 32, "12 / 0: 0+0 0+1 0+10 0+5"},
-      {"f1 q4/1 f2/2 q5/1! f3/2!", 12, 32, "9 6 / 1: 1+0 0+0 1+1 0+4 1+3"},
-      // Buffers of session 0 take other matrices only where there are too few.
-      {"f3 q5", 8, 2, "5 3 / 1: 1+0 0+0"},
-      {"f3 q5", 8, 1, "8 / 1: 0+5 0+0"},
-      {"f1 plain", 0, 32, "tensor \"plain\" is not packed", MORUN_WEIGHTS_NOT_PACKED},
-      {"f1 f2 f1/1", 0, 32, "tensor \"f1\" is requested twice", MORUN_WEIGHTS_REQUESTED_TWICE},
-      {"f1 f4", 3, 32, "tensor \"f4\" takes 8192 bytes in one buffer, and the largest buffer has 6144",
-       MORUN_WEIGHTS_GROUP_TOO_LARGE},
-      {"f2 f1/5 f4/5", 4, 32, "group 5, of 2 tensors from tensor \"f1\" on, takes 10240 bytes in one buffer, and the",
-       MORUN_WEIGHTS_GROUP_TOO_LARGE},
-      {"f3 f5 f4 f6", 6, 3,
-       "at most 12288 bytes the tensors take 4, and 3 are free; a largest buffer of 14336 bytes would do",
-       MORUN_WEIGHTS_TOO_MANY_BUFFERS},
-      {"f1", 1, 0, "at most 2048 bytes the tensors take 1, and 0 are free; no largest buffer would do",
-       MORUN_WEIGHTS_TOO_MANY_BUFFERS},
-      {"f1", (1 << 21) - 1, 32, "1 / 0: 0+0"},
-      {"f1", 1 << 21, 32, "largest_buffer", MORUN_WEIGHTS_BAD_ARGUMENT},
-      {"f1", 1, 33, "n_free_buffer", MORUN_WEIGHTS_BAD_ARGUMENT},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.expected);
-    const Requests all = requests(c.requests);
+  test::expect_kept_text(test::played_commands([&](const std::string& command) {
+    std::istringstream words(command);
+    uint64_t largest = 0;
+    uint32_t n_free = 0;
+    words >> largest >> n_free;
+    const Requests all = requests({std::istreambuf_iterator<char>(words), {}});
     std::vector<morun_weights_place> places(all.size(), {77, 77});
     morun_weights_plan plan = {};
     const int32_t status =
-        morun_weights_plan_places(file_, all.size(), all.data(), 2048 * c.largest, c.n_free, &plan, places.data());
-    if (c.status != 0) {
-      test::expect_status(status, c.status, c.expected);
-      EXPECT_EQ(plan.n_buffer + places[0].buffer + places[0].offset, 154u) << "unchanged";
-      continue;
-    }
-    EXPECT_EQ(status, 0) << morun_weights_error_text();
-    EXPECT_EQ(told(plan, places), c.expected);
-  }
+        morun_weights_plan_places(file_, all.size(), all.data(), 2048 * largest, n_free, &plan, places.data());
+    if (status == 0) return "  " + told(plan, places) + '\n';
+    EXPECT_EQ(plan.n_buffer + places[0].buffer + places[0].offset, 154u) << "unchanged";
+    return outcome(status);
+  }));
 
   const morun_weights_request any = {0, 0, 0}, none = {9, 0, 0};
   morun_weights_plan plan;

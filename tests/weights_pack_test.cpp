@@ -6,8 +6,8 @@
 #include <cmath>
 #include <csignal>
 #include <map>
-#include <tuple>
 
+#include "tests/expected_text.h"
 #include "tests/weight_files.h"
 
 namespace {
@@ -15,7 +15,10 @@ namespace {
 namespace fs = std::filesystem;
 using test::PackedFile, test::Packer, test::encoded, test::npy, test::safetensors, test::some_values;
 
-class WeightsPack : public testing::Test, public test::Folder {};
+class WeightsPack : public testing::Test, public test::Folder {
+ protected:
+  std::string pack(const std::string& command) const;
+};
 
 std::vector<float> transposed(const std::vector<float>& values, size_t n_row, size_t n_col) {
   std::vector<float> by_columns(values.size());
@@ -55,36 +58,6 @@ TEST_F(WeightsPack, RowsThatAreReadInPiecesComeBackWhole) {
   for (size_t i = 0; i < w.size(); ++i) ASSERT_EQ(matrix.value(i / n_col, i % n_col), w[i]) << i;
 }
 
-TEST_F(WeightsPack, TheLastRuleThatMatchesDecidesAndSoDoNames) {
-  write("m.safetensors", safetensors({{"a.weight", "F32", {1, 1}, "1234"},
-                                      {"a.bias", "F32", {1, 1}, "1234"},
-                                      {"embed.weight", "F32", {1, 1}, "1234"},
-                                      {"x.norm2.weight", "F16", {1, 1}, "12"},
-                                      {"b.weight", "I32", {1, 1}, "1234"},
-                                      {"c.weight", "F32", {1, 1, 1}, "1234"},
-                                      {"d.weight", "F32", {0, 3}, ""}}));
-  write("norm.npy", npy("<f4", false, "(1, 1)", "1234"));
-  Packer packer([](auto& o) { o.form = MORUN_WEIGHTS_F16; });
-  packer.source(path("m.safetensors")).source(path("norm.npy"));
-  const auto told = [&] {
-    std::vector<std::string> all;
-    for (const auto& d : packer.decisions())
-      all.push_back(std::string(d.name) + " " + std::to_string(d.form) + " " + d.reason);
-    return all;
-  };
-  // Packed tensors are the first.
-  EXPECT_EQ(told(), (std::vector<std::string>{
-                        "a.weight 1 name ends in weight", "norm 1 a .npy matrix",
-                        "a.bias 0 name does not end in weight", "embed.weight 0 name contains embed",
-                        "x.norm2.weight 0 name contains norm", "b.weight 0 dtype is none of F64, F32, F16, BF16",
-                        "c.weight 0 not 2-dimensional", "d.weight 0 an extent is 0"}));
-  packer.rule("*", MORUN_WEIGHTS_A8W8).rule("*.weight", MORUN_WEIGHTS_A8W4).rule("?orm", MORUN_WEIGHTS_CARRIED);
-  EXPECT_EQ(told(), (std::vector<std::string>{
-                        "a.weight 3 rule *.weight", "a.bias 2 rule *", "embed.weight 3 rule *.weight",
-                        "x.norm2.weight 3 rule *.weight", "b.weight 0 dtype is none of F64, F32, F16, BF16",
-                        "c.weight 0 not 2-dimensional", "d.weight 0 an extent is 0", "norm 0 rule ?orm"}));
-}
-
 TEST_F(WeightsPack, CalibrationTakesTheActivationOfEachTensor) {
   const std::vector<float> w = some_values(64 * 45, 7), few = some_values(100 * 5, 8);
   std::vector<float> x = some_values(100 * 45, 9);
@@ -113,157 +86,66 @@ TEST_F(WeightsPack, CalibrationTakesTheActivationOfEachTensor) {
 
 // ---- Refusals ------------------------------------------------------------------------------------------------------
 
-TEST_F(WeightsPack, SourcesThatAreNoneAreRefused) {
-  const std::string good = safetensors({{"a.weight", "F32", {1, 1}, "1234"}});
-  write("good.safetensors", good);
-  write("packed/p.safetensors", safetensors({}, {{"morun.format", "1"}}));
-  write("cut.safetensors", good.substr(0, good.size() - 1));
-  write("none.safetensors", safetensors({}));
-  write("text.txt", "text");
-  fs::create_directories(path("empty"));
-  write("two/a.index.json", "{}");
-  write("two/b.index.json", "{}");
-  write("twice/a.safetensors", good);
-  write("twice/b.safetensors", good);
-  const std::string map = R"({"weight_map":{"a.weight":"good.safetensors"}})", deep(1 << 20, '[');
-  const std::pair<const char*, std::string> indices[] = {
-      {"json", "{\"weight_map\":"},
-      {"nul", map + std::string("\0 {", 3)},
-      {"behind", map + "x"},
-      {"deep", R"({"metadata":)" + deep},
-      {"name", R"({"weight_map":{"a":"good.safetensors","\u0061":"other.safetensors"}})"},
-      {"maps", R"({"weight_map":{},"weight_map":{}})"},
-      {"root", "[]"},
-      {"no_map", R"({"metadata":{"weight_map":{"a":"b"}}})"},
-      {"list", "{\"weight_map\":[]}"},
-      {"outside", "{\"weight_map\":{\"a.weight\":\"../good.safetensors\"}}"},
-      {"number", "{\"weight_map\":{\"a.weight\":1}}"},
-      {"missing", "{\"weight_map\":{\"b.weight\":\"good.safetensors\"}}"},
-      {"nowhere", "{\"weight_map\":{\"b.weight\":\"nowhere.safetensors\"}}"},
-      {"nothing", "{\"weight_map\":{}}"}};
-  for (const auto& [name, json] : indices) write(name + std::string(".index.json"), json);
-  write("cut.npy", npy("<f4", false, "(2, 2)", "123"));
-  write("big.npy", npy(">f4", false, "(1, 1)", "1234"));
-  write("text.npy", npy("<U1", false, "(1, 1)", "1234"));
-  write("huge.npy", npy("<f8", false, "(4294967296, 4294967296)", "1234"));
-  write("short.npy", "\x93NUM");
-  write("other.npy", "not one of these files");
-  write("a\xff.npy", npy("<f4", false, "(1, 1)", "1234"));
-  const std::tuple<const char*, int32_t, const char*> cases[] = {
-      {"absent.safetensors", MORUN_WEIGHTS_OPEN, "No such file"},
-      {"absent", MORUN_WEIGHTS_OPEN, "No such file"},
-      {"text.txt", MORUN_WEIGHTS_SOURCE_KIND, "neither a directory nor"},
-      {"packed", MORUN_WEIGHTS_ALREADY_PACKED, "is a packed file already"},
-      {"cut.safetensors", MORUN_WEIGHTS_RANGE_OUTSIDE, "ends at byte 4"},
-      {"none.safetensors", MORUN_WEIGHTS_SOURCE_EMPTY, "no tensors"},
-      {"empty", MORUN_WEIGHTS_SOURCE_EMPTY, "no tensors"},
-      {"nothing.index.json", MORUN_WEIGHTS_SOURCE_EMPTY, "no tensors"},
-      {"two", MORUN_WEIGHTS_INDEX, "2 files *.index.json"},
-      {"twice", MORUN_WEIGHTS_DUPLICATE_NAME, "too"},
-      {"json.index.json", MORUN_WEIGHTS_INDEX, "is not JSON at its byte 15"},
-      {"nul.index.json", MORUN_WEIGHTS_INDEX, "is not JSON at its byte 47"},
-      {"behind.index.json", MORUN_WEIGHTS_INDEX, "is not JSON at its byte 47"},
-      {"deep.index.json", MORUN_WEIGHTS_INDEX, "deeper than 64 levels"},
-      {"name.index.json", MORUN_WEIGHTS_INDEX, "names tensor \"a\" twice"},
-      {"maps.index.json", MORUN_WEIGHTS_INDEX, "two members weight_map"},
-      {"root.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with an object weight_map"},
-      {"list.index.json", MORUN_WEIGHTS_INDEX, "no JSON object with an object weight_map"},
-      {"no_map.index.json", MORUN_WEIGHTS_INDEX, "has no weight_map"},
-      {"outside.index.json", MORUN_WEIGHTS_INDEX, "none of the index's folder"},
-      {"number.index.json", MORUN_WEIGHTS_INDEX, "tensor \"a.weight\" is in a number, which is no file"},
-      {"missing.index.json", MORUN_WEIGHTS_INDEX, "does not have tensor \"b.weight\""},
-      {"nowhere.index.json", MORUN_WEIGHTS_OPEN, "No such file"},
-      {"cut.npy", MORUN_WEIGHTS_NPY, "holds 3 bytes"},
-      {"huge.npy", MORUN_WEIGHTS_NPY, "holds 4 bytes"},
-      {"short.npy", MORUN_WEIGHTS_NPY, "cut short"},
-      {"other.npy", MORUN_WEIGHTS_NPY, "does not start as one"},
-      {"big.npy", MORUN_WEIGHTS_NPY_TYPE, "type >f4"},
-      {"text.npy", MORUN_WEIGHTS_NPY_TYPE, "type <U1"},
-      {"a\xff.npy", MORUN_WEIGHTS_HEADER_NAME, "no UTF-8"},
-  };
-  for (const auto& [name, status, text] : cases) {
-    Packer packer;
-    test::expect_status(morun_weights_packer_add_source(packer.handle, path(name).c_str()), status, text);
-    EXPECT_TRUE(packer.decisions().empty());
-    EXPECT_EQ(packer.run(path("out")), MORUN_WEIGHTS_SOURCE_EMPTY);
+// Packs what "SOURCE ... OPTION=VALUE ..." asks for and returns the outcome. A failure leaves all files as they were.
+std::string WeightsPack::pack(const std::string& command) const {
+  std::istringstream words(command);
+  std::vector<std::string> sources;
+  std::string activations, rule, output = "packed";
+  morun_weights_pack_options options;
+  morun_weights_pack_options_init(&options);
+  for (std::string word; words >> word;) {
+    const size_t at = word.find('=');
+    const std::string option = word.substr(0, at), value = word.substr(at + 1);
+    if (at == word.npos) sources.push_back(word);
+    if (option == "activations")
+      activations = path(value), options.activations = activations.c_str(),
+      options.quantiser = MORUN_WEIGHTS_CALIBRATED;
+    if (option == "quantiser") options.quantiser = std::stoi(value);
+    if (option == "damping") options.damping = std::stod(value);
+    if (option == "form") options.form = std::stoi(value);
+    if (option == "jobs") options.n_job = static_cast<uint32_t>(std::stoul(value));
+    if (option == "rule") rule = value;
+    if (option == "output") output = value;
   }
-  Packer packer;
-  packer.source(path("good.safetensors"));
-  EXPECT_EQ(morun_weights_packer_add_source(packer.handle, path("good.safetensors").c_str()),
-            MORUN_WEIGHTS_DUPLICATE_NAME);
-  EXPECT_EQ(packer.decisions().size(), 1u);
-  EXPECT_EQ(packer.run(path("out")), 0);
-  for (const auto& change : std::vector<std::function<void(morun_weights_pack_options&)>>{
-           [](auto& o) { o.form = MORUN_WEIGHTS_CARRIED; }, [](auto& o) { o.quantiser = 4; },
-           [](auto& o) { o.n_job = 0; }, [](auto& o) { o.n_job = 257; }, [](auto& o) { o.damping = -1; },
-           [](auto& o) { o.damping = NAN; }, [](auto& o) { o.quantiser = MORUN_WEIGHTS_CALIBRATED; }}) {
-    morun_weights_pack_options options;
-    morun_weights_pack_options_init(&options);
-    change(options);
-    morun_weights_packer* made = nullptr;
-    EXPECT_EQ(morun_weights_packer_create(&options, &made), MORUN_WEIGHTS_BAD_ARGUMENT);
-  }
+  morun_weights_packer* made = nullptr;
+  if (sources.empty()) return outcome(morun_weights_packer_create(&options, &made));
+
+  Packer packer([&](auto& o) { o = options; });
+  std::string told;
+  for (const std::string& source : sources)
+    if (const int32_t status = morun_weights_packer_add_source(packer.handle, path(source).c_str()); status != 0)
+      told += outcome(status);
+  if (!rule.empty()) packer.rule(rule.c_str(), MORUN_WEIGHTS_A8W8);
+  const auto before = names();
+  const std::string bytes = read("packed");
+  const bool is_empty = packer.decisions().empty();
+  const int32_t status = packer.run(path(output));
+  EXPECT_EQ(is_empty, status == MORUN_WEIGHTS_SOURCE_EMPTY);
+  EXPECT_EQ(!is_empty && packer.decisions()[0].n_byte == 0, status == MORUN_WEIGHTS_EXTENTS);
+  EXPECT_TRUE(status == 0 || (names() == before && read("packed") == bytes)) << command;
+  if (status == 0) return told + "  packs " + std::to_string(packer.decisions().size()) + " tensors\n";
+  return is_empty ? told : told + outcome(status);
+}
+
+TEST_F(WeightsPack, RefusedPackings) {
+  test::expect_kept_text(test::played_commands([&](const std::string& command) -> std::string {
+    if (command.starts_with("pack ")) return pack(command.substr(5));
+    FILE* const shell = popen("bash", "w");
+    fputs(("cd '" + path("") + "'; . '" MORUN_TOOL_COMMANDS "'\n" + command).c_str(), shell);
+    EXPECT_EQ(pclose(shell), 0) << command;
+    return "";
+  }));
+  const std::string no_text = write("a\xff.npy", npy("<f4", false, "(1, 1)", "1234"));
+  test::expect_status(morun_weights_packer_add_source(Packer().handle, no_text.c_str()), MORUN_WEIGHTS_HEADER_NAME,
+                      "no UTF-8");
 }
 
 TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
-  std::vector<float> w = some_values(64 * 45, 9);
-  write("m.safetensors",
-        safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)}, {"b.bias", "U8", {4}, "1234"}}));
-  w[3 * 45 + 2] = NAN;
-  write("nan.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)}}));
-  fs::resize_file(write("big.npy", npy("<f2", false, "(134217728, 1)", "")), (uint64_t{1} << 28) + 4096);
-  write("carried.npy", npy("<f4", true, "(1, 2, 2)", std::string(16, '1')));
-  write("x/other.npy", npy("<f4", false, "(1, 1)", "1234"));
-  write("wide/a.weight.npy", npy("<f4", false, "(1, 46)", std::string(4 * 46, '\0')));
-  write("zero/a.weight.npy", npy("<f4", false, "(1, 45)", std::string(4 * 45, '\0')));
-  write("infinite/a.weight.npy", npy("<f4", false, "(1, 45)", encoded("F32", std::vector<float>(45, INFINITY))));
-  write("one.npy", npy("<f4", false, "(1, 45)", encoded("F32", std::vector<float>(45, 1))));
-  struct Case {
-    const char* source;
-    int32_t status;
-    const char* text;
-    const char* activations = nullptr;
-    double damping = 0.05;
-    const char* rule = nullptr;
-    const char* output = "packed";
-    int32_t quantiser = MORUN_WEIGHTS_CALIBRATED;  // where there are activations
-  };
-  const Case cases[] = {
-      {"nan.safetensors", MORUN_WEIGHTS_NON_FINITE, "\"a.weight\": weight (2, 3) is NaN"},
-      {"m.safetensors", MORUN_WEIGHTS_RULE_UNUSED, "\"z*\"", nullptr, 0, "z*"},
-      {"carried.npy", MORUN_WEIGHTS_NPY, "Fortran order"},
-      {"m.safetensors", MORUN_WEIGHTS_NO_ACTIVATION, "there is no activation", "x"},
-      {"m.safetensors", MORUN_WEIGHTS_NO_ACTIVATION, "none for a matrix that is packed", "x", 0, nullptr, "packed",
-       MORUN_WEIGHTS_MSE},
-      {"big.npy", MORUN_WEIGHTS_EXTENTS, "tensor \"big\": a matrix of 134217728 x 1 in form a8w8 takes more than"},
-      {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_SHAPE, "no matrix of 45 columns", "wide"},
-      {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_VALUE, "zeros alone", "zero"},
-      {"m.safetensors", MORUN_WEIGHTS_ACTIVATION_VALUE, "not finite at row 0, column 0", "infinite"},
-      {"m.safetensors", MORUN_WEIGHTS_COVARIANCE, "larger damping", "one.npy", 0},
-      {"m.safetensors", MORUN_WEIGHTS_WRITE, "No such file", nullptr, 0, nullptr, "nowhere/packed"},
-      {"m.safetensors", MORUN_WEIGHTS_WRITE, "Is a directory", nullptr, 0, nullptr, "x"},
-      {"m.safetensors", MORUN_WEIGHTS_WRITE, "levels of symbolic links", nullptr, 0, nullptr, "loop"},
-  };
+  write("m.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", some_values(64 * 45, 9))},
+                                      {"b.bias", "U8", {4}, "1234"}}));
   write("packed", "what was there");
-  fs::create_symlink("loop", path("loop"));
   const std::set<std::string> before = names();
-  for (const Case& test : cases) {
-    const std::string activations = test.activations != nullptr ? path(test.activations) : "";
-    Packer packer([&](auto& o) {
-      o.damping = test.damping;
-      if (!activations.empty()) o.activations = activations.c_str(), o.quantiser = test.quantiser;
-    });
-    packer.source(path(test.source));
-    const bool is_too_large = test.status == MORUN_WEIGHTS_EXTENTS;
-    EXPECT_EQ(packer.decisions()[0].n_byte == 0, is_too_large);
-    EXPECT_EQ(std::strstr(packer.decisions()[0].reason, "; cannot be packed: a matrix of") != nullptr, is_too_large);
-    if (test.rule != nullptr) packer.rule(test.rule, MORUN_WEIGHTS_A8W8);
-    test::expect_status(packer.run(path(test.output)), test.status, test.text);
-    EXPECT_EQ(names(), before);
-    EXPECT_EQ(read("packed"), "what was there");
-  }
-
-  // A full disk; and the same packer afterwards.
+  // A full disk.
   Packer packer;
   packer.source(path("m.safetensors"));
   std::signal(SIGXFSZ, SIG_IGN);
