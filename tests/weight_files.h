@@ -13,6 +13,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -93,6 +94,22 @@ inline void expect_status(int32_t status, int32_t expected, const std::string& t
   EXPECT_STREQ(morun_weights_status_name(status), morun_weights_status_name(expected)) << text;
   const std::string told = morun_weights_error_text();
   EXPECT_NE(told.find(text), std::string::npos) << told << "\n  does not contain\n" << text;
+}
+
+// Calls the function once for each pointer among its parameters, with a null pointer there.
+template <class... Parameters>
+void expect_nulls_refused(int32_t (*call)(Parameters...), std::type_identity_t<Parameters>... arguments) {
+  for (size_t null = 0; null < sizeof...(arguments); ++null) {
+    size_t at = 0;
+    bool has_null = false;
+    const auto changed = [&]<class Argument>(Argument argument) {
+      const bool is_null = std::is_pointer_v<Argument> && at++ == null;
+      has_null = has_null || is_null;
+      return is_null ? Argument{} : argument;
+    };
+    const std::tuple<Parameters...> all{changed(arguments)...};
+    EXPECT_TRUE(!has_null || std::apply(call, all) == MORUN_WEIGHTS_NULL_ARGUMENT) << "pointer " << null;
+  }
 }
 
 inline std::string encoded(const std::string& dtype, const std::vector<float>& values) {

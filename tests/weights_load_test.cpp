@@ -149,13 +149,9 @@ TEST_F(WeightsLoad, PlansOfBuffers) {
   const morun_weights_request any = {0, 0, 0}, none = {9, 0, 0};
   morun_weights_plan plan;
   morun_weights_place place;
-  const auto status = [&](auto... arguments) { return morun_weights_plan_places(arguments...); };
-  EXPECT_EQ(status(file_, 1, &any, 2047, 32, &plan, &place), MORUN_WEIGHTS_BAD_ARGUMENT);
-  EXPECT_EQ(status(file_, 1, &none, 0, 32, &plan, &place), MORUN_WEIGHTS_BAD_ARGUMENT);
-  for (int null = 0; null < 4; ++null)
-    EXPECT_EQ(status(null == 0 ? nullptr : file_, 1, null == 1 ? nullptr : &any, 0, 32, null == 2 ? nullptr : &plan,
-                     null == 3 ? nullptr : &place),
-              MORUN_WEIGHTS_NULL_ARGUMENT);
+  EXPECT_EQ(morun_weights_plan_places(file_, 1, &any, 2047, 32, &plan, &place), MORUN_WEIGHTS_BAD_ARGUMENT);
+  EXPECT_EQ(morun_weights_plan_places(file_, 1, &none, 0, 32, &plan, &place), MORUN_WEIGHTS_BAD_ARGUMENT);
+  test::expect_nulls_refused(morun_weights_plan_places, file_, 1, &any, 0, 32, &plan, &place);
 }
 
 TEST_F(WeightsLoad, PlansReachOffsetsOf32Bits) {
@@ -276,8 +272,7 @@ TEST_F(WeightsLoad, ProductsOfLoadedMatricesAreThoseOfWhatWasPacked) {
     expect_product(W[gate], X[gate], A[gate]);
     expect_product(W[up], X[up], A[up]);
     EXPECT_EQ(morun_weights_operand_of(loaded_, all.size(), &operands[0]), MORUN_WEIGHTS_BAD_ARGUMENT);
-    EXPECT_EQ(morun_weights_operand_of(nullptr, 0, &operands[0]), MORUN_WEIGHTS_NULL_ARGUMENT);
-    EXPECT_EQ(morun_weights_operand_of(loaded_, 0, nullptr), MORUN_WEIGHTS_NULL_ARGUMENT);
+    test::expect_nulls_refused(morun_weights_operand_of, loaded_, 0, &operands[0]);
     EXPECT_EQ(morun_weights_release(loaded_), 0) << morun_weights_error_text();
     EXPECT_EQ(context->n_buffers, 0u);
   }
