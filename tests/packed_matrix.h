@@ -1,11 +1,13 @@
-// Reads a packed matrix by the definitions of the layouts, and computes plain products that tests compare products
-// with.
+// Reads a packed matrix by the definitions of the layouts, computes plain products that tests compare products with, and
+// makes .npy files.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "include/morun_weights.h"
@@ -71,6 +73,45 @@ double relative_error(const auto& expected, const auto& actual) {
     all += double{expected[i]} * double{expected[i]};
   }
   return error == 0 ? 0 : std::sqrt(error / all);
+}
+
+// ---- Bytes in files ------------------------------------------------------------------------------------------------
+
+template <typename Value>
+std::string bytes_of(const std::vector<Value>& values) {
+  return {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(Value)};
+}
+
+inline std::string encoded(const std::string& dtype, const std::vector<float>& values) {
+  std::string bytes;
+  for (const float value : values) {
+    uint32_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    if (dtype == "F64") bytes += bytes_of<double>({double{value}});
+    if (dtype == "F32") bytes += bytes_of<float>({value});
+    if (dtype == "F16") bytes += bytes_of<uint16_t>({morun::simd::narrow_bits(value)});
+    if (dtype == "BF16") bytes += bytes_of<uint16_t>({static_cast<uint16_t>(bits >> 16)});
+  }
+  return bytes;
+}
+
+// A .npy file; `shape` as Python writes it, and `type` with F behind it in Fortran order.
+inline std::string npy(std::string type, const std::string& shape, const std::string& bytes) {
+  const std::string order = type.ends_with("F") ? "True" : "False";
+  if (type.ends_with("F")) type.pop_back();
+  const std::string header = "{'descr': '" + type + "', 'fortran_order': " + order + ", 'shape': " + shape + ", }\n";
+  return std::string("\x93NUMPY\x01\0", 8) + static_cast<char>(header.size()) + '\0' + header + bytes;
+}
+
+// Of row-major values.
+inline std::string matrix_npy(const std::vector<float>& values, size_t n_col, const std::string& type = "<f4") {
+  const size_t n_row = values.size() / n_col, size = static_cast<size_t>(type[2] - '0');
+  std::vector<float> stored = values;
+  for (size_t i = 0; type.ends_with("F") && i < values.size(); ++i) stored[i] = values[i % n_row * n_col + i / n_row];
+  std::string bytes = encoded("F" + std::to_string(8 * size), stored);
+  for (size_t at = 0; type[0] == '>' && at < bytes.size(); at += size)
+    std::reverse(bytes.data() + at, bytes.data() + at + size);
+  return npy(type, "(" + std::to_string(n_row) + ", " + std::to_string(n_col) + ")", bytes);
 }
 
 }  // namespace test

@@ -28,6 +28,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using test::matrix_npy;
 
 struct Outcome {
   int status;
@@ -39,20 +40,6 @@ std::string text(const auto&... parts) {
   std::ostringstream stream;
   (stream << ... << parts);
   return stream.str();
-}
-
-// A .npy file; `shape` as Python writes it, and `type` with F behind it in Fortran order.
-std::string npy(std::string type, const std::string& shape, const std::string& bytes, char version = 1) {
-  const char* const order = type.ends_with("F") ? "True" : "False";
-  if (type.ends_with("F")) type.pop_back();
-  const auto header = text("{'descr': '", type, "', 'fortran_order': ", order, ", 'shape': ", shape, ", }\n");
-  return text("\x93NUMPY", version, '\0', static_cast<char>(header.size()), '\0',
-              std::string(version == 1 ? 0 : 2, '\0'), header, bytes);
-}
-
-template <typename Value>
-std::string bytes_of(const std::vector<Value>& values) {
-  return {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(Value)};
 }
 
 template <typename Value>
@@ -73,25 +60,6 @@ std::vector<float> small_integers(size_t count, uint32_t seed) {
     value = static_cast<float>(static_cast<int>(seed >> 16) % 9 - 4);
   }
   return values;
-}
-
-// The bytes of row-major values as a file of that type holds them.
-std::string encoded(const std::string& type, const std::vector<float>& values, size_t n_col) {
-  std::string bytes;
-  const size_t n_row = values.size() / n_col;
-  for (size_t i = 0; i < values.size(); ++i) {
-    const float value = type.ends_with("F") ? values[i % n_row * n_col + i / n_row] : values[i];
-    std::string one = type[2] == '2'   ? bytes_of<uint16_t>({morun::simd::narrow_bits(value)})
-                      : type[2] == '4' ? bytes_of<float>({value})
-                                       : bytes_of<double>({value});
-    if (type[0] == '>') std::reverse(one.begin(), one.end());
-    bytes += one;
-  }
-  return bytes;
-}
-
-std::string matrix_npy(const std::vector<float>& values, size_t n_col, const std::string& type = "<f4") {
-  return npy(type, text("(", values.size() / n_col, ", ", n_col, ")"), encoded(type, values, n_col));
 }
 
 // Runs commands in a directory of its own.

@@ -26,11 +26,6 @@ namespace test {
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
 
-template <typename Value>
-std::string bytes_of(const std::vector<Value>& values) {
-  return {reinterpret_cast<const char*>(values.data()), values.size() * sizeof(Value)};
-}
-
 struct Tensor {
   std::string name, dtype;
   std::vector<uint64_t> shape;
@@ -68,13 +63,6 @@ inline std::string safetensors_of_zeros(const std::vector<std::string>& names, u
   return with_length(header.dump());
 }
 
-inline std::string npy(const std::string& descr, bool fortran, const std::string& shape, const std::string& bytes) {
-  std::string header =
-      "{'descr': '" + descr + "', 'fortran_order': " + (fortran ? "True" : "False") + ", 'shape': " + shape + ", }\n";
-  const auto size = static_cast<char>(header.size());
-  return std::string("\x93NUMPY\x01\0", 8) + size + '\0' + header + bytes;
-}
-
 // Values that halves and bfloats hold, from -2 to 2.
 inline std::vector<float> some_values(size_t n, unsigned seed) {
   std::vector<float> values(n);
@@ -110,19 +98,6 @@ void expect_nulls_refused(int32_t (*call)(Parameters...), std::type_identity_t<P
     const std::tuple<Parameters...> all{changed(arguments)...};
     EXPECT_TRUE(!has_null || std::apply(call, all) == MORUN_WEIGHTS_NULL_ARGUMENT) << "pointer " << null;
   }
-}
-
-inline std::string encoded(const std::string& dtype, const std::vector<float>& values) {
-  std::string bytes;
-  for (const float value : values) {
-    uint32_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    if (dtype == "F64") bytes += bytes_of<double>({double{value}});
-    if (dtype == "F32") bytes += bytes_of<float>({value});
-    if (dtype == "F16") bytes += bytes_of<uint16_t>({morun::simd::narrow_bits(value)});
-    if (dtype == "BF16") bytes += bytes_of<uint16_t>({static_cast<uint16_t>(bits >> 16)});
-  }
-  return bytes;
 }
 
 class Packer {
@@ -166,10 +141,7 @@ inline void pack(const std::string& path, const std::string& matrices) {
   unsigned n_inner, n_col;
   for (std::string name, form; words >> name >> form >> n_inner >> n_col;) {
     const std::string source = sources / (name + ".npy");
-    std::ostringstream shape;
-    shape << '(' << n_inner << ", " << n_col << ')';
-    std::ofstream(source, std::ios::binary)
-        << npy("<f4", false, shape.str(), bytes_of(some_values(size_t{n_inner} * n_col, n_col)));
+    std::ofstream(source, std::ios::binary) << matrix_npy(some_values(size_t{n_inner} * n_col, n_col), n_col);
     packer.source(source).rule(name.c_str(), form_of(form));
   }
   EXPECT_EQ(packer.run(path), 0) << morun_weights_error_text();

@@ -160,7 +160,7 @@ TEST_F(WeightsFile, ACheckpointOfTwoShardsComesBackAsWhatItHeld) {
 
 // The example of docs/weight-files.md.
 TEST_F(WeightsFile, EveryByteIsWhereTheFormatHasIt) {
-  write("w.npy", test::npy("<f4", false, "(2, 3)", encoded("F32", {155, 64, 255, -100, -63.5, 2})));
+  write("w.npy", test::matrix_npy({155, 64, 255, -100, -63.5, 2}, 3));
   Packer packer;
   ASSERT_EQ(packer.source(path("w.npy")).run(path("p.safetensors")), 0) << morun_weights_error_text();
   std::string header =

@@ -13,26 +13,20 @@
 namespace {
 
 namespace fs = std::filesystem;
-using test::PackedFile, test::Packer, test::encoded, test::npy, test::safetensors, test::some_values;
+using test::PackedFile, test::Packer, test::encoded, test::matrix_npy, test::npy, test::safetensors, test::some_values;
 
 class WeightsPack : public testing::Test, public test::Folder {
  protected:
   std::string pack(const std::string& command) const;
 };
 
-std::vector<float> transposed(const std::vector<float>& values, size_t n_row, size_t n_col) {
-  std::vector<float> by_columns(values.size());
-  for (size_t i = 0; i < values.size(); ++i) by_columns[i % n_col * n_row + i / n_col] = values[i];
-  return by_columns;
-}
-
 // ---- The file ------------------------------------------------------------------------------------------------------
 
 TEST_F(WeightsPack, NpyMatricesAndUntransposedOnesAreInnerByColumns) {
   const std::vector<float> w = some_values(70 * 45, 6);  // 70 x 45, row-major
-  write("c.npy", npy("<f4", false, "(70, 45)", encoded("F32", w)));
-  write("fortran.npy", npy("<f2", true, "(70, 45)", encoded("F16", transposed(w, 70, 45))));
-  write("double.npy", npy("<f8", false, "(70, 45)", encoded("F64", w)));
+  write("c.npy", matrix_npy(w, 45));
+  write("fortran.npy", matrix_npy(w, 45, "<f2F"));
+  write("double.npy", matrix_npy(w, 45, "<f8"));
   write("s.safetensors", safetensors({{"s.weight", "BF16", {70, 45}, encoded("BF16", w)}}));
   Packer packer([](auto& o) { o.transpose = 0, o.n_job = 2; });
   for (const char* const name : {"c.npy", "fortran.npy", "double.npy", "s.safetensors"}) packer.source(path(name));
@@ -51,7 +45,7 @@ TEST_F(WeightsPack, NpyMatricesAndUntransposedOnesAreInnerByColumns) {
 TEST_F(WeightsPack, RowsThatAreReadInPiecesComeBackWhole) {
   constexpr size_t n_col = 40000;
   const std::vector<float> w = some_values(17 * n_col, 3);
-  write("w.npy", npy("<f8", false, "(17, 40000)", encoded("F64", w)));
+  write("w.npy", matrix_npy(w, n_col, "<f8"));
   Packer packer([](auto& o) { o.form = MORUN_WEIGHTS_F16; });
   ASSERT_EQ(packer.source(path("w.npy")).run(path("packed")), 0) << morun_weights_error_text();
   const test::PackedMatrix matrix = PackedFile(read("packed")).matrix("w");
@@ -64,8 +58,8 @@ TEST_F(WeightsPack, CalibrationTakesTheActivationOfEachTensor) {
   for (size_t i = 0; i < x.size(); ++i) x[i] = x[i] / 4 + few[i / 45 * 5 + i % 5];  // columns that go together
   write("m.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", w)},
                                       {"b.weight", "F32", {64, 45}, encoded("F32", w)}}));
-  write("x/a.weight.npy", npy("<f4", false, "(100, 45)", encoded("F32", x)));
-  write("x/b.weight.npy", npy("<f2", true, "(100, 45)", encoded("F16", transposed(x, 100, 45))));
+  write("x/a.weight.npy", matrix_npy(x, 45));
+  write("x/b.weight.npy", matrix_npy(x, 45, "<f2F"));
   const std::string activations = path("x");
   std::map<int32_t, double> product_errors;
   for (const int32_t quantiser : {MORUN_WEIGHTS_MINMAX, MORUN_WEIGHTS_CALIBRATED}) {
@@ -135,7 +129,7 @@ TEST_F(WeightsPack, RefusedPackings) {
     EXPECT_EQ(pclose(shell), 0) << command;
     return "";
   }));
-  const std::string no_text = write("a\xff.npy", npy("<f4", false, "(1, 1)", "1234"));
+  const std::string no_text = write("a\xff.npy", npy("<f4", "(1, 1)", "1234"));
   test::expect_status(morun_weights_packer_add_source(Packer().handle, no_text.c_str()), MORUN_WEIGHTS_HEADER_NAME,
                       "no UTF-8");
 }
@@ -177,8 +171,8 @@ TEST_F(WeightsPack, SourcesAreOpenOnlyWhileTheyAreRead) {
   Packer packer;
   setrlimit(RLIMIT_NOFILE, &few);
   for (const char letter : std::string("abcdefghijklmnopqrstuvwxyz"))
-    packer.source(write(letter + std::string(".npy"), npy("<f4", false, "(1, 1)", "1234")));
-  write("other", npy("<f4", false, "(1, 1)", "1235"));
+    packer.source(write(letter + std::string(".npy"), npy("<f4", "(1, 1)", "1234")));
+  write("other", npy("<f4", "(1, 1)", "1235"));
   fs::rename(path("other"), path("z.npy"));
   test::expect_status(packer.run(path("packed")), MORUN_WEIGHTS_READ, "z.npy: is another file than");
   EXPECT_FALSE(fs::exists(path("packed")));
@@ -224,8 +218,8 @@ TEST_F(WeightsPack, InterruptionEndsSoonAndLeavesNothing) {
 
 // All of the activation takes most of a minute and is refused at its end, because all of its values are zeros.
 TEST_F(WeightsPack, InterruptionEndsTheReadingOfActivations) {
-  const std::string zeros = write("w.npy", npy("<f4", false, "(1024, 32)", std::string(4 * 1024 * 32, '\0')));
-  const std::string x = write("x.npy", npy("<f2", false, "(524288, 1024)", ""));
+  const std::string zeros = write("w.npy", matrix_npy(std::vector<float>(1024 * 32), 32));
+  const std::string x = write("x.npy", npy("<f2", "(524288, 1024)", ""));
   fs::resize_file(x, fs::file_size(x) + 2ul * 524288 * 1024);
   morun_weights_packer* handle = nullptr;
   Packer packer([&](auto& o) {
@@ -244,9 +238,9 @@ TEST_F(WeightsPack, MatricesArePackedInTheMemoryOfOneAnd64MebibytesAJob) {
   const std::string zeros =
       write("m.safetensors", test::safetensors_of_zeros({"0.weight", "1.weight", "2.weight", "3.weight"}, n, n));
   fs::resize_file(zeros, fs::file_size(zeros) + 4 * 4 * n * n);
-  const std::string wide = write("wide.npy", npy("<f8", false, "(1, 4194304)", ""));
+  const std::string wide = write("wide.npy", npy("<f8", "(1, 4194304)", ""));
   fs::resize_file(wide, fs::file_size(wide) + 8 * n_wide);
-  const std::string tall = write("tall.npy", npy("<f8", false, "(260000, 64)", ""));
+  const std::string tall = write("tall.npy", npy("<f8", "(260000, 64)", ""));
   fs::resize_file(tall, fs::file_size(tall) + 8 * n_tall * 64);
   const struct {
     std::string source;
