@@ -190,10 +190,9 @@ TEST_F(WeightsFile, AnyColumnsAreUnpackedIntoAnyStrides) {
     ASSERT_EQ(morun_weights_pack_columns(&recipe, 0, n_col, w.data(), n_col, 1, packed.bytes.data(),
                                          packed.bytes.size(), nullptr),
               0);
-    const auto unpack = [&](uint64_t first, uint64_t n, float* values, uint64_t by_row = 3, uint64_t n_missing = 0,
-                            int32_t as = 0) {
-      return morun_weights_unpack_columns(as == 0 ? form : as, n_inner, n_col, packed.bytes.data(),
-                                          packed.bytes.size() - n_missing, first, n, values, by_row, column_stride);
+    const auto unpack = [&](uint64_t first, uint64_t n, float* values, uint64_t by_row = 3) {
+      return morun_weights_unpack_columns(form, n_inner, n_col, packed.bytes.data(), packed.bytes.size(), first, n,
+                                          values, by_row, column_stride);
     };
     for (const auto& [first, n] : {std::pair{0ul, 70ul}, {5, 1}, {30, 40}, {33, 30}, {69, 1}}) {
       std::vector<float> values(column_stride * n_col, 99), expected = values;
@@ -203,14 +202,15 @@ TEST_F(WeightsFile, AnyColumnsAreUnpackedIntoAnyStrides) {
       EXPECT_TRUE(values == expected) << "form " << form << ", columns from " << first;
     }
     float value = 99;
-    EXPECT_EQ(unpack(70, 1, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
-    EXPECT_EQ(unpack(69, 2, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
-    EXPECT_EQ(unpack(1, UINT64_MAX, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
-    EXPECT_EQ(unpack(0, 0, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
+    for (const auto& [first, n] : {std::pair{70ul, 1ul}, {69, 2}, {1, UINT64_MAX}, {0, 0}})
+      EXPECT_EQ(unpack(first, n, &value), MORUN_WEIGHTS_BAD_ARGUMENT);
     EXPECT_EQ(unpack(0, 1, &value, 0), MORUN_WEIGHTS_BAD_ARGUMENT);
-    EXPECT_EQ(unpack(0, 1, &value, 1, 1), MORUN_WEIGHTS_BAD_ARGUMENT);
-    EXPECT_EQ(unpack(0, 1, &value, 1, 0, 4), MORUN_WEIGHTS_BAD_ARGUMENT);
-    EXPECT_EQ(unpack(0, 1, nullptr), MORUN_WEIGHTS_NULL_ARGUMENT);
+    for (const auto& [as, n_missing] : {std::pair{form, 1u}, {4, 0u}})
+      EXPECT_EQ(morun_weights_unpack_columns(as, n_inner, n_col, packed.bytes.data(), packed.bytes.size() - n_missing,
+                                             0, 1, &value, 1, 1),
+                MORUN_WEIGHTS_BAD_ARGUMENT);
+    test::expect_nulls_refused(morun_weights_unpack_columns, form, n_inner, n_col, packed.bytes.data(),
+                               packed.bytes.size(), 0, 1, &value, 1, 1);
     EXPECT_EQ(value, 99);
   }
 }

@@ -101,11 +101,9 @@ def test_calibrated_file_and_single_matrix(tmp_path):
 
 @pytest.mark.parametrize("status, use", [
     (10, lambda p, c: morun.inspect(p / "nothing")), (20, lambda p, c: morun.inspect(p / "short")),
-    (40, lambda p, c: morun.inspect(p / "model.safetensors")), (70, lambda p, c: morun.pack(p / "short", p / "out")),
-    (12, lambda p, c: morun.pack(p / "model.safetensors", p / "nowhere/out")),
+    (70, lambda p, c: morun.pack(p / "short", p / "out")),
     (80, lambda p, c: morun.pack(p / "model.safetensors", p / "out", rules={"x*": "f16"})),
-    (60, lambda p, c: c.load(p / "packed", ["b"])), (61, lambda p, c: c.load(p / "packed", ["embed"])),
-    (90, lambda p, c: c.load(p / "packed", 2 * ["a.q.weight"])), (54, lambda p, c: c.load(p / "damaged")),
+    (60, lambda p, c: c.load(p / "packed", ["b"])), (54, lambda p, c: c.load(p / "damaged")),
     (91, lambda p, c: c.load(p / "packed", groups=[["a.q.weight", "a.k.weight"]], largest_buffer=12288))])
 def test_refused_files(status, use, checkpoint, tmp_path, context):
     (tmp_path / "short").write_bytes(b"1234567")

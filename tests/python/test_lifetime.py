@@ -30,9 +30,14 @@ def held():
     return len(os.listdir("/proc/self/fd")), n_shared, usage()
 
 
-def test_a_thousand_products_leave_nothing(tmp_path):
+@pytest.fixture
+def packed_file(tmp_path):
     np.save(tmp_path / "w.npy", W)
-    morun.pack(tmp_path / "w.npy", tmp_path / "w.safetensors")
+    morun.pack(tmp_path / "w.npy", tmp_path / "w", "f16")
+    return str(tmp_path / "w")
+
+
+def test_a_thousand_products_leave_nothing(packed_file):
     with morun.Context() as context:
         packed = [quant.quantise(W, form) for form in ("f16", "a8w8", "a8w4")]
 
@@ -40,9 +45,9 @@ def test_a_thousand_products_leave_nothing(tmp_path):
             for i in range(n):
                 context.matmul3(X, packed[i % 3], W, context.upload(packed[i % 3]))
                 if i % 50 == 0:
-                    context.matmul(X, context.load(tmp_path / "w.safetensors")["w"])
+                    context.matmul(X, context.load(packed_file)["w"])
                     with pytest.raises(morun.Error):
-                        context.load(tmp_path / "w.safetensors", ["v"])
+                        context.load(packed_file, ["v"])
 
         counts = []
         for n in (51, 1000):
@@ -53,13 +58,11 @@ def test_a_thousand_products_leave_nothing(tmp_path):
         assert counts[0] == counts[1]
 
 
-def test_contexts_leave_nothing(tmp_path):
-    np.save(tmp_path / "w.npy", W)
-    morun.pack(tmp_path / "w.npy", tmp_path / "w.safetensors")
+def test_contexts_leave_nothing(packed_file):
     before = held()
     for way in range(30):
         context = morun.Context()
-        weights = context.upload(W) if way % 2 else context.load(tmp_path / "w.safetensors")["w"]
+        weights = context.upload(W) if way % 2 else context.load(packed_file)["w"]
         context.matmul(X, weights)
         if way % 3 == 0:
             context.close()
@@ -103,25 +106,19 @@ def test_a_copy_of_weights_keeps_their_memory():
         assert (context.matmul(X, copied) == 40).all() and (context.matmul(X, kept) == 120).all()
 
 
-@pytest.mark.parametrize("make", [morun.Context, lambda: quant.Calibration(X), lambda: morun.PackedFile("w")],
-                         ids=["context", "calibration", "file"])
-def test_what_would_be_freed_twice_cannot_be_copied(make, tmp_path, monkeypatch):
-    monkeypatch.chdir(tmp_path)
-    np.save("w.npy", W)
-    morun.pack("w.npy", "w")
-    for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
-        with pytest.raises(TypeError, match="neither be copied nor pickled"):
-            duplicate(make())
-    type(make()).__new__(type(make()))  # the collector takes what was never opened
+def test_what_would_be_freed_twice_cannot_be_copied(packed_file):
+    for made in (morun.Context(), quant.Calibration(X), morun.PackedFile(packed_file)):
+        for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
+            with pytest.raises(TypeError, match="neither be copied nor pickled"):
+                duplicate(made)
+        type(made).__new__(type(made))  # the collector takes what was never opened
     gc.collect()
 
 
-def test_a_forked_child_reads_a_file_that_a_thread_of_its_parent_is_reading(tmp_path):
-    np.save(tmp_path / "w.npy", W)
-    morun.pack(tmp_path / "w.npy", tmp_path / "w", "f16")
+def test_a_forked_child_reads_a_file_that_a_thread_of_its_parent_is_reading(packed_file):
     result = python(f"""
 import os, morun, threading
-file = morun.PackedFile({str(tmp_path / "w")!r})
+file = morun.PackedFile({packed_file!r})
 is_in, may_leave = threading.Event(), threading.Event()
 
 def hold():
