@@ -142,6 +142,39 @@ TEST(WeightsQuantise, EveryFormHoldsTheValuesItMeasuresInEveryPlaceOfTheLayout) 
   }
 }
 
+TEST(WeightsQuantise, ColumnsOfEveryKindKeepTheirAccuracy) {
+  struct Case {
+    const char* what;
+    double mean, deviation;
+    double bounds[2];  // of the relative error, a8w8 and a8w4
+    uint64_t n_constant = 0, n_zero = 0;
+  };
+  const Case cases[] = {
+      {"one sign", 3, 0.1, {0.005, 0.05}},
+      {"the other", -3, 0.1, {0.005, 0.05}},
+      {"both", 0, 1, {0.01, 0.15}},
+      {"constant", 0.7, 0, {0.001, 0.001}, 32},
+      {"constant and negative", -40, 0, {0.001, 0.001}, 32},
+      {"zeros", 0, 0, {0, 0}, 0, 32},
+      {"scales below the normal halves", 0, 1e-4, {0.12, 0.16}},
+      {"values beyond the halves", 0, 1e5, {0.01, 0.15}},
+      {"values beyond what any scale reaches", 1e30, 0, {1, 1}, 32},
+  };
+  for (const Case& test : cases) {
+    const Matrix w = normal(256, 32, test.mean, test.deviation, 5);
+    for (const int32_t form : {MORUN_WEIGHTS_A8W8, MORUN_WEIGHTS_A8W4}) {
+      for (const int32_t quantiser : {MORUN_WEIGHTS_MINMAX, MORUN_WEIGHTS_MSE}) {
+        SCOPED_TRACE(testing::Message() << test.what << ", form " << form << ", quantiser " << quantiser);
+        const Packed packed = pack(w, form, quantiser);
+        ASSERT_EQ(packed.status, 0);
+        EXPECT_LE(packed.statistics.worst[0].relative_error, test.bounds[form == MORUN_WEIGHTS_A8W4]);
+        EXPECT_EQ(packed.statistics.n_constant, test.n_constant);
+        EXPECT_EQ(packed.statistics.n_zero, test.n_zero);
+      }
+    }
+  }
+}
+
 TEST(WeightsQuantise, BytesDoNotDependOnStridesCallsOrThreads) {
   const Matrix w = normal(45, 101, 0, 1, 3), x = correlated(60, 45, 4);
   const Calibration calibration(x);
