@@ -19,18 +19,10 @@
 
 namespace {
 
-using test::last_error;
+using test::held, test::Held, test::last_error;
 
 constexpr uint64_t large = 1 << 20;
 constexpr int32_t injected = 0x77;
-
-// What the platform and the process hold.
-constexpr const char* held_names[] = {"allocations", "descriptors", "sessions", "handles", "mappings", "bytes"};
-using Held = std::array<uint64_t, std::size(held_names)>;
-Held held() {
-  const parlo_emulator_usage u = test::usage();
-  return {u.n_allocations, test::open_descriptors(), u.n_sessions, u.n_handles, u.n_mappings, u.n_bytes};
-}
 
 // ---- What differs from the rule that a failure leaves everything as it was
 
@@ -166,14 +158,6 @@ Step product(products::Kind kind, size_t count, bool in_one_session) {
     return products::multiply(r.context, kind, {m, n, n, k, {A[0], A[1], A[2]}, X}, {w.data(), count});
   };
 }
-int64_t tiles(Runtime& r) {
-  const uint32_t fd = weights(r, 1);
-  return tavik_npu_mm_f16_ah_f16_ah_f16_wh(r.context, m, n, k, fd, fd, fd, 0, 8192, 16384);
-}
-template <auto product>
-int64_t integers(Runtime& r) {
-  return product(r.context, m, n, k, ~0u, ~0u, weights(r, 1), 0, 0, 0);
-}
 
 // The upper interface keeps its context itself; what it leaves is released by the lower one.
 const auto upper = STEP(morun_npu_initialize(3));
@@ -269,9 +253,13 @@ const Scenario scenarios[] = {
     {"Descriptor", shared_memory, STEP(tavik_rpcmem_to_fd(&r.memory_fd, r.memory))},
     {"MapMemory", shared_memory, STEP(tavik_rpcmem_mmap(r.memory_fd, r.memory, 4096))},
     {"UnmapMemory", mapped_memory, STEP(tavik_rpcmem_munmap(r.memory_fd, r.memory, 4096))},
-    {"F16Tiles", locked, tiles},
-    {"IntegersOf8Bits", locked, integers<tavik_veyra_1mm_ui8i8_i32_tessel>},
-    {"IntegersOf4Bits", locked, integers<tavik_veyra_1mm_ui8i4_i32_tessel>},
+    {"F16Tiles", locked,
+     STEP(tavik_npu_mm_f16_ah_f16_ah_f16_wh(r.context, m, n, k, weights(r, 1), weights(r, 1), weights(r, 1), 0, 8192,
+                                            16384))},
+    {"IntegersOf8Bits", locked,
+     STEP(tavik_veyra_1mm_ui8i8_i32_tessel(r.context, m, n, k, 0, 0, weights(r, 1), 0, 0, 0))},
+    {"IntegersOf4Bits", locked,
+     STEP(tavik_veyra_1mm_ui8i4_i32_tessel(r.context, m, n, k, 0, 0, weights(r, 1), 0, 0, 0))},
     {"UpperInitialize", nothing, upper, false},
     {"UpperFinalize", upper, upper_finalize, false},
     {"UpperUnlock", upper, STEP(morun_npu_unlock_tessel(3)), false},
@@ -462,8 +450,8 @@ class FaultSweep : public testing::TestWithParam<Scenario> {
     const Held more = {
         n_buffer, n_buffer, n_session, n_session, n_buffer + 4 * n_session, n_buffer == 0 ? 0 : 3ull << 30};
     for (size_t i = 0; i < more.size(); ++i) {
-      EXPECT_LE(after[i], before[i] + more[i]) << held_names[i];
-      EXPECT_TRUE(allowed.takes_back || after[i] >= before[i]) << held_names[i];
+      EXPECT_LE(after[i], before[i] + more[i]) << test::held_names[i];
+      EXPECT_TRUE(allowed.takes_back || after[i] >= before[i]) << test::held_names[i];
     }
   }
 };

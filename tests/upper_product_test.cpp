@@ -1,5 +1,4 @@
 // Products of the upper interface, by its calls and by the paths of tensors: checks in their order, exact results.
-#include <fcntl.h>
 
 #include <list>
 
@@ -119,27 +118,6 @@ TEST_F(UpperProducts, AreExactAtAnyOffsetAndLeaveTheGaps) {
         morun_npu_mm_f32f16_f32(3, 64, 96, 160, reinterpret_cast<float*>(A), reinterpret_cast<float*>(X), W);
       EXPECT_TRUE(memcmp(A, rows.data(), rows.size()) == 0 && heap_ == memory);
     }
-}
-
-// A file takes the descriptor that a product's own buffer had, and the buffer of the next product comes to its address.
-TEST_F(UpperProducts, GoOnWhereFilesAreOpenedBetweenThem) {
-  const auto* const W = static_cast<uint16_t*>(share(2 * 32 * 32));
-  auto* const A = static_cast<uint16_t*>(share(2 * 32 * 32));
-  test::configure([](auto& config) { config.lowest_descriptor = 0; });
-  const std::vector<uint16_t> halves(32 * 32);
-  const std::vector<uint8_t> ones(64 * 32, 1);
-  std::vector<int32_t> sums(64 * 32);
-  std::vector<int> files;
-  for (int round = 0; round < 4; ++round) {
-    for (int file = 0; file < 2; ++file) files.push_back(open("/dev/null", O_RDONLY));
-    sums.assign(sums.size(), 0);
-    EXPECT_EQ(
-        morun_npu_mm_u8i8_i32(3, 64, 32, 32, sums.data(), ones.data(), reinterpret_cast<const int8_t*>(ones.data())),
-        0);
-    EXPECT_EQ(sums, std::vector<int32_t>(64 * 32, 32));
-    EXPECT_EQ(morun_npu_mm_f16f16_f16(3, 32, 32, 32, A, halves.data(), W), 0);
-  }
-  for (const int file : files) close(file);
 }
 
 }  // namespace
