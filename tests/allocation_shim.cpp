@@ -106,27 +106,15 @@ void* operator new[](size_t size, std::align_val_t alignment) {
 void* operator new[](size_t size, const std::nothrow_t&) noexcept {
   return operator new(size, std::nothrow);
 }
-void operator delete(void* block) noexcept {
-  free(block);
-}
-void operator delete(void* block, size_t) noexcept {
-  free(block);
-}
-void operator delete(void* block, std::align_val_t) noexcept {
-  free(block);
-}
-void operator delete(void* block, size_t, std::align_val_t) noexcept {
-  free(block);
-}
-void operator delete[](void* block) noexcept {
-  free(block);
-}
-void operator delete[](void* block, size_t) noexcept {
-  free(block);
-}
-void operator delete[](void* block, std::align_val_t) noexcept {
-  free(block);
-}
-void operator delete[](void* block, size_t, std::align_val_t) noexcept {
-  free(block);
-}
+#define FREES(form, ...)                                                \
+  void operator form(void* block __VA_OPT__(, ) __VA_ARGS__) noexcept { \
+    free(block);                                                        \
+  }
+FREES(delete)
+FREES(delete, size_t)
+FREES(delete, std::align_val_t)
+FREES(delete, size_t, std::align_val_t)
+FREES(delete[])
+FREES(delete[], size_t)
+FREES(delete[], std::align_val_t)
+FREES(delete[], size_t, std::align_val_t)

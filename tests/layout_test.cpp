@@ -212,14 +212,4 @@ TEST(Blocks, OfFourByEight) {
   EXPECT_EQ(data, expected);
 }
 
-TEST(Sizes, RoundUp) {
-  struct Case {
-    Size value, alignment, result;
-  };
-  for (const Case& c : {Case{0, 64, 0}, {65, 64, 128}, {64, 64, 64}, {7, 0, 0}, {7, 3, 9}})
-    EXPECT_EQ(tavik_align_offset(c.value, c.alignment), c.result);
-  for (const auto& [size, padded] : {std::pair<Size, Size>{0, 0}, {1, 2048}, {2048, 2048}, {2049, 4096}})
-    EXPECT_EQ(tavik_apply_padding(size), padded);
-}
-
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -25,6 +26,14 @@ inline parlo_emulator_usage usage() {
   parlo_emulator_usage usage;
   parlo_emulator_get_usage(&usage);
   return usage;
+}
+
+// What the platform and the process hold.
+constexpr const char* held_names[] = {"allocations", "descriptors", "sessions", "handles", "mappings", "bytes"};
+using Held = std::array<uint64_t, std::size(held_names)>;
+inline Held held() {
+  const parlo_emulator_usage u = usage();
+  return {u.n_allocations, open_descriptors(), u.n_sessions, u.n_handles, u.n_mappings, u.n_bytes};
 }
 
 // Runs `body` in a forked child and returns its exit status, or -1 when a signal ends the child.
@@ -74,16 +83,11 @@ class PlatformTest : public ::testing::Test {
  protected:
   void SetUp() override {
     parlo_emulator_reset();
-    descriptors_ = open_descriptors();
+    before_ = held();
   }
   void TearDown() override {
-    const parlo_emulator_usage left = usage();
-    EXPECT_EQ(left.n_allocations, 0u);
-    EXPECT_EQ(left.n_mappings, 0u);
-    EXPECT_EQ(left.n_handles, 0u);
-    EXPECT_EQ(left.n_sessions, 0u);
-    EXPECT_EQ(left.n_double_frees + left.n_foreign_frees, 0u);
-    EXPECT_EQ(open_descriptors(), descriptors_);
+    EXPECT_EQ(held(), before_) << "in the order of held_names";
+    EXPECT_EQ(usage().n_double_frees + usage().n_foreign_frees, 0u);
     parlo_emulator_reset();
   }
 
@@ -107,7 +111,7 @@ class PlatformTest : public ::testing::Test {
   }
 
  private:
-  size_t descriptors_ = 0;
+  Held before_ = {};
 };
 
 }  // namespace test

@@ -125,7 +125,9 @@ Call by_words(R (*function)(P...)) {
 //                                         behind the second ones on a fresh platform on which that platform call fails,
 //                                         and once more with all later platform calls failing too
 //   afterwards COMMAND                    runs the command behind each of the following lines
-//   in_child COMMANDS                     runs the commands in a child process; its exit status is the result
+//   in_child COMMANDS                     runs the commands in a child process, whose are the parent's sessions and
+//                                         buffers; its exit status is the result
+//   in_fork COMMANDS                      the same where they stay the parent's
 //   in_thread COMMAND                     runs the command in another thread
 // The commands that every transcript has are in `commands_`. Functions of the library are in `calls_`.
 class Transcript : public testing::TestWithParam<const char*> {
@@ -167,10 +169,10 @@ class Transcript : public testing::TestWithParam<const char*> {
   }
 
   int64_t run(const std::string& commands) {
-    if (commands.starts_with("in_child "))
+    if (const bool takes_over = commands.starts_with("in_child "); takes_over || commands.starts_with("in_fork "))
       return status_of_child([&] {
-        parlo_emulator_take_over();
-        exit(static_cast<int>(run(commands.substr(9))) | 0x80);
+        if (takes_over) parlo_emulator_take_over();
+        exit(static_cast<int>(run(commands.substr(commands.find(' ') + 1))) | 0x80);
         return 0;
       });
     int64_t status = 0;
@@ -194,12 +196,15 @@ class Transcript : public testing::TestWithParam<const char*> {
   void know(const std::string& name, const void* address) { names_[key("address", address)] = name; }
   uint64_t& variable(const std::string& name) {
     if (!name.starts_with("context.")) return variables_.emplace(name, untouched).first->second;
-    if (name == "context.session_handle[0]") return watched()->session_handle[0];
-    if (name == "context.active_session") return watched()->active_session;
-    if (name == "context.input_matrix_size_max") return watched()->input_matrix_size_max;
-    if (name == "context.output_matrix_size_max") return watched()->output_matrix_size_max;
-    if (name == "context.n_row_max") return watched()->n_row_max;
-    throw std::invalid_argument(name);
+    tavik_context& c = *watched();
+    const std::map<std::string, uint64_t*> fields = {{"session_handle[0]", c.session_handle},
+                                                     {"active_session", &c.active_session},
+                                                     {"n_row_max", &c.n_row_max},
+                                                     {"input_matrix_size_max", &c.input_matrix_size_max},
+                                                     {"output_matrix_size_max", &c.output_matrix_size_max},
+                                                     {"X_size", &c.X_size},
+                                                     {"A_size", &c.A_size}};
+    return *fields.at(name.substr(8));
   }
   virtual uint64_t value(const std::string& word) {
     const size_t plus = word.find('+');

@@ -1,6 +1,8 @@
 // What the runtime, the stub, the products and both interfaces do, say and leave: the scenarios of tests/transcripts.
 #include <dlfcn.h>
+#include <malloc.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include "include/dsp_capability.h"
 #include "include/morun.h"
@@ -54,6 +56,7 @@ const Calls library = calls_of(
     CALL(tavik_malloc_zero), CALL(tavik_realloc), CALL(tavik_rpcmem_alloc), CALL(tavik_rpcmem_alloc_zero),
     CALL(tavik_rpcmem_free), CALL(tavik_rpcmem_to_fd), CALL(tavik_rpcmem_mmap), CALL(tavik_rpcmem_munmap),
     CALL(tavik_error_print), CALL(tavik_npu_test), CALL(tavik_npu_mm_f16_ah_f16_ah_f16_wh),
+    CALL(tavik_npu_mm_f32_rm_f32_rm_f16_wh), CALL(tavik_align_offset), CALL(tavik_apply_padding),
     CALL(tavik_veyra_1mm_ui8i8_i32_tessel), CALL(tavik_veyra_1mm_ui8i4_i32_tessel),
     CALL(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb), CALL(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb), CALL(tavik_open),
     CALL(tavik_close), CALL(tavik_veyra_clear_cache), CALL(tavik_veyra_mmap_get_AX), CALL(tavik_veyra_mmap_put_AX),
@@ -81,6 +84,7 @@ const Calls library = calls_of(
 class Transcripts : public test::Transcript {
  protected:
   void SetUp() override {
+    mallopt(M_PERTURB, 1);  // new memory is not zero
     calls_ = library;
     add_commands_of_the_runtime();
     add_commands_of_products();
@@ -154,6 +158,11 @@ class Transcripts : public test::Transcript {
     };
     commands_["long"] = [this](const Words& w) { return *address<uint64_t>(w[0]); };
     commands_["byte"] = [this](const Words& w) { return *address<uint8_t>(w[0]); };
+    commands_["file"] = [this](const Words& w) {
+      struct stat file = {};
+      fstat(static_cast<int>(value(w[0])), &file);
+      return tell(std::to_string(file.st_size) + " bytes in " + std::to_string(file.st_blocks) + " blocks"), 0;
+    };
     commands_["late_open"] = [this](const Words& w) { return open_fails_late = value(w[0]) != 0, 0; };
     commands_["wrong_domains"] = [this](const Words& w) { return domains_are_wrong = value(w[0]) != 0, 0; };
     commands_["list_domains"] = [this](const Words& w) { return list_domains(w); };
@@ -416,8 +425,9 @@ INSTANTIATE_TEST_SUITE_P(, Transcripts,
                                          "ProductsFailures_a8w4", "ProductsFailures_a8w8", "ProductsFailures_f16",
                                          "ProductsOfTilesAndIntegers", "ProductsRefusals_a8w4", "ProductsRefusals_a8w8",
                                          "ProductsRefusals_f16", "ProductsSideData", "ReferenceProducts", "SecondTries",
-                                         "StartAndStop", "StubAndDescription", "TensorProducts", "TensorRecords",
-                                         "UpperProducts", "UpperRefusals", "UpperRuntime", "VectorAids"),
+                                         "SideBySide", "StartAndStop", "StubAndDescription", "TensorProducts",
+                                         "TensorRecords", "UpperProducts", "UpperRefusals", "UpperRuntime",
+                                         "VectorAids"),
                          [](const auto& name) { return std::string(name.param); });
 
 }  // namespace

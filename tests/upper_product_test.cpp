@@ -1,6 +1,4 @@
 // Products of the upper interface, by its calls and by the paths of tensors: checks in their order, exact results.
-#include <fcntl.h>
-#include <malloc.h>
 
 #include <list>
 
@@ -120,54 +118,6 @@ TEST_F(UpperProducts, AreExactAtAnyOffsetAndLeaveTheGaps) {
         morun_npu_mm_f32f16_f32(3, 64, 96, 160, reinterpret_cast<float*>(A), reinterpret_cast<float*>(X), W);
       EXPECT_TRUE(memcmp(A, rows.data(), rows.size()) == 0 && heap_ == memory);
     }
-}
-
-TEST_F(UpperProducts, OfFourBitWeightsTakeAnyColumnsAndNoMoreThanFits) {
-  // Of 40 columns the DSP computes 64, whose two tiles a band are taken for those of two bands: rows of
-  // all r, c are 2 r.
-  Values x(128 * 32), w(32 * 64);
-  for (size_t r = 0; r < 128; ++r) x[r * 32] = static_cast<float>(r);
-  for (size_t c = 0; c < 64; ++c) w[c] = c < 32 ? 1 : 2;
-  const Triple t = operands(P4, {128, 64, 32}, 0, 0, x, w);
-  std::vector<int32_t> A(128 * 40, -7), expected = A;
-  for (int r = 0; r < 128; ++r) std::fill_n(&expected[r * 40], 32, r % 64 * (r / 64 + 1));
-  const auto multiply = [&](int32_t n_row, int32_t n_col, int32_t n_inner, const void* X) {
-    return morun_npu_mm_u8i4_i32(3, n_row, n_col, n_inner, A.data(), static_cast<const uint8_t*>(X),
-                                 static_cast<uint8_t*>(t.right.data));
-  };
-  EXPECT_EQ(multiply(128, 40, 32, t.left.data), 0);
-  EXPECT_EQ(test::last_invocation(), (std::vector<uint64_t>{159, 64, 32, test::last_invocation()[3], 0}));
-  // A result with gaps takes the same columns, and keeps the others as a packed one does.
-  const Tensor right = morun_tensor_matrix(32, 40, i4, wh, t.right.data);
-  std::vector<int32_t> strided(128 * 45, -7), expected_strided = strided;
-  Tensor result = morun_tensor_matrix(128, 40, i32, rm, strided.data());
-  make_view(result, 45, 1, strided.size());
-  for (int r = 0; r < 128; ++r) std::copy_n(&expected[r * 40], 40, &expected_strided[r * 45]);
-  mallopt(M_PERTURB, 1);  // new memory is not zero
-  EXPECT_EQ(morun_mm_tensor(MORUN_PLATFORM_NPU0, &result, &t.left, &right), 0);
-  mallopt(M_PERTURB, 0);
-  EXPECT_EQ(strided, expected_strided);
-}
-
-// A file takes the descriptor that a product's own buffer had, and the buffer of the next product comes to its address.
-TEST_F(UpperProducts, GoOnWhereFilesAreOpenedBetweenThem) {
-  const auto* const W = static_cast<uint16_t*>(share(2 * 32 * 32));
-  auto* const A = static_cast<uint16_t*>(share(2 * 32 * 32));
-  test::configure([](auto& config) { config.lowest_descriptor = 0; });
-  const std::vector<uint16_t> halves(32 * 32);
-  const std::vector<uint8_t> ones(64 * 32, 1);
-  std::vector<int32_t> sums(64 * 32);
-  std::vector<int> files;
-  for (int round = 0; round < 4; ++round) {
-    for (int file = 0; file < 2; ++file) files.push_back(open("/dev/null", O_RDONLY));
-    sums.assign(sums.size(), 0);
-    EXPECT_EQ(
-        morun_npu_mm_u8i8_i32(3, 64, 32, 32, sums.data(), ones.data(), reinterpret_cast<const int8_t*>(ones.data())),
-        0);
-    EXPECT_EQ(sums, std::vector<int32_t>(64 * 32, 32));
-    EXPECT_EQ(morun_npu_mm_f16f16_f16(3, 32, 32, 32, A, halves.data(), W), 0);
-  }
-  for (const int file : files) close(file);
 }
 
 }  // namespace

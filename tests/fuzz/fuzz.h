@@ -8,12 +8,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "platform/emulator/parlo_emulator.h"
 
@@ -21,28 +21,28 @@ namespace fuzz {
 
 inline int report_fd = STDERR_FILENO;  // standard error is closed to the lines of the library
 
-// What a run exercised, counted by name. scripts/test wants none of them to be 0.
-struct Counter {
-  const char* name;
-  uint64_t count;
-};
-inline Counter* counters;
-inline size_t n_counter;
-inline void (*print_input)();
+// Counts how often a run exercised what the name says. scripts/test wants no counter to end at 0.
+class Counter {
+ public:
+  Counter(const char* name) : name_(name) { all_.push_back(this); }
+  Counter(const Counter&) = delete;
+  void operator+=(uint64_t more) { count_ += more; }
+  static void print() {
+    for (const Counter* c : all_) dprintf(report_fd, "exercised %s: %lu\n", c->name_, c->count_);
+  }
 
-inline void print_counters() {
-  for (size_t i = 0; i < n_counter; ++i) dprintf(report_fd, "exercised %s: %lu\n", counters[i].name, counters[i].count);
-}
+ private:
+  static inline std::vector<const Counter*> all_;
+  const char* name_;
+  uint64_t count_ = 0;
+};
 
 // `print` writes the input of a failure to report_fd; libFuzzer keeps the bytes of the input in any case.
-template <size_t n>
-void start(
-    Counter (&of)[n], void (*print)() = [] {}) {
+inline void (*print_input)();
+inline int start(void (*print)() = [] {}) {
   report_fd = dup(STDERR_FILENO);
-  counters = of;
-  n_counter = n;
   print_input = print;
-  atexit(print_counters);
+  return atexit(Counter::print);
 }
 
 inline void expect(bool holds, const char* otherwise) {
@@ -93,6 +93,11 @@ inline bool leaves_nothing(Usage before, auto call) {
     call();
   }
   return false;
+}
+
+template <class Value, size_t n>
+Value one_of(const Value (&values)[n], uint8_t code) {
+  return values[code % n];
 }
 
 // The bytes of an input as a record; zeros where bytes are missing.

@@ -7,9 +7,8 @@ namespace {
 
 using fuzz::expect;
 
-enum { initialised, refused, multiplied, too_large, buffers, faulty, n_counter };
-fuzz::Counter exercised[n_counter] = {{"contexts", 0},  {"refused contexts", 0}, {"products", 0},
-                                      {"too large", 0}, {"buffers", 0},          {"faults", 0}};
+fuzz::Counter initialised = "contexts", refused = "refused contexts", multiplied = "products", too_large = "too large",
+              buffers = "buffers", faulty = "faults";
 
 // Zeros where bytes are missing: limits of 32 rows and 1024 elements, the platform as it comes.
 struct Input {
@@ -29,8 +28,7 @@ void print_input() {
 uint64_t limit(uint8_t code, uint64_t otherwise, size_t i) {
   if (code < 128) return otherwise + code * 64;
   if (code < 192) return uint64_t{1} << (code - 128);
-  const uint64_t others[] = {0, 1, ~uint64_t{0}, INT32_MAX, UINT32_MAX, input.numbers[i]};
-  return others[code % std::size(others)];
+  return fuzz::one_of<uint64_t>({0, 1, ~uint64_t{0}, INT32_MAX, UINT32_MAX, input.numbers[i]}, code);
 }
 
 void configure() {
@@ -41,10 +39,9 @@ void configure() {
   if (input.n_sessions >= 128) config.n_sessions = input.n_sessions - 128u;
   if (input.lowest_descriptor >= 192) config.lowest_descriptor = 1000 + (input.lowest_descriptor - 192);
   parlo_emulator_set_config(&config);
-  constexpr int statuses[] = {0, 1, -1, 0x77, INT32_MIN};
   if (input.fault >= 128)
     parlo_emulator_fail((input.fault - 128) % (PARLO_EMULATOR_N_OPERATIONS + 1) - 1, -1, 1 + input.nth % 24,
-                        statuses[input.status % std::size(statuses)], input.status);
+                        fuzz::one_of({0, 1, -1, 0x77, INT32_MIN}, input.status), input.status);
 }
 
 // Row counts around the limit, 32 columns and inner indices.
@@ -64,8 +61,8 @@ void multiply(tavik_context* context) {
   if (parlo_emulator_faults_fired() == 0)
     expect(fits ? status == 0 || status == 2 : status == 2,
            "a product within the limits fails, or one past them does not");
-  exercised[multiplied].count += status == 0;
-  exercised[too_large].count += status == 2;
+  multiplied += status == 0;
+  too_large += status == 2;
   free(X), free(A);
   tavik_buffer_free(context, fd);
 }
@@ -74,11 +71,10 @@ void allocate(tavik_context* context) {
   int32_t fds[TAVIK_MAX_BUFFERS + 2];
   size_t n = 0;
   for (size_t i = 0; i < input.n_buffer % std::size(fds); ++i) {
-    void* address = nullptr;
-    n +=
-        tavik_buffer_alloc(context, limit(input.limits[i % 3], 1, i % 3) % (uint64_t{1} << 32), &address, &fds[n]) == 0;
+    const uint64_t size = limit(input.limits[i % 3], 1, i % 3) % (uint64_t{1} << 32);
+    n += tavik_buffer_alloc(context, size, nullptr, &fds[n]) == 0;
   }
-  exercised[buffers].count += n > 0;
+  buffers += n > 0;
   while (n > 0) tavik_buffer_free(context, fds[--n]);
 }
 
@@ -91,7 +87,7 @@ bool run() {
   status = tavik_init(&options, &context);
   expect(status == 0 || status == 1 || status == 3, "an unknown status");
   expect((status == 0) == (context != none), "a context that contradicts the status");
-  ++exercised[status == 0 ? initialised : refused].count;
+  (status == 0 ? initialised : refused) += 1;
   if (status == 0) {
     multiply(context);
     allocate(context);
@@ -100,7 +96,7 @@ bool run() {
     if (status != 0) tavik_context_free(context);
   }
   const bool has_failed = parlo_emulator_faults_fired() != 0;
-  exercised[faulty].count += has_failed;
+  faulty += has_failed;
   if (has_failed) parlo_emulator_reset();
   return has_failed;
 }
@@ -108,8 +104,7 @@ bool run() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(exercised, print_input);
-  return 0;
+  return fuzz::start(print_input);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,10 +1,6 @@
-// Products and buffers of the lower interface, and integer products of the upper one, with any dimensions, descriptors
-// and offsets, on a platform that fails or claims a success that it does not have. Nothing beside the results is
+// Products and buffers of the lower interface with any dimensions, descriptors and offsets, on a platform that fails or claims a success that it does not have. Nothing beside the results is
 // touched, the same call gives the same result again, and after a fault a new context computes what the first one did.
-#include <fcntl.h>
-
 #include <bit>
-#include <vector>
 
 #include "include/morun_state.h"
 #include "include/morun_tensor.h"
@@ -22,30 +18,16 @@ constexpr size_t n_region = 8, region_bytes = 4 * std::max(output_max, input_max
 uint8_t* regions[n_region];
 uint64_t first_product;  // digest
 
-enum Counted {
-  family_kind,
-  tiles = 9,
-  u8i8,
-  u8i4,
-  self_test,
-  reference,
-  float_reference,
-  upper_u8i4,
-  upper_u8i8,
-  buffer,
-  n_kind
-};
-fuzz::Counter exercised[] = {
-    {"f16", 0},       {"f16 x2", 0},    {"f16 x3", 0},        {"a8w8", 0},         {"a8w8 x2", 0}, {"a8w8 x3", 0},
-    {"a8w4", 0},      {"a8w4 x2", 0},   {"a8w4 x3", 0},       {"tiles", 0},        {"u8i8", 0},    {"u8i4", 0},
-    {"self-test", 0}, {"reference", 0}, {"f32 reference", 0}, {"4-bit", 0},        {"8-bit", 0},   {"buffers", 0},
-    {"refusals", 0},  {"faults", 0},    {"lies", 0},          {"other session", 0}};
-enum { refusals = n_kind, faults, lies, other_session };
+enum { tiles = 9, u8i8, u8i4, self_test, reference, float_reference, buffer, n_kind };
+fuzz::Counter kinds[n_kind] = {"f16",       "f16 x2",    "f16 x3",        "a8w8",   "a8w8 x2", "a8w8 x3",
+                               "a8w4",      "a8w4 x2",   "a8w4 x3",       "tiles",  "u8i8",    "u8i4",
+                               "self-test", "reference", "f32 reference", "buffers"};
+fuzz::Counter refusals = "refusals", faults = "faults", lies = "lies", other_session = "other session";
 
 // Zeros where bytes are missing: the single f16 product of 32 x 32 operands on a platform without faults.
 struct Input {
   int32_t numbers[4];
-  uint8_t kind, n_row, n_col, n_col_kv, n_inner, opens_file;
+  uint8_t kind, n_row, n_col, n_col_kv, n_inner;
   uint8_t weights[3], offset[3][4];
   uint8_t fault, nth, status;
 } input;
@@ -68,19 +50,16 @@ int32_t dimension(uint8_t code) {
   if (code < 160) return 32 * ((code + 1) % 6);
   if (code < 200) return code - 159;
   if (code < 231) return 1 << (code - 200);
-  const int32_t others[] = {-1, -31, INT32_MIN, INT32_MAX, 100001, input.numbers[0], input.numbers[1]};
-  return others[code % std::size(others)];
+  return fuzz::one_of({-1, -31, INT32_MIN, INT32_MAX, 100001, input.numbers[0], input.numbers[1]}, code);
 }
 uint32_t descriptor(uint8_t code) {
   if (code < 240) return static_cast<uint32_t>(weights[code % 3].fd);
-  const uint32_t others[] = {0, 1023, 1024, ~0u, static_cast<uint32_t>(input.numbers[2])};
-  return others[code % std::size(others)];
+  return fuzz::one_of<uint32_t>({0, 1023, 1024, ~0u, static_cast<uint32_t>(input.numbers[2])}, code);
 }
 uint64_t offset(uint8_t code, uint64_t otherwise) {
   if (code < 224) return otherwise + code % 7 * 4;
-  const uint64_t others[] = {weights_bytes - side_bytes, weights_bytes, weights_bytes + 1, ~uint64_t{0},
-                             static_cast<uint64_t>(input.numbers[3])};
-  return others[code % std::size(others)];
+  const auto any = static_cast<uint64_t>(input.numbers[3] & ~3);  // where elements are aligned
+  return fuzz::one_of({weights_bytes - side_bytes, weights_bytes, weights_bytes + 1, ~uint64_t{0}, any}, code);
 }
 
 // Bytes of a region that are not poisoned: those of a matrix that the limits allow.
@@ -122,37 +101,17 @@ void stop() {
 }
 
 // Results start at region `at`, the activation is region 0.
-int32_t multiply_family(int family, int count, size_t at) {
+uint32_t multiply_family(int family, size_t count, size_t at) {
   const auto side = [](size_t i, size_t part) {
     return offset(input.offset[i][part], part == 0 ? 0 : weights_bytes - (4 - part) * side_bytes);
   };
-  std::vector<products::WeightPlace> w;
-  for (size_t i = 0; i < static_cast<size_t>(count); ++i)
-    w.push_back({descriptor(input.weights[i]), static_cast<uint32_t>(side(i, 0)), side(i, 1), side(i, 2), side(i, 3)});
-  const products::Operands product = {
-      n_row,           n_col, n_col_kv, n_inner, {region<float>(at), region<float>(at + 1), region<float>(at + 2)},
-      region<float>(0)};
-  return static_cast<int32_t>(products::multiply(context, static_cast<products::Kind>(family), product, w));
-}
-
-int32_t multiply_above(bool is_4_bit) {
-  constexpr int32_t most = 160;
-  const bool is_taken = n_row % 64 == 0 && n_inner % 32 == 0;
-  const bool is_small = n_row > 0 && n_col > 0 && n_inner > 0 && n_row <= 128 && n_col <= most && n_inner <= most;
-  if ((is_taken || !is_4_bit) && !is_small) return 14;  // the DSP's refusal would end the process
-  open_region(0, n_row, n_inner, 1, is_small ? input_max : 0);
-  open_region(1, n_row, n_col, 4, is_small ? output_max : 0);
-  for (const bool again : {false, true}) {
-    const int file = again && input.opens_file ? open("/dev/null", O_RDONLY) : -1;
-    const int32_t result =
-        is_4_bit ? morun_npu_mm_u8i4_i32(3, n_row, n_col, n_inner, region<int32_t>(1), regions[0],
-                                         static_cast<uint8_t*>(weights[0].address))
-                 : morun_npu_mm_u8i8_i32(3, n_row, n_col, n_inner, region<int32_t>(1), regions[0], region<int8_t>(7));
-    if (file >= 0) close(file);
-    expect(is_taken ? result == 0 : result == 14, "a refusal that is none");
-    if (result != 0) return result;
-  }
-  return 0;
+  products::WeightPlace w[3];
+  for (size_t i = 0; i < 3; ++i)
+    w[i] = {descriptor(input.weights[i]), static_cast<uint32_t>(side(i, 0)), side(i, 1), side(i, 2), side(i, 3)};
+  float* const results[] = {region<float>(at), region<float>(at + 1), region<float>(at + 2)};
+  const products::Operands product = {n_row,           n_col, n_col_kv, n_inner, {results[0], results[1], results[2]},
+                                      region<float>(0)};
+  return products::multiply(context, static_cast<products::Kind>(family), product, {w, count});
 }
 
 int32_t allocate_and_free() {
@@ -164,39 +123,36 @@ int32_t allocate_and_free() {
   return allocated == 0 ? tavik_buffer_free(context, fd) : allocated;
 }
 
-int32_t call(int kind, size_t at) {
+uint32_t call(int kind, size_t at) {
   const uint32_t fd = descriptor(input.weights[0]), other = descriptor(input.weights[1]);
   const auto W_offset = static_cast<uint32_t>(offset(input.offset[0][0], 0));
   const auto rows = static_cast<uint64_t>(int64_t{n_row}), columns = static_cast<uint64_t>(int64_t{n_col}),
              inner = static_cast<uint64_t>(int64_t{n_inner});
+  auto *const halves = region<uint16_t>(0), *const weights_of_reference = region<uint16_t>(7);
+  const bool is_reference = kind == reference || kind == float_reference;
+  if (is_reference && columns * inner > input_max) return 2;  // the library has no limit for its weights
+  if (is_reference) open_region(7, n_inner, n_col, 2, input_max);
+  if (kind == reference) open_region(0, n_row, n_inner, 2, input_max);
   switch (kind) {
     case tiles:
-      return static_cast<int32_t>(tavik_npu_mm_f16_ah_f16_ah_f16_wh(context, n_row, n_col, n_inner, other, other, fd,
-                                                                    W_offset, W_offset, W_offset));
+      return tavik_npu_mm_f16_ah_f16_ah_f16_wh(context, n_row, n_col, n_inner, other, other, fd, W_offset, W_offset,
+                                               W_offset);
     case u8i8:
-      return static_cast<int32_t>(
-          tavik_veyra_1mm_ui8i8_i32_tessel(context, n_row, n_col, n_inner, 0, 0, fd, 0, 0, W_offset));
+      return tavik_veyra_1mm_ui8i8_i32_tessel(context, n_row, n_col, n_inner, 0, 0, fd, 0, 0, W_offset);
     case u8i4:
-      return static_cast<int32_t>(
-          tavik_veyra_1mm_ui8i4_i32_tessel(context, n_row, n_col, n_inner, 0, 0, fd, 0, 0, W_offset));
+      return tavik_veyra_1mm_ui8i4_i32_tessel(context, n_row, n_col, n_inner, 0, 0, fd, 0, 0, W_offset);
     case self_test:
-      return static_cast<int32_t>(tavik_npu_test(context, n_row, fd));
+      return tavik_npu_test(context, n_row, fd);
     case reference:
-      open_region(0, n_row, n_inner, 2, input_max);
-      open_region(7, n_inner, n_col, 2, input_max);
-      return static_cast<int32_t>(tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context, rows, columns, inner, region<float>(at),
-                                                                       region<uint16_t>(0), region<uint16_t>(7)));
+      return tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context, rows, columns, inner, region<float>(at), halves,
+                                                  weights_of_reference);
     case float_reference:
-      open_region(7, n_inner, n_col, 2, input_max);
-      return static_cast<int32_t>(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context, rows, columns, inner, region<float>(at),
-                                                                       region<float>(0), region<uint16_t>(7)));
-    case upper_u8i4:
-    case upper_u8i8:
-      return multiply_above(kind == upper_u8i4);
+      return tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(context, rows, columns, inner, region<float>(at), region<float>(0),
+                                                  weights_of_reference);
     case buffer:
-      return allocate_and_free();
+      return static_cast<uint32_t>(allocate_and_free());
     default:
-      return multiply_family(kind / 3, kind % 3 + 1, at);
+      return multiply_family(kind / 3, static_cast<size_t>(kind % 3 + 1), at);
   }
 }
 
@@ -209,7 +165,7 @@ int32_t multiply(int kind, size_t at) {
     memset(regions[at + i], 0x5a, region_bytes);
     open_region(at + i, n_row, i > 0 && kind % 3 == 2 ? n_col_kv : n_col, 4, output_max);
   }
-  return call(kind, at);
+  return static_cast<int32_t>(call(kind, at));
 }
 
 void unpoison() {
@@ -231,19 +187,16 @@ uint64_t digest_of_product() {
 
 bool arm_fault() {
   if (input.fault < 96) return false;
-  constexpr int operations[] = {PARLO_EMULATOR_HANDLE_INVOKE,  PARLO_EMULATOR_MMAP,      PARLO_EMULATOR_MUNMAP,
-                                PARLO_EMULATOR_MEM_ALLOC2,     PARLO_EMULATOR_MEM_TO_FD, PARLO_EMULATOR_HANDLE_OPEN,
-                                PARLO_EMULATOR_SESSION_CONTROL};
-  constexpr int statuses[] = {0, 1, -1, 0x77, INT32_MIN, 2};
-  constexpr int classes[] = {PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_FAULT_FROM_THEN_ON,
-                             PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_FAULT_SESSION_LOST};
-  const bool is_invocation = input.fault < 208;
-  const parlo_emulator_fault fault = {classes[input.fault / 16 % 4],
-                                      is_invocation ? operations[0] : operations[input.fault % std::size(operations)],
-                                      -1,
-                                      input.nth % 5u,
-                                      statuses[input.status % std::size(statuses)],
-                                      input.status};
+  const int32_t fault_class =
+      fuzz::one_of<int32_t>({PARLO_EMULATOR_FAULT_ONCE, PARLO_EMULATOR_FAULT_FROM_THEN_ON,
+                             PARLO_EMULATOR_FAULT_TRUNCATED_REPLY, PARLO_EMULATOR_FAULT_SESSION_LOST},
+                            input.fault / 16);
+  const int32_t operation = fuzz::one_of<int32_t>(
+      {PARLO_EMULATOR_HANDLE_INVOKE, PARLO_EMULATOR_MMAP, PARLO_EMULATOR_MUNMAP, PARLO_EMULATOR_MEM_ALLOC2,
+       PARLO_EMULATOR_MEM_TO_FD, PARLO_EMULATOR_HANDLE_OPEN, PARLO_EMULATOR_SESSION_CONTROL},
+      input.fault < 208 ? 0 : input.fault);
+  const int32_t wrong_status = fuzz::one_of({0, 1, -1, 0x77, INT32_MIN, 2}, input.status);
+  const parlo_emulator_fault fault = {fault_class, operation, -1, input.nth % 5u, wrong_status, input.status};
   parlo_emulator_arm(&fault);
   return true;
 }
@@ -251,7 +204,7 @@ bool arm_fault() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(exercised, print_input);
+  fuzz::start(print_input);
   for (uint8_t*& of : regions) {
     of = static_cast<uint8_t*>(aligned_alloc(64, region_bytes));
     for (size_t i = 0; i < region_bytes; ++i) of[i] = static_cast<uint8_t>(i * 2654435761u >> 13 & 0x3b);
@@ -266,29 +219,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int kind = input.kind % n_kind;
   n_row = dimension(input.n_row), n_col = dimension(input.n_col), n_col_kv = dimension(input.n_col_kv),
   n_inner = dimension(input.n_inner);
-  const bool is_above = kind == upper_u8i4 || kind == upper_u8i8;
-  const bool has_fault = !is_above && arm_fault();
+  const bool has_fault = arm_fault();
   const auto before = fuzz::usage();
   status = multiply(kind, 1);
   const size_t n_call = parlo_emulator_trace_length();
-  const bool has_failed = parlo_emulator_faults_fired() != 0;
+  const bool has_failed = has_fault && parlo_emulator_faults_fired() != 0;
   parlo_emulator_clear_fault();
   unpoison();
-  exercised[kind].count += status == 0;
-  exercised[refusals].count += status != 0;
-  expect(status >= 0 && (status <= 2 || (is_above && status == 14)), "an unknown status");
+  kinds[kind] += status == 0;
+  refusals += status != 0;
+  expect(status >= 0 && status <= 2, "an unknown status");
   // The caller's tiles may be anywhere in the buffers that hold the weights.
   if (kind == tiles || kind == self_test || has_failed) {
-    exercised[has_failed && input.status % 6 == 0 ? lies : faults].count += has_failed;
+    (has_failed && input.status % 6 == 0 ? lies : faults) += has_failed;
     stop();
     start();
     expect(digest_of_product() == first_product, "a new context computes something else");
     return 0;
   }
-  if (has_fault || kind == buffer || is_above) return 0;
+  if (has_fault || kind == buffer) return 0;
   expect(status != 2 || n_call == 0, "the DSP was asked for what is refused");
   expect(fuzz::usage() == before, "memory, a mapping, a session or a descriptor is left");
-  exercised[other_session].count += context->active_session != 0 && status == 0;
+  other_session += context->active_session != 0 && status == 0;
   if (kind >= tiles && kind != reference && kind != float_reference) return 0;
   expect(multiply(kind, 4) == status, "another status for the same call");
   unpoison();

@@ -34,7 +34,7 @@ const Path paths[] = {{MORUN_PLATFORM_NPU0, {f32, f32, f16}, {rm, rm, wh}, false
                       {MORUN_PLATFORM_NPU0, {f16, f16, f16}, {rm, rm, rm}, true, false},
                       {MORUN_PLATFORM_NPU0, {i32, u8, i8}, {rm, rm, wh}, false, true},
                       {MORUN_PLATFORM_CPU, {f16, f16, f16}, {rm, rm, rm}, true, false}};
-fuzz::Counter products[] = {{"P1", 0}, {"P2", 0}, {"P3", 0}, {"P4", 0}, {"P5", 0}, {"P6", 0}, {"P5 on the CPU", 0}};
+fuzz::Counter products[] = {"P1", "P2", "P3", "P4", "P5", "P6", "P5 on the CPU"};
 
 // Zeros where bytes are missing: 32 x 32 operands, each in memory of its own.
 struct Input {
@@ -67,8 +67,8 @@ uint64_t number(const Input& input, uint8_t code) {
   if (code < 192) return code - 127u;
   if (code < 208) return -(1ull << (code - 192));
   if (code < 248) return 1ull << (code - 184);
-  const uint64_t others[] = {0, INT32_MAX, UINT32_MAX - 31, (1ull << 32) + 32, input.numbers[0], input.numbers[1]};
-  return others[code % std::size(others)];
+  return fuzz::one_of<uint64_t>({0, INT32_MAX, UINT32_MAX - 31, (1ull << 32) + 32, input.numbers[0], input.numbers[1]},
+                                code);
 }
 
 void spoil(morun_tensor& t, unsigned field, uint8_t code, uint64_t value) {
@@ -140,7 +140,7 @@ void check_memory() {
       takes = takes && call.operands[i] != nullptr && call.operands[i]->data_dtype == path.types[i] &&
               call.operands[i]->layout == path.layouts[i] && (i == 0 || call.operands[i]->is_contiguous == 1);
     if (takes && (computed || path.writes_before_failing)) restore_result(path);
-    products[&path - paths].count += takes && computed;
+    products[&path - paths] += takes && computed;
     on_a_path |= takes;
   }
   expect(on_a_path || !computed, "a success on no path");
@@ -151,7 +151,7 @@ void check_memory() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(products, print_call);
+  fuzz::start(print_call);
   if (morun_npu_initialize(MORUN_DOMAIN_NPU0) != MORUN_SUCCESS) abort();
   void* buffers[8];  // tables of the emulator grow once
   for (void*& buffer : buffers) morun_npu_alloc(1, &buffer);

@@ -14,9 +14,8 @@ namespace {
 
 using fuzz::expect;
 
-enum { packed_files, invalid_files, invalid_records, right_checksums, wrong_checksums, unpacked, n_counter };
-fuzz::Counter exercised[n_counter] = {{"packed files", 0},    {"invalid files", 0},   {"invalid records", 0},
-                                      {"right checksums", 0}, {"wrong checksums", 0}, {"matrices unpacked", 0}};
+fuzz::Counter packed_files = "packed files", invalid_files = "invalid files", invalid_records = "invalid records",
+              right_checksums = "right checksums", wrong_checksums = "wrong checksums", unpacked = "matrices unpacked";
 std::string file;
 
 void print_input() {
@@ -47,7 +46,7 @@ void use(const morun_weights_file* opened, uint64_t index, const morun_weights_t
   expect(morun_weights_file_find(opened, tensor.name, &found) == 0 && found == index, "a tensor is not found");
   const int32_t verified = morun_weights_file_verify(opened, index);
   expect(verified == 0 || verified == MORUN_WEIGHTS_CHECKSUM, "a tensor cannot be verified");
-  ++exercised[verified == 0 ? right_checksums : wrong_checksums].count;
+  (verified == 0 ? right_checksums : wrong_checksums) += 1;
   const auto bytes = memory_for<char>(tensor.n_byte);
   expect(morun_weights_file_read_verified(opened, index, bytes.get()) == verified, "reading does not verify");
   expect(morun_weights_file_read(opened, index, 0, tensor.n_byte, bytes.get()) == 0, "a tensor cannot be read");
@@ -61,7 +60,7 @@ void use(const morun_weights_file* opened, uint64_t index, const morun_weights_t
   expect(tensor.file_offset % 2048 == 0, "a matrix is not aligned");
   const auto values = memory_for<float>(tensor.n_inner * tensor.n_col);
   expect(morun_weights_file_unpack(opened, index, values.get()) == verified, "a matrix cannot be unpacked");
-  if (verified == 0) ++exercised[unpacked].count;
+  unpacked += verified == 0;
 }
 
 void use(const morun_weights_file* opened) {
@@ -83,7 +82,7 @@ void open_and_use(const std::string& path) {
   if (status == 0) {
     use(opened);
     morun_weights_file_close(opened);
-    ++exercised[packed_files].count;
+    packed_files += 1;
     return;
   }
   expect(opened == nullptr, "a file that is refused is open");
@@ -91,14 +90,13 @@ void open_and_use(const std::string& path) {
   expect(is_record || (status >= MORUN_WEIGHTS_TOO_SHORT && status <= MORUN_WEIGHTS_TRAILING_DATA),
          "a file is refused with a status of another matter");
   expect(strncmp(morun_weights_error_text(), path.c_str(), path.size()) == 0, "a message names no file");
-  ++exercised[is_record ? invalid_records : invalid_files].count;
+  (is_record ? invalid_records : invalid_files) += 1;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::start(exercised, print_input);
-  return 0;
+  return fuzz::start(print_input);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
