@@ -639,6 +639,9 @@ uint32_t tavik_npu_3mm_f32_rm_f32_rm_f16_wh(tavik_context* context, int32_t n_ro
  *   ..s_offset     scales of the columns: n_col f16
  *   ..sum_offset   sums of the quantised values of the columns: n_col i32
  *
+ * The host reads zero points, scales and sums as elements of these types: the offset of an array is a multiple of the
+ * size of its elements, which is 4 for i4 zero points. The products do not check this.
+ *
  * The products also return TAVIK_ERROR_FAILURE (1) when zero points, scales or sums reach past the end of the
  * buffer. This result and those after it are then unchanged; a fused product has written the results before it.
  *
