@@ -8,8 +8,8 @@ fuzz_packages=(clang libclang-rt-14-dev)
 # The CMake file of libdnnl-dev needs the two OpenCL packages.
 bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev opencl-headers)
 python_packages=(python3-numpy python3-onnx python3-pil fonts-dejavu-core)
-python_test_packages=(python3-pytest python3-pytest-xdist python3-hypothesis python3-matplotlib python3-build python3-setuptools python3-wheel
-  python3-venv mypy)
+python_test_packages=(python3-pytest python3-pytest-xdist python3-hypothesis python3-matplotlib python3-build
+  python3-setuptools python3-wheel python3-venv mypy)
 python=/usr/bin/python3
 
 # The preset that is optimised for this machine.

@@ -181,8 +181,8 @@ void read_contiguous(const SourceMatrix& matrix, uint64_t first_column, uint64_t
   }
 }
 
-// Of each row of W its part in the columns. Some rows at a time, so that columns are written in runs; and of a row not more
-// columns at a time than a matrix of a few rows leaves room for.
+// Reads of each row of W the part that lies in the columns. The function takes some rows at a time, so that columns are
+// written in runs, and of a row no more columns at a time than a matrix of a few rows leaves room for.
 void read_strided(const SourceMatrix& matrix, uint64_t first_column, uint64_t n_column, float* values,
                   std::vector<std::byte>& scratch) {
   constexpr uint64_t rows_at_once = 16, columns_at_once = 16384;
