@@ -10,6 +10,8 @@ bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev 
 python_packages=(python3-numpy python3-onnx python3-pil fonts-dejavu-core)
 python_test_packages=(python3-pytest python3-pytest-xdist python3-hypothesis python3-matplotlib python3-build
   python3-setuptools python3-wheel python3-venv mypy)
+package_packages=(g++-aarch64-linux-gnu qemu-user-static help2man dpkg-dev fakeroot lintian debootstrap python3-build
+  python3-setuptools python3-wheel python3-numpy)
 python=/usr/bin/python3
 
 # The preset that is optimised for this machine.
