@@ -47,6 +47,8 @@ if(MORUN_HARDENING AND NOT MORUN_SANITIZE)
   add_link_options(LINKER:-z,relro LINKER:-z,now)
 endif()
 
+option(MORUN_DEBUG_INFO "debug information in the libraries, for debuggers and for the test of the binary interface" OFF)
+
 # The vector backend of simd/, one for the whole build.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
   set(default_simd neon)

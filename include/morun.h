@@ -21,6 +21,16 @@
  * Layouts and types are those of tavik.h: rm is row-major, ah the tiles of activations and results, wh the tiles of
  * weights. f16 is IEEE 754 binary16; a uint16_t holds its bit pattern.
  *
+ * Parameters and results that several functions share
+ *   domain         MORUN_DOMAIN_NPU0
+ *   n_row, n_col   rows and columns of the matrix; of a product, those of the result
+ *   n_inner        the inner dimension: columns of the activation, rows of the weights
+ *   A, X, W        result, activation and weights of a product
+ *   data           the matrix, which the call converts in place
+ *   src, dst       source and destination, which do not overlap
+ *   ptr            the start of a buffer of morun_npu_alloc
+ *   result         a status, as above
+ *
  * Plain C11, also valid C++.
  */
 #ifndef MORUN_H
@@ -40,7 +50,7 @@ extern "C" {
 #define MORUN_VERSION_PRERELEASE "beta1"
 
 enum {
-  MORUN_SUCCESS = 0,
+  MORUN_SUCCESS = 0,                    /* the call did what it says */
   MORUN_ERROR_FAILURE = 1,              /* a call of the lower interface failed; the line shows its status */
   MORUN_ERROR_NULL_POINTER = 10,        /* a required pointer is NULL */
   MORUN_ERROR_BAD_ARGUMENT = 14,        /* a bad dimension or tensor, or an address that is not of morun_npu_alloc */

@@ -45,8 +45,9 @@ _morun() {
   case $command in
     mm) _morun_files "$word" .npy .safetensors ;;
     pack) _morun_files "$word" .npy .safetensors .index.json ;;
-    inspect | unpack) _morun_files "$word" .safetensors .npy ;;
+    inspect) _morun_files "$word" .safetensors ;;
     make) [[ $before = -o || $before = --output ]] && _morun_files "$word" .npy ;;
+    unpack) if [[ $before = -o || $before = --output ]]; then _morun_files "$word" .npy; else _morun_files "$word" .safetensors; fi ;;
   esac
 }
 complete -F _morun morun

@@ -14,6 +14,7 @@
 #include "tools/morun/library.h"
 #include "tools/morun/standard_streams.h"
 #include "tools/morun/upper.h"
+#include "tools/morun/version.h"
 
 namespace tool {
 namespace {
@@ -89,14 +90,7 @@ Json capabilities() {
 }
 
 Json library() {
-#if defined(MORUN_SIMD_NEON)
-  const char* const backend = "neon";
-#elif defined(MORUN_SIMD_AVX2)
-  const char* const backend = "avx2";
-#elif defined(MORUN_SIMD_PORTABLE)
-  const char* const backend = "portable";
-#endif
-  return {{"version", MORUN_VERSION}, {"vector_backend", backend}};
+  return {{"version", MORUN_VERSION}, {"vector_backend", vector_backend()}};
 }
 
 Json limits() {
