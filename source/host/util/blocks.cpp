@@ -98,6 +98,20 @@ void transpose_patch(uint64_t n_row, uint64_t n_col, const Patch& patch, Size si
       memcpy(to + (column * n_row + row) * size(), from + (row * n_col + column) * size(), size());
 }
 
+// Transposes four rows of units of 16 bytes, the height of most blocks. The units of two columns are loaded before the
+// first of them is stored: where rows lie a multiple of 4 KiB apart, processors let a load wait for a store before it
+// whose address ends in the same 12 bits. n_col is even.
+void transpose_four_rows(uint64_t n_col, const std::byte* from, std::byte* to) {
+  const auto unit = [=](uint64_t row, uint64_t column) {
+    return simd::load(reinterpret_cast<const uint16_t*>(from + (row * n_col + column) * 16));
+  };
+  for (uint64_t column = 0; column < n_col; column += 2) {
+    const simd::f16x8 held[8] = {unit(0, column),     unit(1, column),     unit(2, column),     unit(3, column),
+                                 unit(0, column + 1), unit(1, column + 1), unit(2, column + 1), unit(3, column + 1)};
+    for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + (4 * column + i) * 16), held[i]);
+  }
+}
+
 // Transposes eight by eight elements of 2 or 4 bytes. Pitches are in bytes.
 void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch, size_t width) {
   if (width == 4) return simd::transpose_words(from, from_pitch, to, to_pitch);
@@ -118,6 +132,7 @@ void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, si
 // next columns need again, and rows whose length is a power of two would compete for the same sets of the caches.
 void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* from, std::byte* to) {
   constexpr uint64_t side = 32;
+  if (unit == 16 && n_row == 4 && n_col % 2 == 0) return transpose_four_rows(n_col, from, to);
   with_constant_size(unit, [&](auto size) {
     for (uint64_t column = 0; column < n_col; column += side) {
       for (uint64_t row = 0; row < n_row; row += side) {
@@ -177,19 +192,28 @@ void linearize_rest(const Band& rest, size_t piece, size_t rest_bytes, std::byte
       memcpy(data + to * piece, scratch.bytes() + source * piece, piece);
 }
 
+// Transposes each of n_band matrices, which stand one behind the other.
+void transpose_bands(uint64_t n_band, uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
+  if (n_band == 0 || n_row < 2 || n_col < 2) return;
+  const size_t band_bytes = n_row * n_col * unit;
+  const Scratch scratch(band_bytes);
+  for (; n_band > 0; --n_band, data += band_bytes) {
+    if (scratch) {
+      transpose_to(n_row, n_col, unit, data, scratch.bytes());
+      memcpy(data, scratch.bytes(), band_bytes);
+    } else {
+      const Band band = {n_row, n_col, n_row, 1};
+      follow_paths(
+          band.size(), unit, data, [&](uint64_t to) { return band.place_in_rows(to); },
+          [&](uint64_t from) { return band.place_in_blocks(from); });
+    }
+  }
+}
+
 }  // namespace
 
 void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
-  if (n_row < 2 || n_col < 2) return;
-  const Scratch scratch(n_row * n_col * unit);
-  if (!scratch) {
-    const Band band = {n_row, n_col, n_row, 1};
-    return follow_paths(
-        band.size(), unit, data, [&](uint64_t to) { return band.place_in_rows(to); },
-        [&](uint64_t from) { return band.place_in_blocks(from); });
-  }
-  transpose_to(n_row, n_col, unit, data, scratch.bytes());
-  memcpy(data, scratch.bytes(), n_row * n_col * unit);
+  transpose_bands(1, n_row, n_col, unit, data);
 }
 
 // A band of block_rows rows and the blocks of this band occupy the same bytes. Cutting the band's rows into pieces of
@@ -200,8 +224,7 @@ void block_linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64
   const uint64_t n_block_cols = n_col / block_cols;
   const size_t piece = block_cols * width;
   const size_t band_bytes = block_rows * n_block_cols * piece;
-  for (uint64_t band = 0; band < n_row / block_rows; ++band)
-    transpose_units(block_rows, n_block_cols, piece, data + band * band_bytes);
+  transpose_bands(n_row / block_rows, block_rows, n_block_cols, piece, data);
 
   // The remaining rows are placed like the rows of a whole band, as far as their places lie inside the array.
   const Band rest = {n_row % block_rows, n_block_cols, block_rows, 1};
