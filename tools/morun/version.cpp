@@ -5,8 +5,6 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "commit.h"  // made by the build
-
 namespace tool {
 
 const char* vector_backend() {
@@ -27,7 +25,7 @@ std::string version_text(bool as_json) {
                                         {"backends", {vector_backend()}},
                                         {"build_type", MORUN_BUILD_TYPE},
                                         {"compiler", MORUN_COMPILER},
-                                        {"commit", MORUN_COMMIT}};
+                                        {"commit", commit}};
   return whole.dump(2);
 }
 
