@@ -25,7 +25,7 @@ std::string version_text(bool as_json) {
                                         {"backends", {vector_backend()}},
                                         {"build_type", MORUN_BUILD_TYPE},
                                         {"compiler", MORUN_COMPILER},
-                                        {"commit", commit}};
+                                        {"commit", std::string(commit)}};
   return whole.dump(2);
 }
 
