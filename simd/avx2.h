@@ -8,7 +8,7 @@
 
 #include "simd/scalar.h"
 
-namespace morun::simd {
+namespace morun::simd::inline MORUN_BACKEND {
 
 struct f32x8 {
   __m256 v;
@@ -394,4 +394,4 @@ inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(right), _mm256_unpackhi_epi64(even, odd));
 }
 
-}  // namespace morun::simd
+}  // namespace morun::simd::inline MORUN_BACKEND

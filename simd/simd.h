@@ -4,8 +4,10 @@
 //   f32x8   eight floats
 //   f16x8   eight halves, held as their 16-bit patterns (IEEE 754 binary16)
 //
-// Three interchangeable backends give the same bits for every operation: NEON with half precision, AVX2 with FMA and
-// F16C, and plain C++. The build defines exactly one of MORUN_SIMD_NEON, MORUN_SIMD_AVX2 and MORUN_SIMD_PORTABLE.
+// Interchangeable backends give the same bits for every operation: NEON with half precision, AVX2 with FMA and F16C,
+// AVX-512, and plain C++. What uses the vocabulary is compiled once for each backend (cmake/backends.cmake). The build
+// then defines MORUN_BACKEND as the backend's name, which is also the namespace of all that is compiled, and exactly one
+// of MORUN_SIMD_NEON, MORUN_SIMD_AVX512, MORUN_SIMD_AVX2 and MORUN_SIMD_PORTABLE.
 //
 //   load, store               need no alignment
 //   store_streaming           writes past the caches; the address is a multiple of the vector's size; a loop of
@@ -86,15 +88,17 @@
 
 #if defined(MORUN_SIMD_NEON)
 #  include "simd/neon.h"
+#elif defined(MORUN_SIMD_AVX512)
+#  include "simd/avx512.h"
 #elif defined(MORUN_SIMD_AVX2)
 #  include "simd/avx2.h"
 #elif defined(MORUN_SIMD_PORTABLE)
 #  include "simd/portable.h"
 #else
-#  error "no vector backend chosen: define MORUN_SIMD_NEON, MORUN_SIMD_AVX2 or MORUN_SIMD_PORTABLE"
+#  error "no vector backend chosen: define MORUN_SIMD_NEON, MORUN_SIMD_AVX512, MORUN_SIMD_AVX2 or MORUN_SIMD_PORTABLE"
 #endif
 
-namespace morun::simd {
+namespace morun::simd::inline MORUN_BACKEND {
 
 inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
                             size_t destination_pitch) {
@@ -107,4 +111,4 @@ void prefetch_ahead(const T* p, size_t distance) {
   prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(p) + distance * sizeof(T)));
 }
 
-}  // namespace morun::simd
+}  // namespace morun::simd::inline MORUN_BACKEND

@@ -1,4 +1,4 @@
-#include "source/host/util/tiles.h"
+#include "source/tiles.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "source/host/util/tiles.h"
+#include "source/tiles.h"
 #include "source/morun_npu_macro/npu_checks.h"
 
 namespace {

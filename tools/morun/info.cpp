@@ -88,15 +88,17 @@ Json capabilities() {
           {"status_notification", is_status_notification_supported(DSP_DOMAIN_CDSP)}};
 }
 
+std::string vector_backends(int32_t which) {
+  char text[256];
+  morun_vector_backends(which, text, sizeof text);
+  return text;
+}
+
 Json library() {
-#if defined(MORUN_SIMD_NEON)
-  const char* const backend = "neon";
-#elif defined(MORUN_SIMD_AVX2)
-  const char* const backend = "avx2";
-#elif defined(MORUN_SIMD_PORTABLE)
-  const char* const backend = "portable";
-#endif
-  return {{"version", MORUN_VERSION}, {"vector_backend", backend}};
+  return {{"version", MORUN_VERSION},
+          {"vector_backends_built", vector_backends(MORUN_BACKENDS_BUILT)},
+          {"vector_backends_supported", vector_backends(MORUN_BACKENDS_SUPPORTED)},
+          {"vector_backend", vector_backends(MORUN_BACKENDS_IN_USE)}};
 }
 
 Json limits() {

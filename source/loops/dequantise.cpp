@@ -1,13 +1,14 @@
+#include "source/loops.h"
+
 #include <algorithm>
 #include <cmath>
 
-#include "include/tavik.h"
-#include "source/host/util/quantise.h"
+#include "source/loops/quantise.h"
 
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
-using namespace tavik;
 
 struct ResultRows {
   const float* scales;
@@ -131,7 +132,7 @@ void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int3
 
 }  // namespace
 
-void tavik::i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
+void i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
   if (n_col < tile_side) return;
   if (!should_stream(8 * n_row * n_col, dst) || n_col % 8 != 0)
     return copy_tiles_to_rows<false>(n_row, n_col, src, dst);
@@ -139,17 +140,18 @@ void tavik::i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src
   simd::fence_streaming();
 }
 
-void tavik_a8w8_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
-                                 const float* activation_scales, const int32_t* activation_sums,
-                                 const int8_t* zero_points, const uint16_t* weight_scales, const int32_t* weight_sums) {
+void a8w8_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                           const float* activation_scales, const int32_t* activation_sums, const int8_t* zero_points,
+                           const uint16_t* weight_scales, const int32_t* weight_sums) {
   output_to_f32(n_row, n_col, n_inner, dst, acc, {activation_scales, activation_sums},
                 ResultColumns<int8_t>{zero_points, weight_scales, weight_sums});
 }
 
-void tavik_a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
-                                 const float* activation_scales, const int32_t* activation_sums,
-                                 const uint32_t* zero_points, const uint16_t* weight_scales,
-                                 const int32_t* weight_sums) {
+void a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                           const float* activation_scales, const int32_t* activation_sums, const uint32_t* zero_points,
+                           const uint16_t* weight_scales, const int32_t* weight_sums) {
   output_to_f32(n_row, n_col, n_inner, dst, acc, {activation_scales, activation_sums},
                 ResultColumns<uint32_t>{zero_points, weight_scales, weight_sums});
 }
+
+}  // namespace tavik::inline MORUN_BACKEND

@@ -1,0 +1,397 @@
+// The vector vocabulary on x86-64 with AVX-512 (F, BW, CD, DQ, VL).
+#pragma once
+
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "simd/scalar.h"
+
+namespace morun::simd::inline MORUN_BACKEND {
+
+struct f32x8 {
+  __m256 v;
+};
+struct f16x8 {
+  __m128i v;
+};
+
+inline f32x8 load(const float* p) {
+  return {_mm256_loadu_ps(p)};
+}
+inline f16x8 load(const uint16_t* p) {
+  return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))};
+}
+inline void store(float* p, f32x8 a) {
+  _mm256_storeu_ps(p, a.v);
+}
+inline void store(uint16_t* p, f16x8 a) {
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p), a.v);
+}
+inline void store_streaming(float* p, f32x8 a) {
+  _mm256_stream_ps(p, a.v);
+}
+inline void store_streaming(uint16_t* p, f16x8 a) {
+  _mm_stream_si128(reinterpret_cast<__m128i*>(p), a.v);
+}
+inline void fence_streaming() {
+  _mm_sfence();
+}
+inline void prefetch(const void* p) {
+  _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0);
+}
+inline void prefetch_outer(const void* p) {
+  _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T1);
+}
+inline void store_fours(float* lower, float* upper, f32x8 a) {
+  _mm_storeu_ps(lower, _mm256_castps256_ps128(a.v));
+  _mm_storeu_ps(upper, _mm256_extractf128_ps(a.v, 1));
+}
+
+inline f32x8 broadcast(float x) {
+  return {_mm256_set1_ps(x)};
+}
+inline f32x8 broadcast_four(const float* p) {
+  return {_mm256_broadcast_ps(reinterpret_cast<const __m128*>(p))};
+}
+inline f32x8 add(f32x8 a, f32x8 b) {
+  return {_mm256_add_ps(a.v, b.v)};
+}
+inline f32x8 multiply(f32x8 a, f32x8 b) {
+  return {_mm256_mul_ps(a.v, b.v)};
+}
+inline f32x8 multiply_add(f32x8 a, f32x8 b, f32x8 c) {
+  return {_mm256_fmadd_ps(a.v, b.v, c.v)};
+}
+inline f32x8 sums_of_fours(f32x8 a, f32x8 b, f32x8 c, f32x8 d) {
+  return {_mm256_hadd_ps(_mm256_hadd_ps(a.v, b.v), _mm256_hadd_ps(c.v, d.v))};
+}
+
+inline f16x8 narrow(f32x8 a) {
+  return {_mm256_cvtps_ph(a.v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC)};
+}
+inline f32x8 widen(f16x8 a) {
+  return {_mm256_cvtph_ps(a.v)};
+}
+
+// A sum or product of halves has the same value whether it is rounded to f32 and then to f16, or to f16 at once.
+inline f16x8 add(f16x8 a, f16x8 b) {
+  return narrow(add(widen(a), widen(b)));
+}
+inline f16x8 multiply(f16x8 a, f16x8 b) {
+  return narrow(multiply(widen(a), widen(b)));
+}
+// The vector form of add_to_odd.
+inline f16x8 multiply_add(f16x8 a, f16x8 b, f16x8 c) {
+  const __m256 product = _mm256_mul_ps(widen(a).v, widen(b).v), addend = widen(c).v;  // the product is exact
+  const __m256 sum = _mm256_add_ps(product, addend);
+  const __m256 of_addend = _mm256_sub_ps(sum, product), of_product = _mm256_sub_ps(sum, of_addend);
+  const __m256 rest = _mm256_add_ps(_mm256_sub_ps(product, of_product), _mm256_sub_ps(addend, of_addend));
+  const __m256i inexact = _mm256_castps_si256(_mm256_cmp_ps(rest, _mm256_setzero_ps(), _CMP_NEQ_OQ));
+  const __m256i past = _mm256_and_si256(inexact, _mm256_srai_epi32(_mm256_castps_si256(_mm256_xor_ps(sum, rest)), 31));
+  const __m256i truncated = _mm256_add_epi32(_mm256_castps_si256(sum), past);
+  return narrow({_mm256_castsi256_ps(_mm256_or_si256(truncated, _mm256_srli_epi32(inexact, 31)))});
+}
+
+// Half arithmetic in f32 registers takes five operations for each step. During the sum the rounding mode is toward
+// zero.
+struct half8 {
+  __m256 v;
+};
+
+inline half8 load_half8(const uint16_t* p) {
+  return {widen(load(p)).v};
+}
+
+// A sum is held as halves in memory. Loads widen and stores narrow, which saves two operations over sums in registers.
+// There are more sums than registers in any case.
+struct half8_sum {
+  f16x8 halves;
+};
+
+inline half8_sum load_half8_sum(const uint16_t* p) {
+  return {load(p)};
+}
+inline void store(uint16_t* p, const half8_sum& a) {
+  store(p, a.halves);
+}
+inline void store(float* p, const half8_sum& a) {
+  store(p, widen(a.halves));
+}
+inline void keep_in_memory(half8_sum& sum) {
+  asm("" : "+m"(sum));
+}
+inline void accumulate(half8_sum& sum, half8 a, half8 b) {
+  keep_in_memory(sum);
+  const __m256 before = widen(sum.halves).v;
+  const __m256 truncated = _mm256_fmadd_ps(a.v, b.v, before);
+  const __m256 difference = _mm256_fnmadd_ps(a.v, b.v, truncated);  // equals `before` unless the addition cut bits off
+  const __m256 inexact = _mm256_cmp_ps(difference, before, _CMP_NEQ_OQ);
+  const __m256 odd = _mm256_or_ps(truncated, _mm256_and_ps(inexact, _mm256_castsi256_ps(_mm256_set1_epi32(1))));
+  sum.halves = narrow({odd});
+  keep_in_memory(sum);
+}
+
+class RoundingTowardZero {
+ public:
+  RoundingTowardZero() : previous_(_mm_getcsr()) { set(previous_ | _MM_ROUND_TOWARD_ZERO); }
+  ~RoundingTowardZero() { set(previous_); }
+  RoundingTowardZero(const RoundingTowardZero&) = delete;
+  RoundingTowardZero& operator=(const RoundingTowardZero&) = delete;
+
+ private:
+  static void set(unsigned mode) { asm volatile("ldmxcsr %0" : : "m"(mode) : "memory"); }
+  unsigned previous_;
+};
+// Compilers move arithmetic across a change of the rounding mode, because they assume that arithmetic depends on its
+// operands alone. They move no arithmetic across the call of a function that they cannot identify, and call_unseen
+// makes such a call. in_half_arithmetic therefore changes the mode in one unseen function, which contains no
+// arithmetic, and calls the body as another.
+template <class Body>
+inline void call_unseen(const Body& body) {
+  void (*call)(const Body&) = [](const Body& unseen) { unseen(); };
+  asm volatile("" : "+r"(call));
+  call(body);
+}
+template <class Body>
+inline void in_half_arithmetic(const Body& body) {
+  call_unseen([&] {
+    const RoundingTowardZero mode;
+    call_unseen(body);
+  });
+}
+
+inline f16x8 zip_low(f16x8 a, f16x8 b) {
+  return {_mm_unpacklo_epi16(a.v, b.v)};
+}
+inline f16x8 zip_high(f16x8 a, f16x8 b) {
+  return {_mm_unpackhi_epi16(a.v, b.v)};
+}
+
+inline f16x8 lower_fours(f16x8 a, f16x8 b) {
+  return {_mm_unpacklo_epi64(a.v, b.v)};
+}
+inline f16x8 upper_fours(f16x8 a, f16x8 b) {
+  return {_mm_unpackhi_epi64(a.v, b.v)};
+}
+inline f32x8 lower_fours(f32x8 a, f32x8 b) {
+  return {_mm256_permute2f128_ps(a.v, b.v, 0x20)};
+}
+inline f32x8 upper_fours(f32x8 a, f32x8 b) {
+  return {_mm256_permute2f128_ps(a.v, b.v, 0x31)};
+}
+
+// Moves even lanes to the lower half and odd lanes to the upper half.
+inline __m128i part_lanes(__m128i a) {
+  return _mm_shuffle_epi8(a, _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15));
+}
+inline f16x8 unzip_even(f16x8 a, f16x8 b) {
+  return {_mm_unpacklo_epi64(part_lanes(a.v), part_lanes(b.v))};
+}
+inline f16x8 unzip_odd(f16x8 a, f16x8 b) {
+  return {_mm_unpackhi_epi64(part_lanes(a.v), part_lanes(b.v))};
+}
+
+inline __m256i zip_nibbles(__m256i words) {
+  const __m256i swap_middle_bytes = _mm256_setr_epi8(0, 2, 1, 3, 4, 6, 5, 7, 8, 10, 9, 11, 12, 14, 13, 15,  //
+                                                     0, 2, 1, 3, 4, 6, 5, 7, 8, 10, 9, 11, 12, 14, 13, 15);
+  const __m256i swapped = _mm256_shuffle_epi8(words, swap_middle_bytes);
+  const __m256i differing =
+      _mm256_and_si256(_mm256_xor_si256(swapped, _mm256_srli_epi16(swapped, 4)), _mm256_set1_epi16(0x00f0));
+  return _mm256_xor_si256(swapped, _mm256_xor_si256(differing, _mm256_slli_epi16(differing, 4)));
+}
+
+// Rows i and i + 4 are loaded into the two halves of one register. No exchange between the halves is needed then.
+template <class Row, class Map>
+inline void transpose_words_with(const Row& row, std::byte* destination, size_t destination_pitch, Map map) {
+  for (size_t half = 0; half < 2; ++half) {  // columns 0 to 3, then 4 to 7
+    const auto load = [&](size_t i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row(i) + 16 * half)); };
+    const auto load_rows = [&](size_t i) {
+      return map(_mm256_inserti128_si256(_mm256_castsi128_si256(load(i)), load(i + 4), 1));
+    };
+    const auto store_column = [&](size_t column, __m256i words) {
+      std::byte* p = destination + (4 * half + column) * destination_pitch;
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), words);
+    };
+    const __m256i r0 = load_rows(0), r1 = load_rows(1), r2 = load_rows(2), r3 = load_rows(3);
+    const __m256i low01 = _mm256_unpacklo_epi32(r0, r1), high01 = _mm256_unpackhi_epi32(r0, r1);
+    const __m256i low23 = _mm256_unpacklo_epi32(r2, r3), high23 = _mm256_unpackhi_epi32(r2, r3);
+    store_column(0, _mm256_unpacklo_epi64(low01, low23));
+    store_column(1, _mm256_unpackhi_epi64(low01, low23));
+    store_column(2, _mm256_unpacklo_epi64(high01, high23));
+    store_column(3, _mm256_unpackhi_epi64(high01, high23));
+  }
+}
+template <class Row>
+inline void transpose_words(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](__m256i words) { return words; });
+}
+template <class Row>
+inline void transpose_zip_nibbles(const Row& row, std::byte* destination, size_t destination_pitch) {
+  transpose_words_with(row, destination, destination_pitch, [](__m256i words) { return zip_nibbles(words); });
+}
+
+// Operations for quantisation.
+
+struct i32x8 {
+  __m256i v;
+};
+struct u8x32 {
+  __m256i v;
+};
+
+inline i32x8 load(const int32_t* p) {
+  return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+}
+inline i32x8 load_i8(const int8_t* p) {
+  return {_mm256_cvtepi8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)))};
+}
+inline i32x8 load_i4(const uint32_t* p) {
+  const __m256i word = _mm256_broadcastd_epi32(_mm_loadu_si32(p));
+  const __m256i at_top = _mm256_sllv_epi32(word, _mm256_setr_epi32(28, 24, 20, 16, 12, 8, 4, 0));
+  return {_mm256_srai_epi32(at_top, 28)};
+}
+inline void store(int32_t* p, i32x8 a) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+inline void store_streaming(int32_t* p, i32x8 a) {
+  _mm256_stream_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+inline u8x32 load(const uint8_t* p) {
+  return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+}
+inline void store(uint8_t* p, u8x32 a) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+inline void store_streaming(uint8_t* p, u8x32 a) {
+  _mm256_stream_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+
+inline f32x8 fused_multiply_add(f32x8 a, f32x8 b, f32x8 c) {
+  return {_mm256_fmadd_ps(a.v, b.v, c.v)};
+}
+inline f32x8 greater(f32x8 a, f32x8 b) {
+  return {_mm256_max_ps(a.v, b.v)};
+}
+inline f32x8 lesser(f32x8 a, f32x8 b) {
+  return {_mm256_min_ps(a.v, b.v)};
+}
+inline f32x8 number_or_zero(f32x8 a) {
+  return {_mm256_and_ps(a.v, _mm256_cmp_ps(a.v, a.v, _CMP_ORD_Q))};
+}
+inline f32x8 settle_nan(f32x8 a) {
+  const __m256 nan = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fc00000));
+  return {_mm256_blendv_ps(a.v, nan, _mm256_cmp_ps(a.v, a.v, _CMP_UNORD_Q))};
+}
+inline i32x8 to_nearest(f32x8 a) {
+  // Adding the largest float below 0.5 takes a fraction of 0.5 to the next whole number, and no smaller fraction.
+  const __m256 half = _mm256_set1_ps(0x0.ffffffp-1f);
+  const __m256 signed_half = _mm256_or_ps(half, _mm256_and_ps(a.v, _mm256_set1_ps(-0.0f)));
+  return {_mm256_cvttps_epi32(_mm256_add_ps(a.v, signed_half))};
+}
+inline f32x8 to_float(i32x8 a) {
+  return {_mm256_cvtepi32_ps(a.v)};
+}
+
+inline i32x8 greater_magnitude(const float* p, i32x8 a) {
+  const __m256i bits = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+  return {_mm256_max_epi32(_mm256_and_si256(bits, _mm256_set1_epi32(0x7fffffff)), a.v)};
+}
+inline i32x8 greater(i32x8 a, i32x8 b) {
+  return {_mm256_max_epi32(a.v, b.v)};
+}
+inline i32x8 add(i32x8 a, i32x8 b) {
+  return {_mm256_add_epi32(a.v, b.v)};
+}
+inline int32_t greatest(i32x8 a) {
+  const __m128i four = _mm_max_epi32(_mm256_castsi256_si128(a.v), _mm256_extracti128_si256(a.v, 1));
+  const __m128i two = _mm_max_epi32(four, _mm_shuffle_epi32(four, 0x4e));
+  return _mm_cvtsi128_si32(_mm_max_epi32(two, _mm_shuffle_epi32(two, 0xb1)));
+}
+inline uint32_t sum(i32x8 a) {
+  const __m128i four = _mm_add_epi32(_mm256_castsi256_si128(a.v), _mm256_extracti128_si256(a.v, 1));
+  const __m128i two = _mm_add_epi32(four, _mm_shuffle_epi32(four, 0x4e));
+  return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_add_epi32(two, _mm_shuffle_epi32(two, 0xb1))));
+}
+
+// The pack instructions work on each half of a register separately and leave the groups of four bytes in the order 0 2
+// 4 6 1 3 5 7.
+inline u8x32 order_groups(__m256i packed) {
+  return {_mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7))};
+}
+inline u8x32 pack_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return order_groups(_mm256_packs_epi16(_mm256_packs_epi32(a.v, b.v), _mm256_packs_epi32(c.v, d.v)));
+}
+inline u8x32 pack_low_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  const __m256i low = _mm256_set1_epi16(0xff);
+  return order_groups(_mm256_packus_epi16(_mm256_and_si256(_mm256_packs_epi32(a.v, b.v), low),
+                                          _mm256_and_si256(_mm256_packs_epi32(c.v, d.v), low)));
+}
+inline u8x32 pack_high_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
+  return order_groups(_mm256_packs_epi16(_mm256_srai_epi16(_mm256_packs_epi32(a.v, b.v), 8),
+                                         _mm256_srai_epi16(_mm256_packs_epi32(c.v, d.v), 8)));
+}
+// Twice a product, truncated, tells how the product rounds: half of its magnitude, rounded up, is the rounded product.
+inline u8x32 scale_to_bytes(const float* p, f32x8 factor) {
+  const f32x8 twice_factor = add(factor, factor);
+  const auto twice = [&](size_t i) { return _mm256_cvttps_epi32(multiply(load(p + 8 * i), twice_factor).v); };
+  const __m256i low = _mm256_packs_epi32(twice(0), twice(1)), high = _mm256_packs_epi32(twice(2), twice(3));
+  const __m256i magnitudes = _mm256_packus_epi16(_mm256_abs_epi16(low), _mm256_abs_epi16(high));
+  const __m256i rounded = _mm256_avg_epu8(magnitudes, _mm256_setzero_si256());
+  const __m256i bytes = _mm256_sign_epi8(rounded, _mm256_packs_epi16(low, high));
+  return {_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7))};
+}
+inline u8x32 flip_top_bits(u8x32 a) {
+  return {_mm256_xor_si256(a.v, _mm256_set1_epi8(-128))};
+}
+inline i32x8 add_bytes(i32x8 sums, u8x32 a) {
+  return {_mm256_add_epi32(sums.v, _mm256_sad_epu8(a.v, _mm256_setzero_si256()))};
+}
+inline void store_nibbles(uint32_t* p, u8x32 a) {
+  const __m256i nibbles = _mm256_and_si256(a.v, _mm256_set1_epi8(15));
+  const __m256i pairs = _mm256_maddubs_epi16(nibbles, _mm256_set1_epi16(0x1001));  // even + 16 * odd
+  const __m128i bytes = _mm_packus_epi16(_mm256_castsi256_si128(pairs), _mm256_extracti128_si256(pairs, 1));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
+}
+inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
+  const __m256i nibbles = _mm256_and_si256(a.v, _mm256_set1_epi8(15));
+  const __m256i fours = _mm256_or_si256(nibbles, _mm256_srli_epi64(nibbles, 28));  // valid in every other word
+  const __m256i words = _mm256_permutevar8x32_epi32(fours, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(words));
+}
+
+// Operations for exact products of small integers.
+
+struct pairs8 {
+  __m256i v;
+};
+
+inline pairs8 load_pairs(const int16_t* p) {
+  return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+}
+using same_pair8 = pairs8;
+inline same_pair8 broadcast_pair(const int16_t* p) {
+  return {_mm256_broadcastd_epi32(_mm_loadu_si32(p))};
+}
+inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
+  return {_mm256_add_epi32(sum.v, _mm256_madd_epi16(a.v, b.v))};
+}
+inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
+  const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(even), _mm256_and_si256(bytes, _mm256_set1_epi16(0xff)));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(odd), _mm256_srli_epi16(bytes, 8));
+}
+template <int bit, int n_bit>
+inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
+  const __m256i transpose = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,  //
+                                             0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m256i columns =  // each half holds four rows of column 0, then of column 1, and so on
+      _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(source)), transpose);
+  const __m256i even = _mm256_srai_epi16(_mm256_slli_epi16(columns, 16 - bit - n_bit), 16 - n_bit);
+  const __m256i odd = _mm256_srai_epi16(_mm256_slli_epi16(columns, 8 - bit - n_bit), 16 - n_bit);
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(left), _mm256_unpacklo_epi64(even, odd));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(right), _mm256_unpackhi_epi64(even, odd));
+}
+
+}  // namespace morun::simd::inline MORUN_BACKEND
