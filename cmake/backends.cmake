@@ -20,7 +20,7 @@ endif()
 
 list(TRANSFORM MORUN_BACKENDS REPLACE "(.+)" "X(\\1)" OUTPUT_VARIABLE built_backends)
 list(JOIN built_backends " " built_backends)
-configure_file(simd/built_backends.h.in generated/simd/built_backends.h @ONLY)
+configure_file(simd/morun_built_backends.h.in generated/morun_built_backends.h @ONLY)
 
 set(flags_portable "")
 set(flags_neon -march=armv8.2-a+fp16)

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "simd/built_backends.h"
+#include <morun_built_backends.h>
 
 #if defined(__x86_64__)
 #  include <cpuid.h>

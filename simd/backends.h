@@ -2,7 +2,7 @@
 //
 // What computes is compiled once for each backend, into a table of functions. The sources that are compiled for each
 // backend define the table MORUN_BACKEND_NAME(table), whose name ends with the backend's. The other sources find the
-// tables of all backends by MORUN_BUILT_BACKENDS (built_backends.h). Both declare the tables as extern "C".
+// tables of all backends by MORUN_BUILT_BACKENDS (morun_built_backends.h). Both declare the tables as extern "C".
 #pragma once
 
 #include <cstddef>

@@ -2,9 +2,9 @@
 
 #include <cstdio>
 
+#include <morun_built_backends.h>
 #include "include/morun.h"
 #include "simd/backends.h"
-#include "simd/built_backends.h"
 
 extern "C" {
 #define TAVIK_TABLE(backend) extern const tavik::Loops tavik_loops_##backend;

@@ -1,5 +1,5 @@
+#include <morun_built_backends.h>
 #include "simd/backends.h"
-#include "simd/built_backends.h"
 #include "weights/column_loops.h"
 
 extern "C" {

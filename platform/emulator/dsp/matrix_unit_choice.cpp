@@ -1,6 +1,6 @@
+#include <morun_built_backends.h>
 #include "platform/emulator/dsp/matrix_unit.h"
 #include "simd/backends.h"
-#include "simd/built_backends.h"
 
 extern "C" {
 #define PARLO_UNIT(backend) extern const parlo::dsp::ProductKinds parlo_matrix_unit_##backend;
