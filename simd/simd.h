@@ -40,6 +40,9 @@
 //   load_half8, load_half8_sum  load f16
 //   store                     stores sums as f16, or widened to f32
 //   accumulate(sum, a, b)     adds a * b and rounds once, to f16
+//   half8x4, half8x4_sum      four of them side by side; load_half8x4 loads 32 halves, broadcast_half8x4 loads eight
+//                             halves four times; store and accumulate as above
+//   half8x4_at_once           the number of sums whose additions fill the processor's units
 //
 // When a result of half arithmetic is NaN, its payload differs between backends. Code that stores results replaces it.
 //
@@ -110,5 +113,31 @@ template <class T>
 void prefetch_ahead(const T* p, size_t distance) {
   prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(p) + distance * sizeof(T)));
 }
+
+#if !defined(MORUN_SIMD_HALF8X4)
+inline constexpr size_t half8x4_at_once = 4;
+struct half8x4 {
+  half8 column[4];
+};
+inline half8x4 load_half8x4(const uint16_t* p) {
+  return {load_half8(p), load_half8(p + 8), load_half8(p + 16), load_half8(p + 24)};
+}
+inline half8x4 broadcast_half8x4(const uint16_t* p) {
+  const half8 a = load_half8(p);
+  return {a, a, a, a};
+}
+struct half8x4_sum {
+  half8_sum column[4];
+};
+template <class T>
+inline void store(T* p, const half8x4_sum& a) {
+#  pragma GCC unroll 4
+  for (size_t i = 0; i < 4; ++i) store(p + 8 * i, a.column[i]);
+}
+inline void accumulate(half8x4_sum& sum, const half8x4& a, const half8x4& b) {
+#  pragma GCC unroll 4
+  for (size_t i = 0; i < 4; ++i) accumulate(sum.column[i], a.column[i], b.column[i]);
+}
+#endif
 
 }  // namespace morun::simd::inline MORUN_BACKEND

@@ -10,9 +10,10 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr uint64_t side = 4;             // rows and columns of an output block
-constexpr uint64_t group = 8;            // inner indices of one weight column that stand together
-constexpr uint64_t super_block = 4;      // blocks along each side of the part of the result that stays in the caches
+constexpr uint64_t side = 4;         // rows and columns of an output block
+constexpr uint64_t group = 8;        // inner indices of one weight column that stand together
+constexpr uint64_t super_block = 4;  // blocks along each side of the part of the result that stays in the caches
+constexpr uint64_t blocks_at_once = simd::half8x4_at_once / side;
 constexpr uint64_t group_elements = 32;  // weights of one group: 8 inner indices of a block's 4 columns
 
 // The backends produce different NaNs. Stored results hold this one.
@@ -26,39 +27,44 @@ float sum_of_eights(const float lane[8]) {
   return settled(((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7])));
 }
 
-// Computes the sums of four rows times four columns. Lane l of a sum takes the inner indices l, l + 8, l + 16 and so
-// on.
-void multiply_block(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, float (*sums)[side][group]) {
-  simd::half8_sum sum[side][side] = {};
+// Computes the sums of four rows times n_block blocks of four columns. Lane l of a sum takes the inner indices l, l + 8,
+// l + 16 and so on.
+template <size_t n_block>
+void multiply_blocks(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, float (*sums)[side][side][group]) {
+  simd::half8x4_sum sum[n_block][side] = {};
   for (uint64_t g = 0; g < n_inner / group; ++g) {
-    simd::half8 w[side];
-    for (uint64_t j = 0; j < side; ++j) w[j] = simd::load_half8(Wb + g * group_elements + j * group);
+    simd::half8x4 w[n_block];
+    for (size_t b = 0; b < n_block; ++b) w[b] = simd::load_half8x4(Wb + b * side * n_inner + g * group_elements);
     for (uint64_t i = 0; i < side; ++i) {
-      const simd::half8 a = simd::load_half8(Ab + i * n_inner + g * group);
-      for (uint64_t j = 0; j < side; ++j) simd::accumulate(sum[i][j], a, w[j]);
+      const simd::half8x4 a = simd::broadcast_half8x4(Ab + i * n_inner + g * group);
+      for (size_t b = 0; b < n_block; ++b) simd::accumulate(sum[b][i], a, w[b]);
     }
   }
   // The unrolling lets the compiler keep the sums in registers. With a variable index here, the sums would stay in
   // memory in the loop above as well.
 #pragma GCC unroll 4
-  for (uint64_t i = 0; i < side; ++i)
+  for (size_t b = 0; b < n_block; ++b)
 #pragma GCC unroll 4
-    for (uint64_t j = 0; j < side; ++j) simd::store(sums[i][j], sum[i][j]);
+    for (uint64_t i = 0; i < side; ++i) simd::store(sums[b][i][0], sum[b][i]);
+}
+
+template <size_t n_block>
+void multiply_and_store(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
+  float sums[n_block][side][side][group];
+  simd::in_half_arithmetic([&] { multiply_blocks<n_block>(n_inner, Wb, Ab, sums); });
+  for (size_t b = 0; b < n_block; ++b)
+    for (uint64_t i = 0; i < side; ++i)
+      for (uint64_t j = 0; j < side; ++j) C[i * ldc + b * side + j] = sum_of_eights(sums[b][i][j]);
 }
 
 // Adds even groups to sums[0] and odd groups to sums[1].
 void multiply_row(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Arow, uint16_t (*sums)[side][group]) {
-  simd::half8_sum sum[2][side] = {};
+  simd::half8x4_sum sum[2] = {};
   for (uint64_t g = 0; g < n_inner / (2 * group) * 2; g += 2)
-    for (uint64_t odd = 0; odd < 2; ++odd) {
-      const simd::half8 a = simd::load_half8(Arow + (g + odd) * group);
-      for (uint64_t j = 0; j < side; ++j) {
-        const simd::half8 w = simd::load_half8(Wb + (g + odd) * group_elements + j * group);
-        simd::accumulate(sum[odd][j], a, w);
-      }
-    }
-  for (uint64_t odd = 0; odd < 2; ++odd)
-    for (uint64_t j = 0; j < side; ++j) simd::store(sums[odd][j], sum[odd][j]);
+    for (uint64_t odd = 0; odd < 2; ++odd)
+      simd::accumulate(sum[odd], simd::broadcast_half8x4(Arow + (g + odd) * group),
+                       simd::load_half8x4(Wb + (g + odd) * group_elements));
+  for (uint64_t odd = 0; odd < 2; ++odd) simd::store(sums[odd][0], sum[odd]);
 }
 
 // Kept: the function reads n_inner consecutive weights, although a whole block stores its four columns interleaved.
@@ -80,10 +86,7 @@ uint64_t covered(uint64_t extent, uint64_t index) {
 }  // namespace
 
 void qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
-  float sums[side][side][group];
-  simd::in_half_arithmetic([&] { multiply_block(n_inner, Wb, Ab, sums); });
-  for (uint64_t i = 0; i < side; ++i)
-    for (uint64_t j = 0; j < side; ++j) C[i * ldc + j] = sum_of_eights(sums[i][j]);
+  multiply_and_store<1>(ldc, n_inner, C, Wb, Ab);
 }
 
 // Two columns share a vector of eight lanes; each column has four lanes.
@@ -153,13 +156,33 @@ void dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uin
   }
 }
 
+namespace {
+
+struct Product {
+  uint64_t n_row, n_col, n_inner;
+  float* C;
+  const uint16_t* A;
+  const uint16_t* W;
+};
+
+// Computes blocks_at_once blocks of a row of blocks, from block q on.
+void multiply_blocks_at_once(const Product& product, uint64_t p, uint64_t q) {
+  const auto& [n_row, n_col, n_inner, C, A, W] = product;
+  if (covered(n_row, p) == side && (q + blocks_at_once) * side <= n_col)
+    return multiply_and_store<blocks_at_once>(n_col, n_inner, C + p * side * n_col + q * side, W + q * side * n_inner,
+                                              A + p * side * n_inner);
+  for (uint64_t i = 0; i < blocks_at_once; ++i) dravin_math_matmul_pq(n_row, n_col, n_inner, p, q + i, C, A, W);
+}
+
+}  // namespace
+
 void cpu_mm(uint64_t n_row, uint64_t n_col, uint64_t n_inner, float* C, const uint16_t* A, const uint16_t* W) {
   const uint64_t P = count_blocks(n_row), Q = count_blocks(n_col);
   for (uint64_t p0 = 0; p0 < P; p0 += super_block)
     for (uint64_t q0 = 0; q0 < Q; q0 += super_block)
       for (uint64_t p = p0; p < std::min(p0 + super_block, P); ++p)
-        for (uint64_t q = q0; q < std::min(q0 + super_block, Q); ++q)
-          dravin_math_matmul_pq(n_row, n_col, n_inner, p, q, C, A, W);
+        for (uint64_t q = q0; q < std::min(q0 + super_block, Q); q += blocks_at_once)
+          multiply_blocks_at_once({n_row, n_col, n_inner, C, A, W}, p, q);
 }
 
 }  // namespace tavik::inline MORUN_BACKEND
