@@ -1,6 +1,7 @@
 #include "include/tavik.h"
 #include "source/host/error.h"
 #include "source/host/kernels/size_check.h"
+#include "source/host/staging.h"
 #include "source/loops.h"
 #include "source/own.h"
 
@@ -41,6 +42,7 @@ uint32_t tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(tavik_context* context, uint64_t n
   TAVIK_TRY(tavik::cross_session_size_check(context, 2 * n_row * n_inner, 0));
   auto* const halves = static_cast<uint16_t*>(context->X);
   loops().f32_to_f16(n_row * n_inner, A, halves);
+  tavik::note_staged(context, 2 * n_row * n_inner);
   loops().cpu_mm(n_row, n_col, n_inner, C, halves, W);
   return TAVIK_SUCCESS;
 }
