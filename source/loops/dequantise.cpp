@@ -10,6 +10,8 @@ namespace {
 
 namespace simd = morun::simd;
 
+constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
+
 struct ResultRows {
   const float* scales;
   const int32_t* sums;
@@ -92,6 +94,7 @@ void dequantise(uint64_t n_row, uint64_t n_col, float n_inner, float* dst, const
       const simd::f32x8 row_sum = simd::broadcast(static_cast<float>(rows.sums[row]));
       const simd::f32x8 row_scale = simd::broadcast(rows.scales[row]);
       fetch_next_tile(from);
+      fetch_for_put<streaming>(to, tiles_ahead * tile_side, tile_side);
       simd::f32x8 results[4];
       for (size_t i = 0; i < 4; ++i) {
         simd::f32x8 t = simd::to_float(simd::load(from + 8 * i));
@@ -125,6 +128,7 @@ void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int3
       const int32_t* const from = src + group.place + r * tile_side;
       int32_t* const to = dst + (group.row + r) * n_col + group.column;
       fetch_next_tile(from);
+      fetch_for_put<streaming>(to, tiles_ahead * tile_side, tile_side);
       for (size_t i = 0; i < tile_side; i += 8) put<streaming>(to + i, simd::load(from + i));
     }
   });
