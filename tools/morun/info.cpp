@@ -90,7 +90,10 @@ Json capabilities() {
 }
 
 Json library() {
-  return {{"version", MORUN_VERSION}, {"vector_backend", vector_backend()}};
+  return {{"version", MORUN_VERSION},
+          {"vector_backends_built", vector_backends(MORUN_BACKENDS_BUILT)},
+          {"vector_backends_supported", vector_backends(MORUN_BACKENDS_SUPPORTED)},
+          {"vector_backend", vector_backends(MORUN_BACKENDS_IN_USE)}};
 }
 
 Json limits() {

@@ -113,7 +113,7 @@ int32_t multiply_3(Session& session, const ProductKind& kind, const Arguments& a
 
 #define PARLO_PRODUCT(method, multiply, kind)                                  \
   int32_t run(Session& session, const remote::method##_arguments& arguments) { \
-    return multiply(session, kind, arguments);                                 \
+    return multiply(session, matrix_unit().kind, arguments);                   \
   }
 PARLO_PRODUCT(tavik_veyra_mm_f16, multiply_1_on_own_buffers, f16)
 PARLO_PRODUCT(tavik_veyra_1mm_f16, multiply_1, f16)
