@@ -38,8 +38,11 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_UNSIGNED_REFUSED = 0x206,  /* open: the session does not allow unsigned modules */
   PARLO_EMULATOR_BAD_HANDLE = 0x207,        /* the handle is not open */
   PARLO_EMULATOR_BAD_SCALARS = 0x208,       /* invoke: no such method, or a wrong number or size of buffers */
-  PARLO_EMULATOR_SESSION_LOST = 0x209,      /* the session is lost; see PARLO_EMULATOR_FAULT_SESSION_LOST */
+  PARLO_EMULATOR_SESSION_LOST = 0x209,      /* the session is lost: its process has died, or a fault has ended it */
   PARLO_EMULATOR_INHERITED = 0x20a, /* the session or buffer belongs to the process that this one was forked from */
+  PARLO_EMULATOR_NO_PROCESS = 0x20b,        /* open: the session's process cannot be started */
+  PARLO_EMULATOR_TIMED_OUT = 0x20c,         /* the session did not answer within the limit, and is lost */
+  PARLO_EMULATOR_BAD_CONFIGURATION = 0x20d, /* open: PARLO_DSP or PARLO_PROFILE says what the emulator cannot do */
 
   PARLO_EMULATOR_UNKNOWN_DESCRIPTOR = 0x301, /* map, unmap: no shared memory has this descriptor and address */
   PARLO_EMULATOR_WRONG_SIZE = 0x302,         /* map: not the size of the memory; unmap: not the size of the mapping */
@@ -76,6 +79,25 @@ typedef enum parlo_emulator_status {
  * The parent's sessions go on. In the child, the shared buffers become private copies, which cannot be mapped, and
  * nothing that the child writes there reaches the parent. The child may open sessions and allocate buffers of its
  * own. */
+
+/* ---- Where the DSP halves of sessions run ---- */
+
+typedef enum parlo_emulator_carrier {
+  PARLO_EMULATOR_IN_PROCESS, /* in the calling process; PARLO_DSP is not set, or "here" */
+  PARLO_EMULATOR_PROCESS     /* each session in a process of its own; PARLO_DSP=process */
+} parlo_emulator_carrier;
+
+/* Chooses where sessions run that begin from then on. */
+void parlo_emulator_set_carrier(int32_t carrier);
+int32_t parlo_emulator_get_carrier(void);
+
+/* Limits the time in which the process of a session has to answer a call, for sessions that begin from then on; 0 is no
+ * limit. The process of a session that does not answer in time is killed. The call returns PARLO_EMULATOR_TIMED_OUT, and
+ * the session is lost. The default is 30 s; it is 0 in a build with sanitizers, and where PARLO_DSP_LAUNCHER is set. */
+void parlo_emulator_set_call_limit(uint32_t milliseconds);
+
+/* Returns the id of the process in which the session of an open handle runs, or 0 when there is none. */
+int parlo_emulator_process_of(uint64_t handle);
 
 /* ---- Limits and answers ---- */
 
@@ -183,7 +205,7 @@ typedef enum parlo_emulator_fault_class {
    * calls. */
   PARLO_EMULATOR_FAULT_TRUNCATED_REPLY,
 
-  /* The session that the nth call names is lost, with the module instances of all its handles, their mappings and
+  /* The session that the nth call names is lost (its process is killed), with the module instances of all its handles, their mappings and
    * their reservation of the matrix unit. This call and every later one on the session return
    * PARLO_EMULATOR_SESSION_LOST (errno ECONNRESET). `status` and `error_number` are not used.
    *
@@ -193,7 +215,21 @@ typedef enum parlo_emulator_fault_class {
    * its id then gives PARLO_EMULATOR_NO_SUCH_SESSION.
    *
    * The fault does not count calls that name no session: reservations, queries, and the calls of the allocator. */
-  PARLO_EMULATOR_FAULT_SESSION_LOST
+  PARLO_EMULATOR_FAULT_SESSION_LOST,
+
+  /* The DSP hangs in the nth invocation. The call returns PARLO_EMULATOR_TIMED_OUT after the limit, and the session is
+   * lost; without a limit, the call does not return. `status` and `error_number` are not used. */
+  PARLO_EMULATOR_FAULT_HANG,
+
+  /* The nth invocation begins `status` milliseconds late. `error_number` is not used. */
+  PARLO_EMULATOR_FAULT_LATE,
+
+  /* The nth invocation runs, and returns `status` and sets errno to `error_number` where it would have returned 0. */
+  PARLO_EMULATOR_FAULT_WRONG_STATUS,
+
+  /* The nth invocation with a reply runs and returns its own status, but `status` bits of its result, of a fused product
+   * of its first result, are flipped. `error_number` is not used. */
+  PARLO_EMULATOR_FAULT_FLIPPED_BITS
 } parlo_emulator_fault_class;
 
 /* A fault, and the calls that the fault counts. */

@@ -72,12 +72,36 @@ void parlo_emulator_clear_fault(void) {
 void parlo_emulator_take_over(void) {
   Platform& p = platform();
   const PlatformLock lock(p.mutex);
+  p.units.take_over();
   p.sessions.take_over();
   p.memory.take_over();
 }
 
+void parlo_emulator_set_carrier(int32_t carrier) {
+  const PlatformLock lock(platform().mutex);
+  platform().carrier.kind = carrier;
+}
+
+int32_t parlo_emulator_get_carrier(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().carrier.kind;
+}
+
+void parlo_emulator_set_call_limit(uint32_t milliseconds) {
+  const PlatformLock lock(platform().mutex);
+  platform().carrier.limit_milliseconds = milliseconds;
+}
+
+int parlo_emulator_process_of(uint64_t handle) {
+  const PlatformLock lock(platform().mutex);
+  Session* session;
+  if (platform().sessions.with_handle(handle, session) != KESO_SUCCESS) return 0;
+  return session->space->process();
+}
+
 void parlo_emulator_reset(void) {
   Platform& p = platform();
+  const std::lock_guard no_opening(p.lifecycle);
   const PlatformLock lock(p.mutex);
   p.sessions.end_all();
   p.memory.release_all();
@@ -86,4 +110,5 @@ void parlo_emulator_reset(void) {
   p.fault = Fault();
   p.log_filter = LogFilter();
   p.config = default_config();
+  p.carrier = default_carrier();
 }

@@ -28,6 +28,10 @@ int error_of(int32_t status) {
       return EACCES;
     case PARLO_EMULATOR_SESSION_LOST:
       return ECONNRESET;
+    case PARLO_EMULATOR_NO_PROCESS:
+      return ENOEXEC;
+    case PARLO_EMULATOR_TIMED_OUT:
+      return ETIMEDOUT;
     case PARLO_EMULATOR_BAD_HANDLE:
     case PARLO_EMULATOR_UNKNOWN_DESCRIPTOR:
       return EBADF;
