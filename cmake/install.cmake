@@ -3,7 +3,7 @@
 #   development   public headers but those for weight files, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
 #   weights       the companion for weight files: libmorun_weights.so, its headers, target and morun_weights.pc
 #   tool          the tool
-#   emulator      the emulated platform: its libparlo.so, control header, target and parlo_emulator.pc
+#   emulator      the emulated platform: its libparlo.so and parlo-dsp, control header, target and parlo_emulator.pc
 # The licence goes with each of them. No installed file names the prefix, so the installed tree may be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -74,6 +74,7 @@ if(MORUN_PARLO STREQUAL "emulator")
   install(TARGETS parlo_emulator EXPORT parlo_emulator
     LIBRARY DESTINATION "${emulator_libdir}" COMPONENT emulator
     INCLUDES DESTINATION "${emulator_includedir}")
+  install(TARGETS parlo_dsp RUNTIME DESTINATION "${emulator_libdir}" COMPONENT emulator)
   install(FILES platform/parlo.h platform/emulator/parlo_emulator.h
     DESTINATION "${emulator_includedir}" COMPONENT emulator)
   install(EXPORT parlo_emulator NAMESPACE morun:: FILE parlo_emulatorTargets.cmake

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "platform/emulator/client/sessions.h"
-#include "platform/emulator/dsp/call.h"
+#include "platform/emulator/dsp/dsp.h"
 
 namespace parlo::client {
 namespace {

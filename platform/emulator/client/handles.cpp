@@ -82,7 +82,6 @@ int32_t close(Platform& p, PlatformLock& lock, uint64_t handle) {
     without_lock(lock, [&] { closed = space->close(handle); });
     noted(p, lock, space.get(), closed);
   }
-  p.units.end(handle);
   destroy(lock, p.sessions.remove(handle));
   return KESO_SUCCESS;
 }
@@ -158,9 +157,8 @@ int parlo_handle_open(const char* uri, uint64_t* handle) {
 
 int parlo_handle_invoke(uint64_t handle, uint32_t scalars, parlo_argument* arguments) {
   parlo_emulator_call call = describe_invoke(handle, scalars, arguments);
-  return carry_out(call, [&](Platform& p, PlatformLock& lock) {
-    return outcome_of(invoke(p, lock, handle, scalars, arguments));
-  });
+  return carry_out(
+      call, [&](Platform& p, PlatformLock& lock) { return outcome_of(invoke(p, lock, handle, scalars, arguments)); });
 }
 
 int parlo_handle_close(uint64_t handle) {

@@ -105,7 +105,6 @@ int parlo_mmap(int domain, int fd, void* address, int offset, uint64_t length, i
 
 int parlo_munmap(int domain, int fd, void* address, uint64_t length) {
   parlo_emulator_call call = make_call(PARLO_EMULATOR_MUNMAP, {word(domain), word(fd), word(address), length});
-  return carry_out(call, [&](Platform& p, PlatformLock& lock) {
-    return outcome_of(unmap(p, lock, domain, fd, address, length));
-  });
+  return carry_out(
+      call, [&](Platform& p, PlatformLock& lock) { return outcome_of(unmap(p, lock, domain, fd, address, length)); });
 }

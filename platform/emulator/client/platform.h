@@ -43,12 +43,12 @@ struct Platform {
   Platform() noexcept = default;
   parlo_emulator_config config = default_config();
   SharedMemory memory;
-  Sessions sessions;
+  dsp::HostMatrixUnitTable units;  // has a lock of its own
+  Sessions sessions{units};
   Trace trace;
   Fault fault;
   Fault::Disturbance disturbance;  // of the call that is being carried out
   Carrier carrier = default_carrier();
-  dsp::HostMatrixUnitTable units;  // has a lock of its own
   LogFilter log_filter;
 };
 

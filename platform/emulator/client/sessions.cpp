@@ -98,10 +98,16 @@ std::shared_ptr<dsp::Space> Sessions::remove(uint64_t handle) {
   Session* const session = find_handle(handle);
   if (!session) return nullptr;
   std::erase(session->handles, handle);
+  units_.end(handle);
   return session->is_open() ? nullptr : end(*session);
 }
 
+void Sessions::end_reservations(const Session& session) {
+  for (const uint64_t handle : session.handles) units_.end(handle);
+}
+
 std::shared_ptr<dsp::Space> Sessions::end(Session& session) {
+  end_reservations(session);
   std::shared_ptr<dsp::Space> space = std::move(session.space);
   // In a forked child, the DSP half of a parent's session stays as it is: other threads of the parent may have been in
   // it at the time of the fork.
@@ -171,6 +177,7 @@ std::shared_ptr<dsp::Space> Sessions::lose(Session* session) {
   if (!session->is_open()) return end(*session);
   Session& lost = set_aside(*session);
   lost.is_lost = true;
+  end_reservations(lost);
   return std::move(lost.space);
 }
 

@@ -18,7 +18,7 @@ struct Session {
   uint32_t id = 0;
   int32_t domain = compute_domain;  // the effective domain id
   bool unsigned_modules = false;
-  std::vector<uint64_t> handles = {};  // open handles
+  std::vector<uint64_t> handles = {};           // open handles
   std::shared_ptr<dsp::Space> space = nullptr;  // the DSP half; nullptr before the first handle and when lost
   bool is_lost = false;
   bool is_inherited = false;
@@ -37,6 +37,9 @@ struct Session {
 // be refused return a status.
 class Sessions {
  public:
+  // Reservations of matrix units end with the handles that have them.
+  explicit Sessions(dsp::MatrixUnitTable& units) : units_(units) {}
+
   // Returns nullptr when `n_session` sessions exist already. Session 0 counts always.
   const Session* reserve(uint32_t n_session);
 
@@ -89,6 +92,9 @@ class Sessions {
   Session& set_aside(Session& session);
   std::shared_ptr<dsp::Space> end(Session& session);
 
+  void end_reservations(const Session& session);
+
+  dsp::MatrixUnitTable& units_;
   Session first_;
   std::list<Session> others_;  // reserved sessions, and former first sessions
   uint64_t last_handle_ = 0x7a5c'0000'0000;

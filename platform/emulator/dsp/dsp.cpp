@@ -67,7 +67,8 @@ class LocalSpace final : public Space {
   // Returns false when the limit ends before the time does.
   bool sleep(uint32_t milliseconds) const {
     const bool ends = limit_milliseconds_ != 0 && milliseconds >= limit_milliseconds_;
-    if (milliseconds != 0) std::this_thread::sleep_for(std::chrono::milliseconds(ends ? limit_milliseconds_ : milliseconds));
+    if (milliseconds != 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(ends ? limit_milliseconds_ : milliseconds));
     return !ends;
   }
 

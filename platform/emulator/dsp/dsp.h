@@ -25,7 +25,7 @@ struct Module {
 struct SharedBuffer {
   uint64_t memory;
   int32_t descriptor;  // of the host: the name under which methods find the buffer
-  uint64_t address;  // of the host: an identifier, never dereferenced
+  uint64_t address;    // of the host: an identifier, never dereferenced
   uint64_t length;
 };
 

@@ -42,8 +42,8 @@ int32_t run(const Job&, const remote::tavik_veyra_clear_cache_arguments&) {
 }
 
 int32_t run(const Job& job, const remote::tavik_veyra_mmap_get_AX_arguments& a) {
-  return job.session.get_AX({static_cast<int32_t>(a.A0_fd), static_cast<int32_t>(a.A1_fd), static_cast<int32_t>(a.A2_fd),
-                         static_cast<int32_t>(a.X_fd)});
+  return job.session.get_AX({static_cast<int32_t>(a.A0_fd), static_cast<int32_t>(a.A1_fd),
+                             static_cast<int32_t>(a.A2_fd), static_cast<int32_t>(a.X_fd)});
 }
 
 int32_t run(const Job& job, const remote::tavik_veyra_mmap_put_AX_arguments&) {
@@ -108,12 +108,13 @@ int32_t run_with_AX(const Job& job, Compute compute) {
 template <class Arguments>
 int32_t multiply_1_on_own_buffers(const Job& job, const ProductKind& kind, const Arguments& a) {
   if (const int32_t status = job.session.may_multiply(); status != KESO_SUCCESS) return status;
-  return compute_products(job, kind, {{a.n_row,
-                          a.n_col,
-                          a.n_inner,
-                          {view(job, a.A_fd), a.A_offset},
-                          {view(job, a.X_fd), a.X_offset},
-                          {view(job, a.W_fd), a.W_offset}}});
+  return compute_products(job, kind,
+                          {{a.n_row,
+                            a.n_col,
+                            a.n_inner,
+                            {view(job, a.A_fd), a.A_offset},
+                            {view(job, a.X_fd), a.X_offset},
+                            {view(job, a.W_fd), a.W_offset}}});
 }
 
 template <class Arguments>
@@ -127,10 +128,10 @@ int32_t multiply_1(const Job& job, const ProductKind& kind, const Arguments& a) 
 template <class Arguments>
 int32_t multiply_2(const Job& job, const ProductKind& kind, const Arguments& a) {
   const MatrixPlace UW{view(job, a.UW_fd), a.UW_offset}, FW{view(job, a.FW_fd), a.FW_offset};
-  return run_with_AX(
-      job, [&](const MatrixPlace& A0, const MatrixPlace& A1, const MatrixPlace&, const MatrixPlace& X) {
-        return compute_products(job, kind, {{a.n_row, a.n_col, a.n_inner, A0, X, UW}, {a.n_row, a.n_col, a.n_inner, A1, X, FW}});
-      });
+  return run_with_AX(job, [&](const MatrixPlace& A0, const MatrixPlace& A1, const MatrixPlace&, const MatrixPlace& X) {
+    return compute_products(job, kind,
+                            {{a.n_row, a.n_col, a.n_inner, A0, X, UW}, {a.n_row, a.n_col, a.n_inner, A1, X, FW}});
+  });
 }
 
 template <class Arguments>
@@ -139,15 +140,16 @@ int32_t multiply_3(const Job& job, const ProductKind& kind, const Arguments& a) 
       VW{view(job, a.VW_fd), a.VW_offset};
   return run_with_AX(job,
                      [&](const MatrixPlace& A0, const MatrixPlace& A1, const MatrixPlace& A2, const MatrixPlace& X) {
-                       return compute_products(job, kind, {{a.n_row, a.n_col_q, a.n_inner, A0, X, QW},
-                                              {a.n_row, a.n_col_kv, a.n_inner, A1, X, KW},
-                                              {a.n_row, a.n_col_kv, a.n_inner, A2, X, VW}});
+                       return compute_products(job, kind,
+                                               {{a.n_row, a.n_col_q, a.n_inner, A0, X, QW},
+                                                {a.n_row, a.n_col_kv, a.n_inner, A1, X, KW},
+                                                {a.n_row, a.n_col_kv, a.n_inner, A2, X, VW}});
                      });
 }
 
-#define PARLO_PRODUCT(method, multiply, kind)                                  \
+#define PARLO_PRODUCT(method, multiply, kind)                                \
   int32_t run(const Job& job, const remote::method##_arguments& arguments) { \
-    return multiply(job, kind, arguments);                                 \
+    return multiply(job, kind, arguments);                                   \
   }
 PARLO_PRODUCT(tavik_veyra_mm_f16, multiply_1_on_own_buffers, f16)
 PARLO_PRODUCT(tavik_veyra_1mm_f16, multiply_1, f16)

@@ -35,6 +35,13 @@ Transfer failure(int error) {
   }
 }
 
+ssize_t repeated(auto transfer) {
+  ssize_t n;
+  do n = transfer();
+  while (n < 0 && errno == EINTR);
+  return n;
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -56,27 +63,32 @@ void Channel::set_limit(uint32_t milliseconds) const {
 }
 
 Transfer Channel::send(const void* record, size_t size, int descriptor, bool at_once) const {
+  const int flags = MSG_NOSIGNAL | (at_once ? MSG_DONTWAIT : 0);
+  if (descriptor < 0)  // the cheaper call
+    return repeated([&] { return ::send(number(), record, size, flags); }) < 0 ? failure(errno) : Transfer::done;
   iovec part = {const_cast<void*>(record), size};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
   msghdr message = {};
   message.msg_iov = &part;
   message.msg_iovlen = 1;
-  if (descriptor >= 0) {
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof descriptor);
-    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-  }
-  ssize_t n;
-  do n = sendmsg(number(), &message, MSG_NOSIGNAL | (at_once ? MSG_DONTWAIT : 0));
-  while (n < 0 && errno == EINTR);
-  return n < 0 ? failure(errno) : Transfer::done;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  cmsghdr* const header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof descriptor);
+  std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+  return repeated([&] { return sendmsg(number(), &message, flags); }) < 0 ? failure(errno) : Transfer::done;
 }
 
-Transfer Channel::receive(void* record, size_t size, Descriptor* descriptor) const {
+Transfer Channel::receive(void* record, size_t size) const {
+  const ssize_t n = repeated([&] { return recv(number(), record, size, MSG_TRUNC); });
+  if (n < 0) return failure(errno);
+  if (n == 0) return Transfer::ended;
+  return static_cast<size_t>(n) == size ? Transfer::done : Transfer::bad;
+}
+
+Transfer Channel::receive(void* record, size_t size, Descriptor& descriptor) const {
   iovec part = {record, size};
   int passed = -1;
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof passed)] = {};
@@ -85,18 +97,15 @@ Transfer Channel::receive(void* record, size_t size, Descriptor* descriptor) con
   message.msg_iovlen = 1;
   message.msg_control = control;
   message.msg_controllen = sizeof control;
-  ssize_t n;
-  do n = recvmsg(number(), &message, MSG_CMSG_CLOEXEC);
-  while (n < 0 && errno == EINTR);
+  const ssize_t n = repeated([&] { return recvmsg(number(), &message, MSG_CMSG_CLOEXEC); });
   if (n < 0) return failure(errno);
   const cmsghdr* const header = CMSG_FIRSTHDR(&message);
   if (header && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
       header->cmsg_len == CMSG_LEN(sizeof passed))
     std::memcpy(&passed, CMSG_DATA(header), sizeof passed);
-  Descriptor received(passed);  // closed again where none is expected
+  descriptor = Descriptor(passed);
   if (n == 0) return Transfer::ended;
   if (static_cast<size_t>(n) != size || (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return Transfer::bad;
-  if (descriptor) *descriptor = std::move(received);
   return Transfer::done;
 }
 

@@ -24,10 +24,10 @@ class Descriptor {
 
 enum class Transfer : uint8_t {
   done,
-  ended,       // the other side has gone
-  timed_out,   // the other side has not answered within the limit
-  bad,         // what has arrived is no record of this size
-  no_memory,   // this side lacks memory or descriptors
+  ended,      // the other side has gone
+  timed_out,  // the other side has not answered within the limit
+  bad,        // what has arrived is no record of this size
+  no_memory,  // this side lacks memory or descriptors
 };
 
 class Channel {
@@ -48,16 +48,21 @@ class Channel {
   void try_to_send(const Record& record) const {
     send(&record, sizeof record, -1, true);
   }
+  template <class Record>
+  Transfer receive(Record& record) const {
+    return receive(&record, sizeof record);
+  }
   // Stores the descriptor that came with the record, or none.
   template <class Record>
-  Transfer receive(Record& record, Descriptor* descriptor = nullptr) const {
+  Transfer receive(Record& record, Descriptor& descriptor) const {
     return receive(&record, sizeof record, descriptor);
   }
   int number() const { return socket_.number(); }
 
  private:
   Transfer send(const void* record, size_t size, int descriptor, bool at_once) const;
-  Transfer receive(void* record, size_t size, Descriptor* descriptor) const;
+  Transfer receive(void* record, size_t size) const;
+  Transfer receive(void* record, size_t size, Descriptor& descriptor) const;
 
   Descriptor socket_;
 };

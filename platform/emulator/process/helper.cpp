@@ -6,8 +6,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <exception>
+#include <memory>
 #include <new>
 #include <thread>
 
@@ -64,7 +64,8 @@ class RemoteMatrixUnitTable final : public dsp::MatrixUnitTable {
 // A buffer must not be longer than its memory: the DSP would touch pages that are not there.
 bool holds(int descriptor, uint64_t length) {
   struct stat file;
-  return fstat(descriptor, &file) == 0 && file.st_size >= 0 && length != 0 && length <= static_cast<uint64_t>(file.st_size);
+  return fstat(descriptor, &file) == 0 && file.st_size >= 0 && length != 0 &&
+         length <= static_cast<uint64_t>(file.st_size);
 }
 
 void serve_instance(const std::shared_ptr<dsp::Space>& space, uint64_t handle, Descriptor socket) {
@@ -134,7 +135,7 @@ bool waits(int socket) {
     if (!waits(control.number())) continue;
     Request request;
     Descriptor descriptor;
-    if (control.receive(request, &descriptor) != Transfer::done) end_process();
+    if (control.receive(request, descriptor) != Transfer::done) end_process();
     require(request.protocol == protocol, "records of another version");
     if (request.kind == RequestKind::release) {
       space->release(request.buffer.memory);
@@ -158,8 +159,8 @@ bool waits(int socket) {
 int main(int argc, char** argv) {
   int type = 0;
   socklen_t size = sizeof type;
-  const bool has_control = getsockopt(parlo::process::control_descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 &&
-                           type == SOCK_SEQPACKET;
+  const bool has_control =
+      getsockopt(parlo::process::control_descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_SEQPACKET;
   if (argc != 2 || !has_control) {
     std::fprintf(stderr, "parlo-dsp is the DSP's half of a session of the emulated platform; libparlo.so starts it\n");
     return 2;

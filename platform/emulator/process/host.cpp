@@ -35,7 +35,8 @@ char library_path[PATH_MAX];
 // A relative path of the library is one only until the program changes its folder.
 [[gnu::constructor]] void find_library() {
   Dl_info info;
-  if (!dladdr(&library_path, &info) || !info.dli_fname || !realpath(info.dli_fname, library_path)) library_path[0] = '\0';
+  if (!dladdr(&library_path, &info) || !info.dli_fname || !realpath(info.dli_fname, library_path))
+    library_path[0] = '\0';
 }
 
 // The program that starts programs of another processor, with its arguments.
@@ -88,8 +89,8 @@ int spawn(int control, pid_t& process) {
       posix_spawn_file_actions_adddup2(&settings.files, control, control_descriptor) != 0 ||
       posix_spawn_file_actions_addclosefrom_np(&settings.files, control_descriptor + 1) != 0)
     return ENOMEM;
-  const int error = posix_spawn(&process, arguments[0], &settings.files, &settings.attributes, arguments.data(),
-                                environment.data());
+  const int error =
+      posix_spawn(&process, arguments[0], &settings.files, &settings.attributes, arguments.data(), environment.data());
   if (error != 0 && error != ENOMEM)
     std::fprintf(stderr, "[parlo] cannot start %s: %s\n", arguments[0], std::strerror(error));
   return error;
@@ -111,10 +112,7 @@ class ProcessSpace final : public dsp::Space {
       : units_(units), limit_milliseconds_(limit_milliseconds), control_(std::move(control)) {
     control_.channel.set_limit(limit_milliseconds);
   }
-  ~ProcessSpace() override {
-    kill_process();
-    for (const auto& [handle, line] : lines_) units_.end(handle);
-  }
+  ~ProcessSpace() override { kill_process(); }
 
   // Must be called once, before anything else.
   int spawn_with(int other_end) { return spawn(other_end, process_); }
@@ -224,10 +222,12 @@ class ProcessSpace final : public dsp::Space {
 
   Permit permit(const Request& request, const Answer& answer) {
     try {
-      return units_.reserve(request.handle, answer.unit) ? Permit::granted : Permit::refused;
+      if (!units_.reserve(request.handle, answer.unit)) return Permit::refused;
     } catch (const std::bad_alloc&) {
       return Permit::no_memory;
     }
+    if (has_ended_) units_.end(request.handle);  // nobody else would
+    return Permit::granted;
   }
 
   int32_t lose(Transfer transfer) {
