@@ -220,6 +220,39 @@ TEST_P(SessionLoss, ContextsMultiplyAtTheSameTime) {
   slow.end(), quick.end();
 }
 
+// From its beginning to its end, with products of every kind and of several threads of the DSP.
+TEST_P(SessionLoss, ContextsInThreadsMultiplyRightly) {
+  configure([](auto& config) { config.session_bytes = 8 << 20; });
+  constexpr int32_t n_row = 200, n_col = 256, n_inner = 256;
+  const std::vector<float> X(n_row * n_inner, 0.25);
+  const auto all_products = [&] {
+    const tavik_options options = {1 << 16, 256, 1 << 16, 0};
+    tavik_context* context = nullptr;
+    EXPECT_EQ(tavik_init(&options, &context), 0) << last_error();
+    void* weights;
+    const auto fd = static_cast<uint32_t>(PlatformTest::allocate(context, 1 << 19, &weights));
+    std::memset(weights, 0x2b, 1 << 19);
+    std::vector<std::vector<float>> results;
+    for (const products::Kind kind : products::kinds) {
+      results.emplace_back(n_row * n_col);
+      const products::WeightPlace w = {fd, 0, 1 << 17, 1 << 18, 3 << 17};
+      const products::Operands operands = {n_row, n_col, n_col, n_inner, {results.back().data()}, X.data()};
+      EXPECT_EQ(products::multiply(context, kind, operands, {&w, 1}), 0u) << last_error();
+    }
+    PlatformTest::release(context, static_cast<int32_t>(fd));
+    clean_up(context);
+    return results;
+  };
+  const auto expected = all_products();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 3; ++round) EXPECT_EQ(all_products(), expected);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
 // ---- Processes
 
 TEST_P(SessionProcess, EachSessionHasAProcessThatKnowsOnlyWhatIsMapped) {
