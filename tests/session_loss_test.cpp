@@ -55,6 +55,12 @@ void arm(int32_t fault_class, int32_t status = 0, int32_t method = -1) {
   parlo_emulator_arm(&fault);
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__x86_64__)
+constexpr bool is_slow = true;  // a sanitizer, or an emulated processor
+#else
+constexpr bool is_slow = false;
+#endif
+
 // A context with ones for weights, of which the first part is in the first session and the second part in a session of
 // the context's own.
 struct Context {
@@ -207,14 +213,14 @@ TEST_P(SessionLoss, ContextsMultiplyAtTheSameTime) {
   Context slow, quick;
   ASSERT_EQ(slow.begin() | quick.begin(), 0) << last_error();
   std::atomic<bool> is_done = false;
-  arm(PARLO_EMULATOR_FAULT_LATE, 300, 10);
+  arm(PARLO_EMULATOR_FAULT_LATE, is_slow ? 3000 : 300, 10);
   std::thread thread([&] {
     EXPECT_EQ(slow.multiply(0), 0u);
     is_done = true;
   });
   ASSERT_TRUE(eventually([] { return parlo_emulator_faults_fired() == 1; }));
   size_t n = 0;
-  for (; !is_done && n < 5; ++n) EXPECT_EQ(quick.multiply(n % 2), 0u);
+  for (; !is_done && n < 2; ++n) EXPECT_EQ(quick.multiply(n % 2), 0u);
   EXPECT_FALSE(is_done) << n;
   thread.join();
   slow.end(), quick.end();
@@ -407,18 +413,11 @@ TEST_P(SessionProcess, AForkedChildThatCleansUpLeavesTheProcessesToItsParent) {
 
 // ---- Kills at random moments
 
-constexpr int n_kill_of_a_short_run =
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__x86_64__)
-    20;
-#else
-    100;
-#endif
-
 // Each thread has a context, multiplies until a product fails, and begins anew. A kill is done when the context that it
 // hits has told of a failure.
 TEST_P(SessionProcess, KillsAtRandomMomentsAreStatuses) {
   const char* const asked = getenv("MORUN_KILLS");
-  const int n_kill = asked == nullptr ? n_kill_of_a_short_run : atoi(asked);
+  const int n_kill = asked == nullptr ? (is_slow ? 10 : 100) : atoi(asked);
   struct Worker {
     std::atomic<int> n_begun = 0, n_failure = 0;
     std::atomic<int> processes[2] = {0, 0};  // while products run

@@ -1,8 +1,14 @@
 /* Control of the emulated platform: what a test or a tool may set, read and break. Programs that only use the
  * platform need nothing of this header. The functions exist in the emulator's libparlo.so alone.
  *
- * Environment: with PARLO_TRACE=1 the emulator prints every platform call to standard error, one line for each
- * call.
+ * Environment:
+ *   PARLO_TRACE=1      prints every platform call to standard error, one line for each call
+ *   PARLO_TRACE=FILE   writes a timeline of all calls to a file of trace events, which chrome://tracing and Perfetto
+ *                      show; %p in the name stands for the process
+ *   PARLO_DSP=process  runs the DSP half of each session in a process of its own; PARLO_DSP=here, the default, runs all
+ *                      of them in the calling process
+ *   PARLO_DSP_LAUNCHER the program that starts such a process, by its path, with its arguments; for processes of
+ *                      another processor
  *
  * Threads: any thread may call every function.
  *
@@ -184,6 +190,12 @@ size_t parlo_emulator_trace_length(void);
 int parlo_emulator_trace_get(size_t index, parlo_emulator_call* call);
 /* Empties the trace. */
 void parlo_emulator_trace_clear(void);
+/* A span of the calling thread in the timeline (PARLO_TRACE=file), from its beginning to its end; spans do not nest. When
+ * a product runs on the DSP within the span, the span is divided into staging, remote and back. Without a timeline, the
+ * functions do nothing. */
+void parlo_emulator_begin_span(const char* name);
+void parlo_emulator_end_span(void);
+
 /* Returns the name of the function of an operation, such as "parlo_mmap". */
 const char* parlo_emulator_operation_name(int32_t operation);
 

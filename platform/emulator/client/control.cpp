@@ -43,6 +43,16 @@ void parlo_emulator_trace_clear(void) {
   platform().trace.clear();
 }
 
+void parlo_emulator_begin_span(const char* name) {
+  const PlatformLock lock(platform().mutex);
+  platform().trace.timeline().begin_span(name);
+}
+
+void parlo_emulator_end_span(void) {
+  const PlatformLock lock(platform().mutex);
+  platform().trace.timeline().end_span();
+}
+
 void parlo_emulator_arm(const parlo_emulator_fault* fault) {
   const PlatformLock lock(platform().mutex);
   platform().fault.arm(*fault);

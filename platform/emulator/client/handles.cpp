@@ -25,8 +25,8 @@ dsp::Module configured_module(const parlo_emulator_config& config) {
 }
 
 // Describes the invocation for the trace, with as many words of the primitive input buffer as the record has room for.
-parlo_emulator_call describe_invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_HANDLE_INVOKE, {handle, scalars});
+TracedCall describe_invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
+  TracedCall call = make_call(PARLO_EMULATOR_HANDLE_INVOKE, {handle, scalars});
   call.method = static_cast<int32_t>(PARLO_SCALARS_METHOD(scalars));
   if (PARLO_SCALARS_N_IN(scalars) == 0 || !arguments || !arguments->data) return call;
   const size_t n_word = std::min<size_t>(arguments->length / 4, PARLO_EMULATOR_MAX_ARGUMENTS - call.n_arguments);
@@ -113,26 +113,28 @@ void halve(dsp::Call& call) {
   if (PARLO_SCALARS_METHOD(call.scalars) != self_test) call.words[0] = call.words[0] / 64 * 64;
 }
 
-int32_t run(dsp::Space& space, uint64_t handle, const Fault::Disturbance& disturbance, uint32_t scalars,
+int32_t run(dsp::Space& space, TracedCall& traced, const Fault::Disturbance& disturbance, uint32_t scalars,
             const parlo_argument* arguments) {
   dsp::Call call;
   if (const int32_t status = dsp::pack(scalars, arguments, call); status != KESO_SUCCESS) return status;
   call.late_milliseconds = disturbance.late_milliseconds;
   call.n_flipped_bit = disturbance.n_flipped_bit;
   if (disturbance.truncates_reply && PARLO_SCALARS_N_OUT(scalars) == 0) halve(call);
-  dsp::Reply reply;
-  const int32_t status = space.invoke(handle, call, reply);
+  dsp::Reply reply = {};
+  const int32_t status = space.invoke(traced.arguments[0], call, reply);
+  traced.dsp_begin = reply.begin;
+  traced.dsp_end = reply.end;
   if (status == KESO_SUCCESS) dsp::unpack(call, reply, arguments, disturbance.truncates_reply);
   return status;
 }
 
-int32_t invoke(Platform& p, PlatformLock& lock, uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
+int32_t invoke(Platform& p, PlatformLock& lock, TracedCall& call, uint32_t scalars, const parlo_argument* arguments) {
   Session* session;
-  int32_t status = p.sessions.with_handle(handle, session);
+  int32_t status = p.sessions.with_handle(call.arguments[0], session);
   if (status == KESO_SUCCESS) {
     const std::shared_ptr<dsp::Space> space = session->space;
     const Fault::Disturbance disturbance = p.disturbance;
-    without_lock(lock, [&] { status = run(*space, handle, disturbance, scalars, arguments); });
+    without_lock(lock, [&] { status = run(*space, call, disturbance, scalars, arguments); });
     noted(p, lock, space.get(), status);
   }
   return status == PARLO_EMULATOR_SESSION_LOST && gives_back(scalars) ? KESO_SUCCESS : status;
@@ -144,7 +146,7 @@ int32_t invoke(Platform& p, PlatformLock& lock, uint64_t handle, uint32_t scalar
 using namespace parlo::client;
 
 int parlo_handle_open(const char* uri, uint64_t* handle) {
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_HANDLE_OPEN, {});
+  TracedCall call = make_call(PARLO_EMULATOR_HANDLE_OPEN, {});
   if (uri) set_text(call, uri);
   return carry_out(call, [&](Platform& p, PlatformLock& lock) {
     if (!uri || !handle) return outcome_of(PARLO_EMULATOR_BAD_ARGUMENT);
@@ -156,13 +158,13 @@ int parlo_handle_open(const char* uri, uint64_t* handle) {
 }
 
 int parlo_handle_invoke(uint64_t handle, uint32_t scalars, parlo_argument* arguments) {
-  parlo_emulator_call call = describe_invoke(handle, scalars, arguments);
+  TracedCall call = describe_invoke(handle, scalars, arguments);
   return carry_out(
-      call, [&](Platform& p, PlatformLock& lock) { return outcome_of(invoke(p, lock, handle, scalars, arguments)); });
+      call, [&](Platform& p, PlatformLock& lock) { return outcome_of(invoke(p, lock, call, scalars, arguments)); });
 }
 
 int parlo_handle_close(uint64_t handle) {
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_HANDLE_CLOSE, {handle});
+  TracedCall call = make_call(PARLO_EMULATOR_HANDLE_CLOSE, {handle});
   return carry_out(call, [&](Platform& p, PlatformLock& lock) {
     const LifecycleLock one_at_a_time(p, lock);
     return outcome_of(close(p, lock, handle));

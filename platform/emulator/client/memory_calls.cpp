@@ -8,7 +8,7 @@ namespace parlo::client {
 namespace {
 
 void* allocate(parlo_emulator_operation operation, int heap_id, uint32_t flags, uint64_t size, bool valid_size) {
-  parlo_emulator_call call = make_call(operation, {word(heap_id), flags, size, 0});
+  TracedCall call = make_call(operation, {word(heap_id), flags, size, 0});
   void* address = nullptr;
   carry_out(call, [&](Platform& p, PlatformLock&) {
     if (!valid_size) return Outcome{-1, EINVAL};
@@ -75,7 +75,7 @@ void* parlo_mem_alloc2(int heap_id, uint32_t flags, uint64_t size) {
 }
 
 void parlo_mem_free(void* address) {
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_MEM_FREE, {word(address)});
+  TracedCall call = make_call(PARLO_EMULATOR_MEM_FREE, {word(address)});
   carry_out(call, [&](Platform& p, PlatformLock&) {
     uint64_t memory = 0;
     const int32_t status = p.memory.release(address, memory);
@@ -87,7 +87,7 @@ void parlo_mem_free(void* address) {
 }
 
 int parlo_mem_to_fd(const void* address) {
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_MEM_TO_FD, {word(address)});
+  TracedCall call = make_call(PARLO_EMULATOR_MEM_TO_FD, {word(address)});
   return carry_out(call, [&](Platform& p, PlatformLock&) {
     const Allocation* allocation = p.memory.at(address);
     return allocation ? Outcome{allocation->descriptor, 0} : Outcome{-1, EINVAL};
@@ -95,7 +95,7 @@ int parlo_mem_to_fd(const void* address) {
 }
 
 int parlo_mmap(int domain, int fd, void* address, int offset, uint64_t length, int flags) {
-  parlo_emulator_call call =
+  TracedCall call =
       make_call(PARLO_EMULATOR_MMAP, {word(domain), word(fd), word(address), word(offset), length, word(flags)});
   return carry_out(call, [&](Platform& p, PlatformLock& lock) {
     if (offset != 0) return outcome_of(PARLO_EMULATOR_BAD_ARGUMENT);
@@ -104,7 +104,7 @@ int parlo_mmap(int domain, int fd, void* address, int offset, uint64_t length, i
 }
 
 int parlo_munmap(int domain, int fd, void* address, uint64_t length) {
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_MUNMAP, {word(domain), word(fd), word(address), length});
+  TracedCall call = make_call(PARLO_EMULATOR_MUNMAP, {word(domain), word(fd), word(address), length});
   return carry_out(
       call, [&](Platform& p, PlatformLock& lock) { return outcome_of(unmap(p, lock, domain, fd, address, length)); });
 }

@@ -82,9 +82,10 @@ void write_log(int level, const char* file, int line_number, const char* line) {
   const PlatformLock lock(p.mutex);
   const bool selected = selects(p.log_filter, level, file);
   if (!selected && level < error_level) return;
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_DEBUG_LOG, {word(level), word(line_number)});
+  TracedCall call = make_call(PARLO_EMULATOR_DEBUG_LOG, {word(level), word(line_number)});
   set_text(call, line);
-  p.trace.record(call, 0);
+  call.begin = dsp::now();
+  p.trace.record(call, 0, {});
   if (!selected && !p.trace.printing()) return;
   const std::string_view text(line);
   std::fprintf(stderr, "[parlo] level %d, %s:%d: %s%s", level, file, line_number, line,
@@ -99,7 +100,7 @@ using namespace parlo::client;
 int parlo_handle_control(uint32_t request, void* record, uint32_t size) {
   const bool valid = request == PARLO_CONTROL_CAPABILITY && record && size == sizeof(parlo_capability);
   parlo_capability* query = valid ? static_cast<parlo_capability*>(record) : nullptr;
-  parlo_emulator_call call =
+  TracedCall call =
       query ? make_call(PARLO_EMULATOR_HANDLE_CONTROL, {request, query->domain, query->attribute, query->capability})
             : make_call(PARLO_EMULATOR_HANDLE_CONTROL, {request});
   return carry_out(call, [&](Platform& p, PlatformLock&) {
@@ -111,8 +112,8 @@ int parlo_handle_control(uint32_t request, void* record, uint32_t size) {
 }
 
 int parlo_system_request(parlo_system_domains* record) {
-  parlo_emulator_call call = record ? make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {record->type, record->capacity, 0})
-                                    : make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {});
+  TracedCall call = record ? make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {record->type, record->capacity, 0})
+                           : make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {});
   return carry_out(call, [&](Platform&, PlatformLock&) {
     if (!record) return outcome_of(PARLO_EMULATOR_BAD_ARGUMENT);
     const int32_t status = list_domains(*record);

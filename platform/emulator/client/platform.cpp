@@ -31,8 +31,15 @@ void after_fork_in_child() {
   platform().units.after_fork(true);
   platform().sessions.inherit();
   platform().memory.inherit();
+  platform().trace.timeline().inherit();
   platform().mutex.unlock();
   platform().lifecycle.unlock();
+}
+
+// Other threads may go on with their calls, and are left out of the timeline.
+[[gnu::destructor]] void finish_timeline() {
+  const std::unique_lock lock(platform().mutex, std::try_to_lock);
+  if (lock) platform().trace.timeline().finish();
 }
 
 [[gnu::constructor]] void watch_forks() {

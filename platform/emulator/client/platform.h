@@ -120,12 +120,14 @@ Outcome outcome_under_fault(Platform& p, PlatformLock& lock, const parlo_emulato
 // Carries out the platform call that `call` describes. body(platform, lock) returns the Outcome and may add to `call`.
 // carry_out records the call, sets errno when it failed, and returns its result. It throws nothing.
 template <class Body>
-int32_t carry_out(parlo_emulator_call& call, Body body) {
+int32_t carry_out(TracedCall& call, Body body) {
   Platform& p = platform();
+  call.begin = dsp::now();
   PlatformLock lock(p.mutex);
   const Outcome outcome = attempt(call, lock, [&] { return outcome_under_fault(p, lock, call, body); });
   call.result = outcome.result;
-  p.trace.record(call, outcome.error);
+  p.trace.record(call, outcome.error,
+                 p.trace.timeline().writing() ? Counters{p.memory.n_bytes(), p.sessions.n_mappings()} : Counters{});
   lock.unlock();
   if (outcome.error != 0) errno = outcome.error;
   return outcome.result;

@@ -1,5 +1,6 @@
 #include "platform/emulator/dsp/call.h"
 
+#include <chrono>
 #include <cstring>
 
 #include "platform/emulator/parlo_emulator.h"
@@ -25,6 +26,11 @@ size_t part_of(size_t length, bool in_part) {
 }
 
 }  // namespace
+
+uint64_t now() {
+  const auto time = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(std::chrono::nanoseconds(time).count());
+}
 
 const remote::Method* method_of(uint32_t scalars) {
   const uint32_t number = PARLO_SCALARS_METHOD(scalars);

@@ -39,6 +39,8 @@ struct Reply {
   uint64_t n_byte;      // bytes of the operands that the method read and wrote
 };
 
+uint64_t now();  // nanoseconds of CLOCK_MONOTONIC
+
 // Returns the method of a scalars word, or nullptr when no method that may be invoked has this word.
 const tavik::remote::Method* method_of(uint32_t scalars);
 

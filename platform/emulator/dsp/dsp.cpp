@@ -12,11 +12,6 @@
 namespace parlo::dsp {
 namespace {
 
-uint64_t now() {
-  const auto time = std::chrono::steady_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::nanoseconds(time).count());
-}
-
 class LocalSpace final : public Space {
  public:
   LocalSpace(MatrixUnitTable& units, uint32_t limit_milliseconds)
