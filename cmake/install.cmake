@@ -75,6 +75,7 @@ if(MORUN_PARLO STREQUAL "emulator")
     LIBRARY DESTINATION "${emulator_libdir}" COMPONENT emulator
     INCLUDES DESTINATION "${emulator_includedir}")
   install(TARGETS parlo_dsp RUNTIME DESTINATION "${emulator_libdir}" COMPONENT emulator)
+  install(DIRECTORY platform/emulator/profiles DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/parlo_emulator" COMPONENT emulator)
   install(FILES platform/parlo.h platform/emulator/parlo_emulator.h
     DESTINATION "${emulator_includedir}" COMPONENT emulator)
   install(EXPORT parlo_emulator NAMESPACE morun:: FILE parlo_emulatorTargets.cmake

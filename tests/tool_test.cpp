@@ -139,7 +139,7 @@ TEST_P(ToolScripts, Plays) {
   play();
 }
 INSTANTIATE_TEST_SUITE_P(, ToolScripts,
-                         testing::Values("ToolErrors", "ToolInputs", "ToolOutputs", "ToolPacked", "ToolReports"),
+                         testing::Values("ToolEmulator", "ToolErrors", "ToolInputs", "ToolOutputs", "ToolPacked", "ToolReports"),
                          [](const auto& name) { return std::string(name.param); });
 
 // Whole numbers that quantise with a scale of exactly 1: even columns have the whole range of the levels, odd ones

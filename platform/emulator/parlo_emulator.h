@@ -5,6 +5,7 @@
  *   PARLO_TRACE=1      prints every platform call to standard error, one line for each call
  *   PARLO_TRACE=FILE   writes a timeline of all calls to a file of trace events, which chrome://tracing and Perfetto
  *                      show; %p in the name stands for the process
+ *   PARLO_PROFILE=FILE the chip to emulate, as docs/emulator.md describes such a file
  *   PARLO_DSP=process  runs the DSP half of each session in a process of its own; PARLO_DSP=here, the default, runs all
  *                      of them in the calling process
  *   PARLO_DSP_LAUNCHER the program that starts such a process, by its path, with its arguments; for processes of
@@ -36,6 +37,7 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_NO_MEMORY = 0x0c,          /* the host has no memory left for the call */
   PARLO_EMULATOR_BAD_ARGUMENT = 0x0e,       /* a NULL pointer, a record of the wrong size, an unknown request */
   PARLO_EMULATOR_UNSUPPORTED_DOMAIN = 0x14, /* there is no such domain, or no session with that domain id is open */
+  PARLO_EMULATOR_NO_SUCH_ENTRY = 0x6c,      /* the profile leaves this optional entry out */
   PARLO_EMULATOR_BAD_URI = 0x201,           /* open: the text is no URI of this platform */
   PARLO_EMULATOR_NO_SUCH_MODULE = 0x202,    /* open: the URI names another module, or another version of the module */
   PARLO_EMULATOR_NO_SUCH_SESSION = 0x203,   /* no session with that id is reserved */
@@ -65,7 +67,8 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_DSP_NO_AX = 0x405,         /* the cross-session buffers are not handed over, or handed over twice */
   PARLO_EMULATOR_DSP_NO_RESOURCE = 0x406,   /* the session has not acquired its resources */
   PARLO_EMULATOR_DSP_NOT_LOCKED = 0x407,    /* the session does not hold the matrix unit */
-  PARLO_EMULATOR_DSP_BUSY = 0x408           /* another session holds the matrix unit */
+  PARLO_EMULATOR_DSP_BUSY = 0x408,          /* another session holds the matrix unit */
+  PARLO_EMULATOR_DSP_REPEATED = 0x409       /* a strict profile: the resources are acquired or released already */
 } parlo_emulator_status;
 
 /* ---- Sessions, contexts and processes ----
@@ -107,7 +110,15 @@ int parlo_emulator_process_of(uint64_t handle);
 
 /* ---- Limits and answers ---- */
 
-/* What the emulated platform allows and answers. */
+/* The name of the profile in use: that of the file which PARLO_PROFILE names, or "default". The text is valid until the
+ * next reset. */
+const char* parlo_emulator_profile_name(void);
+/* Returns an estimate of the seconds that a board would have taken for all invocations since the last reset: the profile's
+ * time for each call, and its time for the bytes of the operands. Returns -1 when the profile describes no board. The
+ * emulator measures no board. */
+double parlo_emulator_estimated_seconds(void);
+
+/* What the emulated platform allows and answers. The defaults are those of a process without a profile. */
 typedef struct parlo_emulator_config {
   uint64_t session_bytes;    /* bytes of address space of one session; default 3 GiB */
   uint64_t allocation_bytes; /* bytes of shared memory of the whole process; default all ones, no limit */
@@ -270,8 +281,8 @@ void parlo_emulator_clear_fault(void);
  * nothing. */
 void parlo_emulator_take_over(void);
 
-/* Frees all shared memory, ends all sessions, empties the trace, disarms the fault and restores the default
- * configuration. */
+/* Frees all shared memory, ends all sessions, empties the trace, arms the profile's fault or none, and restores the
+ * configuration, all as the environment says. */
 void parlo_emulator_reset(void);
 
 #ifdef __cplusplus

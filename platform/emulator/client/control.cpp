@@ -43,6 +43,16 @@ void parlo_emulator_trace_clear(void) {
   platform().trace.clear();
 }
 
+const char* parlo_emulator_profile_name(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().profile.name.c_str();
+}
+
+double parlo_emulator_estimated_seconds(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().profile.bytes_per_second > 0 ? platform().estimated_seconds : -1;
+}
+
 void parlo_emulator_begin_span(const char* name) {
   const PlatformLock lock(platform().mutex);
   platform().trace.timeline().begin_span(name);
@@ -117,8 +127,10 @@ void parlo_emulator_reset(void) {
   p.memory.release_all();
   p.trace.clear();
   p.trace.choose_output();
-  p.fault = Fault();
+  p.is_configured = choose_profile(p.profile);
+  p.fault = Fault::of(p.profile.fault);
   p.log_filter = LogFilter();
-  p.config = default_config();
+  p.config = p.profile.config;
+  p.estimated_seconds = 0;
   p.carrier = default_carrier();
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "platform/emulator/client/status.h"
 #include "platform/emulator/parlo_emulator.h"
@@ -11,6 +12,13 @@ namespace parlo::client {
 class Fault {
  public:
   enum class Effect : uint8_t { none, failure, session_lost, disturbance };
+
+  // The fault of a profile, which may have none.
+  static Fault of(const std::optional<parlo_emulator_fault>& fault) {
+    Fault armed;
+    if (fault) armed.arm(*fault);
+    return armed;
+  }
 
   void arm(const parlo_emulator_fault& fault);
   void clear();

@@ -11,7 +11,7 @@
 namespace parlo::client {
 namespace {
 
-dsp::Module configured_module(const parlo_emulator_config& config) {
+dsp::Module configured_module(const parlo_emulator_config& config, bool is_strict) {
   dsp::Module module{.address_space_bytes = config.session_bytes,
                      .major = config.module_major,
                      .minor = config.module_minor,
@@ -19,7 +19,7 @@ dsp::Module configured_module(const parlo_emulator_config& config) {
                      .architecture = config.module_architecture,
                      .label = {},
                      .shares_matrix_unit = config.shared_matrix_unit != 0,
-                     .is_strict = 0};
+                     .is_strict = is_strict};
   std::copy_n(config.module_label, sizeof module.label - 1, module.label);
   return module;
 }
@@ -53,12 +53,13 @@ int32_t begin_session(Platform& p, const Carrier& carrier, std::shared_ptr<dsp::
 }
 
 int32_t open(Platform& p, PlatformLock& lock, const char* uri, uint64_t& handle) {
+  if (!p.is_configured) return PARLO_EMULATOR_BAD_CONFIGURATION;
   Session* session;
   uint64_t opened;
   if (const int32_t status = p.sessions.prepare_opening(uri, session, opened); status != KESO_SUCCESS) return status;
   const uint32_t id = session->id;
   const std::shared_ptr<dsp::Space> before = session->space;
-  const dsp::Module module = configured_module(p.config);
+  const dsp::Module module = configured_module(p.config, p.profile.is_strict);
   const Carrier carrier = p.carrier;
   std::shared_ptr<dsp::Space> space = before;
   int32_t status = KESO_SUCCESS;
@@ -114,7 +115,7 @@ void halve(dsp::Call& call) {
 }
 
 int32_t run(dsp::Space& space, TracedCall& traced, const Fault::Disturbance& disturbance, uint32_t scalars,
-            const parlo_argument* arguments) {
+            const parlo_argument* arguments, uint64_t& n_byte) {
   dsp::Call call;
   if (const int32_t status = dsp::pack(scalars, arguments, call); status != KESO_SUCCESS) return status;
   call.late_milliseconds = disturbance.late_milliseconds;
@@ -124,6 +125,7 @@ int32_t run(dsp::Space& space, TracedCall& traced, const Fault::Disturbance& dis
   const int32_t status = space.invoke(traced.arguments[0], call, reply);
   traced.dsp_begin = reply.begin;
   traced.dsp_end = reply.end;
+  n_byte = reply.n_byte;
   if (status == KESO_SUCCESS) dsp::unpack(call, reply, arguments, disturbance.truncates_reply);
   return status;
 }
@@ -134,8 +136,13 @@ int32_t invoke(Platform& p, PlatformLock& lock, TracedCall& call, uint32_t scala
   if (status == KESO_SUCCESS) {
     const std::shared_ptr<dsp::Space> space = session->space;
     const Fault::Disturbance disturbance = p.disturbance;
-    without_lock(lock, [&] { status = run(*space, call, disturbance, scalars, arguments); });
+    uint64_t n_byte = 0;
+    without_lock(lock, [&] { status = run(*space, call, disturbance, scalars, arguments, n_byte); });
     noted(p, lock, space.get(), status);
+    if (p.profile.bytes_per_second > 0 && call.dsp_end != 0) {
+      call.estimated_seconds = p.profile.call_seconds + static_cast<double>(n_byte) / p.profile.bytes_per_second;
+      p.estimated_seconds += call.estimated_seconds;
+    }
   }
   return status == PARLO_EMULATOR_SESSION_LOST && gives_back(scalars) ? KESO_SUCCESS : status;
 }

@@ -48,22 +48,6 @@ void after_fork_in_child() {
 
 }  // namespace
 
-parlo_emulator_config default_config() {
-  return {
-      .session_bytes = uint64_t{3} << 30,
-      .allocation_bytes = UINT64_MAX,
-      .n_sessions = 8,
-      .lowest_descriptor = 0,
-      .architecture = 0x73,
-      .module_major = 1,
-      .module_minor = 0,
-      .module_patch = 0,
-      .module_architecture = 73,
-      .module_label = "beta1",
-      .shared_matrix_unit = 0,
-  };
-}
-
 Carrier default_carrier() {
   Carrier carrier;
   carrier.limit_milliseconds = process::default_limit_milliseconds();

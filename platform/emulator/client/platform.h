@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/emulator/client/fault.h"
+#include "platform/emulator/client/profile.h"
 #include "platform/emulator/client/sessions.h"
 #include "platform/emulator/client/shared_memory.h"
 #include "platform/emulator/client/status.h"
@@ -16,8 +17,6 @@
 #include "platform/emulator/parlo_emulator.h"
 
 namespace parlo::client {
-
-parlo_emulator_config default_config();
 
 // The lines of the debug log that are printed: one bit for each level, and the names of files. Without names, all files
 // are printed.
@@ -41,12 +40,15 @@ struct Platform {
   std::mutex lifecycle;  // held while a session is opened, closed or forked away; locked before `mutex`
   std::mutex mutex;      // guards all other members
   Platform() noexcept = default;
-  parlo_emulator_config config = default_config();
+  Profile profile;
+  bool is_configured = choose_profile(profile);  // otherwise no session can be opened
+  parlo_emulator_config config = profile.config;
   SharedMemory memory;
   dsp::HostMatrixUnitTable units;  // has a lock of its own
   Sessions sessions{units};
   Trace trace;
-  Fault fault;
+  Fault fault = Fault::of(profile.fault);
+  double estimated_seconds = 0;    // that a board would have taken for all invocations
   Fault::Disturbance disturbance;  // of the call that is being carried out
   Carrier carrier = default_carrier();
   LogFilter log_filter;

@@ -198,7 +198,10 @@ void Timeline::add(const TracedCall& call, int error, const Counters& counters) 
     const int64_t track = track_of_handle(call.arguments[0]);
     begin_event(events, "X", name, dsp, track, call.dsp_begin);
     append_duration(events, call.dsp_begin, call.dsp_end);
-    events.append(",\"cat\":\"dsp\"}");
+    events.append(",\"cat\":\"dsp\",\"args\":{");
+    if (call.estimated_seconds > 0)
+      append(events, "\"estimate of a board's microseconds\":%.3f", call.estimated_seconds * 1e6);
+    events.append("}}");
     begin_event(events, "s", "call", process_, thread, call.begin);
     append(events, ",\"cat\":\"call\",\"id\":%" PRIu64 "}", ++n_flow_);
     begin_event(events, "f", "call", dsp, track, call.dsp_begin);

@@ -14,6 +14,7 @@ namespace parlo::client {
 struct TracedCall : parlo_emulator_call {
   uint64_t begin = 0;
   uint64_t dsp_begin = 0, dsp_end = 0;  // of a method that ran
+  double estimated_seconds = 0;         // on the board that the profile describes; 0 for none
 };
 
 TracedCall make_call(parlo_emulator_operation operation, std::initializer_list<uint64_t> arguments);

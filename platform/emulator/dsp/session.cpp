@@ -114,12 +114,14 @@ int32_t Session::find_AX(std::array<ViewPointer, 4>& views) {
 
 int32_t Session::acquire_resources() {
   const std::lock_guard lock(mutex_);
+  if (module_.is_strict && has_resources_) return PARLO_EMULATOR_DSP_REPEATED;
   has_resources_ = true;
   return KESO_SUCCESS;
 }
 
 int32_t Session::release_resources() {
   const std::lock_guard lock(mutex_);
+  if (module_.is_strict && !has_resources_) return PARLO_EMULATOR_DSP_REPEATED;
   has_resources_ = false;
   return KESO_SUCCESS;
 }

@@ -75,7 +75,7 @@ class Session {
   int32_t put_AX();
   int32_t find_AX(std::array<ViewPointer, 4>& views);
 
-  // A repetition changes nothing and succeeds, because the library repeats a switch of sessions from its start when a
+  // A repetition changes nothing. It succeeds unless the module is strict, because the library repeats a switch of sessions from its start when a
   // step of it fails. Releasing the resources leaves the matrix unit locked until it is unlocked.
   int32_t acquire_resources();
   int32_t release_resources();
