@@ -5,7 +5,7 @@
 #   weights               the companion for weight files: libmorun_weights.so.N
 #   weights_development   its headers, the link libmorun_weights.so or the static libmorun_weights.a, its target, morun_weights.pc
 #   tool                  the tool, its completion for bash and, once the target `manuals` is built, its manual pages
-#   emulator              the emulated platform: its libparlo.so, control header, target and parlo_emulator.pc
+#   emulator              the emulated platform: its libparlo.so and parlo-dsp, control header, target and parlo_emulator.pc
 #   python                the Python package, where it is asked for by name
 # The licence goes with each of them. No installed file names the prefix, so the installed tree may be moved.
 
@@ -86,6 +86,8 @@ if(MORUN_PARLO STREQUAL "emulator")
   install(TARGETS parlo_emulator EXPORT parlo_emulator
     LIBRARY DESTINATION "${emulator_libdir}" COMPONENT emulator
     INCLUDES DESTINATION "${emulator_includedir}")
+  install(TARGETS parlo_dsp RUNTIME DESTINATION "${emulator_libdir}" COMPONENT emulator)
+  install(DIRECTORY platform/emulator/profiles DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/parlo_emulator" COMPONENT emulator)
   install(FILES platform/parlo.h platform/emulator/parlo_emulator.h
     DESTINATION "${emulator_includedir}" COMPONENT emulator)
   install(EXPORT parlo_emulator NAMESPACE morun:: FILE parlo_emulatorTargets.cmake

@@ -63,6 +63,31 @@ enum {
 /* The compute DSP, the only domain that the calls take. */
 enum { MORUN_DOMAIN_NPU0 = 3 };
 
+/* ---- Vector backends ---- */
+
+/* The host's part of the work, conversions and products on the host, is compiled for several kinds of processors, each
+ * a vector backend. All give the same bits. The first call that computes chooses the fastest backend that the processor
+ * runs, for the whole process.
+ *
+ * The environment variable MORUN_SIMD may name another backend. A name that the build does not have, or that the
+ * processor cannot run, is reported as a line on standard error and ignored. A program with raised privileges does not
+ * read the variable. */
+enum {
+  MORUN_BACKENDS_BUILT = 0,     /* those of this build */
+  MORUN_BACKENDS_SUPPORTED = 1, /* of those, the ones that this processor runs */
+  MORUN_BACKENDS_IN_USE = 2     /* the one that computes; chosen by this call if none is chosen yet */
+};
+
+/* Writes the names of vector backends, from the slowest to the fastest, with one space between two names.
+ *
+ *   which   one of the constants above
+ *   text    receives the names, NUL-terminated and cut to `size` bytes. May be NULL when size is 0
+ *   size    bytes that `text` has room for
+ *
+ * Returns the number of bytes that the whole text takes without its NUL, or 0 when `which` is none of the constants;
+ * `text` is then empty. Any thread may call it. */
+uint64_t morun_vector_backends(int32_t which, char* text, uint64_t size);
+
 /* ---- Start and stop ---- */
 
 /* Opens the DSP, reserves shared memory for the largest matrices, and locks the matrix unit.

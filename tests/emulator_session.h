@@ -58,6 +58,7 @@ struct Session {
     return status != 0 ? status : parlo_handle_open(uri, &handle);
   }
   int close() const { return parlo_handle_close(handle); }
+  int process() const { return parlo_emulator_process_of(handle); }
   int map(const Shared& s) const { return parlo_mmap(domain, s.fd, s.address, 0, s.size, 2); }
   int unmap(const Shared& s) const { return parlo_munmap(domain, s.fd, s.address, s.size); }
   int invoke(uint32_t method, std::vector<uint32_t> words = {}) const {

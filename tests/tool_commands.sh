@@ -2,6 +2,7 @@
 # the command that starts the tool, and `libraries`, the folder of its libraries.
 completion=${BASH_SOURCE%/*}/../tools/morun/completion.bash
 set -o pipefail
+profiles=$(dirname "${BASH_SOURCE[0]}")/../platform/emulator/profiles
 morun() { "${tool[@]}" "$@"; }
 
 # Prints how bash completes the last of the given words of a command line.
@@ -86,4 +87,30 @@ levels() {
     }' "$@" >levels.txt
   npy "$1" "($2, $3)" $(<levels.txt)
   rm levels.txt
+}
+
+# Prints what the emulated platform says of a profile.
+profile() {
+  printf %s "$1" >profile.json
+  PARLO_PROFILE=profile.json morun hello 2>&1 | sed -n 's/.*PARLO_PROFILE=profile.json: //p'
+  rm profile.json
+}
+
+# Counts the events of a timeline by their phase and name, after checking that each span of a track ends before the next
+# one begins or contains it, and that each flow has its two ends on two tracks.
+events() {
+  python3 -c 'import collections, json, sys
+events = json.loads(sys.stdin.read())
+ends = collections.defaultdict(list)
+for e in sorted((e for e in events if e["ph"] == "X"), key=lambda e: (e["ts"], -e["dur"])):
+    track, end = ends[e["pid"], e["tid"]], e["ts"] + e["dur"]
+    while track and track[-1] <= e["ts"] + 0.01:
+        track.pop()
+    assert not track or end <= track[-1] + 0.01, e
+    track.append(end)
+flows = [{(e["pid"], e["tid"], e["id"]) for e in events if e["ph"] == phase} for phase in "sf"]
+assert sorted(i for _, _, i in flows[0]) == sorted(i for _, _, i in flows[1]) and not flows[0] & flows[1]
+assert [e for e in events if e["name"] == "shared memory"][-1]["args"]["bytes"] == int(sys.argv[2])
+counts = collections.Counter(e["ph"] + " " + e["name"] for e in events if e["ph"] != "s" and e["ph"] != "f")
+print(*(f"{n} x {name}" for name, n in sorted(counts.items()) if sys.argv[1] in name or name[0] == "M"), sep="\n")' "$@"
 }

@@ -1,8 +1,15 @@
 /* Control of the emulated platform: what a test or a tool may set, read and break. Programs that only use the
  * platform need nothing of this header. The functions exist in the emulator's libparlo.so alone.
  *
- * Environment: with PARLO_TRACE=1 the emulator prints every platform call to standard error, one line for each
- * call.
+ * Environment:
+ *   PARLO_TRACE=1      prints every platform call to standard error, one line for each call
+ *   PARLO_TRACE=FILE   writes a timeline of all calls to a file of trace events, which chrome://tracing and Perfetto
+ *                      show; %p in the name stands for the process
+ *   PARLO_PROFILE=FILE the chip to emulate, as docs/emulator.md describes such a file
+ *   PARLO_DSP=process  runs the DSP half of each session in a process of its own; PARLO_DSP=here, the default, runs all
+ *                      of them in the calling process
+ *   PARLO_DSP_LAUNCHER the program that starts such a process, by its path, with its arguments; for processes of
+ *                      another processor
  *
  * Threads: any thread may call every function.
  *
@@ -40,6 +47,7 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_NO_MEMORY = 0x0c,          /* the host has no memory left for the call */
   PARLO_EMULATOR_BAD_ARGUMENT = 0x0e,       /* a NULL pointer, a record of the wrong size, an unknown request */
   PARLO_EMULATOR_UNSUPPORTED_DOMAIN = 0x14, /* there is no such domain, or no session with that domain id is open */
+  PARLO_EMULATOR_NO_SUCH_ENTRY = 0x6c,      /* the profile leaves this optional entry out */
   PARLO_EMULATOR_BAD_URI = 0x201,           /* open: the text is no URI of this platform */
   PARLO_EMULATOR_NO_SUCH_MODULE = 0x202,    /* open: the URI names another module, or another version of the module */
   PARLO_EMULATOR_NO_SUCH_SESSION = 0x203,   /* no session with that id is reserved */
@@ -48,8 +56,11 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_UNSIGNED_REFUSED = 0x206,  /* open: the session does not allow unsigned modules */
   PARLO_EMULATOR_BAD_HANDLE = 0x207,        /* the handle is not open */
   PARLO_EMULATOR_BAD_SCALARS = 0x208,       /* invoke: no such method, or a wrong number or size of buffers */
-  PARLO_EMULATOR_SESSION_LOST = 0x209,      /* the session is lost; see PARLO_EMULATOR_FAULT_SESSION_LOST */
+  PARLO_EMULATOR_SESSION_LOST = 0x209,      /* the session is lost: its process has died, or a fault has ended it */
   PARLO_EMULATOR_INHERITED = 0x20a, /* the session or buffer belongs to the process that this one was forked from */
+  PARLO_EMULATOR_NO_PROCESS = 0x20b,        /* open: the session's process cannot be started */
+  PARLO_EMULATOR_TIMED_OUT = 0x20c,         /* the session did not answer within the limit, and is lost */
+  PARLO_EMULATOR_BAD_CONFIGURATION = 0x20d, /* open: PARLO_DSP or PARLO_PROFILE says what the emulator cannot do */
 
   PARLO_EMULATOR_UNKNOWN_DESCRIPTOR = 0x301, /* map, unmap: no shared memory has this descriptor and address */
   PARLO_EMULATOR_WRONG_SIZE = 0x302,         /* map: not the size of the memory; unmap: not the size of the mapping */
@@ -66,7 +77,8 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_DSP_NO_AX = 0x405,         /* the cross-session buffers are not handed over, or handed over twice */
   PARLO_EMULATOR_DSP_NO_RESOURCE = 0x406,   /* the session has not acquired its resources */
   PARLO_EMULATOR_DSP_NOT_LOCKED = 0x407,    /* the session does not hold the matrix unit */
-  PARLO_EMULATOR_DSP_BUSY = 0x408           /* another session holds the matrix unit */
+  PARLO_EMULATOR_DSP_BUSY = 0x408,          /* another session holds the matrix unit */
+  PARLO_EMULATOR_DSP_REPEATED = 0x409       /* a strict profile: the resources are acquired or released already */
 } parlo_emulator_status;
 
 /* ---- Sessions, contexts and processes ----
@@ -87,9 +99,36 @@ typedef enum parlo_emulator_status {
  * nothing that the child writes there reaches the parent. The child may open sessions and allocate buffers of its
  * own. */
 
+/* ---- Where the DSP halves of sessions run ---- */
+
+typedef enum parlo_emulator_carrier {
+  PARLO_EMULATOR_IN_PROCESS, /* in the calling process; PARLO_DSP is not set, or "here" */
+  PARLO_EMULATOR_PROCESS     /* each session in a process of its own; PARLO_DSP=process */
+} parlo_emulator_carrier;
+
+/* Chooses where sessions run that begin from then on. */
+void parlo_emulator_set_carrier(int32_t carrier);
+int32_t parlo_emulator_get_carrier(void);
+
+/* Limits the time in which the process of a session has to answer a call, for sessions that begin from then on; 0 is no
+ * limit. The process of a session that does not answer in time is killed. The call returns PARLO_EMULATOR_TIMED_OUT, and
+ * the session is lost. The default is 30 s; it is 0 in a build with sanitizers, and where PARLO_DSP_LAUNCHER is set. */
+void parlo_emulator_set_call_limit(uint32_t milliseconds);
+
+/* Returns the id of the process in which the session of an open handle runs, or 0 when there is none. */
+int parlo_emulator_process_of(uint64_t handle);
+
 /* ---- Limits and answers ---- */
 
-/* What the emulated platform allows and answers. */
+/* The name of the profile in use: that of the file which PARLO_PROFILE names, or "default". The text is valid until the
+ * next reset. */
+const char* parlo_emulator_profile_name(void);
+/* Returns an estimate of the seconds that a board would have taken for all invocations since the last reset: the profile's
+ * time for each call, and its time for the bytes of the operands. Returns -1 when the profile describes no board. The
+ * emulator measures no board. */
+double parlo_emulator_estimated_seconds(void);
+
+/* What the emulated platform allows and answers. The defaults are those of a process without a profile. */
 typedef struct parlo_emulator_config {
   uint64_t session_bytes;       /* bytes of address space of one session; default 3 GiB */
   uint64_t allocation_bytes;    /* bytes of shared memory of the whole process; default all ones, no limit */
@@ -172,6 +211,12 @@ size_t parlo_emulator_trace_length(void);
 int parlo_emulator_trace_get(size_t index, parlo_emulator_call* call);
 /* Empties the trace. */
 void parlo_emulator_trace_clear(void);
+/* A span of the calling thread in the timeline (PARLO_TRACE=file), from its beginning to its end; spans do not nest. When
+ * a product runs on the DSP within the span, the span is divided into staging, remote and back. Without a timeline, the
+ * functions do nothing. */
+void parlo_emulator_begin_span(const char* name);
+void parlo_emulator_end_span(void);
+
 /* Returns the name of the function of an operation, such as "parlo_mmap". */
 const char* parlo_emulator_operation_name(int32_t operation);
 
@@ -193,7 +238,7 @@ typedef enum parlo_emulator_fault_class {
    * calls. */
   PARLO_EMULATOR_FAULT_TRUNCATED_REPLY,
 
-  /* The session that the nth call names is lost, with the module instances of all its handles, their mappings and
+  /* The session that the nth call names is lost (its process is killed), with the module instances of all its handles, their mappings and
    * their reservation of the matrix unit. This call and every later one on the session return
    * PARLO_EMULATOR_SESSION_LOST (errno ECONNRESET). `status` and `error_number` are not used.
    *
@@ -203,7 +248,21 @@ typedef enum parlo_emulator_fault_class {
    * its id then gives PARLO_EMULATOR_NO_SUCH_SESSION.
    *
    * The fault does not count calls that name no session: reservations, queries, and the calls of the allocator. */
-  PARLO_EMULATOR_FAULT_SESSION_LOST
+  PARLO_EMULATOR_FAULT_SESSION_LOST,
+
+  /* The DSP hangs in the nth invocation. The call returns PARLO_EMULATOR_TIMED_OUT after the limit, and the session is
+   * lost; without a limit, the call does not return. `status` and `error_number` are not used. */
+  PARLO_EMULATOR_FAULT_HANG,
+
+  /* The nth invocation begins `status` milliseconds late. `error_number` is not used. */
+  PARLO_EMULATOR_FAULT_LATE,
+
+  /* The nth invocation runs, and returns `status` and sets errno to `error_number` where it would have returned 0. */
+  PARLO_EMULATOR_FAULT_WRONG_STATUS,
+
+  /* The nth invocation with a reply runs and returns its own status, but `status` bits of its result, of a fused product
+   * of its first result, are flipped. `error_number` is not used. */
+  PARLO_EMULATOR_FAULT_FLIPPED_BITS
 } parlo_emulator_fault_class;
 
 /* A fault, and the calls that the fault counts. */
@@ -232,8 +291,8 @@ void parlo_emulator_clear_fault(void);
  * nothing. */
 void parlo_emulator_take_over(void);
 
-/* Frees all shared memory, ends all sessions, empties the trace, disarms the fault and restores the default
- * configuration. */
+/* Frees all shared memory, ends all sessions, empties the trace, arms the profile's fault or none, and restores the
+ * configuration, all as the environment says. */
 void parlo_emulator_reset(void);
 
 #ifdef __cplusplus

@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -94,6 +95,34 @@ class Conversions {
   const float* x_;
 };
 
+// ---- Timeline ------------------------------------------------------------------------------------------------------
+
+// Spans of kernels in the timeline of the emulated platform. Another platform has none.
+class Spans {
+ public:
+  // Must be called before the first call of the platform, which reads the environment then.
+  explicit Spans(const std::string& file) {
+    if (file.empty()) return;
+    begin_ = reinterpret_cast<Begin*>(dlsym(RTLD_DEFAULT, "parlo_emulator_begin_span"));
+    end_ = reinterpret_cast<End*>(dlsym(RTLD_DEFAULT, "parlo_emulator_end_span"));
+    if (begin_ == nullptr || end_ == nullptr) throw Error("--timeline: this platform writes no timeline");
+    if (file == "1" || setenv("PARLO_TRACE", file.c_str(), 1) != 0) throw Misuse("--timeline: {} names no file", file);
+  }
+
+  template <typename Work>
+  void run(const char* name, const Work& work) const {
+    if (begin_ != nullptr) begin_(name);
+    work();
+    if (end_ != nullptr) end_();
+  }
+
+ private:
+  using Begin = void(const char*);
+  using End = void();
+  Begin* begin_ = nullptr;
+  End* end_ = nullptr;
+};
+
 // ---- Times ---------------------------------------------------------------------------------------------------------
 
 struct Time {
@@ -133,7 +162,7 @@ struct Measurement {
 };
 
 // Times the three parts in turn, so that a disturbance affects all of them.
-Measurement measure(tavik_context* context, const Kernel& kernel, const PreparedCall& prepared) {
+Measurement measure(tavik_context* context, const Kernel& kernel, const PreparedCall& prepared, const Spans& spans) {
   const Call& call = prepared.call();
   Conversions conversions(kernel, call);
   uint64_t handle = 0;
@@ -152,7 +181,7 @@ Measurement measure(tavik_context* context, const Kernel& kernel, const Prepared
   const auto end = std::chrono::steady_clock::now() + time_per_kernel;
   while (whole.count() < n_iteration_min ||
          (whole.count() < n_iteration_max && std::chrono::steady_clock::now() < end)) {
-    whole.add(run);
+    spans.run(kernel.name, [&] { whole.add(run); });
     if (conversions.are_any()) convert.add([&] { conversions.run(); });
     if (!kernel.is_on_host()) remote.add(run_remote);
   }
@@ -266,6 +295,7 @@ void bench(const BenchArguments& arguments) {
   std::optional<StandardOutputAside> report_aside;
   if (!arguments.json.empty()) json.emplace(arguments.json);
   if (arguments.json == "-") report_aside.emplace();
+  const Spans spans(arguments.timeline);
   const Context context = open_context(options_for(shape));
   SessionRegions regions(context.get(), region_bytes(shape), 1);
 
@@ -278,7 +308,7 @@ void bench(const BenchArguments& arguments) {
     own_shape.n_col.resize(kernel->n_weights);
     const PreparedCall prepared(context.get(), *kernel, make_operands(*kernel, own_shape, Values::random, 1),
                                 {&regions.region(0, 0), &regions.region(0, 1), &regions.region(0, 2)});
-    measurements.push_back(measure(context.get(), *kernel, prepared));
+    measurements.push_back(measure(context.get(), *kernel, prepared, spans));
     progress.clear();
     print_row(measurements.back(), arguments);
   }

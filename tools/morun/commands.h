@@ -45,6 +45,7 @@ struct BenchArguments {
   uint32_t n_col = 1024;
   uint32_t n_inner = 1024;
   std::filesystem::path json;  // empty: none
+  std::string timeline;        // a file of trace events; empty: none
 };
 void bench(const BenchArguments& arguments);
 

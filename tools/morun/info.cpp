@@ -34,6 +34,14 @@ std::string platform_library() {
   return found.dli_fname;
 }
 
+// The emulated platform alone has a profile.
+Json platform() {
+  Json section = {{"library", platform_library()}};
+  if (const auto name = reinterpret_cast<const char* (*)()>(dlsym(RTLD_DEFAULT, "parlo_emulator_profile_name")))
+    section["emulated_profile"] = name();
+  return section;
+}
+
 // The low byte of an architecture holds two decimal digits: 0x73 is version 73.
 uint32_t architecture_version(uint32_t capability) {
   return (capability >> 4 & 15u) * 10 + (capability & 15u);
@@ -90,7 +98,10 @@ Json capabilities() {
 }
 
 Json library() {
-  return {{"version", MORUN_VERSION}, {"vector_backend", vector_backend()}};
+  return {{"version", MORUN_VERSION},
+          {"vector_backends_built", vector_backends(MORUN_BACKENDS_BUILT)},
+          {"vector_backends_supported", vector_backends(MORUN_BACKENDS_SUPPORTED)},
+          {"vector_backend", vector_backends(MORUN_BACKENDS_IN_USE)}};
 }
 
 Json limits() {
@@ -148,7 +159,7 @@ Json report() {
   const StandardOutputAside aside;  // the capability functions print their failures there
   return {{"library", library()},
           {"limits", limits()},
-          {"platform", {{"library", platform_library()}}},
+          {"platform", platform()},
           {"domains", domains()},
           {"compute_dsp", capabilities()},
           {"dsp_module", answer_of(module_in_session)},

@@ -267,6 +267,11 @@ void add_bench(CLI::App& app) {
       ->capture_default_str();
   command->add_option("--json", arguments->json, "also write the times as Google Benchmark does; - is standard output")
       ->type_name("FILE");
+  command
+      ->add_option("--timeline", arguments->timeline,
+                   "on the emulated platform, write every call with its phases as trace events, which chrome://tracing "
+                   "and Perfetto show")
+      ->type_name("FILE");
   command->footer(
       R"(
 A time is the best of all calls within half a second. The table times the whole call of a kernel, its conversions alone

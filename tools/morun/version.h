@@ -1,12 +1,13 @@
 // What the command `morun --version` prints.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace tool {
 
-// The backend of simd/ that the library was compiled for.
-const char* vector_backend();
+// Names of vector backends, with one space between two names; `which` is one of MORUN_BACKENDS_...
+std::string vector_backends(int32_t which);
 
 // The commit of the sources, or "unknown". The build makes the file that defines this text.
 extern const char commit[];

@@ -43,6 +43,26 @@ void parlo_emulator_trace_clear(void) {
   platform().trace.clear();
 }
 
+const char* parlo_emulator_profile_name(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().profile.name.c_str();
+}
+
+double parlo_emulator_estimated_seconds(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().profile.bytes_per_second > 0 ? platform().estimated_seconds : -1;
+}
+
+void parlo_emulator_begin_span(const char* name) {
+  const PlatformLock lock(platform().mutex);
+  platform().trace.timeline().begin_span(name);
+}
+
+void parlo_emulator_end_span(void) {
+  const PlatformLock lock(platform().mutex);
+  platform().trace.timeline().end_span();
+}
+
 void parlo_emulator_arm(const parlo_emulator_fault* fault) {
   const PlatformLock lock(platform().mutex);
   platform().fault.arm(*fault);
@@ -72,18 +92,45 @@ void parlo_emulator_clear_fault(void) {
 void parlo_emulator_take_over(void) {
   Platform& p = platform();
   const PlatformLock lock(p.mutex);
+  p.units.take_over();
   p.sessions.take_over();
   p.memory.take_over();
 }
 
+void parlo_emulator_set_carrier(int32_t carrier) {
+  const PlatformLock lock(platform().mutex);
+  platform().carrier.kind = carrier;
+}
+
+int32_t parlo_emulator_get_carrier(void) {
+  const PlatformLock lock(platform().mutex);
+  return platform().carrier.kind;
+}
+
+void parlo_emulator_set_call_limit(uint32_t milliseconds) {
+  const PlatformLock lock(platform().mutex);
+  platform().carrier.limit_milliseconds = milliseconds;
+}
+
+int parlo_emulator_process_of(uint64_t handle) {
+  const PlatformLock lock(platform().mutex);
+  Session* session;
+  if (platform().sessions.with_handle(handle, session) != KESO_SUCCESS) return 0;
+  return session->space->process();
+}
+
 void parlo_emulator_reset(void) {
   Platform& p = platform();
+  const std::lock_guard no_opening(p.lifecycle);
   const PlatformLock lock(p.mutex);
   p.sessions.end_all();
   p.memory.release_all();
   p.trace.clear();
   p.trace.choose_output();
-  p.fault = Fault();
+  p.is_configured = choose_profile(p.profile);
+  p.fault = Fault::of(p.profile.fault);
   p.log_filter = LogFilter();
-  p.config = default_config();
+  p.config = p.profile.config;
+  p.estimated_seconds = 0;
+  p.carrier = default_carrier();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/emulator/client/sessions.h"
+#include "platform/emulator/dsp/dsp.h"
 
 namespace parlo::client {
 namespace {
@@ -31,8 +32,19 @@ bool Fault::concerns(const parlo_emulator_call& call) const {
   if (call.operation == PARLO_EMULATOR_MEM_FREE || call.operation == PARLO_EMULATOR_DEBUG_LOG) return false;
   if (fault_.operation != PARLO_EMULATOR_ANY_OPERATION && fault_.operation != call.operation) return false;
   if (fault_.method >= 0 && fault_.method != call.method) return false;
-  if (fault_.fault_class == PARLO_EMULATOR_FAULT_TRUNCATED_REPLY) return has_reply(call);
-  return fault_.fault_class != PARLO_EMULATOR_FAULT_SESSION_LOST || Sessions::names_session(call);
+  switch (fault_.fault_class) {
+    case PARLO_EMULATOR_FAULT_TRUNCATED_REPLY:
+    case PARLO_EMULATOR_FAULT_FLIPPED_BITS:
+      return has_reply(call);
+    case PARLO_EMULATOR_FAULT_HANG:
+    case PARLO_EMULATOR_FAULT_LATE:
+    case PARLO_EMULATOR_FAULT_WRONG_STATUS:
+      return call.operation == PARLO_EMULATOR_HANDLE_INVOKE;
+    case PARLO_EMULATOR_FAULT_SESSION_LOST:
+      return Sessions::names_session(call);
+    default:
+      return true;
+  }
 }
 
 Fault::Effect Fault::strike(const parlo_emulator_call& call) {
@@ -44,12 +56,31 @@ Fault::Effect Fault::strike(const parlo_emulator_call& call) {
   ++n_fired_;
   armed_ = fault_.fault_class == PARLO_EMULATOR_FAULT_FROM_THEN_ON;
   switch (fault_.fault_class) {
-    case PARLO_EMULATOR_FAULT_TRUNCATED_REPLY:
-      return Effect::truncated_reply;
+    case PARLO_EMULATOR_FAULT_ONCE:
+    case PARLO_EMULATOR_FAULT_FROM_THEN_ON:
+      return Effect::failure;
     case PARLO_EMULATOR_FAULT_SESSION_LOST:
       return Effect::session_lost;
     default:
-      return Effect::failure;
+      return Effect::disturbance;
+  }
+}
+
+Fault::Disturbance Fault::disturbance() const {
+  const auto amount = static_cast<uint32_t>(fault_.status);
+  switch (fault_.fault_class) {
+    case PARLO_EMULATOR_FAULT_TRUNCATED_REPLY:
+      return {.truncates_reply = true, .replaces_status = true};
+    case PARLO_EMULATOR_FAULT_WRONG_STATUS:
+      return {.replaces_status = true};
+    case PARLO_EMULATOR_FAULT_HANG:
+      return {.late_milliseconds = dsp::never};
+    case PARLO_EMULATOR_FAULT_LATE:
+      return {.late_milliseconds = amount};
+    case PARLO_EMULATOR_FAULT_FLIPPED_BITS:
+      return {.n_flipped_bit = amount};
+    default:
+      return {};
   }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "platform/emulator/client/status.h"
 #include "platform/emulator/parlo_emulator.h"
@@ -10,13 +11,29 @@ namespace parlo::client {
 
 class Fault {
  public:
-  enum class Effect : uint8_t { none, failure, truncated_reply, session_lost };
+  enum class Effect : uint8_t { none, failure, session_lost, disturbance };
+
+  // The fault of a profile, which may have none.
+  static Fault of(const std::optional<parlo_emulator_fault>& fault) {
+    Fault armed;
+    if (fault) armed.arm(*fault);
+    return armed;
+  }
 
   void arm(const parlo_emulator_fault& fault);
   void clear();
 
   // Counts the call that is about to be made and returns the fault's effect on it.
   Effect strike(const parlo_emulator_call& call);
+
+  // What the fault does to a call that it lets through.
+  struct Disturbance {
+    bool truncates_reply = false;
+    uint32_t late_milliseconds = 0;  // dsp::never for a session that hangs
+    uint32_t n_flipped_bit = 0;
+    bool replaces_status = false;  // of a call that succeeds
+  };
+  Disturbance disturbance() const;
 
   // The status and errno of the armed fault.
   Outcome outcome() const { return {fault_.status, fault_.error_number}; }

@@ -15,7 +15,7 @@ namespace {
 
 // ---- Capabilities ------------------------------------------------------------------------------------------------
 
-int32_t find_capability(const parlo_emulator_config& config, uint32_t domain, uint32_t attribute, uint32_t& answer) {
+int32_t find_capability(const Platform& p, uint32_t domain, uint32_t attribute, uint32_t& answer) {
   if (domain >= domains().size()) return PARLO_EMULATOR_UNSUPPORTED_DOMAIN;
   const bool up = domains()[domain].up, compute = domain == compute_domain;
   switch (attribute) {
@@ -23,25 +23,12 @@ int32_t find_capability(const parlo_emulator_config& config, uint32_t domain, ui
       answer = up;
       return KESO_SUCCESS;
     case PARLO_ATTRIBUTE_ARCHITECTURE:
-      answer = up ? config.architecture : 0;
-      return KESO_SUCCESS;
-    case PARLO_ATTRIBUTE_ONDRA_SUPPORT_64B:
-      answer = 0;
-      return KESO_SUCCESS;
-    case PARLO_ATTRIBUTE_VTCM_PAGE:
-      answer = compute ? 8u << 20 : 0;
-      return KESO_SUCCESS;
-    case PARLO_ATTRIBUTE_UNSIGNED_PD_SUPPORT:
-    case PARLO_ATTRIBUTE_ONDRA_SUPPORT_128B:
-    case PARLO_ATTRIBUTE_VTCM_COUNT:
-    case PARLO_ATTRIBUTE_TESSEL_SUPPORT_SPATIAL:
-    case PARLO_ATTRIBUTE_TESSEL_SUPPORT_DEPTH:
-    case PARLO_ATTRIBUTE_ASYNCHRONOUS_CALLS:
-    case PARLO_ATTRIBUTE_STATUS_NOTIFICATION:
-      answer = compute;
+      answer = up ? p.config.architecture : 0;
       return KESO_SUCCESS;
     default:
-      return PARLO_EMULATOR_BAD_ARGUMENT;
+      if (attribute >= p.profile.capabilities.size()) return PARLO_EMULATOR_BAD_ARGUMENT;
+      answer = compute ? p.profile.capabilities[attribute] : 0;
+      return KESO_SUCCESS;
   }
 }
 
@@ -80,11 +67,13 @@ bool selects(const LogFilter& filter, int level, const char* file) {
 void write_log(int level, const char* file, int line_number, const char* line) {
   Platform& p = platform();
   const PlatformLock lock(p.mutex);
+  if (!p.profile.has_debug_log) return;
   const bool selected = selects(p.log_filter, level, file);
   if (!selected && level < error_level) return;
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_DEBUG_LOG, {word(level), word(line_number)});
+  TracedCall call = make_call(PARLO_EMULATOR_DEBUG_LOG, {word(level), word(line_number)});
   set_text(call, line);
-  p.trace.record(call, 0);
+  call.begin = dsp::now();
+  p.trace.record(call, 0, {});
   if (!selected && !p.trace.printing()) return;
   const std::string_view text(line);
   std::fprintf(stderr, "[parlo] level %d, %s:%d: %s%s", level, file, line_number, line,
@@ -99,21 +88,23 @@ using namespace parlo::client;
 int parlo_handle_control(uint32_t request, void* record, uint32_t size) {
   const bool valid = request == PARLO_CONTROL_CAPABILITY && record && size == sizeof(parlo_capability);
   parlo_capability* query = valid ? static_cast<parlo_capability*>(record) : nullptr;
-  parlo_emulator_call call =
+  TracedCall call =
       query ? make_call(PARLO_EMULATOR_HANDLE_CONTROL, {request, query->domain, query->attribute, query->capability})
             : make_call(PARLO_EMULATOR_HANDLE_CONTROL, {request});
   return carry_out(call, [&](Platform& p, PlatformLock&) {
+    if (!p.profile.has_handle_control) return outcome_of(PARLO_EMULATOR_NO_SUCH_ENTRY);
     if (!query) return outcome_of(PARLO_EMULATOR_BAD_ARGUMENT);
-    const int32_t status = find_capability(p.config, query->domain, query->attribute, query->capability);
+    const int32_t status = find_capability(p, query->domain, query->attribute, query->capability);
     call.arguments[3] = query->capability;
     return outcome_of(status);
   });
 }
 
 int parlo_system_request(parlo_system_domains* record) {
-  parlo_emulator_call call = record ? make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {record->type, record->capacity, 0})
-                                    : make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {});
-  return carry_out(call, [&](Platform&, PlatformLock&) {
+  TracedCall call = record ? make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {record->type, record->capacity, 0})
+                           : make_call(PARLO_EMULATOR_SYSTEM_REQUEST, {});
+  return carry_out(call, [&](Platform& p, PlatformLock&) {
+    if (!p.profile.has_system_request) return outcome_of(PARLO_EMULATOR_NO_SUCH_ENTRY);
     if (!record) return outcome_of(PARLO_EMULATOR_BAD_ARGUMENT);
     const int32_t status = list_domains(*record);
     if (status == KESO_SUCCESS) call.arguments[2] = record->count;
@@ -136,6 +127,7 @@ int platform_debug_log_configure(uint32_t level_mask, const char* const* files, 
   for (uint16_t i = 0; i < n_files; ++i)
     if (files[i]) filter.files.emplace_back(files[i]);
   const PlatformLock lock(platform().mutex);
+  if (!platform().profile.has_debug_log) return outcome_of(PARLO_EMULATOR_NO_SUCH_ENTRY).result;
   platform().log_filter = std::move(filter);
   return KESO_SUCCESS;
 } catch (const std::bad_alloc&) {

@@ -109,7 +109,7 @@ int32_t use(uint32_t request, void* record, uint32_t size, Body body) {
 using namespace parlo::client;
 
 int parlo_session_control(uint32_t request, void* record, uint32_t size) {
-  parlo_emulator_call call = make_call(PARLO_EMULATOR_SESSION_CONTROL, {request});
+  TracedCall call = make_call(PARLO_EMULATOR_SESSION_CONTROL, {request});
   use(request, record, size, [&](const auto& named) {
     describe(call, named);
     return KESO_SUCCESS;

@@ -69,37 +69,54 @@ int32_t Sessions::with_handle(uint64_t handle, Session*& session) {
   return found(find_handle(handle), PARLO_EMULATOR_BAD_HANDLE, session);
 }
 
-int32_t Sessions::open(std::string_view uri, const dsp::Module& module, uint64_t& handle) {
+int32_t Sessions::prepare_opening(std::string_view uri, Session*& session, uint64_t& handle) {
   uint32_t id;
   if (const int32_t status = parse_uri(uri, id); status != KESO_SUCCESS) return status;
-  Session* session;
   if (const int32_t status = with_id(id, session); status != KESO_SUCCESS) return status;
   if (id != 0 && session->is_open()) return PARLO_EMULATOR_SESSION_OPEN;
   if (!session->unsigned_modules) return PARLO_EMULATOR_UNSIGNED_REFUSED;
-  const uint64_t sibling = session->is_open() ? session->handles.front() : 0;
   session->handles.reserve(session->handles.size() + 1);
-  dsp::open(last_handle_ + handle_step, module, sibling);
-  last_handle_ += handle_step;
-  session->handles.push_back(handle = last_handle_);
+  handle = last_handle_ + handle_step;
   return KESO_SUCCESS;
 }
 
-int32_t Sessions::close(uint64_t handle) {
-  Session* session;
-  const int32_t status = with_handle(handle, session);
-  if (status != KESO_SUCCESS && status != PARLO_EMULATOR_SESSION_LOST) return status;
-  dsp::close(handle);
+void Sessions::add(Session& session, uint64_t handle, std::shared_ptr<dsp::Space> space) {
+  session.handles.push_back(handle);
+  session.space = std::move(space);
+  last_handle_ = handle;
+}
+
+int32_t Sessions::with_open_domain(int32_t domain, Session*& session) {
+  return found(find_open(domain), PARLO_EMULATOR_UNSUPPORTED_DOMAIN, session);
+}
+
+bool Sessions::has_lost(int32_t domain) {
+  return find([domain](const Session& session) { return session.domain == domain && session.is_lost; }) != nullptr;
+}
+
+std::shared_ptr<dsp::Space> Sessions::remove(uint64_t handle) {
+  Session* const session = find_handle(handle);
+  if (!session) return nullptr;
   std::erase(session->handles, handle);
-  if (!session->is_open()) end(*session);
-  return KESO_SUCCESS;
+  units_.end(handle);
+  return session->is_open() ? nullptr : end(*session);
 }
 
-void Sessions::end(Session& session) {
-  for (const uint64_t handle : session.handles) dsp::close(handle);
+void Sessions::end_reservations(const Session& session) {
+  for (const uint64_t handle : session.handles) units_.end(handle);
+}
+
+std::shared_ptr<dsp::Space> Sessions::end(Session& session) {
+  end_reservations(session);
+  std::shared_ptr<dsp::Space> space = std::move(session.space);
+  // In a forked child, the DSP half of a parent's session stays as it is: other threads of the parent may have been in
+  // it at the time of the fork.
+  if (session.is_inherited && space) new std::shared_ptr<dsp::Space>(std::exchange(space, nullptr));
   if (&session == &first_)
     first_ = {};
   else
     others_.remove_if([&](const Session& other) { return &other == &session; });
+  return space;
 }
 
 void Sessions::end_all() {
@@ -107,27 +124,10 @@ void Sessions::end_all() {
   end(first_);
 }
 
-int32_t Sessions::map(int32_t domain, const Allocation* allocation, uint64_t length) {
-  Session* session;
-  if (const int32_t status = found(find_open(domain), PARLO_EMULATOR_UNSUPPORTED_DOMAIN, session);
-      status != KESO_SUCCESS)
-    return status;
-  if (!allocation) return PARLO_EMULATOR_UNKNOWN_DESCRIPTOR;
-  if (allocation->is_inherited) return PARLO_EMULATOR_INHERITED;
-  if (length != allocation->size) return PARLO_EMULATOR_WRONG_SIZE;
-  const auto address = reinterpret_cast<uintptr_t>(allocation->address);
-  return dsp::map(session->handles.front(), {allocation->id, allocation->descriptor, address, length});
-}
-
-int32_t Sessions::unmap(int32_t domain, const Allocation* allocation, int descriptor, const void* address,
-                        uint64_t length) {
-  Session* session;
-  if (const int32_t status = found(find_open(domain), PARLO_EMULATOR_UNSUPPORTED_DOMAIN, session);
-      status != KESO_SUCCESS)
-    return status;
-  const int32_t status = dsp::unmap(session->handles.front(), descriptor, reinterpret_cast<uintptr_t>(address), length);
-  const bool unknown = status == PARLO_EMULATOR_NOT_MAPPED && !allocation;
-  return unknown ? PARLO_EMULATOR_UNKNOWN_DESCRIPTOR : status;
+void Sessions::release(uint64_t memory) {
+  if (first_.space) first_.space->release(memory);
+  for (const Session& session : others_)
+    if (session.space && is_own(session)) session.space->release(memory);
 }
 
 // ---- Sessions that refuse their calls ----------------------------------------------------------------------------
@@ -172,13 +172,22 @@ Session& Sessions::set_aside(Session& session) {
   return former = std::exchange(first_, {});
 }
 
-void Sessions::lose(const parlo_emulator_call& call) {
-  Session* session = named_by(call);
-  if (!session || session->refusal() != KESO_SUCCESS) return;
+std::shared_ptr<dsp::Space> Sessions::lose(Session* session) {
+  if (!session || session->refusal() != KESO_SUCCESS) return nullptr;
   if (!session->is_open()) return end(*session);
   Session& lost = set_aside(*session);
-  for (const uint64_t handle : lost.handles) dsp::close(handle);
   lost.is_lost = true;
+  end_reservations(lost);
+  return std::move(lost.space);
+}
+
+std::shared_ptr<dsp::Space> Sessions::lose(const parlo_emulator_call& call) {
+  return lose(named_by(call));
+}
+
+std::shared_ptr<dsp::Space> Sessions::lose(const dsp::Space* space) {
+  if (!space) return nullptr;
+  return lose(find([space](const Session& session) { return session.space.get() == space; }));
 }
 
 void Sessions::inherit() {
@@ -188,7 +197,6 @@ void Sessions::inherit() {
 }
 
 void Sessions::take_over() {
-  dsp::take_over();
   Session* former = nullptr;
   for (Session& session : others_) {
     if (session.id == 0 && session.is_inherited && !session.is_lost) former = &session;
@@ -213,7 +221,7 @@ uint64_t Sessions::n_handles() const {
 
 uint64_t Sessions::n_mappings() const {
   const auto of = [](const Session& session) {
-    return session.is_open() ? dsp::n_mappings(session.handles.front()) : 0;
+    return session.space && is_own(session) ? session.space->n_mappings() : 0;
   };
   uint64_t n = of(first_);
   for (const Session& session : others_) n += of(session);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -17,7 +18,8 @@ struct Session {
   uint32_t id = 0;
   int32_t domain = compute_domain;  // the effective domain id
   bool unsigned_modules = false;
-  std::vector<uint64_t> handles = {};  // open handles
+  std::vector<uint64_t> handles = {};           // open handles
+  std::shared_ptr<dsp::Space> space = nullptr;  // the DSP half; nullptr before the first handle and when lost
   bool is_lost = false;
   bool is_inherited = false;
 
@@ -35,6 +37,9 @@ struct Session {
 // be refused return a status.
 class Sessions {
  public:
+  // Reservations of matrix units end with the handles that have them.
+  explicit Sessions(dsp::MatrixUnitTable& units) : units_(units) {}
+
   // Returns nullptr when `n_session` sessions exist already. Session 0 counts always.
   const Session* reserve(uint32_t n_session);
 
@@ -44,16 +49,26 @@ class Sessions {
   int32_t with_domain(int32_t domain, Session*& session);
   int32_t with_handle(uint64_t handle, Session*& session);
 
-  int32_t open(std::string_view uri, const dsp::Module& module, uint64_t& handle);
-  int32_t close(uint64_t handle);
+  // Stores the session in which `uri` opens a module, and a new handle for the module. Refused when the session cannot
+  // be opened.
+  int32_t prepare_opening(std::string_view uri, Session*& session, uint64_t& handle);
+  // Adds the handle, which the DSP half `space` has opened. Needs no memory: see prepare_opening.
+  void add(Session& session, uint64_t handle, std::shared_ptr<dsp::Space> space);
+  // Stores the open session with that domain.
+  int32_t with_open_domain(int32_t domain, Session*& session);
+  // Tells whether a lost session with that domain waits for its closing.
+  bool has_lost(int32_t domain);
+  // Takes the handle out of the books, and ends the session with its last handle. Returns what the session was, which
+  // destroys the DSP half in the caller's hands; no DSP half when the session goes on.
+  std::shared_ptr<dsp::Space> remove(uint64_t handle);
   void end_all();
+  // Tells all sessions that the host has released the memory.
+  void release(uint64_t memory);
 
-  // `allocation` is nullptr when no shared memory has this descriptor and address.
-  int32_t map(int32_t domain, const Allocation* allocation, uint64_t length);
-  int32_t unmap(int32_t domain, const Allocation* allocation, int descriptor, const void* address, uint64_t length);
-
-  // Marks the session that `call` names as lost.
-  void lose(const parlo_emulator_call& call);
+  // Marks the session that `call` names, or the session with that DSP half, as lost. Returns the DSP half, which the
+  // caller destroys.
+  std::shared_ptr<dsp::Space> lose(const parlo_emulator_call& call);
+  std::shared_ptr<dsp::Space> lose(const dsp::Space* space);
   static bool names_session(const parlo_emulator_call& call);
 
   // Runs in a forked child: all sessions now belong to the parent.
@@ -68,14 +83,18 @@ class Sessions {
 
  private:
   Session* find(auto named);
+  std::shared_ptr<dsp::Space> lose(Session* session);
   Session* find_id(uint32_t id);
   Session* find_domain(int32_t domain);
   Session* find_open(int32_t domain);
   Session* find_handle(uint64_t handle);
   Session* named_by(const parlo_emulator_call& call);
   Session& set_aside(Session& session);
-  void end(Session& session);
+  std::shared_ptr<dsp::Space> end(Session& session);
 
+  void end_reservations(const Session& session);
+
+  dsp::MatrixUnitTable& units_;
   Session first_;
   std::list<Session> others_;  // reserved sessions, and former first sessions
   uint64_t last_handle_ = 0x7a5c'0000'0000;

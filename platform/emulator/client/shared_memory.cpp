@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/emulator/dsp/dsp.h"
 #include "platform/emulator/parlo_emulator.h"
 #include "platform/parlo.h"
 
@@ -96,14 +95,14 @@ void SharedMemory::free(Books::node_type released) {
   munmap(allocation.address, allocation.size);
   close(allocation.descriptor);
   n_bytes_ -= allocation.size;
-  dsp::release(allocation.id);
   freed_.insert(std::move(released));
 }
 
-int32_t SharedMemory::release(const void* address) {
+int32_t SharedMemory::release(const void* address, uint64_t& memory) {
   if (!address) return KESO_SUCCESS;
   const auto found = by_address_.find(address);
   if (found != by_address_.end()) {
+    memory = found->second.id;
     free(by_address_.extract(found));
     return KESO_SUCCESS;
   }

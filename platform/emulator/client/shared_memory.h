@@ -21,8 +21,9 @@ class SharedMemory {
   // Throws std::bad_alloc when the books cannot grow.
   const Allocation* allocate(uint64_t size, uint64_t limit, int lowest_descriptor);
 
-  // Returns a status. An address at which no buffer starts is refused and counted.
-  int32_t release(const void* address);
+  // Returns a status, and stores the number of the memory that is gone. An address at which no buffer starts is refused
+  // and counted.
+  int32_t release(const void* address, uint64_t& memory);
   void release_all();
 
   // Runs in a forked child: gives every buffer pages of its own, which the parent does not see.

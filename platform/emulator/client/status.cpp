@@ -28,6 +28,14 @@ int error_of(int32_t status) {
       return EACCES;
     case PARLO_EMULATOR_SESSION_LOST:
       return ECONNRESET;
+    case PARLO_EMULATOR_NO_SUCH_ENTRY:
+      return ENOSYS;
+    case PARLO_EMULATOR_DSP_REPEATED:
+      return EALREADY;
+    case PARLO_EMULATOR_NO_PROCESS:
+      return ENOEXEC;
+    case PARLO_EMULATOR_TIMED_OUT:
+      return ETIMEDOUT;
     case PARLO_EMULATOR_BAD_HANDLE:
     case PARLO_EMULATOR_UNKNOWN_DESCRIPTOR:
       return EBADF;

@@ -15,13 +15,6 @@ namespace {
 
 namespace remote = tavik::remote;
 
-enum class Format : uint8_t { decimal, hexadecimal };
-
-struct Argument {
-  const char* name;
-  Format format = Format::decimal;
-};
-
 struct Operation {
   const char* name;
   Argument arguments[6];
@@ -55,28 +48,16 @@ void append(std::string& line, const Argument& argument, uint64_t value) {
   line += text;
 }
 
-// Appends "veyra_test(size=1, v_fd=7)" and the like, from the words of the primitive input buffer.
-void append_method(std::string& line, const parlo_emulator_call& call) {
-  const remote::Method& method = remote::methods[static_cast<uint32_t>(call.method)];
-  line.append(", ").append(method.name).append("(");
-  uint32_t next = 2;
-  for (const remote::Parameter& parameter : method.parameters) {
-    using enum remote::ParameterKind;
-    const bool sends_word = parameter.kind == scalar_in || parameter.kind == text_out;
-    if (sends_word && next < call.n_arguments) append(line, {parameter.name}, call.arguments[next++]);
-  }
-  line += ')';
-}
-
 std::string describe(const parlo_emulator_call& call) {
-  const Operation& operation = operations[call.operation];
-  std::string line = std::string("[parlo] ") + operation.name + '(';
+  std::string line = std::string("[parlo] ") + operations[call.operation].name + '(';
+  const auto add = [&line](const Argument& argument, uint64_t value) { append(line, argument, value); };
   if (call.text[0] != '\0') line.append("\"").append(call.text).append("\"");
-  const bool known_method = call.method >= 0 && call.method < static_cast<int32_t>(remote::methods.size());
-  const size_t n_argument = known_method ? 1 : std::min<size_t>(call.n_arguments, std::size(operation.arguments));
-  for (size_t i = 0; i < n_argument && operation.arguments[i].name; ++i)
-    append(line, operation.arguments[i], call.arguments[i]);
-  if (known_method) append_method(line, call);
+  for_each_argument(call, add);
+  if (const char* const name = method_name(call)) {
+    line.append(", ").append(name).append("(");
+    for_each_argument_of_method(call, add);
+    line += ')';
+  }
   return line + ')';
 }
 
@@ -91,8 +72,8 @@ void print(const parlo_emulator_call& call, int error) {
 
 }  // namespace
 
-parlo_emulator_call make_call(parlo_emulator_operation operation, std::initializer_list<uint64_t> arguments) {
-  parlo_emulator_call call{};
+TracedCall make_call(parlo_emulator_operation operation, std::initializer_list<uint64_t> arguments) {
+  TracedCall call{};
   call.operation = operation;
   call.method = -1;
   call.n_arguments = static_cast<uint32_t>(arguments.size());
@@ -106,13 +87,38 @@ void set_text(parlo_emulator_call& call, std::string_view text) {
   call.text[length] = '\0';
 }
 
-void Trace::choose_output() {
-  const char* value = std::getenv("PARLO_TRACE");
-  printing_ = value && std::string_view(value) == "1";
+const char* method_name(const parlo_emulator_call& call) {
+  const bool is_known = call.method >= 0 && call.method < static_cast<int32_t>(remote::methods.size());
+  return is_known ? remote::methods[static_cast<uint32_t>(call.method)].name : nullptr;
 }
 
-void Trace::record(const parlo_emulator_call& call, int error) try {
+void for_each_argument(const parlo_emulator_call& call, const UseArgument& use) {
+  const Operation& operation = operations[call.operation];
+  const size_t n = method_name(call) ? 1 : std::min<size_t>(call.n_arguments, std::size(operation.arguments));
+  for (size_t i = 0; i < n && operation.arguments[i].name; ++i) use(operation.arguments[i], call.arguments[i]);
+}
+
+// The words of the primitive input buffer stand behind handle and scalars word.
+void for_each_argument_of_method(const parlo_emulator_call& call, const UseArgument& use) {
+  if (!method_name(call)) return;
+  uint32_t next = 2;
+  for (const remote::Parameter& parameter : remote::methods[static_cast<uint32_t>(call.method)].parameters) {
+    using enum remote::ParameterKind;
+    const bool sends_word = parameter.kind == scalar_in || parameter.kind == text_out;
+    if (sends_word && next < call.n_arguments) use({parameter.name}, call.arguments[next++]);
+  }
+}
+
+void Trace::choose_output() {
+  const char* const value = secure_getenv("PARLO_TRACE");
+  const std::string_view chosen(value ? value : "");
+  printing_ = chosen == "1";
+  timeline_.choose(printing_ ? "" : chosen);
+}
+
+void Trace::record(const TracedCall& call, int error, const Counters& counters) try {
   if (printing_ && call.operation != PARLO_EMULATOR_DEBUG_LOG) print(call, error);
+  timeline_.add(call, error, counters);
   if (calls_.size() < PARLO_EMULATOR_TRACE_CAPACITY)
     calls_.push_back(call);
   else

@@ -1,9 +1,9 @@
 #include "platform/emulator/dsp/dsp.h"
 
+#include <chrono>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <new>
+#include <thread>
 
 #include "platform/emulator/dsp/methods.h"
 #include "platform/emulator/dsp/session.h"
@@ -12,109 +12,72 @@
 namespace parlo::dsp {
 namespace {
 
-using SessionMap = std::map<uint64_t, std::shared_ptr<Session>>;
+class LocalSpace final : public Space {
+ public:
+  LocalSpace(MatrixUnitTable& units, uint32_t limit_milliseconds)
+      : units_(units), limit_milliseconds_(limit_milliseconds) {}
 
-struct Sessions {
-  std::mutex mutex;
-  SessionMap by_handle;
-  SessionMap of_parent;  // in a forked child: the instances that the parent continues to use
+  int32_t open(uint64_t handle, const Module& module) override {
+    auto session = std::make_shared<Session>(handle, module, addresses_, units_);
+    const std::lock_guard lock(mutex_);
+    sessions_.emplace(handle, std::move(session));
+    return KESO_SUCCESS;
+  }
+
+  int32_t close(uint64_t handle) override {
+    std::shared_ptr<Session> ended;  // destroyed after the lock is released
+    const std::lock_guard lock(mutex_);
+    const auto found = sessions_.find(handle);
+    if (found == sessions_.end()) return PARLO_EMULATOR_BAD_HANDLE;
+    ended = std::move(found->second);
+    sessions_.erase(found);
+    return KESO_SUCCESS;
+  }
+
+  int32_t map(const SharedBuffer& buffer, int file) override { return addresses_->map(buffer, file); }
+  int32_t unmap(int32_t descriptor, uint64_t address, uint64_t length) override {
+    return addresses_->unmap(descriptor, address, length);
+  }
+  void release(uint64_t memory) override { addresses_->release(memory); }
+  uint64_t n_mappings() override { return addresses_->n_mappings(); }
+
+  int32_t invoke(uint64_t handle, const Call& call, Reply& reply) override {
+    const auto session = find(handle);
+    if (!session) return PARLO_EMULATOR_BAD_HANDLE;
+    if (!sleep(call.late_milliseconds)) return PARLO_EMULATOR_TIMED_OUT;
+    reply = {};
+    reply.begin = now();
+    const int32_t status = run_method(*session, call, reply);
+    reply.end = now();
+    return status;
+  }
+
+ private:
+  std::shared_ptr<Session> find(uint64_t handle) {
+    const std::lock_guard lock(mutex_);
+    const auto found = sessions_.find(handle);
+    return found == sessions_.end() ? nullptr : found->second;
+  }
+
+  // Returns false when the limit ends before the time does.
+  bool sleep(uint32_t milliseconds) const {
+    const bool ends = limit_milliseconds_ != 0 && milliseconds >= limit_milliseconds_;
+    if (milliseconds != 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(ends ? limit_milliseconds_ : milliseconds));
+    return !ends;
+  }
+
+  MatrixUnitTable& units_;
+  const uint32_t limit_milliseconds_;
+  const std::shared_ptr<AddressSpace> addresses_ = std::make_shared<AddressSpace>();
+  std::mutex mutex_;  // guards sessions_
+  std::map<uint64_t, std::shared_ptr<Session>> sessions_;
 };
-
-// The object is never destroyed, because a call may still run while the process ends.
-Sessions& sessions() {
-  alignas(Sessions) static std::byte storage[sizeof(Sessions)];
-  static Sessions& all = *new (storage) Sessions;
-  return all;
-}
-
-std::shared_ptr<Session> find(uint64_t handle) {
-  const std::lock_guard lock(sessions().mutex);
-  const auto found = sessions().by_handle.find(handle);
-  return found == sessions().by_handle.end() ? nullptr : found->second;
-}
 
 }  // namespace
 
-int32_t Session::lock_matrix_unit() {
-  if (!has_resources()) return PARLO_EMULATOR_DSP_NO_RESOURCE;
-  const MatrixUnit unit = matrix_unit();
-  const std::lock_guard lock(sessions().mutex);
-  if (held_unit_) return KESO_SUCCESS;
-  for (const auto& [handle, session] : sessions().by_handle)
-    if (session->held_unit_ == unit) return PARLO_EMULATOR_DSP_BUSY;
-  held_unit_ = unit;
-  return KESO_SUCCESS;
-}
-
-int32_t Session::unlock_matrix_unit() {
-  const std::lock_guard lock(sessions().mutex);
-  if (!held_unit_) return PARLO_EMULATOR_DSP_NOT_LOCKED;
-  held_unit_.reset();
-  return KESO_SUCCESS;
-}
-
-int32_t Session::may_multiply() {
-  if (!has_resources()) return PARLO_EMULATOR_DSP_NO_RESOURCE;
-  const std::lock_guard lock(sessions().mutex);
-  return held_unit_ ? KESO_SUCCESS : PARLO_EMULATOR_DSP_NOT_LOCKED;
-}
-
-void open(uint64_t handle, const Module& module, uint64_t sibling) {
-  const auto neighbour = find(sibling);
-  auto session =
-      std::make_shared<Session>(module, neighbour ? neighbour->address_space() : std::make_shared<AddressSpace>());
-  const std::lock_guard lock(sessions().mutex);
-  sessions().by_handle.emplace(handle, std::move(session));
-}
-
-void close(uint64_t handle) {
-  std::shared_ptr<Session> ended;  // destroyed after the lock is released
-  const std::lock_guard lock(sessions().mutex);
-  const auto found = sessions().by_handle.find(handle);
-  if (found == sessions().by_handle.end()) return;
-  ended = std::move(found->second);
-  sessions().by_handle.erase(found);
-}
-
-int32_t map(uint64_t handle, const SharedBuffer& buffer) {
-  const auto session = find(handle);
-  return session ? session->address_space()->map(buffer) : PARLO_EMULATOR_BAD_HANDLE;
-}
-
-int32_t unmap(uint64_t handle, int32_t descriptor, uint64_t address, uint64_t length) {
-  const auto session = find(handle);
-  return session ? session->address_space()->unmap(descriptor, address, length) : PARLO_EMULATOR_BAD_HANDLE;
-}
-
-void release(uint64_t memory) {
-  const std::lock_guard lock(sessions().mutex);
-  for (const auto& [handle, session] : sessions().by_handle) session->address_space()->release(memory);
-}
-
-uint64_t n_mappings(uint64_t handle) {
-  const auto session = find(handle);
-  return session ? session->address_space()->n_mappings() : 0;
-}
-
-int32_t invoke(uint64_t handle, uint32_t scalars, const parlo_argument* arguments) {
-  const auto session = find(handle);
-  return session ? run_method(*session, scalars, arguments) : PARLO_EMULATOR_BAD_HANDLE;
-}
-
-void before_fork() {
-  sessions().mutex.lock();
-}
-
-void after_fork(bool in_child) {
-  // Another thread of the parent may have been in a call to an instance. The child therefore keeps the instances aside
-  // as they are.
-  if (in_child) sessions().of_parent.merge(sessions().by_handle);
-  sessions().mutex.unlock();
-}
-
-void take_over() {
-  const std::lock_guard lock(sessions().mutex);
-  sessions().by_handle.merge(sessions().of_parent);
+std::shared_ptr<Space> make_local_space(MatrixUnitTable& units, uint32_t limit_milliseconds) {
+  return std::make_shared<LocalSpace>(units, limit_milliseconds);
 }
 
 }  // namespace parlo::dsp

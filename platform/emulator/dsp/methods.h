@@ -4,11 +4,10 @@
 #include <cstdint>
 
 #include "platform/emulator/dsp/session.h"
-#include "platform/parlo.h"
 
 namespace parlo::dsp {
 
-// Checks the scalars word and the buffers against the remote interface, then runs the method in `session`.
-int32_t run_method(Session& session, uint32_t scalars, const parlo_argument* arguments);
+// Runs the method of `call` in `session`. Refuses a scalars word that is no method's. Returns a status.
+int32_t run_method(Session& session, const Call& call, Reply& reply);
 
 }  // namespace parlo::dsp

@@ -8,8 +8,8 @@
 
 namespace parlo::dsp {
 
-View::View(int32_t descriptor, uint64_t length) : bytes_(nullptr), length_(length) {
-  void* address = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+View::View(int file, uint64_t length) : bytes_(nullptr), length_(length) {
+  void* address = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
   if (address != MAP_FAILED) bytes_ = static_cast<std::byte*>(address);
 }
 
@@ -39,12 +39,12 @@ uint64_t AddressSpace::n_mappings() {
   return mappings_.size();
 }
 
-int32_t AddressSpace::map(const SharedBuffer& buffer) {
+int32_t AddressSpace::map(const SharedBuffer& buffer, int file) {
   const std::lock_guard lock(mutex_);
   const auto same = [&](const Mapping& mapping) { return mapping.buffer.memory == buffer.memory; };
   if (std::any_of(mappings_.begin(), mappings_.end(), same)) return PARLO_EMULATOR_ALREADY_MAPPED;
   if (n_mapped_byte_ > n_byte_ || buffer.length > n_byte_ - n_mapped_byte_) return PARLO_EMULATOR_ADDRESS_SPACE_FULL;
-  auto view = std::make_shared<const View>(buffer.descriptor, buffer.length);
+  auto view = std::make_shared<const View>(file, buffer.length);
   if (!view->bytes()) return PARLO_EMULATOR_NO_MEMORY;
   mappings_.push_back({buffer, std::move(view)});
   n_mapped_byte_ += buffer.length;
@@ -71,12 +71,13 @@ Mapping AddressSpace::find(int32_t descriptor) {
   return youngest == mappings_.rend() ? Mapping{} : *youngest;
 }
 
-Session::Session(const Module& module, std::shared_ptr<AddressSpace> space)
-    : module_(module), space_(std::move(space)) {
+Session::Session(uint64_t handle, const Module& module, std::shared_ptr<AddressSpace> space, MatrixUnitTable& units)
+    : handle_(handle), module_(module), space_(std::move(space)), units_(units) {
   space_->grow(module_.address_space_bytes);
 }
 
 Session::~Session() {
+  units_.end(handle_);
   space_->shrink(module_.address_space_bytes);
 }
 
@@ -113,14 +114,39 @@ int32_t Session::find_AX(std::array<ViewPointer, 4>& views) {
 
 int32_t Session::acquire_resources() {
   const std::lock_guard lock(mutex_);
+  if (module_.is_strict && has_resources_) return PARLO_EMULATOR_DSP_REPEATED;
   has_resources_ = true;
   return KESO_SUCCESS;
 }
 
 int32_t Session::release_resources() {
   const std::lock_guard lock(mutex_);
+  if (module_.is_strict && !has_resources_) return PARLO_EMULATOR_DSP_REPEATED;
   has_resources_ = false;
   return KESO_SUCCESS;
+}
+
+int32_t Session::lock_matrix_unit() {
+  if (!has_resources()) return PARLO_EMULATOR_DSP_NO_RESOURCE;
+  const MatrixUnit unit = matrix_unit();
+  const std::lock_guard lock(reservation_mutex_);
+  if (!holds_unit_ && !units_.reserve(handle_, unit)) return PARLO_EMULATOR_DSP_BUSY;
+  holds_unit_ = true;
+  return KESO_SUCCESS;
+}
+
+int32_t Session::unlock_matrix_unit() {
+  const std::lock_guard lock(reservation_mutex_);
+  if (!holds_unit_) return PARLO_EMULATOR_DSP_NOT_LOCKED;
+  units_.end(handle_);
+  holds_unit_ = false;
+  return KESO_SUCCESS;
+}
+
+int32_t Session::may_multiply() {
+  if (!has_resources()) return PARLO_EMULATOR_DSP_NO_RESOURCE;
+  const std::lock_guard lock(reservation_mutex_);
+  return holds_unit_ ? KESO_SUCCESS : PARLO_EMULATOR_DSP_NOT_LOCKED;
 }
 
 bool Session::has_resources() {

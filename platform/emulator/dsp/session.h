@@ -6,17 +6,17 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <vector>
 
 #include "platform/emulator/dsp/dsp.h"
+#include "platform/emulator/dsp/matrix_unit_table.h"
 
 namespace parlo::dsp {
 
 // The DSP's own view of shared memory.
 class View {
  public:
-  View(int32_t descriptor, uint64_t length);
+  View(int file, uint64_t length);
   ~View();
   View(const View&) = delete;
   View& operator=(const View&) = delete;
@@ -42,7 +42,7 @@ class AddressSpace {
   void grow(uint64_t n_byte);
   void shrink(uint64_t n_byte);  // also drops the mappings of released memory
 
-  int32_t map(const SharedBuffer& buffer);
+  int32_t map(const SharedBuffer& buffer, int file);
   int32_t unmap(int32_t descriptor, uint64_t address, uint64_t length);
   void release(uint64_t memory);
   uint64_t n_mappings();
@@ -55,21 +55,16 @@ class AddressSpace {
   uint64_t n_byte_ = 0, n_mapped_byte_ = 0;
 };
 
-// Identifies a matrix unit by the memory of the four cross-session buffers, which the sessions of one context share.
-// The numbers are zero when there are no such buffers, and when all contexts share one unit.
-using MatrixUnit = std::array<uint64_t, 4>;
-
 // One module instance. Every operation returns a status. No lock is held while a method computes; the method uses views
 // that live as long as it needs them.
 class Session {
  public:
-  Session(const Module& module, std::shared_ptr<AddressSpace> space);
+  Session(uint64_t handle, const Module& module, std::shared_ptr<AddressSpace> space, MatrixUnitTable& units);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
   const Module& module() const { return module_; }
-  const std::shared_ptr<AddressSpace>& address_space() const { return space_; }
 
   // Returns the view of the mapping that AddressSpace::find returns; nullptr when there is none.
   ViewPointer view(int32_t descriptor) { return space_->find(descriptor).view; }
@@ -80,7 +75,7 @@ class Session {
   int32_t put_AX();
   int32_t find_AX(std::array<ViewPointer, 4>& views);
 
-  // A repetition changes nothing and succeeds, because the library repeats a switch of sessions from its start when a
+  // A repetition changes nothing. It succeeds unless the module is strict, because the library repeats a switch of sessions from its start when a
   // step of it fails. Releasing the resources leaves the matrix unit locked until it is unlocked.
   int32_t acquire_resources();
   int32_t release_resources();
@@ -95,9 +90,12 @@ class Session {
   bool has_resources();
   MatrixUnit matrix_unit();
 
+  const uint64_t handle_;
   const Module module_;
   const std::shared_ptr<AddressSpace> space_;
-  std::optional<MatrixUnit> held_unit_;        // guarded by the lock over all sessions
+  MatrixUnitTable& units_;
+  std::mutex reservation_mutex_;  // guards holds_unit_
+  bool holds_unit_ = false;
   std::mutex mutex_;                           // guards the other members
   std::vector<std::weak_ptr<const View>> AX_;  // empty or four pointers; the pointer to an unmapped buffer expires
   MatrixUnit AX_memory_{};

@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "source/host/util/tiles.h"
+#include "source/tiles.h"
 
-namespace tavik {
+namespace tavik::inline MORUN_BACKEND {
 
 class Scratch {
  public:
@@ -25,4 +25,4 @@ class Scratch {
   std::byte* bytes_;
 };
 
-}  // namespace tavik
+}  // namespace tavik::inline MORUN_BACKEND

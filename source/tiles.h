@@ -10,6 +10,7 @@ namespace tavik {
 // Every tile is tile_side columns wide. Tiles of halves and of weights are square.
 inline constexpr uint64_t tile_side = 32;
 inline constexpr uint64_t tile_elements = tile_side * tile_side;
+inline constexpr uint64_t band_rows = tile_side;  // the rows of a band of tiles
 inline constexpr uint64_t i4_tile_bytes = tile_elements / 2;
 
 // u8 activations and i32 results stand in tiles of twice that height, which are row-major inside.

@@ -6,7 +6,7 @@
 
 #include "simd/simd.h"
 
-namespace tavik {
+namespace tavik::inline MORUN_BACKEND {
 
 // Tells whether streaming stores are worth using. They are slower while source and destination, `bytes` together, fit
 // the caches. Rows of the destination must have the same alignment as `dst`.
@@ -29,4 +29,4 @@ void fetch_for_put(const T* p, size_t distance, size_t count) {
   for (size_t i = 0; !streaming && i < count; i += line_elements) morun::simd::prefetch_ahead(p, distance + i);
 }
 
-}  // namespace tavik
+}  // namespace tavik::inline MORUN_BACKEND

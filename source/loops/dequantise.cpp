@@ -1,13 +1,16 @@
+#include "source/loops.h"
+
 #include <algorithm>
 #include <cmath>
 
-#include "include/tavik.h"
-#include "source/host/util/quantise.h"
+#include "source/loops/quantise.h"
 
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
-using namespace tavik;
+
+constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
 
 struct ResultRows {
   const float* scales;
@@ -91,6 +94,7 @@ void dequantise(uint64_t n_row, uint64_t n_col, float n_inner, float* dst, const
       const simd::f32x8 row_sum = simd::broadcast(static_cast<float>(rows.sums[row]));
       const simd::f32x8 row_scale = simd::broadcast(rows.scales[row]);
       fetch_next_tile(from);
+      fetch_for_put<streaming>(to, tiles_ahead * tile_side, tile_side);
       simd::f32x8 results[4];
       for (size_t i = 0; i < 4; ++i) {
         simd::f32x8 t = simd::to_float(simd::load(from + 8 * i));
@@ -124,6 +128,7 @@ void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int3
       const int32_t* const from = src + group.place + r * tile_side;
       int32_t* const to = dst + (group.row + r) * n_col + group.column;
       fetch_next_tile(from);
+      fetch_for_put<streaming>(to, tiles_ahead * tile_side, tile_side);
       for (size_t i = 0; i < tile_side; i += 8) put<streaming>(to + i, simd::load(from + i));
     }
   });
@@ -131,7 +136,7 @@ void copy_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int3
 
 }  // namespace
 
-void tavik::i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
+void i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src, int32_t* dst) {
   if (n_col < tile_side) return;
   if (!should_stream(8 * n_row * n_col, dst) || n_col % 8 != 0)
     return copy_tiles_to_rows<false>(n_row, n_col, src, dst);
@@ -139,17 +144,18 @@ void tavik::i32_tiles_to_rows(uint64_t n_row, uint64_t n_col, const int32_t* src
   simd::fence_streaming();
 }
 
-void tavik_a8w8_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
-                                 const float* activation_scales, const int32_t* activation_sums,
-                                 const int8_t* zero_points, const uint16_t* weight_scales, const int32_t* weight_sums) {
+void a8w8_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                           const float* activation_scales, const int32_t* activation_sums, const int8_t* zero_points,
+                           const uint16_t* weight_scales, const int32_t* weight_sums) {
   output_to_f32(n_row, n_col, n_inner, dst, acc, {activation_scales, activation_sums},
                 ResultColumns<int8_t>{zero_points, weight_scales, weight_sums});
 }
 
-void tavik_a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
-                                 const float* activation_scales, const int32_t* activation_sums,
-                                 const uint32_t* zero_points, const uint16_t* weight_scales,
-                                 const int32_t* weight_sums) {
+void a8w4_output_to_f32_rm(int32_t n_row, int32_t n_col, int32_t n_inner, float* dst, const int32_t* acc,
+                           const float* activation_scales, const int32_t* activation_sums, const uint32_t* zero_points,
+                           const uint16_t* weight_scales, const int32_t* weight_sums) {
   output_to_f32(n_row, n_col, n_inner, dst, acc, {activation_scales, activation_sums},
                 ResultColumns<uint32_t>{zero_points, weight_scales, weight_sums});
 }
+
+}  // namespace tavik::inline MORUN_BACKEND

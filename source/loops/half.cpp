@@ -1,19 +1,20 @@
+#include "source/loops.h"
+
 #include <algorithm>
 
-#include "include/tavik.h"
 #include "simd/simd.h"
-#include "source/host/util/streaming.h"
-#include "source/host/util/tiles.h"
+#include "source/loops/streaming.h"
+#include "source/tiles.h"
 
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
 
-using tavik::tile_side, tavik::tile_elements;
 constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
 
-bool should_stream(uint64_t n_row, uint64_t n_col, const void* dst) {
-  return tavik::should_stream(6 * n_row * n_col, dst) && n_col % 8 == 0;
+bool should_stream_rows(uint64_t n_row, uint64_t n_col, const void* dst) {
+  return should_stream(6 * n_row * n_col, dst) && n_col % 8 == 0;
 }
 
 // Calls body(row, tile, is_pair) for each pair of rows of each whole tile; is_pair is false for an odd last row. The
@@ -45,11 +46,11 @@ void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* d
     const float* const even = src + row * n_col + tile * tile_side;
     const float* const odd = is_pair ? even + n_col : zeros;
     uint16_t* const pair = dst + place_of_pair(row, tile, n_col);
-    tavik::fetch_for_put<streaming>(pair, tiles_ahead * tile_elements, 2 * tile_side);
+    fetch_for_put<streaming>(pair, tiles_ahead * tile_elements, 2 * tile_side);
     for (size_t i = 0; i < tile_side; i += 8) {
       const simd::f16x8 a = simd::narrow(simd::load(even + i)), b = simd::narrow(simd::load(odd + i));
-      tavik::put<streaming>(pair + 2 * i, simd::zip_low(a, b));
-      tavik::put<streaming>(pair + 2 * i + 8, simd::zip_high(a, b));
+      put<streaming>(pair + 2 * i, simd::zip_low(a, b));
+      put<streaming>(pair + 2 * i + 8, simd::zip_high(a, b));
     }
   });
   if constexpr (streaming) simd::fence_streaming();
@@ -60,17 +61,17 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
   for_each_row_pair<streaming>(n_row, n_col, [&](uint64_t row, uint64_t tile, bool is_pair) {
     const uint16_t* const pair = src + place_of_pair(row, tile, n_col);
     float* const even = dst + row * n_col + tile * tile_side;
-    tavik::fetch_for_put<streaming>(even, tiles_ahead * tile_side, tile_side);
-    if (is_pair) tavik::fetch_for_put<streaming>(even + n_col, tiles_ahead * tile_side, tile_side);
+    fetch_for_put<streaming>(even, tiles_ahead * tile_side, tile_side);
+    if (is_pair) fetch_for_put<streaming>(even + n_col, tiles_ahead * tile_side, tile_side);
     // Writes 16 values, a whole cache line, of the even row, and then 16 values of the odd row.
     for (size_t i = 0; i < tile_side; i += 16) {
       const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
       const simd::f16x8 c = simd::load(pair + 2 * i + 16), d = simd::load(pair + 2 * i + 24);
-      tavik::put<streaming>(even + i, simd::widen(simd::unzip_even(a, b)));
-      tavik::put<streaming>(even + i + 8, simd::widen(simd::unzip_even(c, d)));
+      put<streaming>(even + i, simd::widen(simd::unzip_even(a, b)));
+      put<streaming>(even + i + 8, simd::widen(simd::unzip_even(c, d)));
       if (!is_pair) continue;
-      tavik::put<streaming>(even + n_col + i, simd::widen(simd::unzip_odd(a, b)));
-      tavik::put<streaming>(even + n_col + i + 8, simd::widen(simd::unzip_odd(c, d)));
+      put<streaming>(even + n_col + i, simd::widen(simd::unzip_odd(a, b)));
+      put<streaming>(even + n_col + i + 8, simd::widen(simd::unzip_odd(c, d)));
     }
   });
   if constexpr (streaming) simd::fence_streaming();
@@ -78,22 +79,24 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
 
 }  // namespace
 
-void tavik_f32_to_f16(uint64_t count, const float* src, uint16_t* dst) {
+void f32_to_f16(uint64_t count, const float* src, uint16_t* dst) {
   uint64_t i = 0;
   for (; i + 8 <= count; i += 8) simd::store(dst + i, simd::narrow(simd::load(src + i)));
   for (; i < count / 4 * 4; ++i) dst[i] = simd::narrow_bits(src[i]);
 }
 
-void tavik_f16_to_f32(uint64_t count, const uint16_t* src, float* dst) {
+void f16_to_f32(uint64_t count, const uint16_t* src, float* dst) {
   for (uint64_t i = 0; i + 8 <= count; i += 8) simd::store(dst + i, simd::widen(simd::load(src + i)));
 }
 
-void tavik_f32_rm_to_f16_ah(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* dst) {
-  if (should_stream(n_row, n_col, dst)) return rows_to_tiles<true>(n_row, n_col, src, dst);
+void f32_rm_to_f16_ah(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* dst) {
+  if (should_stream_rows(n_row, n_col, dst)) return rows_to_tiles<true>(n_row, n_col, src, dst);
   rows_to_tiles<false>(n_row, n_col, src, dst);
 }
 
-void tavik_f16_ah_to_f32_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst) {
-  if (should_stream(n_row, n_col, dst)) return tiles_to_rows<true>(n_row, n_col, src, dst);
+void f16_ah_to_f32_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst) {
+  if (should_stream_rows(n_row, n_col, dst)) return tiles_to_rows<true>(n_row, n_col, src, dst);
   tiles_to_rows<false>(n_row, n_col, src, dst);
 }
+
+}  // namespace tavik::inline MORUN_BACKEND

@@ -1,15 +1,16 @@
+#include "source/loops.h"
+
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
 
-#include "include/tavik.h"
-#include "source/host/util/quantise.h"
+#include "source/loops/quantise.h"
 
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
-using namespace tavik;
 
 constexpr int32_t infinity_bits = 0x7f800000;
 
@@ -205,19 +206,19 @@ void quantise_to_u8(uint64_t n_row, uint64_t n_col, const float* src, const Layo
 
 }  // namespace
 
-void tavik_f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
-                           uint32_t* sums) {
+void f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales, uint32_t* sums) {
   const bool streaming = should_stream(5 * n_row * n_col, dst) && n_col % segment_cols == 0;
   quantise_to_u8(n_row, n_col, src, RowMajor{dst, n_col}, scales, sums, streaming);
 }
 
-void tavik_f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
-                           uint32_t* sums) {
+void f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales, uint32_t* sums) {
   const Tiles tiles = {dst, divide_up(n_col, tile_side)};
   quantise_to_u8(n_row, n_col, src, tiles, scales, sums, should_stream(5 * n_row * n_col, dst));
 }
 
-void tavik_f32_rm_to_u16_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* high, uint8_t* low,
-                            float* scales, uint32_t* sums) {
+void f32_rm_to_u16_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* high, uint8_t* low, float* scales,
+                      uint32_t* sums) {
   quantise_activation<To16Bits>(n_row, n_col, src, Planes{{high, n_col}, {low, n_col}}, scales, sums);
 }
+
+}  // namespace tavik::inline MORUN_BACKEND

@@ -1,13 +1,13 @@
-#include "source/host/util/blocks.h"
+#include "source/loops.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "simd/simd.h"
-#include "source/host/util/scratch.h"
-#include "source/host/util/tiles.h"
+#include "source/loops/scratch.h"
+#include "source/tiles.h"
 
-namespace tavik {
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
@@ -255,4 +255,4 @@ void block_unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint
   }
 }
 
-}  // namespace tavik
+}  // namespace tavik::inline MORUN_BACKEND

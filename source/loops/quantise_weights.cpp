@@ -1,16 +1,14 @@
+#include "source/loops.h"
+
 #include <cmath>
 #include <cstring>
 
-#include "include/tavik.h"
-#include "source/host/util/quantise.h"
-#include "source/own.h"
+#include "source/loops/quantise.h"
 
-MORUN_WEAK(int4_to_int8)
-
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
-using namespace tavik;
 
 constexpr uint16_t half_nan = 0x7e00;
 constexpr uint16_t half_sign = 0x8000;
@@ -146,8 +144,8 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
 
 }  // namespace
 
-void tavik_f16_rm_to_i8_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, int8_t* dst, int8_t* zero_points,
-                           uint16_t* scales, int32_t* sums) {
+void f16_rm_to_i8_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, int8_t* dst, int8_t* zero_points,
+                     uint16_t* scales, int32_t* sums) {
   for (uint64_t r = 0; r < n_row; ++r) {
     const uint16_t* const from = src + r * n_col;
     const HalfStep step = half_step_of<I8>(from, n_col);
@@ -157,8 +155,8 @@ void tavik_f16_rm_to_i8_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, 
   }
 }
 
-void tavik_f16_rm_to_i4_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, uint32_t* dst, uint32_t* zero_points,
-                           uint16_t* scales, int32_t* sums) {
+void f16_rm_to_i4_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, uint32_t* dst, uint32_t* zero_points,
+                     uint16_t* scales, int32_t* sums) {
   const uint64_t words_per_row = n_col / 8;
   uint32_t packed = 0;
   for (uint64_t r = 0; r < n_row; ++r) {
@@ -173,6 +171,4 @@ void tavik_f16_rm_to_i4_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, 
   }
 }
 
-int8_t int4_to_int8(uint8_t byte) {
-  return static_cast<int8_t>(((byte & 15) ^ 8) - 8);
-}
+}  // namespace tavik::inline MORUN_BACKEND

@@ -1,12 +1,11 @@
-#include "source/host/util/int_tiles.h"
+#include "source/loops.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "source/host/util/bands.h"
-#include "source/host/util/quantise.h"
+#include "source/loops/quantise.h"
 
-namespace tavik {
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
@@ -78,4 +77,4 @@ void nibble_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, ui
   }
 }
 
-}  // namespace tavik
+}  // namespace tavik::inline MORUN_BACKEND

@@ -1,13 +1,12 @@
-#include "source/host/util/bands.h"
+#include "source/loops.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "simd/simd.h"
-#include "source/host/util/blocks.h"
-#include "source/host/util/scratch.h"
+#include "source/loops/scratch.h"
 
-namespace tavik {
+namespace tavik::inline MORUN_BACKEND {
 namespace {
 
 namespace simd = morun::simd;
@@ -280,4 +279,4 @@ void rows_to_word_columns(uint64_t n_bands, uint64_t words_per_row, WordMap map,
   }
 }
 
-}  // namespace tavik
+}  // namespace tavik::inline MORUN_BACKEND
