@@ -17,6 +17,7 @@
 #include "bench/row.h"
 #include "bench/table.h"
 #include "bench/yardsticks.h"
+#include "include/morun.h"
 
 namespace {
 
@@ -47,6 +48,12 @@ void add_arguments(CLI::App& app, Arguments& arguments) {
       ->excludes("--rounds");
   app.add_option("--json", arguments.json, "write the measurements there too, in Google Benchmark's format")
       ->type_name("FILE");
+}
+
+std::string backend() {
+  char text[64];
+  morun_vector_backends(MORUN_BACKENDS_IN_USE, text, sizeof text);
+  return text;
 }
 
 std::vector<bench::Row> all_rows() {
@@ -126,8 +133,7 @@ int run(const Arguments& arguments) {
   start_google_benchmark(flags);
 
   const int processor = bench::pin();
-  describe("processor",
-           fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, MORUN_SIMD_NAME));
+  describe("processor", fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, backend()));
   describe("sgemm", bench::openblas_description());
   describe("peer", bench::onednn_description());
   describe("ratio",

@@ -1,10 +1,19 @@
 # What `cmake --install` puts where, by components:
-#   library       libmorun.so.N
-#   development   public headers but those for weight files, the link libmorun.so or the static libmorun.a, the CMake package, morun.pc
-#   weights       the companion for weight files: libmorun_weights.so, its headers, target and morun_weights.pc
-#   tool          the tool
-#   emulator      the emulated platform: its libparlo.so and parlo-dsp, control header, target and parlo_emulator.pc
+#   library               libmorun.so.N
+#   development           public headers but those for weight files, the link libmorun.so or the static libmorun.a, the CMake
+#                         package, morun.pc
+#   weights               the companion for weight files: libmorun_weights.so.N
+#   weights_development   its headers, the link libmorun_weights.so or the static libmorun_weights.a, its target, morun_weights.pc
+#   tool                  the tool, its completion for bash and, once the target `manuals` is built, its manual pages
+#   emulator              the emulated platform: its libparlo.so and parlo-dsp, control header, target and parlo_emulator.pc
+#   python                the Python package, where it is asked for by name
 # The licence goes with each of them. No installed file names the prefix, so the installed tree may be moved.
+
+# Debian's folder of libraries has the processor in its name, and each of its packages has a folder of documents of its own.
+option(MORUN_DEBIAN "the layout of Debian's packages" OFF)
+if(MORUN_DEBIAN)
+  set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_SYSTEM_PROCESSOR}-linux-gnu")
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -21,9 +30,11 @@ install(TARGETS morun EXPORT morun
 install(DIRECTORY include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development FILES_MATCHING PATTERN "*.h"
   PATTERN "*.hpp" PATTERN "morun_weights.*" EXCLUDE)
 install(FILES platform/parlo.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
-foreach(component IN ITEMS library development weights tool emulator)
-  install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/morun" COMPONENT ${component})
-endforeach()
+if(NOT MORUN_DEBIAN)
+  foreach(component IN ITEMS library development weights weights_development tool emulator)
+    install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/morun" COMPONENT ${component})
+  endforeach()
+endif()
 install(EXPORT morun NAMESPACE morun:: FILE morunTargets.cmake DESTINATION "${package_dir}" COMPONENT development)
 
 configure_package_config_file(cmake/morunConfig.cmake.in package/morunConfig.cmake INSTALL_DESTINATION "${package_dir}"
@@ -55,18 +66,19 @@ install_pkg_config_file(morun.pc development)
 if(MORUN_WEIGHTS)
   set_target_properties(morun_weights PROPERTIES INSTALL_RPATH "$ORIGIN")
   install(TARGETS morun_weights EXPORT morun_weights
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights NAMELINK_COMPONENT weights_development
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT weights_development
     INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-  install(FILES include/morun_weights.h include/morun_weights.hpp DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT weights)
+  install(FILES include/morun_weights.h include/morun_weights.hpp DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+    COMPONENT weights_development)
   install(EXPORT morun_weights NAMESPACE morun:: FILE morun_weightsTargets.cmake DESTINATION "${package_dir}"
-    COMPONENT weights)
+    COMPONENT weights_development)
   # A program with the static library is linked with the C++ runtime, whatever it is written in.
   set(private_libraries "")
   if(type STREQUAL "STATIC_LIBRARY")
     set(private_libraries "-lstdc++ -pthread")
   endif()
-  install_pkg_config_file(morun_weights.pc weights)
+  install_pkg_config_file(morun_weights.pc weights_development)
 endif()
 
 if(MORUN_PARLO STREQUAL "emulator")
@@ -87,4 +99,18 @@ if(MORUN_TOOL)
   file(RELATIVE_PATH library_from_tool "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
   set_target_properties(morun_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_tool}")
   install(TARGETS morun_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+  # The manual pages are those of the tool's own help.
+  set(manuals "${PROJECT_BINARY_DIR}/manuals")
+  add_custom_target(manuals COMMAND "${PROJECT_SOURCE_DIR}/tools/morun/manuals" "${manuals}" ${CMAKE_CROSSCOMPILING_EMULATOR}
+    "$<TARGET_FILE:morun_tool>" DEPENDS morun_tool VERBATIM)
+  install(DIRECTORY "${manuals}/" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tool OPTIONAL)
+  install(FILES tools/morun/completion.bash DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
+    RENAME morun COMPONENT tool)
+endif()
+
+# For the processor at hand only: the package is the same for all.
+if(MORUN_WEIGHTS AND NOT CMAKE_CROSSCOMPILING)
+  install(CODE "set(source \"${PROJECT_SOURCE_DIR}/python\")\nset(scratch \"${PROJECT_BINARY_DIR}/python\")"
+    COMPONENT python EXCLUDE_FROM_ALL)
+  install(SCRIPT cmake/install_python.cmake COMPONENT python EXCLUDE_FROM_ALL)
 endif()

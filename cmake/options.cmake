@@ -1,5 +1,5 @@
 # Options for every target of this project, and for no target of a project that adds this one: language, warnings,
-# floating point, hardening, vector backend, sanitizers, output folders.
+# floating point, hardening, sanitizers, output folders.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -24,7 +24,7 @@ endif()
 # Compilers must not fuse a multiplication and an addition by themselves. The code asks for a fused operation
 # explicitly.
 add_compile_options(-ffp-contract=off)
-include_directories("${PROJECT_SOURCE_DIR}")
+include_directories("${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}/generated")
 
 option(MORUN_SANITIZE "address and undefined-behaviour sanitizers" OFF)
 if(MORUN_SANITIZE)
@@ -47,24 +47,4 @@ if(MORUN_HARDENING AND NOT MORUN_SANITIZE)
   add_link_options(LINKER:-z,relro LINKER:-z,now)
 endif()
 
-# The vector backend of simd/, one for the whole build.
-if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
-  set(default_simd neon)
-elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
-  set(default_simd avx2)
-else()
-  set(default_simd portable)
-endif()
-set(MORUN_SIMD "${default_simd}" CACHE STRING "vector backend: neon, avx2, portable")
-set_property(CACHE MORUN_SIMD PROPERTY STRINGS neon avx2 portable)
-if(MORUN_SIMD STREQUAL "neon")
-  add_compile_options(-march=armv8.2-a+fp16)
-  add_compile_definitions(MORUN_SIMD_NEON)
-elseif(MORUN_SIMD STREQUAL "avx2")
-  add_compile_options(-march=x86-64-v3)
-  add_compile_definitions(MORUN_SIMD_AVX2)
-elseif(MORUN_SIMD STREQUAL "portable")
-  add_compile_definitions(MORUN_SIMD_PORTABLE)
-else()
-  message(FATAL_ERROR "MORUN_SIMD is \"${MORUN_SIMD}\"; it takes neon, avx2 or portable")
-endif()
+option(MORUN_DEBUG_INFO "debug information in the libraries, for debuggers and for the test of the binary interface" OFF)

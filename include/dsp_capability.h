@@ -18,6 +18,10 @@
  * Kept
  *   "Kept:" marks behaviour that surprises and that callers rely on. The library keeps such behaviour on purpose.
  *
+ * Parameters and results that several functions share
+ *   domain, domain_id   the number of a domain, or where the number is stored
+ *   compute_only        whether only compute DSPs count
+ *
  * Plain C11, also valid C++.
  */
 #ifndef DSP_CAPABILITY_H
@@ -32,7 +36,7 @@ extern "C" {
 
 /* A DSP domain, and the ending by which a module's URI names the domain. */
 typedef struct dsp_domain {
-  int32_t id;
+  int32_t id;          /* number of the domain */
   char uri_suffix[12]; /* NUL-terminated, such as "&_dom=cdsp" */
 } dsp_domain;
 

@@ -21,6 +21,16 @@
  * Layouts and types are those of tavik.h: rm is row-major, ah the tiles of activations and results, wh the tiles of
  * weights. f16 is IEEE 754 binary16; a uint16_t holds its bit pattern.
  *
+ * Parameters and results that several functions share
+ *   domain         MORUN_DOMAIN_NPU0
+ *   n_row, n_col   rows and columns of the matrix; of a product, those of the result
+ *   n_inner        the inner dimension: columns of the activation, rows of the weights
+ *   A, X, W        result, activation and weights of a product
+ *   data           the matrix, which the call converts in place
+ *   src, dst       source and destination, which do not overlap
+ *   ptr            the start of a buffer of morun_npu_alloc
+ *   result         a status, as above
+ *
  * Plain C11, also valid C++.
  */
 #ifndef MORUN_H
@@ -40,7 +50,7 @@ extern "C" {
 #define MORUN_VERSION_PRERELEASE "beta1"
 
 enum {
-  MORUN_SUCCESS = 0,
+  MORUN_SUCCESS = 0,                    /* the call did what it says */
   MORUN_ERROR_FAILURE = 1,              /* a call of the lower interface failed; the line shows its status */
   MORUN_ERROR_NULL_POINTER = 10,        /* a required pointer is NULL */
   MORUN_ERROR_BAD_ARGUMENT = 14,        /* a bad dimension or tensor, or an address that is not of morun_npu_alloc */
@@ -52,6 +62,31 @@ enum {
 
 /* The compute DSP, the only domain that the calls take. */
 enum { MORUN_DOMAIN_NPU0 = 3 };
+
+/* ---- Vector backends ---- */
+
+/* The host's part of the work, conversions and products on the host, is compiled for several kinds of processors, each
+ * a vector backend. All give the same bits. The first call that computes chooses the fastest backend that the processor
+ * runs, for the whole process.
+ *
+ * The environment variable MORUN_SIMD may name another backend. A name that the build does not have, or that the
+ * processor cannot run, is reported as a line on standard error and ignored. A program with raised privileges does not
+ * read the variable. */
+enum {
+  MORUN_BACKENDS_BUILT = 0,     /* those of this build */
+  MORUN_BACKENDS_SUPPORTED = 1, /* of those, the ones that this processor runs */
+  MORUN_BACKENDS_IN_USE = 2     /* the one that computes; chosen by this call if none is chosen yet */
+};
+
+/* Writes the names of vector backends, from the slowest to the fastest, with one space between two names.
+ *
+ *   which   one of the constants above
+ *   text    receives the names, NUL-terminated and cut to `size` bytes. May be NULL when size is 0
+ *   size    bytes that `text` has room for
+ *
+ * Returns the number of bytes that the whole text takes without its NUL, or 0 when `which` is none of the constants;
+ * `text` is then empty. Any thread may call it. */
+uint64_t morun_vector_backends(int32_t which, char* text, uint64_t size);
 
 /* ---- Start and stop ---- */
 

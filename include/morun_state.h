@@ -36,6 +36,7 @@ typedef struct morun_map_entry {
   uint64_t address; /* of the buffer on the host; 0 in an entry that was never used */
   uint32_t size;    /* bytes that the caller asked for, the low 32 bits */
 } morun_map_entry;
+/* The entries, by descriptor. */
 extern morun_map_entry morun_map_db[TAVIK_MAX_DESCRIPTOR + 1];
 
 /* The DSP module's pre-release label, and the module's version as text, as the last morun_npu_get_version received

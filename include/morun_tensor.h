@@ -6,6 +6,17 @@
  * Threads: one thread at a time calls morun_mm_tensor or a call of morun.h. Any thread may call the other functions
  * of this header, which work on their arguments and on nothing else.
  *
+ * Parameters and results that several functions share
+ *   tensor                the record to check
+ *   result, left, right   the records of result = left * right
+ *   platform              MORUN_PLATFORM_CPU or MORUN_PLATFORM_NPU0
+ *   n_row, n_col          rows and columns of the matrix
+ *   n_inner               the inner dimension: columns of X, rows of the product's right operand
+ *   X                     n_row x n_inner, row-major f16
+ *   W                     n_col rows of n_inner values, f16
+ *   dtype, layout         those of the record
+ *   data                  the first element
+ *
  * Plain C11, also valid C++.
  */
 #ifndef MORUN_TENSOR_H
@@ -19,6 +30,7 @@
 extern "C" {
 #endif
 
+/* The type of the elements. */
 typedef enum morun_tensor_dtype_e {
   MORUN_DTYPE_I4 = 0, /* signed 4-bit integer; weights */
   MORUN_DTYPE_I8 = 1, /* signed 8-bit integer; weights */
@@ -28,10 +40,12 @@ typedef enum morun_tensor_dtype_e {
   MORUN_DTYPE_F32 = 5  /* IEEE 754 binary32 */
 } morun_tensor_dtype_e;
 
+/* How elements stand for real numbers. */
 typedef enum morun_tensor_quantization_e {
   MORUN_QUANTIZATION_NONE = 0 /* the only value that the calls accept */
 } morun_tensor_quantization_e;
 
+/* The order of the elements in memory. */
 typedef enum morun_tensor_layout_e {
   MORUN_LAYOUT_1D_LINEAR = 0, /* the only layout of a contiguous vector */
   MORUN_LAYOUT_2D_RM = 1,     /* row-major */
@@ -53,7 +67,7 @@ typedef struct morun_tensor {
                             {dims[1], 1} */
   uint64_t num_elements; /* elements that may be reached from `data` on, those before data_offset included */
   uint64_t data_offset;  /* elements from `data` to the first element */
-  void* data;
+  void* data;            /* where the memory of the elements begins */
   uint32_t data_dtype;   /* morun_tensor_dtype_e */
   uint32_t quantization; /* morun_tensor_quantization_e */
   uint32_t layout;       /* morun_tensor_layout_e */

@@ -29,6 +29,45 @@
  *
  * Names and paths are NUL-terminated UTF-8; a tensor name with a NUL character in it is refused.
  *
+ * Parameters and results that several functions share
+ *   form                          a morun_weights_form
+ *   n_inner, n_col                the true extents of the matrix
+ *   layout                        receives the layout
+ *   calibration                   the calibration; of create, receives it
+ *   n_row                         rows of the activation
+ *   activation                    values of the activation
+ *   row_stride                    values from row to row
+ *   damping                       what is added to the diagonal, in its mean; 0 to 1
+ *   recipe                        how the matrix is packed
+ *   inner_stride, column_stride   values from row to row of W, and from column to column
+ *   first_column, n_column        the columns of the call
+ *   values                        values of the matrix in f32
+ *   packed, packed_size           the memory of the whole packed matrix, and its bytes
+ *   statistics, other             figures of columns
+ *   options                       the options; of init, receives the defaults
+ *   packer                        the packer; of create, receives it
+ *   path                          the file, or the source to add
+ *   pattern                       a shell pattern
+ *   index                         number of a tensor, decision or request, from 0; of find, receives it
+ *   count                         receives the number
+ *   decision                      receives what becomes of the tensor
+ *   output                        the file to write
+ *   file                          the packed file; of open, receives it
+ *   tensor                        receives the record of the tensor
+ *   name                          of the tensor
+ *   offset, n_byte                the range to read, in bytes from the tensor's start
+ *   bytes                         receives the bytes
+ *   n_request, requests           the tensors to be loaded
+ *   largest_buffer                bytes that no buffer exceeds
+ *   n_free_buffer                 buffers that may be made
+ *   plan, places                  receive the plan
+ *   context                       of tavik_init
+ *   loaded                        the weights; of load, receives them
+ *   operand                       receives what the products take
+ *   status                        a status of this header
+ *   result                        one of the constants below: MORUN_WEIGHTS_SUCCESS, or one that the comment lists
+ *                                 without its prefix
+ *
  * Plain C11, also valid C++.
  */
 #ifndef MORUN_WEIGHTS_H
@@ -46,7 +85,7 @@ extern "C" {
 /* ---- Statuses ---- */
 
 enum {
-  MORUN_WEIGHTS_SUCCESS = 0,
+  MORUN_WEIGHTS_SUCCESS = 0, /* the function did what it says */
 
   /* Of every function. */
   MORUN_WEIGHTS_NULL_ARGUMENT = 1, /* a pointer that must not be NULL is */
@@ -135,10 +174,10 @@ enum {
   MORUN_WEIGHTS_SESSION = 94           /* a buffer of a8w4 matrices that are multiplied alone is not in session 0 */
 };
 
-/* The name of a status without its prefix, such as "RANGE_GAP", or "?" for a number that is none. */
+/* Returns the name of a status without its prefix, such as "RANGE_GAP", or "?" for a number that is none. */
 const char* morun_weights_status_name(int32_t status);
 
-/* What the calling thread's last failure was, in one sentence that names file and tensor; at most 1023 bytes, without
+/* Returns what the calling thread's last failure was, in one sentence that names file and tensor; at most 1023 bytes, without
  * control characters: those of names stand as \x1b, and those of paths as ?. Empty until the thread's first failure; a
  * later success does not clear it. Valid until the thread's next call. */
 const char* morun_weights_error_text(void);
@@ -147,6 +186,7 @@ const char* morun_weights_error_text(void);
 
 enum { MORUN_WEIGHTS_FORMAT_VERSION = 1 };
 
+/* What a tensor of a packed file is. */
 typedef enum morun_weights_form {
   MORUN_WEIGHTS_CARRIED = 0, /* not packed: the source's bytes in the source's dtype */
   MORUN_WEIGHTS_F16 = 1,
@@ -164,12 +204,12 @@ typedef enum morun_weights_quantiser {
 
 /* Where the parts of a packed matrix stand, in bytes from its start. Each begins at a multiple of 2048. */
 typedef struct morun_weights_layout {
-  uint64_t padded_n_inner; /* multiples of 32 */
-  uint64_t padded_n_col;
-  uint64_t zero_points; /* 0 in form f16, which has the values alone, at offset 0 */
-  uint64_t scales;
-  uint64_t sums;
-  uint64_t n_byte; /* of all parts; a multiple of 2048 below 2^32 */
+  uint64_t padded_n_inner; /* a multiple of 32 */
+  uint64_t padded_n_col;   /* a multiple of 32 */
+  uint64_t zero_points;    /* 0 in form f16, which has the values alone, at offset 0 */
+  uint64_t scales;         /* likewise */
+  uint64_t sums;           /* likewise */
+  uint64_t n_byte;         /* of all parts; a multiple of 2048 below 2^32 */
 } morun_weights_layout;
 
 /* The layout of an n_inner x n_col matrix in `form` (f16, a8w8 or a8w4).
@@ -209,13 +249,14 @@ int32_t morun_weights_calibration_add(morun_weights_calibration* calibration, ui
  *   NO_MEMORY */
 int32_t morun_weights_calibration_finish(morun_weights_calibration* calibration, double damping);
 
-/* NULL is allowed. */
+/* Frees a calibration. NULL is allowed. */
 void morun_weights_calibration_free(morun_weights_calibration* calibration);
 
 enum { MORUN_WEIGHTS_MAX_WORST_COLUMNS = 8 };
 
+/* The error of one column. */
 typedef struct morun_weights_column_error {
-  uint64_t column;
+  uint64_t column;       /* its number */
   double relative_error; /* |w - w'| / |w|, Euclidean norms of the column, as every relative error here: 0 for 0 / 0, 1
                             where |w| alone is 0, and DBL_MAX where the error is infinite */
 } morun_weights_column_error;
@@ -223,9 +264,9 @@ typedef struct morun_weights_column_error {
 /* What packing did to the values; w' are the values that the packed matrix stands for. Sums of squares are in f64.
  * Elements that are NaN or infinite are counted, and left out of the sums with the elements of w' at their places. */
 typedef struct morun_weights_statistics {
-  uint64_t n_value; /* true extents: without padding */
-  uint64_t n_nan;
-  uint64_t n_infinite;
+  uint64_t n_value;       /* true extents: without padding */
+  uint64_t n_nan;         /* values that are NaN */
+  uint64_t n_infinite;    /* values that are infinite */
   uint64_t n_overflow;    /* finite values that f16 rounds to infinity */
   uint64_t n_constant;    /* columns of a single value other than 0 */
   uint64_t n_zero;        /* columns of zeros alone */
@@ -233,16 +274,18 @@ typedef struct morun_weights_statistics {
   double squared_error;   /* of w - w' */
   double product_squares; /* of X w, X being the calibration's activations; 0 without a calibration */
   double product_error;   /* of X (w - w'); likewise */
-  uint32_t n_worst;       /* of the columns with the largest relative errors, the worst first */
-  morun_weights_column_error worst[MORUN_WEIGHTS_MAX_WORST_COLUMNS];
+  uint32_t n_worst;       /* entries of `worst` */
+  morun_weights_column_error
+      worst[MORUN_WEIGHTS_MAX_WORST_COLUMNS]; /* the columns with the largest relative errors, the worst
+                                                                        first */
 } morun_weights_statistics;
 
 /* How a matrix is to be packed. */
 typedef struct morun_weights_recipe {
-  int32_t form;      /* f16, a8w8 or a8w4 */
-  int32_t quantiser; /* not used in form f16 */
-  uint64_t n_inner;  /* true extents of the whole matrix */
-  uint64_t n_col;
+  int32_t form;                                 /* f16, a8w8 or a8w4 */
+  int32_t quantiser;                            /* not used in form f16 */
+  uint64_t n_inner;                             /* true extent of the whole matrix */
+  uint64_t n_col;                               /* true extent of the whole matrix */
   const morun_weights_calibration* calibration; /* finished; required by calibrated. With it, the products' errors are
                                                    measured for every quantiser; NULL otherwise */
   int32_t allow_non_finite; /* 0: a NaN or an infinity fails. Otherwise form f16 keeps it; the quantisers take NaN for 0
@@ -298,15 +341,17 @@ int32_t morun_weights_unpack_columns(int32_t form, uint64_t n_inner, uint64_t n_
  * run, look at the reports, free. */
 typedef struct morun_weights_packer morun_weights_packer;
 
+/* How far a run has come. */
 typedef struct morun_weights_progress {
   const char* tensor;     /* the one at work */
-  uint64_t n_tensor_done; /* of all */
-  uint64_t n_tensor;
-  uint64_t n_byte_done; /* of the sources' bytes */
-  uint64_t n_byte;
-  double seconds; /* since the run began */
+  uint64_t n_tensor_done; /* of n_tensor */
+  uint64_t n_tensor;      /* all tensors */
+  uint64_t n_byte_done;   /* of n_byte */
+  uint64_t n_byte;        /* the sources' bytes */
+  double seconds;         /* since the run began */
 } morun_weights_progress;
 
+/* How a packer works. */
 typedef struct morun_weights_pack_options {
   int32_t form;      /* of the matrices that are packed and that no rule gives another; default a8w8 */
   int32_t quantiser; /* default minmax */
@@ -358,24 +403,24 @@ int32_t morun_weights_packer_add_rule(morun_weights_packer* packer, const char* 
 
 /* What becomes of a tensor. Texts live until the packer gets another source or rule, or ends. */
 typedef struct morun_weights_decision {
-  const char* name;
-  const char* file;      /* the source's path */
-  const char* dtype;     /* of the source: "BF16" */
-  const uint64_t* shape; /* of the source */
-  uint64_t n_dimension;
-  uint64_t n_source_byte;
-  int32_t form;
-  int32_t quantiser;  /* not used in forms carried and f16 */
-  const char* reason; /* such as "rule *.q_proj.weight" or "name contains norm" */
-  uint64_t n_inner;   /* true extents; 0 where the form is carried */
-  uint64_t n_col;
-  uint64_t n_byte; /* in the packed file; 0 for a matrix that is too large, of which the reason says so, and which
+  const char* name;       /* of the tensor */
+  const char* file;       /* the source's path */
+  const char* dtype;      /* of the source: "BF16" */
+  const uint64_t* shape;  /* of the source */
+  uint64_t n_dimension;   /* entries of `shape` */
+  uint64_t n_source_byte; /* bytes in the source */
+  int32_t form;           /* morun_weights_form */
+  int32_t quantiser;      /* not used in forms carried and f16 */
+  const char* reason;     /* such as "rule *.q_proj.weight" or "name contains norm" */
+  uint64_t n_inner;       /* true extent; 0 where the form is carried */
+  uint64_t n_col;         /* likewise */
+  uint64_t n_byte;      /* in the packed file; 0 for a matrix that is too large, of which the reason says so, and which
                       makes a run fail with EXTENTS */
-  int32_t is_done; /* whether a run has packed it; what follows is zero until then */
-  uint32_t reserved;
+  int32_t is_done;      /* whether a run has packed it; what follows is zero until then */
+  uint32_t reserved;    /* 0 */
   double error;         /* |w - w'| / |w|, Frobenius norms; 0 for carried */
   double product_error; /* |X (w - w')| / |X w| on the activations, or -1 without */
-  morun_weights_statistics statistics;
+  morun_weights_statistics statistics; /* zeros where carried */
 } morun_weights_decision;
 
 /* The number of tensors, and what becomes of number `index`, in the order in which they stand in the packed file:
@@ -404,7 +449,7 @@ int32_t morun_weights_packer_run(morun_weights_packer* packer, const char* outpu
  * takes. May be called by any thread at any time of the packer's life, and by a signal handler. */
 void morun_weights_packer_interrupt(morun_weights_packer* packer);
 
-/* NULL is allowed. */
+/* Frees a packer. NULL is allowed. */
 void morun_weights_packer_free(morun_weights_packer* packer);
 
 /* ---- Packed files ---- */
@@ -414,22 +459,22 @@ typedef struct morun_weights_file morun_weights_file;
 
 /* A tensor of a packed file. Texts live as long as the file is open. */
 typedef struct morun_weights_tensor {
-  const char* name;
-  int32_t form;
-  int32_t quantiser;     /* not used in forms carried and f16 */
-  const char* dtype;     /* of the bytes: "U8" where packed */
-  const uint64_t* shape; /* of the bytes */
-  uint64_t n_dimension;
-  uint64_t file_offset; /* of its first byte in the file */
-  uint64_t n_byte;
-  uint64_t n_inner; /* true extents; 0 where carried */
-  uint64_t n_col;
+  const char* name;            /* of the tensor */
+  int32_t form;                /* morun_weights_form */
+  int32_t quantiser;           /* not used in forms carried and f16 */
+  const char* dtype;           /* of the bytes: "U8" where packed */
+  const uint64_t* shape;       /* of the bytes */
+  uint64_t n_dimension;        /* entries of `shape` */
+  uint64_t file_offset;        /* of its first byte in the file */
+  uint64_t n_byte;             /* bytes in the file */
+  uint64_t n_inner;            /* true extent; 0 where carried */
+  uint64_t n_col;              /* likewise */
   morun_weights_layout layout; /* zeros where carried */
-  const char* source_name;
-  const char* source_dtype;
-  double error;         /* measured when packed, see morun_weights_decision */
-  double product_error; /* or -1 */
-  uint64_t checksum;    /* XXH3, 64 bits, of its n_byte bytes */
+  const char* source_name;     /* in the checkpoint */
+  const char* source_dtype;    /* in the checkpoint */
+  double error;                /* measured when packed, see morun_weights_decision */
+  double product_error;        /* or -1 */
+  uint64_t checksum;           /* XXH3, 64 bits, of its n_byte bytes */
 } morun_weights_tensor;
 
 /* Opens and checks a packed file. The data are not read.
@@ -439,7 +484,7 @@ typedef struct morun_weights_tensor {
  *   one of NOT_PACKED_FILE to CHECKSUM_TEXT   no valid packed file */
 int32_t morun_weights_file_open(const char* path, morun_weights_file** file);
 
-/* NULL is allowed. Weights that were loaded stay. */
+/* Closes a packed file. NULL is allowed. Weights that were loaded stay. */
 void morun_weights_file_close(morun_weights_file* file);
 
 /* The number of tensors; tensor number `index`, in the order of their bytes; the number of the tensor called `name`.
@@ -495,12 +540,13 @@ typedef struct morun_weights_request {
 
 /* Where a tensor goes. */
 typedef struct morun_weights_place {
-  uint32_t buffer;
+  uint32_t buffer; /* number of the buffer in the plan */
   uint32_t offset; /* bytes from the buffer's start; a multiple of 2048 */
 } morun_weights_place;
 
+/* The buffers that loading makes. */
 typedef struct morun_weights_plan {
-  uint32_t n_buffer;
+  uint32_t n_buffer;                       /* entries of `buffer_size` */
   uint32_t n_first_session;                /* the first so many buffers have to be in session 0 */
   uint64_t buffer_size[TAVIK_MAX_BUFFERS]; /* bytes, multiples of 2048 */
 } morun_weights_plan;
@@ -521,6 +567,7 @@ int32_t morun_weights_plan_places(const morun_weights_file* file, uint64_t n_req
                                   const morun_weights_request* requests, uint64_t largest_buffer,
                                   uint32_t n_free_buffer, morun_weights_plan* plan, morun_weights_place* places);
 
+/* How weights are loaded. */
 typedef struct morun_weights_load_options {
   uint64_t largest_buffer; /* as in morun_weights_plan_places; default 2^28 */
   int32_t skip_checksums;  /* default 0: what is read is compared with the checksums while it is read */
@@ -537,18 +584,18 @@ typedef struct morun_weights_loaded morun_weights_loaded;
  * and the padded extents as n_inner and n_col. The single a8w4 product needs tavik_lock_compute_device with session 0
  * active. */
 typedef struct morun_weights_operand {
-  int32_t form;
-  int32_t fd;
-  uint32_t session;
-  uint32_t q_offset; /* of the tensor in the buffer, and of its values */
-  uint64_t z_offset; /* 0 in form f16, as the next two */
-  uint64_t s_offset;
-  uint64_t sum_offset;
-  int32_t padded_n_inner;
-  int32_t padded_n_col;
-  int32_t n_inner; /* true extents */
-  int32_t n_col;
-  const void* bytes; /* the tensor in the host's memory */
+  int32_t form;           /* morun_weights_form */
+  int32_t fd;             /* descriptor of the buffer */
+  uint32_t session;       /* number of the session that maps the buffer */
+  uint32_t q_offset;      /* of the tensor in the buffer, and of its values */
+  uint64_t z_offset;      /* 0 in form f16, as the next two */
+  uint64_t s_offset;      /* of the scales */
+  uint64_t sum_offset;    /* of the sums */
+  int32_t padded_n_inner; /* what the products take as n_inner */
+  int32_t padded_n_col;   /* what the products take as n_col */
+  int32_t n_inner;        /* true extent */
+  int32_t n_col;          /* true extent */
+  const void* bytes;      /* the tensor in the host's memory */
 } morun_weights_operand;
 
 /* Plans with the buffers that the context has left, makes the buffers and reads the tensors straight into them; takes

@@ -41,6 +41,48 @@
  * f16 is IEEE 754 binary16; a uint16_t holds its bit pattern. Row-major i4 values stand eight to a 32-bit
  * little-endian word, the first value in the least significant nibble.
  *
+ * Parameters and results that several functions share
+ *   context                              a context of tavik_init, or of tavik_context_alloc for the steps of which
+ *                                        tavik_init is made
+ *   options                              limits of tavik_options_alloc, or filled in by the program
+ *   error                                the record to print
+ *   n_row                                rows of the matrix; of a product, rows of activation and result
+ *   n_col                                columns of the matrix; of a product, columns of weights and result
+ *   n_inner                              the inner dimension of a product: columns of the activation, rows of the
+ *                                        weights
+ *   n_col_q, n_col_kv                    columns of QW and A_Q; columns of KW, VW, A_K and A_V each
+ *   block_rows, block_cols               extents of a block
+ *   A, A_U, A_F, A_Q, A_K, A_V           results, row-major f32 with n_row rows, in any memory
+ *   C                                    the result, row-major f32 with n_row rows
+ *   X                                    the activation, n_row x n_inner, row-major f32, in any memory
+ *   W                                    the weights, n_inner x n_col, f16 in zb blocks
+ *   ..._fd                               descriptor of the shared buffer in which this operand stands
+ *   ..._offset                           bytes from the start of that buffer to the operand, or to the part of it
+ *                                        that the letter names
+ *   fd                                   descriptor of a shared buffer
+ *   session                              number of a session, below n_sessions; or where the number is stored
+ *   handle                               receives the handle of the session's module
+ *   pointer                              address of memory, or where the address is stored
+ *   size                                 bytes
+ *   value, alignment                     what is rounded, and to a multiple of what
+ *   count                                elements
+ *   src, dst                             source and destination, which do not overlap
+ *   data                                 the elements; a conversion in place replaces them
+ *   scales, sums                         receive scale and sum of each row: n_row elements each
+ *   acc                                  n_row x n_col sums in 64 x 32 tiles
+ *   activation_scales, activation_sums   scale and sum of each row of the activation, n_row elements each
+ *   weight_scales, weight_sums           scale and sum of each column of the weights, n_col elements each
+ *   zero_points                          zero point of each column of the weights
+ *   byte                                 holds the value in its low four bits
+ *   stream                               the file to print to
+ *   label                                the text at the start of the line
+ *   edge                                 elements to print at each end
+ *   reference                            what the elements are compared with
+ *   p, q                                 number of a block of four rows, and of a block of four columns
+ *   ldc                                  elements from one row of C to the next
+ *   Wb, Ab                               four columns of W in zb blocks, and four rows of A
+ *   result                               a status, as above
+ *
  * Plain C11, also valid C++.
  */
 #ifndef TAVIK_H
@@ -60,7 +102,7 @@ extern "C" {
 /* ---- Error record ---- */
 
 enum {
-  TAVIK_SUCCESS = 0,
+  TAVIK_SUCCESS = 0,             /* the function did what it says */
   TAVIK_ERROR_FAILURE = 1,       /* a NULL output location, a failed remote or platform call, an unknown descriptor */
   TAVIK_ERROR_BAD_DIMENSION = 2, /* a dimension that is negative, too large, or not a multiple of the tile */
   TAVIK_ERROR_MEMORY = 3         /* host memory, shared memory, its descriptor or its mapping could not be had */
@@ -75,11 +117,11 @@ enum {
  * remote stub writes to the platform's log. Failures in the file "source/host/kernels" are the exception: their
  * lines are those of the source text in this version. */
 typedef struct tavik_error {
-  int32_t code;
-  char message[128];
-  char function[128];
-  char file[128];
-  int32_t line;
+  int32_t code;       /* the status */
+  char message[128];  /* what failed */
+  char function[128]; /* the function that failed */
+  char file[128];     /* the source file that reports the failure */
+  int32_t line;       /* a published number, see above */
 } tavik_error;
 
 /* Fills the calling thread's error record.
@@ -136,28 +178,28 @@ typedef struct tavik_context {
   uint64_t n_sessions;                    /* open sessions, each a protection domain of its own on the compute DSP */
   int32_t session_id[TAVIK_MAX_SESSIONS]; /* after the open sessions: the id of a reserved session that could not be
                                              opened yet, or 0 */
-  char session_name[TAVIK_MAX_SESSIONS][TAVIK_SESSION_NAME_SIZE];
-  int32_t session_domain[TAVIK_MAX_SESSIONS]; /* effective domain id */
-  uint64_t session_handle[TAVIK_MAX_SESSIONS];
-  uint64_t A_size; /* bytes of each of A0, A1, A2 */
-  uint64_t X_size; /* bytes of X */
-  void* A0;        /* cross-session buffers, which every session maps: results A0, A1, A2, activation X */
-  void* A1;
-  void* A2;
-  void* X;
-  int32_t A0_fd;
-  int32_t A1_fd;
-  int32_t A2_fd;
-  int32_t X_fd;
-  uint64_t n_buffers; /* shared buffers of tavik_buffer_alloc that are not freed */
-  void* buffer_pointer[TAVIK_MAX_BUFFERS];
-  int32_t buffer_fd[TAVIK_MAX_BUFFERS];
-  uint64_t buffer_size[TAVIK_MAX_BUFFERS]; /* bytes */
-  int32_t buffer_session[TAVIK_MAX_BUFFERS];
-  int32_t fd_to_session[TAVIK_MAX_DESCRIPTOR + 1];
-  uint64_t output_matrix_size_max; /* copies of the options' limits */
-  uint64_t input_matrix_size_max;
-  uint64_t n_row_max;
+  char session_name[TAVIK_MAX_SESSIONS][TAVIK_SESSION_NAME_SIZE]; /* NUL-terminated */
+  int32_t session_domain[TAVIK_MAX_SESSIONS];                     /* effective domain id */
+  uint64_t session_handle[TAVIK_MAX_SESSIONS];                    /* module instance */
+  uint64_t A_size;                                                /* bytes of each of A0, A1, A2 */
+  uint64_t X_size;                                                /* bytes of X */
+  void* A0;                                        /* cross-session buffers, which every session maps: first result */
+  void* A1;                                        /* second result */
+  void* A2;                                        /* third result */
+  void* X;                                         /* activation */
+  int32_t A0_fd;                                   /* descriptor of A0 */
+  int32_t A1_fd;                                   /* descriptor of A1 */
+  int32_t A2_fd;                                   /* descriptor of A2 */
+  int32_t X_fd;                                    /* descriptor of X */
+  uint64_t n_buffers;                              /* shared buffers of tavik_buffer_alloc that are not freed */
+  void* buffer_pointer[TAVIK_MAX_BUFFERS];         /* address on the host */
+  int32_t buffer_fd[TAVIK_MAX_BUFFERS];            /* descriptor */
+  uint64_t buffer_size[TAVIK_MAX_BUFFERS];         /* bytes */
+  int32_t buffer_session[TAVIK_MAX_BUFFERS];       /* number of the session that maps the buffer */
+  int32_t fd_to_session[TAVIK_MAX_DESCRIPTOR + 1]; /* number of the session, by descriptor */
+  uint64_t output_matrix_size_max;                 /* copy of the options' limit */
+  uint64_t input_matrix_size_max;                  /* copy of the options' limit */
+  uint64_t n_row_max;                              /* copy of the options' limit */
   uint64_t active_session; /* index of the session that holds the DSP resources; all ones until tavik_init */
   bool tessel_locked;      /* whether the active session holds the matrix unit */
   bool cleanup_failed;     /* whether a tavik_cleanup has failed; the next one passes over steps that fail */

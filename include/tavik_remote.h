@@ -4,11 +4,16 @@
  * or of the module unchanged: 0 on success. The functions check nothing and do not touch the error record of
  * tavik.h. Where the platform has a runtime debug log, a failed invocation writes one line to it.
  *
- * Parameters that several functions share:
+ * Parameters and results that several functions share
  *   handle                   module instance of one session, from tavik_open
  *   ..._fd                   descriptor of a shared buffer that the session maps
  *   ..._offset               bytes from the start of that buffer
  *   n_row, n_col, n_inner    extents of the matrices, in elements
+ *   n_col_q, n_col_kv        columns of QW; columns of KW and VW each
+ *   uri                      the module's name and its domain
+ *   size                     bytes
+ *   result                   the status of the platform or of the module, 0 on success
+ *
  * Layouts (ah, wh, tiles) are those of tavik.h.
  *
  * Threads: the functions keep no state. Calls on one handle from several threads are as safe as the platform makes
@@ -101,6 +106,7 @@ int tavik_veyra_get_version(uint64_t handle, uint32_t* major, uint32_t* minor, u
 
 /* ---- Description of the interface, for tools. The library itself does not read the description ---- */
 
+/* The kind of a parameter. */
 typedef enum tavik_slim_type {
   TAVIK_SLIM_STRING = 0, /* address and length of a NUL-terminated text */
   TAVIK_SLIM_REMOTE_HANDLE = 1,
@@ -108,31 +114,32 @@ typedef enum tavik_slim_type {
   TAVIK_SLIM_CHARACTERS = 3 /* address and length of a character sequence */
 } tavik_slim_type;
 
+/* Whether the host or the module writes a parameter. */
 typedef enum tavik_slim_direction { TAVIK_SLIM_IN = 0, TAVIK_SLIM_OUT = 1 } tavik_slim_direction;
 
 /* One of the six kinds of parameters. Sizes and alignments are in bytes. */
 typedef struct tavik_slim_parameter {
-  uint32_t type; /* tavik_slim_type */
-  uint32_t size;
-  uint32_t alignment;
+  uint32_t type;      /* tavik_slim_type */
+  uint32_t size;      /* bytes */
+  uint32_t alignment; /* bytes */
   uint32_t direction; /* tavik_slim_direction */
 } tavik_slim_parameter;
 
 /* One method of the interface. */
 typedef struct tavik_slim_method {
-  uint32_t buffer_counts;      /* the scalars word without the method number */
-  uint32_t primitive_in_size;  /* bytes */
-  uint32_t primitive_out_size; /* bytes */
-  uint16_t max_arguments;
-  uint16_t n_parameters;
-  const tavik_slim_parameter* const* parameters;
-  uint8_t primitive_in_alignment;
-  uint8_t primitive_out_alignment;
+  uint32_t buffer_counts;                        /* the scalars word without the method number */
+  uint32_t primitive_in_size;                    /* bytes */
+  uint32_t primitive_out_size;                   /* bytes */
+  uint16_t max_arguments;                        /* buffers and handles of a call, at most */
+  uint16_t n_parameters;                         /* entries of `parameters` */
+  const tavik_slim_parameter* const* parameters; /* in the order of the method's declaration */
+  uint8_t primitive_in_alignment;                /* bytes */
+  uint8_t primitive_out_alignment;               /* bytes */
 } tavik_slim_method;
 
 /* The whole interface. */
 typedef struct tavik_slim_interface {
-  uint32_t n_methods;
+  uint32_t n_methods;               /* entries of `methods` */
   const tavik_slim_method* methods; /* in order of their numbers */
   uint32_t n_interface_ids;         /* always 0 */
   const uint32_t* interface_ids;    /* always NULL */
@@ -141,6 +148,7 @@ typedef struct tavik_slim_interface {
   const char* characters; /* all names, each NUL-terminated */
 } tavik_slim_interface;
 
+/* The description of this interface. */
 extern const tavik_slim_interface tavik_slim;
 
 #ifdef __cplusplus

@@ -9,7 +9,7 @@
 
 #include "simd/scalar.h"
 
-namespace morun::simd {
+namespace morun::simd::inline MORUN_BACKEND {
 
 struct f32x8 {
   float lane[8];
@@ -354,4 +354,4 @@ inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
   }
 }
 
-}  // namespace morun::simd
+}  // namespace morun::simd::inline MORUN_BACKEND

@@ -4,8 +4,10 @@
 //   f32x8   eight floats
 //   f16x8   eight halves, held as their 16-bit patterns (IEEE 754 binary16)
 //
-// Three interchangeable backends give the same bits for every operation: NEON with half precision, AVX2 with FMA and
-// F16C, and plain C++. The build defines exactly one of MORUN_SIMD_NEON, MORUN_SIMD_AVX2 and MORUN_SIMD_PORTABLE.
+// Interchangeable backends give the same bits for every operation: NEON with half precision, AVX2 with FMA and F16C,
+// AVX-512, and plain C++. What uses the vocabulary is compiled once for each backend (cmake/backends.cmake). The build
+// then defines MORUN_BACKEND as the backend's name, which is also the namespace of all that is compiled, and exactly one
+// of MORUN_SIMD_NEON, MORUN_SIMD_AVX512, MORUN_SIMD_AVX2 and MORUN_SIMD_PORTABLE.
 //
 //   load, store               need no alignment
 //   store_streaming           writes past the caches; the address is a multiple of the vector's size; a loop of
@@ -38,6 +40,9 @@
 //   load_half8, load_half8_sum  load f16
 //   store                     stores sums as f16, or widened to f32
 //   accumulate(sum, a, b)     adds a * b and rounds once, to f16
+//   half8x4, half8x4_sum      four of them side by side; load_half8x4 loads 32 halves, broadcast_half8x4 loads eight
+//                             halves four times; store and accumulate as above
+//   half8x4_at_once           the number of sums whose additions fill the processor's units
 //
 // When a result of half arithmetic is NaN, its payload differs between backends. Code that stores results replaces it.
 //
@@ -86,15 +91,17 @@
 
 #if defined(MORUN_SIMD_NEON)
 #  include "simd/neon.h"
+#elif defined(MORUN_SIMD_AVX512)
+#  include "simd/avx512.h"
 #elif defined(MORUN_SIMD_AVX2)
 #  include "simd/avx2.h"
 #elif defined(MORUN_SIMD_PORTABLE)
 #  include "simd/portable.h"
 #else
-#  error "no vector backend chosen: define MORUN_SIMD_NEON, MORUN_SIMD_AVX2 or MORUN_SIMD_PORTABLE"
+#  error "no vector backend chosen: define MORUN_SIMD_NEON, MORUN_SIMD_AVX512, MORUN_SIMD_AVX2 or MORUN_SIMD_PORTABLE"
 #endif
 
-namespace morun::simd {
+namespace morun::simd::inline MORUN_BACKEND {
 
 inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
                             size_t destination_pitch) {
@@ -107,4 +114,30 @@ void prefetch_ahead(const T* p, size_t distance) {
   prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(p) + distance * sizeof(T)));
 }
 
-}  // namespace morun::simd
+#if !defined(MORUN_SIMD_HALF8X4)
+inline constexpr size_t half8x4_at_once = 4;
+struct half8x4 {
+  half8 column[4];
+};
+inline half8x4 load_half8x4(const uint16_t* p) {
+  return {load_half8(p), load_half8(p + 8), load_half8(p + 16), load_half8(p + 24)};
+}
+inline half8x4 broadcast_half8x4(const uint16_t* p) {
+  const half8 a = load_half8(p);
+  return {a, a, a, a};
+}
+struct half8x4_sum {
+  half8_sum column[4];
+};
+template <class T>
+inline void store(T* p, const half8x4_sum& a) {
+#  pragma GCC unroll 4
+  for (size_t i = 0; i < 4; ++i) store(p + 8 * i, a.column[i]);
+}
+inline void accumulate(half8x4_sum& sum, const half8x4& a, const half8x4& b) {
+#  pragma GCC unroll 4
+  for (size_t i = 0; i < 4; ++i) accumulate(sum.column[i], a.column[i], b.column[i]);
+}
+#endif
+
+}  // namespace morun::simd::inline MORUN_BACKEND

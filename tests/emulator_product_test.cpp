@@ -8,7 +8,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "simd/simd.h"
+#include "simd/scalar.h"
 #include "tests/definitions.h"
 #include "tests/emulator_session.h"
 

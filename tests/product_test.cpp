@@ -218,4 +218,31 @@ TEST_F(Products, AreExactInOneSessionAndInSeveral) {
         }
 }
 
+// The rows behind the last one, up to the end of the last tiles: zeros, whatever larger activations left there.
+TEST_F(Products, RowsBehindTheLastOneAreZeros) {
+  const struct {
+    Kind kind;
+    Shape shape;
+  } staged[] = {{f16, {193, 32, 160}}, {f16, {1, 32, 32}},  {f16, {1, 32, 160}},    {a8w8, {1, 32, 160}},
+                {a8w8, {67, 32, 96}},  {f16, {1, 32, 160}}, {a8w8, {1, 32, 96}},    {f16, {35, 32, 64}},
+                {a8w4, {1, 32, 160}},  {f16, {2, 32, 32}},  {a8w8, {193, 32, 160}}, {f16, {67, 32, 160}},
+                {a8w4, {67, 32, 64}}};
+  for (size_t i = 0; i < std::size(staged); ++i) {
+    const auto& [kind, s] = staged[i];
+    const uint64_t tile_rows = kind == f16 ? 32 : 64, width = kind == f16 ? 2 : 1;
+    const Vector<float> x = random_.values(s.rows() * s.inner());
+    std::vector<Vector<float>> a = {Vector<float>(s.rows() * s.columns())};
+    ASSERT_EQ(multiply(kind, s, {weights(kind, s.inner(), s.columns())}, a, x.data()), 0u) << last_error();
+    uint64_t n_stale = 0;
+    for (uint64_t r = s.rows(); r < round_up(s.rows(), tile_rows); ++r)
+      for (uint64_t k = 0; k < s.inner(); ++k) {
+        const uint64_t place = kind == f16 ? test::place_in_ah(r, k, s.inner()) : place_in_tall_tiles(r, k, s.inner());
+        const auto* const element = at<uint8_t>(context_->X, place * width);
+        n_stale += element[0] != 0 || element[width - 1] != 0;
+      }
+    EXPECT_EQ(n_stale, 0u) << i;
+    free_buffers();
+  }
+}
+
 }  // namespace

@@ -2,7 +2,7 @@
 #include <bit>
 #include <cstdio>
 
-#include "simd/simd.h"
+#include "simd/scalar.h"
 #include "tests/data.h"
 #include "tests/exact_half.h"
 #include "tests/support.h"

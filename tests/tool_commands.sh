@@ -1,8 +1,18 @@
 # The words that the commands in tests/transcripts/Tool*.txt and RefusedPackings.txt use. The test of the tool sets `tool`,
 # the command that starts the tool, and `libraries`, the folder of its libraries.
+completion=${BASH_SOURCE%/*}/../tools/morun/completion.bash
 set -o pipefail
 profiles=$(dirname "${BASH_SOURCE[0]}")/../platform/emulator/profiles
 morun() { "${tool[@]}" "$@"; }
+
+# Prints how bash completes the last of the given words of a command line.
+completions() {
+  . "$completion"
+  COMP_WORDS=(morun "$@") COMP_CWORD=$# COMPREPLY=()
+  compopt() { :; }  # works only while bash itself completes
+  _morun
+  printf '%s\n' "${COMPREPLY[@]}" | LC_ALL=C sort | paste -sd' '
+}
 
 # Runs a command that the tool has to refuse before it calls the platform. A refusal that comes later prints those calls.
 refused() { PARLO_TRACE=1 morun "$@"; }

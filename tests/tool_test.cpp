@@ -139,7 +139,8 @@ TEST_P(ToolScripts, Plays) {
   play();
 }
 INSTANTIATE_TEST_SUITE_P(, ToolScripts,
-                         testing::Values("ToolEmulator", "ToolErrors", "ToolInputs", "ToolOutputs", "ToolPacked", "ToolReports"),
+                         testing::Values("ToolCompletion", "ToolEmulator", "ToolErrors", "ToolInputs", "ToolOutputs",
+                                         "ToolPacked", "ToolReports"),
                          [](const auto& name) { return std::string(name.param); });
 
 // Whole numbers that quantise with a scale of exactly 1: even columns have the whole range of the levels, odd ones

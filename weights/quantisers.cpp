@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "simd/scalar.h"
-#include "simd/simd.h"
 #include "weights/calibration.h"
+#include "weights/column_loops.h"
 
 namespace weights {
 namespace {
@@ -16,105 +16,8 @@ namespace simd = morun::simd;
 
 constexpr uint16_t largest_half = 0x7bff;
 
-// What a value q stands for: (q - zero_point) * scale.
-struct Step {
-  uint16_t half = 0;  // the scale's f16; 0 in columns of zeros alone, whose every q is the zero point 0
-  float scale = 0;
-  float inverse = 0;
-  int32_t zero_point = 0;
-
-  Step() = default;
-  explicit Step(uint16_t scale_half) : half(scale_half), scale(simd::widen_bits(half)), inverse(1 / scale) {}
-};
-
 int32_t clamp_to(const Range& range, double value) {
   return static_cast<int32_t>(std::clamp<double>(value, range.low, range.high));
-}
-
-// ---- Loops over a column -------------------------------------------------------------------------------------------
-
-// The lanes of four vectors, added up one after the other.
-double total(const simd::f32x8 (&sums)[4]) {
-  double total = 0;
-  for (const simd::f32x8& sum : sums) {
-    float lanes[8];
-    simd::store(lanes, sum);
-    for (const float lane : lanes) total += double{lane};
-  }
-  return total;
-}
-
-// The bounds of a column, stretched to include 0.
-struct Bounds {
-  float low;
-  float high;
-};
-Bounds bounds_of(uint64_t n, const float* values) {
-  simd::f32x8 low = simd::broadcast(0), high = simd::broadcast(0);
-  for (uint64_t k = 0; k < n; k += 8) {
-    low = simd::lesser(simd::load(values + k), low);
-    high = simd::greater(simd::load(values + k), high);
-  }
-  float lows[8], highs[8];
-  simd::store(lows, low);
-  simd::store(highs, high);
-  return {*std::min_element(lows, lows + 8), *std::max_element(highs, highs + 8)};
-}
-
-// q - zero point of eight values.
-class Rounding {
- public:
-  Rounding(const Range& range, const Step& step)
-      : inverse_(simd::broadcast(step.inverse)),
-        low_(simd::broadcast(static_cast<float>(range.low - step.zero_point))),
-        high_(simd::broadcast(static_cast<float>(range.high - step.zero_point))) {}
-
-  // Clamped before it is rounded, which makes no difference and keeps it within 32 bits.
-  simd::i32x8 operator()(simd::f32x8 values) const {
-    return simd::to_nearest(simd::lesser(simd::greater(simd::multiply(values, inverse_), low_), high_));
-  }
-
- private:
-  simd::f32x8 inverse_, low_, high_;
-};
-
-double squared_error(const Range& range, const Step& step, uint64_t n, const float* values) {
-  const Rounding rounded(range, step);
-  const simd::f32x8 negative_scale = simd::broadcast(-step.scale);
-  simd::f32x8 sums[4] = {};
-  for (uint64_t k = 0; k < n; k += tile) {
-    for (uint64_t i = 0; i < 4; ++i) {
-      const simd::f32x8 w = simd::load(values + k + 8 * i);
-      const simd::f32x8 difference = simd::fused_multiply_add(simd::to_float(rounded(w)), negative_scale, w);
-      sums[i] = simd::fused_multiply_add(difference, difference, sums[i]);
-    }
-  }
-  return total(sums);
-}
-
-// The scale of the least squared error for the values q that `step` gives; 0 where all are the zero point.
-double fitting_scale(const Range& range, const Step& step, uint64_t n, const float* values) {
-  const Rounding rounded(range, step);
-  simd::f32x8 products[4] = {}, squares[4] = {};
-  for (uint64_t k = 0; k < n; k += tile) {
-    for (uint64_t i = 0; i < 4; ++i) {
-      const simd::f32x8 w = simd::load(values + k + 8 * i);
-      const simd::f32x8 v = simd::to_float(rounded(w));
-      products[i] = simd::fused_multiply_add(w, v, products[i]);
-      squares[i] = simd::fused_multiply_add(v, v, squares[i]);
-    }
-  }
-  const double all_squares = total(squares);
-  return all_squares > 0 ? total(products) / all_squares : 0;
-}
-
-void put_values(const Range& range, const Step& step, uint64_t n, const float* values, int8_t* q) {
-  const Rounding rounded(range, step);
-  for (uint64_t k = 0; k < n; k += tile) {
-    int32_t v[tile];
-    for (uint64_t i = 0; i < tile; i += 8) simd::store(v + i, rounded(simd::load(values + k + i)));
-    for (uint64_t i = 0; i < tile; ++i) q[k + i] = static_cast<int8_t>(v[i] + step.zero_point);
-  }
 }
 
 // ---- minmax --------------------------------------------------------------------------------------------------------
@@ -139,13 +42,17 @@ Step minmax(const Range& range, const Bounds& bounds) {
 class Search {
  public:
   Search(const Range& range, uint64_t n, const float* values, const Step& first)
-      : range_(range), n_(n), values_(values), best_(first), error_(squared_error(range, first, n, values)) {}
+      : range_(range),
+        n_(n),
+        values_(values),
+        best_(first),
+        error_(column_loops().squared_error(range, first, n, values)) {}
 
   const Step& best() const { return best_; }
 
   void consider(Step step, double zero_point) {
     step.zero_point = clamp_to(range_, zero_point);
-    const double error = squared_error(range_, step, n_, values_);
+    const double error = column_loops().squared_error(range_, step, n_, values_);
     if (!(error < error_)) return;
     error_ = error;
     best_ = step;
@@ -180,13 +87,14 @@ void shorten_range(const Range& range, const Bounds& bounds, const Step& whole, 
 }
 
 Step mse(const Range& range, uint64_t n, const float* values) {
-  const Bounds bounds = bounds_of(n, values);
+  const Bounds bounds = column_loops().bounds_of(n, values);
   const Step whole = minmax(range, bounds);
   if (whole.half == 0) return whole;
   Search search(range, n, values, whole);
   shorten_range(range, bounds, whole, search);
   for (int round = 0; round < 2; ++round) {
-    const uint16_t half = simd::narrow_bits(static_cast<float>(fitting_scale(range, search.best(), n, values)));
+    const uint16_t half =
+        simd::narrow_bits(static_cast<float>(column_loops().fitting_scale(range, search.best(), n, values)));
     if (half > 0 && half <= largest_half) search.consider(Step(half), search.best().zero_point);
     for (const int by : {-1, 1}) search.consider(search.best(), search.best().zero_point + by);
   }
@@ -279,10 +187,11 @@ void quantise(int32_t form, int32_t quantiser, const morun_weights_calibration* 
   Step steps[tile];
   for (uint64_t c = 0; c < tile; ++c) {
     const float* const values = columns.column(c);
-    steps[c] = quantiser == MORUN_WEIGHTS_MINMAX ? minmax(range, bounds_of(n, values)) : mse(range, n, values);
+    steps[c] =
+        quantiser == MORUN_WEIGHTS_MINMAX ? minmax(range, column_loops().bounds_of(n, values)) : mse(range, n, values);
     quantised.scales[c] = steps[c].half;
     quantised.zero_points[c] = steps[c].zero_point;
-    put_values(range, steps[c], n, values, quantised.q + c * n);
+    column_loops().put_values(range, steps[c], n, values, quantised.q + c * n);
   }
   if (quantiser == MORUN_WEIGHTS_CALIBRATED) quantise_rows(range, steps, *calibration, columns, quantised.q);
 }

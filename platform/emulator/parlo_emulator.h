@@ -17,6 +17,17 @@
  * PARLO_EMULATOR_NO_MEMORY (0x0c), or NULL or -1 with errno ENOMEM, and changes nothing. A product is the
  * exception: its results may be partly written.
  *
+ * Parameters and results that several functions share
+ *   config                 the configuration
+ *   usage                  receives the counts
+ *   index                  number of a call, from 0
+ *   call                   receives the call
+ *   operation              parlo_emulator_operation
+ *   method                 the method number whose invocations count; -1: of any method
+ *   nth                    1, or 0, is the next call
+ *   status, error_number   what the failing call returns, and its errno
+ *   fault                  the fault, which is copied
+ *
  * Plain C11, also valid C++.
  */
 #ifndef PARLO_EMULATOR_H
@@ -29,10 +40,9 @@
 extern "C" {
 #endif
 
-/* ---- Statuses of the emulator's own refusals, one for each cause ----
- *
- * A comment that begins with "open:", "map:" and the like names the operation that returns the status. */
+/* ---- Statuses of the emulator's own refusals, one for each cause ---- */
 
+/* A comment that begins with "open:", "map:" and the like names the operation that returns the status. */
 typedef enum parlo_emulator_status {
   PARLO_EMULATOR_NO_MEMORY = 0x0c,          /* the host has no memory left for the call */
   PARLO_EMULATOR_BAD_ARGUMENT = 0x0e,       /* a NULL pointer, a record of the wrong size, an unknown request */
@@ -120,17 +130,17 @@ double parlo_emulator_estimated_seconds(void);
 
 /* What the emulated platform allows and answers. The defaults are those of a process without a profile. */
 typedef struct parlo_emulator_config {
-  uint64_t session_bytes;    /* bytes of address space of one session; default 3 GiB */
-  uint64_t allocation_bytes; /* bytes of shared memory of the whole process; default all ones, no limit */
-  uint32_t n_sessions;       /* sessions that can be open at a time, with the first; default 8 */
-  int32_t lowest_descriptor; /* shared memory gets the lowest free descriptor from here on; default 0 */
-  uint32_t architecture;     /* answer to PARLO_ATTRIBUTE_ARCHITECTURE; default 0x73 */
-  uint32_t module_major;     /* version of the DSP module; default 1.0.0 beta1, compiled for 73 */
-  uint32_t module_minor;
-  uint32_t module_patch;
-  uint32_t module_architecture;
-  char module_label[32];
-  uint32_t shared_matrix_unit; /* 1: one matrix unit for all contexts; default 0: one for each context */
+  uint64_t session_bytes;       /* bytes of address space of one session; default 3 GiB */
+  uint64_t allocation_bytes;    /* bytes of shared memory of the whole process; default all ones, no limit */
+  uint32_t n_sessions;          /* sessions that can be open at a time, with the first; default 8 */
+  int32_t lowest_descriptor;    /* shared memory gets the lowest free descriptor from here on; default 0 */
+  uint32_t architecture;        /* answer to PARLO_ATTRIBUTE_ARCHITECTURE; default 0x73 */
+  uint32_t module_major;        /* version of the DSP module; default 1.0.0 beta1, compiled for 73 */
+  uint32_t module_minor;        /* version of the DSP module */
+  uint32_t module_patch;        /* version of the DSP module */
+  uint32_t module_architecture; /* that the DSP module was compiled for */
+  char module_label[32];        /* pre-release label of the DSP module, NUL-terminated */
+  uint32_t shared_matrix_unit;  /* 1: one matrix unit for all contexts; default 0: one for each context */
 } parlo_emulator_config;
 
 /* Copies the configuration to `config`. */
@@ -180,7 +190,7 @@ typedef enum parlo_emulator_operation {
   PARLO_EMULATOR_ANY_OPERATION = -1 /* for faults: any operation that can fail */
 } parlo_emulator_operation;
 
-#define PARLO_EMULATOR_MAX_ARGUMENTS 12
+#define PARLO_EMULATOR_MAX_ARGUMENTS 12     /* arguments of a call that the trace keeps */
 #define PARLO_EMULATOR_TRACE_CAPACITY 65536 /* calls that the trace keeps; older ones are counted, but cannot be read */
 
 /* One call of the trace. */
@@ -188,9 +198,9 @@ typedef struct parlo_emulator_call {
   int32_t operation; /* parlo_emulator_operation */
   int32_t result;    /* what the call returned; 0 or -1 for an operation that returns an address; a status for a free */
   int32_t method;    /* the method number of an invoke, otherwise -1 */
-  uint32_t n_arguments; /* entries of `arguments` that are used */
-  uint64_t arguments[PARLO_EMULATOR_MAX_ARGUMENTS];
-  char text[128]; /* cut to fit; empty where the operation has no text */
+  uint32_t n_arguments;                             /* entries of `arguments` that are used */
+  uint64_t arguments[PARLO_EMULATOR_MAX_ARGUMENTS]; /* what parlo_emulator_operation lists */
+  char text[128];                                   /* cut to fit; empty where the operation has no text */
 } parlo_emulator_call;
 
 /* Returns the number of calls since the last reset or clear. The trace leaves out a call whose record finds no
@@ -260,12 +270,12 @@ typedef enum parlo_emulator_fault_class {
 
 /* A fault, and the calls that the fault counts. */
 typedef struct parlo_emulator_fault {
-  int32_t fault_class; /* parlo_emulator_fault_class */
-  int32_t operation;   /* parlo_emulator_operation whose calls count */
-  int32_t method;      /* only invocations of this method number count; -1: of any method */
-  uint32_t nth;        /* 1, or 0, is the next call */
-  int32_t status;
-  int32_t error_number;
+  int32_t fault_class;  /* parlo_emulator_fault_class */
+  int32_t operation;    /* parlo_emulator_operation whose calls count */
+  int32_t method;       /* only invocations of this method number count; -1: of any method */
+  uint32_t nth;         /* 1, or 0, is the next call */
+  int32_t status;       /* what a failing call returns */
+  int32_t error_number; /* its errno */
 } parlo_emulator_fault;
 
 /* Arms a fault, which replaces the fault that is armed. parlo_mem_free and platform_debug_log cannot fail, and no

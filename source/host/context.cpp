@@ -6,6 +6,7 @@
 #include "include/dsp_capability.h"
 #include "source/host/error.h"
 #include "source/host/shared_memory.h"
+#include "source/host/staging.h"
 #include "source/own.h"
 
 MORUN_OWN(get_domain)
@@ -106,8 +107,8 @@ int32_t tavik_context_alloc(tavik_context** context) {
   if (context == nullptr)
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_without_output, tavik::null_location);
   void* record = nullptr;
-  TAVIK_TRY(tavik_malloc_zero(&record, sizeof(tavik_context)));
-  *context = static_cast<tavik_context*>(record);
+  TAVIK_TRY(tavik_malloc_zero(&record, sizeof(tavik::ContextRecord)));
+  *context = &static_cast<tavik::ContextRecord*>(record)->context;
   (*context)->active_session = no_session;
   return TAVIK_SUCCESS;
 }

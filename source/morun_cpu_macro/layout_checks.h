@@ -1,7 +1,7 @@
 // Checks of the layout calls' arguments. The log line of a failed check names the call that made the check.
 #pragma once
 
-#include "source/host/util/tiles.h"
+#include "source/tiles.h"
 #include "source/log_line.h"
 
 namespace morun {

@@ -1,5 +1,5 @@
 #include "include/morun.h"
-#include "source/host/util/bands.h"
+#include "source/loops.h"
 #include "source/morun_cpu_macro/layout_checks.h"
 
 namespace {
@@ -10,6 +10,6 @@ constexpr char reporting_file[] = "source/morun_cpu_macro/morun_cpu_ah_to_rm_f16
 
 uint32_t morun_cpu_ah_to_rm_f16_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
   MORUN_TRY(morun::require_square_tiles(MORUN_HERE, n_row, n_col, data));
-  tavik::f16_ah_to_rows(n_row, n_col, data);
+  tavik::loops().f16_ah_to_rows(n_row, n_col, data);
   return MORUN_SUCCESS;
 }

@@ -1,5 +1,5 @@
 #include "include/morun.h"
-#include "source/host/util/int_tiles.h"
+#include "source/loops.h"
 #include "source/morun_cpu_macro/layout_checks.h"
 
 namespace {
@@ -12,6 +12,6 @@ uint32_t morun_cpu_rm_to_wh_i8(uint64_t n_inner, uint64_t n_row, const uint8_t* 
   MORUN_TRY(morun::require_pointers(MORUN_HERE, src, dst));
   MORUN_TRY(morun::require_multiple(MORUN_HERE, "n_row", tavik::tall_tile_rows, n_row));
   MORUN_TRY(morun::require_multiple(MORUN_HERE, "n_inner", tavik::tile_side, n_inner));
-  tavik::byte_rows_to_tiles(n_row, n_inner, src, dst);
+  tavik::loops().byte_rows_to_tiles(n_row, n_inner, src, dst);
   return MORUN_SUCCESS;
 }

@@ -2,8 +2,8 @@
 #include <cstring>
 
 #include "include/morun_tensor.h"
-#include "source/host/util/tiles.h"
 #include "source/morun_npu_macro/npu_checks.h"
+#include "source/tiles.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
-#include "source/host/util/tiles.h"
+#include "source/host/staging.h"
 #include "source/morun_npu_macro/npu_checks.h"
+#include "source/tiles.h"
 
 namespace {
 
@@ -24,6 +25,7 @@ int32_t morun_npu_mm_u8i4_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
   if (!is_in_whole_tiles || morun::activation_fits({n_row, n_col, n_inner})) {
     const uint32_t status = morun_cpu_rm_to_wh_i8(depth, height, X, static_cast<uint8_t*>(context->X));
     if (status != MORUN_SUCCESS) return static_cast<int32_t>(status);
+    tavik::note_staged(context, height * depth);
   }
   // Kept: after the addition only the bit of value 32 is cleared, not the five lower bits.
   constexpr uint32_t tile_rows = tavik::tile_side;

@@ -1,8 +1,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "source/host/util/tiles.h"
+#include "source/host/staging.h"
 #include "source/morun_npu_macro/npu_checks.h"
+#include "source/tiles.h"
 
 namespace {
 
@@ -32,7 +33,10 @@ int32_t morun_npu_mm_u8i8_i32(int32_t domain, int32_t n_row, int32_t n_col, int3
   if (const int32_t status = morun::find_registered(MORUN_HERE, "W_i8_npu", W_i8_npu, &W_fd); status != MORUN_SUCCESS)
     return status | morun_npu_free(W_i8_npu);
 
-  if (morun::activation_fits(shape)) morun_cpu_rm_to_wh_i8(depth, height, X, static_cast<uint8_t*>(context->X));
+  if (morun::activation_fits(shape)) {
+    morun_cpu_rm_to_wh_i8(depth, height, X, static_cast<uint8_t*>(context->X));
+    tavik::note_staged(context, height * depth);
+  }
   const auto n_row_64 = static_cast<int32_t>(tavik::round_up_to_64(n_row));
   const uint32_t A_fd = ~0u, X_fd = ~0u;
   MORUN_DEMAND(tavik_veyra_1mm_ui8i8_i32_tessel(context, n_row_64, n_col, n_inner, A_fd, X_fd, W_fd, 0, 0, 0));

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "source/host/util/tiles.h"
+#include "source/tiles.h"
 #include "source/log_line.h"
 #include "source/morun_npu_macro/npu_state.h"
 

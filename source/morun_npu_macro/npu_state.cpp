@@ -37,7 +37,7 @@ struct Variable {
   void* copy;
 };
 constinit Variable variables[] = {
-    {"context", &own::context, sizeof own::context, nullptr},
+    {"context", &own::context, sizeof own::context, nullptr},  // the pointer: NOLINT(bugprone-sizeof-expression)
     {"morun_map_db", own::morun_map_db, sizeof own::morun_map_db, nullptr},
     {"version_prerel", own::version_prerel, sizeof own::version_prerel, nullptr},
     {"npu_version", own::npu_version, sizeof own::npu_version, nullptr},

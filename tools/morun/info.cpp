@@ -14,6 +14,7 @@
 #include "tools/morun/library.h"
 #include "tools/morun/standard_streams.h"
 #include "tools/morun/upper.h"
+#include "tools/morun/version.h"
 
 namespace tool {
 namespace {
@@ -97,14 +98,10 @@ Json capabilities() {
 }
 
 Json library() {
-#if defined(MORUN_SIMD_NEON)
-  const char* const backend = "neon";
-#elif defined(MORUN_SIMD_AVX2)
-  const char* const backend = "avx2";
-#elif defined(MORUN_SIMD_PORTABLE)
-  const char* const backend = "portable";
-#endif
-  return {{"version", MORUN_VERSION}, {"vector_backend", backend}};
+  return {{"version", MORUN_VERSION},
+          {"vector_backends_built", vector_backends(MORUN_BACKENDS_BUILT)},
+          {"vector_backends_supported", vector_backends(MORUN_BACKENDS_SUPPORTED)},
+          {"vector_backend", vector_backends(MORUN_BACKENDS_IN_USE)}};
 }
 
 Json limits() {

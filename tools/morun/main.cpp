@@ -27,6 +27,7 @@
 #include "tools/morun/kernels.h"
 #include "tools/morun/standard_streams.h"
 #include "tools/morun/suggestion.h"
+#include "tools/morun/version.h"
 
 namespace {
 
@@ -371,7 +372,9 @@ void print_want_of_memory() {
 
 int run(int n_argument, char** arguments) {
   CLI::App app{"Matrix products on the NPU, from the command line", "morun"};
-  app.set_version_flag("--version", MORUN_VERSION);
+  bool as_json = false;
+  auto* const json = app.add_flag("--json", as_json, "with --version: its details, as one JSON document");
+  json->needs(app.set_version_flag("--version", [&as_json] { return tool::version_text(as_json); }));
   app.require_subcommand(1);
   app.footer(exit_statuses);
   add_info(app);

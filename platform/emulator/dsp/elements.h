@@ -13,7 +13,7 @@
 #include "platform/emulator/dsp/matrix_unit.h"
 #include "simd/simd.h"
 
-namespace parlo::dsp {
+namespace parlo::dsp::inline MORUN_BACKEND {
 
 namespace simd = morun::simd;
 
@@ -154,4 +154,4 @@ struct IntegerElements {
 using ByteElements = IntegerElements<8>;
 using NibbleElements = IntegerElements<4>;
 
-}  // namespace parlo::dsp
+}  // namespace parlo::dsp::inline MORUN_BACKEND

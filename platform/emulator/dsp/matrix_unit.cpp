@@ -8,8 +8,9 @@
 
 #include "platform/emulator/dsp/elements.h"
 #include "platform/emulator/dsp/parallel.h"
+#include "simd/backends.h"
 
-namespace parlo::dsp {
+namespace parlo::dsp::inline MORUN_BACKEND {
 namespace {
 
 // The number of steps in one pass. A panel and a column of tiles of this depth fit into the first-level cache.
@@ -314,8 +315,10 @@ constexpr ProductKind kind(bool whole_bands) {
 
 }  // namespace
 
-constexpr ProductKind f16 = kind<HalfElements>(true);
-constexpr ProductKind a8w8 = kind<ByteElements>(false);
-constexpr ProductKind a8w4 = kind<NibbleElements>(false);
+}  // namespace parlo::dsp::inline MORUN_BACKEND
 
-}  // namespace parlo::dsp
+// The only name that leaves a backend.
+extern "C" const parlo::dsp::ProductKinds MORUN_BACKEND_NAME(parlo_matrix_unit);
+const parlo::dsp::ProductKinds MORUN_BACKEND_NAME(parlo_matrix_unit) = {
+    parlo::dsp::kind<parlo::dsp::HalfElements>(true), parlo::dsp::kind<parlo::dsp::ByteElements>(false),
+    parlo::dsp::kind<parlo::dsp::NibbleElements>(false)};

@@ -24,17 +24,23 @@ struct ProductKind {
   void (*multiply)(const Shape& shape, const std::byte* X, const std::byte* W, std::byte* A);
 };
 
-// Halves. A tile of X or A holds row pair after row pair, and a row pair holds column after column. A tile of W holds
-// column pairs in the same way. Each sum is kept in one f32, is taken in ascending order of the inner index, and is
-// then rounded once to the nearest half. When a result is NaN, its payload is unspecified.
-extern const ProductKind f16;
+struct ProductKinds {
+  // Halves. A tile of X or A holds row pair after row pair, and a row pair holds column after column. A tile of W holds
+  // column pairs in the same way. Each sum is kept in one f32, is taken in ascending order of the inner index, and is
+  // then rounded once to the nearest half. When a result is NaN, its payload is unspecified.
+  ProductKind f16;
 
-// Unsigned bytes times signed bytes to i32, exact modulo 2^32. Tiles of X and A are row-major. A tile of W holds groups
-// of four columns, and a group holds row after row.
-extern const ProductKind a8w8;
+  // Unsigned bytes times signed bytes to i32, exact modulo 2^32. Tiles of X and A are row-major. A tile of W holds
+  // groups of four columns, and a group holds row after row.
+  ProductKind a8w8;
 
-// The same as a8w8, with signed weights of four bits. A tile of W holds groups of eight columns. Each byte holds one of
-// the group's first four columns in its lower half and one of the last four in its upper half.
-extern const ProductKind a8w4;
+  // The same as a8w8, with signed weights of four bits. A tile of W holds groups of eight columns. Each byte holds one
+  // of the group's first four columns in its lower half and one of the last four in its upper half.
+  ProductKind a8w4;
+};
+
+// The matrix unit, compiled for the vector backend that the process uses. The first call chooses the backend, as the
+// library does.
+const ProductKinds& matrix_unit();
 
 }  // namespace parlo::dsp

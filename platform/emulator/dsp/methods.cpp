@@ -149,7 +149,7 @@ int32_t multiply_3(const Job& job, const ProductKind& kind, const Arguments& a) 
 
 #define PARLO_PRODUCT(method, multiply, kind)                                \
   int32_t run(const Job& job, const remote::method##_arguments& arguments) { \
-    return multiply(job, kind, arguments);                                   \
+    return multiply(job, matrix_unit().kind, arguments);                     \
   }
 PARLO_PRODUCT(tavik_veyra_mm_f16, multiply_1_on_own_buffers, f16)
 PARLO_PRODUCT(tavik_veyra_1mm_f16, multiply_1, f16)

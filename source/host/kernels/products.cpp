@@ -4,6 +4,7 @@
 
 #include "source/host/context.h"
 #include "source/host/kernels/size_check.h"
+#include "source/host/staging.h"
 
 namespace tavik {
 namespace {
@@ -38,9 +39,10 @@ uint64_t f16_result_bytes(int32_t n_row, int32_t n_col) {
   return 2 * widen_dimension(n_col) * round_up_to_32(n_row);
 }
 
-void stage_f16(const tavik_context* context, const Activation& activation) {
-  tavik_f32_rm_to_f16_ah(widen_dimension(activation.n_row), widen_dimension(activation.n_inner), activation.X,
-                         static_cast<uint16_t*>(context->X));
+void stage_f16(tavik_context* context, const Activation& activation) {
+  const uint64_t n_row = widen_dimension(activation.n_row), n_inner = widen_dimension(activation.n_inner);
+  tavik_f32_rm_to_f16_ah(n_row, n_inner, activation.X, static_cast<uint16_t*>(context->X));
+  clear_stale_rows(context, staged_halves(n_row, n_inner));
 }
 int32_t bring_back_f16(tavik_context* context, const Activation& activation, const Weights& weights, int buffer) {
   tavik_f16_ah_to_f32_rm(widen_dimension(activation.n_row), widen_dimension(weights.n_col),
@@ -55,11 +57,12 @@ uint64_t quantised_result_bytes(int32_t n_row, int32_t n_col) {
   return 4 * widen_dimension(n_col) * round_up_to_64(n_row);
 }
 
-void stage_quantised(const tavik_context* context, const Activation& activation) {
+void stage_quantised(tavik_context* context, const Activation& activation) {
+  const uint64_t n_row = widen_dimension(activation.n_row), n_inner = widen_dimension(activation.n_inner);
   const QuantisedStaging staging(activation);
-  tavik_f32_rm_to_u8_ah(widen_dimension(activation.n_row), widen_dimension(activation.n_inner), activation.X,
-                        static_cast<uint8_t*>(context->X), at<float>(context->X, staging.scales),
-                        at<uint32_t>(context->X, staging.sums));
+  tavik_f32_rm_to_u8_ah(n_row, n_inner, activation.X, static_cast<uint8_t*>(context->X),
+                        at<float>(context->X, staging.scales), at<uint32_t>(context->X, staging.sums));
+  clear_stale_rows(context, staged_bytes(n_row, n_inner, staging.end));
 }
 
 // Stores the address of the weight buffer in *base. Fails when zero points, scales or sums reach past the buffer's end.
@@ -98,7 +101,7 @@ constexpr auto bring_back_a8w4 = bring_back_quantised<uint32_t, 4, tavik_a8w4_ou
 struct Family {
   uint64_t (*activation_bytes)(const Activation&);
   uint64_t (*result_bytes)(int32_t n_row, int32_t n_col);
-  void (*stage)(const tavik_context*, const Activation&);
+  void (*stage)(tavik_context*, const Activation&);
   int32_t (*bring_back)(tavik_context*, const Activation&, const Weights&, int buffer);
 
   // The fields below apply when several products run one after the other. Each product leaves its result in A0.

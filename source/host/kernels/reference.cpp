@@ -1,176 +1,38 @@
-#include <algorithm>
-#include <bit>
-
 #include "include/tavik.h"
-#include "simd/simd.h"
 #include "source/host/error.h"
 #include "source/host/kernels/size_check.h"
+#include "source/host/staging.h"
+#include "source/loops.h"
 #include "source/own.h"
 
-MORUN_OWN(qmmbp_HxD)
-MORUN_OWN(qdotxH)
-MORUN_OWN(dravin_math_matmul_pq)
+MORUN_WEAK(qmmbp_HxD)
 MORUN_WEAK(qmmbp_HxD_)
+MORUN_WEAK(qdotxH)
+MORUN_WEAK(dravin_math_matmul_pq)
 
-namespace {
+using tavik::loops;
 
-namespace simd = morun::simd;
-
-constexpr uint64_t side = 4;             // rows and columns of an output block
-constexpr uint64_t group = 8;            // inner indices of one weight column that stand together
-constexpr uint64_t super_block = 4;      // blocks along each side of the part of the result that stays in the caches
-constexpr uint64_t group_elements = 32;  // weights of one group: 8 inner indices of a block's 4 columns
-
-// The backends produce different NaNs. Stored results hold this one.
-float settled(float sum) {
-  return sum == sum ? sum : std::bit_cast<float>(0x7fc00000u);
-}
-float sum_of_fours(const float lane[4]) {
-  return settled((lane[0] + lane[1]) + (lane[2] + lane[3]));
-}
-float sum_of_eights(const float lane[8]) {
-  return settled(((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7])));
+void qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
+  loops().qmmbp_HxD(ldc, n_inner, C, Wb, Ab);
 }
 
-// Computes the sums of four rows times four columns. Lane l of a sum takes the inner indices l, l + 8, l + 16 and so
-// on.
-void multiply_block(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, float (*sums)[side][group]) {
-  simd::half8_sum sum[side][side] = {};
-  for (uint64_t g = 0; g < n_inner / group; ++g) {
-    simd::half8 w[side];
-    for (uint64_t j = 0; j < side; ++j) w[j] = simd::load_half8(Wb + g * group_elements + j * group);
-    for (uint64_t i = 0; i < side; ++i) {
-      const simd::half8 a = simd::load_half8(Ab + i * n_inner + g * group);
-      for (uint64_t j = 0; j < side; ++j) simd::accumulate(sum[i][j], a, w[j]);
-    }
-  }
-  // The unrolling lets the compiler keep the sums in registers. With a variable index here, the sums would stay in
-  // memory in the loop above as well.
-#pragma GCC unroll 4
-  for (uint64_t i = 0; i < side; ++i)
-#pragma GCC unroll 4
-    for (uint64_t j = 0; j < side; ++j) simd::store(sums[i][j], sum[i][j]);
-}
-
-// Adds even groups to sums[0] and odd groups to sums[1].
-void multiply_row(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Arow, uint16_t (*sums)[side][group]) {
-  simd::half8_sum sum[2][side] = {};
-  for (uint64_t g = 0; g < n_inner / (2 * group) * 2; g += 2)
-    for (uint64_t odd = 0; odd < 2; ++odd) {
-      const simd::half8 a = simd::load_half8(Arow + (g + odd) * group);
-      for (uint64_t j = 0; j < side; ++j) {
-        const simd::half8 w = simd::load_half8(Wb + (g + odd) * group_elements + j * group);
-        simd::accumulate(sum[odd][j], a, w);
-      }
-    }
-  for (uint64_t odd = 0; odd < 2; ++odd)
-    for (uint64_t j = 0; j < side; ++j) simd::store(sums[odd][j], sum[odd][j]);
-}
-
-// Kept: the function reads n_inner consecutive weights, although a whole block stores its four columns interleaved.
-float multiply_column(uint64_t n_inner, const uint16_t* column, const uint16_t* Arow) {
-  float sum = 0;
-  for (uint64_t k = 0; k < n_inner; ++k)
-    sum += simd::widen_bits(simd::narrow_bits(simd::widen_bits(Arow[k]) * simd::widen_bits(column[k])));
-  return settled(sum);
-}
-
-uint64_t count_blocks(uint64_t extent) {
-  return extent / side + (extent % side != 0);
-}
-// Returns the number of rows or columns that block `index` covers: four, fewer at the edge, and 0 past the edge.
-uint64_t covered(uint64_t extent, uint64_t index) {
-  return index < count_blocks(extent) ? std::min(side, extent - index * side) : 0;
-}
-
-}  // namespace
-
-void own::qmmbp_HxD(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
-  float sums[side][side][group];
-  simd::in_half_arithmetic([&] { multiply_block(n_inner, Wb, Ab, sums); });
-  for (uint64_t i = 0; i < side; ++i)
-    for (uint64_t j = 0; j < side; ++j) C[i * ldc + j] = sum_of_eights(sums[i][j]);
-}
-MORUN_EXPORT_OWN(qmmbp_HxD)
-
-// Two columns share a vector of eight lanes; each column has four lanes.
 void qmmbp_HxD_(uint64_t ldc, uint64_t n_inner, float* C, const uint16_t* Wb, const uint16_t* Ab) {
-  simd::f32x8 sum[side][2];
-  for (auto& pairs : sum) pairs[0] = pairs[1] = simd::broadcast(0);
-  for (uint64_t g = 0; g < n_inner / group; ++g) {
-    simd::f32x8 first[2], second[2];
-    for (uint64_t pair = 0; pair < 2; ++pair) {
-      const uint16_t* const columns = Wb + g * group_elements + pair * 2 * group;
-      const simd::f16x8 even = simd::load(columns), odd = simd::load(columns + group);
-      first[pair] = simd::widen(simd::lower_fours(even, odd));
-      second[pair] = simd::widen(simd::upper_fours(even, odd));
-    }
-    for (uint64_t i = 0; i < side; ++i) {
-      const simd::f16x8 a = simd::load(Ab + i * n_inner + g * group);
-      const simd::f32x8 lower = simd::widen(simd::lower_fours(a, a)), upper = simd::widen(simd::upper_fours(a, a));
-      for (uint64_t pair = 0; pair < 2; ++pair) {
-        sum[i][pair] = simd::multiply_add(lower, first[pair], sum[i][pair]);
-        sum[i][pair] = simd::multiply_add(upper, second[pair], sum[i][pair]);
-      }
-    }
-  }
-  for (uint64_t i = 0; i < side; ++i)
-    for (uint64_t pair = 0; pair < 2; ++pair) {
-      float lanes[8];
-      simd::store(lanes, sum[i][pair]);
-      C[i * ldc + 2 * pair] = sum_of_fours(lanes);
-      C[i * ldc + 2 * pair + 1] = sum_of_fours(lanes + 4);
-    }
+  loops().qmmbp_HxD_(ldc, n_inner, C, Wb, Ab);
 }
 
-// Kept: the sums are added up in f16, and a row can therefore differ in its last bits from the same row of qmmbp_HxD.
-void own::qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* Arow) {
-  uint16_t sums[2][side][group];
-  simd::in_half_arithmetic([&] { multiply_row(n_inner, Wb, Arow, sums); });
-  simd::f16x8 column[side];  // eight partial sums of each column
-  for (uint64_t j = 0; j < side; ++j) column[j] = simd::add(simd::load(sums[0][j]), simd::load(sums[1][j]));
-  const auto fold = [](simd::f16x8 a, simd::f16x8 b) {
-    return simd::add(simd::lower_fours(a, b), simd::upper_fours(a, b));
-  };
-  const auto add_neighbours = [](simd::f16x8 a, simd::f16x8 b) {
-    return simd::add(simd::unzip_even(a, b), simd::unzip_odd(a, b));
-  };
-  const simd::f16x8 two_each = add_neighbours(fold(column[0], column[1]), fold(column[2], column[3]));
-  float totals[8];
-  simd::store(totals, simd::widen(add_neighbours(two_each, two_each)));
-  for (uint64_t j = 0; j < side; ++j) Crow[j] = settled(totals[j]);
+void qdotxH(uint64_t n_inner, float* Crow, const uint16_t* Wb, const uint16_t* Arow) {
+  loops().qdotxH(n_inner, Crow, Wb, Arow);
 }
-MORUN_EXPORT_OWN(qdotxH)
 
-void own::dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint64_t p, uint64_t q, float* C,
-                                const uint16_t* A, const uint16_t* W) {
-  const uint64_t rows = covered(n_row, p), columns = covered(n_col, q);
-  if (rows == 0 || columns == 0) return;
-  float* const block = C + p * side * n_col + q * side;
-  const uint16_t* const Ab = A + p * side * n_inner;
-  const uint16_t* const Wb = W + q * side * n_inner;
-  if (rows == side && columns == side) return own::qmmbp_HxD(n_col, n_inner, block, Wb, Ab);
-  for (uint64_t i = 0; i < rows; ++i) {
-    float* const Crow = block + i * n_col;
-    const uint16_t* const Arow = Ab + i * n_inner;
-    if (columns == side) {
-      own::qdotxH(n_inner, Crow, Wb, Arow);
-      continue;
-    }
-    for (uint64_t j = 0; j < columns; ++j) Crow[j] = multiply_column(n_inner, Wb + j * n_inner, Arow);
-  }
+void dravin_math_matmul_pq(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint64_t p, uint64_t q, float* C,
+                           const uint16_t* A, const uint16_t* W) {
+  loops().dravin_math_matmul_pq(n_row, n_col, n_inner, p, q, C, A, W);
 }
-MORUN_EXPORT_OWN(dravin_math_matmul_pq)
 
 uint32_t tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(const tavik_context* context, uint64_t n_row, uint64_t n_col,
                                               uint64_t n_inner, float* C, const uint16_t* A, const uint16_t* W) {
   TAVIK_TRY(tavik::mm_size_check(context, n_row, n_col, n_inner));
-  const uint64_t P = count_blocks(n_row), Q = count_blocks(n_col);
-  for (uint64_t p0 = 0; p0 < P; p0 += super_block)
-    for (uint64_t q0 = 0; q0 < Q; q0 += super_block)
-      for (uint64_t p = p0; p < std::min(p0 + super_block, P); ++p)
-        for (uint64_t q = q0; q < std::min(q0 + super_block, Q); ++q)
-          own::dravin_math_matmul_pq(n_row, n_col, n_inner, p, q, C, A, W);
+  loops().cpu_mm(n_row, n_col, n_inner, C, A, W);
   return TAVIK_SUCCESS;
 }
 
@@ -179,6 +41,8 @@ uint32_t tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(tavik_context* context, uint64_t n
   TAVIK_TRY(tavik::mm_size_check(context, n_row, n_col, n_inner));
   TAVIK_TRY(tavik::cross_session_size_check(context, 2 * n_row * n_inner, 0));
   auto* const halves = static_cast<uint16_t*>(context->X);
-  tavik_f32_to_f16(n_row * n_inner, A, halves);
-  return tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb(context, n_row, n_col, n_inner, C, halves, W);
+  loops().f32_to_f16(n_row * n_inner, A, halves);
+  tavik::note_staged(context, 2 * n_row * n_inner);
+  loops().cpu_mm(n_row, n_col, n_inner, C, halves, W);
+  return TAVIK_SUCCESS;
 }

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "include/tavik.h"
-#include "source/host/util/tiles.h"
+#include "source/tiles.h"
 
 namespace tavik {
 

@@ -2,13 +2,12 @@
 #include <utility>
 
 #include "include/tavik.h"
-#include "source/host/util/bands.h"
-#include "source/host/util/blocks.h"
-#include "source/host/util/tiles.h"
+#include "source/loops.h"
+#include "source/tiles.h"
 
 namespace {
 
-using tavik::divide_up, tavik::i4_tile_bytes, tavik::tile_side;
+using tavik::divide_up, tavik::tile_side;
 
 std::byte* bytes(void* data) {
   return static_cast<std::byte*>(data);
@@ -47,13 +46,13 @@ uint64_t tavik_apply_padding(uint64_t size) {
 
 #define TAVIK_MATRIX_FAMILY(type, linearize, unlinearize, transpose)                                       \
   void linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, type* data) {   \
-    tavik::block_linearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));               \
+    tavik::loops().block_linearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));       \
   }                                                                                                        \
   void unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, type* data) { \
-    tavik::block_unlinearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));             \
+    tavik::loops().block_unlinearize(n_row, n_col, block_rows, block_cols, sizeof(type), bytes(data));     \
   }                                                                                                        \
   void transpose(uint64_t n_row, uint64_t n_col, type* data) {                                             \
-    tavik::transpose_units(n_row, n_col, sizeof(type), bytes(data));                                       \
+    tavik::loops().transpose_units(n_row, n_col, sizeof(type), bytes(data));                               \
   }
 TAVIK_MATRIX_FAMILY(int8_t, tavik_matrix_block_linearize_i8, tavik_matrix_block_unlinearize_i8,
                     tavik_matrix_transpose_i8)
@@ -70,20 +69,20 @@ TAVIK_MATRIX_FAMILY(float, tavik_matrix_block_linearize_f32, tavik_matrix_block_
 #undef TAVIK_MATRIX_FAMILY
 
 void tavik_f16_rm_to_f16_ah_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
-  if (is_whole_tiles(n_row) && is_whole_tiles(n_col)) return tavik::f16_rows_to_ah(n_row, n_col, data);
+  if (is_whole_tiles(n_row) && is_whole_tiles(n_col)) return tavik::loops().f16_rows_to_ah(n_row, n_col, data);
   tavik_matrix_block_linearize_f16(n_row, n_col, 2, 1, data);
   tavik_matrix_block_linearize_f16(n_row / 2, 2 * n_col, 16, 64, data);
 }
 
 void tavik_f16_ah_to_f16_rm_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
-  if (is_whole_tiles(n_row) && is_whole_tiles(n_col)) return tavik::f16_ah_to_rows(n_row, n_col, data);
+  if (is_whole_tiles(n_row) && is_whole_tiles(n_col)) return tavik::loops().f16_ah_to_rows(n_row, n_col, data);
   tavik_matrix_block_unlinearize_f16(n_row / 2, 2 * n_col, 16, 64, data);
   tavik_matrix_block_unlinearize_f16(n_row, n_col, 2, 1, data);
 }
 
 void tavik_f16_rm_to_f16_wh_inplace(uint64_t n_row, uint64_t n_col, uint16_t* data) {
   if (is_whole_tiles(n_row) && n_col % 2 == 0)
-    return tavik::rows_to_word_columns(n_row / tile_side, n_col / 2, tavik::WordMap::keep, bytes(data));
+    return tavik::loops().rows_to_word_columns(n_row / tile_side, n_col / 2, tavik::WordMap::keep, bytes(data));
   tavik_matrix_transpose_f16(n_row, n_col, data);
   tavik_matrix_block_linearize_f16(n_col, n_row, 2, 1, data);
   tavik_matrix_block_linearize_f16(n_col / 2, 2 * n_row, n_col / 2, 64, data);
@@ -91,7 +90,7 @@ void tavik_f16_rm_to_f16_wh_inplace(uint64_t n_row, uint64_t n_col, uint16_t* da
 
 void tavik_i8_rm_to_i8_wh_inplace(uint64_t n_row, uint64_t n_col, int8_t* data) {
   if (is_whole_tiles(n_row) && n_col % 4 == 0)
-    return tavik::rows_to_word_columns(n_row / tile_side, n_col / 4, tavik::WordMap::keep, bytes(data));
+    return tavik::loops().rows_to_word_columns(n_row / tile_side, n_col / 4, tavik::WordMap::keep, bytes(data));
   tavik_matrix_transpose_i8(n_row, n_col, data);
   tavik_matrix_block_linearize_i8(n_col, n_row, 4, 1, data);
   tavik_matrix_block_linearize_i8(n_col / 4, 4 * n_row, n_col / 4, 128, data);
@@ -105,31 +104,13 @@ void tavik_i4_rm_to_i4_wh_inplace(uint64_t n_row, uint64_t n_col, uint32_t* data
   const uint64_t bands = tiles_along(n_row), words_per_row = tiles_along(n_col) * tile_side / 8;
   if (bands == 0) return;
   if (!is_whole_tiles(n_row) || !is_whole_tiles(n_col)) pad_packed_rows_to_tiles(n_row, n_col, bytes(data));
-  tavik::rows_to_word_columns(bands, words_per_row, tavik::WordMap::zip_nibbles, bytes(data));
+  tavik::loops().rows_to_word_columns(bands, words_per_row, tavik::WordMap::zip_nibbles, bytes(data));
 }
 
 void tavik_host_layout_flat_to_w4_tile32x32(uint8_t* dst, const uint8_t* src) {
-  for (uint64_t group = 0; group < 4; ++group) {
-    for (uint64_t col = 0; col < tile_side; ++col) {
-      for (uint64_t q = 0; q < 4; ++q) {
-        const unsigned low = src[(8 * group + q) * tile_side + col];
-        const unsigned high = src[(8 * group + 4 + q) * tile_side + col];
-        dst[group * 128 + col * 4 + q] = static_cast<uint8_t>((low & 15u) | (high & 15u) << 4);
-      }
-    }
-  }
+  tavik::loops().w4_flat_to_weight(dst, src, tile_side, tile_side);
 }
 
 void tavik_host_layout_w4_flat_to_weight(uint8_t* dst, const uint8_t* src, uint64_t n_row, uint64_t n_col) {
-  const uint64_t tile_rows = tiles_along(n_row), tile_cols = tiles_along(n_col);
-  for (uint64_t t1 = 0; t1 < tile_rows; ++t1) {
-    for (uint64_t t2 = 0; t2 < tile_cols; ++t2) {
-      uint8_t tile[tile_side * tile_side] = {};
-      const uint64_t rows = n_row - t1 * tile_side < tile_side ? n_row - t1 * tile_side : tile_side;
-      const uint64_t cols = n_col - t2 * tile_side < tile_side ? n_col - t2 * tile_side : tile_side;
-      for (uint64_t row = 0; row < rows; ++row)
-        memcpy(tile + row * tile_side, src + (t1 * tile_side + row) * n_col + t2 * tile_side, cols);
-      tavik_host_layout_flat_to_w4_tile32x32(dst + (t2 * tile_rows + t1) * i4_tile_bytes, tile);
-    }
-  }
+  tavik::loops().w4_flat_to_weight(dst, src, n_row, n_col);
 }

@@ -1,0 +1,72 @@
+// Half-precision arithmetic on x86-64 processors that have it. These instructions round to nearest and keep subnormals
+// whatever the control register says of f32, except for the direction of rounding, which the library never changes here.
+// simd/avx2.h includes this file.
+#pragma once
+
+namespace morun::simd::inline MORUN_BACKEND {
+
+inline f16x8 add(f16x8 a, f16x8 b) {
+  return {_mm_castph_si128(_mm_add_ph(_mm_castsi128_ph(a.v), _mm_castsi128_ph(b.v)))};
+}
+inline f16x8 multiply(f16x8 a, f16x8 b) {
+  return {_mm_castph_si128(_mm_mul_ph(_mm_castsi128_ph(a.v), _mm_castsi128_ph(b.v)))};
+}
+inline f16x8 multiply_add(f16x8 a, f16x8 b, f16x8 c) {
+  return {_mm_castph_si128(_mm_fmadd_ph(_mm_castsi128_ph(a.v), _mm_castsi128_ph(b.v), _mm_castsi128_ph(c.v)))};
+}
+
+struct half8 {
+  __m128h v;
+};
+inline half8 load_half8(const uint16_t* p) {
+  return {_mm_loadu_ph(p)};
+}
+
+struct half8_sum {
+  __m128h v;
+};
+inline half8_sum load_half8_sum(const uint16_t* p) {
+  return {_mm_loadu_ph(p)};
+}
+inline void store(uint16_t* p, half8_sum a) {
+  _mm_storeu_ph(p, a.v);
+}
+inline void store(float* p, half8_sum a) {
+  store(p, widen({_mm_castph_si128(a.v)}));
+}
+inline void accumulate(half8_sum& sum, half8 a, half8 b) {
+  sum.v = _mm_fmadd_ph(a.v, b.v, sum.v);
+}
+template <class Body>
+inline void in_half_arithmetic(const Body& body) {
+  body();
+}
+
+// A row of halves is broadcast to the four parts of a register, and four columns of weights fill another.
+#define MORUN_SIMD_HALF8X4
+inline constexpr size_t half8x4_at_once = 8;
+struct half8x4 {
+  __m512h v;
+};
+inline half8x4 load_half8x4(const uint16_t* p) {
+  return {_mm512_loadu_ph(p)};
+}
+inline half8x4 broadcast_half8x4(const uint16_t* p) {
+  return {_mm512_castsi512_ph(_mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))))};
+}
+struct half8x4_sum {
+  __m512h v;
+};
+inline void store(uint16_t* p, const half8x4_sum& a) {
+  _mm512_storeu_ph(p, a.v);
+}
+inline void store(float* p, const half8x4_sum& a) {
+  const __m512i halves = _mm512_castph_si512(a.v);
+  _mm512_storeu_ps(p, _mm512_cvtph_ps(_mm512_castsi512_si256(halves)));
+  _mm512_storeu_ps(p + 16, _mm512_cvtph_ps(_mm512_extracti64x4_epi64(halves, 1)));
+}
+inline void accumulate(half8x4_sum& sum, const half8x4& a, const half8x4& b) {
+  sum.v = _mm512_fmadd_ph(a.v, b.v, sum.v);
+}
+
+}  // namespace morun::simd::inline MORUN_BACKEND

@@ -1,0 +1,258 @@
+#include "source/loops.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "simd/simd.h"
+#include "source/loops/scratch.h"
+#include "source/tiles.h"
+
+namespace tavik::inline MORUN_BACKEND {
+namespace {
+
+namespace simd = morun::simd;
+
+constexpr uint64_t nowhere = ~uint64_t{0};
+
+// Maps the places of units in a row-major band to their places in blocks, and back. The band has n_row of block_rows
+// rows. When n_col is no multiple of block_cols, the last block has n_col % block_cols columns. All other places in the
+// blocks are padding.
+struct Band {
+  uint64_t n_row, n_col, block_rows, block_cols;
+
+  uint64_t size() const { return n_row * n_col; }
+  uint64_t place_in_blocks(uint64_t place) const {
+    if (place >= size()) return nowhere;
+    const uint64_t row = place / n_col, column = place % n_col;
+    return (column / block_cols * block_rows + row) * block_cols + column % block_cols;
+  }
+  uint64_t place_in_rows(uint64_t place) const {
+    const uint64_t row = place / block_cols % block_rows;
+    const uint64_t column = place / block_cols / block_rows * block_cols + place % block_cols;
+    return row < n_row && column < n_col ? row * n_col + column : nowhere;
+  }
+};
+
+// Each cycle of the permutation is walked once, from its lowest place. The function finds the lowest place by walking
+// the cycle; that takes longer than marking visited places but needs no memory.
+template <class Source>
+bool is_lowest_of_its_cycle(uint64_t place, Source source_of) {
+  uint64_t other = source_of(place);
+  while (other != nowhere && other > place) other = source_of(other);
+  return other == place;
+}
+
+// Moves units of `unit` bytes, one slice of a unit at a time. Each of the first n_places places takes the unit at
+// source_of(place), or keeps its own unit when source_of(place) is nowhere. destination_of is the inverse of source_of.
+// A place whose unit goes to none of the first n_places places is the end of an open path, and the path is walked from
+// there.
+template <class Source, class Destination>
+void follow_paths(uint64_t n_places, size_t unit, std::byte* data, Source source_of, Destination destination_of) {
+  constexpr size_t slice_bytes = 64;
+  std::byte held[slice_bytes];
+  for (size_t offset = 0; offset < unit; offset += slice_bytes) {
+    const size_t length = std::min(slice_bytes, unit - offset);
+    const auto slice = [&](uint64_t place) { return data + place * unit + offset; };
+    for (uint64_t first = 0; first < n_places; ++first) {
+      const uint64_t destination = destination_of(first);
+      if (destination < first) continue;  // neither the end of an open path nor the lowest place of a cycle
+      if (destination < n_places && !is_lowest_of_its_cycle(first, source_of)) continue;
+      memcpy(held, slice(first), length);
+      uint64_t to = first, from = source_of(to);
+      for (; from != nowhere && from != first; from = source_of(to)) {
+        memcpy(slice(to), slice(from), length);
+        to = from;
+      }
+      if (from == first) memcpy(slice(to), held, length);
+    }
+  }
+}
+
+// Passes the usual unit sizes as constants, so that copying a unit compiles to one or a few instructions.
+template <class Body>
+void with_constant_size(size_t size, Body body) {
+  switch (size) {
+    case 1:
+      return body([] { return size_t{1}; });
+    case 2:
+      return body([] { return size_t{2}; });
+    case 4:
+      return body([] { return size_t{4}; });
+    case 16:
+      return body([] { return size_t{16}; });
+    default:
+      return body([size] { return size; });
+  }
+}
+
+// A patch is rows [row, row_end) and columns [column, column_end) of an n_row x n_col matrix. The function copies a
+// patch to its place in the transpose.
+struct Patch {
+  uint64_t row, row_end, column, column_end;
+};
+template <class Size>
+void transpose_patch(uint64_t n_row, uint64_t n_col, const Patch& patch, Size size, const std::byte* from,
+                     std::byte* to) {
+  for (uint64_t column = patch.column; column < patch.column_end; ++column)
+    for (uint64_t row = patch.row; row < patch.row_end; ++row)
+      memcpy(to + (column * n_row + row) * size(), from + (row * n_col + column) * size(), size());
+}
+
+// Transposes four rows of units of 16 bytes, the height of most blocks. The units of two columns are loaded before the
+// first of them is stored: where rows lie a multiple of 4 KiB apart, processors let a load wait for a store before it
+// whose address ends in the same 12 bits. n_col is even.
+void transpose_four_rows(uint64_t n_col, const std::byte* from, std::byte* to) {
+  const auto unit = [=](uint64_t row, uint64_t column) {
+    return simd::load(reinterpret_cast<const uint16_t*>(from + (row * n_col + column) * 16));
+  };
+  for (uint64_t column = 0; column < n_col; column += 2) {
+    const simd::f16x8 held[8] = {unit(0, column),     unit(1, column),     unit(2, column),     unit(3, column),
+                                 unit(0, column + 1), unit(1, column + 1), unit(2, column + 1), unit(3, column + 1)};
+    for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + (4 * column + i) * 16), held[i]);
+  }
+}
+
+// Transposes eight by eight elements of 2 or 4 bytes. Pitches are in bytes.
+void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch, size_t width) {
+  if (width == 4) return simd::transpose_words(from, from_pitch, to, to_pitch);
+  simd::f16x8 row[8], zipped[8];
+  for (size_t i = 0; i < 8; ++i) row[i] = simd::load(reinterpret_cast<const uint16_t*>(from + i * from_pitch));
+  // Each round interleaves rows i and i + 4. Three rounds transpose the eight rows.
+  for (int again = 0; again < 3; ++again) {
+    for (size_t i = 0; i < 4; ++i) {
+      zipped[2 * i] = simd::zip_low(row[i], row[i + 4]);
+      zipped[2 * i + 1] = simd::zip_high(row[i], row[i + 4]);
+    }
+    std::copy(zipped, zipped + 8, row);
+  }
+  for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch), row[i]);
+}
+
+// Transposes to other memory, in patches of 32 x 32. Without patches, each column would read whole cache lines that the
+// next columns need again, and rows whose length is a power of two would compete for the same sets of the caches.
+void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* from, std::byte* to) {
+  constexpr uint64_t side = 32;
+  if (unit == 16 && n_row == 4 && n_col % 2 == 0) return transpose_four_rows(n_col, from, to);
+  with_constant_size(unit, [&](auto size) {
+    for (uint64_t column = 0; column < n_col; column += side) {
+      for (uint64_t row = 0; row < n_row; row += side) {
+        const Patch patch = {row, std::min(row + side, n_row), column, std::min(column + side, n_col)};
+        const bool is_whole = patch.row_end == row + side && patch.column_end == column + side;
+        if (!is_whole || (size() != 2 && size() != 4)) {
+          transpose_patch(n_row, n_col, patch, size, from, to);
+          continue;
+        }
+        for (uint64_t c = column; c < patch.column_end; c += 8)
+          for (uint64_t r = row; r < patch.row_end; r += 8)
+            transpose_eight(from + (r * n_col + c) * size(), n_col * size(), to + (c * n_row + r) * size(),
+                            n_row * size(), size());
+      }
+    }
+  });
+}
+
+// Copies the blocks of one band into `rows` row-major rows of `pitch` elements. The right part of the last block may
+// lie outside the rows.
+void copy_band_out_of_blocks(uint64_t rows, uint64_t pitch, uint64_t block_rows, uint64_t block_cols, size_t width,
+                             const std::byte* blocks, std::byte* band) {
+  for (uint64_t column = 0; column < pitch; column += block_cols) {
+    const size_t length = std::min(block_cols, pitch - column) * width;
+    for (uint64_t row = 0; row < rows; ++row)
+      memcpy(band + (row * pitch + column) * width, blocks + row * block_cols * width, length);
+    blocks += block_rows * block_cols * width;
+  }
+}
+
+// Does the work of copy_band_out_of_blocks in place, without scratch memory. The blocks begin `distance` bytes behind
+// the rows.
+void move_band_out_of_blocks(const Band& band, size_t unit, size_t distance, std::byte* rows) {
+  const uint64_t ahead = distance / unit;
+  const auto source_of = [&](uint64_t to) {
+    const uint64_t place = band.place_in_blocks(to);
+    return place == nowhere ? nowhere : ahead + place;
+  };
+  follow_paths(band.size(), unit, rows, source_of,
+               [&](uint64_t from) { return from < ahead ? nowhere : band.place_in_rows(from - ahead); });
+}
+
+// Moves row-major units at the start of `data` to their places in blocks, as far as these places lie inside rest_bytes.
+// The last place may lie inside only in part.
+void linearize_rest(const Band& rest, size_t piece, size_t rest_bytes, std::byte* data) {
+  const uint64_t n_places = rest_bytes / piece;
+  const auto source_of = [&](uint64_t to) { return rest.place_in_rows(to); };
+  // The partial place lies behind the last row-major unit, so writing it overwrites no unit that still has to move.
+  if (const uint64_t source = source_of(n_places); source != nowhere)
+    memcpy(data + n_places * piece, data + source * piece, rest_bytes % piece);
+  const Scratch scratch(rest.size() * piece);
+  if (!scratch)
+    return follow_paths(n_places, piece, data, source_of, [&](uint64_t from) { return rest.place_in_blocks(from); });
+  memcpy(scratch.bytes(), data, rest.size() * piece);
+  for (uint64_t to = 0; to < n_places; ++to)
+    if (const uint64_t source = source_of(to); source != nowhere)
+      memcpy(data + to * piece, scratch.bytes() + source * piece, piece);
+}
+
+// Transposes each of n_band matrices, which stand one behind the other.
+void transpose_bands(uint64_t n_band, uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
+  if (n_band == 0 || n_row < 2 || n_col < 2) return;
+  const size_t band_bytes = n_row * n_col * unit;
+  const Scratch scratch(band_bytes);
+  for (; n_band > 0; --n_band, data += band_bytes) {
+    if (scratch) {
+      transpose_to(n_row, n_col, unit, data, scratch.bytes());
+      memcpy(data, scratch.bytes(), band_bytes);
+    } else {
+      const Band band = {n_row, n_col, n_row, 1};
+      follow_paths(
+          band.size(), unit, data, [&](uint64_t to) { return band.place_in_rows(to); },
+          [&](uint64_t from) { return band.place_in_blocks(from); });
+    }
+  }
+}
+
+}  // namespace
+
+void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
+  transpose_bands(1, n_row, n_col, unit, data);
+}
+
+// A band of block_rows rows and the blocks of this band occupy the same bytes. Cutting the band's rows into pieces of
+// block_cols elements and transposing the pieces therefore gives the blocks.
+void block_linearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, size_t width,
+                     std::byte* data) {
+  if (block_rows == 0 || block_cols == 0) return;
+  const uint64_t n_block_cols = n_col / block_cols;
+  const size_t piece = block_cols * width;
+  const size_t band_bytes = block_rows * n_block_cols * piece;
+  transpose_bands(n_row / block_rows, block_rows, n_block_cols, piece, data);
+
+  // The remaining rows are placed like the rows of a whole band, as far as their places lie inside the array.
+  const Band rest = {n_row % block_rows, n_block_cols, block_rows, 1};
+  if (rest.size() == 0) return;
+  const size_t rest_bytes = n_row * n_col * width - n_row / block_rows * band_bytes;
+  linearize_rest(rest, piece, rest_bytes, data + n_row / block_rows * band_bytes);
+}
+
+void block_unlinearize(uint64_t n_row, uint64_t n_col, uint64_t block_rows, uint64_t block_cols, size_t width,
+                       std::byte* data) {
+  if (block_rows == 0 || block_cols == 0 || n_row == 0 || n_col == 0) return;
+  const uint64_t n_block_cols = divide_up(n_col, block_cols);
+  const size_t blocks_bytes = block_rows * n_block_cols * block_cols * width;
+  const size_t band_bytes = block_rows * n_col * width;
+  const Scratch scratch(std::min(block_rows, n_row) * n_col * width);
+  for (uint64_t first_row = 0, band = 0; first_row < n_row; first_row += block_rows, ++band) {
+    const uint64_t rows = std::min(block_rows, n_row - first_row);
+    std::byte* const blocks = data + band * blocks_bytes;
+    std::byte* const to = data + band * band_bytes;
+    if (scratch) {
+      copy_band_out_of_blocks(rows, n_col, block_rows, block_cols, width, blocks, scratch.bytes());
+      memcpy(to, scratch.bytes(), rows * n_col * width);
+    } else if (n_col % block_cols == 0) {
+      move_band_out_of_blocks({rows, n_block_cols, block_rows, 1}, block_cols * width, 0, to);
+    } else {
+      move_band_out_of_blocks({rows, n_col, block_rows, block_cols}, width, band * (blocks_bytes - band_bytes), to);
+    }
+  }
+}
+
+}  // namespace tavik::inline MORUN_BACKEND

@@ -1,0 +1,174 @@
+#include "source/loops.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "source/loops/quantise.h"
+
+namespace tavik::inline MORUN_BACKEND {
+namespace {
+
+namespace simd = morun::simd;
+
+constexpr uint16_t half_nan = 0x7e00;
+constexpr uint16_t half_sign = 0x8000;
+
+// The two widths of weights, with their bounds and storage. `low` is also the zero point of a row whose least element
+// is 0. A stored word holds one value of 8 bits, or eight values of 4 bits.
+struct I8 {
+  static constexpr float divisor = 255, low = -128, high = 127;
+  using Word = int8_t;
+  static constexpr uint64_t per_word = 1;
+  static void store(int8_t* p, simd::u8x32 q) { simd::store(reinterpret_cast<uint8_t*>(p), q); }
+};
+struct I4 {
+  static constexpr float divisor = 15, low = -8, high = 7;
+  using Word = uint32_t;
+  static constexpr uint64_t per_word = 8;
+  static void store(uint32_t* p, simd::u8x32 q) { simd::store_nibbles(p, q); }
+};
+
+struct Extremes {
+  float min, max;
+};
+
+// Returns minimum and maximum, which start at the row's first element. The comparisons ignore NaN unless the row starts
+// with one; then both results are NaN.
+Extremes extremes_of(const uint16_t* row, uint64_t n_col) {
+  if (n_col == 0) return {0, 0};
+  const float first = simd::widen_bits(row[0]);
+  simd::f32x8 min[2] = {simd::broadcast(first), simd::broadcast(first)};
+  simd::f32x8 max[2] = {min[0], min[0]};
+  uint64_t c = 0;
+  for (; c + 16 <= n_col; c += 16) {
+    for (size_t i = 0; i < 2; ++i) {
+      const simd::f32x8 x = simd::widen(simd::load(row + c + 8 * i));
+      min[i] = simd::lesser(x, min[i]);
+      max[i] = simd::greater(x, max[i]);
+    }
+  }
+  float mins[8], maxs[8];
+  simd::store(mins, simd::lesser(min[0], min[1]));
+  simd::store(maxs, simd::greater(max[0], max[1]));
+  Extremes extremes = {first, first};
+  const auto include = [&extremes](float least, float most) {
+    if (least < extremes.min) extremes.min = least;
+    if (most > extremes.max) extremes.max = most;
+  };
+  for (size_t i = 0; i < 8; ++i) include(mins[i], maxs[i]);
+  for (; c < n_col; ++c) include(simd::widen_bits(row[c]), simd::widen_bits(row[c]));
+  return extremes;
+}
+
+struct HalfStep {
+  uint16_t scale, inverse, zero_point;
+};
+
+// A NaN becomes 0, both in the stored zero point and in the zero point that quantises the row.
+template <class Width>
+uint16_t whole_zero_point(uint16_t x) {
+  const float rounded = std::round(simd::widen_bits(x));
+  if (rounded != rounded) return 0;
+  if (rounded < Width::low) return simd::narrow_bits(Width::low);
+  return simd::narrow_bits(rounded > Width::high ? Width::high : rounded);
+}
+
+// A difference or quotient of halves has the same value whether it is rounded to f32 and then to f16, or to f16 at
+// once.
+template <class Width>
+HalfStep half_step_of(const uint16_t* row, uint64_t n_col) {
+  const Extremes extremes = extremes_of(row, n_col);
+  const uint16_t range = simd::narrow_bits(extremes.max - extremes.min);
+  const float scale = simd::widen_bits(simd::narrow_bits(simd::widen_bits(range) / Width::divisor));
+  const uint16_t inverse = scale != 0 ? simd::narrow_bits(1 / scale) : 0;
+  const uint16_t zero_point = simd::half_fma(static_cast<uint16_t>(inverse ^ half_sign),
+                                             simd::narrow_bits(extremes.min), simd::narrow_bits(Width::low));
+  return {scale == scale ? simd::narrow_bits(scale) : half_nan, inverse, whole_zero_point<Width>(zero_point)};
+}
+
+int8_t stored_zero_point(const HalfStep& step) {
+  return static_cast<int8_t>(simd::widen_bits(step.zero_point));
+}
+
+// Quantises the values of one row, 32 at a time.
+template <class Width>
+class HalfRow {
+ public:
+  explicit HalfRow(const HalfStep& step) : inverse_(broadcast(step.inverse)), zero_point_(broadcast(step.zero_point)) {}
+
+  simd::u8x32 quantise(const uint16_t* from) const {
+    const simd::f32x8 low = simd::broadcast(Width::low), high = simd::broadcast(Width::high);
+    Segment v;
+    for (size_t i = 0; i < 4; ++i) {
+      const simd::f16x8 q = simd::multiply_add(simd::load(from + 8 * i), inverse_, zero_point_);
+      // Clamping before rounding gives the same result as clamping afterwards, because the bounds are integers.
+      v[i] = simd::to_nearest(simd::lesser(simd::greater(simd::number_or_zero(simd::widen(q)), low), high));
+    }
+    return simd::pack_bytes(v[0], v[1], v[2], v[3]);
+  }
+
+ private:
+  static simd::f16x8 broadcast(uint16_t half) {
+    const uint16_t halves[8] = {half, half, half, half, half, half, half, half};
+    return simd::load(halves);
+  }
+
+  simd::f16x8 inverse_, zero_point_;
+};
+
+// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word.
+template <class Width>
+int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to) {
+  const HalfRow<Width> row(step);
+  simd::i32x8 sums{};
+  uint64_t c = 0;
+  for (; c + segment_cols <= n_col; c += segment_cols) {
+    const simd::u8x32 q = row.quantise(from + c);
+    Width::store(to + c / Width::per_word, q);
+    sums = simd::add_bytes(sums, simd::flip_top_bits(q));
+  }
+  uint32_t sum = simd::sum(sums) - 128 * static_cast<uint32_t>(c);
+  if (c == n_col) return static_cast<int32_t>(sum);
+
+  uint16_t rest[segment_cols] = {};
+  memcpy(rest, from + c, (n_col - c) * sizeof *from);
+  const simd::u8x32 q = row.quantise(rest);
+  typename Width::Word words[segment_cols / Width::per_word];
+  Width::store(words, q);
+  memcpy(to + c / Width::per_word, words, (n_col - c) / Width::per_word * sizeof *to);
+  uint8_t bytes[segment_cols];
+  simd::store(bytes, q);
+  for (uint64_t i = 0; i < n_col - c; ++i) sum += static_cast<uint32_t>(static_cast<int8_t>(bytes[i]));
+  return static_cast<int32_t>(sum);
+}
+
+}  // namespace
+
+void f16_rm_to_i8_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, int8_t* dst, int8_t* zero_points,
+                     uint16_t* scales, int32_t* sums) {
+  for (uint64_t r = 0; r < n_row; ++r) {
+    const uint16_t* const from = src + r * n_col;
+    const HalfStep step = half_step_of<I8>(from, n_col);
+    zero_points[r] = stored_zero_point(step);
+    scales[r] = step.scale;
+    sums[r] = quantise_half_row<I8>(from, n_col, step, dst + r * n_col);
+  }
+}
+
+void f16_rm_to_i4_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, uint32_t* dst, uint32_t* zero_points,
+                     uint16_t* scales, int32_t* sums) {
+  const uint64_t words_per_row = n_col / 8;
+  uint32_t packed = 0;
+  for (uint64_t r = 0; r < n_row; ++r) {
+    const uint16_t* const from = src + r * n_col;
+    const HalfStep step = half_step_of<I4>(from, n_col);
+    scales[r] = step.scale;
+    sums[r] = quantise_half_row<I4>(from, 8 * words_per_row, step, dst + r * words_per_row);
+    packed |= (static_cast<uint32_t>(stored_zero_point(step)) & 15) << 4 * (r % 8);
+    if (r % 8 != 7) continue;
+    zero_points[r / 8] |= packed;  // kept: words are not cleared first; a last group of fewer than 8 rows is dropped
+    packed = 0;
+  }
+}
+
+}  // namespace tavik::inline MORUN_BACKEND

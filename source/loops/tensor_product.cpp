@@ -1,0 +1,346 @@
+// Each lane of a register holds one of the four sums whose order is prescribed. A panel is eight columns of the result.
+// The panel's sums of one row, or the panel's weights of four inner indices, stand in four vectors: vector v holds the
+// four lanes of column v and then the four lanes of column v + 4. The activation is broadcast four values at a time.
+//
+// Inner indices are taken in steps of eight. Four zeros may fill up the last step. Adding zeros leaves every sum as it
+// is, because no sum is -0.
+#include "source/loops.h"
+
+#include <algorithm>
+#include <cstring>
+#include <type_traits>
+
+#include "simd/simd.h"
+#include "source/loops/scratch.h"
+#include "source/tiles.h"
+
+namespace tavik::inline MORUN_BACKEND {
+namespace {
+
+namespace simd = morun::simd;
+
+constexpr size_t n_lane = 4;
+constexpr size_t step = 8;
+constexpr size_t panel_columns = 8;
+constexpr size_t n_vector = 4;
+constexpr size_t panel_lanes = panel_columns * n_lane;
+constexpr size_t group_rows = 3;  // their sums, activation and one vector of weights fill sixteen registers
+
+// The largest extents of a block. The block's widened activation stays in the second-level cache, and a panel's weights
+// stay in the first-level cache.
+constexpr size_t block_rows = 129, block_columns = 256, block_inner = 512;
+// With at most few_rows rows, each group of rows widens the weights again, which costs less than storing them widened.
+constexpr size_t few_rows = 6, few_rows_inner = 1024;
+// A single group of rows reads each weight only once. Longer runs along a column then read memory faster.
+constexpr size_t single_group_inner = 4096;
+
+constexpr size_t line_halves = Scratch::line / sizeof(uint16_t);
+constexpr size_t weights_lead = 512;   // halves of a column between the prefetch and the use
+constexpr size_t activation_lead = 8;  // rows between the prefetch and the use
+
+struct Range {
+  size_t begin, end;
+  size_t size() const { return end - begin; }
+};
+Range range_from(size_t begin, size_t most, size_t end) {
+  return {begin, begin + std::min(most, end - begin)};
+}
+
+// The activation and the sums of up to three rows.
+struct Group {
+  const float* activation;  // [four][row]
+  float* sums;              // [row][vector]
+  bool is_new;              // sums start from 0
+};
+
+template <size_t n_row>
+using Sums = simd::f32x8[n_row][n_vector];
+
+template <size_t n_row>
+void load_sums(const Group& group, Sums<n_row>& sums) {
+#pragma GCC unroll 3
+  for (size_t i = 0; i < n_row; ++i)
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v)
+      sums[i][v] = group.is_new ? simd::broadcast(0) : simd::load(group.sums + i * panel_lanes + 8 * v);
+}
+template <size_t n_row>
+void store_sums(const Sums<n_row>& sums, const Group& group) {
+#pragma GCC unroll 3
+  for (size_t i = 0; i < n_row; ++i)
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v) simd::store(group.sums + i * panel_lanes + 8 * v, sums[i][v]);
+}
+
+template <size_t n_row>
+void accumulate_widened(size_t n_inner, const Group& group, const float* weights) {
+  Sums<n_row> sums;
+  load_sums<n_row>(group, sums);
+  const float* activation = group.activation;
+  for (size_t k = 0; k < n_inner; k += step) {
+#pragma GCC unroll 2
+    for (size_t four = 0; four < step / n_lane; ++four) {
+      simd::f32x8 x[n_row];
+#pragma GCC unroll 3
+      for (size_t i = 0; i < n_row; ++i) x[i] = simd::broadcast_four(activation + i * n_lane);
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) {
+        const simd::f32x8 w = simd::load(weights + 8 * v);
+#pragma GCC unroll 3
+        for (size_t i = 0; i < n_row; ++i) sums[i][v] = simd::multiply_add(x[i], w, sums[i][v]);
+      }
+      activation += n_row * n_lane;
+      weights += panel_lanes;
+    }
+  }
+  store_sums<n_row>(sums, group);
+}
+
+// The weights of a panel in the order of memory.
+struct Columns {
+  const uint16_t* column[panel_columns];
+  size_t to_next_panel;  // halves
+
+  // Prefetches one cache line of each column. Near the end of the block, the function prefetches the first lines of the
+  // next panel instead.
+  void fetch_ahead(size_t k, size_t n_inner) const {
+    const size_t ahead = k + weights_lead < n_inner ? weights_lead : weights_lead + to_next_panel - n_inner;
+    for (const uint16_t* const start : column) simd::prefetch_ahead(start, k + ahead);
+  }
+};
+
+// With `keep`, the function stores the widened weights for the groups of rows that follow.
+template <size_t n_row, bool keep>
+void accumulate_halves(size_t n_inner, const Group& group, const Columns& columns, [[maybe_unused]] float* widened) {
+  Sums<n_row> sums;
+  load_sums<n_row>(group, sums);
+  const float* activation = group.activation;
+  for (size_t k = 0; k < n_inner; k += step) {
+    if (k % line_halves == 0) columns.fetch_ahead(k, n_inner);
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v) {
+      const simd::f32x8 left = simd::widen(simd::load(columns.column[v] + k));
+      const simd::f32x8 right = simd::widen(simd::load(columns.column[v + n_vector] + k));
+      const simd::f32x8 first = simd::lower_fours(left, right), second = simd::upper_fours(left, right);
+      if constexpr (keep) {
+        simd::store(widened + 8 * v, first);
+        simd::store(widened + panel_lanes + 8 * v, second);
+      }
+#pragma GCC unroll 3
+      for (size_t i = 0; i < n_row; ++i) {
+        sums[i][v] = simd::multiply_add(simd::broadcast_four(activation + i * n_lane), first, sums[i][v]);
+        sums[i][v] = simd::multiply_add(simd::broadcast_four(activation + (n_row + i) * n_lane), second, sums[i][v]);
+      }
+    }
+    activation += 2 * n_row * n_lane;
+    if constexpr (keep) widened += 2 * panel_lanes;
+  }
+  store_sums<n_row>(sums, group);
+}
+
+template <size_t n_row>
+void accumulate_halves(size_t n_inner, const Group& group, const Columns& columns, float* widened) {
+  if (widened) return accumulate_halves<n_row, true>(n_inner, group, columns, widened);
+  accumulate_halves<n_row, false>(n_inner, group, columns, nullptr);
+}
+
+// The last four weights of each column, padded with zeros to a step.
+struct Ends {
+  Ends(const Columns& columns, size_t k) {
+    for (size_t c = 0; c < panel_columns; ++c) {
+      memcpy(values[c], columns.column[c] + k, n_lane * sizeof(uint16_t));
+      as_columns.column[c] = values[c];
+    }
+  }
+  uint16_t values[panel_columns][step] = {};
+  Columns as_columns = {};
+};
+
+// Adds a piece of the inner dimension: whole steps, and the four indices that may follow them.
+template <size_t n_row>
+void accumulate_piece(size_t n_inner, Group group, const Columns& columns, float* widened) {
+  const size_t whole_steps = n_inner / step * step;
+  accumulate_halves<n_row>(whole_steps, group, columns, widened);
+  if (whole_steps == n_inner) return;
+  group.activation += n_row * whole_steps;
+  group.is_new = false;
+  if (widened) widened += panel_columns * whole_steps;
+  accumulate_halves<n_row>(step, group, Ends(columns, whole_steps).as_columns, widened);
+}
+
+// Writes the values four at a time to to[0], to[pitch] and so on.
+void widen_steps(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
+  for (size_t k = 0; k < n_inner; k += step, to += 2 * pitch) {
+    if (k % line_halves == 0) simd::prefetch(row_to_fetch + k);
+    simd::store_fours(to, to + pitch, simd::widen(simd::load(row + k)));
+  }
+}
+void widen_row(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
+  const size_t whole_steps = n_inner / step * step;
+  widen_steps(row, whole_steps, row_to_fetch, to, pitch);
+  if (whole_steps == n_inner) return;
+  uint16_t end[step] = {};
+  memcpy(end, row + whole_steps, n_lane * sizeof(uint16_t));
+  widen_steps(end, step, end, to + whole_steps / n_lane * pitch, pitch);
+}
+
+// Calls body(first row, number of rows as a constant).
+template <class Body>
+void for_each_group(size_t n_row, Body body) {
+  for (size_t row = 0; row < n_row;) {
+    const size_t left = n_row - row, n = left == 4 ? 2 : std::min(group_rows, left);
+    if (n == 3) body(row, std::integral_constant<size_t, 3>());
+    if (n == 2) body(row, std::integral_constant<size_t, 2>());
+    if (n == 1) body(row, std::integral_constant<size_t, 1>());
+    row += n;
+  }
+}
+
+// The result is computed in blocks of rows and columns, and a block in pieces of the inner dimension. For each piece,
+// the block's rows of the activation are widened and each panel of the block adds the piece's terms to its sums. The
+// sums stay in memory between the pieces. After the last piece come the terms past the last four inner indices, and the
+// sums are rounded.
+
+// The extents of a block that does not reach an edge of the result.
+struct Blocking {
+  size_t n_row, n_col, n_inner;
+};
+
+// Memory for the current block, in f32.
+struct Working {
+  float* weights;     // one panel: [four][vector]; NULL when each group widens its weights
+  float* sums;        // [panel][row][vector]
+  float* activation;  // [group of rows][four][row]
+};
+
+// The weights past the last four inner indices of each column of a block, [index][column].
+struct Tails {
+  size_t count;
+  float weights[n_lane - 1][block_columns];
+};
+
+struct HostProduct {
+  const size_t n_row, n_col, n_inner;
+  uint16_t* const A;
+  const uint16_t* const X;
+  const uint16_t* const W;
+
+  size_t n_inner_in_lanes() const { return n_inner / n_lane * n_lane; }
+  bool has_few_rows() const { return n_row <= few_rows; }
+
+  Blocking blocking() const {
+    const size_t most_inner = n_row <= group_rows ? single_group_inner : has_few_rows() ? few_rows_inner : block_inner;
+    return {std::min(n_row, block_rows), round_up(std::min(n_col, block_columns), panel_columns),
+            round_up(std::min(n_inner_in_lanes(), most_inner), step)};
+  }
+
+  void multiply() const {
+    const Blocking blocking = this->blocking();
+    const size_t n_weights = has_few_rows() ? 0 : panel_columns * blocking.n_inner;
+    const size_t n_sums = blocking.n_row * blocking.n_col * n_lane;
+    const Scratch scratch((n_weights + n_sums + blocking.n_row * blocking.n_inner) * sizeof(float));
+    if (!scratch) return multiply_without_scratch();
+    auto* const floats = reinterpret_cast<float*>(scratch.bytes());
+    multiply_blocks(blocking, {n_weights == 0 ? nullptr : floats, floats + n_weights, floats + n_weights + n_sums});
+  }
+
+  void multiply_without_scratch() const {
+    constexpr Blocking small = {group_rows, panel_columns, 256};
+    float sums[small.n_row * small.n_col * n_lane], activation[small.n_row * small.n_inner];
+    multiply_blocks(small, {nullptr, sums, activation});
+  }
+
+  void multiply_blocks(const Blocking& blocking, const Working& working) const {
+    for (size_t row = 0; row < n_row; row += blocking.n_row)
+      for (size_t column = 0; column < n_col; column += blocking.n_col)
+        multiply_block(range_from(row, blocking.n_row, n_row), range_from(column, blocking.n_col, n_col),
+                       blocking.n_inner, working);
+  }
+
+  void multiply_block(Range rows, Range columns, size_t most_inner, const Working& working) const {
+    size_t k = 0;
+    do {  // also once when n_inner is 0, which sets the sums to 0
+      const Range inner = range_from(k, most_inner, n_inner_in_lanes());
+      widen_activation(rows, inner, working.activation);
+      for (size_t c = 0; c < columns.size(); c += panel_columns)
+        accumulate_panel(columns.begin + c, rows.size(), inner, working, sums_of_panel(c, rows, working));
+      k = inner.end;
+    } while (k < n_inner_in_lanes());
+    const Tails tails = tails_of(columns);
+    for (size_t row = 0; row < rows.size(); ++row)  // not panel by panel: rows of the result may lie pages apart
+      for (size_t c = 0; c < columns.size(); c += panel_columns)
+        finish_sums(rows.begin + row, columns, c, sums_of_panel(c, rows, working) + row * panel_lanes, tails);
+  }
+
+  // The sums of the panel at column c of the block.
+  static float* sums_of_panel(size_t c, Range rows, const Working& working) {
+    return working.sums + c * rows.size() * n_lane;
+  }
+
+  void widen_activation(Range rows, Range inner, float* activation) const {
+    const size_t padded_inner = round_up(inner.size(), step);
+    for_each_group(rows.size(), [&](size_t first, auto n) {
+      for (size_t i = 0; i < n; ++i) {
+        const uint16_t* const row = X + (rows.begin + first + i) * n_inner + inner.begin;
+        const bool is_near_end = rows.size() - first - i <= activation_lead;
+        widen_row(row, inner.size(), is_near_end ? row : row + activation_lead * n_inner,
+                  activation + first * padded_inner + i * n_lane, n * n_lane);
+      }
+    });
+  }
+
+  // Adds the terms of a piece to the sums of the panel of eight columns that starts at `column`.
+  void accumulate_panel(size_t column, size_t n_rows, Range inner, const Working& working, float* sums) const {
+    const size_t padded_inner = round_up(inner.size(), step);
+    const Columns columns = columns_at(column, inner.begin);
+    for_each_group(n_rows, [&](size_t first, auto n) {
+      const Group group = {working.activation + first * padded_inner, sums + first * panel_lanes, inner.begin == 0};
+      const bool are_weights_widened = first > 0 && working.weights;
+      if (are_weights_widened) return accumulate_widened<n>(inner.size(), group, working.weights);
+      accumulate_piece<n>(inner.size(), group, columns, working.weights);
+    });
+  }
+
+  // Past the last column, the function repeats the last column.
+  Columns columns_at(size_t first, size_t k) const {
+    Columns columns;
+    for (size_t c = 0; c < panel_columns; ++c) columns.column[c] = W + std::min(first + c, n_col - 1) * n_inner + k;
+    columns.to_next_panel = panel_columns * n_inner;
+    return columns;
+  }
+
+  Tails tails_of(Range columns) const {
+    Tails tails = {n_inner % n_lane, {}};
+    for (size_t c = 0; c < columns.size(); ++c)
+      for (size_t t = 0; t < tails.count; ++t)
+        tails.weights[t][c] = simd::widen_bits(W[(columns.begin + c) * n_inner + n_inner_in_lanes() + t]);
+    return tails;
+  }
+
+  // Adds up the four sums of each of eight columns of a row, adds the terms of the tails, rounds and stores. `c` is the
+  // first of the columns, counted from the block's first column.
+  void finish_sums(size_t row, Range columns, size_t c, const float* sums, const Tails& tails) const {
+    const uint16_t* const x = X + row * n_inner + n_inner_in_lanes();
+    simd::f32x8 sum = simd::sums_of_fours(simd::load(sums), simd::load(sums + 8), simd::load(sums + 16),  //
+                                          simd::load(sums + 24));
+    for (size_t t = 0; t < tails.count; ++t)
+      sum = simd::multiply_add(simd::broadcast(simd::widen_bits(x[t])), simd::load(tails.weights[t] + c), sum);
+    store_results(simd::narrow(simd::settle_nan(sum)), columns.size() - c, A + row * n_col + columns.begin + c);
+  }
+
+  static void store_results(simd::f16x8 results, size_t n_left, uint16_t* to) {
+    if (n_left >= panel_columns) return simd::store(to, results);
+    uint16_t values[panel_columns];
+    simd::store(values, results);
+    memcpy(to, values, n_left * sizeof(uint16_t));
+  }
+};
+
+}  // namespace
+
+void tensor_product(uint64_t n_row, uint64_t n_col, uint64_t n_inner, uint16_t* A, const uint16_t* X,
+                    const uint16_t* W) {
+  if (n_row > 0 && n_col > 0) HostProduct{n_row, n_col, n_inner, A, X, W}.multiply();
+}
+
+}  // namespace tavik::inline MORUN_BACKEND
