@@ -264,6 +264,9 @@ TEST_P(SessionLoss, ContextsInThreadsMultiplyRightly) {
 TEST_P(SessionProcess, EachSessionHasAProcessThatKnowsOnlyWhatIsMapped) {
   ASSERT_EQ(first.open() | second.reserve() | second.open(), 0);
   Session sibling;
+  const size_t n_descriptor = open_descriptors();
+  ASSERT_EQ(sibling.open() | sibling.close(), 0);
+  EXPECT_EQ(open_descriptors(), n_descriptor);
   ASSERT_EQ(sibling.open(), 0);
   EXPECT_NE(first.process(), second.process());
   EXPECT_EQ(first.process(), sibling.process());
