@@ -33,7 +33,7 @@ std::string version_text(bool as_json) {
                                         {"backends", names(vector_backends(MORUN_BACKENDS_BUILT))},
                                         {"build_type", MORUN_BUILD_TYPE},
                                         {"compiler", MORUN_COMPILER},
-                                        {"commit", commit}};
+                                        {"commit", std::string(commit)}};
   return whole.dump(2);
 }
 
