@@ -340,6 +340,41 @@ TEST_F(Emulator, MemoryThatRunsOutIsAStatus) {
   testing::internal::GetCapturedStderr();
 }
 
+// Requests that the library never makes.
+TEST_F(Emulator, RefusesRequestsThatAreNone) {
+  const int bad = PARLO_EMULATOR_BAD_ARGUMENT, no_domain = PARLO_EMULATOR_UNSUPPORTED_DOMAIN;
+  char uri[64];
+  parlo_session_reserve reserve = {"cdsp", 4, "", 0, 0, 0}, elsewhere = {"adsp", 4, "s", 1, 0, 0};
+  parlo_session_uri no_module = {"cdsp", 4, 0, nullptr, 0, uri, sizeof uri}, unknown = {"xdsp", 4, 0, "m", 1, uri, 64};
+  parlo_session_effective_domain nameless = {nullptr, 0, 0, 0}, nowhere = {"xdsp", 4, 0, 0};
+  parlo_capability ninth = {9, PARLO_ATTRIBUTE_DOMAIN_SUPPORT, 7}, other = {3, 99, 7}, narrow = {3, 2, 7};
+  const auto session = [](uint32_t request, auto* record) {
+    return parlo_session_control(request, record, sizeof *record);
+  };
+  const auto capability = [](parlo_capability* record) { return parlo_handle_control(2, record, sizeof *record); };
+  const std::tuple<const char*, int, int> cases[] = {
+      {"a session without a name", session(PARLO_SESSION_RESERVE, &reserve), bad},
+      {"a session on another domain", session(PARLO_SESSION_RESERVE, &elsewhere), no_domain},
+      {"a URI of no module", session(PARLO_SESSION_GET_URI, &no_module), bad},
+      {"a URI of no domain", session(PARLO_SESSION_GET_URI, &unknown), no_domain},
+      {"a domain without a name", session(PARLO_SESSION_EFFECTIVE_DOMAIN, &nameless), bad},
+      {"an unknown domain", session(PARLO_SESSION_EFFECTIVE_DOMAIN, &nowhere), no_domain},
+      {"no record", parlo_session_control(PARLO_SESSION_RESERVE, nullptr, sizeof reserve), bad},
+      {"a short record", parlo_session_control(PARLO_SESSION_RESERVE, &reserve, 4), bad},
+      {"an unknown request", session(99, &reserve), bad},
+      {"a capability of no domain", capability(&ninth), no_domain},
+      {"an unknown capability", capability(&other), bad},
+      {"vectors of 64 bytes", capability(&narrow), 0},
+      {"no query", parlo_handle_control(2, nullptr, sizeof ninth), bad},
+      {"an unknown query", parlo_handle_control(3, &ninth, sizeof ninth), bad},
+      {"no request of the system", parlo_system_request(nullptr), bad},
+      {"no URI", parlo_handle_open(nullptr, &first.handle), bad},
+      {"no place for the handle", parlo_handle_open("", nullptr), bad},
+      {"lines of no files", platform_debug_log_configure(4, nullptr, 1), bad}};
+  for (const auto& [name, status, expected] : cases) EXPECT_EQ(status, expected) << name;
+  EXPECT_EQ(narrow.capability, 0u);
+}
+
 TEST_F(Emulator, TraceForgetsTheOldest) {
   for (int i = 0; i < PARLO_EMULATOR_TRACE_CAPACITY; ++i) parlo_mem_free(nullptr);
   parlo_mem_to_fd(nullptr);

@@ -19,6 +19,7 @@
 
 #include "include/morun_weights.h"
 #include "simd/scalar.h"
+#include "tests/allocation_shim.h"
 #include "tests/packed_matrix.h"
 
 namespace test {
@@ -97,6 +98,20 @@ void expect_nulls_refused(int32_t (*call)(Parameters...), std::type_identity_t<P
     };
     const std::tuple<Parameters...> all{changed(arguments)...};
     EXPECT_TRUE(!has_null || std::apply(call, all) == MORUN_WEIGHTS_NULL_ARGUMENT) << "pointer " << null;
+  }
+}
+
+// Lets the allocations of a refused call fail one by one, later ones in larger steps. The call wants memory then, or is
+// refused as it is otherwise.
+template <typename Call>
+void expect_refused_without_memory_too(int32_t expected, const Call& call) {
+  for (uint64_t nth = 1, n_failed = 1; n_failed != 0; nth += 1 + nth / 16) {
+    allocation_shim_fail(nth, false);
+    const int32_t status = call();
+    n_failed = allocation_shim_failed();
+    allocation_shim_fail(0, false);
+    EXPECT_TRUE(status == expected || (n_failed != 0 && status == MORUN_WEIGHTS_NO_MEMORY))
+        << "allocation " << nth << ": status " << status << " instead of " << expected;
   }
 }
 

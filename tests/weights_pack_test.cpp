@@ -103,6 +103,23 @@ std::string WeightsPack::pack(const std::string& command) const {
   }
   morun_weights_packer* made = nullptr;
   if (sources.empty()) return outcome(morun_weights_packer_create(&options, &made));
+  const auto before = names();
+  const std::string bytes = read("packed");
+  std::vector<std::string> paths;
+  for (const std::string& source : sources) paths.push_back(path(source));
+  const std::string target = path(output);
+  // The status of the first step that fails.
+  const auto attempt = [&] {
+    morun_weights_packer* packer = nullptr;
+    int32_t status = morun_weights_packer_create(&options, &packer);
+    for (const std::string& source : paths)
+      if (status == 0) status = morun_weights_packer_add_source(packer, source.c_str());
+    if (status == 0 && !rule.empty()) status = morun_weights_packer_add_rule(packer, rule.c_str(), MORUN_WEIGHTS_A8W8);
+    if (status == 0) status = morun_weights_packer_run(packer, target.c_str());
+    morun_weights_packer_free(packer);
+    return status;
+  };
+  if (const int32_t refusal = attempt(); refusal != 0) test::expect_refused_without_memory_too(refusal, attempt);
 
   Packer packer([&](auto& o) { o = options; });
   std::string told;
@@ -110,8 +127,6 @@ std::string WeightsPack::pack(const std::string& command) const {
     if (const int32_t status = morun_weights_packer_add_source(packer.handle, path(source).c_str()); status != 0)
       told += outcome(status);
   if (!rule.empty()) packer.rule(rule.c_str(), MORUN_WEIGHTS_A8W8);
-  const auto before = names();
-  const std::string bytes = read("packed");
   const bool is_empty = packer.decisions().empty();
   const int32_t status = packer.run(path(output));
   EXPECT_EQ(is_empty, status == MORUN_WEIGHTS_SOURCE_EMPTY);

@@ -6,6 +6,7 @@
 
 #include "weights/error.h"
 #include "weights/json_events.h"
+#include "weights/json_text.h"
 #include "weights/layout.h"
 
 namespace weights {
@@ -118,23 +119,24 @@ uint64_t parse_checksum(const std::string& place, const std::string& text) {
 }  // namespace
 
 std::string format_record(const Record& record) {
-  nlohmann::ordered_json json = {{"form", form_name(record.form)}};
+  JsonObject json;
+  json.add("form", form_name(record.form));
   if (is_packed(record.form)) {
-    json["n_inner"] = record.n_inner;
-    json["n_col"] = record.n_col;
+    json.add("n_inner", record.n_inner);
+    json.add("n_col", record.n_col);
   }
   if (is_quantised(record.form)) {
-    json["zero_points"] = record.zero_points;
-    json["scales"] = record.scales;
-    json["sums"] = record.sums;
-    json["quantiser"] = quantiser_name(record.quantiser);
+    json.add("zero_points", record.zero_points);
+    json.add("scales", record.scales);
+    json.add("sums", record.sums);
+    json.add("quantiser", quantiser_name(record.quantiser));
   }
-  json["source"] = record.source;
-  json["source_dtype"] = record.source_dtype;
-  if (is_packed(record.form)) json["error"] = record.error;
-  if (is_packed(record.form) && record.product_error >= 0) json["product_error"] = record.product_error;
-  json["checksum"] = format_checksum(record.checksum);
-  return json.dump();
+  json.add("source", record.source);
+  json.add("source_dtype", record.source_dtype);
+  if (is_packed(record.form)) json.add("error", record.error);
+  if (is_packed(record.form) && record.product_error >= 0) json.add("product_error", record.product_error);
+  json.add("checksum", format_checksum(record.checksum));
+  return json.text();
 }
 
 Record parse_record(const std::string& place, std::string_view text) {

@@ -7,6 +7,7 @@
 
 #include "weights/error.h"
 #include "weights/json_events.h"
+#include "weights/json_text.h"
 #include "weights/layout.h"
 
 namespace weights {
@@ -257,14 +258,28 @@ SafetensorsHeader read_header(const InputFile& file) {
   return header;
 }
 
+static std::string array_text(const std::vector<uint64_t>& numbers) {
+  std::string text = "[";
+  for (const uint64_t number : numbers) {
+    if (text.size() > 1) text += ',';
+    text += json_text(number);
+  }
+  return text + ']';
+}
+
 std::string format_header(const std::vector<TensorEntry>& tensors, const std::map<std::string, std::string>& metadata,
                           uint64_t least_size) {
-  nlohmann::ordered_json json = nlohmann::ordered_json::object();
-  if (!metadata.empty()) json[metadata_key] = metadata;
-  for (const TensorEntry& tensor : tensors)
-    json[tensor.name] = {
-        {"dtype", tensor.dtype->name}, {"shape", tensor.shape}, {"data_offsets", {tensor.begin, tensor.end}}};
-  std::string text = std::string(length_bytes, '\0') + json.dump();
+  JsonObject json, texts;
+  for (const auto& [name, text] : metadata) texts.add(name, text);
+  if (!metadata.empty()) json.add_json(metadata_key, texts.text());
+  for (const TensorEntry& tensor : tensors) {
+    JsonObject entry;
+    entry.add("dtype", tensor.dtype->name);
+    entry.add_json("shape", array_text(tensor.shape));
+    entry.add_json("data_offsets", array_text({tensor.begin, tensor.end}));
+    json.add_json(tensor.name, entry.text());
+  }
+  std::string text = std::string(length_bytes, '\0') + json.text();
   text.resize(std::max(round_up(text.size(), data_alignment), least_size), ' ');
   const uint64_t length = text.size() - length_bytes;
   if (length > longest_header)

@@ -1,8 +1,13 @@
 #include "weights/source.h"
 
+#include <dirent.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string_view>
@@ -88,14 +93,27 @@ Source open_index(const std::string& path) {
 
 // ---- Directories ---------------------------------------------------------------------------------------------------
 
+struct CloseDirectory {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+
+Error cannot_list(const std::string& folder) {
+  if (errno == ENOMEM) throw std::bad_alloc();
+  return {MORUN_WEIGHTS_OPEN, "%s: %s", folder.c_str(), strerror(errno)};
+}
+
+// By the C library, because a std::filesystem::directory_iterator that finds no memory ends the process.
 std::vector<std::string> files_ending_in(const std::string& folder, std::string_view ending) {
+  const std::unique_ptr<DIR, CloseDirectory> directory(opendir(folder.c_str()));
+  if (!directory) throw cannot_list(folder);
   std::vector<std::string> files;
-  std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
-    if (name.ends_with(ending)) files.push_back(entry->path().string());
+  errno = 0;
+  while (const dirent* const entry = readdir(directory.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.ends_with(ending)) files.push_back((fs::path(folder) / name).string());
+    errno = 0;
   }
-  if (error) throw Error(MORUN_WEIGHTS_OPEN, "%s: %s", folder.c_str(), error.message().c_str());
+  if (errno != 0) throw cannot_list(folder);
   std::sort(files.begin(), files.end());
   return files;
 }

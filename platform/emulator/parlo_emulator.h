@@ -27,6 +27,10 @@
  *   nth                    1, or 0, is the next call
  *   status, error_number   what the failing call returns, and its errno
  *   fault                  the fault, which is copied
+ *   carrier                parlo_emulator_carrier
+ *   milliseconds           the longest time of a call; 0: no limit
+ *   handle                 of parlo_handle_open
+ *   name                   of the span, NUL-terminated; the emulator copies it
  *
  * Plain C11, also valid C++.
  */
@@ -101,6 +105,7 @@ typedef enum parlo_emulator_status {
 
 /* ---- Where the DSP halves of sessions run ---- */
 
+/* What runs the DSP half of a session. */
 typedef enum parlo_emulator_carrier {
   PARLO_EMULATOR_IN_PROCESS, /* in the calling process; PARLO_DSP is not set, or "here" */
   PARLO_EMULATOR_PROCESS     /* each session in a process of its own; PARLO_DSP=process */
@@ -108,6 +113,7 @@ typedef enum parlo_emulator_carrier {
 
 /* Chooses where sessions run that begin from then on. */
 void parlo_emulator_set_carrier(int32_t carrier);
+/* Returns where sessions run that begin from now on. */
 int32_t parlo_emulator_get_carrier(void);
 
 /* Limits the time in which the process of a session has to answer a call, for sessions that begin from then on; 0 is no
@@ -120,7 +126,7 @@ int parlo_emulator_process_of(uint64_t handle);
 
 /* ---- Limits and answers ---- */
 
-/* The name of the profile in use: that of the file which PARLO_PROFILE names, or "default". The text is valid until the
+/* Returns the name of the profile in use: that of the file which PARLO_PROFILE names, or "default". The text is valid until the
  * next reset. */
 const char* parlo_emulator_profile_name(void);
 /* Returns an estimate of the seconds that a board would have taken for all invocations since the last reset: the profile's
