@@ -15,10 +15,10 @@ package_packages=(g++-aarch64-linux-gnu qemu-user-static help2man dpkg-dev faker
   python3-setuptools python3-wheel python3-numpy)
 python=/usr/bin/python3
 
-# The preset that is optimised for this machine.
+# The preset for this machine, and the vector backend of builds that need only one.
 case $(uname -m) in
-  aarch64 | arm64) native=arm ;;
-  *) native=release ;;
+  aarch64 | arm64) native=arm one_backend=neon ;;
+  *) native=release one_backend=avx2 ;;
 esac
 
 # A heading, with the seconds since the script began.

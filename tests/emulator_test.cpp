@@ -157,6 +157,30 @@ TEST_F(Emulator, DescriptorsAreTheLowestFreeOnesAndReal) {
   EXPECT_EQ(allocate(page).fd, 1025);
 }
 
+// What the tool shows of a profile stands in ToolEmulator.txt.
+TEST_F(Emulator, ProfilesRefuseRepetitionsAndEstimateABoard) {
+  const std::string profiles = MORUN_TRANSCRIPTS "/../../platform/emulator/profiles/";
+  EXPECT_EQ(parlo_emulator_estimated_seconds(), -1);
+  setenv("PARLO_PROFILE", (profiles + "strict.json").c_str(), 1);
+  parlo_emulator_reset();
+  open_first();
+  const std::pair<uint32_t, int> calls[] = {{release, PARLO_EMULATOR_DSP_REPEATED}, {acquire, 0},
+                                            {acquire, PARLO_EMULATOR_DSP_REPEATED}, {release, 0},
+                                            {release, PARLO_EMULATOR_DSP_REPEATED}, {acquire, 0}};
+  for (const auto& [method, status] : calls) EXPECT_EQ(first.invoke(method), status);
+
+  setenv("PARLO_PROFILE", (profiles + "small.json").c_str(), 1);
+  parlo_emulator_reset();
+  unsetenv("PARLO_PROFILE");
+  EXPECT_EQ(parlo_handle_control(PARLO_CONTROL_CAPABILITY, nullptr, 0), PARLO_CAPABILITY_UNSUPPORTED);
+  EXPECT_EQ(platform_debug_log_configure(1, nullptr, 0), PARLO_CAPABILITY_UNSUPPORTED);
+  open_first();
+  const Shared shared = allocate(8000);
+  ASSERT_EQ(first.map(shared) | first.invoke(self_test, {8000, static_cast<uint32_t>(shared.fd)}), 0);
+  // 150 us for the call, and 8000 bytes read and written at 8 GB/s.
+  EXPECT_NEAR(parlo_emulator_estimated_seconds(), 150e-6 + 16000 / 8e9, 1e-12);
+}
+
 TEST_F(Emulator, InvokeChecksScalarsAndBuffers) {
   open_first();
   uint32_t words[9] = {};

@@ -248,6 +248,9 @@ typedef enum parlo_emulator_fault_class {
    * their reservation of the matrix unit. This call and every later one on the session return
    * PARLO_EMULATOR_SESSION_LOST (errno ECONNRESET). `status` and `error_number` are not used.
    *
+   * Later calls that give back what a lost session no longer has succeed: parlo_munmap, and the invocations that unlock
+   * the matrix unit, release the resources, take the cross-session buffers back, or clear the cache.
+   *
    * Closing a handle of a lost session succeeds, unless the closing is the nth call itself, and gives back what the
    * host has of the handle. The first session can then be opened anew; calls that name the session by its domain
    * reach the new one. A lost session that was reserved ends with its last handle, or at once when it had no handle;
