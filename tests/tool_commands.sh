@@ -11,7 +11,7 @@ completions() {
   COMP_WORDS=(morun "$@") COMP_CWORD=$# COMPREPLY=()
   compopt() { :; }  # works only while bash itself completes
   _morun
-  printf '%s\n' "${COMPREPLY[@]}" | LC_ALL=C sort | paste -sd' '
+  printf '%s\n' "${COMPREPLY[@]}" | LC_ALL=C sort | paste -sd'|'
 }
 
 # Runs a command that the tool has to refuse before it calls the platform. A refusal that comes later prints those calls.
