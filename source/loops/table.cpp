@@ -3,9 +3,8 @@
 
 // The only name that leaves a backend.
 extern "C" const tavik::Loops MORUN_BACKEND_NAME(tavik_loops);
-const tavik::Loops MORUN_BACKEND_NAME(tavik_loops) = {
-    .backend = MORUN_BACKEND_TEXT,
+const tavik::Loops MORUN_BACKEND_NAME(tavik_loops) = {.backend = MORUN_BACKEND_TEXT,
 #define TAVIK_ENTRY(result, name, parameters) .name = tavik::name,
-    TAVIK_LOOPS(TAVIK_ENTRY)
+                                                      TAVIK_LOOPS(TAVIK_ENTRY)
 #undef TAVIK_ENTRY
 };
