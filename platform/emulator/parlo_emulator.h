@@ -61,9 +61,9 @@ typedef enum parlo_emulator_status {
   PARLO_EMULATOR_BAD_HANDLE = 0x207,        /* the handle is not open */
   PARLO_EMULATOR_BAD_SCALARS = 0x208,       /* invoke: no such method, or a wrong number or size of buffers */
   PARLO_EMULATOR_SESSION_LOST = 0x209,      /* the session is lost: its process has died, or a fault has ended it */
-  PARLO_EMULATOR_INHERITED = 0x20a, /* the session or buffer belongs to the process that this one was forked from */
-  PARLO_EMULATOR_NO_PROCESS = 0x20b,        /* open: the session's process cannot be started */
-  PARLO_EMULATOR_TIMED_OUT = 0x20c,         /* the session did not answer within the limit, and is lost */
+  PARLO_EMULATOR_INHERITED = 0x20a,  /* the session or buffer belongs to the process that this one was forked from */
+  PARLO_EMULATOR_NO_PROCESS = 0x20b, /* open: the session's process cannot be started */
+  PARLO_EMULATOR_TIMED_OUT = 0x20c,  /* the session did not answer within the limit, and is lost */
   PARLO_EMULATOR_BAD_CONFIGURATION = 0x20d, /* open: PARLO_DSP or PARLO_PROFILE says what the emulator cannot do */
 
   PARLO_EMULATOR_UNKNOWN_DESCRIPTOR = 0x301, /* map, unmap: no shared memory has this descriptor and address */
