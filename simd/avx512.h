@@ -361,37 +361,103 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(words));
 }
 
+// Sixteen lanes for the long products.
+
+struct wide_f32 {
+  __m512 v;
+};
+struct wide_i32 {
+  __m512i v;
+};
+inline constexpr size_t wide_lanes = 16;
+inline constexpr size_t kernel_rows = 12;
+
+inline wide_f32 load_wide(const float* p) {
+  return {_mm512_loadu_ps(p)};
+}
+inline wide_i32 load_wide(const int32_t* p) {
+  return {_mm512_loadu_si512(p)};
+}
+inline void store(float* p, wide_f32 a) {
+  _mm512_storeu_ps(p, a.v);
+}
+inline void store(int32_t* p, wide_i32 a) {
+  _mm512_storeu_si512(p, a.v);
+}
+inline wide_f32 broadcast_wide(float x) {
+  return {_mm512_set1_ps(x)};
+}
+inline wide_f32 multiply_add(wide_f32 a, wide_f32 b, wide_f32 c) {
+  return {_mm512_fmadd_ps(a.v, b.v, c.v)};
+}
+
 // Operations for exact products of small integers.
 
-struct pairs8 {
-  __m256i v;
+struct wide_dots {
+  __m512i v;
 };
+using same_dots = wide_dots;
 
-inline pairs8 load_pairs(const int16_t* p) {
-  return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
+#if defined(__AVX512VNNI__)
+
+// One instruction adds the products of four bytes to a lane.
+using dot_element = uint8_t;
+
+inline wide_i32 multiply_add(wide_dots a, same_dots b, wide_i32 sum) {
+  return {_mm512_dpbusd_epi32(sum.v, b.v, a.v)};
 }
-using same_pair8 = pairs8;
-inline same_pair8 broadcast_pair(const int16_t* p) {
-  return {_mm256_broadcastd_epi32(_mm_loadu_si32(p))};
-}
-inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
-  return {_mm256_add_epi32(sum.v, _mm256_madd_epi16(a.v, b.v))};
-}
-inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
-  const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(even), _mm256_and_si256(bytes, _mm256_set1_epi16(0xff)));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(odd), _mm256_srli_epi16(bytes, 8));
+inline void stage_row(const uint8_t* row, dot_element* staged) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(staged), _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row)));
 }
 template <int bit, int n_bit>
-inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
+inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch) {
+  const __m128i transpose = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  for (size_t step = 0; step < 8; ++step) {
+    __m128i columns = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows + 16 * step));
+    if constexpr (n_bit == 4) {
+      const __m128i top = _mm_set1_epi8(8);
+      columns = _mm_and_si128(_mm_srli_epi16(columns, bit), _mm_set1_epi8(15));
+      columns = _mm_sub_epi8(_mm_xor_si128(columns, top), top);
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(panel + step * pitch), _mm_shuffle_epi8(columns, transpose));
+  }
+}
+
+#else
+
+using dot_element = int16_t;
+
+inline wide_i32 multiply_add(wide_dots a, same_dots b, wide_i32 sum) {
+  return {_mm512_add_epi32(sum.v, _mm512_madd_epi16(a.v, b.v))};
+}
+inline void stage_row(const uint8_t* row, dot_element* staged) {
+  const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(staged), _mm256_and_si256(bytes, _mm256_set1_epi16(0xff)));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(staged + 16), _mm256_srli_epi16(bytes, 8));
+}
+template <int bit, int n_bit>
+inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch) {
   const __m256i transpose = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,  //
                                              0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-  const __m256i columns =  // each half holds four rows of column 0, then of column 1, and so on
-      _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(source)), transpose);
-  const __m256i even = _mm256_srai_epi16(_mm256_slli_epi16(columns, 16 - bit - n_bit), 16 - n_bit);
-  const __m256i odd = _mm256_srai_epi16(_mm256_slli_epi16(columns, 8 - bit - n_bit), 16 - n_bit);
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(left), _mm256_unpacklo_epi64(even, odd));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(right), _mm256_unpackhi_epi64(even, odd));
+  const auto store_steps = [&](size_t step, __m256i pairs) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(panel + step * pitch), _mm256_castsi256_si128(pairs));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(panel + (step + 1) * pitch), _mm256_extracti128_si256(pairs, 1));
+  };
+  for (size_t step = 0; step < 8; step += 2) {
+    const __m256i words = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(rows + 16 * step));
+    const __m256i columns = _mm256_shuffle_epi8(words, transpose);  // in each half, four rows of each of four columns
+    store_steps(step, _mm256_srai_epi16(_mm256_slli_epi16(columns, 16 - bit - n_bit), 16 - n_bit));
+    store_steps(8 + step, _mm256_srai_epi16(_mm256_slli_epi16(columns, 8 - bit - n_bit), 16 - n_bit));
+  }
+}
+
+#endif
+
+inline wide_dots load_dots(const dot_element* p) {
+  return {_mm512_loadu_si512(p)};
+}
+inline same_dots broadcast_dots(const dot_element* p) {
+  return {_mm512_set1_epi32(_mm_cvtsi128_si32(_mm_loadu_si32(p)))};
 }
 
 }  // namespace morun::simd::inline MORUN_BACKEND
