@@ -127,16 +127,17 @@ struct TiledProduct {
     }
   }
 
-  void store_block(Range rows, Range columns, const Sum* sums) const {
+  // Stores the sums of the block. The rows from rows.end up to stored_end have the result of the last row.
+  void store_block(Range rows, size_t stored_end, Range columns, const Sum* sums) const {
+    const auto sums_of = [&](size_t row) { return sums + (std::min(row, rows.end - 1) - rows.begin) * tile_size; };
     for (size_t column = columns.begin; column < columns.end; column += tile_size) {
-      for (size_t row = rows.begin; row < rows.end; row += unit_rows) {
-        Elements::store_unit(sums, sums + (unit_rows - 1) * tile_size, A + position(row, column, shape.n_col));
-        sums += unit_rows * tile_size;
-      }
+      for (size_t row = rows.begin; row < stored_end; row += unit_rows)
+        Elements::store_unit(sums_of(row), sums_of(row + unit_rows - 1), A + position(row, column, shape.n_col));
+      sums += rows.size() * tile_size;
     }
   }
 
-  void multiply_block(Range rows, Range columns, size_t depth, Scratch& scratch) const {
+  void multiply_block(Range rows, size_t stored_end, Range columns, size_t depth, Scratch& scratch) const {
     std::fill_n(scratch.sums, rows.size() * columns.size(), Sum{0});
     for (size_t k = 0; k < shape.n_inner; k += depth) {
       const Range inner{k, std::min(k + depth, shape.n_inner)};
@@ -146,7 +147,7 @@ struct TiledProduct {
         accumulate_rows(rows.size(), inner.size(), scratch, scratch.sums + rows.size() * (column - columns.begin));
       }
     }
-    store_block(rows, columns, scratch.sums);
+    store_block(rows, stored_end, columns, scratch.sums);
   }
 
   // ---- Rows of zeros at the end ----
@@ -166,17 +167,6 @@ struct TiledProduct {
     size_t n_row = shape.n_row;
     while (n_row > 0 && is_zero(n_row - 1)) --n_row;
     return n_row;
-  }
-
-  // Copies the results of row n_row - 1, the last row of a unit, to all rows from n_row on.
-  void repeat_last_result(size_t n_row) const {
-    for (size_t column = 0; column < shape.n_col; column += tile_size) {
-      const auto* const last = A + position(n_row - unit_rows, column, shape.n_col);
-      for (size_t row = n_row; row < shape.n_row; row += unit_rows) {
-        auto* const unit = A + position(row, column, shape.n_col);
-        for (size_t i = 0; i < unit_rows * tile_size; ++i) unit[i] = last[i / unit_rows * unit_rows + unit_rows - 1];
-      }
-    }
   }
 };
 
@@ -201,7 +191,7 @@ struct Plan {
 };
 
 // Padding makes rows of zeros at the end of the activation. These rows all have the same result, which is not always
-// zero. One or two of them are computed, and the result is copied to the others. The kernel takes rows in pairs.
+// zero. One or two of them are computed, and the others have the same result. The kernel takes rows in pairs.
 size_t n_row_to_compute(size_t n_row, size_t n_row_before_zeros) {
   return std::min(n_row, divide_up(n_row_before_zeros + 1, 2) * 2);
 }
@@ -243,10 +233,10 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
     if (!scratch) return;
     for (size_t index = next++; index < n_block; index = next++) {
       const Block block = plan.block(index);
-      product.multiply_block(block.rows, block.columns, plan.depth, *scratch);
+      const size_t stored_end = block.rows.end == plan.n_row ? shape.n_row : block.rows.end;
+      product.multiply_block(block.rows, stored_end, block.columns, plan.depth, *scratch);
     }
   });
-  product.repeat_last_result(plan.n_row);
 }
 
 template <class Elements>
