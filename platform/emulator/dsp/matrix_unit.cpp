@@ -17,8 +17,8 @@ namespace {
 // The number of steps in one pass. A tile column of staged weights of this depth, and the rows that the kernel takes at a
 // time, fit into the first-level cache.
 constexpr size_t block_steps = 128;
-constexpr size_t block_rows = 256;
-constexpr size_t block_sums = size_t{1} << 16;  // rows x columns of a block
+constexpr size_t block_rows = 512;
+constexpr size_t block_sums = size_t{1} << 18;  // rows x columns of a block
 // With few rows, reading the weights takes most of the time. A short pass over many columns reads them nearly in the
 // order of memory.
 constexpr size_t few_rows = 8;
