@@ -355,7 +355,7 @@ inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch)
 using wide_f32 = f32x8;
 using wide_i32 = i32x8;
 inline constexpr size_t wide_lanes = 8;
-inline constexpr size_t kernel_rows = 6;
+inline constexpr size_t kernel_rows = 4;
 inline wide_f32 load_wide(const float* p) {
   return load(p);
 }
