@@ -18,7 +18,6 @@ namespace parlo::dsp::inline MORUN_BACKEND {
 
 namespace simd = morun::simd;
 
-inline constexpr size_t panel_columns = 2 * simd::wide_lanes;  // columns that the kernel takes at a time
 inline constexpr size_t tile_elements = tile_size * tile_size;
 
 inline const std::byte* bytes_of(const auto* elements) {
@@ -30,7 +29,7 @@ inline std::byte* bytes_of(auto* elements) {
 
 // Rows of X, and of A, whose elements alternate in memory are a unit. Each kind has these functions:
 //   stage_unit     converts a unit of 32 columns of X to [step][row of the unit]
-//   stage_weights  converts a tile of W to panels of [step][panel_columns]; the panels stand `pitch` values apart
+//   stage_weights  converts a tile of W to [step][32 columns]
 //   store_unit     converts the sums of 32 columns, which begin at sums[0] for the first row of the unit and at last for
 //                  the last row, to a unit of A
 
@@ -52,18 +51,18 @@ struct HalfElements {
     for (size_t i = 0; i < unit_rows * tile_size; i += 8) simd::store(staged + i, simd::widen(simd::load(unit + i)));
   }
 
-  static void stage_weights(const uint16_t* tile, float* panels, size_t pitch) {
+  static void stage_weights(const uint16_t* tile, float* panel) {
     constexpr size_t n_column = 16, n_step = 8;  // two columns and one step are a word, and 8 x 8 words are transposed
     alignas(32) uint16_t halves[n_step][n_column];
     for (size_t column = 0; column < tile_size; column += n_column) {
-      float* panel = panels + column / panel_columns * pitch + column % panel_columns;
+      float* step_of_panel = panel + column;
       for (size_t k = 0; k < tile_size; k += n_step) {
         simd::transpose_words(bytes_of(tile + column * tile_size + 2 * k), 2 * sizeof(uint16_t) * tile_size,
                               bytes_of(halves), sizeof halves[0]);
         for (const auto& row : halves) {
-          simd::store(panel, simd::widen(simd::load(row)));
-          simd::store(panel + 8, simd::widen(simd::load(row + 8)));
-          panel += panel_columns;
+          simd::store(step_of_panel, simd::widen(simd::load(row)));
+          simd::store(step_of_panel + 8, simd::widen(simd::load(row + 8)));
+          step_of_panel += tile_size;
         }
       }
     }
@@ -95,17 +94,12 @@ struct IntegerElements {
 
   static void stage_unit(const uint8_t* row, Staged* staged) { simd::stage_row(row, staged); }
 
-  // Stages four columns, whose weights are n_bit bits of each byte, from `bit` on.
-  template <int bit>
-  static void stage_group(const uint8_t* group, size_t column, Staged* panels, size_t pitch) {
-    Staged* const panel = panels + column / panel_columns * pitch + column % panel_columns * step;
-    simd::stage_columns<bit, n_bit>(group, panel, panel_columns * step);
-  }
-  static void stage_weights(const uint8_t* tile, Staged* panels, size_t pitch) {
-    constexpr size_t group_columns = 32 / n_bit;
+  static void stage_weights(const uint8_t* tile, Staged* panel) {
+    constexpr size_t pitch = tile_size * step;
+    constexpr size_t group_columns = 32 / n_bit;  // a group's bytes hold four columns, or four in each half
     for (size_t column = 0; column < tile_size; column += group_columns) {
-      stage_group<0>(tile, column, panels, pitch);
-      if constexpr (n_bit == 4) stage_group<4>(tile, column + 4, panels, pitch);
+      simd::stage_columns<0, n_bit>(tile, panel + column * step, pitch);
+      if constexpr (n_bit == 4) simd::stage_columns<4, 4>(tile, panel + (column + 4) * step, pitch);
       tile += 4 * tile_size;
     }
   }

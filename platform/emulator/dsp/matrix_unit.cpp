@@ -41,7 +41,6 @@ struct TiledProduct {
   using Sum = typename Elements::Sum;
   static constexpr size_t unit_rows = Elements::unit_rows;
   static constexpr size_t block_depth = block_steps * Elements::step;
-  static constexpr size_t panel_pitch = panel_columns * block_depth;
   static constexpr size_t tile_weights =  // values of type Elements::Weight in a tile of W
       tile_elements * Elements::weight_bits / (8 * sizeof(typename Elements::Weight));
 
@@ -53,7 +52,7 @@ struct TiledProduct {
   // The working memory of one thread.
   struct Scratch {
     alignas(64) Staged activation[block_rows * block_depth];  // units of rows, each [step][row of the unit]
-    alignas(64) Staged panels[tile_size * block_depth];       // one column of tiles, panel after panel
+    alignas(64) Staged panel[tile_size * block_depth];        // a column of tiles, [step][32 columns]
     alignas(64) Sum sums[block_sums];                         // for each column of tiles [row][32 columns]
   };
 
@@ -74,55 +73,64 @@ struct TiledProduct {
                              staged + (row - rows.begin) * block_depth + (k - inner.begin) * unit_rows);
   }
 
-  void stage_weights(Range inner, size_t column, Staged* panels) const {
+  void stage_weights(Range inner, size_t column, Staged* panel) const {
     for (size_t k = inner.begin; k < inner.end; k += tile_size) {
       const auto* tile = weight_tile(k, column);
       for (size_t i = 0; i < tile_weights; i += 64 / sizeof *tile) simd::prefetch_ahead(tile, tile_weights + i);
-      Elements::stage_weights(tile, panels + (k - inner.begin) * panel_columns, panel_pitch);
+      Elements::stage_weights(tile, panel + (k - inner.begin) * tile_size);
     }
   }
 
-  // Multiplies n_row rows by the columns of a panel and adds the products to sums[n_row][tile_size].
-  template <size_t n_row>
+  // Multiplies n_row rows by the first columns of the panel, n_vector vectors of them, and adds the products to
+  // sums[n_row][tile_size].
+  template <size_t n_row, size_t n_vector>
   static void accumulate(size_t n_inner, const Staged* rows, const Staged* panel, Sum* sums) {
-    constexpr size_t n_lane = simd::wide_lanes;
-    decltype(simd::load_wide(sums)) left[n_row], right[n_row];
+    constexpr size_t n_lane = simd::wide_lanes, step = Elements::step;
+    decltype(simd::load_wide(sums)) total[n_row][n_vector];
 #pragma GCC unroll 16
-    for (size_t r = 0; r < n_row; ++r) {
-      left[r] = simd::load_wide(sums + r * tile_size);
-      right[r] = simd::load_wide(sums + r * tile_size + n_lane);
-    }
-    for (size_t k = 0; k < n_inner; k += Elements::step) {
-      const auto left_weights = Elements::load(panel), right_weights = Elements::load(panel + n_lane * Elements::step);
+    for (size_t r = 0; r < n_row; ++r)
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) total[r][v] = simd::load_wide(sums + r * tile_size + v * n_lane);
+    for (size_t k = 0; k < n_inner; k += step) {
+      decltype(Elements::load(panel)) weights[n_vector];
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) weights[v] = Elements::load(panel + v * n_lane * step);
 #pragma GCC unroll 16
       for (size_t r = 0; r < n_row; ++r) {
         const size_t unit = r / unit_rows * unit_rows;
-        const auto same = Elements::broadcast(rows + unit * block_depth + r % unit_rows * Elements::step);
-        left[r] = simd::multiply_add(left_weights, same, left[r]);
-        right[r] = simd::multiply_add(right_weights, same, right[r]);
+        const auto same = Elements::broadcast(rows + unit * block_depth + r % unit_rows * step);
+#pragma GCC unroll 4
+        for (size_t v = 0; v < n_vector; ++v) total[r][v] = simd::multiply_add(weights[v], same, total[r][v]);
       }
-      panel += panel_columns * Elements::step;
-      rows += unit_rows * Elements::step;
+      panel += tile_size * step;
+      rows += unit_rows * step;
     }
 #pragma GCC unroll 16
-    for (size_t r = 0; r < n_row; ++r) {
-      simd::store(sums + r * tile_size, left[r]);
-      simd::store(sums + r * tile_size + n_lane, right[r]);
-    }
+    for (size_t r = 0; r < n_row; ++r)
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) simd::store(sums + r * tile_size + v * n_lane, total[r][v]);
+  }
+
+  // Multiplies n_row rows by all columns of the panel. Two rows by two vectors would be so few sums that each
+  // multiply-add waits for the one before.
+  template <size_t n_row>
+  static void accumulate_group(size_t n_inner, const Staged* rows, const Staged* panel, Sum* sums) {
+    constexpr size_t n_vector = n_row == 2 ? tile_size / simd::wide_lanes : 2;
+    for (size_t column = 0; column < tile_size; column += n_vector * simd::wide_lanes)
+      accumulate<n_row, n_vector>(n_inner, rows, panel + column * Elements::step, sums + column);
   }
 
   // Multiplies all rows by a column of tiles. The rows are taken in groups of nearly equal size.
   static void accumulate_rows(size_t n_row, size_t n_inner, const Scratch& scratch, Sum* sums) {
     static constexpr auto accumulate_pairs = []<size_t... pair>(std::index_sequence<pair...>) {
-      return std::array{accumulate<2 * (pair + 1)>...};
+      return std::array{accumulate_group<2 * (pair + 1)>...};
     }
     (std::make_index_sequence<simd::kernel_rows / 2>());
     size_t n_group = divide_up(n_row, simd::kernel_rows);
     for (size_t row = 0; row < n_row; --n_group) {
       const size_t n_pair = divide_up((n_row - row) / 2, n_group);
-      for (size_t column = 0; column < tile_size; column += panel_columns)
-        accumulate_pairs[n_pair - 1](n_inner, scratch.activation + row * block_depth,
-                                     scratch.panels + column * block_depth, sums + row * tile_size + column);
+      accumulate_pairs[n_pair - 1](n_inner, scratch.activation + row * block_depth, scratch.panel,
+                                   sums + row * tile_size);
       row += 2 * n_pair;
     }
   }
@@ -143,7 +151,7 @@ struct TiledProduct {
       const Range inner{k, std::min(k + depth, shape.n_inner)};
       stage_activation(rows, inner, scratch.activation);
       for (size_t column = columns.begin; column < columns.end; column += tile_size) {
-        stage_weights(inner, column, scratch.panels);
+        stage_weights(inner, column, scratch.panel);
         accumulate_rows(rows.size(), inner.size(), scratch, scratch.sums + rows.size() * (column - columns.begin));
       }
     }
