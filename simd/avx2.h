@@ -274,38 +274,68 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(words));
 }
 
-// Operations for exact products of small integers.
+#if !defined(__AVX512VNNI__)
 
-struct pairs8 {
+// Operations for exact products of small integers: an instruction adds up the products of two pairs.
+
+using dot_element = int16_t;
+
+inline void stage_row(const uint8_t* row, dot_element* staged) {
+  const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(staged), _mm256_and_si256(bytes, _mm256_set1_epi16(0xff)));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(staged + 16), _mm256_srli_epi16(bytes, 8));
+}
+template <int bit, int n_bit>
+inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch) {
+  const __m256i transpose = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,  //
+                                             0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const auto store_steps = [&](size_t step, __m256i pairs) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(panel + step * pitch), _mm256_castsi256_si128(pairs));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(panel + (step + 1) * pitch), _mm256_extracti128_si256(pairs, 1));
+  };
+  for (size_t step = 0; step < 8; step += 2) {
+    const __m256i words = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(rows + 16 * step));
+    const __m256i columns = _mm256_shuffle_epi8(words, transpose);  // in each half, four rows of each of four columns
+    store_steps(step, _mm256_srai_epi16(_mm256_slli_epi16(columns, 16 - bit - n_bit), 16 - n_bit));
+    store_steps(8 + step, _mm256_srai_epi16(_mm256_slli_epi16(columns, 8 - bit - n_bit), 16 - n_bit));
+  }
+}
+
+#endif
+
+#if !defined(MORUN_SIMD_AVX512)
+
+struct wide_dots {
   __m256i v;
 };
 
-inline pairs8 load_pairs(const int16_t* p) {
+inline wide_dots load_dots(const int16_t* p) {
   return {_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))};
 }
-using same_pair8 = pairs8;
-inline same_pair8 broadcast_pair(const int16_t* p) {
+using same_dots = wide_dots;
+inline same_dots broadcast_dots(const int16_t* p) {
   return {_mm256_broadcastd_epi32(_mm_loadu_si32(p))};
 }
-inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
+inline i32x8 multiply_add(wide_dots a, same_dots b, i32x8 sum) {
   return {_mm256_add_epi32(sum.v, _mm256_madd_epi16(a.v, b.v))};
 }
-inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
-  const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(even), _mm256_and_si256(bytes, _mm256_set1_epi16(0xff)));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(odd), _mm256_srli_epi16(bytes, 8));
+
+// Eight lanes are the width of the long products too.
+using wide_f32 = f32x8;
+using wide_i32 = i32x8;
+inline constexpr size_t wide_lanes = 8;
+inline constexpr size_t kernel_rows = 6;
+inline wide_f32 load_wide(const float* p) {
+  return load(p);
 }
-template <int bit, int n_bit>
-inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
-  const __m256i transpose = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,  //
-                                             0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-  const __m256i columns =  // each half holds four rows of column 0, then of column 1, and so on
-      _mm256_shuffle_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(source)), transpose);
-  const __m256i even = _mm256_srai_epi16(_mm256_slli_epi16(columns, 16 - bit - n_bit), 16 - n_bit);
-  const __m256i odd = _mm256_srai_epi16(_mm256_slli_epi16(columns, 8 - bit - n_bit), 16 - n_bit);
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(left), _mm256_unpacklo_epi64(even, odd));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(right), _mm256_unpackhi_epi64(even, odd));
+inline wide_i32 load_wide(const int32_t* p) {
+  return load(p);
 }
+inline wide_f32 broadcast_wide(float x) {
+  return broadcast(x);
+}
+
+#endif
 
 }  // namespace morun::simd::inline MORUN_BACKEND
 

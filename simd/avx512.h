@@ -2,3 +2,82 @@
 #pragma once
 
 #include "simd/avx2.h"
+
+namespace morun::simd::inline MORUN_BACKEND {
+
+struct wide_f32 {
+  __m512 v;
+};
+struct wide_i32 {
+  __m512i v;
+};
+inline constexpr size_t wide_lanes = 16;
+inline constexpr size_t kernel_rows = 12;
+
+inline wide_f32 load_wide(const float* p) {
+  return {_mm512_loadu_ps(p)};
+}
+inline wide_i32 load_wide(const int32_t* p) {
+  return {_mm512_loadu_si512(p)};
+}
+inline void store(float* p, wide_f32 a) {
+  _mm512_storeu_ps(p, a.v);
+}
+inline void store(int32_t* p, wide_i32 a) {
+  _mm512_storeu_si512(p, a.v);
+}
+inline wide_f32 broadcast_wide(float x) {
+  return {_mm512_set1_ps(x)};
+}
+inline wide_f32 multiply_add(wide_f32 a, wide_f32 b, wide_f32 c) {
+  return {_mm512_fmadd_ps(a.v, b.v, c.v)};
+}
+
+// Operations for exact products of small integers.
+
+struct wide_dots {
+  __m512i v;
+};
+using same_dots = wide_dots;
+
+#if defined(__AVX512VNNI__)
+
+// One instruction adds the products of four bytes to a lane.
+using dot_element = uint8_t;
+
+inline wide_i32 multiply_add(wide_dots a, same_dots b, wide_i32 sum) {
+  return {_mm512_dpbusd_epi32(sum.v, b.v, a.v)};
+}
+inline void stage_row(const uint8_t* row, dot_element* staged) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(staged), _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row)));
+}
+template <int bit, int n_bit>
+inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch) {
+  const __m128i transpose = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  for (size_t step = 0; step < 8; ++step) {
+    __m128i columns = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows + 16 * step));
+    if constexpr (n_bit == 4) {
+      const __m128i top = _mm_set1_epi8(8);
+      columns = _mm_and_si128(_mm_srli_epi16(columns, bit), _mm_set1_epi8(15));
+      columns = _mm_sub_epi8(_mm_xor_si128(columns, top), top);
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(panel + step * pitch), _mm_shuffle_epi8(columns, transpose));
+  }
+}
+
+#else
+
+inline wide_i32 multiply_add(wide_dots a, same_dots b, wide_i32 sum) {
+  return {_mm512_add_epi32(sum.v, _mm512_madd_epi16(a.v, b.v))};
+}
+
+#endif
+
+inline wide_dots load_dots(const dot_element* p) {
+  return {_mm512_loadu_si512(p)};
+}
+inline same_dots broadcast_dots(const dot_element* p) {
+  return {_mm512_set1_epi32(_mm_cvtsi128_si32(_mm_loadu_si32(p)))};
+}
+
+}  // namespace morun::simd::inline MORUN_BACKEND

@@ -306,49 +306,64 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
 
 // Operations for exact products of small integers.
 
-struct pairs8 {
+using dot_element = int16_t;
+
+struct wide_dots {
   int16x8_t first, second;
 };
 
-inline pairs8 load_pairs(const int16_t* p) {
+inline wide_dots load_dots(const int16_t* p) {
   const int16x8x2_t pairs = vld2q_s16(p);
   return {pairs.val[0], pairs.val[1]};
 }
 // The pair stands in the lower half of a register, and the products multiply by a lane of it. That takes fewer
 // registers than two broadcasts.
-struct same_pair8 {
+struct same_dots {
   int16x4_t v;
 };
-inline same_pair8 broadcast_pair(const int16_t* p) {
+inline same_dots broadcast_dots(const int16_t* p) {
   uint32_t pair;
   std::memcpy(&pair, p, sizeof pair);
   return {vcreate_s16(pair)};
 }
-inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
+inline i32x8 multiply_add(wide_dots a, same_dots b, i32x8 sum) {
   sum.low = vmlal_lane_s16(sum.low, vget_low_s16(a.first), b.v, 0);
   sum.high = vmlal_high_lane_s16(sum.high, a.first, b.v, 0);
   sum.low = vmlal_lane_s16(sum.low, vget_low_s16(a.second), b.v, 1);
   sum.high = vmlal_high_lane_s16(sum.high, a.second, b.v, 1);
   return sum;
 }
-inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
+inline void stage_row(const uint8_t* row, dot_element* staged) {
   for (size_t i = 0; i < 16; i += 8) {
-    const uint16x8_t bytes = vreinterpretq_u16_u8(vld1q_u8(source + 2 * i));
-    vst1q_s16(even + i, vreinterpretq_s16_u16(vandq_u16(bytes, vdupq_n_u16(0xff))));
-    vst1q_s16(odd + i, vreinterpretq_s16_u16(vshrq_n_u16(bytes, 8)));
+    const uint16x8_t bytes = vreinterpretq_u16_u8(vld1q_u8(row + 2 * i));
+    vst1q_s16(staged + i, vreinterpretq_s16_u16(vandq_u16(bytes, vdupq_n_u16(0xff))));
+    vst1q_s16(staged + 16 + i, vreinterpretq_s16_u16(vshrq_n_u16(bytes, 8)));
   }
 }
 template <int bit, int n_bit>
-inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
+inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch) {
   static constexpr uint8_t transpose[16] = {0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15};
-  for (size_t half = 0; half < 2; ++half) {
-    // columns holds four rows of column 0, then of column 1, and so on.
-    const int16x8_t columns = vreinterpretq_s16_u8(vqtbl1q_u8(vld1q_u8(source + 16 * half), vld1q_u8(transpose)));
-    const int64x2_t even = vreinterpretq_s64_s16(vshrq_n_s16(vshlq_n_s16(columns, 16 - bit - n_bit), 16 - n_bit));
-    const int64x2_t odd = vreinterpretq_s64_s16(vshrq_n_s16(vshlq_n_s16(columns, 8 - bit - n_bit), 16 - n_bit));
-    vst1q_s16(left + 8 * half, vreinterpretq_s16_s64(vzip1q_s64(even, odd)));
-    vst1q_s16(right + 8 * half, vreinterpretq_s16_s64(vzip2q_s64(even, odd)));
+  for (size_t step = 0; step < 8; ++step) {
+    // columns holds four rows of each of four columns.
+    const int16x8_t columns = vreinterpretq_s16_u8(vqtbl1q_u8(vld1q_u8(rows + 16 * step), vld1q_u8(transpose)));
+    vst1q_s16(panel + step * pitch, vshrq_n_s16(vshlq_n_s16(columns, 16 - bit - n_bit), 16 - n_bit));
+    vst1q_s16(panel + (8 + step) * pitch, vshrq_n_s16(vshlq_n_s16(columns, 8 - bit - n_bit), 16 - n_bit));
   }
+}
+
+// Eight lanes are the width of the long products too.
+using wide_f32 = f32x8;
+using wide_i32 = i32x8;
+inline constexpr size_t wide_lanes = 8;
+inline constexpr size_t kernel_rows = 4;
+inline wide_f32 load_wide(const float* p) {
+  return load(p);
+}
+inline wide_i32 load_wide(const int32_t* p) {
+  return load(p);
+}
+inline wide_f32 broadcast_wide(float x) {
+  return broadcast(x);
 }
 
 }  // namespace morun::simd::inline MORUN_BACKEND

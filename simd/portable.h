@@ -314,44 +314,58 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 v) {
 
 // Operations for exact products of small integers.
 
-struct pairs8 {
+using dot_element = int16_t;
+
+struct wide_dots {
   int16_t lane[16];
 };
 
-inline pairs8 load_pairs(const int16_t* p) {
-  pairs8 v;
+inline wide_dots load_dots(const int16_t* p) {
+  wide_dots v;
   std::memcpy(v.lane, p, sizeof v.lane);
   return v;
 }
-using same_pair8 = pairs8;
-inline same_pair8 broadcast_pair(const int16_t* p) {
-  pairs8 v;
+using same_dots = wide_dots;
+inline same_dots broadcast_dots(const int16_t* p) {
+  wide_dots v;
   for (int i = 0; i < 16; ++i) v.lane[i] = p[i % 2];
   return v;
 }
-inline i32x8 multiply_add(pairs8 a, same_pair8 b, i32x8 sum) {
+inline i32x8 multiply_add(wide_dots a, same_dots b, i32x8 sum) {
   for (int i = 0; i < 8; ++i) {
     const int32_t product = a.lane[2 * i] * b.lane[2 * i] + a.lane[2 * i + 1] * b.lane[2 * i + 1];
     sum.lane[i] = wrapping_sum(sum.lane[i], static_cast<uint32_t>(product));
   }
   return sum;
 }
-inline void pair_bytes(const uint8_t* source, int16_t* even, int16_t* odd) {
+inline void stage_row(const uint8_t* row, dot_element* staged) {
   for (int i = 0; i < 16; ++i) {
-    even[i] = source[2 * i];
-    odd[i] = source[2 * i + 1];
+    staged[i] = row[2 * i];
+    staged[16 + i] = row[2 * i + 1];
   }
 }
 template <int bit, int n_bit>
-inline void pair_rows(const uint8_t* source, int16_t* left, int16_t* right) {
-  for (int row = 0; row < 8; ++row) {
-    const int pair = row / 4 * 2 + row % 2, member = row % 4 / 2;
-    for (int column = 0; column < 4; ++column) {
-      const int at_top = source[4 * row + column] << (16 - bit - n_bit);
-      int16_t* const pairs = column < 2 ? left : right;
-      pairs[4 * pair + column % 2 * 2 + member] = static_cast<int16_t>(static_cast<int16_t>(at_top) >> (16 - n_bit));
-    }
+inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch) {
+  for (size_t i = 0; i < 128; ++i) {
+    const size_t row = i / 4, column = i % 4, step = row / 4 + row % 2 * 8, member = row % 4 / 2;
+    const int at_top = rows[i] << (16 - bit - n_bit);
+    panel[step * pitch + 2 * column + member] = static_cast<int16_t>(static_cast<int16_t>(at_top) >> (16 - n_bit));
   }
+}
+
+// Eight lanes are the width of the long products too.
+using wide_f32 = f32x8;
+using wide_i32 = i32x8;
+inline constexpr size_t wide_lanes = 8;
+inline constexpr size_t kernel_rows = 4;
+inline wide_f32 load_wide(const float* p) {
+  return load(p);
+}
+inline wide_i32 load_wide(const int32_t* p) {
+  return load(p);
+}
+inline wide_f32 broadcast_wide(float x) {
+  return broadcast(x);
 }
 
 }  // namespace morun::simd::inline MORUN_BACKEND

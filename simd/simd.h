@@ -71,19 +71,24 @@
 //   store_nibbles             stores the low nibbles of 32 bytes as four words, the first nibble least significant
 //   store_zipped_nibbles      the same, with the eight nibbles of each word in the order 0 4 1 5 2 6 3 7
 //
-// Operations for exact products of small integers:
+// Operations for long products, in vectors of the backend's full width:
 //
-//   pairs8                    eight pairs of 16-bit integers, which stand in memory pair after pair
-//   same_pair8                one pair, eight times
-//   load_pairs                loads a pairs8
-//   broadcast_pair            loads a same_pair8
-//   multiply_add(a, b, sum)   adds a.first * b.first + a.second * b.second to each lane of an i32x8, modulo 2^32; a
-//                             pair's two products add up to less than 2^31
-//   pair_bytes(source, even, odd)  takes 32 unsigned bytes; of each four, bytes 0 and 2 become a pair of `even`, bytes
-//                             1 and 3 a pair of `odd`
-//   pair_rows<bit, n_bit>(source, left, right)  takes 8 rows of 4 bytes and reads a signed number from n_bit bits of
-//                             each byte, from `bit` on; rows 0 and 2, 1 and 3, 4 and 6, 5 and 7 become pairs, each four
-//                             times two pairs in this order: `left` of columns 0 and 1, `right` of columns 2 and 3
+//   wide_lanes                lanes of a wide vector: 8, or 16 on AVX-512
+//   wide_f32, wide_i32        wide vectors of floats and of 32-bit integers
+//   kernel_rows               rows by two wide vectors are as many sums as the registers hold; an even number
+//   load_wide, broadcast_wide, store, multiply_add  of wide vectors, as of f32x8 and i32x8
+//
+// Exact products of 32 unsigned bytes of a row and 32 signed weights of each column, modulo 2^32. A step is one word of
+// 32 bits: the two or four bytes whose products one instruction adds up. The backend chooses the order of the steps.
+//
+//   dot_element               the type in which bytes and weights are staged; a word is one step
+//   stage_row(row, staged)    takes 32 unsigned bytes of a row and writes their steps
+//   stage_columns<bit, n_bit>(rows, panel, pitch)  takes 32 rows of 4 bytes and reads a signed weight from n_bit bits of
+//                             each byte, from `bit` on; writes for each step one word of each column; the words of two
+//                             steps stand `pitch` elements apart
+//   wide_dots, load_dots      one word of each of wide_lanes columns
+//   same_dots, broadcast_dots  one word of a row, for all lanes
+//   multiply_add(a, b, sum)   adds the products of the weights a and the bytes b to each lane of a wide_i32
 #pragma once
 
 #include <cstddef>

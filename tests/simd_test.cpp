@@ -274,40 +274,58 @@ TEST_F(Simd, WordsAreTransposedAndTheirNibblesZipped) {
     }
 }
 
-template <int bit, int n_bit>
-void check_pair_rows(const Vector<uint8_t>& rows) {
-  Vector<int16_t> left(16), right(16);
-  simd::pair_rows<bit, n_bit>(rows.data(), left.data(), right.data());
-  for (int r = 0; r < 8; ++r)
-    for (int c = 0; c < 4; ++c) {
-      const int field = rows[static_cast<size_t>(4 * r + c)] >> bit & ((1 << n_bit) - 1),
-                value = field >> (n_bit - 1) ? field - (1 << n_bit) : field;
-      const int pair = r / 4 * 2 + r % 2, member = r % 4 / 2;
-      EXPECT_EQ((c < 2 ? left : right)[static_cast<size_t>(4 * pair + c % 2 * 2 + member)], value) << r << ' ' << c;
-    }
+TEST_F(Simd, WideVectorsMultiplyAndAddInEveryLane) {
+  for (size_t round = 0; round < n_round; ++round) {
+    const auto half = [&](size_t i) { return simd::widen_bits(special_half(i)); };  // so that products are exact
+    const Lanes<float> a([&](size_t i) { return half(7 * i + round); }, simd::wide_lanes),
+        c([&](size_t i) { return round % 2 ? random_float() : special_float(i * (round / 2 + 1) + round); },
+          simd::wide_lanes);
+    const float b = half(round / 3);
+    Vector<float> sums(simd::wide_lanes);
+    simd::store(sums.data(),
+                simd::multiply_add(simd::load_wide(a.data()), simd::broadcast_wide(b), simd::load_wide(c.data())));
+    EXPECT_LANES(float, sums, a[i] * b + c[i], true);
+  }
 }
 
-TEST_F(Simd, PairsAreFormedAndMultipliedExactly) {
-  for (size_t round = 0; round < n_round; ++round) {
-    const Vector<uint8_t> bytes = random.any<uint8_t>(32);
-    Vector<int16_t> even(16), odd(16);
-    simd::pair_bytes(bytes.data(), even.data(), odd.data());
-    EXPECT_LANES(int16_t, even, bytes[2 * i]);
-    EXPECT_LANES(int16_t, odd, bytes[2 * i + 1]);
-    check_pair_rows<0, 8>(bytes);
-    check_pair_rows<0, 4>(bytes);
-    check_pair_rows<4, 4>(bytes);
+// Columns in all lanes, times one row.
+template <int bit, int n_bit>
+void check_dots(test::Random& random) {
+  constexpr size_t n_row = 32, n_column = simd::wide_lanes, n = sizeof(uint32_t) / sizeof(simd::dot_element);
+  const auto bytes = [&](size_t count) {
+    Vector<uint8_t> values = random.any<uint8_t>(count);
+    for (uint8_t& value : values)
+      if (random.bits() % 4 == 0) value = std::array<uint8_t, 4>{0, 0x7f, 0x88, 0xff}[random.bits() % 4];
+    return values;
+  };
+  const Vector<uint8_t> row = bytes(n_row);
+  Vector<simd::dot_element> staged(n_row), panel(n_row * n_column);
+  simd::stage_row(row.data(), staged.data());
+  const Vector<int32_t> before = random.any<int32_t>(n_column);
+  Vector<int32_t> expected = before, result(n_column);
+  for (size_t column = 0; column < n_column; column += 4) {
+    const Vector<uint8_t> weights = bytes(4 * n_row);
+    simd::stage_columns<bit, n_bit>(weights.data(), panel.data() + column * n, n_column * n);
+    for (size_t i = 0; i < 4 * n_row; ++i) {
+      const int field = weights[i] >> bit & ((1 << n_bit) - 1),
+                weight = field >> (n_bit - 1) ? field - (1 << n_bit) : field;
+      int32_t& sum = expected[column + i % 4];
+      sum = static_cast<int32_t>(sum + int64_t{row[i / 4]} * weight);
+    }
+  }
+  auto sums = simd::load_wide(before.data());
+  for (size_t k = 0; k < n_row; k += n)
+    sums =
+        simd::multiply_add(simd::load_dots(panel.data() + k * n_column), simd::broadcast_dots(staged.data() + k), sums);
+  simd::store(result.data(), sums);
+  EXPECT_EQ(result, expected) << bit << ' ' << n_bit;
+}
 
-    Vector<int16_t> pairs(16), one(2);
-    for (int16_t& x : pairs)
-      x = static_cast<int16_t>(random.bits() % 4 ? random.bits() : random.bits() % 2 ? 32767 : -32767);
-    for (int16_t& x : one) x = static_cast<int16_t>(random.bits() % 4 ? random.bits() : 32767);
-    if (one[0] == INT16_MIN) one[0] = 0;
-    const Lanes<int32_t> sums = any<int32_t>();
-    const auto result =
-        simd::multiply_add(simd::load_pairs(pairs.data()), simd::broadcast_pair(one.data()), sums.load());
-    EXPECT_LANES(int32_t, stored<int32_t>(result),
-                 static_cast<int32_t>(sums[i] + int64_t{pairs[2 * i]} * one[0] + int64_t{pairs[2 * i + 1]} * one[1]));
+TEST_F(Simd, DotProductsOfBytesAndNibblesAreExact) {
+  for (size_t round = 0; round < n_round; ++round) {
+    check_dots<0, 8>(random);
+    check_dots<0, 4>(random);
+    check_dots<4, 4>(random);
   }
 }
 

@@ -1,6 +1,7 @@
 #include "platform/emulator/dsp/matrix_unit.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <memory>
 #include <new>
@@ -13,13 +14,15 @@
 namespace parlo::dsp::inline MORUN_BACKEND {
 namespace {
 
-// The number of steps in one pass. A panel and a column of tiles of this depth fit into the first-level cache.
+// The number of steps in one pass. A tile column of staged weights of this depth, and the rows that the kernel takes at a
+// time, fit into the first-level cache.
 constexpr size_t block_steps = 128;
-constexpr size_t block_rows = 256;
-constexpr size_t block_columns = 256;
+constexpr size_t block_rows = 512;
+constexpr size_t block_sums = size_t{1} << 18;  // rows x columns of a block
+// With few rows, reading the weights takes most of the time. A short pass over many columns reads them nearly in the
+// order of memory.
 constexpr size_t few_rows = 8;
-// The inner elements of one pass with few rows. A short pass reads the weights nearly in the order of memory.
-constexpr size_t few_rows_depth = 2 * tile_size;
+constexpr size_t few_rows_depth = 2 * tile_size;  // inner elements
 // For fewer products, starting a thread costs more than the thread saves.
 constexpr size_t n_product_per_thread = size_t{1} << 21;
 
@@ -36,6 +39,7 @@ template <class Elements>
 struct TiledProduct {
   using Staged = typename Elements::Staged;
   using Sum = typename Elements::Sum;
+  static constexpr size_t unit_rows = Elements::unit_rows;
   static constexpr size_t block_depth = block_steps * Elements::step;
   static constexpr size_t tile_weights =  // values of type Elements::Weight in a tile of W
       tile_elements * Elements::weight_bits / (8 * sizeof(typename Elements::Weight));
@@ -47,10 +51,9 @@ struct TiledProduct {
 
   // The working memory of one thread.
   struct Scratch {
-    alignas(64) Staged panels[block_rows * block_depth];  // the operand in lanes
-    alignas(64) Staged tiles[tile_size * block_depth];    // the operand that is broadcast, tile after tile
-    // Panel after panel, each [column][16 rows]. With few rows: tile after tile, each [row][32 columns in lane order].
-    alignas(64) Sum sums[block_rows * block_columns];
+    alignas(64) Staged activation[block_rows * block_depth];  // units of rows, each [step][row of the unit]
+    alignas(64) Staged panel[tile_size * block_depth];        // a column of tiles, [step][32 columns]
+    alignas(64) Sum sums[block_sums];                         // for each column of tiles [row][32 columns]
   };
 
   // Returns the index at which row `row` of the tile at column `column` begins, in a tiled matrix of n_column columns.
@@ -63,141 +66,96 @@ struct TiledProduct {
     return W + (k / tile_size * (shape.n_col / tile_size) + column / tile_size) * tile_weights;
   }
 
-  // Multiplies the panel, whose lanes fill one vector for each `v`, by n_broadcast rows or columns, over n_tile tiles
-  // of the inner dimension. Adds the products to sums[n_broadcast][lanes].
-  template <size_t n_broadcast, size_t... v>
-  static void accumulate(std::index_sequence<v...>, size_t n_tile, const Staged* panel, const Staged* tiles,
-                         Sum* sums) {
-    constexpr size_t n_lane = 8 * sizeof...(v);
-    decltype(simd::load(sums)) total[sizeof...(v)][n_broadcast];
-#pragma GCC unroll 6
-    for (size_t b = 0; b < n_broadcast; ++b) ((total[v][b] = simd::load(sums + b * n_lane + 8 * v)), ...);
-    for (size_t tile = 0; tile < n_tile; ++tile) {
-      for (size_t k = 0; k < tile_size; k += Elements::step) {
-        const decltype(Elements::load(panel)) lanes[] = {Elements::load(panel + 8 * v * Elements::step)...};
-#pragma GCC unroll 6
-        for (size_t b = 0; b < n_broadcast; ++b) {
-          const auto same = Elements::broadcast(tiles + b / 2 * pair_pitch + 2 * k + b % 2 * Elements::step);
-          ((total[v][b] = simd::multiply_add(lanes[v], same, total[v][b])), ...);
-        }
-        panel += n_lane * Elements::step;
-      }
-      tiles += tile_elements;
-    }
-#pragma GCC unroll 6
-    for (size_t b = 0; b < n_broadcast; ++b) (simd::store(sums + b * n_lane + 8 * v, total[v][b]), ...);
-  }
-  static constexpr std::make_index_sequence<2> two_vectors{};
-  static constexpr std::make_index_sequence<4> four_vectors{};
-
-  // ---- Blocks of rows and columns: lanes run along rows, columns of weights are broadcast ----
-
-  void stage_activation(Range rows, Range inner, Staged* panel) const {
-    for (size_t row = rows.begin; row < rows.end; row += panel_rows) {
-      for (size_t k = inner.begin; k < inner.end; k += tile_size) {
-        Elements::stage_activation(X + position(row, k, shape.n_inner), panel);
-        panel += panel_rows * tile_size;
-      }
-    }
+  void stage_activation(Range rows, Range inner, Staged* staged) const {
+    for (size_t row = rows.begin; row < rows.end; row += unit_rows)
+      for (size_t k = inner.begin; k < inner.end; k += tile_size)
+        Elements::stage_unit(X + position(row, k, shape.n_inner),
+                             staged + (row - rows.begin) * block_depth + (k - inner.begin) * unit_rows);
   }
 
-  void stage_weights(Range inner, size_t column, Staged* staged) const {
-    for (size_t k = inner.begin; k < inner.end; k += tile_size) {
-      Elements::stage_weights(weight_tile(k, column), staged);
-      staged += tile_elements;
-    }
-  }
-
-  // Takes the 32 columns of a tile in groups whose sums fill the registers: 4 x 6 + 2 x 4.
-  static void accumulate_tile_column(size_t n_tile, const Staged* panel, const Staged* weights, Sum* sums) {
-    size_t column = 0;
-    for (; column < 24; column += 6)
-      accumulate<6>(two_vectors, n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
-    for (; column < tile_size; column += 4)
-      accumulate<4>(two_vectors, n_tile, panel, weights + column / 2 * pair_pitch, sums + column * panel_rows);
-  }
-
-  void store_block(Range rows, Range columns, const Sum* sums) const {
-    constexpr size_t at_a_time = 8;
-    for (size_t row = rows.begin; row < rows.end; row += panel_rows) {
-      for (size_t column = columns.begin; column < columns.end; column += at_a_time) {
-        const size_t column_of_tile = column % tile_size;
-        Elements::store_columns(sums, A + position(row, column - column_of_tile, shape.n_col), column_of_tile);
-        sums += at_a_time * panel_rows;
-      }
-    }
-  }
-
-  void multiply_block(Range rows, Range columns, Scratch& scratch) const {
-    std::fill_n(scratch.sums, rows.size() * columns.size(), Sum{0});
-    for (size_t k = 0; k < shape.n_inner; k += block_depth) {
-      const Range inner{k, std::min(k + block_depth, shape.n_inner)};
-      stage_activation(rows, inner, scratch.panels);
-      for (size_t column = columns.begin; column < columns.end; column += tile_size) {
-        stage_weights(inner, column, scratch.tiles);
-        for (size_t row = 0; row < rows.size(); row += panel_rows) {
-          Sum* sums = scratch.sums + row * columns.size() + (column - columns.begin) * panel_rows;
-          accumulate_tile_column(inner.size() / tile_size, scratch.panels + row * inner.size(), scratch.tiles, sums);
-        }
-      }
-    }
-    store_block(rows, columns, scratch.sums);
-  }
-
-  // ---- Few rows: lanes run along columns, rows are broadcast ----
-
-  // Stages the first rows in the form in which stage_weights stages columns.
-  void stage_few_rows(Range inner, Staged* staged) const {
-    for (size_t k = inner.begin; k < inner.end; k += tile_size) {
-      alignas(64) Staged panel[panel_rows * tile_size];
-      Elements::stage_activation(X + position(0, k, shape.n_inner), panel);
-      for (size_t row = 0; row < few_rows; row += 2)
-        for (size_t i = 0; i < tile_size; i += Elements::step)
-          std::copy_n(panel + i * panel_rows + row * Elements::step, 2 * Elements::step,
-                      staged + row * tile_size + 2 * i);
-      staged += tile_elements;
-    }
-  }
-
-  void stage_columns(Range inner, size_t column, Staged* panel) const {
+  void stage_weights(Range inner, size_t column, Staged* panel) const {
     for (size_t k = inner.begin; k < inner.end; k += tile_size) {
       const auto* tile = weight_tile(k, column);
       for (size_t i = 0; i < tile_weights; i += 64 / sizeof *tile) simd::prefetch_ahead(tile, tile_weights + i);
-      Elements::stage_columns(tile, panel);
-      panel += tile_elements;
+      Elements::stage_weights(tile, panel + (k - inner.begin) * tile_size);
     }
   }
 
-  // Stores sixteen rows. The rows after the first n_row are copies of row n_row - 1.
-  void store_few_rows(size_t n_row, Range columns, const Sum* sums) const {
+  // Multiplies n_row rows by the first columns of the panel, n_vector vectors of them, and adds the products to
+  // sums[n_row][tile_size].
+  template <size_t n_row, size_t n_vector>
+  static void accumulate(size_t n_inner, const Staged* rows, const Staged* panel, Sum* sums) {
+    constexpr size_t n_lane = simd::wide_lanes, step = Elements::step;
+    decltype(simd::load_wide(sums)) total[n_row][n_vector];
+#pragma GCC unroll 16
+    for (size_t r = 0; r < n_row; ++r)
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) total[r][v] = simd::load_wide(sums + r * tile_size + v * n_lane);
+    for (size_t k = 0; k < n_inner; k += step) {
+      decltype(Elements::load(panel)) weights[n_vector];
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) weights[v] = Elements::load(panel + v * n_lane * step);
+#pragma GCC unroll 16
+      for (size_t r = 0; r < n_row; ++r) {
+        const size_t unit = r / unit_rows * unit_rows;
+        const auto same = Elements::broadcast(rows + unit * block_depth + r % unit_rows * step);
+#pragma GCC unroll 4
+        for (size_t v = 0; v < n_vector; ++v) total[r][v] = simd::multiply_add(weights[v], same, total[r][v]);
+      }
+      panel += tile_size * step;
+      rows += unit_rows * step;
+    }
+#pragma GCC unroll 16
+    for (size_t r = 0; r < n_row; ++r)
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) simd::store(sums + r * tile_size + v * n_lane, total[r][v]);
+  }
+
+  // Multiplies n_row rows by all columns of the panel. Two rows by two vectors would be so few sums that each
+  // multiply-add waits for the one before.
+  template <size_t n_row>
+  static void accumulate_group(size_t n_inner, const Staged* rows, const Staged* panel, Sum* sums) {
+    constexpr size_t n_vector = n_row == 2 ? tile_size / simd::wide_lanes : 2;
+    for (size_t column = 0; column < tile_size; column += n_vector * simd::wide_lanes)
+      accumulate<n_row, n_vector>(n_inner, rows, panel + column * Elements::step, sums + column);
+  }
+
+  // Multiplies all rows by a column of tiles. The rows are taken in groups of nearly equal size.
+  static void accumulate_rows(size_t n_row, size_t n_inner, const Scratch& scratch, Sum* sums) {
+    static constexpr auto accumulate_pairs = []<size_t... pair>(std::index_sequence<pair...>) {
+      return std::array{accumulate_group<2 * (pair + 1)>...};
+    }
+    (std::make_index_sequence<simd::kernel_rows / 2>());
+    size_t n_group = divide_up(n_row, simd::kernel_rows);
+    for (size_t row = 0; row < n_row; --n_group) {
+      const size_t n_pair = divide_up((n_row - row) / 2, n_group);
+      accumulate_pairs[n_pair - 1](n_inner, scratch.activation + row * block_depth, scratch.panel,
+                                   sums + row * tile_size);
+      row += 2 * n_pair;
+    }
+  }
+
+  // Stores the sums of the block. The rows from rows.end up to stored_end have the result of the last row.
+  void store_block(Range rows, size_t stored_end, Range columns, const Sum* sums) const {
+    const auto sums_of = [&](size_t row) { return sums + (std::min(row, rows.end - 1) - rows.begin) * tile_size; };
     for (size_t column = columns.begin; column < columns.end; column += tile_size) {
-      alignas(64) Sum block[tile_size][panel_rows];
-      for (size_t lane = 0; lane < tile_size; ++lane)
-        for (size_t row = 0; row < panel_rows; ++row)
-          block[Elements::column_of_lane(lane)][row] = sums[std::min(row, n_row - 1) * tile_size + lane];
-      for (size_t c = 0; c < tile_size; c += 8)
-        Elements::store_columns(block[c], A + position(0, column, shape.n_col), c);
-      sums += few_rows * tile_size;
+      for (size_t row = rows.begin; row < stored_end; row += unit_rows)
+        Elements::store_unit(sums_of(row), sums_of(row + unit_rows - 1), A + position(row, column, shape.n_col));
+      sums += rows.size() * tile_size;
     }
   }
 
-  // With few rows, rows and columns change places: lanes run along the columns of a tile, and rows are broadcast. All
-  // weights have to be rearranged for this, but every lane computes a result that is needed. The weights are read in
-  // the order of memory, because reading them takes most of the time.
-  void multiply_few_rows(size_t n_row, Range columns, Scratch& scratch) const {
-    std::fill_n(scratch.sums, few_rows * columns.size(), Sum{0});
-    for (size_t k = 0; k < shape.n_inner; k += few_rows_depth) {
-      const Range inner{k, std::min(k + few_rows_depth, shape.n_inner)};
-      stage_few_rows(inner, scratch.tiles);
+  void multiply_block(Range rows, size_t stored_end, Range columns, size_t depth, Scratch& scratch) const {
+    std::fill_n(scratch.sums, rows.size() * columns.size(), Sum{0});
+    for (size_t k = 0; k < shape.n_inner; k += depth) {
+      const Range inner{k, std::min(k + depth, shape.n_inner)};
+      stage_activation(rows, inner, scratch.activation);
       for (size_t column = columns.begin; column < columns.end; column += tile_size) {
-        stage_columns(inner, column, scratch.panels);
-        Sum* sums = scratch.sums + few_rows * (column - columns.begin);
-        for (size_t row = 0; row < n_row; row += 2)
-          accumulate<2>(four_vectors, inner.size() / tile_size, scratch.panels, scratch.tiles + row * tile_size,
-                        sums + row * tile_size);
+        stage_weights(inner, column, scratch.panel);
+        accumulate_rows(rows.size(), inner.size(), scratch, scratch.sums + rows.size() * (column - columns.begin));
       }
     }
-    store_few_rows(n_row, columns, scratch.sums);
+    store_block(rows, stored_end, columns, scratch.sums);
   }
 
   // ---- Rows of zeros at the end ----
@@ -218,16 +176,6 @@ struct TiledProduct {
     while (n_row > 0 && is_zero(n_row - 1)) --n_row;
     return n_row;
   }
-
-  // Copies the result of the last unit of rows before n_row to all rows from n_row on.
-  void repeat_last_result(size_t n_row) const {
-    constexpr size_t n_element = Elements::unit_rows * tile_size;
-    for (size_t column = 0; column < shape.n_col; column += tile_size) {
-      const auto* last = A + position(n_row - Elements::unit_rows, column, shape.n_col);
-      for (size_t row = n_row; row < shape.n_row; row += Elements::unit_rows)
-        std::copy_n(last, n_element, A + position(row, column, shape.n_col));
-    }
-  }
 };
 
 struct Block {
@@ -236,8 +184,8 @@ struct Block {
 
 // How a product is cut into blocks, which n_thread threads share.
 struct Plan {
-  size_t n_row;       // rows that are computed
-  bool has_few_rows;  // rows and columns change places
+  size_t n_row;  // rows that are computed
+  size_t depth;  // inner elements of one pass
   size_t n_col;
   size_t n_column_of_block;
   size_t n_thread;
@@ -251,20 +199,19 @@ struct Plan {
 };
 
 // Padding makes rows of zeros at the end of the activation. These rows all have the same result, which is not always
-// zero. One or two of them are computed, and the result is copied to the others.
-size_t n_row_to_compute(size_t n_row, size_t n_row_before_zeros, size_t unit_rows) {
-  if (n_row_before_zeros < few_rows) return n_row_before_zeros + 1;
-  return std::min(n_row, divide_up(n_row_before_zeros + unit_rows, panel_rows) * panel_rows);
+// zero. One or two of them are computed, and the others have the same result. The kernel takes rows in pairs.
+size_t n_row_to_compute(size_t n_row, size_t n_row_before_zeros) {
+  return std::min(n_row, divide_up(n_row_before_zeros + 1, 2) * 2);
 }
 
-Plan plan_for(const Shape& shape, size_t n_row_before_zeros, size_t unit_rows) {
+Plan plan_for(const Shape& shape, size_t n_row_before_zeros, size_t block_depth) {
   Plan plan{};
-  plan.n_row = n_row_to_compute(shape.n_row, n_row_before_zeros, unit_rows);
-  plan.has_few_rows = n_row_before_zeros < few_rows;
+  plan.n_row = n_row_to_compute(shape.n_row, n_row_before_zeros);
+  plan.depth = plan.n_row <= few_rows ? few_rows_depth : block_depth;
   plan.n_col = shape.n_col;
   plan.n_thread =
       std::clamp(plan.n_row * shape.n_col * shape.n_inner / n_product_per_thread, size_t{1}, n_processors());
-  plan.n_column_of_block = plan.has_few_rows ? block_rows * block_columns / few_rows : block_columns;
+  plan.n_column_of_block = block_sums / std::min(plan.n_row, block_rows) / tile_size * tile_size;
   if (plan.n_thread == 1) return plan;
   // Makes blocks narrower when there are too few of them to keep every thread busy.
   const size_t even_share = divide_up(shape.n_col / tile_size * plan.n_row_block(), 4 * plan.n_thread) * tile_size;
@@ -279,7 +226,7 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
   const Product product{shape, reinterpret_cast<const typename Elements::Activation*>(X),
                         reinterpret_cast<const typename Elements::Weight*>(W),
                         reinterpret_cast<typename Elements::Result*>(A)};
-  const Plan plan = plan_for(shape, product.n_row_before_zeros(), Elements::unit_rows);
+  const Plan plan = plan_for(shape, product.n_row_before_zeros(), Product::block_depth);
   const size_t n_block = plan.n_block();
   std::atomic<size_t> next{0};
   // The calling thread allocates its scratch memory before anything is written. Another thread that cannot allocate its
@@ -294,13 +241,10 @@ void multiply(const Shape& shape, const std::byte* X, const std::byte* W, std::b
     if (!scratch) return;
     for (size_t index = next++; index < n_block; index = next++) {
       const Block block = plan.block(index);
-      if (plan.has_few_rows)
-        product.multiply_few_rows(block.rows.size(), block.columns, *scratch);
-      else
-        product.multiply_block(block.rows, block.columns, *scratch);
+      const size_t stored_end = block.rows.end == plan.n_row ? shape.n_row : block.rows.end;
+      product.multiply_block(block.rows, stored_end, block.columns, plan.depth, *scratch);
     }
   });
-  product.repeat_last_result(plan.has_few_rows ? panel_rows : plan.n_row);
 }
 
 template <class Elements>
