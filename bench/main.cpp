@@ -138,11 +138,9 @@ int run(const Arguments& arguments) {
   describe("processor", fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, backend()));
   describe("sgemm", bench::openblas_description());
   describe("peer", bench::onednn_description());
-  describe(
-      "ratio",
-      fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds; all memory begins "
-                  "16 bytes past a page, then at its start, and the lower median stands here",
-                  n_round));
+  describe("ratio", fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds, at the "
+                                "worse of two places of the memory",
+                                n_round));
   fmt::print("\n");
 
   register_rows(rows, n_round);

@@ -70,6 +70,8 @@
 //   add_bytes(sums, a)        adds each unsigned byte to one of the lanes; the backend chooses the lane
 //   store_nibbles             stores the low nibbles of 32 bytes as four words, the first nibble least significant
 //   store_zipped_nibbles      the same, with the eight nibbles of each word in the order 0 4 1 5 2 6 3 7
+//   store_nibble_columns      takes eight rows of 32 bytes, where row(i) is the address of row i, and stores a word of 32
+//                             bits for each column: the low nibbles of rows 0 4 1 5 2 6 3 7, least significant first
 //
 // Operations for exact products of small integers:
 //

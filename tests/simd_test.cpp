@@ -274,6 +274,15 @@ TEST_F(Simd, WordsAreTransposedAndTheirNibblesZipped) {
     }
 }
 
+TEST_F(Simd, NibblesOfColumnsBecomeWords) {
+  const Vector<uint8_t> source = random.any<uint8_t>(7 * 33 + 32);
+  Vector<uint8_t> words(128);
+  simd::store_nibble_columns(words.data(), [&](size_t i) { return source.data() + 33 * i; });
+  for (size_t c = 0; c < 32; ++c)
+    for (size_t r = 0; r < 8; ++r)
+      EXPECT_EQ(words[4 * c + r % 4] >> r / 4 * 4 & 15, source[33 * r + c] & 15) << r << " " << c;
+}
+
 template <int bit, int n_bit>
 void check_pair_rows(const Vector<uint8_t>& rows) {
   Vector<int16_t> left(16), right(16);
