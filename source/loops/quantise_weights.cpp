@@ -38,19 +38,11 @@ struct Extremes {
 Extremes extremes_of(const uint16_t* row, uint64_t n_col) {
   if (n_col == 0) return {0, 0};
   const float first = simd::widen_bits(row[0]);
-  simd::f32x8 min[2] = {simd::broadcast(first), simd::broadcast(first)};
-  simd::f32x8 max[2] = {min[0], min[0]};
+  simd::half_extremes lanes(row[0]);
   uint64_t c = 0;
-  for (; c + 16 <= n_col; c += 16) {
-    for (size_t i = 0; i < 2; ++i) {
-      const simd::f32x8 x = simd::widen(simd::load(row + c + 8 * i));
-      min[i] = simd::lesser(x, min[i]);
-      max[i] = simd::greater(x, max[i]);
-    }
-  }
+  for (; c + segment_cols <= n_col; c += segment_cols) simd::include(lanes, row + c);
   float mins[8], maxs[8];
-  simd::store(mins, simd::lesser(min[0], min[1]));
-  simd::store(maxs, simd::greater(max[0], max[1]));
+  simd::store(mins, maxs, lanes);
   Extremes extremes = {first, first};
   const auto include = [&extremes](float least, float most) {
     if (least < extremes.min) extremes.min = least;
@@ -96,31 +88,17 @@ constexpr uint64_t scaled_cols = 1024;
 
 // Computes value * inverse + zero_point, rounded once to f16. n_col is a multiple of segment_cols.
 void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, uint16_t* to) {
-  const auto eight = [](uint16_t half) { return std::array{half, half, half, half, half, half, half, half}; };
-  const auto inverses = eight(step.inverse), zero_points = eight(step.zero_point);
+  uint16_t inverses[8], zero_points[segment_cols];
+  std::fill_n(inverses, 8, step.inverse);
+  std::fill_n(zero_points, segment_cols, step.zero_point);
   simd::in_half_arithmetic([&] {
-    const simd::half8 inverse = simd::load_half8(inverses.data());
+    const simd::half8x4 inverse = simd::broadcast_half8x4(inverses);
     for (uint64_t c = 0; c < n_col; c += segment_cols) {
-      for (uint64_t i = c; i < c + segment_cols; i += 8) {
-        simd::half8_sum sum = simd::load_half8_sum(zero_points.data());
-        simd::accumulate(sum, simd::load_half8(from + i), inverse);
-        simd::store(to + i, sum);
-      }
+      simd::half8x4_sum sum = simd::load_half8x4_sum(zero_points);
+      simd::accumulate(sum, simd::load_half8x4(from + c), inverse);
+      simd::store(to + c, sum);
     }
   });
-}
-
-// Rounds and clamps 32 scaled values.
-template <class Width>
-simd::u8x32 round_scaled(const uint16_t* scaled) {
-  const simd::f32x8 low = simd::broadcast(Width::low), high = simd::broadcast(Width::high);
-  Segment v;
-  for (size_t i = 0; i < 4; ++i) {
-    const simd::f32x8 q = simd::number_or_zero(simd::widen(simd::load(scaled + 8 * i)));
-    // Clamping before rounding gives the same result as clamping afterwards, because the bounds are integers.
-    v[i] = simd::to_nearest(simd::lesser(simd::greater(q, low), high));
-  }
-  return simd::pack_bytes(v[0], v[1], v[2], v[3]);
 }
 
 // Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word.
@@ -134,7 +112,7 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
     const uint64_t begin = c, end = std::min(begin + scaled_cols, whole);
     scale_halves(from + begin, end - begin, step, scaled);
     for (; c < end; c += segment_cols) {
-      const simd::u8x32 q = round_scaled<Width>(scaled + (c - begin));
+      const simd::u8x32 q = simd::round_halves(scaled + (c - begin), Width::low, Width::high);
       Width::store(to + c / Width::per_word, q);
       sums = simd::add_bytes(sums, simd::flip_top_bits(q));
     }
@@ -145,7 +123,7 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
   uint16_t rest[segment_cols] = {};
   memcpy(rest, from + c, (n_col - c) * sizeof *from);
   scale_halves(rest, segment_cols, step, scaled);
-  const simd::u8x32 q = round_scaled<Width>(scaled);
+  const simd::u8x32 q = simd::round_halves(scaled, Width::low, Width::high);
   typename Width::Word words[segment_cols / Width::per_word];
   Width::store(words, q);
   memcpy(to + c / Width::per_word, words, (n_col - c) / Width::per_word * sizeof *to);
