@@ -5,6 +5,19 @@
 #include <new>
 
 namespace bench {
+namespace {
+
+size_t past_page = bytes_past_page[0];
+
+}  // namespace
+
+void place_memory(size_t bytes) {
+  past_page = bytes;
+}
+
+size_t memory_past_page() {
+  return past_page;
+}
 
 void fill(void* data, size_t n_byte) {
   auto* const halves = static_cast<uint16_t*>(data);
@@ -17,11 +30,11 @@ void fill(void* data, size_t n_byte) {
 
 std::shared_ptr<std::byte> filled_memory(size_t n_byte) {
   constexpr size_t page = 4096;
-  const size_t whole_pages = (n_byte + page - 1) / page * page;
-  std::shared_ptr<std::byte> memory(static_cast<std::byte*>(std::aligned_alloc(page, whole_pages)), std::free);
-  if (!memory) throw std::bad_alloc();
-  fill(memory.get(), whole_pages);
-  return memory;
+  const size_t whole_pages = (past_page + n_byte + page - 1) / page * page;
+  const std::shared_ptr<std::byte> pages(static_cast<std::byte*>(std::aligned_alloc(page, whole_pages)), std::free);
+  if (!pages) throw std::bad_alloc();
+  fill(pages.get(), whole_pages);
+  return {pages, pages.get() + past_page};
 }
 
 }  // namespace bench

@@ -32,9 +32,10 @@ Npu::~Npu() {
 SharedBuffer Npu::filled_buffer(uint64_t n_byte) {
   void* data = nullptr;
   int32_t fd = -1;
+  n_byte += memory_past_page();
   require(static_cast<uint32_t>(tavik_buffer_alloc(context_, n_byte, &data, &fd)));
   fill(data, n_byte);
-  return {static_cast<uint32_t>(fd), data};
+  return {static_cast<uint32_t>(fd), static_cast<std::byte*>(data) + memory_past_page()};
 }
 
 uint64_t Npu::handle(const SharedBuffer& buffer) const {

@@ -14,7 +14,7 @@ void require_remote(int status);
 
 struct SharedBuffer {
   uint32_t fd;
-  void* data;
+  void* data;  // what the host computes with; the matrix unit takes the buffer from its first byte on, a page's start
 };
 
 class Npu {
@@ -25,7 +25,7 @@ class Npu {
   Npu& operator=(const Npu&) = delete;
 
   tavik_context* context() const { return context_; }
-  // Returns a new, filled shared buffer, which lives as long as the Npu.
+  // Returns a new, filled shared buffer, which lives as long as the Npu. `data` stands where filled_memory() would.
   SharedBuffer filled_buffer(uint64_t n_byte);
   // Returns the handle of the session that maps the buffer, after locking the matrix unit for that session.
   uint64_t handle(const SharedBuffer& buffer) const;

@@ -4,7 +4,9 @@
 #include <omp.h>
 
 #include <dnnl.hpp>
+#include <memory>
 #include <unordered_map>
+#include <vector>
 
 #include "bench/memory.h"
 
@@ -50,16 +52,19 @@ Tag tag(Arrangement arrangement) {
   return Tag::undef;
 }
 
-dnnl::memory matrix(size_t n_row, size_t n_col, PeerMatrix kind) {
-  const dnnl::memory::desc description({static_cast<dnnl_dim_t>(n_row), static_cast<dnnl_dim_t>(n_col)},
-                                       type(kind.element), tag(kind.arrangement));
-  dnnl::memory memory(description, engine());
-  fill(memory.get_data_handle(), description.get_size());
-  return memory;
+dnnl::memory::desc matrix(size_t n_row, size_t n_col, PeerMatrix kind) {
+  return {{static_cast<dnnl_dim_t>(n_row), static_cast<dnnl_dim_t>(n_col)}, type(kind.element), tag(kind.arrangement)};
 }
 
-Peer execution(dnnl::primitive primitive, std::unordered_map<int, dnnl::memory> arguments) {
-  return [primitive, arguments = std::move(arguments), stream = dnnl::stream(engine())]() mutable {
+// Allocates the matrices and lets the peer own them.
+Peer execution(dnnl::primitive primitive, const std::unordered_map<int, dnnl::memory::desc>& matrices) {
+  std::vector<std::shared_ptr<std::byte>> owned;
+  std::unordered_map<int, dnnl::memory> arguments;
+  for (const auto& [argument, description] : matrices) {
+    owned.push_back(filled_memory(description.get_size()));
+    arguments.emplace(argument, dnnl::memory(description, engine(), owned.back().get()));
+  }
+  return [primitive, owned, arguments, stream = dnnl::stream(engine())]() mutable {
     primitive.execute(stream, arguments);
     stream.wait();
   };
@@ -68,18 +73,18 @@ Peer execution(dnnl::primitive primitive, std::unordered_map<int, dnnl::memory> 
 }  // namespace
 
 Peer reorder_peer(size_t n_row, size_t n_col, PeerMatrix from, PeerMatrix to, bool scaled) {
-  const dnnl::memory source = matrix(n_row, n_col, from), target = matrix(n_row, n_col, to);
+  const dnnl::memory::desc source = matrix(n_row, n_col, from), target = matrix(n_row, n_col, to);
   dnnl::primitive_attr attributes;
   if (scaled) attributes.set_output_scales(0, {0.5f});
-  return execution(dnnl::reorder({engine(), source.get_desc(), engine(), target.get_desc(), attributes}),
+  return execution(dnnl::reorder({engine(), source, engine(), target, attributes}),
                    {{DNNL_ARG_FROM, source}, {DNNL_ARG_TO, target}});
 }
 
 Peer matmul_peer(size_t n_row, size_t n_col, size_t n_inner, Element left, Element right, Element result) {
-  const dnnl::memory X = matrix(n_row, n_inner, {left, Arrangement::rows}),
-                     W = matrix(n_inner, n_col, {right, Arrangement::rows}),
-                     A = matrix(n_row, n_col, {result, Arrangement::rows});
-  const dnnl::matmul::primitive_desc description({X.get_desc(), W.get_desc(), A.get_desc()}, engine());
+  const dnnl::memory::desc X = matrix(n_row, n_inner, {left, Arrangement::rows}),
+                           W = matrix(n_inner, n_col, {right, Arrangement::rows}),
+                           A = matrix(n_row, n_col, {result, Arrangement::rows});
+  const dnnl::matmul::primitive_desc description({X, W, A}, engine());
   return execution(dnnl::matmul(description), {{DNNL_ARG_SRC, X}, {DNNL_ARG_WEIGHTS, W}, {DNNL_ARG_DST, A}});
 }
 

@@ -2,17 +2,21 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <utility>
 
+#include "bench/memory.h"
 #include "bench/platform_calls.h"
 
 namespace bench {
 namespace {
 
-constexpr char ratio_head[] = "  time, us  yardstick   time, us  ratio     q1    q3   peer  wanted  verdict";
+constexpr char ratio_head[] = "  time, us  yardstick   time, us  ratio     q1    q3  past   peer  wanted  verdict";
 constexpr char split_head[] = "  time, us   staging  platform      back  calls  library  wanted  verdict";
 
 const char* verdict(double ratio, double wanted) {
@@ -20,32 +24,48 @@ const char* verdict(double ratio, double wanted) {
   return ratio >= wanted / 2 ? "half" : "LOW";
 }
 
-void report(const Row& row, const std::vector<Round>& rounds, benchmark::State& state) {
+// The rounds of a row at one place of its memory.
+struct Rounds {
+  explicit Rounds(size_t bytes) : past_page(bytes) {}
+
+  size_t past_page;
   std::vector<double> ratios, peer_ratios, operation, yardstick;
-  for (const Round& round : rounds) {
+
+  void add(const Round& round) {
     ratios.push_back(round.yardstick / round.operation);
     if (round.peer > 0) peer_ratios.push_back(round.yardstick / round.peer);
     operation.push_back(round.operation);
     yardstick.push_back(round.yardstick);
   }
-  state.counters["time"] = quartiles(operation).median;
-  if (yardstick.front() == 0) return;
-  const Quartiles ratio = quartiles(ratios);
-  state.counters["yardstick_time"] = quartiles(yardstick).median;
+  double ratio() const { return quartiles(ratios).median; }
+};
+
+void report(const Row& row, const Rounds& rounds, benchmark::State& state) {
+  state.counters["time"] = quartiles(rounds.operation).median;
+  if (rounds.yardstick.front() == 0) return;
+  const Quartiles ratio = quartiles(rounds.ratios);
+  state.counters["past_page"] = static_cast<double>(rounds.past_page);
+  state.counters["yardstick_time"] = quartiles(rounds.yardstick).median;
   state.counters["q1"] = ratio.first;
   state.counters["ratio"] = ratio.median;
   state.counters["q3"] = ratio.third;
-  if (!peer_ratios.empty()) state.counters["peer"] = quartiles(peer_ratios).median;
+  if (!rounds.peer_ratios.empty()) state.counters["peer"] = quartiles(rounds.peer_ratios).median;
   if (row.wanted > 0) state.counters["wanted"] = row.wanted;
+}
+
+// The number of rounds at each place of the memory.
+size_t rounds_at_a_place(const benchmark::State& state) {
+  return static_cast<size_t>(state.max_iterations) / std::size(bytes_past_page);
 }
 
 // A round takes at least this long. When there is only one round, it makes one call.
 double least_seconds(const benchmark::State& state) {
-  return state.max_iterations > 1 ? 0.010 : 0;
+  return rounds_at_a_place(state) > 1 ? 0.010 : 0;
 }
 
 // Takes medians over single calls, because an interrupt or a page fault makes single calls slower.
 void measure_calls(const CallRow& row, benchmark::State& state) {
+  place_memory(bytes_past_page[0]);
   const std::function<void()> call = row.prepare();
   for (int i = 0; i < 3; ++i) call();
   std::vector<double> whole, staging, platform, bringing_back, shares;
@@ -75,15 +95,23 @@ void measure_calls(const CallRow& row, benchmark::State& state) {
 }
 
 void measure_rounds(const Row& row, benchmark::State& state) {
-  Work work = row.prepare();
-  state.SetLabel(work.yardstick.name);
-  const Interleaved interleaved(std::move(work), least_seconds(state));
-  std::vector<Round> rounds;
+  std::optional<Interleaved> interleaved;
+  std::vector<Rounds> places;
   for (auto _ : state) {
-    rounds.push_back(interleaved.next_round());
-    state.SetIterationTime(rounds.back().operation);
+    if (places.empty() || places.back().operation.size() == rounds_at_a_place(state)) {
+      places.emplace_back(bytes_past_page[places.size()]);
+      place_memory(places.back().past_page);
+      interleaved.reset();
+      Work work = row.prepare();
+      state.SetLabel(work.yardstick.name);
+      interleaved.emplace(std::move(work), least_seconds(state));
+    }
+    const Round round = interleaved->next_round();
+    places.back().add(round);
+    state.SetIterationTime(round.operation);
   }
-  report(row, rounds, state);
+  const auto is_slower = [](const Rounds& a, const Rounds& b) { return a.ratio() < b.ratio(); };
+  report(row, *std::min_element(places.begin(), places.end(), is_slower), state);
 }
 
 std::string microseconds(double seconds) {
@@ -121,8 +149,9 @@ void Table::print_head(const char* head) {
 
 void Table::print_ratio(const benchmark::UserCounters& counters, const std::string& yardstick) {
   if (counters.contains("ratio")) {
-    fmt::print("  {:<9} {:>10}  {:>5}  {:>5} {:>5}", yardstick, microseconds(counters.at("yardstick_time")),
-               ratio_text(counters.at("ratio")), ratio_text(counters.at("q1")), ratio_text(counters.at("q3")));
+    fmt::print("  {:<9} {:>10}  {:>5}  {:>5} {:>5}  {:>4}", yardstick, microseconds(counters.at("yardstick_time")),
+               ratio_text(counters.at("ratio")), ratio_text(counters.at("q1")), ratio_text(counters.at("q3")),
+               static_cast<int>(counters.at("past_page")));
   }
   if (counters.contains("ratio"))
     fmt::print("  {:>5}", counters.contains("peer") ? ratio_text(counters.at("peer")) : "");

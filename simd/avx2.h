@@ -273,6 +273,23 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
   const __m256i words = _mm256_permutevar8x32_epi32(fours, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(words));
 }
+template <class Row>
+inline void store_nibble_columns(uint8_t* p, const Row& row) {
+  const auto pair = [&](size_t i) {
+    const __m256i low = _mm256_and_si256(load(row(i)).v, _mm256_set1_epi8(15));
+    return _mm256_or_si256(low, _mm256_and_si256(_mm256_slli_epi16(load(row(i + 4)).v, 4), _mm256_set1_epi8(-16)));
+  };
+  const __m256i a = pair(0), b = pair(1), c = pair(2), d = pair(3);
+  const __m256i low01 = _mm256_unpacklo_epi8(a, b), high01 = _mm256_unpackhi_epi8(a, b);
+  const __m256i low23 = _mm256_unpacklo_epi8(c, d), high23 = _mm256_unpackhi_epi8(c, d);
+  // Each holds four columns, and in its upper half the columns 16 behind them.
+  const __m256i from0 = _mm256_unpacklo_epi16(low01, low23), from4 = _mm256_unpackhi_epi16(low01, low23);
+  const __m256i from8 = _mm256_unpacklo_epi16(high01, high23), from12 = _mm256_unpackhi_epi16(high01, high23);
+  store(p, u8x32{_mm256_permute2x128_si256(from0, from4, 0x20)});
+  store(p + 32, u8x32{_mm256_permute2x128_si256(from8, from12, 0x20)});
+  store(p + 64, u8x32{_mm256_permute2x128_si256(from0, from4, 0x31)});
+  store(p + 96, u8x32{_mm256_permute2x128_si256(from8, from12, 0x31)});
+}
 
 #if !defined(__AVX512VNNI__)
 

@@ -303,6 +303,15 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 a) {
   const uint8x16_t odd = vreinterpretq_u8_u32(vuzp2q_u32(low, high));
   vst1q_u32(p, vreinterpretq_u32_u8(vsliq_n_u8(vandq_u8(even, vdupq_n_u8(15)), odd, 4)));
 }
+template <class Row>
+inline void store_nibble_columns(uint8_t* p, const Row& row) {
+  const auto pair = [&](size_t i, size_t column) {
+    const uint8x16_t low = vandq_u8(vld1q_u8(row(i) + column), vdupq_n_u8(15));
+    return vsliq_n_u8(low, vld1q_u8(row(i + 4) + column), 4);
+  };
+  for (size_t column = 0; column < 32; column += 16)
+    vst4q_u8(p + 4 * column, {{pair(0, column), pair(1, column), pair(2, column), pair(3, column)}});
+}
 
 // Operations for exact products of small integers.
 

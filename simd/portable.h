@@ -311,6 +311,12 @@ inline void store_zipped_nibbles(uint32_t* p, u8x32 v) {
   store_nibbles(p, v);
   for (int i = 0; i < 4; ++i) p[i] = zip_nibbles(p[i]);
 }
+template <class Row>
+inline void store_nibble_columns(uint8_t* p, const Row& row) {
+  for (int i = 0; i < 4; ++i)
+    for (int column = 0; column < 32; ++column)
+      p[4 * column + i] = static_cast<uint8_t>((row(i)[column] & 15) | (row(i + 4)[column] & 15) << 4);
+}
 
 // Operations for exact products of small integers.
 

@@ -41,7 +41,7 @@
 //   store                     stores sums as f16, or widened to f32
 //   accumulate(sum, a, b)     adds a * b and rounds once, to f16
 //   half8x4, half8x4_sum      four of them side by side; load_half8x4 loads 32 halves, broadcast_half8x4 loads eight
-//                             halves four times; store and accumulate as above
+//                             halves four times; load_half8x4_sum, store and accumulate as above
 //   half8x4_at_once           the number of sums whose additions fill the processor's units
 //
 // When a result of half arithmetic is NaN, its payload differs between backends. Code that stores results replaces it.
@@ -66,10 +66,17 @@
 //   pack_high_bytes           bits 8 to 15 of the same
 //   scale_to_bytes(p, factor) multiplies 32 floats by the factor, rounded as by multiply and to_nearest, and converts
 //                             them to bytes; products have magnitudes up to 127, and twice the factor is finite
+//   round_halves(p, low, high)  rounds 32 halves to integers, half away from zero, clamps them to integer bounds between
+//                             -128 and 127, and converts them to bytes; NaN becomes 0
+//   half_extremes             minima and maxima of halves, in lanes; all are the first half to begin with
+//   include(extremes, p)      includes 32 halves; a NaN replaces nothing, and is replaced by nothing
+//   store(min, max, extremes)  stores the minima and the maxima of eight lanes, widened
 //   flip_top_bits             adds 128 to each byte, modulo 2^8
 //   add_bytes(sums, a)        adds each unsigned byte to one of the lanes; the backend chooses the lane
 //   store_nibbles             stores the low nibbles of 32 bytes as four words, the first nibble least significant
 //   store_zipped_nibbles      the same, with the eight nibbles of each word in the order 0 4 1 5 2 6 3 7
+//   store_nibble_columns      takes eight rows of 32 bytes, where row(i) is the address of row i, and stores a word of 32
+//                             bits for each column: the low nibbles of rows 0 4 1 5 2 6 3 7, least significant first
 //
 // Operations for long products, in vectors of the backend's full width:
 //
@@ -134,6 +141,9 @@ inline half8x4 broadcast_half8x4(const uint16_t* p) {
 struct half8x4_sum {
   half8_sum column[4];
 };
+inline half8x4_sum load_half8x4_sum(const uint16_t* p) {
+  return {load_half8_sum(p), load_half8_sum(p + 8), load_half8_sum(p + 16), load_half8_sum(p + 24)};
+}
 template <class T>
 inline void store(T* p, const half8x4_sum& a) {
 #  pragma GCC unroll 4
@@ -142,6 +152,34 @@ inline void store(T* p, const half8x4_sum& a) {
 inline void accumulate(half8x4_sum& sum, const half8x4& a, const half8x4& b) {
 #  pragma GCC unroll 4
   for (size_t i = 0; i < 4; ++i) accumulate(sum.column[i], a.column[i], b.column[i]);
+}
+
+struct half_extremes {
+  explicit half_extremes(uint16_t first)
+      : min{broadcast(widen_bits(first)), broadcast(widen_bits(first))}, max{min[0], min[1]} {}
+  f32x8 min[2], max[2];
+};
+inline void include(half_extremes& extremes, const uint16_t* p) {
+#  pragma GCC unroll 4
+  for (size_t i = 0; i < 4; ++i) {
+    const f32x8 x = widen(load(p + 8 * i));
+    extremes.min[i % 2] = lesser(x, extremes.min[i % 2]);
+    extremes.max[i % 2] = greater(x, extremes.max[i % 2]);
+  }
+}
+inline void store(float* min, float* max, const half_extremes& extremes) {
+  store(min, lesser(extremes.min[0], extremes.min[1]));
+  store(max, greater(extremes.max[0], extremes.max[1]));
+}
+
+inline u8x32 round_halves(const uint16_t* p, float low, float high) {
+  i32x8 v[4];
+  for (size_t i = 0; i < 4; ++i) {
+    // Clamping before rounding gives the same result as clamping afterwards, because the bounds are integers.
+    const f32x8 number = number_or_zero(widen(load(p + 8 * i)));
+    v[i] = to_nearest(lesser(greater(number, broadcast(low)), broadcast(high)));
+  }
+  return pack_bytes(v[0], v[1], v[2], v[3]);
 }
 #endif
 

@@ -54,6 +54,25 @@ TEST(Half, CountsAreTakenInWholeGroups) {
   }
 }
 
+// Large enough to be written past the caches, from several places of a cache line on.
+TEST(Half, LargeArraysConvertAlikeAtEveryPlace) {
+  constexpr uint64_t most = 700'000;
+  test::Random random(7);
+  const Vector<float> floats = random.values(most);
+  for (const uint64_t past : {0, 1, 8, 15, 31})
+    for (const uint64_t count : {most - 31, most - 29, most - 38}) {
+      Vector<uint16_t> narrowed(most, 7);
+      Vector<float> widened(most, 7);
+      tavik_f32_to_f16(count, floats.data(), narrowed.data() + past);
+      tavik_f16_to_f32(count, narrowed.data() + past, widened.data() + past);
+      for (uint64_t i = 0; i < most; ++i) {
+        const bool narrows = i >= past && i < past + count / 4 * 4, widens = narrows && i < past + count / 8 * 8;
+        ASSERT_EQ(narrowed[i], narrows ? narrow(floats[i - past]) : 7) << past << " " << count << " " << i;
+        ASSERT_EQ(widened[i], widens ? value_of(narrowed[i]) : 7) << past << " " << count << " " << i;
+      }
+    }
+}
+
 // Small and odd shapes, and one large enough to be written past the caches.
 TEST(FusedConverters, TileWholeColumnsAndPairAnOddRowWithZeros) {
   test::Random random(5);

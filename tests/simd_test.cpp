@@ -288,6 +288,51 @@ TEST_F(Simd, WideVectorsMultiplyAndAddInEveryLane) {
   }
 }
 
+TEST_F(Simd, HalvesAreRoundedToBytesAndTheirExtremesFound) {
+  Vector<uint16_t> halves(32);
+  for (uint32_t first = 0; first < 0x10000; first += 32) {
+    for (size_t i = 0; i < 32; ++i) halves[i] = static_cast<uint16_t>(first + i);
+    const auto value = [&](size_t i) { return simd::widen_bits(halves[i]); };
+    for (const auto& bounds : {std::pair{-128.0f, 127.0f}, {-8.0f, 7.0f}}) {
+      const float low = bounds.first, high = bounds.second;
+      const auto byte = [&](size_t i) {
+        return static_cast<uint8_t>(value(i) != value(i) ? 0 : std::lround(std::clamp(value(i), low, high)));
+      };
+      EXPECT_LANES(uint8_t, stored<uint8_t>(simd::round_halves(halves.data(), low, high), 32), byte(i));
+    }
+    // A tour through all places; a NaN that comes first stays.
+    for (const uint16_t start : {uint16_t{0x3c00}, uint16_t{0xfe00}}) {
+      simd::half_extremes extremes(start);
+      std::swap(halves[first / 32 % 32], halves[0]);
+      simd::include(extremes, halves.data());
+      Vector<float> min(8), max(8);
+      simd::store(min.data(), max.data(), extremes);
+      const float least = *std::min_element(min.begin(), min.end()), most = *std::max_element(max.begin(), max.end());
+      if (start == 0xfe00) {
+        EXPECT_TRUE(std::all_of(min.begin(), min.end(), [](float x) { return x != x; }));
+        EXPECT_TRUE(std::all_of(max.begin(), max.end(), [](float x) { return x != x; }));
+        continue;
+      }
+      float expected_least = 1, expected_most = 1;
+      for (size_t i = 0; i < 32; ++i) {
+        if (value(i) < expected_least) expected_least = value(i);
+        if (value(i) > expected_most) expected_most = value(i);
+      }
+      EXPECT_EQ(least, expected_least) << first;
+      EXPECT_EQ(most, expected_most) << first;
+    }
+  }
+}
+
+TEST_F(Simd, NibblesOfColumnsBecomeWords) {
+  const Vector<uint8_t> source = random.any<uint8_t>(7 * 33 + 32);
+  Vector<uint8_t> words(128);
+  simd::store_nibble_columns(words.data(), [&](size_t i) { return source.data() + 33 * i; });
+  for (size_t c = 0; c < 32; ++c)
+    for (size_t r = 0; r < 8; ++r)
+      EXPECT_EQ(words[4 * c + r % 4] >> r / 4 * 4 & 15, source[33 * r + c] & 15) << r << " " << c;
+}
+
 // Columns in all lanes, times one row.
 template <int bit, int n_bit>
 void check_dots(test::Random& random) {

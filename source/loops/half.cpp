@@ -77,16 +77,32 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
   if constexpr (streaming) simd::fence_streaming();
 }
 
+// Writes `count` elements. eight(i) returns a vector of those from index i on, and one(i) returns a single one. Arrays
+// of `bytes` together that are too large for the caches are written past them, from the first whole cache line on.
+template <class T, class Eight, class One>
+void convert(uint64_t count, uint64_t bytes, T* dst, Eight eight, One one) {
+  constexpr uint64_t line = line_elements<T>;
+  uint64_t i = 0;
+  if (exceeds_caches(bytes) && reinterpret_cast<uintptr_t>(dst) % sizeof(T) == 0) {
+    for (const uint64_t head = elements_before_line(dst); i < head; ++i) dst[i] = one(i);
+    for (; i + line <= count; i += line)
+      for (uint64_t j = i; j < i + line; j += 8) simd::store_streaming(dst + j, eight(j));
+    simd::fence_streaming();
+  }
+  for (; i + 8 <= count; i += 8) simd::store(dst + i, eight(i));
+  for (; i < count; ++i) dst[i] = one(i);
+}
+
 }  // namespace
 
 void f32_to_f16(uint64_t count, const float* src, uint16_t* dst) {
-  uint64_t i = 0;
-  for (; i + 8 <= count; i += 8) simd::store(dst + i, simd::narrow(simd::load(src + i)));
-  for (; i < count / 4 * 4; ++i) dst[i] = simd::narrow_bits(src[i]);
+  const auto narrow = [=](uint64_t i) { return simd::narrow(simd::load(src + i)); };
+  convert(count / 4 * 4, 6 * count, dst, narrow, [=](uint64_t i) { return simd::narrow_bits(src[i]); });
 }
 
 void f16_to_f32(uint64_t count, const uint16_t* src, float* dst) {
-  for (uint64_t i = 0; i + 8 <= count; i += 8) simd::store(dst + i, simd::widen(simd::load(src + i)));
+  const auto widen = [=](uint64_t i) { return simd::widen(simd::load(src + i)); };
+  convert(count / 8 * 8, 6 * count, dst, widen, [=](uint64_t i) { return simd::widen_bits(src[i]); });
 }
 
 void f32_rm_to_f16_ah(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* dst) {

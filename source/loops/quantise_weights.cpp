@@ -1,5 +1,6 @@
 #include "source/loops.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -37,19 +38,11 @@ struct Extremes {
 Extremes extremes_of(const uint16_t* row, uint64_t n_col) {
   if (n_col == 0) return {0, 0};
   const float first = simd::widen_bits(row[0]);
-  simd::f32x8 min[2] = {simd::broadcast(first), simd::broadcast(first)};
-  simd::f32x8 max[2] = {min[0], min[0]};
+  simd::half_extremes lanes(row[0]);
   uint64_t c = 0;
-  for (; c + 16 <= n_col; c += 16) {
-    for (size_t i = 0; i < 2; ++i) {
-      const simd::f32x8 x = simd::widen(simd::load(row + c + 8 * i));
-      min[i] = simd::lesser(x, min[i]);
-      max[i] = simd::greater(x, max[i]);
-    }
-  }
+  for (; c + segment_cols <= n_col; c += segment_cols) simd::include(lanes, row + c);
   float mins[8], maxs[8];
-  simd::store(mins, simd::lesser(min[0], min[1]));
-  simd::store(maxs, simd::greater(max[0], max[1]));
+  simd::store(mins, maxs, lanes);
   Extremes extremes = {first, first};
   const auto include = [&extremes](float least, float most) {
     if (least < extremes.min) extremes.min = least;
@@ -90,49 +83,47 @@ int8_t stored_zero_point(const HalfStep& step) {
   return static_cast<int8_t>(simd::widen_bits(step.zero_point));
 }
 
-// Quantises the values of one row, 32 at a time.
-template <class Width>
-class HalfRow {
- public:
-  explicit HalfRow(const HalfStep& step) : inverse_(broadcast(step.inverse)), zero_point_(broadcast(step.zero_point)) {}
+// The number of values of a row that half arithmetic scales together.
+constexpr uint64_t scaled_cols = 1024;
 
-  simd::u8x32 quantise(const uint16_t* from) const {
-    const simd::f32x8 low = simd::broadcast(Width::low), high = simd::broadcast(Width::high);
-    Segment v;
-    for (size_t i = 0; i < 4; ++i) {
-      const simd::f16x8 q = simd::multiply_add(simd::load(from + 8 * i), inverse_, zero_point_);
-      // Clamping before rounding gives the same result as clamping afterwards, because the bounds are integers.
-      v[i] = simd::to_nearest(simd::lesser(simd::greater(simd::number_or_zero(simd::widen(q)), low), high));
+// Computes value * inverse + zero_point, rounded once to f16. n_col is a multiple of segment_cols.
+void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, uint16_t* to) {
+  uint16_t inverses[8], zero_points[segment_cols];
+  std::fill_n(inverses, 8, step.inverse);
+  std::fill_n(zero_points, segment_cols, step.zero_point);
+  simd::in_half_arithmetic([&] {
+    const simd::half8x4 inverse = simd::broadcast_half8x4(inverses);
+    for (uint64_t c = 0; c < n_col; c += segment_cols) {
+      simd::half8x4_sum sum = simd::load_half8x4_sum(zero_points);
+      simd::accumulate(sum, simd::load_half8x4(from + c), inverse);
+      simd::store(to + c, sum);
     }
-    return simd::pack_bytes(v[0], v[1], v[2], v[3]);
-  }
-
- private:
-  static simd::f16x8 broadcast(uint16_t half) {
-    const uint16_t halves[8] = {half, half, half, half, half, half, half, half};
-    return simd::load(halves);
-  }
-
-  simd::f16x8 inverse_, zero_point_;
-};
+  });
+}
 
 // Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word.
 template <class Width>
 int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to) {
-  const HalfRow<Width> row(step);
   simd::i32x8 sums{};
+  uint16_t scaled[scaled_cols];
+  const uint64_t whole = n_col / segment_cols * segment_cols;
   uint64_t c = 0;
-  for (; c + segment_cols <= n_col; c += segment_cols) {
-    const simd::u8x32 q = row.quantise(from + c);
-    Width::store(to + c / Width::per_word, q);
-    sums = simd::add_bytes(sums, simd::flip_top_bits(q));
+  while (c < whole) {
+    const uint64_t begin = c, end = std::min(begin + scaled_cols, whole);
+    scale_halves(from + begin, end - begin, step, scaled);
+    for (; c < end; c += segment_cols) {
+      const simd::u8x32 q = simd::round_halves(scaled + (c - begin), Width::low, Width::high);
+      Width::store(to + c / Width::per_word, q);
+      sums = simd::add_bytes(sums, simd::flip_top_bits(q));
+    }
   }
   uint32_t sum = simd::sum(sums) - 128 * static_cast<uint32_t>(c);
   if (c == n_col) return static_cast<int32_t>(sum);
 
   uint16_t rest[segment_cols] = {};
   memcpy(rest, from + c, (n_col - c) * sizeof *from);
-  const simd::u8x32 q = row.quantise(rest);
+  scale_halves(rest, segment_cols, step, scaled);
+  const simd::u8x32 q = simd::round_halves(scaled, Width::low, Width::high);
   typename Width::Word words[segment_cols / Width::per_word];
   Width::store(words, q);
   memcpy(to + c / Width::per_word, words, (n_col - c) / Width::per_word * sizeof *to);

@@ -8,11 +8,25 @@
 
 namespace tavik::inline MORUN_BACKEND {
 
+template <class T>
+constexpr size_t line_elements = 64 / sizeof(T);  // of a cache line
+
 // Tells whether streaming stores are worth using. They are slower while source and destination, `bytes` together, fit
-// the caches. Rows of the destination must have the same alignment as `dst`.
+// the caches.
+inline bool exceeds_caches(uint64_t bytes) {
+  return bytes >= 4u << 20;
+}
+
+// Tells the same of stores to rows of a destination that begins at `dst`. The rows must have the same alignment as
+// `dst`.
 inline bool should_stream(uint64_t bytes, const void* dst) {
-  constexpr uint64_t least = 4u << 20;
-  return bytes >= least && reinterpret_cast<uintptr_t>(dst) % 32 == 0;
+  return exceeds_caches(bytes) && reinterpret_cast<uintptr_t>(dst) % 32 == 0;
+}
+
+// Returns the number of elements between `p`, which is a multiple of their size, and the next cache line's start.
+template <class T>
+size_t elements_before_line(const T* p) {
+  return -reinterpret_cast<uintptr_t>(p) % 64 / sizeof(T);
 }
 
 template <bool streaming, class T, class Vector>
@@ -25,8 +39,7 @@ void put(T* p, Vector v) {
 // stores will write them.
 template <bool streaming, class T>
 void fetch_for_put(const T* p, size_t distance, size_t count) {
-  constexpr size_t line_elements = 64 / sizeof(T);
-  for (size_t i = 0; !streaming && i < count; i += line_elements) morun::simd::prefetch_ahead(p, distance + i);
+  for (size_t i = 0; !streaming && i < count; i += line_elements<T>) morun::simd::prefetch_ahead(p, distance + i);
 }
 
 }  // namespace tavik::inline MORUN_BACKEND
