@@ -184,7 +184,8 @@ TEST_P(Layouts, ActivationTilesConvertBack) {
 }
 
 TEST_P(Layouts, FourBitTilesArePackedAndPadded) {
-  for (const auto& [n_row, n_col] : {std::pair<Size, Size>{32, 32}, {64, 96}, {1, 8}, {33, 40}, {70, 1056}, {31, 64}, {1030, 64}}) {
+  for (const auto& [n_row, n_col] :
+       {std::pair<Size, Size>{32, 32}, {64, 96}, {1, 8}, {33, 40}, {70, 1056}, {31, 64}, {1030, 64}}) {
     SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
     const Size tiles_down = (n_row + 31) / 32, tiles_across = (n_col + 31) / 32;
     Vector<uint32_t> data = random_.any<uint32_t>(tiles_down * tiles_across * 128);  // the room behind is not zero

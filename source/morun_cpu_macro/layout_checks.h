@@ -1,8 +1,8 @@
 // Checks of the layout calls' arguments. The log line of a failed check names the call that made the check.
 #pragma once
 
-#include "source/tiles.h"
 #include "source/log_line.h"
+#include "source/tiles.h"
 
 namespace morun {
 

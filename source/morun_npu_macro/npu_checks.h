@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
-#include "source/tiles.h"
 #include "source/log_line.h"
 #include "source/morun_npu_macro/npu_state.h"
+#include "source/tiles.h"
 
 // Returns MORUN_ERROR_FAILURE (1) from the calling function when a call of the lower interface fails. The printed line
 // shows the call's own status.

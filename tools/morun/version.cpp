@@ -2,8 +2,8 @@
 
 #include <morun.h>
 
-#include <nlohmann/json.hpp>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
