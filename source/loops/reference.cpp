@@ -34,9 +34,12 @@ void multiply_blocks(uint64_t n_inner, const uint16_t* Wb, const uint16_t* Ab, f
   simd::half8x4_sum sum[n_block][side] = {};
   for (uint64_t g = 0; g < n_inner / group; ++g) {
     simd::half8x4 w[n_block];
+#pragma GCC unroll 4
     for (size_t b = 0; b < n_block; ++b) w[b] = simd::load_half8x4(Wb + b * side * n_inner + g * group_elements);
+#pragma GCC unroll 4
     for (uint64_t i = 0; i < side; ++i) {
       const simd::half8x4 a = simd::broadcast_half8x4(Ab + i * n_inner + g * group);
+#pragma GCC unroll 4
       for (size_t b = 0; b < n_block; ++b) simd::accumulate(sum[b][i], a, w[b]);
     }
   }
