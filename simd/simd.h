@@ -142,6 +142,9 @@ inline half8x4 broadcast_half8x4(const uint16_t* p) {
 struct half8x4_sum {
   half8_sum a, b, c, d;
 };
+inline half8x4_sum load_half8x4_sum(const uint16_t* p) {
+  return {load_half8_sum(p), load_half8_sum(p + 8), load_half8_sum(p + 16), load_half8_sum(p + 24)};
+}
 template <class T>
 inline void store(T* p, const half8x4_sum& sum) {
   store(p, sum.a);
@@ -154,6 +157,34 @@ inline void accumulate(half8x4_sum& sum, const half8x4& x, const half8x4& y) {
   accumulate(sum.b, x.b, y.b);
   accumulate(sum.c, x.c, y.c);
   accumulate(sum.d, x.d, y.d);
+}
+
+struct half_extremes {
+  explicit half_extremes(uint16_t first)
+      : min{broadcast(widen_bits(first)), broadcast(widen_bits(first))}, max{min[0], min[1]} {}
+  f32x8 min[2], max[2];
+};
+inline void include(half_extremes& extremes, const uint16_t* p) {
+#  pragma GCC unroll 4
+  for (size_t i = 0; i < 4; ++i) {
+    const f32x8 x = widen(load(p + 8 * i));
+    extremes.min[i % 2] = lesser(x, extremes.min[i % 2]);
+    extremes.max[i % 2] = greater(x, extremes.max[i % 2]);
+  }
+}
+inline void store(float* min, float* max, const half_extremes& extremes) {
+  store(min, lesser(extremes.min[0], extremes.min[1]));
+  store(max, greater(extremes.max[0], extremes.max[1]));
+}
+
+inline u8x32 round_halves(const uint16_t* p, float low, float high) {
+  i32x8 v[4];
+  for (size_t i = 0; i < 4; ++i) {
+    // Clamping before rounding gives the same result as clamping afterwards, because the bounds are integers.
+    const f32x8 number = number_or_zero(widen(load(p + 8 * i)));
+    v[i] = to_nearest(lesser(greater(number, broadcast(low)), broadcast(high)));
+  }
+  return pack_bytes(v[0], v[1], v[2], v[3]);
 }
 #endif
 
