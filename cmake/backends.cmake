@@ -52,6 +52,8 @@ function(morun_compile_backends target table)
     set(part ${target}_${backend})
     add_library(${part} OBJECT ${ARGN})
     morun_backend_options(${part} ${backend})
+    # GCC's symbols of the kind "unique" cannot be made local.
+    target_compile_options(${part} PRIVATE "$<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>")
     foreach(property IN ITEMS COMPILE_OPTIONS COMPILE_DEFINITIONS INCLUDE_DIRECTORIES)
       set_property(TARGET ${part} APPEND PROPERTY ${property} "$<TARGET_PROPERTY:${target},${property}>")
     endforeach()
