@@ -41,8 +41,8 @@ if(MORUN_HARDENING AND NOT MORUN_SANITIZE)
   add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
     add_compile_options(-mbranch-protection=standard)
-    # All objects are compiled so, but joining the objects of a backend loses the mark.
-    add_link_options(LINKER:-z,force-bti)
+    # Joining the objects of a backend loses the mark of BTI, which the two libraries therefore ask for.
+    set(bti_mark LINKER:-z,force-bti)
   elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
     add_compile_options(-fcf-protection=full)
   endif()
