@@ -24,6 +24,11 @@ endif()
 # Compilers must not fuse a multiplication and an addition by themselves. The code asks for a fused operation
 # explicitly.
 add_compile_options(-ffp-contract=off)
+# The out-of-line atomics of 64-bit Arm's compilers need a constructor that asks for the processor, and are not compiled for
+# BTI: one of them takes the mark of BTI from a whole file.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+  add_compile_options(-mno-outline-atomics)
+endif()
 include_directories("${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}/generated")
 
 option(MORUN_SANITIZE "address and undefined-behaviour sanitizers" OFF)
@@ -41,8 +46,6 @@ if(MORUN_HARDENING AND NOT MORUN_SANITIZE)
   add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
     add_compile_options(-mbranch-protection=standard)
-    # Joining the objects of a backend loses the mark of BTI, which the two libraries therefore ask for.
-    set(bti_mark LINKER:-z,force-bti)
   elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
     add_compile_options(-fcf-protection=full)
   endif()
