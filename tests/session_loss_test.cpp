@@ -159,7 +159,7 @@ TEST_P(SessionLoss, AContextOutlivesEachOfItsSessions) {
 }
 
 TEST_P(SessionLoss, AHangEndsAtTheLimitAndOtherSessionsGoOn) {
-  parlo_emulator_set_call_limit(200);
+  parlo_emulator_set_call_limit(is_slow ? 3000 : 200);
   ASSERT_EQ(first.open() | second.reserve() | second.open(), 0);
   arm(PARLO_EMULATOR_FAULT_HANG, 0, acquire);
   const auto begin = Clock::now();
@@ -323,7 +323,7 @@ TEST_P(SessionProcess, EveryCallFindsADeadOrStoppedSession) {
                {"put_AX", ok, late, [&] { return first.invoke(put_AX); }},
                {"clear_cache", ok, late, [&] { return first.invoke(clear_cache); }},
                {"close", ok, ok, [&] { return first.close(); }}};
-  parlo_emulator_set_call_limit(is_slow ? 2000 : 100);
+  parlo_emulator_set_call_limit(is_slow ? 3000 : 200);
   for (const int signal : {SIGKILL, SIGSTOP}) {
     for (const auto& call : calls) {
       SCOPED_TRACE(call.name);
@@ -350,7 +350,7 @@ TEST_P(SessionProcess, EveryCallFindsADeadOrStoppedSession) {
 
 // A signal that a program handles begins a system call anew, with all its time.
 TEST_P(SessionProcess, SignalsDoNotProlongTheLimit) {
-  parlo_emulator_set_call_limit(200);
+  parlo_emulator_set_call_limit(is_slow ? 3000 : 200);
   ASSERT_EQ(first.open(), 0);
   arm(PARLO_EMULATOR_FAULT_HANG);
   signal(SIGUSR1, [](int) {});
@@ -466,7 +466,7 @@ TEST_P(SessionProcess, WithoutAHostTheProcessesEnd) {
   std::this_thread::sleep_for(50ms);
   kill(host, SIGKILL);
   waitpid(host, nullptr, 0);
-  EXPECT_TRUE(eventually([&] { return !is_running(told[0]) && !is_running(told[1]); }, 1s));
+  EXPECT_TRUE(eventually([&] { return !is_running(told[0]) && !is_running(told[1]); }, is_slow ? 5s : 1s));
   kill(told[2], SIGKILL);
   close(ends[0]), close(ends[1]);
 }
