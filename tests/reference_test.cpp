@@ -188,6 +188,22 @@ TEST_F(ReferenceProducts, TakeWeightsAsTheLayoutMakesThemAndHalvesOrFloats) {
   }
 }
 
+// A program may set up a context of its own for these products. Nothing behind its record is read or written.
+TEST_F(ReferenceProducts, RunOnAContextThatTheProgramMade) {
+  struct {
+    tavik_context context;
+    char behind[256];
+  } own;
+  memset(&own, 0x5a, sizeof own);
+  own.context = *context_;
+  const Vector<float> a(64, 1.0f);
+  const Halves w(32 * 64, 0x3c00);
+  Vector<float> c(32);
+  EXPECT_EQ(tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb(&own.context, 1, 32, 64, c.data(), a.data(), w.data()), 0u);
+  EXPECT_EQ(c, Vector<float>(32, 64.0f));
+  for (char byte : own.behind) ASSERT_EQ(byte, 0x5a);
+}
+
 // The same on every processor.
 TEST_F(ReferenceProducts, AreTheSameToTheLastBitEverywhere) {
   uint64_t hash = 0xcbf29ce484222325u;

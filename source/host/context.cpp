@@ -108,6 +108,7 @@ int32_t tavik_context_alloc(tavik_context** context) {
     return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::alloc_without_output, tavik::null_location);
   void* record = nullptr;
   TAVIK_TRY(tavik_malloc_zero(&record, sizeof(tavik::ContextRecord)));
+  tavik::keep_record(static_cast<tavik::ContextRecord*>(record));
   *context = &static_cast<tavik::ContextRecord*>(record)->context;
   (*context)->active_session = no_session;
   return TAVIK_SUCCESS;
@@ -116,6 +117,7 @@ int32_t tavik_context_alloc(tavik_context** context) {
 void tavik_context_free(tavik_context* context) {
   if (context == nullptr) return;
   for (const CrossSessionBuffer& buffer : cross_session_buffers) tavik_rpcmem_free(context->*buffer.address);
+  tavik::forget_record(context);
   free(context);
 }
 

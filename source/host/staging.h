@@ -10,25 +10,30 @@
 
 namespace tavik {
 
-// An activation in tiles of tile_side columns, which take tile_bytes each. In a tile, each unit_rows rows take unit_bytes.
+// An activation in tiles. The rows stand in bands of tiles, and may leave the tiles of the last band partly filled.
 struct StagedTiles {
-  uint64_t n_row, tiles_per_band;
-  uint64_t tile_rows, tile_bytes;
-  uint64_t unit_rows, unit_bytes;
-  uint64_t end;  // bytes of X that the staging writes at most, counted from the start of X
+  uint64_t
+      begin;  // the last band if it is partly filled, in bytes from the start of X; this and the next are else equal
+  uint64_t end;
+  uint64_t used;    // bytes at the start of each tile of that band that hold rows
+  uint64_t filled;  // bytes of X that the staging writes at most, counted from the start of X
 };
 StagedTiles staged_halves(uint64_t n_row, uint64_t n_inner);
-StagedTiles staged_bytes(uint64_t n_row, uint64_t n_inner, uint64_t end);
+StagedTiles staged_bytes(uint64_t n_row, uint64_t n_inner, uint64_t filled);
 
 // Stands behind each context of tavik_context_alloc, whose public record keeps its layout.
 struct ContextRecord {
   tavik_context context;
-  StagedTiles last;  // what was staged last; all zero when it was not in tiles
-  uint64_t filled;   // bytes of X that any staging has written, counted from the start of X
+  ContextRecord* next;  // in the list of all contexts of tavik_context_alloc
+  StagedTiles clear;    // the tiles that hold zeros behind their used bytes; `filled` is that of all stagings so far
 };
 
-// Clears what earlier activations left behind the last row of this one, as far as its tiles reach, unless the activation
-// before had the same shape. Stands after the staging itself. The context is one of tavik_context_alloc.
+// Enters a context of tavik_context_alloc into the list of all, and takes it out.
+void keep_record(ContextRecord* record);
+void forget_record(const tavik_context* context);
+
+// Clears what earlier activations left behind the last row of this one, as far as its tiles reach and are not clear yet.
+// Stands after the staging itself. A context that a program has made of its own has no record, and nothing is cleared.
 void clear_stale_rows(tavik_context* context, const StagedTiles& tiles);
 
 // Takes note of `end` bytes that are not in such tiles.

@@ -17,6 +17,9 @@ _morun_files() {  # word, suffixes
 _morun() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]} values
   COMPREPLY=()
+  # Bash makes three words of --weights=f16, the second of which is the sign.
+  [ "$word" != = ] || word=''
+  [ "$before" != = ] || before=${COMP_WORDS[COMP_CWORD - 2]}
   if [ "$COMP_CWORD" -eq 1 ]; then
     values=$(_morun_help | sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) .*/\1/p'; echo --help --version)
     mapfile -t COMPREPLY < <(compgen -W "$values" -- "$word")
@@ -24,7 +27,8 @@ _morun() {
   fi
   case $word in
     -*)
-      values=$(_morun_help "$command" | sed -nE 's/^  (-.,)?(--[a-z0-9-]+).*/\2/p')
+      [[ $command != -* ]] || command=
+      values=$(_morun_help ${command:+"$command"} | sed -nE 's/^  (-.,)?(--[a-z0-9-]+).*/\2/p')
       mapfile -t COMPREPLY < <(compgen -W "$values" -- "$word")
       return
       ;;
@@ -40,7 +44,8 @@ _morun() {
       return
       ;;
     --form | --skip | --damping | --jobs | --repeat | --max-error | --seed | --shape) return ;;
-    --json | --report) _morun_files "$word" .json; return ;;
+    --report | --timeline) _morun_files "$word" .json; return ;;
+    --json) [ "$command" != bench ] || { _morun_files "$word" .json; return; } ;;
   esac
   case $command in
     mm) _morun_files "$word" .npy .safetensors ;;
