@@ -2,8 +2,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(cmake ninja-build g++ libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev libeigen3-dev)
-test_packages=(g++-aarch64-linux-gnu qemu-user-static libgtest-dev clang-format pkg-config abigail-tools)
+build_packages=(cmake ninja-build g++ libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev libeigen3-dev libgtest-dev)
+test_packages=(g++-aarch64-linux-gnu qemu-user-static clang-format pkg-config abigail-tools)
 fuzz_packages=(clang libclang-rt-14-dev)
 # The CMake file of libdnnl-dev needs the two OpenCL packages.
 bench_packages=(libbenchmark-dev libopenblas-dev libdnnl-dev ocl-icd-opencl-dev opencl-headers)
@@ -11,8 +11,8 @@ python_packages=(python3-numpy python3-onnx python3-pil fonts-dejavu-core)
 python_test_packages=(python3-pytest python3-pytest-xdist python3-hypothesis python3-matplotlib python3-build
   python3-setuptools python3-wheel python3-venv mypy)
 docs_packages=(doxygen python3-numpy)
-package_packages=(g++-aarch64-linux-gnu qemu-user-static help2man dpkg-dev fakeroot lintian debootstrap python3-build
-  python3-setuptools python3-wheel python3-numpy)
+package_packages=(g++-aarch64-linux-gnu qemu-user-static pkg-config help2man dpkg-dev fakeroot lintian debootstrap
+  python3-build python3-setuptools python3-wheel python3-numpy)
 python=/usr/bin/python3
 
 # The preset for this machine, and the vector backend of builds that need only one.
