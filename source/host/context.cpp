@@ -7,6 +7,9 @@
 #include "source/host/error.h"
 #include "source/host/shared_memory.h"
 #include "source/host/staging.h"
+#include "source/own.h"
+
+MORUN_OWN(get_domain)
 
 namespace {
 
@@ -40,6 +43,7 @@ enum : int32_t {
   unmap_A2 = 249,
   unmap_X = 256,
   open_past_limit = 270,
+  open_without_domain = 277,
   open_reserve = 296,
   open_uri = 319,
   open_unsigned_module = 337,
@@ -122,6 +126,8 @@ int32_t tavik_context_open_session(tavik_context* context) {
                       TAVIK_MAX_SESSIONS);
   char* const name = context->session_name[index];
   snprintf(name, TAVIK_SESSION_NAME_SIZE, "%s_%zu", "Tavik", index);
+  if (own::get_domain(DSP_DOMAIN_CDSP) == nullptr)
+    return TAVIK_FAIL(TAVIK_ERROR_FAILURE, reported_line::open_without_domain, "unable to get domain for CDSP");
 
   int32_t session_id = context->session_id[index];
   int32_t domain_id = index > 0 ? context->session_domain[index] : DSP_DOMAIN_CDSP;

@@ -10,6 +10,7 @@ namespace {
 constexpr char reporting_file[] = "source/morun_cpu_macro/morun_tensor";
 constexpr char this_call[] = "morun_mm_tensor";
 constexpr char allocation_of_A_failed[] = "Internal allocation of A failed\n\n";
+constexpr char layouting_of_A_failed[] = "Internal layouting of A failed\n\n";
 
 // The operands left * right and the result, after validation.
 struct TensorProduct {
@@ -53,7 +54,7 @@ template <class T>
 class PackedRows {
  public:
   explicit PackedRows(const TensorProduct& product) : product_(product) {
-    if (product.result.is_contiguous != 1)
+    if (product.result.is_contiguous != 1 || product.result.strides[0] != product.result.dims[1])
       data_ = block_ = static_cast<T*>(malloc(product.n_row * product.n_col * sizeof(T)));
     else
       data_ = start<T>(product.result);
@@ -141,7 +142,8 @@ int32_t f16_by_tiled_weights(const TensorProduct& product, Copies& copies) {
   const auto status = static_cast<int32_t>(tavik_npu_mm_f16_ah_f16_ah_f16_wh(
       own::context, shape.n_row, shape.n_col, shape.n_inner, fds.A, fds.X, fds.W, 0, 0, product.W_offset()));
   if (status != TAVIK_SUCCESS) return MORUN_FAIL_AT(MORUN_HERE_IN(this_call), status, "Err = %d\n", status);
-  tavik_f16_ah_to_f16_rm_inplace(product.n_row, product.n_col, copies.halves_of_A());  // whole tiles, after the product
+  MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(product.n_row, product.n_col, copies.halves_of_A()),
+                 layouting_of_A_failed);
   copy_rows_to_result(product, copies.halves_of_A());
   return MORUN_SUCCESS;
 }
@@ -155,7 +157,8 @@ int32_t f16_row_major_on_npu(const TensorProduct& product, Copies& copies) {
   MORUN_TRY_STEP(this_call, morun_cpu_rm_to_ah_f16_inplace(product.n_row, product.n_inner, copies.halves_of_X()),
                  "Internal layouting of X failed\n\n");
   MORUN_TRY(multiply_copies(product, copies));
-  tavik_f16_ah_to_f16_rm_inplace(product.n_row, product.n_col, copies.halves_of_A());  // whole tiles, as W and X
+  MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(product.n_row, product.n_col, copies.halves_of_A()),
+                 layouting_of_A_failed);
   copy_block_to_result(product, copies);
   return MORUN_SUCCESS;
 }

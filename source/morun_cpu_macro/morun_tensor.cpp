@@ -132,14 +132,14 @@ int32_t check_matrix_by_vector(const morun::CallPlace& place, const morun_tensor
   return MORUN_SUCCESS;
 }
 
-// Of operands that are vectors (1 dimension) or matrices (2).
 int32_t check_shapes(const morun::CallPlace& place, const morun_tensor& result, const morun_tensor& left,
                      const morun_tensor& right) {
-  if (left.ndims == 1)
-    return right.ndims == 1 ? check_vector_by_vector(place, result, left, right)
-                            : check_vector_by_matrix(place, result, left, right);
-  return right.ndims == 1 ? check_matrix_by_vector(place, result, left, right)
-                          : check_matrix_by_matrix(place, result, left, right);
+  if (left.ndims == 1 && right.ndims == 1) return check_vector_by_vector(place, result, left, right);
+  if (left.ndims == 2 && right.ndims == 2) return check_matrix_by_matrix(place, result, left, right);
+  if (left.ndims == 1 && right.ndims == 2) return check_vector_by_matrix(place, result, left, right);
+  if (left.ndims == 2 && right.ndims == 1) return check_matrix_by_vector(place, result, left, right);
+  return TENSOR_FAIL("Unsupported tensor combination: left ndims = %u, right ndims = %u\n", unsigned{left.ndims},
+                     unsigned{right.ndims});
 }
 
 // Sets of refused layouts, one bit for each layout. A valid record never has layout 7, and this check refuses 7 as

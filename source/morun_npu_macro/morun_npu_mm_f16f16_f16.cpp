@@ -14,14 +14,15 @@ uint64_t activation_bytes(int32_t n_row, int32_t n_inner) {
   return __builtin_mul_overflow(n_row, n_inner, &count) ? INT64_MAX : 2 * static_cast<uint64_t>(count);
 }
 
-// X_parlo is a shared buffer that holds X in row-major order. All dimensions are whole tiles.
+// X_parlo is a shared buffer that holds X in row-major order.
 int32_t multiply(const morun::Shape& shape, uint16_t* A, uint16_t* X_parlo, const uint16_t* W) {
   const auto n_row = static_cast<uint64_t>(shape.n_row), n_col = static_cast<uint64_t>(shape.n_col),
              n_inner = static_cast<uint64_t>(shape.n_inner);
-  tavik_f16_rm_to_f16_ah_inplace(n_row, n_inner, X_parlo);
+  MORUN_TRY_STEP(this_call, morun_cpu_rm_to_ah_f16_inplace(n_row, n_inner, X_parlo),
+                 "Internal layouting of X_parlo failed\n\n");
   MORUN_TRY_STEP(this_call, morun_npu_mm_f16(MORUN_DOMAIN_NPU0, shape.n_row, shape.n_col, shape.n_inner, A, X_parlo, W),
                  "Internal morun_npu_mm_f16 call failed\n\n");
-  tavik_f16_ah_to_f16_rm_inplace(n_row, n_col, A);
+  MORUN_TRY_STEP(this_call, morun_cpu_ah_to_rm_f16_inplace(n_row, n_col, A), "Internal layouting of A failed\n\n");
   return MORUN_SUCCESS;
 }
 
