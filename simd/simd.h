@@ -83,6 +83,9 @@
 //   wide_f32, wide_i32        wide vectors of floats and of 32-bit integers
 //   kernel_rows               rows by two wide vectors are as many sums as the registers hold; an even number
 //   load_wide, broadcast_wide, store, multiply_add  of wide vectors, as of f32x8 and i32x8
+//   broadcast_four_wide       loads four floats into each four lanes
+//   widen_eights(columns, k, first, second)  columns[i] + k is the address of eight halves for each four lanes of a wide
+//                             vector; widens the lower four of each into `first`, the upper four into `second`
 //
 // Exact products of 32 unsigned bytes of a row and 32 signed weights of each column, modulo 2^32. A step is one word of
 // 32 bits: the two or four bytes whose products one instruction adds up. The backend chooses the order of the steps.
@@ -138,6 +141,14 @@ inline wide_i32 load_wide(const int32_t* p) {
 }
 inline wide_f32 broadcast_wide(float x) {
   return broadcast(x);
+}
+inline wide_f32 broadcast_four_wide(const float* p) {
+  return broadcast_four(p);
+}
+inline void widen_eights(const uint16_t* const* columns, size_t k, wide_f32& first, wide_f32& second) {
+  const f32x8 left = widen(load(columns[0] + k)), right = widen(load(columns[1] + k));
+  first = lower_fours(left, right);
+  second = upper_fours(left, right);
 }
 #endif
 

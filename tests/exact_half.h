@@ -26,7 +26,7 @@ inline int64_t units(uint16_t h) {
 }
 inline double value_of(uint16_t h) {
   if (is_nan(h)) return NAN;
-  const double magnitude = is_infinite(h) ? INFINITY : std::ldexp(units(h & 0x7fff), -24);
+  const double magnitude = is_infinite(h) ? INFINITY : static_cast<double>(units(h & 0x7fff)) * 0x1p-24;
   return h & sign_bit ? -magnitude : magnitude;
 }
 

@@ -296,6 +296,26 @@ TEST_F(Simd, WideVectorsMultiplyAndAddInEveryLane) {
   }
 }
 
+TEST_F(Simd, WideVectorsTakeTheirFoursFromWhereTheyBelong) {
+  constexpr size_t n = simd::wide_lanes / 4;
+  const Lanes<float> four([](size_t i) { return static_cast<float>(i) + 0.5f; }, 4);
+  Vector<float> same(4 * n), first(4 * n), second(4 * n);
+  simd::store(same.data(), simd::broadcast_four_wide(four.data()));
+  EXPECT_LANES(float, same, four[i % 4]);
+  std::array<Lanes<uint16_t>, n> eights;
+  const uint16_t* columns[n];
+  for (size_t i = 0; i < n; ++i) {
+    for (uint16_t& half : eights[i]) half = static_cast<uint16_t>(random.bits() & 0xbfff);
+    columns[i] = eights[i].data() - 3;
+  }
+  simd::wide_f32 lower, upper;
+  simd::widen_eights(columns, 3, lower, upper);
+  simd::store(first.data(), lower);
+  simd::store(second.data(), upper);
+  EXPECT_LANES(float, first, simd::widen_bits(eights[i / 4][i % 4]));
+  EXPECT_LANES(float, second, simd::widen_bits(eights[i / 4][4 + i % 4]));
+}
+
 TEST_F(Simd, EveryHalfIsRoundedToAByte) {
   const Vector<uint16_t> halves = every_half();
   Vector<uint8_t> bytes(halves.size());
