@@ -152,9 +152,8 @@ void Table::print_ratio(const benchmark::UserCounters& counters, const std::stri
     fmt::print("  {:<9} {:>10}  {:>5}  {:>5} {:>5}  {:>4}", yardstick, microseconds(counters.at("yardstick_time")),
                ratio_text(counters.at("ratio")), ratio_text(counters.at("q1")), ratio_text(counters.at("q3")),
                static_cast<int>(counters.at("past_page")));
-  }
-  if (counters.contains("ratio"))
     fmt::print("  {:>5}", counters.contains("peer") ? ratio_text(counters.at("peer")) : "");
+  }
   if (counters.contains("wanted")) {
     const double wanted = counters.at("wanted");
     fmt::print("  {:>6}  {}", ratio_text(wanted), verdict(counters.at("ratio"), wanted));

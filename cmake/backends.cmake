@@ -18,7 +18,7 @@ else()
   message(FATAL_ERROR "MORUN_SIMD is \"${MORUN_SIMD}\"; it takes all, ${backend_names}")
 endif()
 
-list(TRANSFORM MORUN_BACKENDS REPLACE "(.+)" "X(\\1)" OUTPUT_VARIABLE built_backends)
+list(TRANSFORM MORUN_BACKENDS REPLACE "(.+)" "X(\\1, __VA_ARGS__)" OUTPUT_VARIABLE built_backends)
 list(JOIN built_backends " " built_backends)
 configure_file(simd/morun_built_backends.h.in generated/morun_built_backends.h @ONLY)
 

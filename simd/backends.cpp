@@ -79,7 +79,7 @@ struct Backend {
   bool (*runs)();
 };
 constexpr Backend built[] = {
-#define MORUN_BUILT(name) {#name, runs_##name},
+#define MORUN_BUILT(name, ...) {#name, runs_##name},
     MORUN_BUILT_BACKENDS(MORUN_BUILT)
 #undef MORUN_BUILT
 };

@@ -1,8 +1,8 @@
 // The vector backends of this build, and the one that a library uses.
 //
 // What computes is compiled once for each backend, into a table of functions. The sources that are compiled for each
-// backend define the table MORUN_BACKEND_NAME(table), whose name ends with the backend's. The other sources find the
-// tables of all backends by MORUN_BUILT_BACKENDS (morun_built_backends.h). Both declare the tables as extern "C".
+// backend define the table MORUN_BACKEND_NAME(table), whose name ends with the backend's. The source that
+// chooses finds the tables of all backends by MORUN_TABLES_OF_BACKENDS (morun_built_backends.h).
 #pragma once
 
 #include <cstddef>

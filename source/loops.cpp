@@ -6,20 +6,11 @@
 #include "include/morun.h"
 #include "simd/backends.h"
 
-extern "C" {
-#define TAVIK_TABLE(backend) extern const tavik::Loops tavik_loops_##backend;
-MORUN_BUILT_BACKENDS(TAVIK_TABLE)
-#undef TAVIK_TABLE
-}
-
 namespace tavik {
-namespace {
 
-const Loops* const tables[] = {
-#define TAVIK_TABLE(backend) &tavik_loops_##backend,
-    MORUN_BUILT_BACKENDS(TAVIK_TABLE)
-#undef TAVIK_TABLE
-};
+MORUN_TABLES_OF_BACKENDS(Loops, tavik_loops, tables)
+
+namespace {
 
 void report(const morun::simd::Choice& choice) {
   if (!choice.request) return;

@@ -14,7 +14,6 @@
 #include "weights/placement.h"
 
 namespace weights {
-namespace {
 
 // Buffers of tavik_buffer_alloc. Nothing frees them by itself, because freeing can fail and be tried again.
 class SharedBuffers {
@@ -61,6 +60,8 @@ class SharedBuffers {
   int32_t fds_[TAVIK_MAX_BUFFERS] = {};
   void* pointers_[TAVIK_MAX_BUFFERS] = {};
 };
+
+namespace {
 
 // Throws BUFFER, SESSION.
 void make_buffers(const std::string& path, const tavik_context& context, const morun_weights_plan& plan,
