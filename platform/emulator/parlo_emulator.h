@@ -270,7 +270,8 @@ typedef enum parlo_emulator_fault_class {
   PARLO_EMULATOR_FAULT_WRONG_STATUS,
 
   /* The nth invocation with a reply runs and returns its own status, but `status` bits of its result, of a fused product
-   * of its first result, are flipped. `error_number` is not used. */
+   * of its first result, are flipped. They are evenly spread over the first row, or over as many of the first rows as
+   * have so many bits. `error_number` is not used. */
   PARLO_EMULATOR_FAULT_FLIPPED_BITS
 } parlo_emulator_fault_class;
 

@@ -37,7 +37,11 @@ constexpr int exit_misuse = 2;
 // CLI::PositiveNumber would name the greatest double as its bound, in 309 digits.
 const CLI::Range any_count(1u, UINT32_MAX);
 
-constexpr char exit_statuses[] = R"(
+constexpr char environment_and_exit_statuses[] = R"(
+Environment: The emulated platform alone reads these variables. PARLO_DSP=process runs each DSP session in a process of
+its own. PARLO_PROFILE=FILE describes the chip. PARLO_TRACE=1 prints each call of the platform; PARLO_TRACE=FILE writes
+the calls as trace events.
+
 Exit status: 0 when the command succeeds; 1 when a file, an operand, memory or the DSP makes it fail, or when verify
 finds a wrong result; 2 when the command line is wrong. When a signal ends the program, shells report 128 + its number.
 A failure prints its cause in one line on standard error. Warnings go there too and do not change the status.)";
@@ -376,7 +380,7 @@ int run(int n_argument, char** arguments) {
   auto* const json = app.add_flag("--json", as_json, "with --version: its details, as one JSON document");
   json->needs(app.set_version_flag("--version", [&as_json] { return tool::version_text(as_json); }));
   app.require_subcommand(1);
-  app.footer(exit_statuses);
+  app.footer(environment_and_exit_statuses);
   add_info(app);
   add_hello(app);
   add_mm(app);

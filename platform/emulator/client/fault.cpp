@@ -4,6 +4,7 @@
 
 #include "platform/emulator/client/sessions.h"
 #include "platform/emulator/dsp/dsp.h"
+#include "platform/parlo.h"
 
 namespace parlo::client {
 namespace {
@@ -16,6 +17,20 @@ bool has_reply(const parlo_emulator_call& call) {
 }
 
 }  // namespace
+
+bool Fault::can_strike(const parlo_emulator_fault& fault) {
+  parlo_emulator_call call = {};
+  const bool is_any = fault.operation == PARLO_EMULATOR_ANY_OPERATION;
+  call.operation = is_any ? int32_t{PARLO_EMULATOR_HANDLE_INVOKE} : fault.operation;
+  call.method = -1;
+  if (call.operation == PARLO_EMULATOR_HANDLE_INVOKE)
+    call.method = fault.method < 0 ? first_method_with_reply : fault.method;
+  call.n_arguments = 3;
+  call.arguments[0] = PARLO_SESSION_UNSIGNED_MODULE;  // where the operation is parlo_session_control
+  Fault armed;
+  armed.arm(fault);
+  return armed.concerns(call);
+}
 
 void Fault::arm(const parlo_emulator_fault& fault) {
   *this = Fault();

@@ -20,6 +20,9 @@ class Fault {
     return armed;
   }
 
+  // Tells whether there is a call on which this fault has its effect.
+  static bool can_strike(const parlo_emulator_fault& fault);
+
   void arm(const parlo_emulator_fault& fault);
   void clear();
 

@@ -36,8 +36,11 @@ void after_fork_in_child() {
   platform().lifecycle.unlock();
 }
 
+bool has_begun = false;  // a program that has called nothing of the platform gets no timeline
+
 // Other threads may go on with their calls, and are left out of the timeline.
 [[gnu::destructor]] void finish_timeline() {
+  if (!has_begun) return;
   const std::unique_lock lock(platform().mutex, std::try_to_lock);
   if (lock) platform().trace.timeline().finish();
 }
@@ -61,7 +64,10 @@ Carrier default_carrier() {
 
 Platform& platform() {
   alignas(Platform) static std::byte storage[sizeof(Platform)];
-  static Platform& the_platform = *new (storage) Platform;
+  static Platform& the_platform = [&]() -> Platform& {
+    has_begun = true;
+    return *new (storage) Platform;
+  }();
   return the_platform;
 }
 

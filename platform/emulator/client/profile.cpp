@@ -11,6 +11,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "platform/emulator/client/fault.h"
 #include "remote/methods.h"
 
 namespace parlo::client {
@@ -49,7 +50,7 @@ class Fields {
   }
   void take_positive(const char* name, double& number) {
     const Json* const value = find(name);
-    if (!value) return;
+    if (!value) refuse(name, "is missing");
     if (!value->is_number() || !(value->get<double>() > 0 && value->get<double>() < 1e30))
       refuse(name, "is no number above 0");
     number = value->get<double>();
@@ -110,7 +111,8 @@ void take_module(Fields& fields, parlo_emulator_config& config) {
   std::string text;
   if (fields.take_text("version", text, 32)) {
     char end;
-    if (std::sscanf(text.c_str(), "%9u.%9u.%9u%c", &config.module_major, &config.module_minor, &config.module_patch,
+    if (text.find_first_not_of("0123456789.") != text.npos ||
+        std::sscanf(text.c_str(), "%9u.%9u.%9u%c", &config.module_major, &config.module_minor, &config.module_patch,
                     &end) != 3)
       fields.refuse("version", "is not of the form 1.2.3");
   }
@@ -177,8 +179,13 @@ void take_fault(Fields& fields, Profile& profile) {
   fault.operation = take_name(fields, "operation", "operation", PARLO_EMULATOR_ANY_OPERATION, operations);
   fault.method = take_name(fields, "method", "method", -1, methods);
   fields.take_number("nth", fault.nth, 1, UINT32_MAX);
-  fields.take_number("status", fault.status, 0, INT32_MAX);
+  const bool takes_nothing = fault.fault_class == PARLO_EMULATOR_FAULT_TRUNCATED_REPLY ||
+                             fault.fault_class == PARLO_EMULATOR_FAULT_SESSION_LOST ||
+                             fault.fault_class == PARLO_EMULATOR_FAULT_HANG;
+  if (!takes_nothing && !fields.find("status")) fields.refuse("status", "is missing");
+  fields.take_number("status", fault.status, takes_nothing ? 0 : 1, INT32_MAX);
   fields.take_number("errno", fault.error_number, 0, 4095);
+  if (!Fault::can_strike(fault)) throw Invalid("fault strikes no call of that operation and method");
   profile.fault = fault;
 }
 
@@ -205,12 +212,36 @@ void take_profile(Fields& fields, Profile& profile) {
   fields.finish();
 }
 
+// Parses the text. The library would take the last of several fields with one name.
+Json parse(const std::string& text) {
+  std::vector<std::set<std::string>> names;  // of the objects that are open, and of those in between
+  return Json::parse(text, [&names](int depth, Json::parse_event_t event, const Json& parsed) {
+    const auto level = static_cast<size_t>(depth);
+    if (event == Json::parse_event_t::object_start) {
+      names.resize(level + 1);
+      names[level].clear();
+    }
+    if (event == Json::parse_event_t::key && !names[level - 1].insert(parsed.get<std::string>()).second)
+      throw Invalid("the field " + parsed.get<std::string>() + " stands there twice");
+    return true;
+  });
+}
+
+// A name out of the file may hold anything.
+std::string printable(std::string text) {
+  constexpr size_t length_max = 300;
+  if (text.size() > length_max) text.replace(length_max, text.npos, "...");
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  return text;
+}
+
 }  // namespace
 
 std::string parse_profile(const std::string& text, Profile& profile) {
   Profile parsed;
   try {
-    const Json json = Json::parse(text);
+    const Json json = parse(text);
     Fields fields(json, "");
     take_profile(fields, parsed);
   } catch (const Json::exception& error) {
@@ -236,7 +267,7 @@ bool choose_profile(Profile& profile) noexcept try {
     wrong = "the file cannot be read";
   text.resize(static_cast<size_t>(file.gcount()));
   if (wrong.empty()) wrong = parse_profile(text, profile);
-  if (!wrong.empty()) std::fprintf(stderr, "[parlo] PARLO_PROFILE=%s: %s\n", path, wrong.c_str());
+  if (!wrong.empty()) std::fprintf(stderr, "[parlo] PARLO_PROFILE=%s: %s\n", path, printable(wrong).c_str());
   return wrong.empty();
 } catch (const std::exception& error) {
   std::fprintf(stderr, "[parlo] PARLO_PROFILE: %s\n", error.what());

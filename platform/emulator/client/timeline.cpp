@@ -34,7 +34,11 @@ struct Span {
   uint64_t remote_begin = 0, remote_end = 0;  // 0 before a product has run
 };
 thread_local Span span;
-thread_local int named_in_process = 0;  // where the calling thread's track has its name
+thread_local uint32_t named_in_file = 0;  // in which the calling thread's track has its name
+
+// A kill can end a write where a page of the file ends, but nowhere else. No write is longer than a page.
+constexpr uint64_t page_size = 4096;
+constexpr size_t span_name_max = 128;
 
 [[gnu::format(printf, 2, 3)]] void append(std::string& text, const char* format, ...) {
   char part[256];
@@ -143,6 +147,8 @@ void Timeline::begin_file() {
   std::string name = pattern_;
   for (size_t at = 0; (at = name.find("%p", at)) != name.npos;) name.replace(at, 2, std::to_string(process_));
   file_ = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  length_ = 0;
+  ++n_file_;
   if (file_ < 0) {
     std::fprintf(stderr, "[parlo] PARLO_TRACE: cannot write %s: %s\n", name.c_str(), std::strerror(errno));
     return;
@@ -157,11 +163,17 @@ void Timeline::begin_file() {
   write("[\n" + events);
 }
 
-// A file that cannot be written any more, on a full disk for instance, ends the timeline.
+// Spaces keep the events within one page. A file that cannot be written any more, on a full disk for instance, ends the
+// timeline; the file loses the part of an event.
 void Timeline::write(std::string events) {
+  if (const uint64_t room = page_size - length_ % page_size; events.size() > room) events.insert(0, room, ' ');
   const ssize_t n = ::write(file_, events.data(), events.size());
-  if (n == static_cast<ssize_t>(events.size())) return;
+  if (n == static_cast<ssize_t>(events.size())) {
+    length_ += events.size();
+    return;
+  }
   std::fprintf(stderr, "[parlo] PARLO_TRACE: the timeline ends: %s\n", n < 0 ? std::strerror(errno) : "no room");
+  if (n > 0 && ftruncate(file_, static_cast<off_t>(length_)) != 0) errno = 0;
   close(file_);
   file_ = -1;
 }
@@ -184,7 +196,7 @@ void Timeline::add(const TracedCall& call, int error, const Counters& counters) 
   const int64_t thread = gettid();
   const int dsp = process_ + dsp_process_after_host;
   std::string events;
-  if (std::exchange(named_in_process, process_) != process_)
+  if (std::exchange(named_in_file, n_file_) != n_file_)
     name_track(events, "thread_name", process_, thread, thread == process_ ? "main thread" : "thread");
   if (call.operation == PARLO_EMULATOR_HANDLE_OPEN) name_instance(events, call, dsp);
 
@@ -219,7 +231,7 @@ void Timeline::add(const TracedCall& call, int error, const Counters& counters) 
 }
 
 void Timeline::begin_span(std::string_view name) {
-  if (writing()) span = {.is_open = true, .name = std::string(name), .begin = dsp::now()};
+  if (writing()) span = {.is_open = true, .name = std::string(name.substr(0, span_name_max)), .begin = dsp::now()};
 }
 
 void Timeline::end_span() {

@@ -45,6 +45,8 @@ class Timeline {
 
   std::string pattern_;
   int file_ = -1;
+  uint64_t length_ = 0;  // bytes of the file
+  uint32_t n_file_ = 0;  // files so far
   int process_ = 0;
   uint64_t n_flow_ = 0;
 };

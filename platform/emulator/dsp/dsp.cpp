@@ -20,8 +20,8 @@ class LocalSpace final : public Space {
   int32_t open(uint64_t handle, const Module& module) override {
     auto session = std::make_shared<Session>(handle, module, addresses_, units_);
     const std::lock_guard lock(mutex_);
-    sessions_.emplace(handle, std::move(session));
-    return KESO_SUCCESS;
+    const bool is_new = sessions_.emplace(handle, std::move(session)).second;
+    return is_new ? KESO_SUCCESS : int32_t{PARLO_EMULATOR_BAD_HANDLE};
   }
 
   int32_t close(uint64_t handle) override {

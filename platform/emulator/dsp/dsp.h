@@ -24,7 +24,7 @@ struct Module {
 // identifies the memory itself: no other memory ever has this number, and the number is not 0.
 struct SharedBuffer {
   uint64_t memory;
-  int32_t descriptor;  // of the host: the name under which methods find the buffer
+  int64_t descriptor;  // of the host: the name under which methods find the buffer
   uint64_t address;    // of the host: an identifier, never dereferenced
   uint64_t length;
 };

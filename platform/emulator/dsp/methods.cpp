@@ -27,13 +27,18 @@ ViewPointer view(const Job& job, uint32_t descriptor) {
   return job.session.view(static_cast<int32_t>(descriptor));
 }
 
-// Flips as many bits of a result as the call's fault asks for, evenly spread.
-void flip_bits(const Job& job, std::byte* result, uint64_t n_byte) {
-  const uint64_t n = std::min<uint64_t>(job.call.n_flipped_bit, 8 * n_byte);
+// Flips as many bits as the call's fault asks for, evenly spread over the first rows that have as many. at(row, byte)
+// is a byte of the result.
+void flip_bits(const Job& job, uint64_t n_row, uint64_t row_bytes, auto at) {
+  const uint64_t row_bits = 8 * row_bytes, n = std::min<uint64_t>(job.call.n_flipped_bit, n_row * row_bits);
   for (uint64_t i = 0; i < n; ++i) {
-    const uint64_t step = 8 * n_byte / n, bit = step * i + step / 2;
-    result[bit / 8] ^= std::byte(1u << bit % 8);
+    const uint64_t step = (n + row_bits - 1) / row_bits * row_bits / n, bit = step * i + step / 2;
+    at(bit / row_bits, bit % row_bits / 8) ^= std::byte(1u << bit % 8);
   }
+}
+
+void flip_bits(const Job& job, std::byte* result, uint64_t n_byte) {
+  flip_bits(job, 1, n_byte, [result](uint64_t, uint64_t byte) -> std::byte& { return result[byte]; });
 }
 
 // Host and DSP share coherent memory here, so there is no cache to clear.
@@ -89,10 +94,14 @@ int32_t compute_products(const Job& job, const ProductKind& kind, std::initializ
                         n_row * n_col * kind.result_bytes;
   }
   const Operands& first = *products.begin();
-  if (first.A.view)
-    flip_bits(job, first.A.view->bytes() + first.A.offset,
-              std::min<uint64_t>(uint64_t{first.n_row} * first.n_col * kind.result_bytes,
-                                 first.A.view->length() - first.A.offset));
+  const uint64_t n_col = first.n_col, alternating_rows = kind.result_bytes == 2 ? 2 : 1;  // see ProductKinds
+  flip_bits(job, first.n_row, n_col * kind.result_bytes, [&](uint64_t row, uint64_t byte) -> std::byte& {
+    const uint64_t column = byte / kind.result_bytes, in_band = row % kind.tile_rows;
+    const uint64_t in_tile =
+        (in_band - row % alternating_rows) * tile_size + column % tile_size * alternating_rows + row % alternating_rows;
+    const uint64_t tile = (row - in_band) * n_col + column / tile_size * kind.tile_rows * tile_size;
+    return first.A.view->bytes()[first.A.offset + (tile + in_tile) * kind.result_bytes + byte % kind.result_bytes];
+  });
   return KESO_SUCCESS;
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 namespace parlo::process {
@@ -35,12 +36,40 @@ Transfer failure(int error) {
   }
 }
 
-ssize_t repeated(auto transfer) {
-  ssize_t n;
-  do n = transfer();
-  while (n < 0 && errno == EINTR);
-  return n;
-}
+// A record, and the place for one descriptor beside it.
+struct Message {
+  Message(const void* record, size_t size) : part{const_cast<void*>(record), size} {}
+  Message(const Message&) = delete;
+  Message& operator=(const Message&) = delete;
+
+  void put(int descriptor) {
+    cmsghdr* const side = CMSG_FIRSTHDR(&header);
+    side->cmsg_level = SOL_SOCKET;
+    side->cmsg_type = SCM_RIGHTS;
+    side->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(side), &descriptor, sizeof descriptor);
+  }
+  // Returns -1 where no descriptor has come.
+  int take() const {
+    int descriptor = -1;
+    const cmsghdr* const side = CMSG_FIRSTHDR(&header);
+    if (side && side->cmsg_level == SOL_SOCKET && side->cmsg_type == SCM_RIGHTS &&
+        side->cmsg_len == CMSG_LEN(sizeof descriptor))
+      std::memcpy(&descriptor, CMSG_DATA(side), sizeof descriptor);
+    return descriptor;
+  }
+
+  iovec part;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  // The length leaves out the padding behind the descriptor, in which a second descriptor would find room.
+  msghdr header = {.msg_name = nullptr,
+                   .msg_namelen = 0,
+                   .msg_iov = &part,
+                   .msg_iovlen = 1,
+                   .msg_control = control,
+                   .msg_controllen = CMSG_LEN(sizeof(int)),
+                   .msg_flags = 0};
+};
 
 }  // namespace
 
@@ -56,29 +85,33 @@ bool Channel::connect(Descriptor& mine, Descriptor& other) {
   return true;
 }
 
-void Channel::set_limit(uint32_t milliseconds) const {
+void Channel::set_limit(uint32_t milliseconds) {
+  limit_ = std::chrono::milliseconds(milliseconds);
   const timeval time = {.tv_sec = milliseconds / 1000, .tv_usec = milliseconds % 1000 * 1000};
   setsockopt(number(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
   setsockopt(number(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+}
+
+// The system begins its own limit anew with every repetition.
+ssize_t Channel::repeated(auto transfer) const {
+  using Clock = std::chrono::steady_clock;
+  const auto begin = Clock::now();
+  for (;;) {
+    const ssize_t n = transfer();
+    if (n >= 0 || errno != EINTR) return n;
+    if (limit_.count() == 0 || Clock::now() - begin < limit_) continue;
+    errno = EAGAIN;
+    return n;
+  }
 }
 
 Transfer Channel::send(const void* record, size_t size, int descriptor, bool at_once) const {
   const int flags = MSG_NOSIGNAL | (at_once ? MSG_DONTWAIT : 0);
   if (descriptor < 0)  // the cheaper call
     return repeated([&] { return ::send(number(), record, size, flags); }) < 0 ? failure(errno) : Transfer::done;
-  iovec part = {const_cast<void*>(record), size};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
-  msghdr message = {};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* const header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof descriptor);
-  std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-  return repeated([&] { return sendmsg(number(), &message, flags); }) < 0 ? failure(errno) : Transfer::done;
+  Message message(record, size);
+  message.put(descriptor);
+  return repeated([&] { return sendmsg(number(), &message.header, flags); }) < 0 ? failure(errno) : Transfer::done;
 }
 
 Transfer Channel::receive(void* record, size_t size) const {
@@ -89,24 +122,13 @@ Transfer Channel::receive(void* record, size_t size) const {
 }
 
 Transfer Channel::receive(void* record, size_t size, Descriptor& descriptor) const {
-  iovec part = {record, size};
-  int passed = -1;
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof passed)] = {};
-  msghdr message = {};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  const ssize_t n = repeated([&] { return recvmsg(number(), &message, MSG_CMSG_CLOEXEC); });
+  Message message(record, size);
+  const ssize_t n = repeated([&] { return recvmsg(number(), &message.header, MSG_CMSG_CLOEXEC); });
   if (n < 0) return failure(errno);
-  const cmsghdr* const header = CMSG_FIRSTHDR(&message);
-  if (header && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
-      header->cmsg_len == CMSG_LEN(sizeof passed))
-    std::memcpy(&passed, CMSG_DATA(header), sizeof passed);
-  descriptor = Descriptor(passed);
+  descriptor = Descriptor(message.take());
   if (n == 0) return Transfer::ended;
-  if (static_cast<size_t>(n) != size || (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return Transfer::bad;
-  return Transfer::done;
+  const bool is_cut = (message.header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0;
+  return static_cast<size_t>(n) == size && !is_cut ? Transfer::done : Transfer::bad;
 }
 
 }  // namespace parlo::process

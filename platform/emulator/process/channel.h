@@ -1,6 +1,9 @@
 // One end of a SOCK_SEQPACKET connection that carries records of fixed size, each with at most one descriptor.
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -36,17 +39,17 @@ class Channel {
 
   // Makes two connected ends. Returns false, with errno set, when the system refuses them.
   static bool connect(Descriptor& mine, Descriptor& other);
-  // Limits how long a transfer waits; 0 is no limit.
-  void set_limit(uint32_t milliseconds) const;
+  // Limits how long a transfer waits; 0 is no limit. Where signals interrupt the transfer, it may take twice as long.
+  void set_limit(uint32_t milliseconds);
 
   template <class Record>
   Transfer send(const Record& record, int descriptor = -1) const {
     return send(&record, sizeof record, descriptor, false);
   }
-  // Leaves the record out when the other side has not read what was sent before.
+  // Times out at once when the other side has not read what was sent before.
   template <class Record>
-  void try_to_send(const Record& record) const {
-    send(&record, sizeof record, -1, true);
+  Transfer try_to_send(const Record& record) const {
+    return send(&record, sizeof record, -1, true);
   }
   template <class Record>
   Transfer receive(Record& record) const {
@@ -64,7 +67,10 @@ class Channel {
   Transfer receive(void* record, size_t size) const;
   Transfer receive(void* record, size_t size, Descriptor& descriptor) const;
 
+  ssize_t repeated(auto transfer) const;
+
   Descriptor socket_;
+  std::chrono::milliseconds limit_{0};
 };
 
 }  // namespace parlo::process

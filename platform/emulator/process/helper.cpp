@@ -112,7 +112,7 @@ int32_t carry_out(const std::shared_ptr<dsp::Space>& space, const Request& reque
     case RequestKind::map:
       return map(*space, request, descriptor);
     case RequestKind::unmap:
-      return space->unmap(buffer.descriptor, buffer.address, buffer.length);
+      return space->unmap(static_cast<int32_t>(buffer.descriptor), buffer.address, buffer.length);
     default:
       require(false, "an unknown request");
       return 0;

@@ -65,6 +65,10 @@ struct SpawnSettings {
 // host leaves the session to the host's cleanup. Libraries that are preloaded are the application's.
 int spawn(int control, pid_t& process) {
   const std::string library = library_path;
+  if (library.empty()) {
+    std::fprintf(stderr, "[parlo] cannot start parlo-dsp: libparlo.so does not know where it stands\n");
+    return ENOENT;
+  }
   std::vector<std::string> words = launcher();
   words.push_back(library.substr(0, library.rfind('/') + 1) + "parlo-dsp");
   words.push_back(std::to_string(getpid()));
@@ -150,10 +154,12 @@ class ProcessSpace final : public dsp::Space {
     return ask_control(request);
   }
 
+  // Must not wait. A release that finds no room goes with the next request, because only a closing needs to know of it.
   void release(uint64_t memory) override {
-    Request request = {.kind = RequestKind::release};
-    request.buffer.memory = memory;
-    control_.channel.try_to_send(request);
+    const Transfer transfer = control_.channel.try_to_send(release_of(memory));
+    if (transfer == Transfer::done || has_ended_) return;
+    const std::lock_guard lock(unsent_mutex_);
+    unsent_releases_.push_back(memory);
   }
 
   uint64_t n_mappings() override { return n_mappings_; }
@@ -173,6 +179,9 @@ class ProcessSpace final : public dsp::Space {
   int process() const override { return process_; }
 
  private:
+  // To one request. No method reserves a matrix unit more than once; the limit of a call counts for each answer.
+  static constexpr int answers_max = 4;
+
   using Lines = std::map<uint64_t, std::shared_ptr<Line>>;
 
   static Lines::node_type entry_for(uint64_t handle, const std::shared_ptr<Line>& line) {
@@ -186,7 +195,27 @@ class ProcessSpace final : public dsp::Space {
     return found == lines_.end() ? nullptr : found->second;
   }
 
+  static Request release_of(uint64_t memory) {
+    Request request = {.kind = RequestKind::release};
+    request.buffer.memory = memory;
+    return request;
+  }
+
+  int32_t send_releases() {
+    std::vector<uint64_t> memories;
+    {
+      const std::lock_guard lock(unsent_mutex_);
+      memories.swap(unsent_releases_);
+    }
+    for (const uint64_t memory : memories) {
+      const Transfer transfer = control_.channel.send(release_of(memory));
+      if (transfer != Transfer::done) return lose(transfer);
+    }
+    return KESO_SUCCESS;
+  }
+
   int32_t ask_control(const Request& request, int descriptor = -1) {
+    if (const int32_t status = send_releases(); status != KESO_SUCCESS) return status;
     Answer answer;
     const int32_t status = ask(control_, request, descriptor, answer);
     if (answer.kind == AnswerKind::done) n_mappings_ = answer.n_mappings;
@@ -201,7 +230,7 @@ class ProcessSpace final : public dsp::Space {
     Transfer transfer = line.channel.send(request, descriptor);
     if (transfer == Transfer::no_memory) return PARLO_EMULATOR_NO_MEMORY;
     if (transfer == Transfer::bad) return PARLO_EMULATOR_UNKNOWN_DESCRIPTOR;
-    while (transfer == Transfer::done) {
+    for (int n_answer = 0; n_answer < answers_max && transfer == Transfer::done; ++n_answer) {
       transfer = line.channel.receive(answer);
       if (transfer != Transfer::done) break;
       if (answer.protocol != protocol || answer.serial != request.serial) break;
@@ -252,6 +281,8 @@ class ProcessSpace final : public dsp::Space {
   Line control_;
   std::mutex lines_mutex_;  // guards lines_
   Lines lines_;
+  std::mutex unsent_mutex_;  // guards unsent_releases_
+  std::vector<uint64_t> unsent_releases_;
   std::mutex process_mutex_;  // held while the process is ended
   std::atomic<bool> has_ended_ = false;
   std::atomic<uint64_t> n_mappings_ = 0;

@@ -54,11 +54,14 @@ struct Answer {
   AnswerKind kind = {};
   uint64_t serial = 0;  // of the request
   int32_t status = 0;
+  uint32_t unused = 0;
   uint64_t n_mappings = 0;
   dsp::MatrixUnit unit = {};
   dsp::Reply reply = {};
 };
 
 static_assert(std::is_trivially_copyable_v<Request> && std::is_trivially_copyable_v<Answer>);
+// Records have no gaps, in which bytes of the sender's stack would travel along.
+static_assert(std::has_unique_object_representations_v<Request> && std::has_unique_object_representations_v<Answer>);
 
 }  // namespace parlo::process
