@@ -1,8 +1,8 @@
 """Prints the ratios of two revisions side by side: compare.py NAME-OF-OLD FOLDER, with old.N.json and new.N.json of each pair.
 
 A ratio is the time of the yardstick divided by that of the operation, in one process and round, so what slows the machine
-down slows both. `new / old` is the median of the pairs' quotients, beside the least and the largest of them. Rows of one
-revision alone are listed behind the others.
+down slows both. The last column has the quotients of the pairs, `faster` or `SLOWER` behind them where the pairs agree.
+Rows of one revision alone are listed behind the others.
 """
 
 import json
@@ -17,7 +17,15 @@ def ratios(path: pathlib.Path) -> dict[str, float]:
 
 
 def spread(values: list[float]) -> str:
-    return f"{statistics.median(values):7.3f}  {min(values):6.3f} .. {max(values):6.3f}"
+    return f"{statistics.median(values):.3f} ({min(values):.3f} .. {max(values):.3f})"
+
+
+def verdict(quotients: list[float]) -> str:
+    """A change is told where all pairs agree on its direction and its median is beyond 5 %."""
+    change = statistics.median(quotients)
+    if min(quotients) > 1 and change > 1.05:
+        return "faster"
+    return "SLOWER" if max(quotients) < 1 and change < 0.95 else ""
 
 
 def main() -> int:
@@ -29,16 +37,15 @@ def main() -> int:
         return 1
     olds, news = ({row for pair in pairs for row in pair[side]} for side in (0, 1))
     both = [row for row in pairs[0][1] if all(row in old and row in new for old, new in pairs)]
-    width = max(map(len, both), default=10) + 2
-    heading = f"{'median':>7}  {'least':>6} .. {'most':>6}"
-    print(f"{'ratio: yardstick / operation':{width}} {name + ', ' + heading:>38}   {'now, ' + heading:>33}   {'new / old, ' + heading}")
+    lines = [("operation / shape", name, "now", f"now / {name}", "")]
     for row in both:
         old, new = [pair[0][row] for pair in pairs], [pair[1][row] for pair in pairs]
         quotients = [n / o for o, n in zip(old, new)]
-        # A change is told where all pairs agree on its direction and its median is beyond 5 %.
-        change = statistics.median(quotients)
-        mark = "faster" if min(quotients) > 1 and change > 1.05 else "SLOWER" if max(quotients) < 1 and change < 0.95 else ""
-        print(f"{row:{width}} {spread(old):>38}   {spread(new):>33}   {spread(quotients):>38}  {mark}")
+        lines.append((row, spread(old), spread(new), spread(quotients), verdict(quotients)))
+    print(f"yardstick's time / operation's, so more is faster: median (least .. most) of {len(pairs)} runs each")
+    widths = [max(map(len, column)) for column in zip(*lines)]
+    for line in lines:
+        print("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip())
     for what, rows in ((f"only in {name}", olds - news), ("only now", news - olds)):
         for row in sorted(rows):
             print(f"{row}: {what}")

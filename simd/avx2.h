@@ -337,20 +337,7 @@ inline i32x8 multiply_add(wide_dots a, same_dots b, i32x8 sum) {
   return {_mm256_add_epi32(sum.v, _mm256_madd_epi16(a.v, b.v))};
 }
 
-// Eight lanes are the width of the long products too.
-using wide_f32 = f32x8;
-using wide_i32 = i32x8;
-inline constexpr size_t wide_lanes = 8;
 inline constexpr size_t kernel_rows = 6;
-inline wide_f32 load_wide(const float* p) {
-  return load(p);
-}
-inline wide_i32 load_wide(const int32_t* p) {
-  return load(p);
-}
-inline wide_f32 broadcast_wide(float x) {
-  return broadcast(x);
-}
 
 #endif
 

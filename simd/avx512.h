@@ -29,6 +29,18 @@ inline void store(int32_t* p, wide_i32 a) {
 inline wide_f32 broadcast_wide(float x) {
   return {_mm512_set1_ps(x)};
 }
+inline wide_f32 broadcast_four_wide(const float* p) {
+  return {_mm512_broadcast_f32x4(_mm_loadu_ps(p))};
+}
+inline void widen_eights(const uint16_t* const* columns, size_t k, wide_f32& first, wide_f32& second) {
+  const auto load_two = [&](size_t i) {
+    const auto eight = [&](size_t j) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(columns[j] + k)); };
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(eight(i)), eight(i + 2), 1);
+  };
+  const __m256i even = load_two(0), odd = load_two(1);
+  first = {_mm512_cvtph_ps(_mm256_unpacklo_epi64(even, odd))};
+  second = {_mm512_cvtph_ps(_mm256_unpackhi_epi64(even, odd))};
+}
 inline wide_f32 multiply_add(wide_f32 a, wide_f32 b, wide_f32 c) {
   return {_mm512_fmadd_ps(a.v, b.v, c.v)};
 }

@@ -15,28 +15,6 @@ inline f16x8 multiply_add(f16x8 a, f16x8 b, f16x8 c) {
   return {_mm_castph_si128(_mm_fmadd_ph(_mm_castsi128_ph(a.v), _mm_castsi128_ph(b.v), _mm_castsi128_ph(c.v)))};
 }
 
-struct half8 {
-  __m128h v;
-};
-inline half8 load_half8(const uint16_t* p) {
-  return {_mm_loadu_ph(p)};
-}
-
-struct half8_sum {
-  __m128h v;
-};
-inline half8_sum load_half8_sum(const uint16_t* p) {
-  return {_mm_loadu_ph(p)};
-}
-inline void store(uint16_t* p, half8_sum a) {
-  _mm_storeu_ph(p, a.v);
-}
-inline void store(float* p, half8_sum a) {
-  store(p, widen({_mm_castph_si128(a.v)}));
-}
-inline void accumulate(half8_sum& sum, half8 a, half8 b) {
-  sum.v = _mm_fmadd_ph(a.v, b.v, sum.v);
-}
 template <class Body>
 inline void in_half_arithmetic(const Body& body) {
   body();

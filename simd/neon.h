@@ -360,19 +360,6 @@ inline void stage_columns(const uint8_t* rows, dot_element* panel, size_t pitch)
   }
 }
 
-// Eight lanes are the width of the long products too.
-using wide_f32 = f32x8;
-using wide_i32 = i32x8;
-inline constexpr size_t wide_lanes = 8;
 inline constexpr size_t kernel_rows = 4;
-inline wide_f32 load_wide(const float* p) {
-  return load(p);
-}
-inline wide_i32 load_wide(const int32_t* p) {
-  return load(p);
-}
-inline wide_f32 broadcast_wide(float x) {
-  return broadcast(x);
-}
 
 }  // namespace morun::simd::inline MORUN_BACKEND

@@ -33,15 +33,14 @@
 //
 // Long sums in half arithmetic have types of their own, for which a backend may choose registers and rounding mode:
 //
-//   half8                     eight halves to multiply
-//   half8_sum                 eight sums; half8_sum{} is zero
-//   in_half_arithmetic(body)  calls body(); half8 sums are formed only inside, where other floating-point arithmetic is
-//                             not allowed
-//   load_half8, load_half8_sum  load f16
+//   half8x4                   four times eight halves to multiply
+//   half8x4_sum               as many sums; half8x4_sum{} is zero
+//   in_half_arithmetic(body)  calls body(); half8x4 sums are formed only inside, where other floating-point arithmetic
+//                             is not allowed
+//   load_half8x4, load_half8x4_sum  load 32 halves
+//   broadcast_half8x4         loads eight halves four times
 //   store                     stores sums as f16, or widened to f32
 //   accumulate(sum, a, b)     adds a * b and rounds once, to f16
-//   half8x4, half8x4_sum      four of them side by side; load_half8x4 loads 32 halves, broadcast_half8x4 loads eight
-//                             halves four times; load_half8x4_sum, store and accumulate as above
 //   half8x4_at_once           the number of sums whose additions fill the processor's units
 //
 // When a result of half arithmetic is NaN, its payload differs between backends. Code that stores results replaces it.
@@ -84,6 +83,9 @@
 //   wide_f32, wide_i32        wide vectors of floats and of 32-bit integers
 //   kernel_rows               rows by two wide vectors are as many sums as the registers hold; an even number
 //   load_wide, broadcast_wide, store, multiply_add  of wide vectors, as of f32x8 and i32x8
+//   broadcast_four_wide       loads four floats into each four lanes
+//   widen_eights(columns, k, first, second)  columns[i] + k is the address of eight halves for each four lanes of a wide
+//                             vector; widens the lower four of each into `first`, the upper four into `second`
 //
 // Exact products of 32 unsigned bytes of a row and 32 signed weights of each column, modulo 2^32. A step is one word of
 // 32 bits: the two or four bytes whose products one instruction adds up. The backend chooses the order of the steps.
@@ -126,8 +128,33 @@ void prefetch_ahead(const T* p, size_t distance) {
   prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(p) + distance * sizeof(T)));
 }
 
+#if !defined(MORUN_SIMD_AVX512)
+// Eight lanes are the width of the long products too.
+using wide_f32 = f32x8;
+using wide_i32 = i32x8;
+inline constexpr size_t wide_lanes = 8;
+inline wide_f32 load_wide(const float* p) {
+  return load(p);
+}
+inline wide_i32 load_wide(const int32_t* p) {
+  return load(p);
+}
+inline wide_f32 broadcast_wide(float x) {
+  return broadcast(x);
+}
+inline wide_f32 broadcast_four_wide(const float* p) {
+  return broadcast_four(p);
+}
+inline void widen_eights(const uint16_t* const* columns, size_t k, wide_f32& first, wide_f32& second) {
+  const f32x8 left = widen(load(columns[0] + k)), right = widen(load(columns[1] + k));
+  first = lower_fours(left, right);
+  second = upper_fours(left, right);
+}
+#endif
+
 #if !defined(MORUN_SIMD_HALF8X4)
 inline constexpr size_t half8x4_at_once = 4;
+// The backend gives half8 and half8_sum, which hold eight halves and eight sums.
 // Members with names, because compilers keep an array that is indexed in a loop in memory.
 struct half8x4 {
   half8 a, b, c, d;

@@ -89,4 +89,10 @@ TEST(CpuTensorProduct, FollowsItsDefinitionToTheLastBitEverywhere) {
   EXPECT_EQ(hash, 4458099809456135733u);
 }
 
+// Rows are taken in groups, of as many as the registers hold.
+TEST(CpuTensorProduct, GroupsAnyNumberOfRows) {
+  test::Random random(2);
+  for (size_t n_row = 8; n_row <= 26; ++n_row) check(random, any, n_row, 9, 15, 0);
+}
+
 }  // namespace

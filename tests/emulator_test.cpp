@@ -1,5 +1,6 @@
 // The emulated platform, call by call: what it refuses and with which status, and what it keeps apart. Most stands in
 // tests/transcripts/Emulator*.txt.
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -85,7 +86,8 @@ class EmulatorScripts : public Transcript {
       {"uri", [this](const Words& w) { return sessions_[w[0]].get_uri(uri_, static_cast<uint32_t>(value(w[1]))); }},
       {"effective_domain",
        [this](const Words& w) {
-         parlo_session_effective_domain record{"cdsp", 4, static_cast<uint32_t>(value(w[0])), 0};
+         const char* const name = w.size() > 1 ? w[1].c_str() : "cdsp";
+         parlo_session_effective_domain record{name, 4, static_cast<uint32_t>(value(w[0])), 0};
          return control(PARLO_SESSION_EFFECTIVE_DOMAIN, record);
        }},
       {"map", [this](const Words& w) { return sessions_[w[0]].map(buffers_.at(w[1])); }},
@@ -155,6 +157,30 @@ TEST_F(Emulator, DescriptorsAreTheLowestFreeOnesAndReal) {
   configure([](auto& config) { config.lowest_descriptor = 1024; });
   EXPECT_EQ(allocate(page).fd, 1024);
   EXPECT_EQ(allocate(page).fd, 1025);
+}
+
+// The program's limit may be below the descriptors of shared buffers. The system's limit ends the buffers.
+TEST_F(Emulator, ALowLimitOfDescriptorsIsRaisedAsFarAsTheSystemAllows) {
+  const int lowest = dup(0);
+  close(lowest);
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const std::tuple<int, int, int> cases[] = {{lowest, lowest, EMFILE}, {64, 100, EINVAL}};
+  for (const auto& [few, wanted, error] : cases) {
+    configure([&, from = wanted](auto& config) { config.lowest_descriptor = from; });
+    const rlimit below = {static_cast<rlim_t>(few), limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &below);
+    const Shared shared = allocate(page);
+    EXPECT_EQ(shared.fd, wanted);
+    parlo_mem_free(shared.address);
+    EXPECT_EQ(status_of_child([&, all = few] {
+                const rlimit last = {static_cast<rlim_t>(all), static_cast<rlim_t>(all)};
+                setrlimit(RLIMIT_NOFILE, &last);
+                return parlo_mem_alloc2(25, 1, page) == nullptr ? errno : 0;
+              }),
+              error);
+  }
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // What the tool shows of a profile stands in ToolEmulator.txt.

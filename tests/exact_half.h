@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 
@@ -25,15 +26,16 @@ inline int64_t units(uint16_t h) {
 }
 inline double value_of(uint16_t h) {
   if (is_nan(h)) return NAN;
-  const double magnitude = is_infinite(h) ? INFINITY : std::ldexp(units(h & 0x7fff), -24);
+  const double magnitude = is_infinite(h) ? INFINITY : static_cast<double>(units(h & 0x7fff)) * 0x1p-24;
   return h & sign_bit ? -magnitude : magnitude;
 }
 
 // Rounds to the nearest half, ties to even. A zero is positive.
 inline uint16_t nearest_half(wide value) {
   const wide magnitude = value < 0 ? -value : value;
-  int step = 24;  // bits dropped: those below the subnormals', or all but eleven
-  while (magnitude >> step >= 0x800) ++step;
+  const auto high = static_cast<uint64_t>(magnitude >> 64), low = static_cast<uint64_t>(magnitude);
+  const auto width = static_cast<int>(high ? 64 + std::bit_width(high) : std::bit_width(low));
+  const int step = std::max(24, width - 11);  // bits dropped: those below the subnormals', or all but eleven
   const wide kept = magnitude >> step, dropped = magnitude - (kept << step), tie = wide{1} << (step - 1);
   const int64_t nearest = static_cast<int64_t>(kept) + (dropped > tie || (dropped == tie && kept % 2 != 0));
   const int64_t pattern = nearest + (int64_t{step - 24} << 10);  // a carry moves on to the next exponent

@@ -87,7 +87,7 @@ TEST(FusedConverters, TileWholeColumnsAndPairAnOddRowWithZeros) {
     Vector<uint16_t> expected(tiles, 0xeeee), converted = expected;
     for (uint64_t r = 0; r < n_row; ++r)
       for (uint64_t c = 0; c < whole; ++c) {
-        expected[place_in_ah(r, c, n_col)] = narrow(matrix[r * n_col + c]);
+        expected[place_in_ah(r, c, n_col)] = morun::simd::narrow_bits(matrix[r * n_col + c]);
         if (r + 1 == n_row && r % 2 == 0) expected[place_in_ah(r, c, n_col) + 1] = 0;
       }
     tavik_f32_rm_to_f16_ah(n_row, n_col, matrix.data(), converted.data());

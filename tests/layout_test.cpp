@@ -73,13 +73,15 @@ struct Blocks {
 template <class T>
 void check_family(test::Random& random, void (*linearize_member)(Size, Size, Size, Size, T*),
                   void (*unlinearize_member)(Size, Size, Size, Size, T*), void (*transpose_member)(Size, Size, T*)) {
-  const Blocks cases[] = {
-      {64, 96, 32, 32}, {64, 63, 32, 63},  {12, 20, 4, 5},     {7, 9, 7, 9},    {30, 30, 1, 30},  {30, 30, 30, 1},
-      {0, 8, 2, 2},     {8, 0, 2, 2},      {64, 300, 16, 100},  // all in whole blocks; then rows and columns left over, and either
-      {8, 22, 2, 4},    {3, 4, 2, 1},      {5, 8, 3, 2},       {33, 20, 16, 3}, {5, 7, 8, 2},     {1, 40, 16, 8},
-      {29, 64, 32, 1},  {35, 340, 16, 70}, {5, 37, 4, 8},      {63, 65, 64, 1}, {3, 200, 2, 131}, {7, 9, 4, 4},
-      {8, 9, 4, 4},     {7, 8, 4, 4},      {3, 3, 5, 5},       {70, 33, 64, 2}, {33, 70, 16, 64}, {48, 97, 16, 32},
-      {9, 5, 2, 3},     {3, 4, 0, 1},      {3, 4, 1, 0}};
+  const Blocks cases[] = {{64, 96, 32, 32},   {64, 63, 32, 63},     {12, 20, 4, 5},      {7, 9, 7, 9},
+                          {30, 30, 1, 30},    {30, 30, 30, 1},      {0, 8, 2, 2},        {8, 0, 2, 2},
+                          {64, 300, 16, 100},  // all in whole blocks; then rows and columns left over, and either
+                          {8, 22, 2, 4},      {3, 4, 2, 1},         {5, 8, 3, 2},        {33, 20, 16, 3},
+                          {5, 7, 8, 2},       {1, 40, 16, 8},       {29, 64, 32, 1},     {35, 340, 16, 70},
+                          {5, 37, 4, 8},      {63, 65, 64, 1},      {3, 200, 2, 131},    {7, 9, 4, 4},
+                          {8, 9, 4, 4},       {7, 8, 4, 4},         {3, 3, 5, 5},        {70, 33, 64, 2},
+                          {33, 70, 16, 64},   {48, 97, 16, 32},     {9, 5, 2, 3},        {3, 4, 0, 1},
+                          {3, 4, 1, 0},       {260, 290, 260, 290}, {300, 300, 300, 300}};
   for (const Blocks& b : cases) {
     SCOPED_TRACE(testing::Message() << b.n_row << " x " << b.n_col << " in " << b.block_rows << " x " << b.block_cols);
     const bool has_blocks = b.block_rows != 0 && b.block_cols != 0;

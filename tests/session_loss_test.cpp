@@ -393,11 +393,14 @@ TEST_P(SessionProcess, AMalformedRecordEndsItsSessionAlone) {
   for (const size_t n_byte : {0u, 1u, 2000u}) {
     const std::set<int> before = sockets();
     ASSERT_EQ(first.open(), 0);
+    // The first record may end the process before the record on its other socket is sent.
+    int n_sent = 0;
     for (const int socket : sockets()) {
       const char record[2000] = {};
       if (before.contains(socket)) continue;
-      EXPECT_EQ(send(socket, record, n_byte, 0), static_cast<ssize_t>(n_byte));
+      n_sent += send(socket, record, n_byte, MSG_NOSIGNAL) == static_cast<ssize_t>(n_byte);
     }
+    EXPECT_GE(n_sent, 1);
     EXPECT_EQ(first.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
     EXPECT_EQ(first.close() | second.invoke(acquire), 0);
   }

@@ -89,6 +89,12 @@ levels() {
   rm levels.txt
 }
 
+# Runs the tool on a DSP with a fault: its class and status, the method, which call of the method, the command line.
+faulty() {
+  printf '{"fault": {"class": "%s", "status": %s, "method": "%s", "nth": %s, "errno": 5}}' "${@:1:4}" >fault.json
+  PARLO_PROFILE=fault.json morun "${@:5}"
+}
+
 # Prints what the emulated platform says of a profile.
 profile() {
   printf %s "$1" >profile.json

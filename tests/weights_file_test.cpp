@@ -220,7 +220,8 @@ TEST_F(WeightsFile, AnyColumnsAreUnpackedIntoAnyStrides) {
 // A packed file of three tensors. In the records ' stands for \", and $a for the checksum of tensor a.
 constexpr char good_header[] =
     R"({"__metadata__":{"morun.format":"1","note":"kept","morun.later":"?",
-"morun.tensor.a":"{'form':'f16','n_inner':33,'n_col':40,'source':'A','source_dtype':'F32','error':0.5,'checksum':'$a'}",
+"morun.tensor.a":"{'form':'f16','n_inner':33,'n_col':40,'source':'A','source_dtype':'F32',)"
+    R"('error':0.5,'checksum':'$a','later':true}",
 "morun.tensor.b":"{'form':'a8w4','n_inner':33,'n_col':40,'zero_points':2048,'scales':4096,'sums':6144,)"
     R"('quantiser':'mse','source':'B','source_dtype':'F64','error':1e-3,'product_error':0,'checksum':'$b','later':null}",
 "morun.tensor.c":"{'form':'carried','source':'C','source_dtype':'I16','checksum':'$c'}"},
@@ -335,6 +336,10 @@ TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
       {"BAD_ARGUMENT", morun_weights_file_unpack(good, 3, values.data()), "index"},
       {"NOT_PACKED", morun_weights_file_unpack(good, 2, values.data()), "tensor \"c\" is not packed"}};
   for (const auto& [status, got, what] : calls) EXPECT_STREQ(morun_weights_status_name(got), status) << what;
+  // A letter of two bytes is left out where only its first byte would have room.
+  const std::string long_name(199, 'x'), letter = "\u00e9";
+  test::expect_status(morun_weights_file_find(good, (long_name + letter + letter).c_str(), &number),
+                      MORUN_WEIGHTS_NOT_FOUND, "has no tensor \"" + long_name + "...\"");
   EXPECT_EQ(number, 99u);
   EXPECT_STREQ(bytes, "untouched");
   EXPECT_EQ(values, std::vector<float>(33 * 40, 99));
@@ -364,6 +369,18 @@ TEST_F(WeightsFile, CallsOnAGoodFileAreRefusedForWhatIsWrongWithThem) {
   EXPECT_EQ(morun_weights_file_unpack(good, 1, values.data()), MORUN_WEIGHTS_SHRUNK);
   EXPECT_EQ(morun_weights_file_read(good, 2, 0, 1, bytes), MORUN_WEIGHTS_SHRUNK);
   EXPECT_EQ(reader.bytes(1, 8000, 191).size(), 191u) << "up to the end of the file";
+}
+
+TEST(WeightsStatus, EveryStatusHasItsName) {
+  const std::pair<int32_t, int32_t> blocks[] = {
+      {MORUN_WEIGHTS_SUCCESS, MORUN_WEIGHTS_UNEXPECTED},      {MORUN_WEIGHTS_OPEN, MORUN_WEIGHTS_SHRUNK},
+      {MORUN_WEIGHTS_TOO_SHORT, MORUN_WEIGHTS_TRAILING_DATA}, {MORUN_WEIGHTS_NOT_PACKED_FILE, MORUN_WEIGHTS_CHECKSUM},
+      {MORUN_WEIGHTS_NOT_FOUND, MORUN_WEIGHTS_NOT_PACKED},    {MORUN_WEIGHTS_SOURCE_KIND, MORUN_WEIGHTS_ALREADY_PACKED},
+      {MORUN_WEIGHTS_RULE_UNUSED, MORUN_WEIGHTS_INTERRUPTED}, {MORUN_WEIGHTS_REQUESTED_TWICE, MORUN_WEIGHTS_SESSION}};
+  for (int32_t status = -1; status < 100; ++status) {
+    const bool is_one = std::ranges::any_of(blocks, [=](auto b) { return b.first <= status && status <= b.second; });
+    EXPECT_EQ(std::string(morun_weights_status_name(status)) != "?", is_one) << status;
+  }
 }
 
 TEST_F(WeightsFile, MemoryThatRunsOutIsAStatusWhereverItDoes) {

@@ -1,14 +1,33 @@
 // From checkpoints to packed files: what is packed, every refusal, and that a failure leaves nothing.
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <cmath>
 #include <csignal>
+#include <cstdarg>
 #include <map>
+#include <stdexcept>
 
 #include "tests/expected_text.h"
 #include "tests/weight_files.h"
+
+namespace {
+
+bool takes_nameless_files = true;
+
+}  // namespace
+
+// Stands before the C library's.
+extern "C" int open(const char* path, int flags, ...) {
+  if (!takes_nameless_files && (flags & O_TMPFILE) == O_TMPFILE) return errno = EOPNOTSUPP, -1;
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = va_arg(arguments, mode_t);
+  va_end(arguments);
+  return openat(AT_FDCWD, path, flags, mode);
+}
 
 namespace {
 
@@ -149,7 +168,15 @@ TEST_F(WeightsPack, RefusedPackings) {
                       "no UTF-8");
 }
 
-TEST_F(WeightsPack, AFailureLeavesNothingBehindAndWhatWasThereAsItWas) {
+class FailingPackings : public WeightsPack, public testing::WithParamInterface<bool> {
+  void SetUp() override { takes_nameless_files = GetParam(); }
+  void TearDown() override { takes_nameless_files = true; }
+};
+INSTANTIATE_TEST_SUITE_P(, FailingPackings, testing::Bool());
+
+// On file systems with nameless files, and on others. The first name for such a file is taken.
+TEST_P(FailingPackings, LeaveNothingBehindAndWhatWasThereAsItWas) {
+  write(".morun." + std::to_string(getpid()) + ".0", "another program's");
   write("m.safetensors", safetensors({{"a.weight", "F32", {64, 45}, encoded("F32", some_values(64 * 45, 9))},
                                       {"b.bias", "U8", {4}, "1234"}}));
   write("packed", "what was there");
@@ -229,6 +256,19 @@ TEST_F(WeightsPack, InterruptionEndsSoonAndLeavesNothing) {
   }
   EXPECT_EQ(packer.run(path("packed")), 0) << morun_weights_error_text();
   EXPECT_GT(interruption.n_call, 1);
+}
+
+TEST_F(WeightsPack, WhatACallbackThrowsIsAFailureThatLeavesNothing) {
+  const std::string source = write("a.npy", npy("<f4", "(1, 1)", "1234"));
+  using Progress = void (*)(void*, const morun_weights_progress*);
+  const std::pair<Progress, const char*> callbacks[] = {
+      {[](void*, auto*) { throw std::runtime_error("the program's own"); }, "the program's own"},
+      {[](void*, auto*) { throw 7; }, "a failure without a text"}};
+  for (const auto& [progress, text] : callbacks) {
+    Packer packer([&, call = progress](auto& o) { o.progress = call; });
+    test::expect_status(packer.source(source).run(path("packed")), MORUN_WEIGHTS_UNEXPECTED, text);
+    EXPECT_EQ(names(), std::set{source});
+  }
 }
 
 // All of the activation takes most of a minute and is refused at its end, because all of its values are zeros.

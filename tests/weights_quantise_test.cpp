@@ -298,7 +298,8 @@ TEST(WeightsQuantise, WrongArgumentsAreRefusedAndChangeNothing) {
         [](Call& c) { c.column_stride = 0; }, [](Call& c) { --c.size; }}},
       {MORUN_WEIGHTS_NULL_ARGUMENT, {[](Call& c) { c.recipe.quantiser = MORUN_WEIGHTS_CALIBRATED; }}},
       {MORUN_WEIGHTS_EXTENTS,
-       {[](Call& c) { c.recipe.n_inner = 0; }, [](Call& c) { c.recipe.n_inner = uint64_t{1} << 58; }}}};
+       {[](Call& c) { c.recipe.n_inner = 0; }, [](Call& c) { c.recipe.n_col = 0; },
+        [](Call& c) { c.recipe.n_inner = uint64_t{1} << 58; }}}};
   for (const auto& [status, changes] : cases) {
     for (const auto& change : changes) {
       Call call;

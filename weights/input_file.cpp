@@ -28,14 +28,13 @@ InputFile::InputFile(std::string path) : path_(std::move(path)) {
   throw error;
 }
 
-InputFile::InputFile(InputFile&& other) noexcept
-    : path_(std::move(other.path_)),
-      descriptor_(std::exchange(other.descriptor_, -1)),
-      size_(other.size_),
-      identity_(other.identity_) {}
-
 InputFile::~InputFile() {
   if (descriptor_ >= 0) close(descriptor_);
+}
+
+InputFile::InputFile(const std::string& path, Identity expected) : InputFile(path) {
+  if (identity_ != expected)
+    throw Error(MORUN_WEIGHTS_READ, "%s: is another file than the one whose header was read", path.c_str());
 }
 
 void InputFile::read(uint64_t offset, uint64_t n_byte, void* bytes) const {
@@ -52,13 +51,6 @@ void InputFile::read(uint64_t offset, uint64_t n_byte, void* bytes) const {
     offset += static_cast<uint64_t>(n_read);
     n_byte -= static_cast<uint64_t>(n_read);
   }
-}
-
-InputFile ReopenedFile::open() const {
-  InputFile file(path_);
-  if (file.identity() != identity_)
-    throw Error(MORUN_WEIGHTS_READ, "%s: is another file than the one whose header was read", path_.c_str());
-  return file;
 }
 
 }  // namespace weights

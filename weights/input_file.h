@@ -11,16 +11,19 @@ namespace weights {
 
 class InputFile {
  public:
+  using Identity = std::pair<dev_t, ino_t>;
+
   // Throws OPEN, also for what is no regular file.
   explicit InputFile(std::string path);
+  // Throws READ where another file has taken the place of the expected one, too.
+  InputFile(const std::string& path, Identity expected);
   ~InputFile();
-  InputFile(InputFile&& other) noexcept;
   InputFile(const InputFile&) = delete;
   InputFile& operator=(const InputFile&) = delete;
 
   const std::string& path() const { return path_; }
   uint64_t size() const { return size_; }  // when it was opened
-  std::pair<dev_t, ino_t> identity() const { return identity_; }
+  Identity identity() const { return identity_; }
 
   // Reads n_byte bytes; throws READ, or SHRUNK where the file ends before.
   void read(uint64_t offset, uint64_t n_byte, void* bytes) const;
@@ -29,7 +32,7 @@ class InputFile {
   std::string path_;
   int descriptor_ = -1;
   uint64_t size_ = 0;
-  std::pair<dev_t, ino_t> identity_;
+  Identity identity_;
 };
 
 // A file that is opened anew for each use: a checkpoint may have more files than a process may have open.
@@ -39,12 +42,11 @@ class ReopenedFile {
 
   const std::string& path() const { return path_; }
 
-  // Throws OPEN, and READ where another file has taken the place of the first.
-  InputFile open() const;
+  InputFile open() const { return InputFile(path_, identity_); }
 
  private:
   std::string path_;
-  std::pair<dev_t, ino_t> identity_;
+  InputFile::Identity identity_;
 };
 
 }  // namespace weights

@@ -26,7 +26,8 @@ class JsonObject {
   void add(const std::string& name, const Scalar& value) {
     add_json(name, json_text(value));
   }
-  std::string text() const { return text_.empty() ? "{}" : text_ + '}'; }
+  // Must be called with at least one member.
+  std::string text() const { return text_ + '}'; }
 
  private:
   std::string text_;

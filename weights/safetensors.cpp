@@ -271,7 +271,7 @@ std::string format_header(const std::vector<TensorEntry>& tensors, const std::ma
                           uint64_t least_size) {
   JsonObject json, texts;
   for (const auto& [name, text] : metadata) texts.add(name, text);
-  if (!metadata.empty()) json.add_json(metadata_key, texts.text());
+  json.add_json(metadata_key, texts.text());
   for (const TensorEntry& tensor : tensors) {
     JsonObject entry;
     entry.add("dtype", tensor.dtype->name);

@@ -85,19 +85,6 @@ void with_constant_size(size_t size, Body body) {
   }
 }
 
-// A patch is rows [row, row_end) and columns [column, column_end) of an n_row x n_col matrix. The function copies a
-// patch to its place in the transpose.
-struct Patch {
-  uint64_t row, row_end, column, column_end;
-};
-template <class Size>
-void transpose_patch(uint64_t n_row, uint64_t n_col, const Patch& patch, Size size, const std::byte* from,
-                     std::byte* to) {
-  for (uint64_t column = patch.column; column < patch.column_end; ++column)
-    for (uint64_t row = patch.row; row < patch.row_end; ++row)
-      memcpy(to + (column * n_row + row) * size(), from + (row * n_col + column) * size(), size());
-}
-
 // Transposes four rows of units of 16 bytes, the height of most blocks. The units of two columns are loaded before the
 // first of them is stored: where rows lie a multiple of 4 KiB apart, processors let a load wait for a store before it
 // whose address ends in the same 12 bits. n_col is even.
@@ -128,26 +115,61 @@ void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, si
   for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch), row[i]);
 }
 
-// Transposes to other memory, in patches of 32 x 32. Without patches, each column would read whole cache lines that the
-// next columns need again, and rows whose length is a power of two would compete for the same sets of the caches.
+constexpr uint64_t side = 32;
+
+// A patch is at most 32 rows and 32 columns of a matrix. `size()` is the size of an element, pitches are in bytes.
+template <class Size>
+void transpose_patch(uint64_t n_row, uint64_t n_col, Size size, const std::byte* from, size_t from_pitch, std::byte* to,
+                     size_t to_pitch) {
+  if ((size() == 2 || size() == 4) && n_row == side && n_col == side) {
+    for (uint64_t c = 0; c < side; c += 8)
+      for (uint64_t r = 0; r < side; r += 8)
+        transpose_eight(from + r * from_pitch + c * size(), from_pitch, to + c * to_pitch + r * size(), to_pitch,
+                        size());
+    return;
+  }
+  for (uint64_t c = 0; c < n_col; ++c)
+    for (uint64_t r = 0; r < n_row; ++r)
+      memcpy(to + c * to_pitch + r * size(), from + r * from_pitch + c * size(), size());
+}
+
+// Calls body(row, rows, column, columns) for each patch of a matrix. Without patches, each column would read whole cache
+// lines that the next columns need again, and rows whose length is a power of two would compete for the same sets of the
+// caches. Large matrices are taken in squares of 256 x 256, so that the pages of a square stay in the second-level TLB.
+template <class Body>
+void for_each_patch(uint64_t n_row, uint64_t n_col, Body body) {
+  constexpr uint64_t square = 256;
+  for (uint64_t c0 = 0; c0 < n_col; c0 += square)
+    for (uint64_t r0 = 0; r0 < n_row; r0 += square)
+      for (uint64_t column = c0; column < std::min(c0 + square, n_col); column += side)
+        for (uint64_t row = r0; row < std::min(r0 + square, n_row); row += side)
+          body(row, std::min(side, n_row - row), column, std::min(side, n_col - column));
+}
+
 void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* from, std::byte* to) {
-  constexpr uint64_t side = 32;
   if (unit == 16 && n_row == 4 && n_col % 2 == 0) return transpose_four_rows(n_col, from, to);
   with_constant_size(unit, [&](auto size) {
-    for (uint64_t column = 0; column < n_col; column += side) {
-      for (uint64_t row = 0; row < n_row; row += side) {
-        const Patch patch = {row, std::min(row + side, n_row), column, std::min(column + side, n_col)};
-        const bool is_whole = patch.row_end == row + side && patch.column_end == column + side;
-        if (!is_whole || (size() != 2 && size() != 4)) {
-          transpose_patch(n_row, n_col, patch, size, from, to);
-          continue;
-        }
-        for (uint64_t c = column; c < patch.column_end; c += 8)
-          for (uint64_t r = row; r < patch.row_end; r += 8)
-            transpose_eight(from + (r * n_col + c) * size(), n_col * size(), to + (c * n_row + r) * size(),
-                            n_row * size(), size());
-      }
-    }
+    for_each_patch(n_row, n_col, [&](uint64_t row, uint64_t rows, uint64_t column, uint64_t columns) {
+      transpose_patch(rows, columns, size, from + (row * n_col + column) * size(), n_col * size(),
+                      to + (column * n_row + row) * size(), n_row * size());
+    });
+  });
+}
+
+// Exchanges the patches on both sides of the diagonal, which moves every element once.
+constexpr size_t largest_exchanged = 4;
+void transpose_square(uint64_t n, size_t unit, std::byte* data) {
+  with_constant_size(unit, [&](auto size) {
+    const size_t pitch = n * size();
+    for_each_patch(n, n, [&](uint64_t row, uint64_t rows, uint64_t column, uint64_t columns) {
+      if (column < row) return;
+      std::byte held[side * side * largest_exchanged];
+      std::byte* const upper = data + row * pitch + column * size();
+      std::byte* const lower = data + column * pitch + row * size();
+      transpose_patch(rows, columns, size, upper, pitch, held, rows * size());
+      if (upper != lower) transpose_patch(columns, rows, size, lower, pitch, upper, pitch);
+      for (uint64_t c = 0; c < columns; ++c) memcpy(lower + c * pitch, held + c * rows * size(), rows * size());
+    });
   });
 }
 
@@ -213,6 +235,7 @@ void transpose_bands(uint64_t n_band, uint64_t n_row, uint64_t n_col, size_t uni
 }  // namespace
 
 void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
+  if (n_row == n_col && unit <= largest_exchanged) return transpose_square(n_row, unit, data);
   transpose_bands(1, n_row, n_col, unit, data);
 }
 

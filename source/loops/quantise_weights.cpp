@@ -112,6 +112,8 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
     const uint64_t begin = c, end = std::min(begin + scaled_cols, whole);
     scale_halves(from + begin, end - begin, step, scaled);
     for (; c < end; c += segment_cols) {
+      // The next row comes to the caches while this row is computed.
+      simd::prefetch_ahead(from + c, n_col);
       const simd::u8x32 q = simd::round_halves(scaled + (c - begin), Width::low, Width::high);
       Width::store(to + c / Width::per_word, q);
       sums = simd::add_bytes(sums, simd::flip_top_bits(q));

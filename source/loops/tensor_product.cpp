@@ -1,6 +1,6 @@
 // Each lane of a register holds one of the four sums whose order is prescribed. A panel is eight columns of the result.
-// The panel's sums of one row, or the panel's weights of four inner indices, stand in four vectors: vector v holds the
-// four lanes of column v and then the four lanes of column v + 4. The activation is broadcast four values at a time.
+// The panel's sums of one row, or the panel's weights of four inner indices, stand in wide vectors, one behind the other:
+// the four lanes of each of the columns 0 4 1 5 2 6 3 7. The activation is broadcast four values at a time.
 //
 // Inner indices are taken in steps of eight. Four zeros may fill up the last step. Adding zeros leaves every sum as it
 // is, because no sum is -0.
@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "simd/simd.h"
 #include "source/loops/scratch.h"
@@ -22,15 +23,17 @@ namespace simd = morun::simd;
 constexpr size_t n_lane = 4;
 constexpr size_t step = 8;
 constexpr size_t panel_columns = 8;
-constexpr size_t n_vector = 4;
 constexpr size_t panel_lanes = panel_columns * n_lane;
-constexpr size_t group_rows = 3;  // their sums, activation and one vector of weights fill sixteen registers
+constexpr size_t n_vector = panel_lanes / simd::wide_lanes;
+// The rows whose sums fill the registers, and leave some to the activation and the weights: 3, or 12 with wide vectors of
+// 16 lanes.
+constexpr size_t group_rows = 3 * 16 / (n_vector * n_vector);
 
 // The largest extents of a block. The block's widened activation stays in the second-level cache, and a panel's weights
 // stay in the first-level cache.
 constexpr size_t block_rows = 129, block_columns = 256, block_inner = 512;
 // With at most few_rows rows, each group of rows widens the weights again, which costs less than storing them widened.
-constexpr size_t few_rows = 6, few_rows_inner = 1024;
+constexpr size_t few_rows = std::max<size_t>(6, group_rows), few_rows_inner = 1024;
 // A single group of rows reads each weight only once. Longer runs along a column then read memory faster.
 constexpr size_t single_group_inner = 4096;
 
@@ -54,22 +57,49 @@ struct Group {
 };
 
 template <size_t n_row>
-using Sums = simd::f32x8[n_row][n_vector];
+using Sums = simd::wide_f32[n_row][n_vector];
 
 template <size_t n_row>
 void load_sums(const Group& group, Sums<n_row>& sums) {
-#pragma GCC unroll 3
+#pragma GCC unroll 12
   for (size_t i = 0; i < n_row; ++i)
 #pragma GCC unroll 4
     for (size_t v = 0; v < n_vector; ++v)
-      sums[i][v] = group.is_new ? simd::broadcast(0) : simd::load(group.sums + i * panel_lanes + 8 * v);
+      sums[i][v] =
+          group.is_new ? simd::broadcast_wide(0) : simd::load_wide(group.sums + i * panel_lanes + simd::wide_lanes * v);
 }
 template <size_t n_row>
 void store_sums(const Sums<n_row>& sums, const Group& group) {
-#pragma GCC unroll 3
+#pragma GCC unroll 12
   for (size_t i = 0; i < n_row; ++i)
 #pragma GCC unroll 4
-    for (size_t v = 0; v < n_vector; ++v) simd::store(group.sums + i * panel_lanes + 8 * v, sums[i][v]);
+    for (size_t v = 0; v < n_vector; ++v) simd::store(group.sums + i * panel_lanes + simd::wide_lanes * v, sums[i][v]);
+}
+
+// Adds the products of four inner indices. Registers hold the activation or the weights, whichever are fewer.
+template <size_t n_row>
+void accumulate_four(const float* activation, const float* weights, Sums<n_row>& sums) {
+  if constexpr (n_row < n_vector) {
+    simd::wide_f32 x[n_row];
+#pragma GCC unroll 3
+    for (size_t i = 0; i < n_row; ++i) x[i] = simd::broadcast_four_wide(activation + i * n_lane);
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v) {
+      const simd::wide_f32 w = simd::load_wide(weights + simd::wide_lanes * v);
+#pragma GCC unroll 3
+      for (size_t i = 0; i < n_row; ++i) sums[i][v] = simd::multiply_add(x[i], w, sums[i][v]);
+    }
+  } else {
+    simd::wide_f32 w[n_vector];
+#pragma GCC unroll 4
+    for (size_t v = 0; v < n_vector; ++v) w[v] = simd::load_wide(weights + simd::wide_lanes * v);
+#pragma GCC unroll 12
+    for (size_t i = 0; i < n_row; ++i) {
+      const simd::wide_f32 x = simd::broadcast_four_wide(activation + i * n_lane);
+#pragma GCC unroll 4
+      for (size_t v = 0; v < n_vector; ++v) sums[i][v] = simd::multiply_add(x, w[v], sums[i][v]);
+    }
+  }
 }
 
 template <size_t n_row>
@@ -80,15 +110,7 @@ void accumulate_widened(size_t n_inner, const Group& group, const float* weights
   for (size_t k = 0; k < n_inner; k += step) {
 #pragma GCC unroll 2
     for (size_t four = 0; four < step / n_lane; ++four) {
-      simd::f32x8 x[n_row];
-#pragma GCC unroll 3
-      for (size_t i = 0; i < n_row; ++i) x[i] = simd::broadcast_four(activation + i * n_lane);
-#pragma GCC unroll 4
-      for (size_t v = 0; v < n_vector; ++v) {
-        const simd::f32x8 w = simd::load(weights + 8 * v);
-#pragma GCC unroll 3
-        for (size_t i = 0; i < n_row; ++i) sums[i][v] = simd::multiply_add(x[i], w, sums[i][v]);
-      }
+      accumulate_four<n_row>(activation, weights, sums);
       activation += n_row * n_lane;
       weights += panel_lanes;
     }
@@ -96,10 +118,12 @@ void accumulate_widened(size_t n_inner, const Group& group, const float* weights
   store_sums<n_row>(sums, group);
 }
 
+constexpr size_t parts = simd::wide_lanes / n_lane;  // columns in a vector
+
 // The weights of a panel in the order of memory.
 struct Columns {
-  const uint16_t* column[panel_columns];
-  size_t to_next_panel;  // halves
+  const uint16_t* column[panel_columns];  // 0 4 1 5 2 6 3 7
+  size_t to_next_panel;                   // halves
 
   // Prefetches one cache line of each column. Near the end of the block, the function prefetches the first lines of the
   // next panel instead.
@@ -117,19 +141,30 @@ void accumulate_halves(size_t n_inner, const Group& group, const Columns& column
   const float* activation = group.activation;
   for (size_t k = 0; k < n_inner; k += step) {
     if (k % line_halves == 0) columns.fetch_ahead(k, n_inner);
+    // Two vectors at a time, or one where registers are few.
+    constexpr size_t at_once = n_vector == 2 ? 2 : 1;
 #pragma GCC unroll 4
-    for (size_t v = 0; v < n_vector; ++v) {
-      const simd::f32x8 left = simd::widen(simd::load(columns.column[v] + k));
-      const simd::f32x8 right = simd::widen(simd::load(columns.column[v + n_vector] + k));
-      const simd::f32x8 first = simd::lower_fours(left, right), second = simd::upper_fours(left, right);
-      if constexpr (keep) {
-        simd::store(widened + 8 * v, first);
-        simd::store(widened + panel_lanes + 8 * v, second);
+    for (size_t begin = 0; begin < n_vector; begin += at_once) {
+      simd::wide_f32 first[at_once], second[at_once];
+#pragma GCC unroll 2
+      for (size_t v = 0; v < at_once; ++v) {
+        simd::widen_eights(columns.column + (begin + v) * parts, k, first[v], second[v]);
+        if constexpr (keep) {
+          simd::store(widened + simd::wide_lanes * (begin + v), first[v]);
+          simd::store(widened + panel_lanes + simd::wide_lanes * (begin + v), second[v]);
+        }
       }
-#pragma GCC unroll 3
+#pragma GCC unroll 12
       for (size_t i = 0; i < n_row; ++i) {
-        sums[i][v] = simd::multiply_add(simd::broadcast_four(activation + i * n_lane), first, sums[i][v]);
-        sums[i][v] = simd::multiply_add(simd::broadcast_four(activation + (n_row + i) * n_lane), second, sums[i][v]);
+        const simd::wide_f32 x = simd::broadcast_four_wide(activation + i * n_lane);
+#pragma GCC unroll 2
+        for (size_t v = 0; v < at_once; ++v) sums[i][begin + v] = simd::multiply_add(x, first[v], sums[i][begin + v]);
+      }
+#pragma GCC unroll 12
+      for (size_t i = 0; i < n_row; ++i) {
+        const simd::wide_f32 x = simd::broadcast_four_wide(activation + (n_row + i) * n_lane);
+#pragma GCC unroll 2
+        for (size_t v = 0; v < at_once; ++v) sums[i][begin + v] = simd::multiply_add(x, second[v], sums[i][begin + v]);
       }
     }
     activation += 2 * n_row * n_lane;
@@ -184,14 +219,16 @@ void widen_row(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch
   widen_steps(end, step, end, to + whole_steps / n_lane * pitch, pitch);
 }
 
-// Calls body(first row, number of rows as a constant).
+// Calls body(first row, number of rows as a constant). The groups have nearly the same size.
 template <class Body>
 void for_each_group(size_t n_row, Body body) {
-  for (size_t row = 0; row < n_row;) {
-    const size_t left = n_row - row, n = left == 4 ? 2 : std::min(group_rows, left);
-    if (n == 3) body(row, std::integral_constant<size_t, 3>());
-    if (n == 2) body(row, std::integral_constant<size_t, 2>());
-    if (n == 1) body(row, std::integral_constant<size_t, 1>());
+  size_t n_group = divide_up(n_row, group_rows);
+  for (size_t row = 0; row < n_row; --n_group) {
+    const size_t n = divide_up(n_row - row, n_group);
+    [&]<size_t... fewer>(std::index_sequence<fewer...>) {
+      ((n == fewer + 1 ? body(row, std::integral_constant<size_t, fewer + 1>()) : void()), ...);
+    }
+    (std::make_index_sequence<group_rows>());
     row += n;
   }
 }
@@ -304,7 +341,10 @@ struct HostProduct {
   // Past the last column, the function repeats the last column.
   Columns columns_at(size_t first, size_t k) const {
     Columns columns;
-    for (size_t c = 0; c < panel_columns; ++c) columns.column[c] = W + std::min(first + c, n_col - 1) * n_inner + k;
+    for (size_t i = 0; i < panel_columns; ++i) {
+      const size_t c = i / 2 + i % 2 * 4;
+      columns.column[i] = W + std::min(first + c, n_col - 1) * n_inner + k;
+    }
     columns.to_next_panel = panel_columns * n_inner;
     return columns;
   }

@@ -124,10 +124,6 @@ int remote_3(uint64_t handle, const Call& c) {
                 p.weights.values, q.weights.values, r.weights.values);
 }
 
-int remote_test(uint64_t handle, const Call& c) {
-  return tavik_veyra_test(handle, static_cast<uint32_t>(c.n_row), c.products[0].weights.fd);
-}
-
 // ---- Upper interface -----------------------------------------------------------------------------------------------
 
 template <typename A, typename X, typename W>
@@ -164,7 +160,7 @@ constexpr auto u8 = MORUN_DTYPE_U8, half = MORUN_DTYPE_F16, f32 = MORUN_DTYPE_F3
 
 // The integer products of the upper interface end the process when the DSP refuses them, so they come last.
 constexpr Kernel table[] = {
-    {"tavik_npu_test", bytes, f16, 1, run_test, remote_test},
+    {"tavik_npu_test", bytes, f16, 1, run_test, nullptr},
     {"tavik_npu_mm_f16_ah_f16_ah_f16_wh", own_buffers, f16, 1, run_on_own_buffers, remote_on_own_buffers},
     {"tavik_npu_mm_f32_rm_f32_rm_f16_wh", converted, f16, 1, run_f16_1, remote_1<tavik_veyra_1mm_f16, 32>},
     {"tavik_npu_2mm_f32_rm_f32_rm_f16_wh", converted, f16, 2, run_f16_2, remote_2<tavik_veyra_2mm_f16, 32>},
