@@ -64,6 +64,7 @@ int32_t answer(Platform& p, parlo_emulator_call&, parlo_session_unsigned_module&
   Session* session;
   if (const int32_t status = p.sessions.with_domain(record.domain, session); status != KESO_SUCCESS) return status;
   session->unsigned_modules = record.enable == 1;
+  session->n_coming = session->unsigned_modules ? session->n_coming + 1 : 0;
   return KESO_SUCCESS;
 }
 

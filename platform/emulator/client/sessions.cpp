@@ -82,6 +82,7 @@ int32_t Sessions::prepare_opening(std::string_view uri, Session*& session, uint6
 
 void Sessions::add(Session& session, uint64_t handle, std::shared_ptr<dsp::Space> space) {
   session.handles.push_back(handle);
+  if (session.n_coming != 0) --session.n_coming;
   session.space = std::move(space);
   last_handle_ = handle;
 }
@@ -112,8 +113,9 @@ std::shared_ptr<dsp::Space> Sessions::end(Session& session) {
   // In a forked child, the DSP half of a parent's session stays as it is: other threads of the parent may have been in
   // it at the time of the fork.
   if (session.is_inherited && space) new std::shared_ptr<dsp::Space>(std::exchange(space, nullptr));
-  if (&session == &first_)
-    first_ = {};
+  // A context that begins while the last one ends has made its request, and opens the session next.
+  if (const uint32_t n_coming = is_own(session) ? session.n_coming : 0; &session == &first_)
+    first_ = {.unsigned_modules = n_coming != 0, .n_coming = n_coming};
   else
     others_.remove_if([&](const Session& other) { return &other == &session; });
   return space;
@@ -122,6 +124,7 @@ std::shared_ptr<dsp::Space> Sessions::end(Session& session) {
 void Sessions::end_all() {
   while (!others_.empty()) end(others_.front());
   end(first_);
+  first_ = {};
 }
 
 void Sessions::release(uint64_t memory) {

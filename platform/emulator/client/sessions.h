@@ -16,8 +16,9 @@ namespace parlo::client {
 
 struct Session {
   uint32_t id = 0;
-  int32_t domain = compute_domain;  // the effective domain id
-  bool unsigned_modules = false;
+  int32_t domain = compute_domain;              // the effective domain id
+  bool unsigned_modules = false;                // whether it may load them
+  uint32_t n_coming = 0;                        // requests for unsigned modules whose opening has not come yet
   std::vector<uint64_t> handles = {};           // open handles
   std::shared_ptr<dsp::Space> space = nullptr;  // the DSP half; nullptr before the first handle and when lost
   bool is_lost = false;
