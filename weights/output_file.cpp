@@ -29,7 +29,8 @@ output::Target target_of(const std::string& path) {
 }
 
 std::string folder_of(const std::string& path) {
-  return std::filesystem::path(path).parent_path();
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  return folder.empty() ? "." : folder.string();
 }
 
 // Tries names in the folder of `path` until `create` succeeds with one, or fails for another reason than that the name
