@@ -113,11 +113,13 @@ std::shared_ptr<dsp::Space> Sessions::end(Session& session) {
   // In a forked child, the DSP half of a parent's session stays as it is: other threads of the parent may have been in
   // it at the time of the fork.
   if (session.is_inherited && space) new std::shared_ptr<dsp::Space>(std::exchange(space, nullptr));
-  // A context that begins while the last one ends has made its request, and opens the session next.
-  if (const uint32_t n_coming = is_own(session) ? session.n_coming : 0; &session == &first_)
+  if (&session == &first_) {
+    // A context that begins while the last one ends has made its request, and opens the session next.
+    const uint32_t n_coming = is_own(session) ? session.n_coming : 0;
     first_ = {.unsigned_modules = n_coming != 0, .n_coming = n_coming};
-  else
+  } else {
     others_.remove_if([&](const Session& other) { return &other == &session; });
+  }
   return space;
 }
 
