@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <cerrno>
+#include <future>
 #include <system_error>
 
 namespace bench {
@@ -49,6 +50,17 @@ void run_on_processors(size_t n_processor, const std::function<void()>& work) {
   keep_to(processors(n_processor));
   work();
   keep_to(processors(1));
+}
+
+void run_in_two_threads(const std::function<void()>& here, const std::function<void()>& there) {
+  auto other = std::async(std::launch::async, [&there] {
+    cpu_set_t mask = processors(2);
+    CPU_CLR(pinned, &mask);
+    keep_to(mask);
+    there();
+  });
+  here();
+  other.get();
 }
 
 }  // namespace bench

@@ -15,4 +15,7 @@ size_t n_processors_given();
 // Runs `work` on that number of processors.
 void run_on_processors(size_t n_processor, const std::function<void()>& work);
 
+// Runs `here` in the calling thread and `there` in another one, each on a processor of its own.
+void run_in_two_threads(const std::function<void()>& here, const std::function<void()>& there);
+
 }  // namespace bench

@@ -132,42 +132,40 @@ constexpr PeerReorder to_blocks = {f32_rows, f32_blocks, 2}, from_blocks = {f32_
 struct Conversion {
   const char* name;
   double bytes_read, bytes_written;          // of an element; vectors do not count
-  std::array<double, shapes.size()> wanted;  // ratio to reach for each shape; 0: for information only
+  std::array<Wanted, shapes.size()> wanted;  // for each shape
   Convert convert;
   std::optional<PeerReorder> peer = {};
 };
 
+constexpr std::array<Wanted, shapes.size()> in_place_wanted = {{{0.65, 0.55}, {}, {1.1, 1.1}}},
+                                            widening_wanted = {{{0.90, 0.80}, {}, {0.90, 0.80}}},
+                                            narrowing_wanted = {{{0.85, 0.80}, {}, {0.85, 0.80}}},
+                                            quantising_wanted = {{{0.60, 0.50}, {}, {0.85, 0.80}}},
+                                            plain_wanted = {{{}, {}, {0.90, 0.85}}},
+                                            weights_wanted = {{{}, {}, {0.60, 0.30}}},
+                                            flat_wanted = {{{}, {}, {0.80, 0.60}}};
+
 const Conversion conversions[] = {
-    {"f16_rm_to_f16_ah_inplace", 2, 2, {0.50, 0.70, 0.90}, in_place(tavik_f16_rm_to_f16_ah_inplace), to_blocks},
-    {"f16_ah_to_f16_rm_inplace", 2, 2, {0.50, 0.60, 0.75}, in_place(tavik_f16_ah_to_f16_rm_inplace), from_blocks},
-    {"f16_rm_to_f16_wh_inplace",
-     2,
-     2,
-     {0.50, 0.55, 0.75},
-     in_place(tavik_f16_rm_to_f16_wh_inplace),
-     transposing_halves},
-    {"i8_rm_to_i8_wh_inplace", 1, 1, {0.45, 0.45, 0.65}, in_place(tavik_i8_rm_to_i8_wh_inplace), transposing_bytes},
-    {"i4_rm_to_i4_wh_inplace",
-     0.5,
-     0.5,
-     {0.30, 0.38, 0.42},
-     in_place(tavik_i4_rm_to_i4_wh_inplace),
-     transposing_nibbles},
-    {"f32_rm_to_f16_ah", 4, 2, {0.80, 0.70, 0.80}, matrix(tavik_f32_rm_to_f16_ah)},
-    {"f16_ah_to_f32_rm", 2, 4, {0.75, 0.90, 1.00}, matrix(tavik_f16_ah_to_f32_rm)},
-    {"f32_to_f16", 4, 2, {}, elements(tavik_f32_to_f16)},
-    {"f16_to_f32", 2, 4, {}, elements(tavik_f16_to_f32)},
-    {"f32_rm_to_u8_ah", 4, 1, {0.45, 0.60, 0.60}, activation(tavik_f32_rm_to_u8_ah), quantising},
+    {"f16_rm_to_f16_ah_inplace", 2, 2, in_place_wanted, in_place(tavik_f16_rm_to_f16_ah_inplace), to_blocks},
+    {"f16_ah_to_f16_rm_inplace", 2, 2, in_place_wanted, in_place(tavik_f16_ah_to_f16_rm_inplace), from_blocks},
+    {"f16_rm_to_f16_wh_inplace", 2, 2, in_place_wanted, in_place(tavik_f16_rm_to_f16_wh_inplace), transposing_halves},
+    {"i8_rm_to_i8_wh_inplace", 1, 1, in_place_wanted, in_place(tavik_i8_rm_to_i8_wh_inplace), transposing_bytes},
+    {"i4_rm_to_i4_wh_inplace", 0.5, 0.5, in_place_wanted, in_place(tavik_i4_rm_to_i4_wh_inplace), transposing_nibbles},
+    {"f32_rm_to_f16_ah", 4, 2, narrowing_wanted, matrix(tavik_f32_rm_to_f16_ah)},
+    {"f16_ah_to_f32_rm", 2, 4, widening_wanted, matrix(tavik_f16_ah_to_f32_rm)},
+    {"f32_to_f16", 4, 2, plain_wanted, elements(tavik_f32_to_f16)},
+    {"f16_to_f32", 2, 4, plain_wanted, elements(tavik_f16_to_f32)},
+    {"f32_rm_to_u8_ah", 4, 1, quantising_wanted, activation(tavik_f32_rm_to_u8_ah), quantising},
     {"f32_rm_to_u8_rm", 4, 1, {}, activation(tavik_f32_rm_to_u8_rm)},
     {"f32_rm_to_u16_rm", 4, 2, {}, activation_in_two(tavik_f32_rm_to_u16_rm)},
-    {"f16_rm_to_i8_rm", 2, 1, {}, weights(tavik_f16_rm_to_i8_rm)},
-    {"f16_rm_to_i4_rm", 2, 0.5, {}, weights(tavik_f16_rm_to_i4_rm)},
-    {"a8w8_output_to_f32_rm", 4, 4, {0.50, 0.85, 0.95}, output(tavik_a8w8_output_to_f32_rm), dequantising},
-    {"a8w4_output_to_f32_rm", 4, 4, {0.50, 0.85, 0.95}, output(tavik_a8w4_output_to_f32_rm), dequantising},
+    {"f16_rm_to_i8_rm", 2, 1, weights_wanted, weights(tavik_f16_rm_to_i8_rm)},
+    {"f16_rm_to_i4_rm", 2, 0.5, weights_wanted, weights(tavik_f16_rm_to_i4_rm)},
+    {"a8w8_output_to_f32_rm", 4, 4, quantising_wanted, output(tavik_a8w8_output_to_f32_rm), dequantising},
+    {"a8w4_output_to_f32_rm", 4, 4, quantising_wanted, output(tavik_a8w4_output_to_f32_rm), dequantising},
     {"ui8i8_ah_to_i32_rm", 4, 4, {}, matrix(morun_cpu_ui8i8_ah_to_i32_rm)},
     {"rm_to_wh_i8", 1, 1, {}, bytes_to_tiles},
     {"rm_to_wh_i4", 1, 0.5, {}, nibbles_to_tiles},
-    {"w4_flat_to_weight", 1, 0.5, {}, flat_to_weight},
+    {"w4_flat_to_weight", 1, 0.5, flat_wanted, flat_to_weight},
     {"f16_cm_to_f16_zb_inplace", 2, 2, {}, in_place(tavik_f16_cm_to_f16_zb_inplace), to_blocks},
     {"matrix_block_linearize_f16", 2, 2, {}, blocks(tavik_matrix_block_linearize_f16), to_blocks},
     {"matrix_block_unlinearize_f16", 2, 2, {}, blocks(tavik_matrix_block_unlinearize_f16), from_blocks},
@@ -204,8 +202,8 @@ std::vector<Row> conversion_rows() {
   for (const Conversion& conversion : conversions) {
     for (size_t i = 0; i < shapes.size(); ++i) {
       const Shape shape = shapes[i];
-      rows.push_back({fmt::format("{}/{}x{}", conversion.name, shape.n_row, shape.n_col), conversion.wanted[i],
-                      [&conversion, shape] { return prepare(conversion, shape); }});
+      rows.push_back({fmt::format("{}/{}x{}", conversion.name, shape.n_row, shape.n_col),
+                      wanted_here(conversion.wanted[i]), [&conversion, shape] { return prepare(conversion, shape); }});
     }
   }
   return rows;

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <exception>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <set>
 #include <stdexcept>
@@ -19,13 +18,13 @@
 #include "bench/row.h"
 #include "bench/table.h"
 #include "bench/yardsticks.h"
-#include "include/morun.h"
 
 namespace {
 
 struct Arguments {
   std::string filter;
   std::string json;
+  std::vector<size_t> places;
   int n_round = 5;
   bool is_quick = false;
 };
@@ -37,6 +36,10 @@ std::string regex_error_text(const std::string& pattern) try {
   return error.what();
 }
 
+std::string multiple_of_4_error_text(const std::string& number) {
+  return std::stoul(number) % 4 == 0 ? std::string() : number + " is no multiple of 4";
+}
+
 void add_arguments(CLI::App& app, Arguments& arguments) {
   app.add_option("--filter", arguments.filter, "measure only the rows in whose names this regular expression occurs")
       ->type_name("REGEX")
@@ -45,17 +48,17 @@ void add_arguments(CLI::App& app, Arguments& arguments) {
       ->type_name("N")
       ->check(CLI::Range(5, 10000))
       ->capture_default_str();
+  app.add_option("--past", arguments.places,
+                 "place all memory so many bytes past the start of a page, a multiple of 4, instead of at 16 and at 0")
+      ->type_name("BYTES")
+      ->delimiter(',')
+      ->check(CLI::Range(0, 4092))
+      ->check(CLI::Validator(multiple_of_4_error_text, ""));
   app.add_flag("--quick", arguments.is_quick,
                "one call of each operation, in its first shape: whether all of them work")
       ->excludes("--rounds");
   app.add_option("--json", arguments.json, "write the measurements there too, in Google Benchmark's format")
       ->type_name("FILE");
-}
-
-std::string backend() {
-  char text[64];
-  morun_vector_backends(MORUN_BACKENDS_IN_USE, text, sizeof text);
-  return text;
 }
 
 std::vector<bench::Row> all_rows() {
@@ -85,7 +88,7 @@ template <class Row>
 void register_rows(const std::vector<Row>& rows, int n_round) {
   for (const Row& row : rows)
     benchmark::RegisterBenchmark(row.name.c_str(), [&row](benchmark::State& state) { bench::measure(row, state); })
-        ->Iterations(n_round * static_cast<int>(std::size(bench::bytes_past_page)))
+        ->Iterations(n_round * static_cast<int>(bench::places().size()))
         ->UseManualTime();
 }
 
@@ -127,6 +130,7 @@ int run(const Arguments& arguments) {
   std::vector<bench::Row> rows = chosen(all_rows(), arguments.filter);
   std::vector<bench::CallRow> call_rows = chosen(bench::call_rows(), arguments.filter);
   if (rows.empty() && call_rows.empty()) throw std::runtime_error("no row matches the filter");
+  if (!arguments.places.empty()) bench::choose_places(arguments.places);
   const int n_round = arguments.is_quick ? 1 : arguments.n_round;
   if (arguments.is_quick) keep_first_shapes(rows), keep_first_shapes(call_rows);
 
@@ -135,7 +139,8 @@ int run(const Arguments& arguments) {
   start_google_benchmark(flags);
 
   const int processor = bench::pin();
-  describe("processor", fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, backend()));
+  describe("processor",
+           fmt::format("{}, pinned to number {}; vectors {}", processor_name(), processor, bench::backend_in_use()));
   describe("sgemm", bench::openblas_description());
   describe("peer", bench::onednn_description());
   describe("ratio", fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds, at the "

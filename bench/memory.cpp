@@ -3,13 +3,23 @@
 #include <cstdint>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace bench {
 namespace {
 
-size_t past_page = bytes_past_page[0];
+std::vector<size_t> chosen_places = {16, 0};
+size_t past_page = 16;
 
 }  // namespace
+
+const std::vector<size_t>& places() {
+  return chosen_places;
+}
+
+void choose_places(std::vector<size_t> bytes_past_page) {
+  chosen_places = std::move(bytes_past_page);
+}
 
 void place_memory(size_t bytes) {
   past_page = bytes;

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <vector>
 
 namespace bench {
 
@@ -10,9 +11,13 @@ namespace bench {
 // conversion to f16.
 void fill(void* data, size_t n_byte);
 
-// Where memory that is allocated next begins: this many bytes past the start of a page, a multiple of 16. Blocks of the
-// C library's allocator, and with them std::vector and NumPy, begin 16 bytes past a page when they are large.
-constexpr size_t bytes_past_page[] = {16, 0};
+// The places at which each row is measured, in bytes past the start of a page. They are 16 and 0 unless others are
+// chosen. Blocks of the C library's allocator, and with them std::vector and NumPy, begin 16 bytes past a page when they
+// are large.
+const std::vector<size_t>& places();
+void choose_places(std::vector<size_t> bytes_past_page);
+
+// Places the memory that is allocated next.
 void place_memory(size_t past_page);
 size_t memory_past_page();
 

@@ -109,46 +109,47 @@ struct TimedProduct {
   double A_bytes, X_bytes, W_bytes;  // of an element
   uint32_t n_weights;                // weight matrices of one activation
   std::vector<Shape> shapes;
-  double wanted;  // ratio to reach for each shape; 0: for information only
+  Wanted wanted;  // for each shape
   Multiply multiply;
   Peer (*peer)(const Shape& shape);
   Yardstick (*yardstick)(const Shape& shape) = nn;
 };
 
-const std::vector<Shape> large = {{128, 2048, 2048}, {1024, 1024, 4096}, {64, 4096, 4096}};
+const std::vector<Shape> large = {{128, 2048, 2048}, {1024, 1024, 4096}, {1024, 4096, 4096}, {64, 4096, 4096}};
 const std::vector<Shape> medium = {{128, 2048, 2048}, {256, 1024, 1024}};
 const std::vector<Shape> vector = {{1, 4096, 4096}};
 
+constexpr Wanted reference = {0.25, 0.19, 1.0};
+
 const TimedProduct products[] = {
-    {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, 1, large, 0.80, npu_mm_f16, f32_peer},
-    {"npu_3mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 3, {{128, 2048, 2048}}, 0, npu_3mm_f16, f32_peer},
-    {"veyra_mm_a8w8", 4, 1, 1, 1, large, 1.3, veyra_mm<tavik_veyra_mm_a8w8>, bytes_peer},
-    {"veyra_mm_a8w4", 4, 1, 0.5, 1, large, 1.0, veyra_mm<tavik_veyra_mm_a8w4>, bytes_peer},
-    {"npu_mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 1, vector, 0.8, npu_mm_f32, f32_peer},
-    {"veyra_1mm_ui8i8_i32_tessel", 4, 1, 1, 1, vector, 1.2, integer_mm<tavik_veyra_1mm_ui8i8_i32_tessel>, bytes_peer},
-    {"veyra_1mm_ui8i4_i32_tessel", 4, 1, 0.5, 1, vector, 1.0, integer_mm<tavik_veyra_1mm_ui8i4_i32_tessel>, bytes_peer},
-    {"cpu_mm_fp32_rm_fp16_rm_fp16_zb", 4, 2, 2, 1, medium, 0.15, cpu_mm<tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb, uint16_t>,
-     f32_peer},
-    {"cpu_mm_fp32_rm_fp32_rm_fp16_zb", 4, 4, 2, 1, medium, 0.15, cpu_mm<tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb, float>,
-     f32_peer},
-    {"qmmbp_HxD_", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qmmbp, f32_peer},
-    {"qdotxH", 4, 2, 2, 1, {{128, 2048, 2048}}, 0, qdotx, f32_peer},
+    {"npu_mm_f16_ah_f16_ah_f16_wh", 2, 2, 2, 1, large, {1.05, 0.95}, npu_mm_f16, f32_peer},
+    {"npu_3mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 3, {{128, 2048, 2048}}, {}, npu_3mm_f16, f32_peer},
+    {"veyra_mm_a8w8", 4, 1, 1, 1, large, {2.6, 1.4}, veyra_mm<tavik_veyra_mm_a8w8>, bytes_peer},
+    {"veyra_mm_a8w4", 4, 1, 0.5, 1, large, {2.5, 1.4}, veyra_mm<tavik_veyra_mm_a8w4>, bytes_peer},
+    {"npu_mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 1, vector, {}, npu_mm_f32, f32_peer},
+    {"veyra_1mm_ui8i8_i32_tessel", 4, 1, 1, 1, vector, {}, integer_mm<tavik_veyra_1mm_ui8i8_i32_tessel>, bytes_peer},
+    {"veyra_1mm_ui8i4_i32_tessel", 4, 1, 0.5, 1, vector, {}, integer_mm<tavik_veyra_1mm_ui8i4_i32_tessel>, bytes_peer},
+    {"cpu_mm_fp32_rm_fp16_rm_fp16_zb", 4, 2, 2, 1, medium, reference,
+     cpu_mm<tavik_cpu_mm_fp32_rm_fp16_rm_fp16_zb, uint16_t>, f32_peer},
+    {"cpu_mm_fp32_rm_fp32_rm_fp16_zb", 4, 4, 2, 1, medium, reference,
+     cpu_mm<tavik_cpu_mm_fp32_rm_fp32_rm_fp16_zb, float>, f32_peer},
+    {"qmmbp_HxD_", 4, 2, 2, 1, {{128, 2048, 2048}}, {}, qmmbp, f32_peer},
+    {"qdotxH", 4, 2, 2, 1, {{128, 2048, 2048}}, {}, qdotx, f32_peer},
     {"tensor_cpu_matmul_scenario_5",
      2,
      2,
      2,
      1,
      {{128, 4096, 4096}, {1024, 1024, 4096}},
-     0.80,
+     {1.0, 1.0},
      tensor_mm,
      f32_peer,
      nt},
-    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, {{32, 4096, 4096}}, 0.95, tensor_mm, f32_peer, nt},
-    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, vector, 1.5, tensor_mm, f32_peer, nt},
+    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, {{32, 4096, 4096}}, {1.4, 1.6}, tensor_mm, f32_peer, nt},
+    {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, vector, {2.0, 1.9}, tensor_mm, f32_peer, nt},
 };
 
-Work prepare(const TimedProduct& product, const Shape& s) {
-  const auto npu = std::make_shared<Npu>();
+Work prepare(const TimedProduct& product, const Shape& s, const std::shared_ptr<Npu>& npu) {
   const auto buffer = [&npu](uint32_t n_row, uint32_t n_col, double bytes_of_element) {
     return npu->filled_buffer(static_cast<uint64_t>(bytes_of_element * n_row * n_col));
   };
@@ -173,9 +174,27 @@ const ProductOnThreads products_on_threads[] = {
 constexpr Shape shape_on_threads = {1024, 4096, 4096};
 
 Work prepare(const ProductOnThreads& p) {
-  Work work = prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, 0, p.multiply, no_peer}, shape_on_threads);
+  Work work = prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, {}, p.multiply, no_peer}, shape_on_threads,
+                      std::make_shared<Npu>());
   const auto on_one = work.operation;
   return {[on_one] { run_on_processors(2, on_one); }, {"1 thread", on_one}, {}, Clock::wall};
+}
+
+// Times the products of two threads, in one context or in two, against the same products one after the other.
+constexpr Shape shape_in_threads = {128, 2048, 2048};
+
+Work prepare_in_two_threads(const ProductOnThreads& p, size_t n_context) {
+  std::vector<std::shared_ptr<Npu>> npus;
+  for (size_t i = 0; i < n_context; ++i) npus.push_back(std::make_shared<Npu>());
+  const auto product = [&p](const std::shared_ptr<Npu>& npu) {
+    return prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, {}, p.multiply, no_peer}, shape_in_threads, npu)
+        .operation;
+  };
+  const auto first = product(npus.front()), second = product(npus.back());
+  return {[first, second] { run_in_two_threads(first, second); },
+          {"in turn", [first, second] { first(), second(); }},
+          {},
+          Clock::wall};
 }
 
 }  // namespace
@@ -184,14 +203,20 @@ std::vector<Row> product_rows() {
   std::vector<Row> rows;
   for (const TimedProduct& product : products) {
     for (const Shape& shape : product.shapes) {
-      rows.push_back({fmt::format("{}/{}x{}x{}", product.name, shape.n_row, shape.n_col, shape.n_inner), product.wanted,
-                      [&product, &shape] { return prepare(product, shape); }});
+      rows.push_back({fmt::format("{}/{}x{}x{}", product.name, shape.n_row, shape.n_col, shape.n_inner),
+                      wanted_here(product.wanted),
+                      [&product, &shape] { return prepare(product, shape, std::make_shared<Npu>()); }});
     }
   }
-  for (const ProductOnThreads& product : products_on_threads)
-    if (n_processors_given() >= 2)
-      rows.push_back(
-          {fmt::format("{} on 2 threads/1024x4096x4096", product.name), 1.8, [&product] { return prepare(product); }});
+  if (n_processors_given() < 2) return rows;
+  for (const ProductOnThreads& product : products_on_threads) {
+    rows.push_back(
+        {fmt::format("{} on 2 threads/1024x4096x4096", product.name), 1.8, [&product] { return prepare(product); }});
+    for (const size_t n_context : {1, 2})
+      rows.push_back({fmt::format("{} in 2 threads of {}/128x2048x2048", product.name,
+                                  n_context == 1 ? "1 context" : "2 contexts"),
+                      1.8, [&product, n_context] { return prepare_in_two_threads(product, n_context); }});
+  }
   return rows;
 }
 

@@ -25,6 +25,14 @@ struct Work {
   Clock clock = Clock::thread;
 };
 
+// The ratio of the yardstick's time to the operation's that a backend should reach; 0: for information only. The
+// backends without a member of their own have nothing to reach.
+struct Wanted {
+  double avx512 = 0, avx2 = 0, avx512_fp16 = avx512;
+};
+std::string backend_in_use();
+double wanted_here(const Wanted& wanted);  // of the backend in use
+
 struct Row {
   std::string name;               // operation/shape
   double wanted;                  // ratio of the yardstick's time to the operation's; 0: for information only

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
@@ -55,7 +54,7 @@ void report(const Row& row, const Rounds& rounds, benchmark::State& state) {
 
 // The number of rounds at each place of the memory.
 size_t rounds_at_a_place(const benchmark::State& state) {
-  return static_cast<size_t>(state.max_iterations) / std::size(bytes_past_page);
+  return static_cast<size_t>(state.max_iterations) / places().size();
 }
 
 // A round takes at least this long. When there is only one round, it makes one call.
@@ -65,7 +64,7 @@ double least_seconds(const benchmark::State& state) {
 
 // Takes medians over single calls, because an interrupt or a page fault makes single calls slower.
 void measure_calls(const CallRow& row, benchmark::State& state) {
-  place_memory(bytes_past_page[0]);
+  place_memory(places().front());
   const std::function<void()> call = row.prepare();
   for (int i = 0; i < 3; ++i) call();
   std::vector<double> whole, staging, platform, bringing_back, shares;
@@ -96,22 +95,22 @@ void measure_calls(const CallRow& row, benchmark::State& state) {
 
 void measure_rounds(const Row& row, benchmark::State& state) {
   std::optional<Interleaved> interleaved;
-  std::vector<Rounds> places;
+  std::vector<Rounds> measured;
   for (auto _ : state) {
-    if (places.empty() || places.back().operation.size() == rounds_at_a_place(state)) {
-      places.emplace_back(bytes_past_page[places.size()]);
-      place_memory(places.back().past_page);
+    if (measured.empty() || measured.back().operation.size() == rounds_at_a_place(state)) {
+      measured.emplace_back(places()[measured.size()]);
+      place_memory(measured.back().past_page);
       interleaved.reset();
       Work work = row.prepare();
       state.SetLabel(work.yardstick.name);
       interleaved.emplace(std::move(work), least_seconds(state));
     }
     const Round round = interleaved->next_round();
-    places.back().add(round);
+    measured.back().add(round);
     state.SetIterationTime(round.operation);
   }
   const auto is_slower = [](const Rounds& a, const Rounds& b) { return a.ratio() < b.ratio(); };
-  report(row, *std::min_element(places.begin(), places.end(), is_slower), state);
+  report(row, *std::min_element(measured.begin(), measured.end(), is_slower), state);
 }
 
 std::string microseconds(double seconds) {

@@ -82,6 +82,26 @@ inline f16x8 zip_high(f16x8 a, f16x8 b) {
   return {_mm_unpackhi_epi16(a.v, b.v)};
 }
 
+#if !defined(MORUN_SIMD_AVX512)
+struct wide_f16 {
+  __m256i v;
+};
+inline constexpr size_t wide_lanes_of_halves = 16;
+inline wide_f16 load_eights(const std::byte* p, size_t pitch) {
+  const auto eight = [=](size_t i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i * pitch)); };
+  return {_mm256_inserti128_si256(_mm256_castsi128_si256(eight(0)), eight(1), 1)};
+}
+inline wide_f16 zip_low(wide_f16 a, wide_f16 b) {
+  return {_mm256_unpacklo_epi16(a.v, b.v)};
+}
+inline wide_f16 zip_high(wide_f16 a, wide_f16 b) {
+  return {_mm256_unpackhi_epi16(a.v, b.v)};
+}
+inline void store(uint16_t* p, wide_f16 a) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), a.v);
+}
+#endif
+
 inline f16x8 lower_fours(f16x8 a, f16x8 b) {
   return {_mm_unpacklo_epi64(a.v, b.v)};
 }

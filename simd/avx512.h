@@ -41,6 +41,24 @@ inline void widen_eights(const uint16_t* const* columns, size_t k, wide_f32& fir
   first = {_mm512_cvtph_ps(_mm256_unpacklo_epi64(even, odd))};
   second = {_mm512_cvtph_ps(_mm256_unpackhi_epi64(even, odd))};
 }
+struct wide_f16 {
+  __m512i v;
+};
+inline constexpr size_t wide_lanes_of_halves = 32;
+inline wide_f16 load_eights(const std::byte* p, size_t pitch) {
+  const auto eight = [=](size_t i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i * pitch)); };
+  const __m512i lower = _mm512_inserti32x4(_mm512_castsi128_si512(eight(0)), eight(1), 1);
+  return {_mm512_inserti32x4(_mm512_inserti32x4(lower, eight(2), 2), eight(3), 3)};
+}
+inline wide_f16 zip_low(wide_f16 a, wide_f16 b) {
+  return {_mm512_unpacklo_epi16(a.v, b.v)};
+}
+inline wide_f16 zip_high(wide_f16 a, wide_f16 b) {
+  return {_mm512_unpackhi_epi16(a.v, b.v)};
+}
+inline void store(uint16_t* p, wide_f16 a) {
+  _mm512_storeu_si512(p, a.v);
+}
 inline wide_f32 multiply_add(wide_f32 a, wide_f32 b, wide_f32 c) {
   return {_mm512_fmadd_ps(a.v, b.v, c.v)};
 }

@@ -23,6 +23,10 @@
 //   widen                     converts f16 to f32, exactly; a signalling NaN is quieted
 //   zip_low, zip_high         a0 b0 a1 b1 ... of the lower (upper) four lanes
 //   unzip_even, unzip_odd     the even (odd) lanes of a, then those of b
+//   wide_f16                  one or more times eight halves, wide_lanes_of_halves in all; zip_low, zip_high and store
+//                             take them too, and zip each eight by itself
+//   load_eights(p, pitch)     loads each eight halves of a wide_f16 from one of the addresses p, p + pitch, ...; the
+//                             pitch is in bytes
 //   transpose_words           transposes 8 rows of 8 32-bit words; row(i) is the address of row i, or rows stand at a
 //                             byte pitch; the results stand at a byte pitch
 //   transpose_zip_nibbles     transposes likewise and in each word reorders nibbles 0 1 2 3 4 5 6 7 to 0 4 1 5 2 6 3 7
@@ -127,6 +131,14 @@ template <class T>
 void prefetch_ahead(const T* p, size_t distance) {
   prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(p) + distance * sizeof(T)));
 }
+
+#if !defined(MORUN_SIMD_AVX512) && !defined(MORUN_SIMD_AVX2)
+using wide_f16 = f16x8;
+inline constexpr size_t wide_lanes_of_halves = 8;
+inline wide_f16 load_eights(const std::byte* p, size_t) {
+  return load(reinterpret_cast<const uint16_t*>(p));
+}
+#endif
 
 #if !defined(MORUN_SIMD_AVX512)
 // Eight lanes are the width of the long products too.

@@ -121,6 +121,24 @@ TEST_F(Simd, HalvesAreMovedWholeAndToWhereTheyBelong) {
   EXPECT_LANES(uint16_t, stored<uint16_t>(simd::upper_fours(a.load(), b.load())), (i < 4 ? a : b)[4 + i % 4]);
 }
 
+TEST_F(Simd, WideHalvesAreGatheredAndZippedEightByEight) {
+  constexpr size_t n = simd::wide_lanes_of_halves, pitch = 11;  // elements between two eights in memory
+  const auto size = [](size_t n_eight) { return (n_eight - 1) * pitch + 8; };
+  const auto halves = [&](size_t) { return random.any<uint16_t>(1)[0]; };
+  const Lanes<uint16_t> a(halves, size(n / 8)), b(halves, size(n / 8));
+  const auto load = [](const Lanes<uint16_t>& from) {
+    return simd::load_eights(reinterpret_cast<const std::byte*>(from.data()), 2 * pitch);
+  };
+  const auto lane = [](const Lanes<uint16_t>& from, size_t i) { return from[i / 8 * pitch + i % 8]; };
+  Vector<uint16_t> same(n), low(n), high(n);
+  simd::store(same.data(), load(a));
+  simd::store(low.data(), simd::zip_low(load(a), load(b)));
+  simd::store(high.data(), simd::zip_high(load(a), load(b)));
+  EXPECT_LANES(uint16_t, same, lane(a, i));
+  EXPECT_LANES(uint16_t, low, lane(i % 2 ? b : a, i / 8 * 8 + i % 8 / 2));
+  EXPECT_LANES(uint16_t, high, lane(i % 2 ? b : a, i / 8 * 8 + 4 + i % 8 / 2));
+}
+
 TEST_F(Simd, FloatArithmeticRoundsOnceAndSelectsAsDefined) {
   for (size_t round = 0; round < n_round; ++round) {
     const auto number = [&](size_t i) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 
 #include "simd/simd.h"
 #include "source/loops/scratch.h"
@@ -99,33 +100,39 @@ void transpose_four_rows(uint64_t n_col, const std::byte* from, std::byte* to) {
   }
 }
 
-// Transposes eight by eight elements of 2 or 4 bytes. Pitches are in bytes.
-void transpose_eight(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch, size_t width) {
-  if (width == 4) return simd::transpose_words(from, from_pitch, to, to_pitch);
-  simd::f16x8 row[8], zipped[8];
-  for (size_t i = 0; i < 8; ++i) row[i] = simd::load(reinterpret_cast<const uint16_t*>(from + i * from_pitch));
-  // Each round interleaves rows i and i + 4. Three rounds transpose the eight rows.
-  for (int again = 0; again < 3; ++again) {
-    for (size_t i = 0; i < 4; ++i) {
-      zipped[2 * i] = simd::zip_low(row[i], row[i + 4]);
-      zipped[2 * i + 1] = simd::zip_high(row[i], row[i + 4]);
-    }
-    std::copy(zipped, zipped + 8, row);
-  }
-  for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch), row[i]);
-}
-
 constexpr uint64_t side = 32;
 
-// A patch is at most 32 rows and 32 columns of a matrix. `size()` is the size of an element, pitches are in bytes.
+// Transposes eight columns of `side` rows of halves. Pitches are in bytes.
+void transpose_eight_halves(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch) {
+  constexpr size_t rows = simd::wide_lanes_of_halves;
+  for (size_t r = 0; r < side; r += rows, from += rows * from_pitch, to += rows * 2) {
+    simd::wide_f16 row[8], zipped[8];
+    for (size_t i = 0; i < 8; ++i) row[i] = simd::load_eights(from + i * from_pitch, 8 * from_pitch);
+    // Each round interleaves rows i and i + 4. Three rounds transpose the eight rows.
+    for (int again = 0; again < 3; ++again) {
+      for (size_t i = 0; i < 4; ++i) {
+        zipped[2 * i] = simd::zip_low(row[i], row[i + 4]);
+        zipped[2 * i + 1] = simd::zip_high(row[i], row[i + 4]);
+      }
+      std::copy(zipped, zipped + 8, row);
+    }
+    for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch), row[i]);
+  }
+}
+
+// Transposes eight columns of `side` rows of words. Pitches are in bytes.
+void transpose_eight_words(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch) {
+  for (size_t r = 0; r < side; r += 8) simd::transpose_words(from + r * from_pitch, from_pitch, to + r * 4, to_pitch);
+}
+
+// Transposes a patch, which is at most 32 rows and 32 columns of a matrix. `size()` is the size of an element, pitches are
+// in bytes.
 template <class Size>
 void transpose_patch(uint64_t n_row, uint64_t n_col, Size size, const std::byte* from, size_t from_pitch, std::byte* to,
                      size_t to_pitch) {
-  if ((size() == 2 || size() == 4) && n_row == side && n_col == side) {
-    for (uint64_t c = 0; c < side; c += 8)
-      for (uint64_t r = 0; r < side; r += 8)
-        transpose_eight(from + r * from_pitch + c * size(), from_pitch, to + c * to_pitch + r * size(), to_pitch,
-                        size());
+  if (n_row == side && n_col == side && (size() == 2 || size() == 4)) {
+    const auto transpose_eight = size() == 2 ? transpose_eight_halves : transpose_eight_words;
+    for (uint64_t c = 0; c < side; c += 8) transpose_eight(from + c * size(), from_pitch, to + c * to_pitch, to_pitch);
     return;
   }
   for (uint64_t c = 0; c < n_col; ++c)
@@ -156,21 +163,73 @@ void transpose_to(uint64_t n_row, uint64_t n_col, size_t unit, const std::byte* 
   });
 }
 
-// Exchanges the patches on both sides of the diagonal, which moves every element once.
+// Transposes a square of n x n elements whose rows stand `pitch` bytes apart. Exchanges the patches on both sides of the
+// diagonal, which moves every element once.
 constexpr size_t largest_exchanged = 4;
-void transpose_square(uint64_t n, size_t unit, std::byte* data) {
-  with_constant_size(unit, [&](auto size) {
-    const size_t pitch = n * size();
-    for_each_patch(n, n, [&](uint64_t row, uint64_t rows, uint64_t column, uint64_t columns) {
-      if (column < row) return;
-      std::byte held[side * side * largest_exchanged];
-      std::byte* const upper = data + row * pitch + column * size();
-      std::byte* const lower = data + column * pitch + row * size();
-      transpose_patch(rows, columns, size, upper, pitch, held, rows * size());
-      if (upper != lower) transpose_patch(columns, rows, size, lower, pitch, upper, pitch);
-      for (uint64_t c = 0; c < columns; ++c) memcpy(lower + c * pitch, held + c * rows * size(), rows * size());
-    });
+template <class Size>
+void transpose_square(uint64_t n, Size size, std::byte* data, size_t pitch) {
+  for_each_patch(n, n, [&](uint64_t row, uint64_t rows, uint64_t column, uint64_t columns) {
+    if (column < row) return;
+    alignas(64) std::byte held[side * side * largest_exchanged];
+    std::byte* const upper = data + row * pitch + column * size();
+    std::byte* const lower = data + column * pitch + row * size();
+    transpose_patch(rows, columns, size, upper, pitch, held, rows * size());
+    if (upper != lower) transpose_patch(columns, rows, size, lower, pitch, upper, pitch);
+    for (uint64_t c = 0; c < columns; ++c) memcpy(lower + c * pitch, held + c * rows * size(), rows * size());
   });
+}
+
+// A matrix of squares: `down` x `across` squares of `side` x `side` elements. Once each square is transposed, the rows of
+// squares, which are the segments here, stand at their wanted length and only have to be put into another order.
+struct Squares {
+  uint64_t side, down, across;
+
+  uint64_t n_segment() const { return side * down * across; }
+  // Returns the place in the matrix of the segment that belongs at `place` in its transpose.
+  uint64_t source_of(uint64_t place) const {
+    const uint64_t i = place % down, row = place / down % side, j = place / down / side;
+    return (i * side + row) * across + j;
+  }
+};
+
+// Puts the segments into the order of the transpose. Each cycle of the permutation is walked once. `moved` has a bit for
+// each segment, all 0, and `held` has room for a segment.
+void order_segments(const Squares& squares, size_t segment, std::byte* data, uint8_t* moved, std::byte* held) {
+  for (uint64_t first = 0; first < squares.n_segment(); ++first) {
+    if (moved[first / 8] >> first % 8 & 1) continue;
+    uint64_t to = first, from = squares.source_of(to);
+    if (from == first) continue;
+    memcpy(held, data + first * segment, segment);
+    for (; from != first; from = squares.source_of(to)) {
+      memcpy(data + to * segment, data + from * segment, segment);
+      moved[from / 8] |= static_cast<uint8_t>(1 << from % 8);
+      to = from;
+    }
+    memcpy(data + to * segment, held, segment);
+  }
+}
+
+// Transposes a matrix of squares in place. Returns false, with the matrix unchanged, when the working memory, less than
+// the 64th part of the matrix, is not to be had.
+bool transpose_squares(const Squares& squares, size_t unit, std::byte* data) {
+  const size_t segment = squares.side * unit;
+  const size_t map_bytes = divide_up(squares.n_segment(), 8);
+  const Scratch scratch(segment + map_bytes);
+  if (!scratch) return false;
+  std::byte* const map = scratch.bytes() + segment;
+  memset(map, 0, map_bytes);
+  const auto order = [&] { order_segments(squares, segment, data, reinterpret_cast<uint8_t*>(map), scratch.bytes()); };
+  // The squares are transposed where their rows are nearer to each other: before the change of the order or after it.
+  const bool is_wide = squares.across > squares.down;
+  const uint64_t down = is_wide ? squares.across : squares.down, across = is_wide ? squares.down : squares.across;
+  if (is_wide) order();
+  with_constant_size(unit, [&](auto size) {
+    for (uint64_t i = 0; i < down; ++i)
+      for (uint64_t j = 0; j < across; ++j)
+        transpose_square(squares.side, size, data + (i * squares.side * across + j) * segment, across * segment);
+  });
+  if (!is_wide) order();
+  return true;
 }
 
 // Copies the blocks of one band into `rows` row-major rows of `pitch` elements. The right part of the last block may
@@ -235,7 +294,14 @@ void transpose_bands(uint64_t n_band, uint64_t n_row, uint64_t n_col, size_t uni
 }  // namespace
 
 void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
-  if (n_row == n_col && unit <= largest_exchanged) return transpose_square(n_row, unit, data);
+  constexpr size_t least_segment = 512;  // bytes; shorter ones take longer than the copy back from scratch memory
+  if (n_row == 0 || n_col == 0) return;
+  const uint64_t side = std::gcd(n_row, n_col);
+  if (n_row == n_col && unit <= largest_exchanged)
+    return with_constant_size(unit, [&](auto size) { transpose_square(n_row, size, data, n_row * size()); });
+  if (unit <= largest_exchanged && side * unit >= least_segment &&
+      transpose_squares({side, n_row / side, n_col / side}, unit, data))
+    return;
   transpose_bands(1, n_row, n_col, unit, data);
 }
 
