@@ -59,6 +59,9 @@ inline wide_f16 zip_high(wide_f16 a, wide_f16 b) {
 inline void store(uint16_t* p, wide_f16 a) {
   _mm512_storeu_si512(p, a.v);
 }
+inline wide_f32 widen_wide(const uint16_t* p) {
+  return {_mm512_cvtph_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)))};
+}
 inline wide_f32 multiply_add(wide_f32 a, wide_f32 b, wide_f32 c) {
   return {_mm512_fmadd_ps(a.v, b.v, c.v)};
 }

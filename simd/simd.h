@@ -88,6 +88,7 @@
 //   kernel_rows               rows by two wide vectors are as many sums as the registers hold; an even number
 //   load_wide, broadcast_wide, store, multiply_add  of wide vectors, as of f32x8 and i32x8
 //   broadcast_four_wide       loads four floats into each four lanes
+//   widen_wide(p)             loads wide_lanes halves and widens them
 //   widen_eights(columns, k, first, second)  columns[i] + k is the address of eight halves for each four lanes of a wide
 //                             vector; widens the lower four of each into `first`, the upper four into `second`
 //
@@ -156,6 +157,9 @@ inline wide_f32 broadcast_wide(float x) {
 }
 inline wide_f32 broadcast_four_wide(const float* p) {
   return broadcast_four(p);
+}
+inline wide_f32 widen_wide(const uint16_t* p) {
+  return widen(load(p));
 }
 inline void widen_eights(const uint16_t* const* columns, size_t k, wide_f32& first, wide_f32& second) {
   const f32x8 left = widen(load(columns[0] + k)), right = widen(load(columns[1] + k));

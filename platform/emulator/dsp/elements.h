@@ -48,7 +48,8 @@ struct HalfElements {
   static simd::wide_f32 broadcast(const float* staged) { return simd::broadcast_wide(*staged); }
 
   static void stage_unit(const uint16_t* unit, float* staged) {
-    for (size_t i = 0; i < unit_rows * tile_size; i += 8) simd::store(staged + i, simd::widen(simd::load(unit + i)));
+    for (size_t i = 0; i < unit_rows * tile_size; i += simd::wide_lanes)
+      simd::store(staged + i, simd::widen_wide(unit + i));
   }
 
   static void stage_weights(const uint16_t* tile, float* panel) {
@@ -60,8 +61,8 @@ struct HalfElements {
         simd::transpose_words(bytes_of(tile + column * tile_size + 2 * k), 2 * sizeof(uint16_t) * tile_size,
                               bytes_of(halves), sizeof halves[0]);
         for (const auto& row : halves) {
-          simd::store(step_of_panel, simd::widen(simd::load(row)));
-          simd::store(step_of_panel + 8, simd::widen(simd::load(row + 8)));
+          for (size_t i = 0; i < n_column; i += simd::wide_lanes)
+            simd::store(step_of_panel + i, simd::widen_wide(row + i));
           step_of_panel += tile_size;
         }
       }

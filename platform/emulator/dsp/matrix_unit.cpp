@@ -30,9 +30,41 @@ size_t divide_up(size_t a, size_t b) {
   return (a + b - 1) / b;
 }
 
+constexpr size_t line = 64;  // bytes of a cache line
+
 struct Range {
   size_t begin, end;
   size_t size() const { return end - begin; }
+};
+
+// Fetches memory that will be read soon into the second-level cache, a share at a time. A burst of prefetches waits for
+// memory as long as the reads would. A few prefetches between multiplications wait for nothing. The memory consists of
+// pieces that stand `pitch` bytes apart.
+class Fetcher {
+ public:
+  Fetcher(const void* first, size_t piece_bytes, size_t pitch, size_t n_piece, size_t n_share)
+      : at_(reinterpret_cast<uintptr_t>(first)),
+        piece_bytes_(piece_bytes),
+        pitch_(pitch),
+        n_piece_(n_piece),
+        share_(divide_up(divide_up(piece_bytes, line) * n_piece, n_share)) {}
+
+  void fetch_share() {
+    for (size_t i = 0; i < share_ && n_piece_ > 0; ++i) {
+      simd::prefetch_outer(reinterpret_cast<const void*>(at_ + offset_));
+      offset_ += line;
+      if (offset_ < piece_bytes_) continue;
+      offset_ = 0;
+      at_ += pitch_;
+      --n_piece_;
+    }
+  }
+
+ private:
+  uintptr_t at_;       // the first of the pieces that are left
+  size_t offset_ = 0;  // in that piece
+  size_t piece_bytes_, pitch_, n_piece_;
+  size_t share_;  // cache lines
 };
 
 template <class Elements>
@@ -67,18 +99,26 @@ struct TiledProduct {
   }
 
   void stage_activation(Range rows, Range inner, Staged* staged) const {
-    for (size_t row = rows.begin; row < rows.end; row += unit_rows)
+    for (size_t band = rows.begin; band < rows.end; band += Elements::tile_rows)
       for (size_t k = inner.begin; k < inner.end; k += tile_size)
-        Elements::stage_unit(X + position(row, k, shape.n_inner),
-                             staged + (row - rows.begin) * block_depth + (k - inner.begin) * unit_rows);
+        for (size_t row = band; row < std::min(band + Elements::tile_rows, rows.end); row += unit_rows)
+          Elements::stage_unit(X + position(row, k, shape.n_inner),
+                               staged + (row - rows.begin) * block_depth + (k - inner.begin) * unit_rows);
   }
 
   void stage_weights(Range inner, size_t column, Staged* panel) const {
-    for (size_t k = inner.begin; k < inner.end; k += tile_size) {
-      const auto* tile = weight_tile(k, column);
-      for (size_t i = 0; i < tile_weights; i += 64 / sizeof *tile) simd::prefetch_ahead(tile, tile_weights + i);
-      Elements::stage_weights(tile, panel + (k - inner.begin) * tile_size);
-    }
+    for (size_t k = inner.begin; k < inner.end; k += tile_size)
+      Elements::stage_weights(weight_tile(k, column), panel + (k - inner.begin) * tile_size);
+  }
+
+  // Fetches the sums of the group of rows that follows.
+  template <size_t n_row, size_t n_column>
+  static void fetch_sums_behind(const Sum* sums) {
+#pragma GCC unroll 16
+    for (size_t r = 0; r < n_row; ++r)
+#pragma GCC unroll 4
+      for (size_t i = 0; i < n_column; i += line / sizeof *sums)
+        simd::prefetch_ahead(sums, (n_row + r) * tile_size + i);
   }
 
   // Multiplies n_row rows by the first columns of the panel, n_vector vectors of them, and adds the products to
@@ -91,6 +131,7 @@ struct TiledProduct {
     for (size_t r = 0; r < n_row; ++r)
 #pragma GCC unroll 4
       for (size_t v = 0; v < n_vector; ++v) total[r][v] = simd::load_wide(sums + r * tile_size + v * n_lane);
+    fetch_sums_behind<n_row, n_vector * n_lane>(sums);
     for (size_t k = 0; k < n_inner; k += step) {
       decltype(Elements::load(panel)) weights[n_vector];
 #pragma GCC unroll 4
@@ -120,15 +161,22 @@ struct TiledProduct {
       accumulate<n_row, n_vector>(n_inner, rows, panel + column * Elements::step, sums + column);
   }
 
-  // Multiplies all rows by a column of tiles. The rows are taken in groups of nearly equal size.
-  static void accumulate_rows(size_t n_row, size_t n_inner, const Scratch& scratch, Sum* sums) {
+  static size_t n_group(size_t n_row) {
+    return divide_up(n_row, simd::kernel_rows);
+  }
+
+  // Multiplies all rows by a column of tiles. The rows are taken in n_group(n_row) groups of nearly equal size.
+  template <class BeforeGroup>
+  static void accumulate_rows(size_t n_row, size_t n_inner, const Scratch& scratch, Sum* sums,
+                              const BeforeGroup& before_group) {
     static constexpr auto accumulate_pairs = []<size_t... pair>(std::index_sequence<pair...>) {
       return std::array{accumulate_group<2 * (pair + 1)>...};
     }
     (std::make_index_sequence<simd::kernel_rows / 2>());
-    size_t n_group = divide_up(n_row, simd::kernel_rows);
-    for (size_t row = 0; row < n_row; --n_group) {
-      const size_t n_pair = divide_up((n_row - row) / 2, n_group);
+    size_t n_left = n_group(n_row);
+    for (size_t row = 0; row < n_row; --n_left) {
+      const size_t n_pair = divide_up((n_row - row) / 2, n_left);
+      before_group();
       accumulate_pairs[n_pair - 1](n_inner, scratch.activation + row * block_depth, scratch.panel,
                                    sums + row * tile_size);
       row += 2 * n_pair;
@@ -145,14 +193,41 @@ struct TiledProduct {
     }
   }
 
+  // What the stage functions will read, fetched in n_share shares.
+  Fetcher activation_fetcher(Range rows, Range inner, size_t n_share) const {
+    constexpr size_t band_bytes = Elements::tile_rows * sizeof *X;  // of one inner element
+    return {X + position(rows.begin, inner.begin, shape.n_inner), inner.size() * band_bytes, shape.n_inner * band_bytes,
+            divide_up(rows.size(), Elements::tile_rows), n_share};
+  }
+  Fetcher weights_fetcher(Range inner, size_t column, size_t n_share) const {
+    constexpr size_t tile_bytes = tile_weights * sizeof *W;
+    return {weight_tile(inner.begin, column), tile_bytes, shape.n_col / tile_size * tile_bytes,
+            inner.size() / tile_size, n_share};
+  }
+
   void multiply_block(Range rows, size_t stored_end, Range columns, size_t depth, Scratch& scratch) const {
     std::fill_n(scratch.sums, rows.size() * columns.size(), Sum{0});
+    // After the last pass, another block may begin with the first, for the same columns or for the same rows.
+    const auto pass_from = [&](size_t k) {
+      const size_t begin = k < shape.n_inner ? k : 0;
+      return Range{begin, std::min(begin + depth, shape.n_inner)};
+    };
+    const size_t n_share = n_group(rows.size());  // one for each group of rows
     for (size_t k = 0; k < shape.n_inner; k += depth) {
-      const Range inner{k, std::min(k + depth, shape.n_inner)};
+      const Range inner = pass_from(k), next_inner = pass_from(k + depth);
       stage_activation(rows, inner, scratch.activation);
+      Fetcher next_activation = activation_fetcher(rows, next_inner, columns.size() / tile_size * n_share);
+      Sum* sums = scratch.sums;
       for (size_t column = columns.begin; column < columns.end; column += tile_size) {
         stage_weights(inner, column, scratch.panel);
-        accumulate_rows(rows.size(), inner.size(), scratch, scratch.sums + rows.size() * (column - columns.begin));
+        const bool is_last = column + tile_size == columns.end;
+        Fetcher next_weights = is_last ? weights_fetcher(next_inner, columns.begin, n_share)
+                                       : weights_fetcher(inner, column + tile_size, n_share);
+        accumulate_rows(rows.size(), inner.size(), scratch, sums, [&] {
+          next_weights.fetch_share();
+          next_activation.fetch_share();
+        });
+        sums += rows.size() * tile_size;
       }
     }
     store_block(rows, stored_end, columns, scratch.sums);
