@@ -11,6 +11,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "simd/fetcher.h"
 #include "simd/simd.h"
 #include "source/loops/scratch.h"
 #include "source/tiles.h"
@@ -30,16 +31,16 @@ constexpr size_t n_vector = panel_lanes / simd::wide_lanes;
 constexpr size_t group_rows = 3 * 16 / (n_vector * n_vector);
 
 // The largest extents of a block. The block's widened activation stays in the second-level cache, and a panel's weights
-// stay in the first-level cache.
-constexpr size_t block_rows = 129, block_columns = 256, block_inner = 512;
+// stay in the first-level cache. The rows are whole groups. All working memory together is less than 1 MiB.
+constexpr size_t block_rows = group_rows * (group_rows == 3 ? 43 : 13), block_columns = 256, block_inner = 512;
 // With at most few_rows rows, each group of rows widens the weights again, which costs less than storing them widened.
 constexpr size_t few_rows = std::max<size_t>(6, group_rows), few_rows_inner = 1024;
 // A single group of rows reads each weight only once. Longer runs along a column then read memory faster.
 constexpr size_t single_group_inner = 4096;
 
 constexpr size_t line_halves = Scratch::line / sizeof(uint16_t);
-constexpr size_t weights_lead = 512;   // halves of a column between the prefetch and the use
-constexpr size_t activation_lead = 8;  // rows between the prefetch and the use
+constexpr size_t weights_lead = 512;  // halves of a column between the prefetch and the use
+constexpr size_t fetched_lead = 64;   // the same, when the second-level cache has the column already
 
 struct Range {
   size_t begin, end;
@@ -129,18 +130,22 @@ struct Columns {
   // next panel instead.
   void fetch_ahead(size_t k, size_t n_inner) const {
     const size_t ahead = k + weights_lead < n_inner ? weights_lead : weights_lead + to_next_panel - n_inner;
-    for (const uint16_t* const start : column) simd::prefetch_ahead(start, k + ahead);
+    fetch(k + ahead);
+  }
+  void fetch(size_t k) const {
+    for (const uint16_t* const start : column) simd::prefetch_ahead(start, k);
   }
 };
 
-// With `keep`, the function stores the widened weights for the groups of rows that follow.
+// With `keep`, the function stores the widened weights for the groups of rows that follow. The groups before have
+// fetched the weights into the second-level cache.
 template <size_t n_row, bool keep>
 void accumulate_halves(size_t n_inner, const Group& group, const Columns& columns, [[maybe_unused]] float* widened) {
   Sums<n_row> sums;
   load_sums<n_row>(group, sums);
   const float* activation = group.activation;
   for (size_t k = 0; k < n_inner; k += step) {
-    if (k % line_halves == 0) columns.fetch_ahead(k, n_inner);
+    if (k % line_halves == 0) keep ? columns.fetch(k + fetched_lead) : columns.fetch_ahead(k, n_inner);
     // Two vectors at a time, or one where registers are few.
     constexpr size_t at_once = n_vector == 2 ? 2 : 1;
 #pragma GCC unroll 4
@@ -203,20 +208,35 @@ void accumulate_piece(size_t n_inner, Group group, const Columns& columns, float
   accumulate_halves<n_row>(step, group, Ends(columns, whole_steps).as_columns, widened);
 }
 
-// Writes the values four at a time to to[0], to[pitch] and so on.
-void widen_steps(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
+// Widens halves of consecutive inner indices of one row, or of `parts` rows, whose fours stand side by side: to[0] has
+// the rows' first fours, to[pitch] their second, and so on.
+template <size_t n_row>
+void widen_steps(const uint16_t* const* rows, size_t n_inner, float* to, size_t pitch) {
   for (size_t k = 0; k < n_inner; k += step, to += 2 * pitch) {
-    if (k % line_halves == 0) simd::prefetch(row_to_fetch + k);
-    simd::store_fours(to, to + pitch, simd::widen(simd::load(row + k)));
+    if constexpr (n_row == 1) {
+      simd::store_fours(to, to + pitch, simd::widen(simd::load(rows[0] + k)));
+    } else {
+      simd::wide_f32 first, second;
+      simd::widen_eights(rows, k, first, second);
+      simd::store(to, first);
+      simd::store(to + pitch, second);
+    }
   }
 }
-void widen_row(const uint16_t* row, size_t n_inner, const uint16_t* row_to_fetch, float* to, size_t pitch) {
+// Widens a whole row, or `parts` whole rows that stand `n_apart` halves apart. Zeros fill up the last step.
+template <size_t n_row>
+void widen_rows(const uint16_t* first_row, size_t n_apart, size_t n_inner, float* to, size_t pitch) {
   const size_t whole_steps = n_inner / step * step;
-  widen_steps(row, whole_steps, row_to_fetch, to, pitch);
+  const uint16_t* rows[n_row];
+  for (size_t i = 0; i < n_row; ++i) rows[i] = first_row + i * n_apart;
+  widen_steps<n_row>(rows, whole_steps, to, pitch);
   if (whole_steps == n_inner) return;
-  uint16_t end[step] = {};
-  memcpy(end, row + whole_steps, n_lane * sizeof(uint16_t));
-  widen_steps(end, step, end, to + whole_steps / n_lane * pitch, pitch);
+  uint16_t ends[n_row][step] = {};
+  for (size_t i = 0; i < n_row; ++i) {
+    memcpy(ends[i], rows[i] + whole_steps, n_lane * sizeof(uint16_t));
+    rows[i] = ends[i];
+  }
+  widen_steps<n_row>(rows, step, to + whole_steps / n_lane * pitch, pitch);
 }
 
 // Calls body(first row, number of rows as a constant). The groups have nearly the same size.
@@ -295,18 +315,39 @@ struct HostProduct {
   }
 
   void multiply_block(Range rows, Range columns, size_t most_inner, const Working& working) const {
+    // After the last piece, another block may begin with the first, for the same rows.
+    const auto piece_from = [&](size_t k) {
+      return range_from(k < n_inner_in_lanes() ? k : 0, most_inner, n_inner_in_lanes());
+    };
+    const size_t n_share = divide_up(rows.size(), group_rows);  // one for each group of rows
     size_t k = 0;
     do {  // also once when n_inner is 0, which sets the sums to 0
-      const Range inner = range_from(k, most_inner, n_inner_in_lanes());
+      const Range inner = piece_from(k), next_inner = piece_from(inner.end);
       widen_activation(rows, inner, working.activation);
-      for (size_t c = 0; c < columns.size(); c += panel_columns)
-        accumulate_panel(columns.begin + c, rows.size(), inner, working, sums_of_panel(c, rows, working));
+      simd::Fetcher next_activation = fetcher(X, rows, next_inner, divide_up(columns.size(), panel_columns) * n_share);
+      for (size_t c = 0; c < columns.size(); c += panel_columns) {
+        const size_t column = columns.begin + c, next_column = column + panel_columns;
+        simd::Fetcher next_weights =
+            next_column < columns.end
+                ? fetcher(W, range_from(next_column, panel_columns, columns.end), inner, n_share)
+                : fetcher(W, range_from(columns.begin, panel_columns, columns.end), next_inner, n_share);
+        accumulate_panel(column, rows.size(), inner, working, sums_of_panel(c, rows, working), [&] {
+          next_weights.fetch_share();
+          next_activation.fetch_share();
+        });
+      }
       k = inner.end;
     } while (k < n_inner_in_lanes());
     const Tails tails = tails_of(columns);
     for (size_t row = 0; row < rows.size(); ++row)  // not panel by panel: rows of the result may lie pages apart
       for (size_t c = 0; c < columns.size(); c += panel_columns)
         finish_sums(rows.begin + row, columns, c, sums_of_panel(c, rows, working) + row * panel_lanes, tails);
+  }
+
+  // Fetches a piece of the rows of the activation, or of the columns of the weights, in n_share shares.
+  simd::Fetcher fetcher(const uint16_t* matrix, Range lines, Range inner, size_t n_share) const {
+    return {matrix + lines.begin * n_inner + inner.begin, inner.size() * sizeof *matrix, n_inner * sizeof *matrix,
+            lines.size(), n_share};
   }
 
   // The sums of the panel at column c of the block.
@@ -317,21 +358,25 @@ struct HostProduct {
   void widen_activation(Range rows, Range inner, float* activation) const {
     const size_t padded_inner = round_up(inner.size(), step);
     for_each_group(rows.size(), [&](size_t first, auto n) {
-      for (size_t i = 0; i < n; ++i) {
-        const uint16_t* const row = X + (rows.begin + first + i) * n_inner + inner.begin;
-        const bool is_near_end = rows.size() - first - i <= activation_lead;
-        widen_row(row, inner.size(), is_near_end ? row : row + activation_lead * n_inner,
-                  activation + first * padded_inner + i * n_lane, n * n_lane);
+      constexpr size_t at_once = n < parts ? 1 : parts;
+      for (size_t i = 0; i < n; i += at_once) {
+        const size_t in_group = std::min(i, n - at_once);  // the last rows may be widened twice
+        widen_rows<at_once>(X + (rows.begin + first + in_group) * n_inner + inner.begin, n_inner, inner.size(),
+                            activation + first * padded_inner + in_group * n_lane, n * n_lane);
       }
     });
   }
 
-  // Adds the terms of a piece to the sums of the panel of eight columns that starts at `column`.
-  void accumulate_panel(size_t column, size_t n_rows, Range inner, const Working& working, float* sums) const {
+  // Adds the terms of a piece to the sums of the panel of eight columns that starts at `column`. Calls fetch_share()
+  // before each group of rows when the groups share the widened weights. Otherwise each group prefetches by itself.
+  template <class FetchShare>
+  void accumulate_panel(size_t column, size_t n_rows, Range inner, const Working& working, float* sums,
+                        const FetchShare& fetch_share) const {
     const size_t padded_inner = round_up(inner.size(), step);
     const Columns columns = columns_at(column, inner.begin);
     for_each_group(n_rows, [&](size_t first, auto n) {
       const Group group = {working.activation + first * padded_inner, sums + first * panel_lanes, inner.begin == 0};
+      if (working.weights) fetch_share();
       const bool are_weights_widened = first > 0 && working.weights;
       if (are_weights_widened) return accumulate_widened<n>(inner.size(), group, working.weights);
       accumulate_piece<n>(inner.size(), group, columns, working.weights);

@@ -10,6 +10,7 @@
 #include "platform/emulator/dsp/elements.h"
 #include "platform/emulator/dsp/parallel.h"
 #include "simd/backends.h"
+#include "simd/fetcher.h"
 
 namespace parlo::dsp::inline MORUN_BACKEND {
 namespace {
@@ -30,41 +31,9 @@ size_t divide_up(size_t a, size_t b) {
   return (a + b - 1) / b;
 }
 
-constexpr size_t line = 64;  // bytes of a cache line
-
 struct Range {
   size_t begin, end;
   size_t size() const { return end - begin; }
-};
-
-// Fetches memory that will be read soon into the second-level cache, a share at a time. A burst of prefetches waits for
-// memory as long as the reads would. A few prefetches between multiplications wait for nothing. The memory consists of
-// pieces that stand `pitch` bytes apart.
-class Fetcher {
- public:
-  Fetcher(const void* first, size_t piece_bytes, size_t pitch, size_t n_piece, size_t n_share)
-      : at_(reinterpret_cast<uintptr_t>(first)),
-        piece_bytes_(piece_bytes),
-        pitch_(pitch),
-        n_piece_(n_piece),
-        share_(divide_up(divide_up(piece_bytes, line) * n_piece, n_share)) {}
-
-  void fetch_share() {
-    for (size_t i = 0; i < share_ && n_piece_ > 0; ++i) {
-      simd::prefetch_outer(reinterpret_cast<const void*>(at_ + offset_));
-      offset_ += line;
-      if (offset_ < piece_bytes_) continue;
-      offset_ = 0;
-      at_ += pitch_;
-      --n_piece_;
-    }
-  }
-
- private:
-  uintptr_t at_;       // the first of the pieces that are left
-  size_t offset_ = 0;  // in that piece
-  size_t piece_bytes_, pitch_, n_piece_;
-  size_t share_;  // cache lines
 };
 
 template <class Elements>
@@ -117,7 +86,7 @@ struct TiledProduct {
 #pragma GCC unroll 16
     for (size_t r = 0; r < n_row; ++r)
 #pragma GCC unroll 4
-      for (size_t i = 0; i < n_column; i += line / sizeof *sums)
+      for (size_t i = 0; i < n_column; i += simd::cache_line / sizeof *sums)
         simd::prefetch_ahead(sums, (n_row + r) * tile_size + i);
   }
 
@@ -194,12 +163,12 @@ struct TiledProduct {
   }
 
   // What the stage functions will read, fetched in n_share shares.
-  Fetcher activation_fetcher(Range rows, Range inner, size_t n_share) const {
+  simd::Fetcher activation_fetcher(Range rows, Range inner, size_t n_share) const {
     constexpr size_t band_bytes = Elements::tile_rows * sizeof *X;  // of one inner element
     return {X + position(rows.begin, inner.begin, shape.n_inner), inner.size() * band_bytes, shape.n_inner * band_bytes,
             divide_up(rows.size(), Elements::tile_rows), n_share};
   }
-  Fetcher weights_fetcher(Range inner, size_t column, size_t n_share) const {
+  simd::Fetcher weights_fetcher(Range inner, size_t column, size_t n_share) const {
     constexpr size_t tile_bytes = tile_weights * sizeof *W;
     return {weight_tile(inner.begin, column), tile_bytes, shape.n_col / tile_size * tile_bytes,
             inner.size() / tile_size, n_share};
@@ -216,13 +185,13 @@ struct TiledProduct {
     for (size_t k = 0; k < shape.n_inner; k += depth) {
       const Range inner = pass_from(k), next_inner = pass_from(k + depth);
       stage_activation(rows, inner, scratch.activation);
-      Fetcher next_activation = activation_fetcher(rows, next_inner, columns.size() / tile_size * n_share);
+      simd::Fetcher next_activation = activation_fetcher(rows, next_inner, columns.size() / tile_size * n_share);
       Sum* sums = scratch.sums;
       for (size_t column = columns.begin; column < columns.end; column += tile_size) {
         stage_weights(inner, column, scratch.panel);
         const bool is_last = column + tile_size == columns.end;
-        Fetcher next_weights = is_last ? weights_fetcher(next_inner, columns.begin, n_share)
-                                       : weights_fetcher(inner, column + tile_size, n_share);
+        simd::Fetcher next_weights = is_last ? weights_fetcher(next_inner, columns.begin, n_share)
+                                             : weights_fetcher(inner, column + tile_size, n_share);
         accumulate_rows(rows.size(), inner.size(), scratch, sums, [&] {
           next_weights.fetch_share();
           next_activation.fetch_share();
