@@ -57,6 +57,8 @@ function(morun_compile_backends target table)
     foreach(property IN ITEMS COMPILE_OPTIONS COMPILE_DEFINITIONS INCLUDE_DIRECTORIES)
       set_property(TARGET ${part} APPEND PROPERTY ${property} "$<TARGET_PROPERTY:${target},${property}>")
     endforeach()
+    target_compile_options(${part} PRIVATE "$<$<BOOL:${MORUN_SANITIZE}>:-O1>")  # even where the target asks for -O0
+    set_target_properties(${part} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 5)
     set(object "${CMAKE_CURRENT_BINARY_DIR}/${part}.o")
     set(script "${CMAKE_CURRENT_BINARY_DIR}/${part}.ld")
     file(CONFIGURE OUTPUT "${script}" CONTENT "SECTIONS { .morun.${backend} : { *(.text .text.*) } }\n")

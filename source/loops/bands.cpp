@@ -11,12 +11,12 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t line = Scratch::line;
+constexpr size_t line_bytes = Scratch::line;
 constexpr size_t word_column_bytes = band_rows * 4;
 // A strip is one cache line of each row of a band. In the tiled layouts a strip occupies one piece of contiguous bytes:
 // a tile of f16, or columns of words.
-constexpr size_t strip_bytes = band_rows * line;
-constexpr size_t strip_halves = line / 2, strip_words = line / 4;
+constexpr size_t strip_bytes = band_rows * line_bytes;
+constexpr size_t strip_halves = line_bytes / 2, strip_words = line_bytes / 4;
 // The number of strips that become rows together. Storing a longer part of one row at a time touches fewer pages.
 constexpr size_t strips_at_once = 8;
 
@@ -41,7 +41,7 @@ class BandRows {
       start_in_scratch_[row] = place - kept_from(row);
   }
   explicit operator bool() const { return static_cast<bool>(scratch_); }
-  size_t n_strips() const { return (row_bytes_ + line - 1) / line; }
+  size_t n_strips() const { return (row_bytes_ + line_bytes - 1) / line_bytes; }
   size_t band_bytes() const { return band_rows * row_bytes_; }
 
   // Returns the address of byte `column` of a row. For a row in scratch memory, `column` must be a kept column.
@@ -59,12 +59,12 @@ class BandRows {
   }
   // Must be called before the piece of each strip is written, from the first strip to the last.
   void make_way_for(size_t strip) {
-    for (; n_in_scratch_ < band_rows && kept_from(n_in_scratch_) <= strip * line; ++n_in_scratch_)
+    for (; n_in_scratch_ < band_rows && kept_from(n_in_scratch_) <= strip * line_bytes; ++n_in_scratch_)
       move_kept_columns(n_in_scratch_, start_in_scratch_[n_in_scratch_]);
   }
   // Must be called after the piece of each strip is read, from the last strip to the first.
   void return_after(size_t strip) {
-    for (; n_in_scratch_ > 0 && kept_from(n_in_scratch_ - 1) >= strip * line; --n_in_scratch_)
+    for (; n_in_scratch_ > 0 && kept_from(n_in_scratch_ - 1) >= strip * line_bytes; --n_in_scratch_)
       move_kept_columns(n_in_scratch_ - 1, start_in_band(n_in_scratch_ - 1));
   }
 
@@ -72,8 +72,8 @@ class BandRows {
   // The start of a row is the address that the row's first byte would have if the whole row stood where its kept
   // columns stand. That address may lie outside all allocated memory, so a start is an integer and never a pointer.
   uintptr_t start_in_band(size_t row) const { return band_ + row * row_bytes_; }
-  size_t kept_from(size_t row) const { return row * row_bytes_ / strip_bytes / step_ * step_ * line; }
-  size_t place_bytes(size_t row) const { return n_strips() * line - kept_from(row); }
+  size_t kept_from(size_t row) const { return row * row_bytes_ / strip_bytes / step_ * step_ * line_bytes; }
+  size_t place_bytes(size_t row) const { return n_strips() * line_bytes - kept_from(row); }
   size_t scratch_bytes() const {
     size_t bytes = 0;
     for (size_t row = 0; row < band_rows; ++row) bytes += place_bytes(row);
@@ -105,7 +105,7 @@ class NextBand {
   }
   void fetch(size_t bytes) {
     const std::byte* const stop = next_ + std::min(bytes, static_cast<size_t>(stop_ - next_));
-    for (; next_ < stop; next_ += line) simd::prefetch_outer(next_);
+    for (; next_ < stop; next_ += line_bytes) simd::prefetch_outer(next_);
   }
 
  private:
@@ -125,24 +125,24 @@ uint16_t* halves(std::byte* p) {
 
 void interleave_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand& next) {
   for (size_t row = 0; row < band_rows; row += 2) {
-    const uint16_t* const even = halves(rows.at(row, strip * line));
-    const uint16_t* const odd = halves(rows.at(row + 1, strip * line));
-    uint16_t* const pair = halves(to + row * line);
+    const uint16_t* const even = halves(rows.at(row, strip * line_bytes));
+    const uint16_t* const odd = halves(rows.at(row + 1, strip * line_bytes));
+    uint16_t* const pair = halves(to + row * line_bytes);
     for (size_t i = 0; i < strip_halves; i += 8) {
       const simd::f16x8 a = simd::load(even + i), b = simd::load(odd + i);
       simd::store(pair + 2 * i, simd::zip_low(a, b));
       simd::store(pair + 2 * i + 8, simd::zip_high(a, b));
     }
-    next.fetch(2 * line);
+    next.fetch(2 * line_bytes);
   }
 }
 
 void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows) {
   for (size_t row = 0; row < band_rows; row += 2) {
-    uint16_t* const even_row = halves(rows.at(row, begin * line));
-    uint16_t* const odd_row = halves(rows.at(row + 1, begin * line));
+    uint16_t* const even_row = halves(rows.at(row, begin * line_bytes));
+    uint16_t* const odd_row = halves(rows.at(row + 1, begin * line_bytes));
     for (size_t strip = begin; strip < end; ++strip) {
-      const uint16_t* const pair = halves(from + strip * strip_bytes + row * line);
+      const uint16_t* const pair = halves(from + strip * strip_bytes + row * line_bytes);
       uint16_t* const even = even_row + (strip - begin) * strip_halves;
       uint16_t* const odd = odd_row + (strip - begin) * strip_halves;
       for (size_t i = 0; i < strip_halves; i += 8) {
@@ -172,8 +172,8 @@ void transpose_strip(const BandRows& rows, size_t strip, std::byte* to, NextBand
   // Only eight rows at a time: the cache lines of all 32 rows may compete for the same sets of the first-level cache.
   for (size_t row = 0; row < band_rows; row += 8) {
     for (size_t word = 0; word < strip_words; word += 8)
-      transpose_words<map>(rows, row, strip * line + 4 * word, to + word * word_column_bytes);
-    next.fetch(8 * line);
+      transpose_words<map>(rows, row, strip * line_bytes + 4 * word, to + word * word_column_bytes);
+    next.fetch(8 * line_bytes);
   }
 }
 
@@ -183,7 +183,7 @@ void transpose_last_strip(const BandRows& rows, size_t strip, size_t n_words, st
   for (size_t word = 0; word < n_words; ++word) {
     for (size_t row = 0; row < band_rows; ++row) {
       uint32_t bits;
-      memcpy(&bits, rows.at(row, strip * line + 4 * word), 4);
+      memcpy(&bits, rows.at(row, strip * line_bytes + 4 * word), 4);
       bits = map_word(map, bits);
       memcpy(to + word * word_column_bytes + 4 * row, &bits, 4);
     }

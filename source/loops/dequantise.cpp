@@ -10,8 +10,6 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
-
 struct ResultRows {
   const float* scales;
   const int32_t* sums;

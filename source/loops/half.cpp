@@ -11,8 +11,6 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
-
 bool should_stream_rows(uint64_t n_row, uint64_t n_col, const void* dst) {
   return should_stream(6 * n_row * n_col, dst) && n_col % 8 == 0;
 }

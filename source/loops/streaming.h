@@ -11,6 +11,8 @@ namespace tavik::inline MORUN_BACKEND {
 template <class T>
 constexpr size_t line_elements = 64 / sizeof(T);  // of a cache line
 
+constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
+
 // Tells whether streaming stores are worth using. They are slower while source and destination, `bytes` together, fit
 // the caches.
 inline bool exceeds_caches(uint64_t bytes) {
