@@ -188,7 +188,7 @@ inline i32x8 load(const int32_t* p) {
 }
 inline i32x8 load_i8(const int8_t* p) {
   i32x8 v;
-  for (int i = 0; i < 8; ++i) v.lane[i] = p[i];
+  for (int i = 0; i < 8; ++i) v.lane[i] = int32_t{p[i]};
   return v;
 }
 inline i32x8 load_i4(const uint32_t* p) {
@@ -304,7 +304,7 @@ inline i32x8 add_bytes(i32x8 sums, u8x32 v) {
 }
 inline void store_nibbles(uint32_t* p, u8x32 v) {
   uint8_t bytes[16];
-  for (int i = 0; i < 16; ++i) bytes[i] = static_cast<uint8_t>((v.lane[2 * i] & 15) | (v.lane[2 * i + 1] & 15) << 4);
+  for (size_t i = 0; i < 16; ++i) bytes[i] = static_cast<uint8_t>((v.lane[2 * i] & 15) | (v.lane[2 * i + 1] & 15) << 4);
   std::memcpy(p, bytes, sizeof bytes);
 }
 inline void store_zipped_nibbles(uint32_t* p, u8x32 v) {
@@ -338,14 +338,14 @@ inline same_dots broadcast_dots(const int16_t* p) {
   return v;
 }
 inline i32x8 multiply_add(wide_dots a, same_dots b, i32x8 sum) {
-  for (int i = 0; i < 8; ++i) {
+  for (size_t i = 0; i < 8; ++i) {
     const int32_t product = a.lane[2 * i] * b.lane[2 * i] + a.lane[2 * i + 1] * b.lane[2 * i + 1];
     sum.lane[i] = wrapping_sum(sum.lane[i], static_cast<uint32_t>(product));
   }
   return sum;
 }
 inline void stage_row(const uint8_t* row, dot_element* staged) {
-  for (int i = 0; i < 16; ++i) {
+  for (size_t i = 0; i < 16; ++i) {
     staged[i] = row[2 * i];
     staged[16 + i] = row[2 * i + 1];
   }

@@ -296,11 +296,11 @@ void transpose_bands(uint64_t n_band, uint64_t n_row, uint64_t n_col, size_t uni
 void transpose_units(uint64_t n_row, uint64_t n_col, size_t unit, std::byte* data) {
   constexpr size_t least_segment = 512;  // bytes; shorter ones take longer than the copy back from scratch memory
   if (n_row == 0 || n_col == 0) return;
-  const uint64_t side = std::gcd(n_row, n_col);
+  const uint64_t factor = std::gcd(n_row, n_col);
   if (n_row == n_col && unit <= largest_exchanged)
     return with_constant_size(unit, [&](auto size) { transpose_square(n_row, size, data, n_row * size()); });
-  if (unit <= largest_exchanged && side * unit >= least_segment &&
-      transpose_squares({side, n_row / side, n_col / side}, unit, data))
+  if (unit <= largest_exchanged && factor * unit >= least_segment &&
+      transpose_squares({factor, n_row / factor, n_col / factor}, unit, data))
     return;
   transpose_bands(1, n_row, n_col, unit, data);
 }

@@ -27,7 +27,7 @@ constexpr size_t panel_lanes = panel_columns * n_lane;
 constexpr size_t n_vector = panel_lanes / simd::wide_lanes;
 // The rows whose sums fill the registers, and leave some to the activation and the weights: 3, or 12 with wide vectors of
 // 16 lanes.
-constexpr size_t group_rows = 3 * 16 / (n_vector * n_vector);
+constexpr size_t group_rows = size_t{3} * 16 / (n_vector * n_vector);
 
 // The largest extents of a block. The block's widened activation stays in the second-level cache, and a panel's weights
 // stay in the first-level cache.
