@@ -37,7 +37,9 @@ std::string regex_error_text(const std::string& pattern) try {
 }
 
 std::string multiple_of_4_error_text(const std::string& number) {
-  return std::stoul(number) % 4 == 0 ? std::string() : number + " is no multiple of 4";
+  size_t value = 0;
+  CLI::detail::lexical_cast(number, value);
+  return value % 4 == 0 ? std::string() : number + " is no multiple of 4";
 }
 
 void add_arguments(CLI::App& app, Arguments& arguments) {
@@ -144,8 +146,8 @@ int run(const Arguments& arguments) {
   describe("sgemm", bench::openblas_description());
   describe("peer", bench::onednn_description());
   describe("ratio", fmt::format("yardstick's thread CPU time / operation's; median and quartiles of {} rounds, at the "
-                                "worse of two places of the memory",
-                                n_round));
+                                "worst of these bytes past a page: {}",
+                                n_round, fmt::join(bench::places(), ", ")));
   fmt::print("\n");
 
   register_rows(rows, n_round);

@@ -48,8 +48,8 @@ struct Session {
     parlo_session_uri record{"cdsp", 4, id, module_uri.data(), module_length, uri, length};
     return control(PARLO_SESSION_GET_URI, record);
   }
-  int allow_unsigned() const {
-    parlo_session_unsigned_module record{domain, 1};
+  int allow_unsigned(bool is_allowed = true) const {
+    parlo_session_unsigned_module record{domain, is_allowed};
     return control(PARLO_SESSION_UNSIGNED_MODULE, record);
   }
   int open() {

@@ -1,5 +1,6 @@
 // The emulated platform, call by call: what it refuses and with which status, and what it keeps apart. Most stands in
 // tests/transcripts/Emulator*.txt.
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -80,7 +81,7 @@ class EmulatorScripts : public Transcript {
          tell(handle == 77 ? "no handle" : "a handle");
        }},
       {"close", [this](const Words& w) { return sessions_[w[0]].close(); }},
-      {"allow", [this](const Words& w) { return sessions_[w[0]].allow_unsigned(); }},
+      {"allow", [this](const Words& w) { return sessions_[w[0]].allow_unsigned(w.size() == 1); }},
       {"in_domain", [this](const Words& w) { sessions_[w[0]].domain = static_cast<int>(value(w[1])); }},
       {"with_handle", [this](const Words& w) { sessions_[w[0]].handle = value(w[1]); }},
       {"uri", [this](const Words& w) { return sessions_[w[0]].get_uri(uri_, static_cast<uint32_t>(value(w[1]))); }},
@@ -256,7 +257,8 @@ TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   EXPECT_EQ(status_of_child([&] {
               parlo_emulator_take_over();
               // A process that carries a session knows no copies of the session.
-              if (first.process() != 0) return first.invoke(self_test, {1, fd}) + second.invoke(acquire);
+              if (first.process() != 0)
+                return first.invoke(self_test, {1, fd}) + second.invoke(acquire) + second.close();
               Session more;
               if (more.open() + more.invoke(self_test, {0, fd}) + more.close() != 0) return 99;
               return first.invoke(self_test, {1, fd}) + second.close() + first.unmap(shared) + first.close();
@@ -265,6 +267,27 @@ TEST_F(Emulator, AForkedChildLeavesItsParentAlone) {
   EXPECT_EQ(*byte, 7);
   EXPECT_EQ(first.invoke(self_test, {1, fd}), 0);
   EXPECT_EQ(second.invoke(acquire), 0);
+
+  // Child and parent number the buffers that they allocate from now on alike.
+  const pid_t child = fork();
+  if (child == 0) {
+    raise(SIGSTOP);
+    parlo_mem_free(allocate(page).address);
+    _exit(0);
+  }
+  waitpid(child, nullptr, WUNTRACED);
+  const Shared later = allocate(page);
+  EXPECT_EQ(first.map(later), 0);
+  kill(child, SIGCONT);
+  waitpid(child, nullptr, 0);
+  Session more;
+  EXPECT_EQ(more.open() | more.close(), 0);  // forgets the buffers that are freed
+  EXPECT_EQ(first.invoke(self_test, {1, static_cast<uint32_t>(later.fd)}), 0);
+
+  const parlo_emulator_fault death = {PARLO_EMULATOR_FAULT_SESSION_LOST, PARLO_EMULATOR_HANDLE_INVOKE, -1, 1, 0, 0};
+  parlo_emulator_arm(&death);
+  EXPECT_EQ(second.invoke(acquire), PARLO_EMULATOR_SESSION_LOST);
+  EXPECT_EQ(status_of_child([&] { return second.close() == PARLO_EMULATOR_INHERITED ? 0 : 1; }), 0);
 }
 
 // The printed lines of calls, which are made of what the trace holds, stand in the transcripts.
@@ -282,6 +305,46 @@ TEST_F(Emulator, TraceHoldsCallsAndTheLinesThatAreAskedFor) {
     const std::vector arguments(call.arguments, call.arguments + call.n_arguments);
     EXPECT_EQ(std::tuple(call.operation, call.result, call.method, arguments, std::string(call.text)), expected[i]);
   }
+}
+
+// A timeline is cut where its process is killed, at the end of a page at the earliest, or where the disk is full.
+TEST_F(Emulator, TimelinesConsistOfWholeEventsOfOneProcess) {
+  const std::string name = testing::TempDir() + "timeline." + std::to_string(getpid());
+  for (const std::string behind : {".%p", ""}) {
+    const auto timeline = [&] { return file_contents(name + (behind.empty() ? "" : "." + std::to_string(getpid()))); };
+    setenv("PARLO_TRACE", (name + behind).c_str(), 1);
+    parlo_emulator_reset();
+    const auto names_thread = [&] {
+      parlo_mem_free(nullptr);
+      return timeline().find("main thread") != std::string::npos;
+    };
+    EXPECT_TRUE(names_thread());
+    const std::string before = timeline();
+    EXPECT_EQ(status_of_child([&] { return names_thread() ? 0 : 1; }), 0);
+    EXPECT_EQ(timeline(), before);
+  }
+  unsetenv("PARLO_TRACE");
+  const auto ends_with_event = [&](size_t length) {
+    const std::string text = file_contents(name).substr(0, length);
+    return text[text.find_last_not_of(" ,\n")] == '}';
+  };
+  parlo_emulator_begin_span(std::string(page + 1000, 'x').c_str());
+  parlo_emulator_end_span();
+  for (size_t i = 1; i < 9; ++i) EXPECT_TRUE(ends_with_event(i * page)) << i;
+
+  rlimit before;
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit full = {file_contents(name).size() + 200, before.rlim_max};
+  const auto handler = signal(SIGXFSZ, SIG_IGN);
+  testing::internal::CaptureStderr();
+  setrlimit(RLIMIT_FSIZE, &full);
+  for (int i = 0; i < 9; ++i) parlo_mem_free(nullptr);
+  setrlimit(RLIMIT_FSIZE, &before);
+  signal(SIGXFSZ, handler);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("the timeline ends: "), std::string::npos);
+  EXPECT_TRUE(ends_with_event(full.rlim_cur));
+  for (const auto& entry : std::filesystem::directory_iterator(testing::TempDir()))
+    if (entry.path().native().starts_with(name)) std::filesystem::remove(entry);
 }
 
 // Every allocation of each entry fails in turn: the entry says so and changes nothing, and the next try succeeds.

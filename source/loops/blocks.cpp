@@ -105,9 +105,9 @@ constexpr uint64_t side = 32;
 // Transposes eight columns of `side` rows of halves. Pitches are in bytes.
 void transpose_eight_halves(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch) {
   constexpr size_t rows = simd::wide_lanes_of_halves;
-  for (size_t r = 0; r < side; r += rows, from += rows * from_pitch, to += rows * 2) {
+  for (size_t r = 0; r < side; r += rows) {
     simd::wide_f16 row[8], zipped[8];
-    for (size_t i = 0; i < 8; ++i) row[i] = simd::load_eights(from + i * from_pitch, 8 * from_pitch);
+    for (size_t i = 0; i < 8; ++i) row[i] = simd::load_eights(from + (r + i) * from_pitch, 8 * from_pitch);
     // Each round interleaves rows i and i + 4. Three rounds transpose the eight rows.
     for (int again = 0; again < 3; ++again) {
       for (size_t i = 0; i < 4; ++i) {
@@ -116,7 +116,7 @@ void transpose_eight_halves(const std::byte* from, size_t from_pitch, std::byte*
       }
       std::copy(zipped, zipped + 8, row);
     }
-    for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch), row[i]);
+    for (size_t i = 0; i < 8; ++i) simd::store(reinterpret_cast<uint16_t*>(to + i * to_pitch + r * 2), row[i]);
   }
 }
 

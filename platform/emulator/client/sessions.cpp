@@ -25,6 +25,11 @@ bool is_own(const Session& session) {
   return !session.is_inherited;
 }
 
+// A context that begins while the first session ends has made its request, and opens the session next.
+Session successor(const Session& first) {
+  return {.unsigned_modules = first.n_coming != 0, .n_coming = first.n_coming};
+}
+
 }  // namespace
 
 Session* Sessions::find(auto named) {
@@ -113,13 +118,10 @@ std::shared_ptr<dsp::Space> Sessions::end(Session& session) {
   // In a forked child, the DSP half of a parent's session stays as it is: other threads of the parent may have been in
   // it at the time of the fork.
   if (session.is_inherited && space) new std::shared_ptr<dsp::Space>(std::exchange(space, nullptr));
-  if (&session == &first_) {
-    // A context that begins while the last one ends has made its request, and opens the session next.
-    const uint32_t n_coming = is_own(session) ? session.n_coming : 0;
-    first_ = {.unsigned_modules = n_coming != 0, .n_coming = n_coming};
-  } else {
+  if (&session == &first_)
+    first_ = successor(first_);
+  else
     others_.remove_if([&](const Session& other) { return &other == &session; });
-  }
   return space;
 }
 
@@ -174,7 +176,7 @@ Session* Sessions::named_by(const parlo_emulator_call& call) {
 Session& Sessions::set_aside(Session& session) {
   if (&session != &first_) return session;
   Session& former = others_.emplace_back();
-  return former = std::exchange(first_, {});
+  return former = std::exchange(first_, successor(first_));
 }
 
 std::shared_ptr<dsp::Space> Sessions::lose(Session* session) {
