@@ -413,6 +413,8 @@ TEST_P(SessionProcess, AMalformedRecordEndsItsSessionAlone) {
   const std::set<int> before = sockets();
   // A release comes alone and is not answered. The first of a session's sockets is that of its control.
   for (const size_t n_descriptor : {0u, 2u}) {
+    // qemu-user does not tell the receiver that descriptors were cut off.
+    if (n_descriptor != 0 && getenv("PARLO_DSP_LAUNCHER") != nullptr) continue;
     ASSERT_EQ(first.open(), 0);
     int control = -1;
     for (const int socket : sockets())
@@ -422,7 +424,8 @@ TEST_P(SessionProcess, AMalformedRecordEndsItsSessionAlone) {
     alignas(cmsghdr) char descriptors[CMSG_SPACE(2 * sizeof(int))] = {};
     const cmsghdr side = {CMSG_LEN(2 * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
     std::memcpy(descriptors, &side, sizeof side);  // two times the descriptor 0
-    const msghdr message = {nullptr, 0, &part, 1, descriptors, n_descriptor == 0 ? 0 : sizeof descriptors, 0};
+    msghdr message = {nullptr, 0, &part, 1, nullptr, 0, 0};
+    if (n_descriptor != 0) message.msg_control = descriptors, message.msg_controllen = sizeof descriptors;
     ASSERT_EQ(sendmsg(control, &message, 0), static_cast<ssize_t>(sizeof record));
     Session sibling;
     EXPECT_EQ(sibling.open(), n_descriptor == 0 ? 0 : int{PARLO_EMULATOR_SESSION_LOST});

@@ -14,7 +14,7 @@
 namespace tool {
 namespace {
 
-constexpr size_t bits_of[] = {4, 8, 8, 32, 16, 32};  // of an element of each type
+constexpr size_t element_bits[] = {4, 8, 8, 32, 16, 32};  // of an element of each type
 constexpr int untouched = 0x7e;             // byte value; halves and floats of such bytes are NaN or very large
 constexpr uint64_t elements_around = 1024;  // before the first element of a tensor, and behind the result's last
 
@@ -110,7 +110,7 @@ UpperCall::UpperCall(const Kernel& kernel, const OperandSet& operands, size_t ro
 }
 
 void UpperCall::allocate(char operand, morun_tensor& tensor, int filler) {
-  const uint64_t n_byte = tensor.num_elements * bits_of[tensor.data_dtype] / 8;
+  const uint64_t n_byte = tensor.num_elements * element_bits[tensor.data_dtype] / 8;
   if (kernel_.form.shares(operand)) {
     const int32_t status = morun_npu_alloc(n_byte, &tensor.data);
     if (status != MORUN_SUCCESS) throw Error("{} bytes cannot be shared with the DSP: status {}", n_byte, status);
@@ -146,7 +146,7 @@ void UpperCall::write_weights(const Matrix& w) {
     for (size_t i = 0; i < places.size(); ++i) elements<uint16_t>(right)[places[i]] = half::bits(w.values[i]);
     return;
   }
-  auto* const base = static_cast<uint8_t*>(right.data) + right.data_offset * bits_of[right.data_dtype] / 8;
+  auto* const base = static_cast<uint8_t*>(right.data) + right.data_offset * element_bits[right.data_dtype] / 8;
   for (size_t i = 0; i < w.values.size(); ++i) {
     write_weight(kernel_.weights, base, i / w.n_col, i % w.n_col, w.n_col, w.values[i]);
   }
@@ -168,7 +168,7 @@ double UpperCall::result(size_t, size_t r, size_t c) const {
 
 bool UpperCall::leaves_the_rest() const {
   const morun_tensor& result = call_.tensors[0];
-  const size_t n_byte = bits_of[result.data_dtype] / 8;
+  const size_t n_byte = element_bits[result.data_dtype] / 8;
   std::vector<char> is_left(result.num_elements * n_byte, 1);
   for (size_t r = 0; r < result.dims[0]; ++r) {
     for (size_t c = 0; c < result.dims[1]; ++c) {

@@ -31,8 +31,8 @@ std::string version_text(bool as_json) {
   if (const std::string label = MORUN_VERSION_PRERELEASE; !label.empty()) version += "-" + label;
   const nlohmann::ordered_json whole = {{"version", version},
                                         {"backends", names(vector_backends(MORUN_BACKENDS_BUILT))},
-                                        {"build_type", MORUN_BUILD_TYPE},
-                                        {"compiler", MORUN_COMPILER},
+                                        {"build_type", std::string(build_type)},
+                                        {"compiler", std::string(compiler)},
                                         {"commit", std::string(commit)}};
   return whole.dump(2);
 }
