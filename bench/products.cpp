@@ -173,10 +173,12 @@ const ProductOnThreads products_on_threads[] = {
 };
 constexpr Shape shape_on_threads = {1024, 4096, 4096};
 
+std::function<void()> operation(const ProductOnThreads& p, const Shape& shape, const std::shared_ptr<Npu>& npu) {
+  return prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, {}, p.multiply, no_peer}, shape, npu).operation;
+}
+
 Work prepare(const ProductOnThreads& p) {
-  Work work = prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, {}, p.multiply, no_peer}, shape_on_threads,
-                      std::make_shared<Npu>());
-  const auto on_one = work.operation;
+  const auto on_one = operation(p, shape_on_threads, std::make_shared<Npu>());
   return {[on_one] { run_on_processors(2, on_one); }, {"1 thread", on_one}, {}, Clock::wall};
 }
 
@@ -186,11 +188,8 @@ constexpr Shape shape_in_threads = {128, 2048, 2048};
 Work prepare_in_two_threads(const ProductOnThreads& p, size_t n_context) {
   std::vector<std::shared_ptr<Npu>> npus;
   for (size_t i = 0; i < n_context; ++i) npus.push_back(std::make_shared<Npu>());
-  const auto product = [&p](const std::shared_ptr<Npu>& npu) {
-    return prepare({p.name, p.A_bytes, p.X_bytes, p.W_bytes, 1, {}, {}, p.multiply, no_peer}, shape_in_threads, npu)
-        .operation;
-  };
-  const auto first = product(npus.front()), second = product(npus.back());
+  const auto first = operation(p, shape_in_threads, npus.front());
+  const auto second = operation(p, shape_in_threads, npus.back());
   return {[first, second] { run_in_two_threads(first, second); },
           {"in turn", [first, second] { first(), second(); }},
           {},
