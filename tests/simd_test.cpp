@@ -480,13 +480,13 @@ class Comparison {
 };
 
 // Zeros, subnormals, powers of two and their neighbours, the largest, infinity and NaN, with every other value. Each pair
-// of factors meets every thirteenth addend, from a start of its own.
+// of factors meets one addend in 101, from a start of its own.
 TEST(HalfMultiplyAdd, IsExactForNotableFactorsAndEveryAddend) {
   Comparison comparison;
   uint32_t start = 0;
   for (size_t i = 0; i < 2 * std::size(special_halves); i += 2)
     for (size_t j = i; j < 2 * std::size(special_halves); j += 7, ++start)
-      for (uint32_t any = start % 13; any < 0x10000; any += 13) {
+      for (uint32_t any = start % 101; any < 0x10000; any += 101) {
         const uint16_t a = special_half(i), b = special_half(j), c = static_cast<uint16_t>(any);
         comparison.add({a, b, c});
         if (i % 3 == 0) comparison.add({c, a, b});
@@ -498,7 +498,7 @@ TEST(HalfMultiplyAdd, IsExactForNotableFactorsAndEveryAddend) {
 TEST(HalfMultiplyAdd, IsExactBesideTiesAndUnderCancellation) {
   test::Random random(1);
   Comparison comparison;
-  for (size_t i = 0; i < 1 << 18; ++i) {
+  for (size_t i = 0; i < 1 << 16; ++i) {
     const uint64_t bits = random.bits();
     auto a = static_cast<uint16_t>(bits), b = static_cast<uint16_t>(bits >> 16), c = static_cast<uint16_t>(bits >> 32);
     const auto nudge = [&](uint16_t pattern) { return static_cast<uint16_t>(pattern + (bits >> 50) % 5 - 2); };
@@ -517,7 +517,7 @@ TEST(HalfMultiplyAdd, IsExactBesideTiesAndUnderCancellation) {
     if (kind == 5) a = with_exponent(a & 0x8003, 15 + b % 12), b = nudge(0x3c00), c = nudge((c & sign_bit) | 0x7bfd);
     comparison.add({a, b, c});
   }
-  EXPECT_GT(comparison.n_double_rounded(), 13'000u);  // the triples are hard ones
+  EXPECT_GT(comparison.n_double_rounded(), 3'250u);  // the triples are hard ones
 }
 
 TEST_F(Simd, HalfSumsAreBroadcastAndWidened) {

@@ -1,6 +1,7 @@
-// Each lane of a register holds one of the four sums whose order is prescribed. A panel is eight columns of the result.
-// The panel's sums of one row, or the panel's weights of four inner indices, stand in wide vectors, one behind the other:
-// the four lanes of each of the columns 0 4 1 5 2 6 3 7. The activation is broadcast four values at a time.
+// Each lane of a register holds one of the four sums whose order is prescribed. A panel is as many columns of the result
+// as four wide vectors hold: one or two times eight. The panel's sums of one row, or the panel's weights of four inner
+// indices, stand in the vectors, one behind the other: the four lanes of each of the columns 0 4 1 5 2 6 3 7, then of
+// the next eight columns alike. The activation is broadcast four values at a time.
 //
 // Inner indices are taken in steps of eight. Four zeros may fill up the last step. Adding zeros leaves every sum as it
 // is, because no sum is -0.
@@ -23,20 +24,24 @@ namespace simd = morun::simd;
 
 constexpr size_t n_lane = 4;
 constexpr size_t step = 8;
-constexpr size_t panel_columns = 8;
-constexpr size_t panel_lanes = panel_columns * n_lane;
-constexpr size_t n_vector = panel_lanes / simd::wide_lanes;
-// The rows whose sums fill the registers, and leave some to the activation and the weights: 3, or 12 with wide vectors of
-// 16 lanes.
-constexpr size_t group_rows = size_t{3} * 16 / (n_vector * n_vector);
+constexpr size_t n_vector = 4;
+constexpr size_t panel_lanes = n_vector * simd::wide_lanes;
+constexpr size_t panel_columns = panel_lanes / n_lane;
+// The rows whose sums fill the registers, and leave some to the activation and the weights. Vectors of 16 lanes come
+// with twice as many registers.
+constexpr bool has_many_registers = simd::wide_lanes == 16;
+constexpr size_t group_rows = has_many_registers ? 6 : 3;
 
 // The largest extents of a block. The block's widened activation stays in the second-level cache, and a panel's weights
 // stay in the first-level cache. The rows are whole groups. All working memory together is less than 1 MiB.
-constexpr size_t block_rows = group_rows * (group_rows == 3 ? 43 : 13), block_columns = 256, block_inner = 512;
+constexpr size_t block_rows = has_many_registers ? 156 : 129, block_columns = 256;
+constexpr size_t block_inner = has_many_registers ? 384 : 512;
 // With at most few_rows rows, each group of rows widens the weights again, which costs less than storing them widened.
-constexpr size_t few_rows = std::max<size_t>(6, group_rows), few_rows_inner = 1024;
+constexpr size_t few_rows = 6, few_rows_inner = 1024;
 // A single group of rows reads each weight only once. Longer runs along a column then read memory faster.
 constexpr size_t single_group_inner = 4096;
+
+constexpr size_t results_at_once = 8;
 
 constexpr size_t line_halves = Scratch::line / sizeof(uint16_t);
 constexpr size_t weights_lead = 512;  // halves of a column between the prefetch and the use
@@ -50,7 +55,7 @@ Range range_from(size_t begin, size_t most, size_t end) {
   return {begin, begin + std::min(most, end - begin)};
 }
 
-// The activation and the sums of up to three rows.
+// The activation and the sums of one group of rows.
 struct Group {
   const float* activation;  // [four][row]
   float* sums;              // [row][vector]
@@ -62,7 +67,7 @@ using Sums = simd::wide_f32[n_row][n_vector];
 
 template <size_t n_row>
 void load_sums(const Group& group, Sums<n_row>& sums) {
-#pragma GCC unroll 12
+#pragma GCC unroll 6
   for (size_t i = 0; i < n_row; ++i)
 #pragma GCC unroll 4
     for (size_t v = 0; v < n_vector; ++v)
@@ -71,7 +76,7 @@ void load_sums(const Group& group, Sums<n_row>& sums) {
 }
 template <size_t n_row>
 void store_sums(const Sums<n_row>& sums, const Group& group) {
-#pragma GCC unroll 12
+#pragma GCC unroll 6
   for (size_t i = 0; i < n_row; ++i)
 #pragma GCC unroll 4
     for (size_t v = 0; v < n_vector; ++v) simd::store(group.sums + i * panel_lanes + simd::wide_lanes * v, sums[i][v]);
@@ -94,7 +99,7 @@ void accumulate_four(const float* activation, const float* weights, Sums<n_row>&
     simd::wide_f32 w[n_vector];
 #pragma GCC unroll 4
     for (size_t v = 0; v < n_vector; ++v) w[v] = simd::load_wide(weights + simd::wide_lanes * v);
-#pragma GCC unroll 12
+#pragma GCC unroll 6
     for (size_t i = 0; i < n_row; ++i) {
       const simd::wide_f32 x = simd::broadcast_four_wide(activation + i * n_lane);
 #pragma GCC unroll 4
@@ -123,7 +128,7 @@ constexpr size_t parts = simd::wide_lanes / n_lane;  // columns in a vector
 
 // The weights of a panel in the order of memory.
 struct Columns {
-  const uint16_t* column[panel_columns];  // 0 4 1 5 2 6 3 7
+  const uint16_t* column[panel_columns];  // in the order of the panel's lanes
   size_t to_next_panel;                   // halves
 
   // Prefetches one cache line of each column. Near the end of the block, the function prefetches the first lines of the
@@ -147,7 +152,7 @@ void accumulate_halves(size_t n_inner, const Group& group, const Columns& column
   for (size_t k = 0; k < n_inner; k += step) {
     if (k % line_halves == 0) keep ? columns.fetch(k + fetched_lead) : columns.fetch_ahead(k, n_inner);
     // Two vectors at a time, or one where registers are few.
-    constexpr size_t at_once = n_vector == 2 ? 2 : 1;
+    constexpr size_t at_once = has_many_registers ? 2 : 1;
 #pragma GCC unroll 4
     for (size_t begin = 0; begin < n_vector; begin += at_once) {
       simd::wide_f32 first[at_once], second[at_once];
@@ -159,13 +164,13 @@ void accumulate_halves(size_t n_inner, const Group& group, const Columns& column
           simd::store(widened + panel_lanes + simd::wide_lanes * (begin + v), second[v]);
         }
       }
-#pragma GCC unroll 12
+#pragma GCC unroll 6
       for (size_t i = 0; i < n_row; ++i) {
         const simd::wide_f32 x = simd::broadcast_four_wide(activation + i * n_lane);
 #pragma GCC unroll 2
         for (size_t v = 0; v < at_once; ++v) sums[i][begin + v] = simd::multiply_add(x, first[v], sums[i][begin + v]);
       }
-#pragma GCC unroll 12
+#pragma GCC unroll 6
       for (size_t i = 0; i < n_row; ++i) {
         const simd::wide_f32 x = simd::broadcast_four_wide(activation + (n_row + i) * n_lane);
 #pragma GCC unroll 2
@@ -331,7 +336,7 @@ struct HostProduct {
             next_column < columns.end
                 ? fetcher(W, range_from(next_column, panel_columns, columns.end), inner, n_share)
                 : fetcher(W, range_from(columns.begin, panel_columns, columns.end), next_inner, n_share);
-        accumulate_panel(column, rows.size(), inner, working, sums_of_panel(c, rows, working), [&] {
+        accumulate_panel(column, rows.size(), inner, working, sums_of(0, c, rows, working), [&] {
           next_weights.fetch_share();
           next_activation.fetch_share();
         });
@@ -340,8 +345,8 @@ struct HostProduct {
     } while (k < n_inner_in_lanes());
     const Tails tails = tails_of(columns);
     for (size_t row = 0; row < rows.size(); ++row)  // not panel by panel: rows of the result may lie pages apart
-      for (size_t c = 0; c < columns.size(); c += panel_columns)
-        finish_sums(rows.begin + row, columns, c, sums_of_panel(c, rows, working) + row * panel_lanes, tails);
+      for (size_t c = 0; c < columns.size(); c += results_at_once)
+        finish_sums(rows.begin + row, columns, c, sums_of(row, c, rows, working), tails);
   }
 
   // Fetches a piece of the rows of the activation, or of the columns of the weights, in n_share shares.
@@ -350,9 +355,10 @@ struct HostProduct {
             lines.size(), n_share};
   }
 
-  // The sums of the panel at column c of the block.
-  static float* sums_of_panel(size_t c, Range rows, const Working& working) {
-    return working.sums + c * rows.size() * n_lane;
+  // The sums of a row of the block from column c on, where a panel or eight columns begin.
+  static float* sums_of(size_t row, size_t c, Range rows, const Working& working) {
+    const size_t in_panel = c % panel_columns;
+    return working.sums + ((c - in_panel) * rows.size() + row * panel_columns + in_panel) * n_lane;
   }
 
   void widen_activation(Range rows, Range inner, float* activation) const {
@@ -367,7 +373,7 @@ struct HostProduct {
     });
   }
 
-  // Adds the terms of a piece to the sums of the panel of eight columns that starts at `column`. Calls fetch_share()
+  // Adds the terms of a piece to the sums of the panel that starts at `column`. Calls fetch_share()
   // before each group of rows when the groups share the widened weights. Otherwise each group prefetches by itself.
   template <class FetchShare>
   void accumulate_panel(size_t column, size_t n_rows, Range inner, const Working& working, float* sums,
@@ -387,7 +393,7 @@ struct HostProduct {
   Columns columns_at(size_t first, size_t k) const {
     Columns columns;
     for (size_t i = 0; i < panel_columns; ++i) {
-      const size_t c = i / 2 + i % 2 * 4;
+      const size_t c = i / 8 * 8 + i % 8 / 2 + i % 2 * 4;
       columns.column[i] = W + std::min(first + c, n_col - 1) * n_inner + k;
     }
     columns.to_next_panel = panel_columns * n_inner;
@@ -414,8 +420,8 @@ struct HostProduct {
   }
 
   static void store_results(simd::f16x8 results, size_t n_left, uint16_t* to) {
-    if (n_left >= panel_columns) return simd::store(to, results);
-    uint16_t values[panel_columns];
+    if (n_left >= results_at_once) return simd::store(to, results);
+    uint16_t values[results_at_once];
     simd::store(values, results);
     memcpy(to, values, n_left * sizeof(uint16_t));
   }
