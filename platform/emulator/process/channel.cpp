@@ -1,6 +1,7 @@
 #include "platform/emulator/process/channel.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -14,6 +15,8 @@ namespace {
 
 // Sockets stand above the descriptors of shared buffers, which have to be low numbers.
 constexpr int lowest_descriptor = 600;
+
+constexpr std::chrono::microseconds time_awake{20};
 
 Descriptor moved_up(Descriptor socket) {
   Descriptor moved(fcntl(socket.number(), F_DUPFD_CLOEXEC, lowest_descriptor));
@@ -105,6 +108,19 @@ ssize_t Channel::repeated(auto transfer) const {
   }
 }
 
+// Waking a thread on another processor takes longer than a small method does. A receiver therefore looks for the record
+// again and again at first, and lets other threads run between two looks. Then it sleeps until the record arrives.
+ssize_t Channel::received(auto receive) const {
+  using Clock = std::chrono::steady_clock;
+  const auto begin = Clock::now();
+  do {
+    const ssize_t n = receive(MSG_DONTWAIT);
+    if (n >= 0 || errno != EAGAIN) return n;
+    sched_yield();
+  } while (Clock::now() - begin < time_awake);
+  return repeated([&] { return receive(0); });
+}
+
 Transfer Channel::send(const void* record, size_t size, int descriptor, bool at_once) const {
   const int flags = MSG_NOSIGNAL | (at_once ? MSG_DONTWAIT : 0);
   if (descriptor < 0)  // the cheaper call
@@ -115,7 +131,7 @@ Transfer Channel::send(const void* record, size_t size, int descriptor, bool at_
 }
 
 Transfer Channel::receive(void* record, size_t size) const {
-  const ssize_t n = repeated([&] { return recv(number(), record, size, MSG_TRUNC); });
+  const ssize_t n = received([&](int flags) { return recv(number(), record, size, flags | MSG_TRUNC); });
   if (n < 0) return failure(errno);
   if (n == 0) return Transfer::ended;
   return static_cast<size_t>(n) == size ? Transfer::done : Transfer::bad;
@@ -123,7 +139,7 @@ Transfer Channel::receive(void* record, size_t size) const {
 
 Transfer Channel::receive(void* record, size_t size, Descriptor& descriptor) const {
   Message message(record, size);
-  const ssize_t n = repeated([&] { return recvmsg(number(), &message.header, MSG_CMSG_CLOEXEC); });
+  const ssize_t n = received([&](int flags) { return recvmsg(number(), &message.header, flags | MSG_CMSG_CLOEXEC); });
   if (n < 0) return failure(errno);
   descriptor = Descriptor(message.take());
   if (n == 0) return Transfer::ended;

@@ -68,6 +68,7 @@ class Channel {
   Transfer receive(void* record, size_t size, Descriptor& descriptor) const;
 
   ssize_t repeated(auto transfer) const;
+  ssize_t received(auto receive) const;
 
   Descriptor socket_;
   std::chrono::milliseconds limit_{0};
