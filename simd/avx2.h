@@ -35,6 +35,7 @@ inline void store_streaming(float* p, f32x8 a) {
 inline void store_streaming(uint16_t* p, f16x8 a) {
   _mm_stream_si128(reinterpret_cast<__m128i*>(p), a.v);
 }
+inline constexpr bool has_streaming_stores = true;
 inline void fence_streaming() {
   _mm_sfence();
 }

@@ -8,8 +8,6 @@
 
 namespace morun::simd::inline MORUN_BACKEND {
 
-inline constexpr size_t cache_line = 64;  // bytes
-
 // Fetches memory that will be read soon into the second-level cache, a share at a time. A burst of prefetches waits for
 // memory as long as the reads would. A few prefetches between multiplications wait for nothing. The memory consists of
 // pieces that stand `pitch` bytes apart.

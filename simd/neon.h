@@ -37,6 +37,7 @@ inline void store_streaming(float* p, f32x8 a) {
 inline void store_streaming(uint16_t* p, f16x8 a) {
   store(p, a);
 }
+inline constexpr bool has_streaming_stores = false;
 inline void fence_streaming() {}
 inline void prefetch(const void* p) {
   __builtin_prefetch(p);

@@ -40,6 +40,7 @@ inline void store_streaming(float* p, f32x8 v) {
 inline void store_streaming(uint16_t* p, f16x8 v) {
   store(p, v);
 }
+inline constexpr bool has_streaming_stores = false;
 inline void fence_streaming() {}
 inline void prefetch(const void*) {}
 inline void prefetch_outer(const void*) {}

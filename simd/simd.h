@@ -11,7 +11,8 @@
 //
 //   load, store               need no alignment
 //   store_streaming           writes past the caches; the address is a multiple of the vector's size; a loop of
-//                             streaming stores ends with fence_streaming()
+//                             streaming stores ends with fence_streaming(); like store where has_streaming_stores is
+//                             false
 //   store_fours(lower, upper, a)  stores the lower four lanes of an f32x8 at `lower`, the upper four at `upper`
 //   broadcast_four            loads four floats into the lower and into the upper lanes
 //   broadcast, add, multiply  round once
@@ -121,6 +122,8 @@
 #endif
 
 namespace morun::simd::inline MORUN_BACKEND {
+
+inline constexpr size_t cache_line = 64;  // bytes
 
 inline void transpose_words(const std::byte* source, size_t source_pitch, std::byte* destination,
                             size_t destination_pitch) {

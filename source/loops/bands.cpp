@@ -11,7 +11,7 @@ namespace {
 
 namespace simd = morun::simd;
 
-constexpr size_t line_bytes = Scratch::line;
+constexpr size_t line_bytes = simd::cache_line;
 constexpr size_t word_column_bytes = band_rows * 4;
 // A strip is one cache line of each row of a band. In the tiled layouts a strip occupies one piece of contiguous bytes:
 // a tile of f16, or columns of words.

@@ -13,16 +13,32 @@ namespace simd = morun::simd;
 constexpr size_t pair_cols = 2 * tile_side;  // two tiles side by side: a cache line of each row
 
 // The function copies few rows at a time, because the cache lines of many rows would compete for the same sets.
-template <bool streaming>
 void copy_byte_rows(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
   constexpr uint64_t group_rows = 8;
   for (uint64_t row = 0; row < n_row; row += group_rows) {
     const uint8_t* const from = src + row * n_col;
     uint8_t* to = dst + row / tall_tile_rows * tall_tile_rows * n_col + row % tall_tile_rows * tile_side;
     for (uint64_t column = 0; column < n_col; column += tile_side, to += tall_tile_elements)
-      for (uint64_t i = 0; i < group_rows; ++i)
-        put<streaming>(to + i * tile_side, simd::load(from + i * n_col + column));
+      for (uint64_t i = 0; i < group_rows; ++i) simd::store(to + i * tile_side, simd::load(from + i * n_col + column));
   }
+}
+
+// Does the same past the caches. The tiles come one after the other, as they lie in memory.
+void stream_byte_rows(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
+  constexpr uint64_t at_once = 8;
+  StreamWriter<uint8_t, at_once * tile_side> tiles;
+  tiles.begin(dst);
+  for (uint64_t band = 0; band < n_row; band += tall_tile_rows)
+    for (uint64_t column = 0; column < n_col; column += tile_side)
+      for (uint64_t row = band; row < band + tall_tile_rows; row += at_once) {
+        uint8_t* const to = tiles.room();
+        for (uint64_t i = 0; i < at_once; ++i) {
+          simd::store(to + i * tile_side, simd::load(src + (row + i) * n_col + column));
+        }
+        tiles.commit(at_once * tile_side);
+      }
+  tiles.end();
+  simd::fence_streaming();
 }
 
 // Packs 32 rows of two tiles. Eight columns of a row form one word, and each column of words becomes 128 contiguous
@@ -53,9 +69,8 @@ void pack_edge(const uint8_t* rows, size_t pitch, size_t n_row, size_t n_col, st
 
 void byte_rows_to_tiles(uint64_t n_row, uint64_t n_col, const uint8_t* src, uint8_t* dst) {
   if (n_col == 0) return;
-  if (!should_stream(2 * n_row * n_col, dst)) return copy_byte_rows<false>(n_row, n_col, src, dst);
-  copy_byte_rows<true>(n_row, n_col, src, dst);
-  simd::fence_streaming();
+  if (should_stream(2 * n_row * n_col, dst)) return stream_byte_rows(n_row, n_col, src, dst);
+  copy_byte_rows(n_row, n_col, src, dst);
 }
 
 // Streaming stores bring no gain here up to about 50 MB, because the function writes only half as many bytes as it

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "source/loops/quantise.h"
+#include "source/loops/scratch.h"
 
 namespace tavik::inline MORUN_BACKEND {
 namespace {
@@ -85,7 +86,7 @@ struct Tiles {
 //
 // To8Bits stores 8 bits with an offset of 128. Kept: the sum adds v + 128 before v + 128 is cut to the 8 bits that are
 // stored.
-template <class Layout, bool streaming>
+template <class Layout>
 class To8Bits {
  public:
   static constexpr float divisor = 127;
@@ -93,7 +94,7 @@ class To8Bits {
   To8Bits(const Layout& layout, uint64_t row) : row_(layout.row(row)) {}
   simd::i32x8 put_segment(uint64_t column, const float* from, simd::f32x8 inverse, simd::i32x8 sums) const {
     const simd::u8x32 bytes = simd::flip_top_bits(simd::scale_to_bytes(from, inverse));
-    put<streaming>(segment(column), bytes);
+    simd::store(segment(column), bytes);
     return simd::add_bytes(sums, bytes);
   }
   static uint32_t total(simd::i32x8 sums, uint64_t) { return simd::sum(sums); }
@@ -170,10 +171,10 @@ void quantise_ordinary(const float* src, const float* end, uint64_t n_col, const
               quantise_singly(src + r * n_col, c, n_col, steps[r].inverse, rows[r]);
 }
 
+// `end` is the end of the source, which may have more rows.
 template <class Row, class Destination>
-void quantise_activation(uint64_t n_row, uint64_t n_col, const float* src, const Destination& dst, float* scales,
-                         uint32_t* sums) {
-  const float* const end = src + n_row * n_col;
+void quantise_activation(uint64_t n_row, uint64_t n_col, const float* src, const float* end, const Destination& dst,
+                         float* scales, uint32_t* sums) {
   uint64_t r = 0;
   while (r < n_row) {
     const float* const from = src + r * n_col;
@@ -196,29 +197,42 @@ void quantise_activation(uint64_t n_row, uint64_t n_col, const float* src, const
   }
 }
 
-template <class Layout>
-void quantise_to_u8(uint64_t n_row, uint64_t n_col, const float* src, const Layout& layout, float* scales,
-                    uint32_t* sums, bool streaming) {
-  if (!streaming) return quantise_activation<To8Bits<Layout, false>>(n_row, n_col, src, layout, scales, sums);
-  quantise_activation<To8Bits<Layout, true>>(n_row, n_col, src, layout, scales, sums);
+// Does the work of f32_rm_to_u8_ah for the rows of whole tiles, past the caches. Collects the tiles of 64 rows, which are
+// neighbours in memory. Returns the number of rows that are done: none where there is no memory to collect tiles in.
+uint64_t stream_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
+                         uint32_t* sums) {
+  const uint64_t n_collected = tall_tile_rows * n_col;
+  const Scratch scratch(n_collected);
+  if (!scratch) return 0;
+  const Tiles tiles = {reinterpret_cast<uint8_t*>(scratch.bytes()), n_col / tile_side};
+  uint64_t row = 0;
+  for (; row + tall_tile_rows <= n_row; row += tall_tile_rows) {
+    quantise_activation<To8Bits<Tiles>>(tall_tile_rows, n_col, src + row * n_col, src + n_row * n_col, tiles,
+                                        scales + row, sums + row);
+    copy_streaming(dst + row * n_col, tiles.dst, n_collected);
+  }
   simd::fence_streaming();
+  return row;
 }
 
 }  // namespace
 
 void f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales, uint32_t* sums) {
-  const bool streaming = should_stream(5 * n_row * n_col, dst) && n_col % segment_cols == 0;
-  quantise_to_u8(n_row, n_col, src, RowMajor{dst, n_col}, scales, sums, streaming);
+  quantise_activation<To8Bits<RowMajor>>(n_row, n_col, src, src + n_row * n_col, RowMajor{dst, n_col}, scales, sums);
 }
 
 void f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales, uint32_t* sums) {
-  const Tiles tiles = {dst, divide_up(n_col, tile_side)};
-  quantise_to_u8(n_row, n_col, src, tiles, scales, sums, should_stream(5 * n_row * n_col, dst));
+  const bool streams = should_stream(5 * n_row * n_col, dst) && n_col % segment_cols == 0;
+  const uint64_t done = streams ? stream_to_tiles(n_row, n_col, src, dst, scales, sums) : 0;
+  const Tiles rest = {dst + done * n_col, divide_up(n_col, tile_side)};
+  quantise_activation<To8Bits<Tiles>>(n_row - done, n_col, src + done * n_col, src + n_row * n_col, rest, scales + done,
+                                      sums + done);
 }
 
 void f32_rm_to_u16_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* high, uint8_t* low, float* scales,
                       uint32_t* sums) {
-  quantise_activation<To16Bits>(n_row, n_col, src, Planes{{high, n_col}, {low, n_col}}, scales, sums);
+  quantise_activation<To16Bits>(n_row, n_col, src, src + n_row * n_col, Planes{{high, n_col}, {low, n_col}}, scales,
+                                sums);
 }
 
 }  // namespace tavik::inline MORUN_BACKEND

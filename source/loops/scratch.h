@@ -5,21 +5,22 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "simd/simd.h"
 #include "source/tiles.h"
 
 namespace tavik::inline MORUN_BACKEND {
 
 class Scratch {
  public:
-  explicit Scratch(size_t size) : bytes_(static_cast<std::byte*>(aligned_alloc(line, round_up(size, line)))) {}
+  explicit Scratch(size_t size)
+      : bytes_(
+            static_cast<std::byte*>(aligned_alloc(morun::simd::cache_line, round_up(size, morun::simd::cache_line)))) {}
   ~Scratch() { free(bytes_); }
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
 
   std::byte* bytes() const { return bytes_; }
   explicit operator bool() const { return bytes_ != nullptr; }
-
-  static constexpr size_t line = 64;  // bytes of a cache line
 
  private:
   std::byte* bytes_;

@@ -43,7 +43,7 @@ constexpr size_t single_group_inner = 4096;
 
 constexpr size_t results_at_once = 8;
 
-constexpr size_t line_halves = Scratch::line / sizeof(uint16_t);
+constexpr size_t line_halves = simd::cache_line / sizeof(uint16_t);
 constexpr size_t weights_lead = 512;  // halves of a column between the prefetch and the use
 constexpr size_t fetched_lead = 64;   // the same, when the second-level cache has the column already
 

@@ -25,7 +25,7 @@ void pack_group(const uint8_t* rows, uint64_t pitch, uint8_t* group) {
 void pack_groups(const uint8_t* rows, uint64_t pitch, uint64_t n_tile, uint8_t* group, uint64_t tile_pitch) {
   for (uint64_t tile = 0; tile < n_tile; ++tile, rows += tile_side, group += tile_pitch) {
     for (size_t i = 0; tile % 2 == 0 && i < group_rows; ++i) simd::prefetch_ahead(rows, (group_rows + i) * pitch);
-    fetch_for_put<false>(group, group_bytes, group_bytes);
+    fetch_ahead(group, group_bytes, group_bytes);
     pack_group(rows, pitch, group);
   }
 }
