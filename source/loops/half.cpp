@@ -42,15 +42,15 @@ void rows_to_pair(const float* even, const float* odd, uint16_t* pair) {
   }
 }
 
-// Does the inverse of rows_to_pair. `odd` is NULL when the pair has no odd row.
-void pair_to_rows(const uint16_t* pair, float* even, float* odd) {
+// Does the inverse of rows_to_pair. The pair may have no odd row.
+void pair_to_rows(const uint16_t* pair, float* even, float* odd, bool is_pair) {
   // Writes 16 values, a whole cache line, of the even row, and then 16 values of the odd row.
   for (size_t i = 0; i < tile_side; i += 16) {
     const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
     const simd::f16x8 c = simd::load(pair + 2 * i + 16), d = simd::load(pair + 2 * i + 24);
     simd::store(even + i, simd::widen(simd::unzip_even(a, b)));
     simd::store(even + i + 8, simd::widen(simd::unzip_even(c, d)));
-    if (!odd) continue;
+    if (!is_pair) continue;
     simd::store(odd + i, simd::widen(simd::unzip_odd(a, b)));
     simd::store(odd + i + 8, simd::widen(simd::unzip_odd(c, d)));
   }
@@ -62,7 +62,8 @@ void rows_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint16_t* d
     const float* const even = src + row * n_col + tile * tile_side;
     uint16_t* const pair = dst + place_of_pair(row, tile, n_col);
     fetch_ahead(pair, tiles_ahead * tile_elements, 2 * tile_side);
-    rows_to_pair(even, is_pair ? even + n_col : zeros, pair);
+    const float* const odd = is_pair ? even + n_col : zeros;
+    rows_to_pair(even, odd, pair);
   });
 }
 
@@ -89,7 +90,7 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
     float* const even = dst + row * n_col + tile * tile_side;
     fetch_ahead(even, tiles_ahead * tile_side, tile_side);
     if (is_pair) fetch_ahead(even + n_col, tiles_ahead * tile_side, tile_side);
-    pair_to_rows(src + place_of_pair(row, tile, n_col), even, is_pair ? even + n_col : nullptr);
+    pair_to_rows(src + place_of_pair(row, tile, n_col), even, even + n_col, is_pair);
   });
 }
 
@@ -105,13 +106,13 @@ void stream_tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, f
         float* const to = dst + row * n_col + first * tile_side;
         const bool is_pair = row + 1 < n_row;
         even.begin(to);
-        if (is_pair) odd.begin(to + n_col);
+        odd.begin(to + n_col);
         even.fetch_ends(to, 2 * n_col, width);
         odd.fetch_ends(to, 3 * n_col, width);
         for (uint64_t tile = first; tile < end; ++tile) {
           const uint16_t* const pair = src + place_of_pair(row, tile, n_col);
           fetch_ahead(pair, fetched_tiles * tile_elements, 3 * tile_side);  // lines, of which a pair may touch three
-          pair_to_rows(pair, even.room(), is_pair ? odd.room() : nullptr);
+          pair_to_rows(pair, even.room(), odd.room(), is_pair);
           even.commit(tile_side);
           if (is_pair) odd.commit(tile_side);
         }

@@ -29,10 +29,12 @@ size_t elements_before_line(const T* p) {
 }
 
 // Prefetches the `count` elements that begin `distance` elements behind `p`; where they begin within a cache line, all but
-// the last few.
+// the last few. On Arm, which has no streaming stores, the function does nothing: the processor recognises by itself that
+// whole lines are written.
 template <class T>
 void fetch_ahead(const T* p, size_t distance, size_t count) {
-  for (size_t i = 0; i < count; i += line_elements<T>) morun::simd::prefetch_ahead(p, distance + i);
+  for (size_t i = 0; morun::simd::has_streaming_stores && i < count; i += line_elements<T>)
+    morun::simd::prefetch_ahead(p, distance + i);
 }
 
 // Copies a cache line past the caches.
