@@ -11,8 +11,8 @@
 //
 //   load, store               need no alignment
 //   store_streaming           writes past the caches; the address is a multiple of the vector's size; a loop of
-//                             streaming stores ends with fence_streaming(); like store where has_streaming_stores is
-//                             false
+//                             streaming stores ends with fence_streaming(). Where has_streaming_stores is false, these
+//                             are usual stores.
 //   store_fours(lower, upper, a)  stores the lower four lanes of an f32x8 at `lower`, the upper four at `upper`
 //   broadcast_four            loads four floats into the lower and into the upper lanes
 //   broadcast, add, multiply  round once

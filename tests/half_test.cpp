@@ -92,6 +92,11 @@ TEST(FusedConverters, TileWholeColumnsAndPairAnOddRowWithZeros) {
       }
     tavik_f32_rm_to_f16_ah(n_row, n_col, matrix.data(), converted.data());
     EXPECT_TRUE(converted == expected);
+    const size_t before = 9;  // the tiles then begin within a cache line
+    Vector<uint16_t> shifted(before + tiles, 0xeeee);
+    tavik_f32_rm_to_f16_ah(n_row, n_col, matrix.data(), shifted.data() + before);
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), shifted.begin() + before));
+    EXPECT_EQ(std::count(shifted.begin(), shifted.begin() + before, 0xeeee), before);
 
     Vector<float> back(n_row * n_col, -7), expected_back = back;
     for (uint64_t r = 0; r < n_row; ++r)

@@ -150,7 +150,7 @@ TEST(ActivationQuantiser, GivesWhatIsDefinedForEveryShapeAndKindOfRow) {
   for (const auto& [n_row, n_col] : shapes)
     for (int round = 0; round < 8; ++round)
       expect_activations_as_defined(n_row, n_col, float_rows(random, n_row, n_col));
-  for (const uint64_t n_col : {1056, 1060})  // tiles are written past the caches, where all are whole
+  for (const uint64_t n_col : {1056, 1060})  // 1056 columns make whole tiles, which are written past the caches
     expect_activations_as_defined(801, n_col, float_rows(random, 801, n_col));
 }
 

@@ -98,7 +98,8 @@ void tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* d
 void stream_tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, float* dst) {
   constexpr uint64_t tiles_at_once = 64, fetched_tiles = 8;
   const uint64_t n_tiles = n_col / tile_side;
-  StreamWriter<float, tile_side> even, odd;
+  using Writer = StreamWriter<float, tile_side>;
+  Writer even, odd;
   for (uint64_t band = 0; band < n_row; band += band_rows)
     for (uint64_t first = 0; first < n_tiles; first += tiles_at_once) {
       const uint64_t end = std::min(first + tiles_at_once, n_tiles), width = (end - first) * tile_side;
@@ -107,11 +108,12 @@ void stream_tiles_to_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, f
         const bool is_pair = row + 1 < n_row;
         even.begin(to);
         odd.begin(to + n_col);
-        even.fetch_ends(to, 2 * n_col, width);
-        odd.fetch_ends(to, 3 * n_col, width);
+        Writer::fetch_ends(to, 2 * n_col, width);
+        Writer::fetch_ends(to, 3 * n_col, width);
         for (uint64_t tile = first; tile < end; ++tile) {
           const uint16_t* const pair = src + place_of_pair(row, tile, n_col);
-          fetch_ahead(pair, fetched_tiles * tile_elements, 3 * tile_side);  // lines, of which a pair may touch three
+          // A pair is two cache lines long, and touches three where it begins within one.
+          fetch_ahead(pair, fetched_tiles * tile_elements, 3 * tile_side);
           pair_to_rows(pair, even.room(), odd.room(), is_pair);
           even.commit(tile_side);
           if (is_pair) odd.commit(tile_side);

@@ -197,8 +197,11 @@ void quantise_activation(uint64_t n_row, uint64_t n_col, const float* src, const
   }
 }
 
-// Does the work of f32_rm_to_u8_ah for the rows of whole tiles, past the caches. Collects the tiles of 64 rows, which are
-// neighbours in memory. Returns the number of rows that are done: none where there is no memory to collect tiles in.
+// The tiles of 64 rows are collected in the second-level cache before they are written past the caches.
+constexpr uint64_t most_collected = 512 << 10;  // bytes
+
+// Does the work of f32_rm_to_u8_ah for the rows of whole tiles, past the caches. The tiles of 64 rows are neighbours in
+// memory. Returns the number of rows that are done: none where there is no memory to collect tiles in.
 uint64_t stream_to_tiles(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales,
                          uint32_t* sums) {
   const uint64_t n_collected = tall_tile_rows * n_col;
@@ -222,7 +225,8 @@ void f32_rm_to_u8_rm(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* 
 }
 
 void f32_rm_to_u8_ah(uint64_t n_row, uint64_t n_col, const float* src, uint8_t* dst, float* scales, uint32_t* sums) {
-  const bool streams = should_stream(5 * n_row * n_col, dst) && n_col % segment_cols == 0;
+  const bool streams = should_stream(5 * n_row * n_col, dst) && n_row >= tall_tile_rows &&
+                       n_col <= most_collected / tall_tile_rows && n_col % segment_cols == 0;
   const uint64_t done = streams ? stream_to_tiles(n_row, n_col, src, dst, scales, sums) : 0;
   const Tiles rest = {dst + done * n_col, divide_up(n_col, tile_side)};
   quantise_activation<To8Bits<Tiles>>(n_row - done, n_col, src + done * n_col, src + n_row * n_col, rest, scales + done,

@@ -15,8 +15,8 @@ constexpr size_t line_elements = morun::simd::cache_line / sizeof(T);
 
 constexpr size_t tiles_ahead = 2;  // number of tiles by which prefetches run ahead of the writes
 
-// Tells whether writing to dst past the caches is possible and worth it. That is slower while source and destination,
-// `bytes` together, fit the caches.
+// Tells whether writing to dst past the caches is possible and worth it. Streaming is slower while source and destination,
+// `bytes` together, fit the caches. dst must be a multiple of the element size.
 template <class T>
 bool should_stream(uint64_t bytes, const T* dst) {
   return morun::simd::has_streaming_stores && bytes >= 4u << 20 && reinterpret_cast<uintptr_t>(dst) % sizeof(T) == 0;
@@ -28,8 +28,8 @@ size_t elements_before_line(const T* p) {
   return -reinterpret_cast<uintptr_t>(p) % morun::simd::cache_line / sizeof(T);
 }
 
-// Prefetches the `count` elements that begin `distance` elements behind `p`; where they begin within a cache line, all but
-// the last few. On Arm, which has no streaming stores, the function does nothing: the processor recognises by itself that
+// Prefetches the `count` elements that begin `distance` elements behind `p`. If they begin within a cache line, the last
+// few may be left out. On Arm, which has no streaming stores, the function does nothing: the processor recognises by itself that
 // whole lines are written.
 template <class T>
 void fetch_ahead(const T* p, size_t distance, size_t count) {
@@ -46,7 +46,7 @@ inline void stream_line(void* to, const void* from) {
 }
 
 // Writes consecutive elements past the caches, in whole cache lines. The first element may lie anywhere in a line: large
-// blocks of the C library begin 16 bytes past a page. After the last writer's end() comes fence_streaming().
+// blocks of the C library begin 16 bytes past a page. The caller calls fence_streaming() after the last end().
 //
 // The lines that a writer fills in part are written as usual. Stores take effect in order, so a store that waits for its
 // line holds up all that follow. fetch_ends() prefetches these lines.
@@ -54,7 +54,7 @@ template <class T, size_t n_room>
 class StreamWriter {
  public:
   // Prefetches the first and the last line of `count` elements, `distance` elements behind p, that are written later.
-  void fetch_ends(const T* p, size_t distance, size_t count) const {
+  static void fetch_ends(const T* p, size_t distance, size_t count) {
     morun::simd::prefetch_ahead(p, distance);
     morun::simd::prefetch_ahead(p, distance + count - 1);
   }
@@ -64,8 +64,8 @@ class StreamWriter {
     line_ = address / line * line;
     n_before_ = n_held_ = (address - line_) / sizeof(T);
   }
-  // Returns where the next elements go, at most n_room, which commit() counts. What went there before is written only
-  // now: a load from where a processor has just stored other pieces would have to wait.
+  // Returns where the next elements go, at most n_room, which commit() counts. Elements committed earlier are written to
+  // memory only now: a load from where a processor has just stored other pieces would have to wait.
   T* room() {
     write_lines();
     return held_ + n_held_;
@@ -96,7 +96,9 @@ class StreamWriter {
     n_before_ = 0;
   }
 
-  alignas(line) T held_[2 * n_line + n_room];  // from the start of the line on; more than a line is left of no commit
+  // Begins where line_ begins. write_lines() leaves less than a line, and moves a whole one to the front; that takes the
+  // second n_line.
+  alignas(line) T held_[2 * n_line + n_room];
   uintptr_t line_;
   size_t n_held_, n_before_;  // elements in held_, and those of them that belong to the memory before the first one
 };

@@ -115,7 +115,7 @@ ssize_t Channel::received(auto receive) const {
   const auto begin = Clock::now();
   do {
     const ssize_t n = receive(MSG_DONTWAIT);
-    if (n >= 0 || errno != EAGAIN) return n;
+    if (n >= 0 || (errno != EAGAIN && errno != EINTR)) return n;
     sched_yield();
   } while (Clock::now() - begin < time_awake);
   return repeated([&] { return receive(0); });
