@@ -26,7 +26,7 @@ struct Arguments {
   std::string json;
   std::vector<size_t> places;
   int n_round = 5;
-  bool is_quick = false;
+  bool is_quick = false, are_sizes = false;
 };
 
 std::string regex_error_text(const std::string& pattern) try {
@@ -59,11 +59,12 @@ void add_arguments(CLI::App& app, Arguments& arguments) {
   app.add_flag("--quick", arguments.is_quick,
                "one call of each operation, in its first shape: whether all of them work")
       ->excludes("--rounds");
+  app.add_flag("--sizes", arguments.are_sizes, "measure products of many sizes instead of the usual rows");
   app.add_option("--json", arguments.json, "write the measurements there too, in Google Benchmark's format")
       ->type_name("FILE");
 }
 
-std::vector<bench::Row> all_rows() {
+std::vector<bench::Row> usual_rows() {
   std::vector<bench::Row> rows;
   for (const auto& group : {bench::conversion_rows(), bench::product_rows(), bench::weight_rows()})
     rows.insert(rows.end(), group.begin(), group.end());
@@ -129,8 +130,9 @@ bool print_table(size_t name_width) {
 }
 
 int run(const Arguments& arguments) {
-  std::vector<bench::Row> rows = chosen(all_rows(), arguments.filter);
-  std::vector<bench::CallRow> call_rows = chosen(bench::call_rows(), arguments.filter);
+  std::vector<bench::Row> rows = chosen(arguments.are_sizes ? bench::size_rows() : usual_rows(), arguments.filter);
+  std::vector<bench::CallRow> call_rows;
+  if (!arguments.are_sizes) call_rows = chosen(bench::call_rows(), arguments.filter);
   if (rows.empty() && call_rows.empty()) throw std::runtime_error("no row matches the filter");
   if (!arguments.places.empty()) bench::choose_places(arguments.places);
   const int n_round = arguments.is_quick ? 1 : arguments.n_round;

@@ -17,7 +17,7 @@ namespace bench {
 namespace {
 
 struct Shape {
-  uint32_t n_row, n_col, n_inner;  // rows in whole tiles
+  uint32_t n_row, n_col, n_inner;  // rows in whole tiles, except of calls with row-major activations
 };
 
 // Several weight matrices of one activation stand one after the other in W, and their results in A.
@@ -51,6 +51,14 @@ void npu_mm_f32(const Npu& npu, const Shape& s, const Operands& o) {
   require(tavik_npu_mm_f32_rm_f32_rm_f16_wh(npu.context(), static_cast<int32_t>(s.n_row), static_cast<int32_t>(s.n_col),
                                             static_cast<int32_t>(s.n_inner), static_cast<float*>(o.A.data),
                                             static_cast<const float*>(o.X.data), o.W.fd, 0));
+}
+
+// The values of the weights stand for their zero points, scales and sums too.
+template <auto kernel>
+void quantised_mm(const Npu& npu, const Shape& s, const Operands& o) {
+  require(kernel(npu.context(), static_cast<int32_t>(s.n_row), static_cast<int32_t>(s.n_col),
+                 static_cast<int32_t>(s.n_inner), static_cast<float*>(o.A.data), static_cast<const float*>(o.X.data),
+                 o.W.fd, 0, 0, 0, 0));
 }
 
 // Runs the product on the cross-session buffers.
@@ -149,6 +157,36 @@ const TimedProduct products[] = {
     {"tensor_cpu_matmul_scenario_5", 2, 2, 2, 1, vector, {2.0, 1.9}, tensor_mm, f32_peer, nt},
 };
 
+// Whole calls of many sizes, which show how the cost depends on the number of rows and on the inner dimension.
+std::vector<Shape> many_sizes() {
+  std::vector<Shape> shapes;
+  for (const uint32_t n_row : {1, 2, 4, 8, 9, 12, 16, 17, 24, 31, 32, 33, 48, 64, 96, 128, 256, 512, 1024, 2048, 4096})
+    shapes.push_back({n_row, 2048, 2048});
+  for (uint32_t n_inner = 256; n_inner <= 16384; n_inner *= 2) shapes.push_back({128, 1024, n_inner});
+  return shapes;
+}
+const TimedProduct products_of_many_sizes[] = {
+    {"npu_mm_f32_rm_f32_rm_f16_wh", 4, 4, 2, 1, many_sizes(), {}, npu_mm_f32, no_peer},
+    {"npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh",
+     4,
+     4,
+     1,
+     1,
+     many_sizes(),
+     {},
+     quantised_mm<tavik_npu_mm_a8w8_f32_rm_f32_rm_i8f16_wh>,
+     no_peer},
+    {"npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh",
+     4,
+     4,
+     0.5,
+     1,
+     many_sizes(),
+     {},
+     quantised_mm<tavik_npu_mm_a8w4_f32_rm_f32_rm_i4f16_wh>,
+     no_peer},
+};
+
 Work prepare(const TimedProduct& product, const Shape& s, const std::shared_ptr<Npu>& npu) {
   const auto buffer = [&npu](uint32_t n_row, uint32_t n_col, double bytes_of_element) {
     return npu->filled_buffer(static_cast<uint64_t>(bytes_of_element * n_row * n_col));
@@ -196,17 +234,27 @@ Work prepare_in_two_threads(const ProductOnThreads& p, size_t n_context) {
           Clock::wall};
 }
 
-}  // namespace
-
-std::vector<Row> product_rows() {
+template <size_t n_product>
+std::vector<Row> rows_of(const TimedProduct (&timed)[n_product]) {
   std::vector<Row> rows;
-  for (const TimedProduct& product : products) {
+  for (const TimedProduct& product : timed) {
     for (const Shape& shape : product.shapes) {
       rows.push_back({fmt::format("{}/{}x{}x{}", product.name, shape.n_row, shape.n_col, shape.n_inner),
                       wanted_here(product.wanted),
                       [&product, &shape] { return prepare(product, shape, std::make_shared<Npu>()); }});
     }
   }
+  return rows;
+}
+
+}  // namespace
+
+std::vector<Row> size_rows() {
+  return rows_of(products_of_many_sizes);
+}
+
+std::vector<Row> product_rows() {
+  std::vector<Row> rows = rows_of(products);
   if (n_processors_given() < 2) return rows;
   for (const ProductOnThreads& product : products_on_threads) {
     rows.push_back(

@@ -49,6 +49,7 @@ struct CallRow {
 
 std::vector<Row> conversion_rows();
 std::vector<Row> product_rows();
+std::vector<Row> size_rows();  // products of many sizes
 std::vector<Row> weight_rows();
 std::vector<CallRow> call_rows();
 

@@ -96,9 +96,9 @@ class StreamWriter {
     n_before_ = 0;
   }
 
-  // Begins where line_ begins. write_lines() leaves less than a line, and moves a whole one to the front; that takes the
-  // second n_line.
-  alignas(line) T held_[2 * n_line + n_room];
+  // Begins where line_ begins. Less than a line is left before n_room elements follow. Of these together, write_lines()
+  // writes the whole lines, and copies the line behind them to the front.
+  alignas(line) T held_[(n_room + n_line - 1) / n_line * n_line + n_line];
   uintptr_t line_;
   size_t n_held_, n_before_;  // elements in held_, and those of them that belong to the memory before the first one
 };

@@ -15,6 +15,8 @@ namespace simd = morun::simd;
 constexpr size_t group_rows = 8;  // a column of eight rows becomes one word of a tile
 constexpr size_t group_bytes = group_rows * tile_side / 2;
 constexpr uint64_t tiles_at_once = 32;
+constexpr uint64_t streamed_at_once =
+    128;  // tiles: pieces of rows so long that the processor itself fetches them ahead
 
 void pack_group(const uint8_t* rows, uint64_t pitch, uint8_t* group) {
   simd::store_nibble_columns(group, [=](size_t i) { return rows + i * pitch; });
@@ -30,6 +32,26 @@ void pack_groups(const uint8_t* rows, uint64_t pitch, uint64_t n_tile, uint8_t* 
   }
 }
 
+// Does the work of w4_flat_to_weight for a matrix of whole tiles, past the caches. The groups of a column of tiles follow
+// each other in memory.
+void stream_tiles(uint8_t* dst, const uint8_t* src, uint64_t n_row, uint64_t n_col) {
+  StreamWriter<uint8_t, group_bytes> columns[streamed_at_once];
+  const uint64_t tile_pitch = n_row / tile_side * i4_tile_bytes, tiles = n_col / tile_side;
+  for (uint64_t first = 0; first < tiles; first += streamed_at_once) {
+    const uint64_t n_tile = std::min(streamed_at_once, tiles - first);
+    for (uint64_t tile = 0; tile < n_tile; ++tile) columns[tile].begin(dst + (first + tile) * tile_pitch);
+    for (uint64_t row = 0; row < n_row; row += group_rows) {
+      const uint8_t* from = src + row * n_col + first * tile_side;
+      for (uint64_t tile = 0; tile < n_tile; ++tile, from += tile_side) {
+        pack_group(from, n_col, columns[tile].room());
+        columns[tile].commit(group_bytes);
+      }
+    }
+    for (uint64_t tile = 0; tile < n_tile; ++tile) columns[tile].end();
+  }
+  simd::fence_streaming();
+}
+
 // Packs a tile that has fewer rows or columns in the matrix; the others are 0.
 void pack_edge(const uint8_t* src, uint64_t pitch, uint64_t n_row, uint64_t n_col, uint8_t* dst) {
   uint8_t tile[tile_elements] = {};
@@ -41,6 +63,8 @@ void pack_edge(const uint8_t* src, uint64_t pitch, uint64_t n_row, uint64_t n_co
 }  // namespace
 
 void w4_flat_to_weight(uint8_t* dst, const uint8_t* src, uint64_t n_row, uint64_t n_col) {
+  const bool has_whole_tiles = n_row % tile_side == 0 && n_col % tile_side == 0;
+  if (has_whole_tiles && should_stream(n_row * n_col / 2 * 3, dst)) return stream_tiles(dst, src, n_row, n_col);
   const uint64_t tile_pitch = divide_up(n_row, tile_side) * i4_tile_bytes;
   const uint64_t whole_tiles = n_col / tile_side, tiles = divide_up(n_col, tile_side);
   for (uint64_t first = 0; first < tiles; first += tiles_at_once) {
