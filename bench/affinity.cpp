@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <future>
+#include <latch>
 #include <system_error>
 
 namespace bench {
@@ -53,12 +54,15 @@ void run_on_processors(size_t n_processor, const std::function<void()>& work) {
 }
 
 void run_in_two_threads(const std::function<void()>& here, const std::function<void()>& there) {
-  auto other = std::async(std::launch::async, [&there] {
+  std::latch started(2);  // the new thread begins on the processor of this one, and needs it until it is moved
+  auto other = std::async(std::launch::async, [&there, &started] {
     cpu_set_t mask = processors(2);
     CPU_CLR(pinned, &mask);
     keep_to(mask);
+    started.count_down();
     there();
   });
+  started.arrive_and_wait();
   here();
   other.get();
 }

@@ -221,7 +221,7 @@ Work prepare(const ProductOnThreads& p) {
 }
 
 // Times the products of two threads, in one context or in two, against the same products one after the other.
-constexpr Shape shape_in_threads = {128, 2048, 2048};
+constexpr Shape shape_in_threads = {1024, 1024, 4096};
 
 Work prepare_in_two_threads(const ProductOnThreads& p, size_t n_context) {
   std::vector<std::shared_ptr<Npu>> npus;
@@ -260,7 +260,7 @@ std::vector<Row> product_rows() {
     rows.push_back(
         {fmt::format("{} on 2 threads/1024x4096x4096", product.name), 1.8, [&product] { return prepare(product); }});
     for (const size_t n_context : {1, 2})
-      rows.push_back({fmt::format("{} in 2 threads of {}/128x2048x2048", product.name,
+      rows.push_back({fmt::format("{} in 2 threads of {}/1024x1024x4096", product.name,
                                   n_context == 1 ? "1 context" : "2 contexts"),
                       1.8, [&product, n_context] { return prepare_in_two_threads(product, n_context); }});
   }
