@@ -70,8 +70,12 @@
 //   pack_high_bytes           bits 8 to 15 of the same
 //   scale_to_bytes(p, factor) multiplies 32 floats by the factor, rounded as by multiply and to_nearest, and converts
 //                             them to bytes; products have magnitudes up to 127, and twice the factor is finite
-//   round_halves(p, low, high)  rounds 32 halves to integers, half away from zero, clamps them to integer bounds between
-//                             -128 and 127, and converts them to bytes; NaN becomes 0
+//   half_scaler(factor, addend)  computes x * factor + addend of halves x, rounded once, to f16; to be made and used in half
+//                             arithmetic only
+//   scale(p, to)              of a half_scaler: computes the results of 32 halves for round_scaled(); `to` is a
+//                             scaled_halves, which holds them as the backend needs them
+//   round_scaled(a, low, high)  rounds the results to integers, half away from zero, clamps them to integer bounds
+//                             between -128 and 127, and converts them to bytes; NaN becomes 0
 //   half_extremes             minima and maxima of halves, in lanes; all are the first half to begin with
 //   include(extremes, p)      includes 32 halves; a NaN replaces nothing, and is replaced by nothing
 //   store(min, max, extremes)  stores the minima and the maxima of eight lanes, widened
@@ -223,6 +227,7 @@ inline void store(float* min, float* max, const half_extremes& extremes) {
   store(max, greater(extremes.max[0], extremes.max[1]));
 }
 
+#  if !defined(MORUN_SIMD_HALF_SCALER)
 inline u8x32 round_halves(const uint16_t* p, float low, float high) {
   i32x8 v[4];
   for (size_t i = 0; i < 4; ++i) {
@@ -231,6 +236,37 @@ inline u8x32 round_halves(const uint16_t* p, float low, float high) {
     v[i] = to_nearest(lesser(greater(number, broadcast(low)), broadcast(high)));
   }
   return pack_bytes(v[0], v[1], v[2], v[3]);
+}
+#  endif
+#endif
+
+#if !defined(MORUN_SIMD_HALF_SCALER)
+struct scaled_halves {
+  alignas(64) uint16_t halves[32];
+};
+
+class half_scaler {
+ public:
+  half_scaler(uint16_t factor, uint16_t addend) {
+    uint16_t factors[8], addends[32];
+    for (uint16_t& one : factors) one = factor;
+    for (uint16_t& one : addends) one = addend;
+    factor_ = broadcast_half8x4(factors);
+    addend_ = load_half8x4_sum(addends);
+  }
+  void scale(const uint16_t* p, scaled_halves& to) const {
+    half8x4_sum sum = addend_;
+    accumulate(sum, load_half8x4(p), factor_);
+    store(to.halves, sum);
+  }
+
+ private:
+  half8x4 factor_;
+  half8x4_sum addend_;
+};
+
+inline u8x32 round_scaled(const scaled_halves& a, float low, float high) {
+  return round_halves(a.halves, low, high);
 }
 #endif
 

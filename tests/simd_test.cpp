@@ -334,16 +334,28 @@ TEST_F(Simd, WideVectorsTakeTheirFoursFromWhereTheyBelong) {
   EXPECT_LANES(float, second, simd::widen_bits(eights[i / 4][4 + i % 4]));
 }
 
-TEST_F(Simd, EveryHalfIsRoundedToAByte) {
+TEST_F(Simd, EveryHalfIsScaledAndRoundedToAByte) {
   const Vector<uint16_t> halves = every_half();
+  Vector<simd::scaled_halves> scaled(halves.size() / 32);
   Vector<uint8_t> bytes(halves.size());
-  for (const auto& bounds : {std::pair{-128.0f, 127.0f}, {-8.0f, 7.0f}}) {
-    const float low = bounds.first, high = bounds.second;
-    for (size_t i = 0; i < halves.size(); i += 32) simd::store(&bytes[i], simd::round_halves(&halves[i], low, high));
-    const auto value = [&](size_t i) { return simd::widen_bits(halves[i]); };
-    EXPECT_LANES(uint8_t, bytes,
-                 static_cast<uint8_t>(value(i) != value(i) ? 0 : std::lround(std::clamp(value(i), low, high))));
-  }
+  constexpr uint16_t one = 0x3c00, third = 0x3555, large = 0x5bf7, least = 1, infinite = 0x7c00, minus_two = 0xc000;
+  constexpr uint16_t zero = 0, three = 0x4200, top = 0x57f0, bottom = 0xd800;
+  for (const uint16_t factor : {one, third, large, least, infinite, minus_two, uint16_t{0x2e8b}, uint16_t{0x3bff}})
+    for (const uint16_t addend : {zero, three, top, bottom}) {
+      SCOPED_TRACE(testing::Message() << factor << ", " << addend);
+      simd::in_half_arithmetic([&] {
+        const simd::half_scaler scaler(factor, addend);
+        for (size_t i = 0; i < halves.size(); i += 32) scaler.scale(&halves[i], scaled[i / 32]);
+      });
+      for (const auto& bounds : {std::pair{-128.0f, 127.0f}, {-8.0f, 7.0f}}) {
+        const float low = bounds.first, high = bounds.second;
+        for (size_t i = 0; i < halves.size(); i += 32)
+          simd::store(&bytes[i], simd::round_scaled(scaled[i / 32], low, high));
+        const auto value = [&](size_t i) { return simd::widen_bits(simd::half_fma(halves[i], factor, addend)); };
+        EXPECT_LANES(uint8_t, bytes,
+                     static_cast<uint8_t>(value(i) != value(i) ? 0 : std::lround(std::clamp(value(i), low, high))));
+      }
+    }
 }
 
 TEST_F(Simd, ExtremesOfHalvesAreFound) {

@@ -120,9 +120,9 @@ void transpose_eight_halves(const std::byte* from, size_t from_pitch, std::byte*
   }
 }
 
-// Transposes eight columns of `side` rows of words. Pitches are in bytes.
+// Transposes eight rows of `side` columns of words. Pitches are in bytes.
 void transpose_eight_words(const std::byte* from, size_t from_pitch, std::byte* to, size_t to_pitch) {
-  for (size_t r = 0; r < side; r += 8) simd::transpose_words(from + r * from_pitch, from_pitch, to + r * 4, to_pitch);
+  for (size_t c = 0; c < side; c += 8) simd::transpose_words(from + c * 4, from_pitch, to + c * to_pitch, to_pitch);
 }
 
 // Transposes a patch, which is at most 32 rows and 32 columns of a matrix. `size()` is the size of an element, pitches are
@@ -130,9 +130,14 @@ void transpose_eight_words(const std::byte* from, size_t from_pitch, std::byte* 
 template <class Size>
 void transpose_patch(uint64_t n_row, uint64_t n_col, Size size, const std::byte* from, size_t from_pitch, std::byte* to,
                      size_t to_pitch) {
-  if (n_row == side && n_col == side && (size() == 2 || size() == 4)) {
-    const auto transpose_eight = size() == 2 ? transpose_eight_halves : transpose_eight_words;
-    for (uint64_t c = 0; c < side; c += 8) transpose_eight(from + c * size(), from_pitch, to + c * to_pitch, to_pitch);
+  if (n_row == side && n_col == side && size() == 2) {
+    for (uint64_t c = 0; c < side; c += 8)
+      transpose_eight_halves(from + c * 2, from_pitch, to + c * to_pitch, to_pitch);
+    return;
+  }
+  if (n_row == side && n_col == side && size() == 4) {
+    for (uint64_t r = 0; r < side; r += 8)
+      transpose_eight_words(from + r * from_pitch, from_pitch, to + r * 4, to_pitch);
     return;
   }
   for (uint64_t c = 0; c < n_col; ++c)

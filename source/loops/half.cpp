@@ -49,10 +49,10 @@ void pair_to_rows(const uint16_t* pair, float* even, float* odd, bool is_pair) {
     const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
     const simd::f16x8 c = simd::load(pair + 2 * i + 16), d = simd::load(pair + 2 * i + 24);
     simd::store(even + i, simd::widen(simd::unzip_even(a, b)));
-    simd::store(even + i + 8, simd::widen(simd::unzip_even(c, d)));
+    simd::store_fours(even + i + 8, even + i + 12, simd::widen(simd::unzip_even(c, d)));
     if (!is_pair) continue;
     simd::store(odd + i, simd::widen(simd::unzip_odd(a, b)));
-    simd::store(odd + i + 8, simd::widen(simd::unzip_odd(c, d)));
+    simd::store_fours(odd + i + 8, odd + i + 12, simd::widen(simd::unzip_odd(c, d)));
   }
 }
 

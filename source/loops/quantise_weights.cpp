@@ -38,17 +38,23 @@ struct Extremes {
 Extremes extremes_of(const uint16_t* row, uint64_t n_col) {
   if (n_col == 0) return {0, 0};
   const float first = simd::widen_bits(row[0]);
-  simd::half_extremes lanes(row[0]);
+  constexpr uint64_t n_part = 3;  // a comparison takes as long as several others can begin
+  simd::half_extremes parts[n_part] = {simd::half_extremes(row[0]), simd::half_extremes(row[0]),
+                                       simd::half_extremes(row[0])};
   uint64_t c = 0;
-  for (; c + segment_cols <= n_col; c += segment_cols) simd::include(lanes, row + c);
-  float mins[8], maxs[8];
-  simd::store(mins, maxs, lanes);
+  for (; c + n_part * segment_cols <= n_col; c += n_part * segment_cols)
+    for (uint64_t i = 0; i < n_part; ++i) simd::include(parts[i], row + c + i * segment_cols);
+  for (; c + segment_cols <= n_col; c += segment_cols) simd::include(parts[0], row + c);
   Extremes extremes = {first, first};
   const auto include = [&extremes](float least, float most) {
     if (least < extremes.min) extremes.min = least;
     if (most > extremes.max) extremes.max = most;
   };
-  for (size_t i = 0; i < 8; ++i) include(mins[i], maxs[i]);
+  for (const simd::half_extremes& part : parts) {
+    float mins[8], maxs[8];
+    simd::store(mins, maxs, part);
+    for (size_t i = 0; i < 8; ++i) include(mins[i], maxs[i]);
+  }
   for (; c < n_col; ++c) include(simd::widen_bits(row[c]), simd::widen_bits(row[c]));
   return extremes;
 }
@@ -87,17 +93,10 @@ int8_t stored_zero_point(const HalfStep& step) {
 constexpr uint64_t scaled_cols = 1024;
 
 // Computes value * inverse + zero_point, rounded once to f16. n_col is a multiple of segment_cols.
-void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, uint16_t* to) {
-  uint16_t inverses[8], zero_points[segment_cols];
-  std::fill_n(inverses, 8, step.inverse);
-  std::fill_n(zero_points, segment_cols, step.zero_point);
+void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, simd::scaled_halves* to) {
   simd::in_half_arithmetic([&] {
-    const simd::half8x4 inverse = simd::broadcast_half8x4(inverses);
-    for (uint64_t c = 0; c < n_col; c += segment_cols) {
-      simd::half8x4_sum sum = simd::load_half8x4_sum(zero_points);
-      simd::accumulate(sum, simd::load_half8x4(from + c), inverse);
-      simd::store(to + c, sum);
-    }
+    const simd::half_scaler scaler(step.inverse, step.zero_point);
+    for (const uint16_t* const end = from + n_col; from < end; from += segment_cols) scaler.scale(from, *to++);
   });
 }
 
@@ -105,16 +104,17 @@ void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, ui
 template <class Width>
 int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to) {
   simd::i32x8 sums{};
-  uint16_t scaled[scaled_cols];
+  simd::scaled_halves scaled[scaled_cols / segment_cols];
   const uint64_t whole = n_col / segment_cols * segment_cols;
   uint64_t c = 0;
   while (c < whole) {
     const uint64_t begin = c, end = std::min(begin + scaled_cols, whole);
     scale_halves(from + begin, end - begin, step, scaled);
+    const simd::scaled_halves* next = scaled;
     for (; c < end; c += segment_cols) {
       // The next row comes to the caches while this row is computed.
       simd::prefetch_ahead(from + c, n_col);
-      const simd::u8x32 q = simd::round_halves(scaled + (c - begin), Width::low, Width::high);
+      const simd::u8x32 q = simd::round_scaled(*next++, Width::low, Width::high);
       Width::store(to + c / Width::per_word, q);
       sums = simd::add_bytes(sums, simd::flip_top_bits(q));
     }
@@ -125,7 +125,7 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
   uint16_t rest[segment_cols] = {};
   memcpy(rest, from + c, (n_col - c) * sizeof *from);
   scale_halves(rest, segment_cols, step, scaled);
-  const simd::u8x32 q = simd::round_halves(scaled, Width::low, Width::high);
+  const simd::u8x32 q = simd::round_scaled(scaled[0], Width::low, Width::high);
   typename Width::Word words[segment_cols / Width::per_word];
   Width::store(words, q);
   memcpy(to + c / Width::per_word, words, (n_col - c) / Width::per_word * sizeof *to);
