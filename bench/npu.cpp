@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 
@@ -17,10 +18,11 @@ void require_remote(int status) {
   if (status != 0) throw std::runtime_error(fmt::format("the remote call returned {:#x}", status));
 }
 
-Npu::Npu() {
+Npu::Npu(uint64_t least_n_row_max) {
   tavik_options* options = nullptr;
   require(static_cast<uint32_t>(tavik_options_alloc(&options)));
   const std::unique_ptr<tavik_options, decltype(&tavik_options_free)> owner(options, tavik_options_free);
+  options->n_row_max = std::max(options->n_row_max, least_n_row_max);
   require(static_cast<uint32_t>(tavik_init(options, &context_)));
 }
 

@@ -19,7 +19,8 @@ struct SharedBuffer {
 
 class Npu {
  public:
-  Npu();
+  // Products may have that many rows at least, or more where the default allows more.
+  explicit Npu(uint64_t least_n_row_max = 0);
   ~Npu();
   Npu(const Npu&) = delete;
   Npu& operator=(const Npu&) = delete;

@@ -56,6 +56,7 @@ void npu_mm_f32(const Npu& npu, const Shape& s, const Operands& o) {
 // The values of the weights stand for their zero points, scales and sums too.
 template <auto kernel>
 void quantised_mm(const Npu& npu, const Shape& s, const Operands& o) {
+  npu.handle(o.W);  // locks the matrix unit; not every kernel locks it
   require(kernel(npu.context(), static_cast<int32_t>(s.n_row), static_cast<int32_t>(s.n_col),
                  static_cast<int32_t>(s.n_inner), static_cast<float*>(o.A.data), static_cast<const float*>(o.X.data),
                  o.W.fd, 0, 0, 0, 0));
@@ -241,7 +242,7 @@ std::vector<Row> rows_of(const TimedProduct (&timed)[n_product]) {
     for (const Shape& shape : product.shapes) {
       rows.push_back({fmt::format("{}/{}x{}x{}", product.name, shape.n_row, shape.n_col, shape.n_inner),
                       wanted_here(product.wanted),
-                      [&product, &shape] { return prepare(product, shape, std::make_shared<Npu>()); }});
+                      [&product, &shape] { return prepare(product, shape, std::make_shared<Npu>(shape.n_row)); }});
     }
   }
   return rows;
