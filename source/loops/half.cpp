@@ -44,7 +44,8 @@ void rows_to_pair(const float* even, const float* odd, uint16_t* pair) {
 
 // Does the inverse of rows_to_pair. The pair may have no odd row.
 void pair_to_rows(const uint16_t* pair, float* even, float* odd, bool is_pair) {
-  // Writes 16 values, a whole cache line, of the even row, and then 16 values of the odd row.
+  // Writes 16 values, a whole cache line, of the even row, and then 16 values of the odd row. The second eight of a line are
+  // stored as two times four: in memory that begins 16 bytes past a line, eight of them would reach into the next line.
   for (size_t i = 0; i < tile_side; i += 16) {
     const simd::f16x8 a = simd::load(pair + 2 * i), b = simd::load(pair + 2 * i + 8);
     const simd::f16x8 c = simd::load(pair + 2 * i + 16), d = simd::load(pair + 2 * i + 24);
