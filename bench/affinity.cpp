@@ -3,8 +3,8 @@
 #include <sched.h>
 
 #include <cerrno>
+#include <exception>
 #include <future>
-#include <latch>
 #include <system_error>
 
 namespace bench {
@@ -54,15 +54,21 @@ void run_on_processors(size_t n_processor, const std::function<void()>& work) {
 }
 
 void run_in_two_threads(const std::function<void()>& here, const std::function<void()>& there) {
-  std::latch started(2);  // the new thread begins on the processor of this one, and needs it until it is moved
-  auto other = std::async(std::launch::async, [&there, &started] {
-    cpu_set_t mask = processors(2);
-    CPU_CLR(pinned, &mask);
-    keep_to(mask);
-    started.count_down();
+  // The new thread begins on the processor of this one, and needs it until it is moved.
+  std::promise<void> moved;
+  auto other = std::async(std::launch::async, [&there, &moved] {
+    try {
+      cpu_set_t mask = processors(2);
+      CPU_CLR(pinned, &mask);
+      keep_to(mask);
+      moved.set_value();
+    } catch (...) {
+      moved.set_exception(std::current_exception());
+      return;
+    }
     there();
   });
-  started.arrive_and_wait();
+  moved.get_future().get();
   here();
   other.get();
 }

@@ -19,7 +19,7 @@ struct SharedBuffer {
 
 class Npu {
  public:
-  // Products may have that many rows at least, or more where the default allows more.
+  // Products may have least_n_row_max rows; a higher default stays.
   explicit Npu(uint64_t least_n_row_max = 0);
   ~Npu();
   Npu(const Npu&) = delete;

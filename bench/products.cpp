@@ -17,7 +17,7 @@ namespace bench {
 namespace {
 
 struct Shape {
-  uint32_t n_row, n_col, n_inner;  // rows in whole tiles, except of calls with row-major activations
+  uint32_t n_row, n_col, n_inner;  // n_row is a multiple of 32, except for products of row-major activations
 };
 
 // Several weight matrices of one activation stand one after the other in W, and their results in A.

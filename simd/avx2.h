@@ -254,6 +254,7 @@ inline uint32_t sum(i32x8 a) {
 inline u8x32 order_groups(__m256i packed) {
   return {_mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7))};
 }
+// Cuts values beyond -128 and 127 to these bounds.
 inline u8x32 pack_bytes(i32x8 a, i32x8 b, i32x8 c, i32x8 d) {
   return order_groups(_mm256_packs_epi16(_mm256_packs_epi32(a.v, b.v), _mm256_packs_epi32(c.v, d.v)));
 }

@@ -72,11 +72,14 @@ class RoundingTowardZero {
   static void set(unsigned mode) { asm volatile("ldmxcsr %0" : : "m"(mode) : "memory"); }
   unsigned previous_;
 };
-// Rounding to a half and then to an integer in one step takes half as many operations as two roundings. The sum here is
-// cut off toward zero, which never takes it past a number that f32 can hold. A half at or above k + 0.5 rounds to k + 1,
-// and a sum rounds to such a half from half a unit in the last place of the half below k + 0.5 on; the tie goes there
-// too, because k + 0.5 is an even multiple of the unit. Half a unit is the 2^-11th part of the sum's power of two. All this
-// holds up to 2^9, beyond the bounds of a byte.
+
+// Rounding to a half and then to an integer in one step takes half as many operations as two roundings.
+//
+// Negative sums mirror positive ones. For k >= 0, the halves from k + 0.5 to below k + 1.5 round to k + 1. A sum rounds to
+// k + 0.5 or to a greater half when it is at least k + 0.5 less half a unit in the last place of the half below k + 0.5. A
+// tie goes up, because k + 0.5 is an even multiple of the unit. Half a unit is 2^-11 times the greatest power of two that
+// is not above the sum. f32 can hold the least such sum, so cutting sums off toward zero takes none below it or up to it.
+// All this holds up to 2^9, beyond the bounds of a byte.
 #define MORUN_SIMD_HALF_SCALER
 struct scaled_halves {
   alignas(32) uint8_t bytes[32];  // rounded, and clamped to a signed byte
@@ -88,12 +91,12 @@ class half_scaler {
       : factor_(_mm256_set1_ps(widen_bits(factor))), addend_(_mm256_set1_ps(widen_bits(addend))) {}
 
   void scale(const uint16_t* p, scaled_halves& to) const {
-    // Packing cuts integers to the bounds of a signed byte.
+    // On AVX2, pack_bytes cuts greater integers to 127 and lesser ones to -128.
     store(to.bytes, pack_bytes(integers(p), integers(p + 8), integers(p + 16), integers(p + 24)));
   }
 
  private:
-  // Returns the integers of eight sums. What is below the bounds of a byte may be any integer below them.
+  // Returns the integers of eight sums. A sum below -128 gives some integer below -128, one above 127 gives 128.
   i32x8 integers(const uint16_t* p) const {
     const __m256 sum = _mm256_fmadd_ps(widen(load(p)).v, factor_, addend_);
     const __m256 power = _mm256_and_ps(sum, _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0xff800000))));

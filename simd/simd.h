@@ -70,12 +70,11 @@
 //   pack_high_bytes           bits 8 to 15 of the same
 //   scale_to_bytes(p, factor) multiplies 32 floats by the factor, rounded as by multiply and to_nearest, and converts
 //                             them to bytes; products have magnitudes up to 127, and twice the factor is finite
-//   half_scaler(factor, addend)  computes x * factor + addend of halves x, rounded once, to f16; to be made and used in half
-//                             arithmetic only
-//   scale(p, to)              of a half_scaler: computes the results of 32 halves for round_scaled(); `to` is a
-//                             scaled_halves, which holds them as the backend needs them
-//   round_scaled(a, low, high)  rounds the results to integers, half away from zero, clamps them to integer bounds
-//                             between -128 and 127, and converts them to bytes; NaN becomes 0
+//   half_scaler(factor, addend)  scales halves; to be made and used in half arithmetic only
+//   scale(p, to)              of a half_scaler: scales 32 halves for round_scaled(); `to` is a scaled_halves, whose content is
+//                             up to the backend
+//   round_scaled(a, low, high)  gives x * factor + addend of 32 halves x, rounded once to f16, then to integers, half away from
+//                             zero, clamped to integer bounds between -128 and 127, as bytes; NaN becomes 0
 //   half_extremes             minima and maxima of halves, in lanes; all are the first half to begin with
 //   include(extremes, p)      includes 32 halves; a NaN replaces nothing, and is replaced by nothing
 //   store(min, max, extremes)  stores the minima and the maxima of eight lanes, widened

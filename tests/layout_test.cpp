@@ -187,8 +187,16 @@ TEST_P(Layouts, ActivationTilesConvertBack) {
 }
 
 TEST_P(Layouts, FourBitTilesArePackedAndPadded) {
-  for (const auto& [n_row, n_col] :
-       {std::pair<Size, Size>{32, 32}, {64, 96}, {1, 8}, {33, 40}, {70, 1056}, {31, 64}, {1030, 64}, {4128, 704}}) {
+  for (const auto& [n_row, n_col] : {std::pair<Size, Size>{32, 32},
+                                     {64, 96},
+                                     {1, 8},
+                                     {33, 40},
+                                     {70, 1056},
+                                     {31, 64},
+                                     {1030, 64},
+                                     {4128, 704},
+                                     {4100, 704},
+                                     {4096, 712}}) {
     SCOPED_TRACE(testing::Message() << n_row << " x " << n_col);
     const Size tiles_down = (n_row + 31) / 32, tiles_across = (n_col + 31) / 32;
     Vector<uint32_t> data = random_.any<uint32_t>(tiles_down * tiles_across * 128);  // the room behind is not zero
@@ -200,8 +208,9 @@ TEST_P(Layouts, FourBitTilesArePackedAndPadded) {
         byte = static_cast<uint8_t>(byte | nibble << test::shift_of_nibble(c));
         transposed[c * n_row + r] = static_cast<uint8_t>(nibble | 0xa0u);  // upper bits are not looked at
       }
-    for (const Size past : {0, 16, 37}) {  // the largest matrix is written past the caches, from any place of a line on
-      Vector<uint8_t> tiles(past + expected.size() + 64, 0xee), surrounded(tiles);
+    // The large matrices may be written past the caches, from any place of a line on. The memory ends, or begins, at a line.
+    for (const Size past : {0, 16, 37}) {
+      Vector<uint8_t> tiles(past + expected.size() + (64 - past), 0xee), surrounded(tiles);
       std::copy(expected.begin(), expected.end(), surrounded.begin() + static_cast<ptrdiff_t>(past));
       tavik_host_layout_w4_flat_to_weight(tiles.data() + past, transposed.data(), n_col, n_row);
       EXPECT_TRUE(test::same_bits(tiles, surrounded)) << past << " bytes past a line";

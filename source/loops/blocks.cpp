@@ -130,6 +130,8 @@ void transpose_eight_words(const std::byte* from, size_t from_pitch, std::byte* 
 template <class Size>
 void transpose_patch(uint64_t n_row, uint64_t n_col, Size size, const std::byte* from, size_t from_pitch, std::byte* to,
                      size_t to_pitch) {
+  // Rows that stand pages apart compete for the same few places of the first-level cache. Words are therefore taken eight
+  // rows at a time. Halves would then be stored in pieces of 16 bytes, which takes longer.
   if (n_row == side && n_col == side && size() == 2) {
     for (uint64_t c = 0; c < side; c += 8)
       transpose_eight_halves(from + c * 2, from_pitch, to + c * to_pitch, to_pitch);

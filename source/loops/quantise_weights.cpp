@@ -38,7 +38,7 @@ struct Extremes {
 Extremes extremes_of(const uint16_t* row, uint64_t n_col) {
   if (n_col == 0) return {0, 0};
   const float first = simd::widen_bits(row[0]);
-  constexpr uint64_t n_part = 3;  // a comparison takes as long as several others can begin
+  constexpr uint64_t n_part = 3;  // several comparisons can begin before one has its result
   simd::half_extremes parts[n_part] = {simd::half_extremes(row[0]), simd::half_extremes(row[0]),
                                        simd::half_extremes(row[0])};
   uint64_t c = 0;
@@ -92,7 +92,7 @@ int8_t stored_zero_point(const HalfStep& step) {
 // The number of values of a row that half arithmetic scales together.
 constexpr uint64_t scaled_cols = 1024;
 
-// Computes value * inverse + zero_point, rounded once to f16. n_col is a multiple of segment_cols.
+// Scales n_col values for simd::round_scaled(). n_col is a multiple of segment_cols.
 void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, simd::scaled_halves* to) {
   simd::in_half_arithmetic([&] {
     const simd::half_scaler scaler(step.inverse, step.zero_point);

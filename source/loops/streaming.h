@@ -96,8 +96,8 @@ class StreamWriter {
     n_before_ = 0;
   }
 
-  // Begins where line_ begins. Less than a line is left before n_room elements follow. Of these together, write_lines()
-  // writes the whole lines, and copies the line behind them to the front.
+  // Begins where line_ begins. room() leaves less than a line, and at most n_room elements follow. write_lines() writes the
+  // whole lines among them, and copies one more line, from behind these, to the front.
   alignas(line) T held_[(n_room + n_line - 1) / n_line * n_line + n_line];
   uintptr_t line_;
   size_t n_held_, n_before_;  // elements in held_, and those of them that belong to the memory before the first one

@@ -393,7 +393,7 @@ struct HostProduct {
   Columns columns_at(size_t first, size_t k) const {
     Columns columns;
     for (size_t i = 0; i < panel_columns; ++i) {
-      const size_t c = i / results_at_once * results_at_once + i % results_at_once / 2 + i % 2 * 4;
+      const size_t c = i / results_at_once * results_at_once + i % results_at_once / 2 + i % 2 * (results_at_once / 2);
       columns.column[i] = W + std::min(first + c, n_col - 1) * n_inner + k;
     }
     columns.to_next_panel = panel_columns * n_inner;

@@ -15,8 +15,9 @@ namespace simd = morun::simd;
 constexpr size_t group_rows = 8;  // a column of eight rows becomes one word of a tile
 constexpr size_t group_bytes = group_rows * tile_side / 2;
 constexpr uint64_t tiles_at_once = 32;
-constexpr uint64_t streamed_at_once =
-    128;  // tiles: pieces of rows so long that the processor itself fetches them ahead
+// Tiles side by side. The processor itself fetches pieces of rows ahead when they are this long. The writers of as many
+// columns of tiles take 32 KiB of stack.
+constexpr uint64_t streamed_at_once = 128;
 
 void pack_group(const uint8_t* rows, uint64_t pitch, uint8_t* group) {
   simd::store_nibble_columns(group, [=](size_t i) { return rows + i * pitch; });
