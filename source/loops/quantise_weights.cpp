@@ -33,29 +33,28 @@ struct Extremes {
   float min, max;
 };
 
-// Returns minimum and maximum, which start at the row's first element. The comparisons ignore NaN unless the row starts
-// with one; then both results are NaN.
-Extremes extremes_of(const uint16_t* row, uint64_t n_col) {
+uint64_t whole_segments(uint64_t n_col) {
+  return n_col / segment_cols * segment_cols;
+}
+
+simd::half_extremes first_extremes(const uint16_t* row, uint64_t n_col) {
+  return simd::half_extremes(n_col > 0 ? row[0] : uint16_t{0});
+}
+
+// Returns minimum and maximum of a row, whose whole segments are included in `lanes`. Both start at the row's first element.
+// The comparisons ignore NaN unless the row starts with one; then both results are NaN.
+Extremes extremes_of(const simd::half_extremes& lanes, const uint16_t* row, uint64_t n_col) {
   if (n_col == 0) return {0, 0};
   const float first = simd::widen_bits(row[0]);
-  constexpr uint64_t n_part = 3;  // several comparisons can begin before one has its result
-  simd::half_extremes parts[n_part] = {simd::half_extremes(row[0]), simd::half_extremes(row[0]),
-                                       simd::half_extremes(row[0])};
-  uint64_t c = 0;
-  for (; c + n_part * segment_cols <= n_col; c += n_part * segment_cols)
-    for (uint64_t i = 0; i < n_part; ++i) simd::include(parts[i], row + c + i * segment_cols);
-  for (; c + segment_cols <= n_col; c += segment_cols) simd::include(parts[0], row + c);
   Extremes extremes = {first, first};
   const auto include = [&extremes](float least, float most) {
     if (least < extremes.min) extremes.min = least;
     if (most > extremes.max) extremes.max = most;
   };
-  for (const simd::half_extremes& part : parts) {
-    float mins[8], maxs[8];
-    simd::store(mins, maxs, part);
-    for (size_t i = 0; i < 8; ++i) include(mins[i], maxs[i]);
-  }
-  for (; c < n_col; ++c) include(simd::widen_bits(row[c]), simd::widen_bits(row[c]));
+  float mins[8], maxs[8];
+  simd::store(mins, maxs, lanes);
+  for (size_t i = 0; i < 8; ++i) include(mins[i], maxs[i]);
+  for (uint64_t c = whole_segments(n_col); c < n_col; ++c) include(simd::widen_bits(row[c]), simd::widen_bits(row[c]));
   return extremes;
 }
 
@@ -75,8 +74,7 @@ uint16_t whole_zero_point(uint16_t x) {
 // A difference or quotient of halves has the same value whether it is rounded to f32 and then to f16, or to f16 at
 // once.
 template <class Width>
-HalfStep half_step_of(const uint16_t* row, uint64_t n_col) {
-  const Extremes extremes = extremes_of(row, n_col);
+HalfStep half_step_of(const Extremes& extremes) {
   const uint16_t range = simd::narrow_bits(extremes.max - extremes.min);
   const float scale = simd::widen_bits(simd::narrow_bits(simd::widen_bits(range) / Width::divisor));
   const uint16_t inverse = scale != 0 ? simd::narrow_bits(1 / scale) : 0;
@@ -100,25 +98,30 @@ void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, si
   });
 }
 
-// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word.
+// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word. Includes the whole
+// segments of the next row in `extremes`: the next row comes from memory while this row is computed.
 template <class Width>
-int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to) {
+int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to,
+                          const uint16_t* next, simd::half_extremes& extremes) {
+  constexpr uint64_t lead = 1024;  // halves between the prefetch and the use
   simd::i32x8 sums{};
+  simd::half_extremes lanes = extremes;
   simd::scaled_halves scaled[scaled_cols / segment_cols];
-  const uint64_t whole = n_col / segment_cols * segment_cols;
+  const uint64_t whole = whole_segments(n_col);
   uint64_t c = 0;
   while (c < whole) {
     const uint64_t begin = c, end = std::min(begin + scaled_cols, whole);
     scale_halves(from + begin, end - begin, step, scaled);
-    const simd::scaled_halves* next = scaled;
+    const simd::scaled_halves* result = scaled;
     for (; c < end; c += segment_cols) {
-      // The next row comes to the caches while this row is computed.
-      simd::prefetch_ahead(from + c, n_col);
-      const simd::u8x32 q = simd::round_scaled(*next++, Width::low, Width::high);
+      simd::prefetch_ahead(next + c, lead);
+      simd::include(lanes, next + c);
+      const simd::u8x32 q = simd::round_scaled(*result++, Width::low, Width::high);
       Width::store(to + c / Width::per_word, q);
       sums = simd::add_bytes(sums, simd::flip_top_bits(q));
     }
   }
+  extremes = lanes;
   uint32_t sum = simd::sum(sums) - 128 * static_cast<uint32_t>(c);
   if (c == n_col) return static_cast<int32_t>(sum);
 
@@ -135,33 +138,44 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
   return static_cast<int32_t>(sum);
 }
 
+// Quantises rows and calls put(row, step, sum of the values) for each. A row has n_col / Width::per_word words.
+template <class Width, class Put>
+void quantise_half_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, typename Width::Word* dst, Put put) {
+  if (n_row == 0) return;
+  const uint64_t n_word = n_col / Width::per_word;
+  simd::half_extremes lanes = first_extremes(src, n_col);
+  for (uint64_t c = 0; c < whole_segments(n_col); c += segment_cols) simd::include(lanes, src + c);
+  for (uint64_t r = 0; r < n_row; ++r) {
+    const uint16_t* const from = src + r * n_col;
+    const uint16_t* const next = r + 1 < n_row ? from + n_col : from;  // the last row's result is not used
+    const HalfStep step = half_step_of<Width>(extremes_of(lanes, from, n_col));
+    lanes = first_extremes(next, n_col);
+    put(r, step, quantise_half_row<Width>(from, n_word * Width::per_word, step, dst + r * n_word, next, lanes));
+  }
+}
+
 }  // namespace
 
 void f16_rm_to_i8_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, int8_t* dst, int8_t* zero_points,
                      uint16_t* scales, int32_t* sums) {
-  for (uint64_t r = 0; r < n_row; ++r) {
-    const uint16_t* const from = src + r * n_col;
-    const HalfStep step = half_step_of<I8>(from, n_col);
-    zero_points[r] = stored_zero_point(step);
-    scales[r] = step.scale;
-    sums[r] = quantise_half_row<I8>(from, n_col, step, dst + r * n_col);
-  }
+  quantise_half_rows<I8>(n_row, n_col, src, dst, [&](uint64_t row, const HalfStep& step, int32_t sum) {
+    zero_points[row] = stored_zero_point(step);
+    scales[row] = step.scale;
+    sums[row] = sum;
+  });
 }
 
 void f16_rm_to_i4_rm(uint64_t n_row, uint64_t n_col, const uint16_t* src, uint32_t* dst, uint32_t* zero_points,
                      uint16_t* scales, int32_t* sums) {
-  const uint64_t words_per_row = n_col / 8;
   uint32_t packed = 0;
-  for (uint64_t r = 0; r < n_row; ++r) {
-    const uint16_t* const from = src + r * n_col;
-    const HalfStep step = half_step_of<I4>(from, n_col);
-    scales[r] = step.scale;
-    sums[r] = quantise_half_row<I4>(from, 8 * words_per_row, step, dst + r * words_per_row);
-    packed |= (static_cast<uint32_t>(stored_zero_point(step)) & 15) << 4 * (r % 8);
-    if (r % 8 != 7) continue;
-    zero_points[r / 8] |= packed;  // kept: words are not cleared first; a last group of fewer than 8 rows is dropped
+  quantise_half_rows<I4>(n_row, n_col, src, dst, [&](uint64_t row, const HalfStep& step, int32_t sum) {
+    scales[row] = step.scale;
+    sums[row] = sum;
+    packed |= (static_cast<uint32_t>(stored_zero_point(step)) & 15) << 4 * (row % 8);
+    if (row % 8 != 7) return;
+    zero_points[row / 8] |= packed;  // kept: words are not cleared first; a last group of fewer than 8 rows is dropped
     packed = 0;
-  }
+  });
 }
 
 }  // namespace tavik::inline MORUN_BACKEND
