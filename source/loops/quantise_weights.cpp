@@ -41,8 +41,8 @@ simd::half_extremes first_extremes(const uint16_t* row, uint64_t n_col) {
   return simd::half_extremes(n_col > 0 ? row[0] : uint16_t{0});
 }
 
-// Returns minimum and maximum of a row, whose whole segments are included in `lanes`. Both start at the row's first element.
-// The comparisons ignore NaN unless the row starts with one; then both results are NaN.
+// Returns minimum and maximum of a row, whose whole segments are already in `lanes`. Both start at the row's first
+// element. The comparisons ignore NaN unless the row starts with one; then both results are NaN.
 Extremes extremes_of(const simd::half_extremes& lanes, const uint16_t* row, uint64_t n_col) {
   if (n_col == 0) return {0, 0};
   const float first = simd::widen_bits(row[0]);
@@ -98,8 +98,8 @@ void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, si
   });
 }
 
-// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word. Includes the whole
-// segments of the next row in `extremes`: the next row comes from memory while this row is computed.
+// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word. Also includes
+// the whole segments of the next row in `extremes`: the next row comes from memory while this row is computed.
 template <class Width>
 int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to,
                           const uint16_t* next, simd::half_extremes& extremes) {
