@@ -137,7 +137,7 @@ void interleave_strip(const BandRows& rows, size_t strip, std::byte* to, NextBan
   }
 }
 
-void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows) {
+void separate_strips(const std::byte* from, size_t begin, size_t end, const BandRows& rows, NextBand& next) {
   for (size_t row = 0; row < band_rows; row += 2) {
     uint16_t* const even_row = halves(rows.at(row, begin * line_bytes));
     uint16_t* const odd_row = halves(rows.at(row + 1, begin * line_bytes));
@@ -150,6 +150,7 @@ void separate_strips(const std::byte* from, size_t begin, size_t end, const Band
         simd::store(even + i, simd::unzip_even(a, b));
         simd::store(odd + i, simd::unzip_odd(a, b));
       }
+      next.fetch(2 * line_bytes);
     }
   }
 }
@@ -216,8 +217,8 @@ void rows_to_strips(BandRows& rows, std::byte* data, std::byte* end, Put put) {
   }
 }
 
-// Calls take(pieces of the band, first strip, end strip) for groups of strips of each band, from the last group to the
-// first.
+// Calls take(pieces of the band, first strip, end strip, next band) for groups of strips of each band, from the last
+// group to the first. `take` prefetches as many bytes of the next band as it reads.
 template <class Take>
 void strips_to_rows(BandRows& rows, std::byte* data, std::byte* end, Take take) {
   NextBand next(data, end, rows.band_bytes());
@@ -226,9 +227,8 @@ void strips_to_rows(BandRows& rows, std::byte* data, std::byte* end, Take take) 
     next.start_after(band);
     for (size_t stop = rows.n_strips(), start; stop > 0; stop = start) {
       start = (stop - 1) / strips_at_once * strips_at_once;
-      take(band, start, stop);
+      take(band, start, stop, next);
       rows.return_after(start);
-      next.fetch((stop - start) * strip_bytes);
     }
   }
 }
@@ -263,7 +263,9 @@ void f16_ah_to_rows(uint64_t n_row, uint64_t n_col, uint16_t* data) {
     return block_unlinearize(n_row, n_col, 2, 1, 2, bytes);
   }
   strips_to_rows(rows, bytes, bytes + n_row * n_col * 2,
-                 [&](const std::byte* band, size_t start, size_t stop) { separate_strips(band, start, stop, rows); });
+                 [&](const std::byte* band, size_t start, size_t stop, NextBand& next) {
+                   separate_strips(band, start, stop, rows, next);
+                 });
 }
 
 void rows_to_word_columns(uint64_t n_bands, uint64_t words_per_row, WordMap map, std::byte* data) {
