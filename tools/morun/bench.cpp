@@ -7,9 +7,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "tools/morun/commands.h"
@@ -107,6 +109,7 @@ class Spans {
     end_ = reinterpret_cast<End*>(dlsym(RTLD_DEFAULT, "parlo_emulator_end_span"));
     if (begin_ == nullptr || end_ == nullptr) throw Error("--timeline: this platform writes no timeline");
     if (file == "1" || setenv("PARLO_TRACE", file.c_str(), 1) != 0) throw Misuse("--timeline: {} names no file", file);
+    refuse_unwritable(file);
   }
 
   template <typename Work>
@@ -117,6 +120,14 @@ class Spans {
   }
 
  private:
+  // The platform opens the file at its first call, and goes on without a timeline where it cannot. A pipe is not opened
+  // here, because its reader would take the closing for the end.
+  static void refuse_unwritable(std::string name) {
+    for (size_t at = 0; (at = name.find("%p", at)) != name.npos;) name.replace(at, 2, std::to_string(getpid()));
+    std::error_code ignored;
+    if (!std::filesystem::is_fifo(name, ignored)) OutputFile{name};
+  }
+
   using Begin = void(const char*);
   using End = void();
   Begin* begin_ = nullptr;

@@ -1,6 +1,7 @@
 #include "platform/emulator/client/timeline.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -132,6 +133,18 @@ void add_counter(std::string& events, const char* name, const char* unit, int pr
   append(events, ",\"args\":{\"%s\":%" PRIu64 "}}", unit, value);
 }
 
+// Empties a file, and keeps other processes' timelines from the file as long as this process has it open. The lock ends
+// when any descriptor of the file is closed. Returns the reason where the file cannot be taken, otherwise a null pointer.
+const char* take(int file) {
+  struct stat status = {};
+  if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+  struct flock whole_file = {};
+  whole_file.l_type = F_WRLCK;
+  whole_file.l_whence = SEEK_SET;
+  if (fcntl(file, F_SETLK, &whole_file) != 0 && errno == EAGAIN) return "another process writes a timeline there";
+  return ftruncate(file, 0) == 0 ? nullptr : std::strerror(errno);
+}
+
 }  // namespace
 
 void Timeline::choose(std::string_view pattern) {
@@ -146,16 +159,18 @@ void Timeline::begin_file() {
   process_ = getpid();
   std::string name = pattern_;
   for (size_t at = 0; (at = name.find("%p", at)) != name.npos;) name.replace(at, 2, std::to_string(process_));
-  file_ = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  file_ = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
   length_ = 0;
   ++n_file_;
-  if (file_ < 0) {
-    std::fprintf(stderr, "[parlo] PARLO_TRACE: cannot write %s: %s\n", name.c_str(), std::strerror(errno));
-    return;
-  }
-  if (const int moved = fcntl(file_, F_DUPFD_CLOEXEC, lowest_descriptor); moved >= 0) {
+  if (const int moved = file_ < 0 ? -1 : fcntl(file_, F_DUPFD_CLOEXEC, lowest_descriptor); moved >= 0) {
     close(file_);
     file_ = moved;
+  }
+  if (const char* const refusal = file_ < 0 ? std::strerror(errno) : take(file_)) {
+    std::fprintf(stderr, "[parlo] PARLO_TRACE: cannot write %s: %s\n", name.c_str(), refusal);
+    if (file_ >= 0) close(file_);
+    file_ = -1;
+    return;
   }
   std::string events;
   name_track(events, "process_name", process_, 0, "host");
