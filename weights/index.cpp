@@ -62,7 +62,8 @@ class IndexReader : public JsonEvents {
 
   bool string(std::string& file) override {
     if (!is_in_map_) return unexpected("a string");
-    if (file.empty() || file.find('/') != file.npos || file.find('\0') != file.npos || file == "." || file == "..")
+    if (file.empty() || file.find('/') != std::string::npos || file.find('\0') != std::string::npos || file == "." ||
+        file == "..")
       throw Error(MORUN_WEIGHTS_INDEX, "%s: tensor %s is in file %s, which is none of the index's folder",
                   path_.c_str(), in_quotes(tensor_).c_str(), in_quotes(file).c_str());
     files_[file].insert(tensor_);

@@ -21,7 +21,8 @@ const Dtype* dtype_of(const std::string& path, const std::string& type) {
   const bool is_single_byte = type.ends_with('1');
   const std::string_view orders = is_single_byte ? "<>=|" : "<=";
   for (const TypeName& name : type_names)
-    if (orders.find(type[0]) != orders.npos && type.substr(1) == name.kind_and_size) return dtype_by_name(name.dtype);
+    if (orders.find(type[0]) != std::string_view::npos && type.substr(1) == name.kind_and_size)
+      return dtype_by_name(name.dtype);
   throw Error(MORUN_WEIGHTS_NPY_TYPE, "%s: values of type %s are no little-endian numbers of a dtype of safetensors",
               path.c_str(), type.c_str());
 }

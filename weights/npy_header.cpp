@@ -78,7 +78,7 @@ class Parser {
     const char quote = accept('"') ? '"' : '\'';
     if (quote == '\'') expect(quote);
     const size_t end = rest_.find(quote);
-    if (end == rest_.npos) throw refusal("a quotation mark is not closed");
+    if (end == std::string_view::npos) throw refusal("a quotation mark is not closed");
     const std::string_view content = rest_.substr(0, end);
     rest_.remove_prefix(end + 1);
     return content;
