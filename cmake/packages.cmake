@@ -98,8 +98,8 @@ debian_package(development libmorun-dev libdevel "dense matrix products on a DSP
 if(MORUN_PARLO STREQUAL "emulator")
   debian_package(emulator libparlo-emulator devel "emulated DSP for programs that use libmorun"
     DESCRIPTION "Programs that use libmorun run on a DSP. Where this package is installed they
-      run on an emulated one: shared memory, sessions and a software matrix unit in
-      the program's own process.
+      run on an emulated one: shared memory, sessions and a software matrix unit,
+      in the program's own process or in a process for each session.
       .
       The emulated libparlo.so has a folder of its own, and hides no libparlo.so of
       the system from other programs. A header controls the emulator's limits and
