@@ -37,6 +37,7 @@ uint64_t whole_segments(uint64_t n_col) {
   return n_col / segment_cols * segment_cols;
 }
 
+// The extremes of a row's first element, to which the row's segments are added.
 simd::half_extremes first_extremes(const uint16_t* row, uint64_t n_col) {
   return simd::half_extremes(n_col > 0 ? row[0] : uint16_t{0});
 }
@@ -98,14 +99,15 @@ void scale_halves(const uint16_t* from, uint64_t n_col, const HalfStep& step, si
   });
 }
 
-// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word. Also includes
-// the whole segments of the next row in `extremes`: the next row comes from memory while this row is computed.
+// Quantises n_col values and returns their sum. n_col is a multiple of the number of values in a word. Also adds the
+// whole segments of the next row to `next_extremes`: the next row comes from memory while this row is computed.
 template <class Width>
 int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& step, typename Width::Word* to,
-                          const uint16_t* next, simd::half_extremes& extremes) {
-  constexpr uint64_t lead = 1024;  // halves between the prefetch and the use
+                          const uint16_t* next, simd::half_extremes& next_extremes) {
+  // Halves between the prefetch and the use. Prefetches may reach behind the matrix.
+  constexpr uint64_t lead = 1024;
   simd::i32x8 sums{};
-  simd::half_extremes lanes = extremes;
+  simd::half_extremes lanes = next_extremes;
   simd::scaled_halves scaled[scaled_cols / segment_cols];
   const uint64_t whole = whole_segments(n_col);
   uint64_t c = 0;
@@ -121,7 +123,7 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
       sums = simd::add_bytes(sums, simd::flip_top_bits(q));
     }
   }
-  extremes = lanes;
+  next_extremes = lanes;
   uint32_t sum = simd::sum(sums) - 128 * static_cast<uint32_t>(c);
   if (c == n_col) return static_cast<int32_t>(sum);
 
@@ -141,13 +143,16 @@ int32_t quantise_half_row(const uint16_t* from, uint64_t n_col, const HalfStep& 
 // Quantises rows and calls put(row, step, sum of the values) for each. A row has n_col / Width::per_word words.
 template <class Width, class Put>
 void quantise_half_rows(uint64_t n_row, uint64_t n_col, const uint16_t* src, typename Width::Word* dst, Put put) {
+  // A row has as many whole segments as its whole words have.
+  static_assert(segment_cols % Width::per_word == 0);
   if (n_row == 0) return;
   const uint64_t n_word = n_col / Width::per_word;
   simd::half_extremes lanes = first_extremes(src, n_col);
   for (uint64_t c = 0; c < whole_segments(n_col); c += segment_cols) simd::include(lanes, src + c);
   for (uint64_t r = 0; r < n_row; ++r) {
     const uint16_t* const from = src + r * n_col;
-    const uint16_t* const next = r + 1 < n_row ? from + n_col : from;  // the last row's result is not used
+    // Behind the last row there is none. The last row's own extremes are then computed once more, and not used.
+    const uint16_t* const next = r + 1 < n_row ? from + n_col : from;
     const HalfStep step = half_step_of<Width>(extremes_of(lanes, from, n_col));
     lanes = first_extremes(next, n_col);
     put(r, step, quantise_half_row<Width>(from, n_word * Width::per_word, step, dst + r * n_word, next, lanes));
